@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Shared by scripts/run and scripts/test: install what is missing, then configure and build.
+# Usage: source scripts/setup.sh; tonavi_install; tonavi_build <build-dir> [cmake args...]
+set -euo pipefail
+
+TONAVI_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+TONAVI_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev)
+
+tonavi_install() {
+    local missing=()
+    for p in "${TONAVI_PACKAGES[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+    done
+    if [ ${#missing[@]} -gt 0 ]; then
+        echo "installing: ${missing[*]}"
+        local sudo=""
+        [ "$(id -u)" -eq 0 ] || sudo="sudo"
+        export DEBIAN_FRONTEND=noninteractive
+        $sudo apt-get update -qq
+        $sudo apt-get install -y -qq "${missing[@]}"
+    fi
+}
+
+tonavi_build() {
+    local dir="$1"; shift
+    cmake -S "$TONAVI_ROOT" -B "$dir" -G Ninja "$@" >/dev/null
+    cmake --build "$dir" -j "$(nproc)"
+}
