@@ -9,7 +9,10 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 namespace tonavi {
 
@@ -88,6 +91,8 @@ public:
         }
     }
     void after(std::chrono::nanoseconds delay, Closure work);
+    // Runs work once the queue's clock reaches `when`.
+    void at(DispatchTime when, Closure work);
     void after(std::chrono::nanoseconds delay, const WorkItemRef& item);
     void afterSeconds(double seconds, Closure work);
 
