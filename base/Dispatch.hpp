@@ -141,8 +141,9 @@ public:
     void resume();
     void cancel();
 
-private:
     struct Shared;
+
+private:
     std::shared_ptr<Shared> shared_;
 };
 
