@@ -1,0 +1,122 @@
+#include "service/TonaviControlServer.hpp"
+
+#include "base/Log.hpp"
+#include "base/Paths.hpp"
+#include "core/wire/ControlTransport.hpp"
+#include "core/wire/RawSocket.hpp"
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tonavi {
+
+TonaviControlServer::TonaviControlServer(TonaviRuntime& runtime, std::string path)
+    : runtime_(runtime), path_(std::move(path)) {}
+
+void TonaviControlServer::start() {
+    Paths::createDirectories(std::filesystem::path(path_).parent_path().string());
+    // Safe: the caller holds the single-instance lock, so this file is a leftover, never a live server's.
+    ::unlink(path_.c_str());
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) throw std::system_error(EADDRNOTAVAIL, std::generic_category());
+    sockaddr_un address{};
+    if (!RawSocket::makeAddress(path_, address)) {
+        ::close(fd);
+        Log::info("tonavi: control socket path too long (" + std::to_string(path_.size()) +
+                  " bytes); not starting");
+        throw std::system_error(ENAMETOOLONG, std::generic_category());
+    }
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        throw std::system_error(EADDRINUSE, std::generic_category());
+    }
+    if (::listen(fd, 16) != 0) {
+        ::close(fd);
+        throw std::system_error(EADDRINUSE, std::generic_category());
+    }
+    ::chmod(path_.c_str(), 0600);
+    listenFD_.store(fd);
+    running_.store(true);
+    Log::info("tonavi control server listening at " + path_);
+    std::thread(acceptLoop, weak_from_this(), fd).detach();
+}
+
+void TonaviControlServer::stop() {
+    running_.store(false);
+    int fd = listenFD_.exchange(-1);
+    if (fd >= 0) {
+        // shutdown wakes an accept blocked on this descriptor; close alone does not on Linux.
+        ::shutdown(fd, SHUT_RDWR);
+        ::close(fd);
+    }
+    ::unlink(path_.c_str());
+}
+
+void TonaviControlServer::acceptLoop(std::weak_ptr<TonaviControlServer> weak, int listenFD) {
+    for (;;) {
+        {
+            auto server = weak.lock();
+            if (!server || !server->running_.load()) return;
+        }
+        int fd = ::accept4(listenFD, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd >= 0) {
+            std::thread([weak, fd] {
+                if (auto server = weak.lock()) {
+                    server->serve(fd);
+                } else {
+                    ::close(fd);
+                }
+            }).detach();
+            continue;
+        }
+        auto server = weak.lock();
+        if (!server || !server->running_.load()) return;
+        // A persistent accept failure must not spin.
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+void TonaviControlServer::serve(int fd) {
+    timeval tv = RawSocket::socketTimeout(connectionTimeoutSeconds);
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    try {
+        Bytes payload = ControlTransport::readFrame(fd);
+        TonaviRequest request = decodeRequest(payload);
+
+        // The box outlives this wait: a completion that arrives after the time-out writes into it and is
+        // then dropped with it.
+        struct ReplyBox {
+            std::mutex lock;
+            std::condition_variable signal;
+            bool done = false;
+            TonaviReply reply = TonaviReply::failure(timeoutMessage);
+        };
+        auto box = std::make_shared<ReplyBox>();
+        runtime_.handleAsync(request, [box](TonaviReply reply) {
+            std::lock_guard<std::mutex> guard(box->lock);
+            box->reply = std::move(reply);
+            box->done = true;
+            box->signal.notify_all();
+        });
+        TonaviReply reply;
+        {
+            std::unique_lock<std::mutex> guard(box->lock);
+            box->signal.wait_for(guard, std::chrono::duration<double>(replyWaitSeconds), [&] { return box->done; });
+            reply = box->reply;
+        }
+        ControlTransport::writeFrame(fd, encodeReply(reply));
+    } catch (const std::exception& e) {
+        Log::info(std::string("tonavi control connection error: ") + e.what());
+    }
+    ::close(fd);
+}
+
+}  // namespace tonavi

@@ -1,0 +1,64 @@
+// The service's entry: one instance per user, a control socket, and an orderly stop on SIGTERM.
+
+#include "base/Dispatch.hpp"
+#include "base/Log.hpp"
+#include "base/Paths.hpp"
+#include "service/TonaviControlServer.hpp"
+#include "service/TonaviRuntime.hpp"
+#include "service/TonaviTapWorkerMain.hpp"
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+using namespace tonavi;
+
+namespace {
+// Process-wide values; none is ever released, since the process ends with _exit.
+int lockFD = -1;
+TonaviRuntime* runtime = nullptr;
+std::shared_ptr<TonaviControlServer> server;
+SignalSource* termination = nullptr;
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    TonaviTapWorkerMain::runIfRequested(argc, argv);
+
+    std::string supportDirectory = Paths::supportDirectory();
+    Paths::createDirectories(supportDirectory);  // a failure shows up as a failed lock next
+
+    std::string lockPath = supportDirectory + "/service.lock";
+    lockFD = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lockFD < 0 || ::flock(lockFD, LOCK_EX | LOCK_NB) != 0) {
+        Log::info("Tonavi service: another instance already owns the runtime; exiting");
+        return 0;
+    }
+
+    std::string version = TonaviRuntime::versionFromEnvironment();
+    Log::info("Tonavi service " + version + " starting");
+
+    runtime = new TonaviRuntime(version);
+
+    server = std::make_shared<TonaviControlServer>(*runtime, Paths::controlSocketPath());
+    try {
+        server->start();
+    } catch (const std::exception& e) {
+        Log::info(std::string("Tonavi control server failed to start: ") + e.what());
+        return 1;
+    }
+
+    // Ignore first, so that only the source acts on the signal.
+    std::signal(SIGTERM, SIG_IGN);
+    termination = new SignalSource(SIGTERM, DispatchQueue::main(), [] {
+        Log::info("Tonavi service shutting down");
+        runtime->serialQueue().sync([] { runtime->releaseTapsThenStop(); });
+        server->stop();
+        _exit(0);
+    });
+    termination->resume();
+
+    Log::info("Tonavi service ready");
+    DispatchQueue::runMain();
+}
