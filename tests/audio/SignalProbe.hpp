@@ -1,0 +1,37 @@
+#pragma once
+// Test signals and measurements for processors that work on interleaved stereo floats.
+
+#include <cmath>
+#include <cstddef>
+#include <numbers>
+#include <span>
+#include <vector>
+
+namespace kavore::test {
+
+// frames of a sine of the given peak amplitude, the same on both channels, starting at phase.
+inline std::vector<float> stereoSine(double hz, double amplitude, double sampleRate, std::size_t frames,
+                                     std::size_t startFrame = 0) {
+    std::vector<float> buffer(frames * 2);
+    for (std::size_t i = 0; i < frames; ++i) {
+        const double t = static_cast<double>(startFrame + i) / sampleRate;
+        const auto s = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * hz * t));
+        buffer[2 * i] = s;
+        buffer[2 * i + 1] = s;
+    }
+    return buffer;
+}
+
+inline double rms(std::span<const float> samples) {
+    double sum = 0.0;
+    for (const float s : samples) {
+        sum += static_cast<double>(s) * static_cast<double>(s);
+    }
+    return samples.empty() ? 0.0 : std::sqrt(sum / static_cast<double>(samples.size()));
+}
+
+inline double dbRatio(double out, double in) { return 20.0 * std::log10(out / in); }
+
+inline double dbToLinear(double db) { return std::pow(10.0, db / 20.0); }
+
+} // namespace kavore::test
