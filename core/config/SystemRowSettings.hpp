@@ -1,0 +1,34 @@
+#pragma once
+// Settings of the mixer's system row: sound effects routing, input metering and the system chain.
+
+#include "audio/ChainSettings.hpp"
+#include "audio/LevelerSettings.hpp"
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tonavi {
+
+enum class InputMeteringMode { passive, active, disabled };
+
+std::string_view inputMeteringModeName(InputMeteringMode mode);
+std::optional<InputMeteringMode> inputMeteringModeFromName(std::string_view name);
+
+struct SystemRowSettings {
+    std::string soundEffectsDeviceUID;
+    bool soundEffectsFollowsOutput = false;
+    InputMeteringMode inputMetering = InputMeteringMode::passive;
+    kavore::ChainSettings systemChain = kavore::ChainSettings::empty();
+    kavore::LevelerSettings systemMagicBoost = kavore::LevelerSettings::off();
+
+    static SystemRowSettings defaults() { return SystemRowSettings(); }
+
+    bool operator==(const SystemRowSettings&) const = default;
+};
+
+void to_json(nlohmann::json& j, const SystemRowSettings& value);
+void from_json(const nlohmann::json& j, SystemRowSettings& value);
+
+}  // namespace tonavi
