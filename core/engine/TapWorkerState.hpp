@@ -34,4 +34,9 @@ struct TapWorkerState {
     bool operator==(const TapWorkerState&) const = default;
 };
 
+// JSON keys are the field names; `followMeHero` is omitted when absent. Reading is strict: every
+// other key is required, and a missing or mistyped one raises ConfigDecodeError.
+void to_json(nlohmann::json& json, const TapWorkerState& state);
+void from_json(const nlohmann::json& json, TapWorkerState& state);
+
 }  // namespace tonavi
