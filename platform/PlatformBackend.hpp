@@ -1,0 +1,42 @@
+#pragma once
+// The backend that carries the platform boundary in this process, chosen once from
+// TONAVI_AUDIO_BACKEND and inherited by child processes (the variable is set when absent).
+// Only the simulated machine exists so far, so "sim" is the default; "pipewire" is refused until
+// that backend is built.
+
+#include <memory>
+#include <string>
+
+#include "platform/AudioHardware.hpp"
+#include "platform/Workspace.hpp"
+
+namespace tonavi {
+
+class PlatformBackend {
+public:
+    static constexpr const char* environmentVariable = "TONAVI_AUDIO_BACKEND";
+    static constexpr const char* worldVariable = "TONAVI_SIM_WORLD";
+
+    // The process's backend, made at the first call; nullptr with a message when it cannot be made.
+    static PlatformBackend* current(std::string* error = nullptr);
+    // Replaces the process's backend (tests that drive a private machine).
+    static void install(std::unique_ptr<PlatformBackend> backend);
+
+    // The backend name the environment asks for, "sim" when it asks for none.
+    static std::string requestedName();
+    // TONAVI_SIM_WORLD, else "sim-world.json" in the support folder.
+    static std::string simWorldPath();
+
+    PlatformBackend(std::string name, std::shared_ptr<AudioHardware> audio, std::shared_ptr<Workspace> workspace);
+    const std::string& name() const { return name_; }
+    AudioHardware& audio() { return *audio_; }
+    Workspace& workspace() { return *workspace_; }
+    const std::shared_ptr<AudioHardware>& sharedAudio() const { return audio_; }
+
+private:
+    std::string name_;
+    std::shared_ptr<AudioHardware> audio_;
+    std::shared_ptr<Workspace> workspace_;
+};
+
+}  // namespace tonavi
