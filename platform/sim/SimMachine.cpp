@@ -123,8 +123,11 @@ void SimMachine::watchTick() {
     if (++ticks_ % std::max<long>(1, 500 / std::max<long>(1, options_.watchInterval.count())) != 0) return;
     bool sweep = false;
     {
+        // A process that died leaves its taps behind in the file; its death changed nothing on
+        // disk, so look at the owners themselves.
         std::lock_guard<std::mutex> guard(mutex_);
-        sweep = orphansOnDisk_;
+        SimWorld probe = *world_;
+        sweep = orphansOnDisk_ || filterOrphans(probe);
     }
     if (sweep) {
         mutate([this](SimWorld& w) { return filterOrphans(w) ? std::string() : std::string(refused); });
