@@ -1,0 +1,262 @@
+// Process taps on the simulated machine: a tap silences its process on the direct path while an IO
+// proc reads it, and delivers the process's tone into the IO proc's input; stream usage, buffer
+// sizes, recording and the manual clock that steps the cycles.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <numbers>
+
+#include "platform/sim/SimMachine.hpp"
+#include "SimTestSupport.hpp"
+
+namespace tonavi {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Amplitude of the `frequency` component of `samples`, by correlation with a sine and a cosine.
+double amplitudeAt(const std::vector<float>& samples, double frequency, double rate) {
+    double s = 0, c = 0;
+    for (std::size_t i = 0; i < samples.size(); ++i) {
+        const double phase = 2.0 * std::numbers::pi * frequency * static_cast<double>(i) / rate;
+        s += samples[i] * std::sin(phase);
+        c += samples[i] * std::cos(phase);
+    }
+    return 2.0 * std::sqrt(s * s + c * c) / static_cast<double>(samples.size());
+}
+
+class SimTapTest : public ::testing::Test {
+protected:
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    SimMachine machine{SimWorld::preset(), SimMachine::Options{clock, 20ms}};
+
+    const std::string speakers = "BuiltInSpeakerDevice";
+    const std::string usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
+
+    AudioObjectID processOf(const std::string& bundleID) {
+        for (const auto& p : machine.world()->processes)
+            if (p.bundleID == bundleID) return p.id;
+        return 0;
+    }
+    AudioObjectID makeAggregate(const std::string& uid, std::vector<std::string> subDevices,
+                                const std::string& tapUUID) {
+        AggregateDeviceDescription d;
+        d.uid = uid;
+        d.name = "Tonavi test";
+        d.isPrivate = true;
+        d.mainSubDevice = subDevices.front();
+        for (auto& s : subDevices) d.subDevices.push_back({s, true});
+        d.taps = {{tapUUID, true}};
+        AudioObjectID id = 0;
+        EXPECT_EQ(machine.createAggregateDevice(d, id), noErr);
+        return id;
+    }
+};
+
+TEST_F(SimTapTest, TapMutesItsProcessWhileReadAndDeliversItsTone) {
+    using Heard = std::vector<std::string>;
+    EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"});  // the agent plays silence
+
+    auto description = TapDescription::stereoMixdown({processOf("com.apple.Music")});
+    description.name = "Tonavi com.apple.Music";
+    description.isPrivate = true;
+    description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
+    AudioObjectID tap = 0;
+    ASSERT_EQ(machine.createProcessTap(description, tap), noErr);
+    std::string tapUID;
+    ASSERT_EQ(machine.get(tap, globalAddress(kAudioTapPropertyUID), tapUID), noErr);
+    EXPECT_EQ(tapUID, description.uuid);
+    EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"});  // nobody reads the tap yet
+
+    const auto aggregate = makeAggregate("com.brelmoor.tonavi.agg.com.apple.Music.1", {speakers}, tapUID);
+    AudioStreamConfiguration inputs;
+    ASSERT_EQ(machine.get(aggregate,
+                          scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
+                          inputs),
+              noErr);
+    EXPECT_EQ(inputs.channelsPerBuffer, std::vector<std::uint32_t>{2});  // the speakers have no input
+
+    std::vector<float> left;
+    left.reserve(48000);
+    int cycles = 0;
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  aggregate, nullptr,
+                  [&](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
+                      ++cycles;
+                      const auto& tapBuffer = in.mBuffers[0];
+                      const auto* samples = static_cast<const float*>(tapBuffer.mData);
+                      const auto frames = tapBuffer.mDataByteSize / 4 / tapBuffer.mNumberChannels;
+                      auto* dest = static_cast<float*>(out.mBuffers[0].mData);
+                      for (std::uint32_t f = 0; f < frames; ++f) {
+                          left.push_back(samples[f * 2]);
+                          dest[f * 2] = samples[f * 2];
+                          dest[f * 2 + 1] = samples[f * 2 + 1];
+                      }
+                  },
+                  proc),
+              noErr);
+    ASSERT_EQ(machine.deviceStart(aggregate, proc), noErr);
+    EXPECT_TRUE(machine.directlyAudible(speakers).empty());
+
+    clock->advance(200ms);
+    // 512 frames at 48 kHz is 10.67 ms: 18 whole cycles fit in 200 ms.
+    EXPECT_EQ(cycles, 18);
+    ASSERT_EQ(left.size(), 18u * 512u);
+    const double expected = std::pow(10.0, -12.0 / 20.0);  // Music's tone: 440 Hz at -12 dBFS
+    EXPECT_NEAR(amplitudeAt(left, 440.0, 48000.0), expected, expected * 0.02);
+    EXPECT_LT(amplitudeAt(left, 1000.0, 48000.0), 0.005);  // nothing of Safari's tone
+
+    const auto meter = machine.ioMeter(proc);
+    ASSERT_TRUE(meter.has_value());
+    EXPECT_NEAR(meter->peakDB, -12.0, 0.1);
+    EXPECT_NEAR(meter->rmsDB, -12.0 - 3.01, 0.1);
+    EXPECT_NEAR(meter->frequency, 440.0, 15.0);
+
+    // Music stops: the tap goes quiet at once.
+    ASSERT_EQ(machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, std::nullopt); }), "");
+    left.clear();
+    clock->advance(50ms);
+    ASSERT_FALSE(left.empty());
+    EXPECT_EQ(*std::max_element(left.begin(), left.end()), 0.0f);
+
+    ASSERT_EQ(machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", true, std::nullopt); }), "");
+    ASSERT_EQ(machine.deviceStop(aggregate, proc), noErr);
+    EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"});
+    EXPECT_EQ(machine.destroyIOProcID(aggregate, proc), noErr);
+    EXPECT_EQ(machine.destroyAggregateDevice(aggregate), noErr);
+    EXPECT_EQ(machine.destroyProcessTap(tap), noErr);
+    EXPECT_EQ(machine.destroyProcessTap(tap), kAudioHardwareBadObjectError);
+}
+
+TEST_F(SimTapTest, DeviceStreamTapHearsOneDeviceAndStreamUsageHidesTheMicrophone) {
+    auto description = TapDescription::deviceStream({processOf("com.apple.Music")}, usb, 0);
+    description.muteBehavior = TapMuteBehavior::muted;
+    AudioObjectID tap = 0;
+    ASSERT_EQ(machine.createProcessTap(description, tap), noErr);
+    // Music plays on the speakers, so a tap on the headphones neither hears nor silences it.
+    EXPECT_EQ(machine.directlyAudible(speakers), std::vector<std::string>{"com.apple.Music"});
+
+    const auto aggregate = makeAggregate("agg.usb", {usb, "BuiltInMicrophoneDevice"}, description.uuid);
+    AudioStreamConfiguration inputs;
+    ASSERT_EQ(machine.get(aggregate,
+                          scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
+                          inputs),
+              noErr);
+    EXPECT_EQ(inputs.channelsPerBuffer, (std::vector<std::uint32_t>{1, 2}));  // microphone, then the tap
+
+    ASSERT_EQ(machine.set(aggregate, globalAddress(kAudioDevicePropertyBufferFrameSize), std::uint32_t{128}), noErr);
+
+    std::vector<float> tapLeft;
+    tapLeft.reserve(48000);
+    int micWithData = 0;
+    std::uint32_t framesSeen = 0;
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  aggregate, nullptr,
+                  [&](const AudioBufferList& in, AudioBufferList&, const AudioTimeStamp&) {
+                      micWithData += in.mBuffers[0].mData != nullptr ? 1 : 0;
+                      const auto& t = in.mBuffers[1];
+                      framesSeen = t.mDataByteSize / 4 / t.mNumberChannels;
+                      for (std::uint32_t f = 0; f < framesSeen; ++f)
+                          tapLeft.push_back(static_cast<const float*>(t.mData)[f * 2]);
+                  },
+                  proc),
+              noErr);
+    const auto usage = scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput);
+    EXPECT_EQ(machine.set(aggregate, usage, AudioHardwareIOProcStreamUsage{proc, {0}}),
+              kAudioHardwareBadPropertySizeError);
+    ASSERT_EQ(machine.set(aggregate, usage, AudioHardwareIOProcStreamUsage{proc, {0, 1}}), noErr);
+    AudioHardwareIOProcStreamUsage readBack{proc, {}};
+    ASSERT_EQ(machine.get(aggregate, usage, readBack), noErr);
+    EXPECT_EQ(readBack.mStreamIsOn, (std::vector<std::uint32_t>{0, 1}));
+
+    ASSERT_EQ(machine.deviceStart(aggregate, proc), noErr);
+    clock->advance(20ms);
+    EXPECT_EQ(framesSeen, 128u);
+    EXPECT_EQ(micWithData, 0);
+    EXPECT_LT(amplitudeAt(tapLeft, 440.0, 48000.0), 1e-6);
+
+    // Routed to the headphones, Music reaches the tap and leaves the headphones' direct path.
+    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.routeProcess("com.apple.Music", usb); }), "");
+    EXPECT_TRUE(machine.directlyAudible(usb).empty());
+    tapLeft.clear();
+    clock->advance(100ms);
+    EXPECT_NEAR(amplitudeAt(tapLeft, 440.0, 48000.0), std::pow(10.0, -12.0 / 20.0), 0.01);
+    EXPECT_EQ(machine.deviceStop(aggregate, proc), noErr);
+}
+
+TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriod) {
+    std::vector<AudioTimeStamp> stamps;
+    AudioDeviceIOProcID proc = 0;
+    const auto speakersID = machine.world()->deviceByUID(speakers)->id;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  speakersID, nullptr,
+                  [&](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp& t) { stamps.push_back(t); },
+                  proc),
+              noErr);
+    const auto start = machine.currentHostTime();
+    ASSERT_EQ(machine.deviceStart(speakersID, proc), noErr);
+    clock->advance(10ms);
+    EXPECT_TRUE(stamps.empty());  // one cycle takes 10.67 ms
+    clock->advance(1ms);
+    ASSERT_EQ(stamps.size(), 1u);
+    const std::uint64_t period = 10'666'667;  // 512 / 48000 s in nanoseconds
+    EXPECT_EQ(stamps[0].mHostTime, start + period);
+    EXPECT_EQ(stamps[0].mSampleTime, 0.0);
+    EXPECT_TRUE(stamps[0].mFlags & kAudioTimeStampHostTimeValid);
+    clock->advance(1s);
+    ASSERT_EQ(stamps.size(), 94u);  // floor(1.011 s / 10.67 ms)
+    EXPECT_EQ(stamps[93].mSampleTime, 93.0 * 512.0);
+    EXPECT_EQ(machine.currentHostTime() - start, 1'011'000'000u);
+    EXPECT_EQ(machine.convertHostTimeToNanos(1234), 1234u);
+
+    ASSERT_EQ(machine.deviceStop(speakersID, proc), noErr);
+    clock->advance(1s);
+    EXPECT_EQ(stamps.size(), 94u);
+}
+
+TEST_F(SimTapTest, RecordingWritesWhatTheBlockPlayed) {
+    test::TempFolder folder;
+    const auto speakersID = machine.world()->deviceByUID(speakers)->id;
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(speakersID, nullptr,
+                                              [](const AudioBufferList&, AudioBufferList& out, const AudioTimeStamp&) {
+                                                  auto* d = static_cast<float*>(out.mBuffers[0].mData);
+                                                  const auto frames = out.mBuffers[0].mDataByteSize / 8;
+                                                  for (std::uint32_t f = 0; f < frames; ++f) {
+                                                      d[f * 2] = 0.5f;
+                                                      d[f * 2 + 1] = -0.25f;
+                                                  }
+                                              },
+                                              proc),
+              noErr);
+    EXPECT_EQ(machine.startRecording(proc, folder.file("out.wav"), 0.05), "IO proc 1 is not running");
+    ASSERT_EQ(machine.deviceStart(speakersID, proc), noErr);
+    ASSERT_EQ(machine.startRecording(proc, folder.file("out.wav"), 0.05), "");
+    clock->advance(100ms);
+    ASSERT_EQ(machine.stopRecording(proc), "");
+    EXPECT_EQ(machine.stopRecording(proc), "no recording is running");
+
+    std::ifstream in(folder.file("out.wav"), std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // 0.05 s at 48 kHz is 2400 stereo frames of 4-byte floats behind a 58-byte header.
+    ASSERT_EQ(bytes.size(), 58u + 2400u * 2u * 4u);
+    EXPECT_EQ(std::string(bytes.data(), 4), "RIFF");
+    EXPECT_EQ(std::string(bytes.data() + 8, 4), "WAVE");
+    auto u16 = [&](std::size_t at) { return static_cast<unsigned>(static_cast<unsigned char>(bytes[at]) |
+                                                                   static_cast<unsigned char>(bytes[at + 1]) << 8); };
+    EXPECT_EQ(u16(20), 3u);  // IEEE float
+    EXPECT_EQ(u16(22), 2u);  // channels
+    EXPECT_EQ(u16(24) | u16(26) << 16, 48000u);
+    float first[2];
+    std::memcpy(first, bytes.data() + 58, sizeof first);
+    EXPECT_EQ(first[0], 0.5f);
+    EXPECT_EQ(first[1], -0.25f);
+}
+
+}  // namespace
+}  // namespace tonavi
