@@ -68,7 +68,8 @@ SimDevice deviceFromJSON(const json& j) {
     d.transport = codeFrom(j, "transport");
     d.inputStreams = j.value("inputStreams", std::vector<std::uint32_t>{});
     d.outputStreams = j.value("outputStreams", std::vector<std::uint32_t>{});
-    for (auto& [key, value] : j.value("volumeElements", json::object()).items()) {
+    const json volumes = j.value("volumeElements", json::object());
+    for (auto& [key, value] : volumes.items()) {
         d.volumeElements[static_cast<std::uint32_t>(std::stoul(key))] = value.get<float>();
     }
     d.hasVirtualMainVolume = j.value("hasVirtualMainVolume", false);
