@@ -9,6 +9,7 @@
 #include "audio/ChainSettingsJSON.hpp"
 #include "audio/EffectSettingsJSON.hpp"
 #include "audio/GlobalListeningSettingsJSON.hpp"
+#include "audio/HeadphoneProfileJSON.hpp"
 #include "core/config/ConfigDecodeError.hpp"
 
 #include <cstdint>
@@ -47,6 +48,7 @@ T as(const json& j) {
     else if constexpr (std::is_same_v<T, kavore::ChainSettings>) return kavore::chainSettingsFromJSON(j);
     else if constexpr (std::is_same_v<T, kavore::LevelerSettings>) return kavore::levelerSettingsFromJSON(j);
     else if constexpr (std::is_same_v<T, kavore::EQPreset>) return kavore::eqPresetFromJSON(j);
+    else if constexpr (std::is_same_v<T, kavore::HeadphoneProfile>) return kavore::headphoneProfileFromJSON(j);
     else if constexpr (std::is_same_v<T, kavore::GlobalListeningSettings>)
         return kavore::globalListeningSettingsFromJSON(j);
     else return j.get<T>();

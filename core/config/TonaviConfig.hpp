@@ -4,6 +4,7 @@
 
 #include "audio/EQPreset.hpp"
 #include "audio/GlobalListeningSettings.hpp"
+#include "audio/HeadphoneProfile.hpp"
 #include "core/config/AppAudioState.hpp"
 #include "core/config/AutoDuckRule.hpp"
 #include "core/config/BluetoothDeviceMemory.hpp"
@@ -41,6 +42,7 @@ struct TonaviConfig {
     UIPreferences ui = UIPreferences::defaults();
     SystemRowSettings systemRows = SystemRowSettings::defaults();
     std::vector<kavore::EQPreset> customEQPresets;
+    std::vector<kavore::HeadphoneProfile> headphoneProfiles;
     bool stageModePersisted = false;
     bool startAtLogin = false;
     bool superVolumeKeys = true;

@@ -23,6 +23,7 @@ void to_json(json& j, const TonaviConfig& v) {
     j["ui"] = v.ui;
     j["systemRows"] = v.systemRows;
     j["customEQPresets"] = arrayJSON(v.customEQPresets);
+    j["headphoneProfiles"] = arrayJSON(v.headphoneProfiles);
     j["stageModePersisted"] = v.stageModePersisted;
     j["startAtLogin"] = v.startAtLogin;
     j["superVolumeKeys"] = v.superVolumeKeys;
@@ -52,6 +53,7 @@ void from_json(const json& j, TonaviConfig& v) {
     readOptional(j, "ui", out.ui);
     readOptional(j, "systemRows", out.systemRows);
     readOptionalArray(j, "customEQPresets", out.customEQPresets);
+    readOptionalArray(j, "headphoneProfiles", out.headphoneProfiles);
     readOptional(j, "stageModePersisted", out.stageModePersisted);
     readOptional(j, "startAtLogin", out.startAtLogin);
     readOptional(j, "superVolumeKeys", out.superVolumeKeys);
