@@ -195,19 +195,19 @@ void EngagementEngine::storeTapLocked(const std::string& bundleID, TapHandlePtr 
 std::shared_ptr<kavore::RenderChain> EngagementEngine::makeChain(const kavore::ChainSettings& settings) const {
     auto chain = std::make_shared<kavore::RenderChain>();
     std::weak_ptr<EngagementEngine*> weak = anchor_;
-    chain->externalAURender = [weak](const std::string& slotID, std::span<float> buffer) {
+    chain->setExternalAURender([weak](const std::string& slotID, std::span<float> buffer) {
         if (auto anchor = weak.lock()) {
             const auto& bridge = (*anchor)->externalAURender_;
             if (bridge) bridge(slotID, buffer);
         }
-    };
-    chain->externalAULatencySamples = [weak](const std::string& slotID) -> int {
+    });
+    chain->setExternalAULatencySamples([weak](const std::string& slotID) -> int {
         if (auto anchor = weak.lock()) {
             const auto& bridge = (*anchor)->externalAULatency_;
             if (bridge) return bridge(slotID);
         }
         return 0;
-    };
+    });
     chain->configure(settings, sampleRate_);
     return chain;
 }
