@@ -60,7 +60,6 @@ constexpr AudioObjectPropertySelector kAudioObjectPropertyName = fourCharCode("l
 constexpr AudioObjectPropertySelector kAudioProcessPropertyPID = fourCharCode("ppid");
 constexpr AudioObjectPropertySelector kAudioProcessPropertyBundleID = fourCharCode("pbid");
 constexpr AudioObjectPropertySelector kAudioProcessPropertyDevices = fourCharCode("pdv#");
-constexpr AudioObjectPropertySelector kAudioProcessPropertyIsRunning = fourCharCode("pir?");
 constexpr AudioObjectPropertySelector kAudioProcessPropertyIsRunningInput = fourCharCode("piri");
 constexpr AudioObjectPropertySelector kAudioProcessPropertyIsRunningOutput = fourCharCode("piro");
 

@@ -106,9 +106,6 @@ OSStatus readProcess(const SimWorld& w, const SimProcess& p, const AudioObjectPr
     switch (a.mSelector) {
     case kAudioProcessPropertyPID: v = static_cast<std::int32_t>(p.pid); return noErr;
     case kAudioProcessPropertyBundleID: v = p.bundleID; return noErr;
-    case kAudioProcessPropertyIsRunning:
-        v = static_cast<std::uint32_t>(p.runningOutput || p.runningInput ? 1 : 0);
-        return noErr;
     case kAudioProcessPropertyIsRunningOutput: v = static_cast<std::uint32_t>(p.runningOutput ? 1 : 0); return noErr;
     case kAudioProcessPropertyIsRunningInput: v = static_cast<std::uint32_t>(p.runningInput ? 1 : 0); return noErr;
     case kAudioProcessPropertyDevices: {
@@ -158,8 +155,7 @@ std::vector<AudioObjectPropertyAddress> addressesOfDevice() {
 
 std::vector<AudioObjectPropertyAddress> addressesOfProcess() {
     std::vector<AudioObjectPropertyAddress> list;
-    for (auto s : {kAudioProcessPropertyPID, kAudioProcessPropertyBundleID, kAudioProcessPropertyIsRunning,
-                   kAudioProcessPropertyIsRunningOutput, kAudioProcessPropertyIsRunningInput})
+    for (auto s : {kAudioProcessPropertyPID, kAudioProcessPropertyBundleID, kAudioProcessPropertyIsRunningOutput, kAudioProcessPropertyIsRunningInput})
         list.push_back(globalAddress(s));
     for (auto scope : {kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyScopeOutput, kAudioObjectPropertyScopeInput})
         list.push_back(scopedAddress(kAudioProcessPropertyDevices, scope));

@@ -373,7 +373,9 @@ std::string SimWorld::activate(const std::string& bundleID) {
 
 std::string SimWorld::failNext(SimOperation operation, int count, OSStatus status, std::uint32_t selector) {
     if (count < 0) return "a fault count is not negative";
-    if (status == noErr && count > 0) return "a fault needs a non-zero status";
+    // A write that reports success and changes nothing is how a switch that never happens looks.
+    if (status == noErr && count > 0 && operation != SimOperation::setProperty)
+        return "a fault needs a non-zero status (only a write can be dropped silently)";
     std::erase_if(faults, [&](const Fault& f) { return f.operation == operation && f.selector == selector; });
     if (count > 0) faults.push_back({operation, selector, count, status});
     return {};

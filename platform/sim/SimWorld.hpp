@@ -62,6 +62,7 @@ struct SimWorld {
         SimOperation operation = SimOperation::getProperty;
         std::uint32_t selector = 0;  // 0: any property
         int remaining = 1;
+        // For writes, noErr drops the write while reporting success.
         OSStatus status = kAudioHardwareUnspecifiedError;
     };
     // What an IO proc wrote to its outputs over the last metering window.

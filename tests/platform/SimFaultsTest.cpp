@@ -51,12 +51,29 @@ TEST(SimFaultsTest, NextCallsOfAnOperationFailWithTheChosenStatus) {
     EXPECT_EQ(machine.deviceStop(speakers, proc), noErr);
 }
 
+TEST(SimFaultsTest, ADroppedWriteReportsSuccessAndChangesNothing) {
+    SimMachine machine(SimWorld::preset());
+    const auto address = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
+    const AudioObjectID speakers = machine.world()->deviceByUID("BuiltInSpeakerDevice")->id;
+    const AudioObjectID usb = machine.world()->deviceByUID("AppleUSBAudioEngine:Acme:USB Headphones:1400000:1")->id;
+    ASSERT_EQ(machine.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice), "");
+    std::uint32_t output = 0;
+    EXPECT_EQ(machine.set(kAudioObjectSystemObject, address, usb), noErr);
+    ASSERT_EQ(machine.get(kAudioObjectSystemObject, address, output), noErr);
+    EXPECT_EQ(output, speakers);
+    // Only that one write was lost.
+    EXPECT_EQ(machine.set(kAudioObjectSystemObject, address, usb), noErr);
+    ASSERT_EQ(machine.get(kAudioObjectSystemObject, address, output), noErr);
+    EXPECT_EQ(output, usb);
+}
+
 TEST(SimFaultsTest, BadFaultRequestsAreRefusedAndChangeNothing) {
     SimMachine machine(SimWorld::preset());
     const auto generation = machine.world()->generation;
     EXPECT_EQ(machine.failNext(SimOperation::createTap, -1, kAudioHardwareIllegalOperationError),
               "a fault count is not negative");
-    EXPECT_EQ(machine.failNext(SimOperation::createTap, 3, noErr), "a fault needs a non-zero status");
+    EXPECT_EQ(machine.failNext(SimOperation::createTap, 3, noErr),
+              "a fault needs a non-zero status (only a write can be dropped silently)");
     EXPECT_EQ(machine.setReadDelay(-5ms), "a read delay is between 0 and 60000 ms");
     EXPECT_EQ(machine.world()->generation, generation);
     EXPECT_TRUE(machine.world()->faults.empty());

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/sim/SimMachine.hpp"
+#include "SimTestSupport.hpp"
 
 namespace tonavi {
 namespace {
@@ -222,6 +223,39 @@ TEST_F(SimPropertiesTest, UnpluggingMovesDefaultsAndKillsTheObject) {
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.replug(buds); }), "");
     EXPECT_NE(idOf(buds), old);
     EXPECT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug("no-such-device"); }), "no device no-such-device");
+}
+
+TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueue) {
+    DispatchQueue queue("test.properties");
+    test::RecordingListener alive(queue), left(queue), devices(queue);
+    const auto budsID = idOf(buds);
+    const auto speakersID = idOf(speakers);
+    const auto leftVolume = scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 1);
+    const auto rightVolume = scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 2);
+    ASSERT_EQ(machine.addPropertyListener(budsID, globalAddress(kAudioDevicePropertyDeviceIsAlive), queue,
+                                          alive.block),
+              noErr);
+    ASSERT_EQ(machine.addPropertyListener(speakersID, leftVolume, queue, left.block), noErr);
+    ASSERT_EQ(machine.addPropertyListener(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices),
+                                          queue, devices.block),
+              noErr);
+    EXPECT_EQ(machine.addPropertyListener(4242, leftVolume, queue, left.block), kAudioHardwareBadObjectError);
+
+    ASSERT_EQ(machine.set(speakersID, rightVolume, 0.1f), noErr);
+    ASSERT_EQ(machine.set(speakersID, leftVolume, 0.1f), noErr);
+    ASSERT_EQ(machine.set(speakersID, leftVolume, 0.1f), noErr);  // no change, no call
+    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(buds); }), "");
+    queue.sync([] {});
+    EXPECT_EQ(left.calls(), 1);
+    EXPECT_EQ(left.heard(), std::vector<AudioObjectPropertyAddress>{leftVolume});
+    EXPECT_EQ(alive.calls(), 1);
+    EXPECT_EQ(devices.calls(), 1);
+    EXPECT_EQ(left.offQueue() + alive.offQueue() + devices.offQueue(), 0);
+
+    ASSERT_EQ(machine.removePropertyListener(speakersID, leftVolume, queue, left.block), noErr);
+    ASSERT_EQ(machine.set(speakersID, leftVolume, 0.7f), noErr);
+    queue.sync([] {});
+    EXPECT_EQ(left.calls(), 1);
 }
 
 }  // namespace

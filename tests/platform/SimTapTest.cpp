@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <numbers>
+#include <thread>
 
 #include "platform/sim/SimMachine.hpp"
 #include "SimTestSupport.hpp"
@@ -256,6 +257,59 @@ TEST_F(SimTapTest, RecordingWritesWhatTheBlockPlayed) {
     std::memcpy(first, bytes.data() + 58, sizeof first);
     EXPECT_EQ(first[0], 0.5f);
     EXPECT_EQ(first[1], -0.25f);
+}
+
+TEST(SimRealTimeIOTest, CyclesRunOnTheirOwnThreadAndMetersReachTheWorldFile) {
+    test::TempFolder folder;
+    const std::string path = folder.file("world.json");
+    ASSERT_EQ(SimWorldFile(path).create(SimWorld::preset(), false), "");
+    std::string error;
+    auto machine = SimMachine::open(path, error);
+    ASSERT_TRUE(machine) << error;
+
+    const auto world = machine->world();
+    auto description = TapDescription::stereoMixdown({world->processes[2].id});  // Music
+    description.isPrivate = true;
+    description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
+    AudioObjectID tap = 0;
+    ASSERT_EQ(machine->createProcessTap(description, tap), noErr);
+    AggregateDeviceDescription aggregate;
+    aggregate.uid = "agg.realtime";
+    aggregate.isPrivate = true;
+    aggregate.subDevices = {{"BuiltInSpeakerDevice", true}};
+    aggregate.taps = {{description.uuid, true}};
+    AudioObjectID device = 0;
+    ASSERT_EQ(machine->createAggregateDevice(aggregate, device), noErr);
+
+    std::atomic<int> cycles{0};
+    std::atomic<bool> onTestThread{false};
+    const auto testThread = std::this_thread::get_id();
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine->createIOProcIDWithBlock(
+                  device, nullptr,
+                  [&](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
+                      if (std::this_thread::get_id() == testThread) onTestThread = true;
+                      std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData, out.mBuffers[0].mDataByteSize);
+                      cycles.fetch_add(1);
+                  },
+                  proc),
+              noErr);
+    ASSERT_EQ(machine->deviceStart(device, proc), noErr);
+    EXPECT_TRUE(test::eventually([&] { return cycles.load() >= 20; }));
+    EXPECT_FALSE(onTestThread.load());
+    // What the proc plays is published for other processes to see.
+    EXPECT_TRUE(test::eventually([&] {
+        auto disk = SimWorldFile(path).read(error);
+        return disk && disk->meters.size() == 1 && disk->meters[0].deviceUID == "BuiltInSpeakerDevice" &&
+               std::abs(disk->meters[0].peakDB + 12.0) < 0.2;
+    }));
+    ASSERT_EQ(machine->deviceStop(device, proc), noErr);
+    const int stoppedAt = cycles.load();
+    EXPECT_EQ(machine->destroyIOProcID(device, proc), noErr);
+    EXPECT_EQ(cycles.load(), stoppedAt);
+    EXPECT_EQ(machine->destroyAggregateDevice(device), noErr);
+    EXPECT_EQ(machine->destroyProcessTap(tap), noErr);
+    EXPECT_TRUE(machine->world()->taps.empty());
 }
 
 }  // namespace
