@@ -8,7 +8,7 @@
 namespace kavore {
 
 class BalancePan {
-public:
+  public:
     void configure(const BalancePanSettings& settings);
     // Even samples are left, odd samples right. A lone trailing sample is left alone.
     void processInterleavedStereo(std::span<float> buffer);
@@ -17,7 +17,7 @@ public:
     double rightGain() const { return rightGain_; }
     bool active() const { return active_; }
 
-private:
+  private:
     double leftGain_ = 1.0;
     double rightGain_ = 1.0;
     bool active_ = false;

@@ -6,7 +6,9 @@
 
 namespace kavore {
 
-nlohmann::json toJSON(const BalancePanSettings& s) { return {{"balance", s.balance}, {"enabled", s.enabled}}; }
+nlohmann::json toJSON(const BalancePanSettings& s) {
+    return {{"balance", s.balance}, {"enabled", s.enabled}};
+}
 
 BalancePanSettings balancePanSettingsFromJSON(const nlohmann::json& j) {
     StrictJSONReader r(j, "BalancePanSettings");

@@ -70,7 +70,8 @@ void Biquad::setPeaking(double freqHz, double sampleRate, double gainDB, double 
     }
     const double A = std::pow(10.0, gainDB / 40.0);
     const auto [cosw, alpha] = anglesFor(freqHz, sampleRate, q);
-    assign(*this, 1.0 + alpha / A, 1.0 + alpha * A, -2.0 * cosw, 1.0 - alpha * A, -2.0 * cosw, 1.0 - alpha / A);
+    assign(*this, 1.0 + alpha / A, 1.0 + alpha * A, -2.0 * cosw, 1.0 - alpha * A, -2.0 * cosw,
+           1.0 - alpha / A);
 }
 
 void Biquad::setLowShelf(double freqHz, double sampleRate, double gainDB, double q) {

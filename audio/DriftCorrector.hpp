@@ -9,7 +9,7 @@
 namespace kavore {
 
 class DriftCorrector {
-public:
+  public:
     DriftCorrector() = default;
     explicit DriftCorrector(double smoothing) { init(smoothing); }
 
@@ -27,7 +27,7 @@ public:
     float last() const { return last_; }
     double smoothing() const { return smoothing_; }
 
-private:
+  private:
     double ratio_ = 1.0;
     double fractional_ = 0.0;
     double smoothing_ = 0.0;

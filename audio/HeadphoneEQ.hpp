@@ -11,7 +11,7 @@
 namespace kavore {
 
 class HeadphoneEQ {
-public:
+  public:
     // With no profile, or disabled, the effect goes inactive and keeps its cascade. Otherwise the
     // cascade is rebuilt from scratch, so filter memory is cleared even for the same profile.
     // Allocates; not for the audio thread.
@@ -22,7 +22,7 @@ public:
     double preampLinear() const { return preampLinear_; }
     bool active() const { return active_; }
 
-private:
+  private:
     std::vector<Biquad> cascade_;
     double preampLinear_ = 1.0;
     bool active_ = false;

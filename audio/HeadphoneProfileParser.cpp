@@ -17,7 +17,9 @@ ParseError ParseError::badLine(std::string line) {
     return ParseError(Kind::badLine, std::move(line), description);
 }
 
-ParseError ParseError::empty() { return ParseError(Kind::empty, {}, "no filters found in profile"); }
+ParseError ParseError::empty() {
+    return ParseError(Kind::empty, {}, "no filters found in profile");
+}
 
 namespace {
 
@@ -41,7 +43,9 @@ std::string lowercased(std::string_view s) {
     return out;
 }
 
-bool contains(std::string_view s, std::string_view part) { return s.find(part) != std::string_view::npos; }
+bool contains(std::string_view s, std::string_view part) {
+    return s.find(part) != std::string_view::npos;
+}
 
 std::optional<ParametricFilter::Kind> filterKind(std::string_view line) {
     if (contains(line, " PK ")) {

@@ -14,7 +14,7 @@
 namespace kavore::HeadphoneProfileParser {
 
 class ParseError : public std::runtime_error {
-public:
+  public:
     enum class Kind { badLine, empty };
 
     static ParseError badLine(std::string line);
@@ -24,7 +24,7 @@ public:
     // The offending line for badLine, empty otherwise.
     const std::string& line() const { return line_; }
 
-private:
+  private:
     ParseError(Kind kind, std::string line, const std::string& description);
 
     Kind kind_;

@@ -29,6 +29,8 @@ void LevelMeter::process(std::span<const float> samples) {
     }
 }
 
-float LevelMeter::normalized() const { return std::clamp(rms_ * 3.0f, 0.0f, 1.0f); }
+float LevelMeter::normalized() const {
+    return std::clamp(rms_ * 3.0f, 0.0f, 1.0f);
+}
 
 } // namespace kavore

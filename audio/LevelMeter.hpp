@@ -6,7 +6,7 @@
 namespace kavore {
 
 class LevelMeter {
-public:
+  public:
     LevelMeter() = default;
     LevelMeter(float attack, float release) { init(attack, release); }
 
@@ -26,7 +26,7 @@ public:
     float attack() const { return attack_; }
     float release() const { return release_; }
 
-private:
+  private:
     float rms_ = 0.0f;
     float peak_ = 0.0f;
     float attack_ = 0.0f;

@@ -19,7 +19,9 @@ double smoothingCoefficient(double sampleRate, double seconds) {
     return std::exp(-1.0 / (sampleRate * seconds));
 }
 
-double levelDB(double magnitude) { return 20.0 * std::log10(magnitude + 1e-12); }
+double levelDB(double magnitude) {
+    return 20.0 * std::log10(magnitude + 1e-12);
+}
 } // namespace
 
 void NoiseSuppressor::configure(const NoiseSuppressorSettings& settings, double sampleRate) {

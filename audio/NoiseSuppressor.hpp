@@ -11,7 +11,7 @@
 namespace kavore {
 
 class NoiseSuppressor {
-public:
+  public:
     void configure(const NoiseSuppressorSettings& settings, double sampleRate);
     // Interleaved stereo in place.
     void process(std::span<float> buffer);
@@ -29,7 +29,7 @@ public:
     const Biquad& hissLeft() const { return hissLeft_; }
     const Biquad& hissRight() const { return hissRight_; }
 
-private:
+  private:
     double gainFor(double levelDB);
 
     double thresholdDB_ = -55.0;

@@ -22,7 +22,9 @@ void copySamples(float* to, const float* from, std::int64_t count) {
 
 } // namespace
 
-RingBuffer::~RingBuffer() { releaseCells(); }
+RingBuffer::~RingBuffer() {
+    releaseCells();
+}
 
 void RingBuffer::releaseCells() {
     kavore_atomic_int_destroy(writeIndex_);

@@ -12,7 +12,7 @@
 namespace kavore {
 
 class RingBuffer {
-public:
+  public:
     RingBuffer() = default;
     explicit RingBuffer(std::int64_t minimumCapacity) { init(minimumCapacity); }
     ~RingBuffer();
@@ -37,7 +37,7 @@ public:
     // Reader side: discards what is buffered without touching the writer's index.
     void reset();
 
-private:
+  private:
     void releaseCells();
 
     std::vector<float> storage_;

@@ -8,15 +8,17 @@ namespace kavore {
 namespace {
 constexpr double shortTermSeconds = 0.35;
 constexpr double learningPeriodSeconds = 3.0;
-constexpr double learningRate = 2.0;               // per second, while learning
-constexpr double baselineFallSeconds = 60.0;       // time constant towards a quieter level
-constexpr double baselineRiseDBPerMinute = 0.8;    // cap on following a louder level
+constexpr double learningRate = 2.0;            // per second, while learning
+constexpr double baselineFallSeconds = 60.0;    // time constant towards a quieter level
+constexpr double baselineRiseDBPerMinute = 0.8; // cap on following a louder level
 constexpr double reductionAttackSeconds = 0.15;
 constexpr double reductionReleaseSeconds = 2.5;
 constexpr double gainSmoothingSeconds = 0.008;
 constexpr double unityTolerance = 0.0001;
 
-double towards(double value, double target, double factor) { return value + factor * (target - value); }
+double towards(double value, double target, double factor) {
+    return value + factor * (target - value);
+}
 } // namespace
 
 void SteadyVolume::configure(double sampleRate) {

@@ -8,7 +8,7 @@
 namespace kavore {
 
 class SteadyVolume {
-public:
+  public:
     // Stores the rate and forgets everything learned.
     void configure(double sampleRate);
     void process(std::span<float> buffer);
@@ -25,7 +25,7 @@ public:
     const double maxReductionDB = 18.0;
     const double silenceGateDB = -55.0;
 
-private:
+  private:
     double sampleRate_ = 48000.0;
     double shortDB_ = -120.0;
     double baselineDB_ = -120.0;

@@ -16,7 +16,9 @@ kavore_atomic_int* kavore_atomic_int_create(std::int64_t value) {
     return new (std::nothrow) kavore_atomic_int{value};
 }
 
-void kavore_atomic_int_destroy(kavore_atomic_int* cell) { delete cell; }
+void kavore_atomic_int_destroy(kavore_atomic_int* cell) {
+    delete cell;
+}
 
 std::int64_t kavore_atomic_int_load_relaxed(const kavore_atomic_int* cell) {
     return cell->value.load(std::memory_order_relaxed);

@@ -23,7 +23,8 @@ constexpr std::size_t frames = 128;
 std::vector<float> stereoTone(double amplitude, double hz = 997.0) {
     std::vector<float> b(frames * 2);
     for (std::size_t i = 0; i < frames; ++i) {
-        const auto s = static_cast<float>(amplitude * std::sin(2.0 * 3.141592653589793 * hz * double(i) / rate));
+        const auto s =
+            static_cast<float>(amplitude * std::sin(2.0 * 3.141592653589793 * hz * double(i) / rate));
         b[2 * i] = s;
         b[2 * i + 1] = s;
     }

@@ -36,8 +36,8 @@ TEST(BalancePan, ConstantPowerLawWithUnityInTheCentre) {
 TEST(BalancePan, CentredTinyOrDisabledBalanceDoesNothing) {
     BalancePan pan;
     const std::vector<float> original{0.3f, -0.6f, 0.9f, 0.1f};
-    for (const auto& settings : {BalancePanSettings(0.0, true), BalancePanSettings(0.0005, true),
-                                 BalancePanSettings(0.8, false)}) {
+    for (const auto& settings :
+         {BalancePanSettings(0.0, true), BalancePanSettings(0.0005, true), BalancePanSettings(0.8, false)}) {
         pan.configure(BalancePanSettings(0.8, true));
         pan.configure(settings);
         EXPECT_FALSE(pan.active());

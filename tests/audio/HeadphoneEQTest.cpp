@@ -1,5 +1,5 @@
-#include "audio/BundledHeadphoneProfiles.hpp"
 #include "audio/HeadphoneEQ.hpp"
+#include "audio/BundledHeadphoneProfiles.hpp"
 
 #include "tests/audio/SignalProbe.hpp"
 
@@ -28,7 +28,8 @@ HeadphoneProfile boostAt1kWithPreampCut() {
 double steadyGainDB(HeadphoneEQ& eq, double hz) {
     std::vector<float> buffer(96000);
     for (std::size_t n = 0; n < buffer.size(); ++n) {
-        buffer[n] = static_cast<float>(0.5 * std::sin(2.0 * std::numbers::pi * hz * static_cast<double>(n) / rate));
+        buffer[n] =
+            static_cast<float>(0.5 * std::sin(2.0 * std::numbers::pi * hz * static_cast<double>(n) / rate));
     }
     const std::span<const float> tail(buffer.data() + 48000, 48000); // the last second
     const double in = rms(tail);

@@ -51,11 +51,13 @@ TEST(HeadphoneProfileParser, BadLinesAndEmptyProfilesAreErrors) {
     EXPECT_EQ(noType.kind(), Parser::ParseError::Kind::badLine);
     EXPECT_STREQ(noType.what(), "cannot parse line: Filter 1: ON XX Fc 100 Hz");
 
-    const auto oneNumber = parseError("Filter 1: ON PK Fc 105 Hz Gain -3 dB Q 1\n  Filter 2: ON PK Fc 100 Hz\n");
+    const auto oneNumber =
+        parseError("Filter 1: ON PK Fc 105 Hz Gain -3 dB Q 1\n  Filter 2: ON PK Fc 100 Hz\n");
     EXPECT_EQ(oneNumber.kind(), Parser::ParseError::Kind::badLine);
     EXPECT_EQ(oneNumber.line(), "Filter 2: ON PK Fc 100 Hz");
 
-    for (const std::string text : {"", "# only a comment\n# and another", "Filter 2: OFF None Fc 0 Hz Gain 0 dB Q 0"}) {
+    for (const std::string text :
+         {"", "# only a comment\n# and another", "Filter 2: OFF None Fc 0 Hz Gain 0 dB Q 0"}) {
         const auto e = parseError(text);
         EXPECT_EQ(e.kind(), Parser::ParseError::Kind::empty);
         EXPECT_STREQ(e.what(), "no filters found in profile");

@@ -9,23 +9,28 @@
 using nlohmann::json;
 
 TEST(ProcessorSettingsJSON, BalanceAndNoiseReadStrictlyAndUnclamped) {
-    const auto balance = kavore::balancePanSettingsFromJSON(json::parse(R"({"balance": 3, "enabled": true})"));
+    const auto balance =
+        kavore::balancePanSettingsFromJSON(json::parse(R"({"balance": 3, "enabled": true})"));
     EXPECT_EQ(balance.balance, 3.0) << "reading keeps the stored value";
     EXPECT_TRUE(balance.enabled);
     EXPECT_EQ(kavore::BalancePanSettings(3.0, true).balance, 1.0) << "building in code clamps";
     EXPECT_EQ(kavore::balancePanSettingsFromJSON(kavore::toJSON(kavore::BalancePanSettings(-0.4, true))),
               kavore::BalancePanSettings(-0.4, true));
 
-    const auto noise = kavore::noiseSuppressorSettingsFromJSON(json::parse(R"({"amount": -2.5, "enabled": false})"));
+    const auto noise =
+        kavore::noiseSuppressorSettingsFromJSON(json::parse(R"({"amount": -2.5, "enabled": false})"));
     EXPECT_EQ(noise.amount, -2.5);
     EXPECT_EQ(kavore::NoiseSuppressorSettings(-2.5, true).amount, 0.0);
-    EXPECT_EQ(kavore::toJSON(kavore::NoiseSuppressorSettings(0.25, true)), json::parse(R"({"amount":0.25,"enabled":true})"));
+    EXPECT_EQ(kavore::toJSON(kavore::NoiseSuppressorSettings(0.25, true)),
+              json::parse(R"({"amount":0.25,"enabled":true})"));
 
-    for (const char* bad : {R"({"balance": 0.5})", R"({"enabled": true})", R"({"balance": "0.5", "enabled": true})",
-                            R"({"balance": 0.5, "enabled": 1})", "[0.5, true]"}) {
+    for (const char* bad :
+         {R"({"balance": 0.5})", R"({"enabled": true})", R"({"balance": "0.5", "enabled": true})",
+          R"({"balance": 0.5, "enabled": 1})", "[0.5, true]"}) {
         EXPECT_THROW(kavore::balancePanSettingsFromJSON(json::parse(bad)), kavore::JSONDecodeError) << bad;
     }
-    EXPECT_THROW(kavore::noiseSuppressorSettingsFromJSON(json::parse(R"({"amount": 0.5})")), kavore::JSONDecodeError);
+    EXPECT_THROW(kavore::noiseSuppressorSettingsFromJSON(json::parse(R"({"amount": 0.5})")),
+                 kavore::JSONDecodeError);
 }
 
 TEST(ProcessorSettingsJSON, HeadphoneProfilesRoundTripAndRejectAnyMissingPart) {

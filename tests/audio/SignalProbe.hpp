@@ -30,8 +30,12 @@ inline double rms(std::span<const float> samples) {
     return samples.empty() ? 0.0 : std::sqrt(sum / static_cast<double>(samples.size()));
 }
 
-inline double dbRatio(double out, double in) { return 20.0 * std::log10(out / in); }
+inline double dbRatio(double out, double in) {
+    return 20.0 * std::log10(out / in);
+}
 
-inline double dbToLinear(double db) { return std::pow(10.0, db / 20.0); }
+inline double dbToLinear(double db) {
+    return std::pow(10.0, db / 20.0);
+}
 
 } // namespace kavore::test

@@ -11,7 +11,7 @@
 namespace kavore::test {
 
 class AllocationCounter {
-public:
+  public:
     AllocationCounter();
     ~AllocationCounter();
     AllocationCounter(const AllocationCounter&) = delete;
@@ -20,7 +20,7 @@ public:
     // Allocations on this thread since construction.
     std::size_t count() const;
 
-private:
+  private:
     std::size_t start_;
 };
 
