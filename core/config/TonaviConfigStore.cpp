@@ -123,12 +123,18 @@ TonaviConfigStore::Path TonaviConfigStore::defaultBase() {
 void TonaviConfigStore::save(const TonaviConfig& config) const {
     const std::string bytes = encodeTonaviConfig(config);
     const Path temporary = temporaryURL();
+    const Path stagedPrevious = stagedPreviousURL();
     const Path target = configURL();
-    try {
-        fs_->remove(temporary);
-    } catch (const std::exception&) {
-        // Usually there is nothing left over to remove.
-    }
+    const auto removeQuietly = [&](const Path& path) {
+        try {
+            fs_->remove(path);
+        } catch (const std::exception&) {
+            // Usually there is nothing to remove.
+        }
+    };
+    removeQuietly(temporary);
+    removeQuietly(stagedPrevious);
+    bool previousStaged = false;
     try {
         fs_->writeAtomically(temporary, bytes);
         if (!fs_->exists(target)) {
@@ -136,20 +142,28 @@ void TonaviConfigStore::save(const TonaviConfig& config) const {
             return;
         }
         // Keep the file we are about to replace, but only if it is good: a damaged "state.json" must
-        // never displace a good previous file.
+        // never displace a good previous file. The copy is staged and takes its name only after the
+        // replacement, so a save that fails leaves the previous file as it was.
         try {
             const std::string current = fs_->read(target);
             (void)decodeTonaviConfig(current);
-            fs_->writeAtomically(previousURL(), current);
+            fs_->writeAtomically(stagedPrevious, current);
+            previousStaged = true;
         } catch (const std::exception&) {
         }
         fs_->replace(target, temporary);
     } catch (...) {
-        try {
-            fs_->remove(temporary);
-        } catch (const std::exception&) {
-        }
+        removeQuietly(temporary);
+        if (previousStaged) removeQuietly(stagedPrevious);
         throw;
+    }
+    if (previousStaged) {
+        try {
+            fs_->replace(previousURL(), stagedPrevious);
+        } catch (const std::exception&) {
+            // The backup is a courtesy; the save itself has succeeded.
+            removeQuietly(stagedPrevious);
+        }
     }
 }
 

@@ -7,6 +7,8 @@
 // of copies may exist. load and save take no lock of their own.
 
 #include "core/config/AutoDirectList.hpp"
+#include "core/config/ConfigDecodeError.hpp"
+#include "core/config/ConfigEncodeError.hpp"
 #include "core/config/FileSystem.hpp"
 #include "core/config/MIDIMapping.hpp"
 #include "core/config/QuickConfig.hpp"
@@ -39,6 +41,8 @@ public:
     Path configURL() const { return baseDir_ / "state.json"; }
     Path temporaryURL() const { return baseDir_ / "state.json.tmp"; }
     Path previousURL() const { return baseDir_ / "state.previous.json"; }
+    // The next previous file, written before the replacement and renamed after it.
+    Path stagedPreviousURL() const { return baseDir_ / "state.previous.json.tmp"; }
     Path lockURL() const { return baseDir_ / "state.lock"; }
     Path recoveryNoticeURL() const { return baseDir_ / "recovery-notice.txt"; }
     Path autoDirectURL() const { return baseDir_ / "auto-direct.json"; }

@@ -1,0 +1,51 @@
+// Load and save of a large configuration: 200 applications with four-effect chains, 50 devices and
+// 20 groups. The save is the service's save, so it includes reading and adopting what is on disk.
+
+#include "core/config/TonaviConfigStore.hpp"
+#include "tests/core/config/ConfigSamples.hpp"
+
+#include <benchmark/benchmark.h>
+#include <cstdlib>
+#include <filesystem>
+
+namespace {
+
+class BenchFolder {
+public:
+    BenchFolder() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-bench-XXXXXX").string();
+        path_ = ::mkdtemp(pattern.data());
+    }
+    ~BenchFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+void BM_ConfigLoad(benchmark::State& state) {
+    BenchFolder folder;
+    const tonavi::TonaviConfigStore store(folder.path());
+    store.save(tonavi::testing::largeConfig(200, 50, 20));
+    for (auto _ : state) benchmark::DoNotOptimize(store.load());
+    state.counters["bytes"] = static_cast<double>(std::filesystem::file_size(store.configURL()));
+}
+BENCHMARK(BM_ConfigLoad)->Unit(benchmark::kMillisecond);
+
+void BM_ConfigSave(benchmark::State& state) {
+    BenchFolder folder;
+    const tonavi::TonaviConfigStore store(folder.path());
+    tonavi::TonaviConfig config = tonavi::testing::largeConfig(200, 50, 20);
+    store.save(config);
+    int round = 0;
+    for (auto _ : state) {
+        config.apps[static_cast<std::size_t>(round++ % 200)].volume = (round % 10) / 10.0;
+        store.saveKeepingAppOwnedSettings(config);
+    }
+}
+BENCHMARK(BM_ConfigSave)->Unit(benchmark::kMillisecond);
+
+}  // namespace
