@@ -156,11 +156,6 @@ double EngagementEngine::effectiveVolumeLocked(const AppAudioState& app) const {
     return it == app.volumePerDevice.end() ? app.volume : it->second;
 }
 
-bool EngagementEngine::globalListeningAppliesLocked(std::string_view bundleID, const AppAudioState* app) const {
-    return config_.globalListening.changesAudio() &&
-           GlobalListeningPolicy::mayProcess(bundleID, app, config_.hiddenAppIDs, config_.smart);
-}
-
 void EngagementEngine::recomputePluginSlotIDsLocked() {
     auto ids = std::make_shared<std::vector<std::string>>();
     for (const auto& slot : config_.globalListening.activeAudioUnitSlots()) ids->push_back(slot.id);

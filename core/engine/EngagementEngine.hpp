@@ -182,7 +182,9 @@ private:
     bool isHiddenLocked(std::string_view bundleID) const;
     bool isSoloSuppressedLocked(std::string_view bundleID) const;
     double effectiveVolumeLocked(const AppAudioState& app) const;
-    bool globalListeningAppliesLocked(std::string_view bundleID, const AppAudioState* app) const;
+    template <class Now>
+    void fillContextLocked(std::string_view bundleID, const AppAudioState& row, const Now& instant,
+                           RenderContext& context) const;
     void recomputePluginSlotIDsLocked();
     // Removes the per-tap entries; `includingLimiter` also drops the carried limiter gain.
     TapHandlePtr removeTapEntriesLocked(std::string_view bundleID, bool includingLimiter);

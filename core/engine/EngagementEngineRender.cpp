@@ -23,8 +23,9 @@ constexpr double smootherSeconds = 0.008;
 constexpr double limiterAttackSeconds = 0.0015;
 constexpr double limiterReleaseSeconds = 0.15;
 
-bool mutedAt(const AppAudioState& app, double now) {
-    return app.muted || (app.timedMuteUntil && now < *app.timedMuteUntil);
+// The clock is read only for a row with a timed mute, which keeps it off the common path.
+template <class Now> bool mutedAt(const AppAudioState& app, const Now& now) {
+    return app.muted || (app.timedMuteUntil && now() < *app.timedMuteUntil);
 }
 
 double faderLaw(double v) {
@@ -59,14 +60,52 @@ struct EngagementEngine::RenderContext {
     int stride = 2;
 };
 
+template <class Now>
+void EngagementEngine::fillContextLocked(std::string_view bundleID, const AppAudioState& row, const Now& instant,
+                                         RenderContext& context) const {
+    context.chainActive = !row.chain.isNeutral();
+    if (context.chainActive)
+        if (auto it = chains_.find(bundleID); it != chains_.end()) context.chain = it->second;
+    if (auto it = globalListeningProcs_.find(bundleID); it != globalListeningProcs_.end()) {
+        const auto& gl = config_.globalListening;
+        const bool selected =
+            GlobalListeningPolicy::mayProcess(bundleID, &row, config_.hiddenAppIDs, config_.smart) && gl.enabled &&
+            (!gl.equalizer.isNeutral() || (gl.balancer.enabled && gl.balancer.strengthPercent > 0.1) ||
+             !globalPluginSlotIDs_->empty());
+        if (selected) {
+            context.global = it->second;
+            context.pluginSlotIDs = globalPluginSlotIDs_;
+        }
+    }
+    context.steadyOn = row.steadyVolume;
+    if (context.steadyOn)
+        if (auto it = steadyProcs_.find(bundleID); it != steadyProcs_.end()) context.steady = it->second;
+    context.muted = mutedAt(row, instant);
+    context.volume = effectiveVolumeLocked(row);
+    context.duckGain = ducker_->currentGain(bundleID);
+    context.heroIsOther = followMeHero_ && *followMeHero_ != bundleID;
+    context.backgroundGain = smartProtectedApps_.contains(bundleID) ? 1.0 : followMeBackgroundGain_;
+    context.softMasterGain = softMasterGain_;
+    context.manualDuckDB = manualDuckDB_;
+    context.autoDuckDB = autoDuckDB_;
+    context.inAutoDuck = autoDuckApps_.contains(bundleID);
+    context.guardActive = loudnessGuardActive_;
+    context.ceiling = loudnessCeilingLinear_;
+    if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end()) context.limiterGR = it->second;
+    if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) context.smoothedGain = it->second;
+    context.stride = std::max(inputChannels_, 1);
+}
+
 bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer) {
     // Gate: the flags first, each behind its own small lock.
     const bool blocked = stageFlag_.load() || shutdownFlag_.load() || hardwareSuspended_.load();
-    const double instant = now();
+    const auto instant = [this] { return now(); };
 
     enum class Disposition { passThrough, silence, process };
     Disposition disposition = Disposition::process;
+    RenderContext context;
     {
+        // One hold decides the disposition and, when the app is processed, takes the context.
         std::lock_guard guard(lock_);
         const bool hasHandle = tapHandles_.contains(bundleID);
         const AppAudioState* row = managedAppLocked(bundleID);
@@ -83,49 +122,15 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
             disposition =
                 hasHandle && mutedAt(*row, instant) ? Disposition::silence : Disposition::passThrough;
         }
+        if (disposition == Disposition::process) {
+            if (!row || !hasHandle) return false;
+            fillContextLocked(bundleID, *row, instant, context);
+        }
     }
     if (disposition == Disposition::passThrough) return false;
     if (disposition == Disposition::silence) {
         std::fill(buffer.begin(), buffer.end(), 0.0f);
         return true;
-    }
-
-    RenderContext context;
-    {
-        std::lock_guard guard(lock_);
-        const AppAudioState* row = managedAppLocked(bundleID);
-        if (!row || !tapHandles_.contains(bundleID)) return false;
-
-        if (auto it = chains_.find(bundleID); it != chains_.end()) context.chain = it->second;
-        context.chainActive = !row->chain.isNeutral();
-        if (auto it = globalListeningProcs_.find(bundleID); it != globalListeningProcs_.end()) {
-            const auto& gl = config_.globalListening;
-            const bool selected =
-                GlobalListeningPolicy::mayProcess(bundleID, row, config_.hiddenAppIDs, config_.smart) &&
-                gl.enabled &&
-                (!gl.equalizer.isNeutral() || (gl.balancer.enabled && gl.balancer.strengthPercent > 0.1) ||
-                 !globalPluginSlotIDs_->empty());
-            if (selected) {
-                context.global = it->second;
-                context.pluginSlotIDs = globalPluginSlotIDs_;
-            }
-        }
-        if (auto it = steadyProcs_.find(bundleID); it != steadyProcs_.end()) context.steady = it->second;
-        context.steadyOn = row->steadyVolume;
-        context.muted = mutedAt(*row, instant);
-        context.volume = effectiveVolumeLocked(*row);
-        context.duckGain = ducker_->currentGain(bundleID);
-        context.heroIsOther = followMeHero_ && *followMeHero_ != bundleID;
-        context.backgroundGain = smartProtectedApps_.contains(bundleID) ? 1.0 : followMeBackgroundGain_;
-        context.softMasterGain = softMasterGain_;
-        context.manualDuckDB = manualDuckDB_;
-        context.autoDuckDB = autoDuckDB_;
-        context.inAutoDuck = autoDuckApps_.contains(bundleID);
-        context.guardActive = loudnessGuardActive_;
-        context.ceiling = loudnessCeilingLinear_;
-        if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end()) context.limiterGR = it->second;
-        if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) context.smoothedGain = it->second;
-        context.stride = std::max(inputChannels_, 1);
     }
 
     bool changed = context.global != nullptr;
@@ -166,6 +171,18 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
             std::lock_guard guard(lock_);
             if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) it->second = target;
         }
+    } else if (g == target) {
+        // Settled: every frame gets the same gain, so the per-frame recurrence is not needed.
+        const float gain = static_cast<float>(g);
+        if (gain == 0.0f)
+            std::fill(buffer.begin(), buffer.end(), 0.0f);  // silence, even for non-finite input
+        else
+            for (float& sample : buffer) sample *= gain;
+        if (context.smoothedGain != g) {
+            std::lock_guard guard(lock_);
+            if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) it->second = g;
+        }
+        changed = true;
     } else {
         const double step = 1.0 - smootherCoefficient_;
         const std::size_t stride = static_cast<std::size_t>(context.stride);
@@ -175,6 +192,9 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
             const std::size_t end = std::min(frame + stride, buffer.size());
             for (std::size_t i = frame; i < end; ++i) buffer[i] *= gain;
         }
+        // Close enough is exact: a gain that decays towards zero would otherwise stall on the
+        // smallest denormal and make every later cycle slow.
+        if (std::abs(g - target) < 1e-12) g = target;
         {
             std::lock_guard guard(lock_);
             if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) it->second = g;
