@@ -10,10 +10,10 @@ namespace tonavi {
 struct AggregateDeviceDescription {
     struct SubDevice {
         std::string uid;
-        bool driftCompensation = false;  // "drift"
+        bool driftCompensation = false; // "drift"
     };
     struct SubTap {
-        std::string uid;  // the tap description's UUID
+        std::string uid; // the tap description's UUID
         bool driftCompensation = false;
     };
 
@@ -22,9 +22,9 @@ struct AggregateDeviceDescription {
     bool isPrivate = false;
     // false: every sub-device plays the same channels (a multi-output device); true: channels add up.
     bool isStacked = false;
-    std::string mainSubDevice;  // "master": the clock
+    std::string mainSubDevice; // "master": the clock
     std::vector<SubDevice> subDevices;
     std::vector<SubTap> taps;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -22,9 +22,9 @@ class DispatchQueue;
 // A property's value. Each selector has one alternative: object lists and flags as they appear in
 // Core Audio (UInt32, Float32, Float64, CFString, AudioObjectID[], ...). A read of the wrong type
 // answers kAudioHardwareBadPropertySizeError.
-using AudioPropertyValue =
-    std::variant<std::monostate, std::uint32_t, std::int32_t, float, double, std::string, std::vector<AudioObjectID>,
-                 AudioStreamConfiguration, AudioValueRange, AudioHardwareIOProcStreamUsage>;
+using AudioPropertyValue = std::variant<std::monostate, std::uint32_t, std::int32_t, float, double,
+                                        std::string, std::vector<AudioObjectID>, AudioStreamConfiguration,
+                                        AudioValueRange, AudioHardwareIOProcStreamUsage>;
 
 // A listener is identified by its block: removal must hand over the same block and queue.
 using AudioObjectPropertyListenerBlock =
@@ -32,11 +32,11 @@ using AudioObjectPropertyListenerBlock =
 
 // Receives the input buffers, fills the output buffers (zeroed beforehand) and gets the time of the
 // output. Runs on the device's IO thread: no allocation, no logging, no blocking.
-using AudioDeviceIOBlock =
-    std::function<void(const AudioBufferList& input, AudioBufferList& output, const AudioTimeStamp& outputTime)>;
+using AudioDeviceIOBlock = std::function<void(const AudioBufferList& input, AudioBufferList& output,
+                                              const AudioTimeStamp& outputTime)>;
 
 class AudioHardware {
-public:
+  public:
     virtual ~AudioHardware() = default;
 
     virtual OSStatus getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
@@ -52,7 +52,8 @@ public:
     // The block runs on `queue` for every change of the property, whoever made it. The queue must
     // outlive the registration.
     virtual OSStatus addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                         DispatchQueue& queue, const AudioObjectPropertyListenerBlock& block) = 0;
+                                         DispatchQueue& queue,
+                                         const AudioObjectPropertyListenerBlock& block) = 0;
     virtual OSStatus removePropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                             DispatchQueue& queue,
                                             const AudioObjectPropertyListenerBlock& block) = 0;
@@ -65,8 +66,8 @@ public:
 
     // The queue names where the block belongs; the block itself is called from the device's IO
     // thread, as Core Audio does.
-    virtual OSStatus createIOProcIDWithBlock(AudioObjectID device, DispatchQueue* queue, AudioDeviceIOBlock block,
-                                             AudioDeviceIOProcID& procID) = 0;
+    virtual OSStatus createIOProcIDWithBlock(AudioObjectID device, DispatchQueue* queue,
+                                             AudioDeviceIOBlock block, AudioDeviceIOProcID& procID) = 0;
     virtual OSStatus destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus deviceStart(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus deviceStop(AudioObjectID device, AudioDeviceIOProcID procID) = 0;
@@ -75,12 +76,13 @@ public:
     virtual std::uint64_t convertHostTimeToNanos(std::uint64_t hostTime) = 0;
 
     // Typed reads and writes over the calls above. A read leaves `out` alone unless it succeeds.
-    template <class T>
-    OSStatus get(AudioObjectID object, const AudioObjectPropertyAddress& address, T& out) {
+    template <class T> OSStatus get(AudioObjectID object, const AudioObjectPropertyAddress& address, T& out) {
         AudioPropertyValue value;
-        if constexpr (std::is_same_v<T, AudioHardwareIOProcStreamUsage>) value = out;
+        if constexpr (std::is_same_v<T, AudioHardwareIOProcStreamUsage>)
+            value = out;
         const OSStatus status = getPropertyData(object, address, value);
-        if (status != noErr) return status;
+        if (status != noErr)
+            return status;
         if (auto* typed = std::get_if<T>(&value)) {
             out = std::move(*typed);
             return noErr;
@@ -97,10 +99,10 @@ public:
 inline AudioObjectPropertyAddress globalAddress(AudioObjectPropertySelector selector) {
     return {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain};
 }
-inline AudioObjectPropertyAddress scopedAddress(AudioObjectPropertySelector selector,
-                                                AudioObjectPropertyScope scope,
-                                                AudioObjectPropertyElement element = kAudioObjectPropertyElementMain) {
+inline AudioObjectPropertyAddress
+scopedAddress(AudioObjectPropertySelector selector, AudioObjectPropertyScope scope,
+              AudioObjectPropertyElement element = kAudioObjectPropertyElementMain) {
     return {selector, scope, element};
 }
 
-}  // namespace tonavi
+} // namespace tonavi

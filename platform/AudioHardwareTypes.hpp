@@ -71,7 +71,8 @@ constexpr AudioObjectPropertySelector kAudioDevicePropertyNominalSampleRate = fo
 constexpr AudioObjectPropertySelector kAudioDevicePropertyBufferFrameSize = fourCharCode("fsiz");
 constexpr AudioObjectPropertySelector kAudioDevicePropertyBufferFrameSizeRange = fourCharCode("fsz#");
 constexpr AudioObjectPropertySelector kAudioDevicePropertyVolumeScalar = fourCharCode("volm");
-constexpr AudioObjectPropertySelector kAudioHardwareServiceDeviceProperty_VirtualMainVolume = fourCharCode("vmvc");
+constexpr AudioObjectPropertySelector kAudioHardwareServiceDeviceProperty_VirtualMainVolume =
+    fourCharCode("vmvc");
 constexpr AudioObjectPropertySelector kAudioDevicePropertyMute = fourCharCode("mute");
 constexpr AudioObjectPropertySelector kAudioDevicePropertyDeviceIsAlive = fourCharCode("livn");
 constexpr AudioObjectPropertySelector kAudioDevicePropertyRelatedDevices = fourCharCode("akin");
@@ -125,7 +126,8 @@ struct AudioStreamConfiguration {
 struct AudioHardwareIOProcStreamUsage {
     AudioDeviceIOProcID mIOProc = 0;
     std::vector<std::uint32_t> mStreamIsOn;
-    friend bool operator==(const AudioHardwareIOProcStreamUsage&, const AudioHardwareIOProcStreamUsage&) = default;
+    friend bool operator==(const AudioHardwareIOProcStreamUsage&,
+                           const AudioHardwareIOProcStreamUsage&) = default;
 };
 
 // Interleaved 32-bit float samples. A stream switched off by its IO proc's stream usage has no data.
@@ -147,4 +149,4 @@ struct AudioTimeStamp {
     std::uint32_t mFlags = 0;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

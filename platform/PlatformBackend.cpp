@@ -21,17 +21,19 @@ std::unique_ptr<PlatformBackend> makeSim(std::string& error) {
     if (::stat(path.c_str(), &st) != 0) {
         // A first run gets the preset machine, so that the service runs whole out of the box.
         SimWorldFile file(path);
-        if (auto why = file.create(SimWorld::preset(), false); !why.empty() && ::stat(path.c_str(), &st) != 0) {
+        if (auto why = file.create(SimWorld::preset(), false);
+            !why.empty() && ::stat(path.c_str(), &st) != 0) {
             error = why;
             return nullptr;
         }
     }
     auto machine = SimMachine::open(path, error);
-    if (!machine) return nullptr;
+    if (!machine)
+        return nullptr;
     auto workspace = std::make_shared<SimWorkspace>(machine);
     return std::make_unique<PlatformBackend>("sim", machine, workspace);
 }
-}  // namespace
+} // namespace
 
 PlatformBackend::PlatformBackend(std::string name, std::shared_ptr<AudioHardware> audio,
                                  std::shared_ptr<Workspace> workspace)
@@ -44,13 +46,15 @@ std::string PlatformBackend::requestedName() {
 
 std::string PlatformBackend::simWorldPath() {
     const char* value = std::getenv(worldVariable);
-    if (value && *value) return value;
+    if (value && *value)
+        return value;
     return Paths::supportDirectory() + "/sim-world.json";
 }
 
 PlatformBackend* PlatformBackend::current(std::string* error) {
     std::lock_guard<std::mutex> guard(backendMutex);
-    if (backend) return backend.get();
+    if (backend)
+        return backend.get();
     const std::string name = requestedName();
     std::string why;
     if (name == "sim") {
@@ -62,12 +66,14 @@ PlatformBackend* PlatformBackend::current(std::string* error) {
     }
     if (!backend) {
         Log::info("tonavi: audio backend " + name + " unavailable: " + why);
-        if (error) *error = why;
+        if (error)
+            *error = why;
         return nullptr;
     }
     // Children (tap workers) inherit the same choice and the same world.
     ::setenv(environmentVariable, name.c_str(), 0);
-    if (name == "sim") ::setenv(worldVariable, simWorldPath().c_str(), 0);
+    if (name == "sim")
+        ::setenv(worldVariable, simWorldPath().c_str(), 0);
     return backend.get();
 }
 
@@ -76,4 +82,4 @@ void PlatformBackend::install(std::unique_ptr<PlatformBackend> replacement) {
     backend = std::move(replacement);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

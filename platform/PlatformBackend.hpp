@@ -13,7 +13,7 @@
 namespace tonavi {
 
 class PlatformBackend {
-public:
+  public:
     static constexpr const char* environmentVariable = "TONAVI_AUDIO_BACKEND";
     static constexpr const char* worldVariable = "TONAVI_SIM_WORLD";
 
@@ -27,16 +27,17 @@ public:
     // TONAVI_SIM_WORLD, else "sim-world.json" in the support folder.
     static std::string simWorldPath();
 
-    PlatformBackend(std::string name, std::shared_ptr<AudioHardware> audio, std::shared_ptr<Workspace> workspace);
+    PlatformBackend(std::string name, std::shared_ptr<AudioHardware> audio,
+                    std::shared_ptr<Workspace> workspace);
     const std::string& name() const { return name_; }
     AudioHardware& audio() { return *audio_; }
     Workspace& workspace() { return *workspace_; }
     const std::shared_ptr<AudioHardware>& sharedAudio() const { return audio_; }
 
-private:
+  private:
     std::string name_;
     std::shared_ptr<AudioHardware> audio_;
     std::shared_ptr<Workspace> workspace_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -4,9 +4,12 @@ namespace tonavi {
 
 const char* activationPolicyName(ActivationPolicy policy) {
     switch (policy) {
-    case ActivationPolicy::regular: return "regular";
-    case ActivationPolicy::accessory: return "accessory";
-    case ActivationPolicy::prohibited: return "prohibited";
+    case ActivationPolicy::regular:
+        return "regular";
+    case ActivationPolicy::accessory:
+        return "accessory";
+    case ActivationPolicy::prohibited:
+        return "prohibited";
     }
     return "regular";
 }
@@ -21,4 +24,4 @@ bool activationPolicyFromName(const std::string& name, ActivationPolicy& policy)
     return false;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -20,4 +20,4 @@ struct RunningApplication {
     friend bool operator==(const RunningApplication&, const RunningApplication&) = default;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -22,4 +22,4 @@ TapDescription TapDescription::stereoMixdown(std::vector<AudioObjectID> processe
     return d;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -11,15 +11,15 @@
 namespace tonavi {
 
 enum class TapMuteBehavior : std::uint32_t {
-    unmuted = 0,          // the processes stay audible on their own path
-    muted = 1,            // silent on their own path while the tap exists
-    mutedWhenTapped = 2,  // silent while an IO proc reads the tap
+    unmuted = 0,         // the processes stay audible on their own path
+    muted = 1,           // silent on their own path while the tap exists
+    mutedWhenTapped = 2, // silent while an IO proc reads the tap
 };
 
 struct TapDescription {
     std::vector<AudioObjectID> processes;
-    bool mixdown = false;    // stereo mixdown of all the processes' output
-    std::string deviceUID;   // device-stream form: the device whose stream is tapped
+    bool mixdown = false;  // stereo mixdown of all the processes' output
+    std::string deviceUID; // device-stream form: the device whose stream is tapped
     std::uint32_t stream = 0;
     std::string name;
     bool isPrivate = false;
@@ -34,4 +34,4 @@ struct TapDescription {
     static TapDescription stereoMixdown(std::vector<AudioObjectID> processes);
 };
 
-}  // namespace tonavi
+} // namespace tonavi

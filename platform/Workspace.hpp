@@ -21,7 +21,7 @@ struct WindowInfo {
 };
 
 class Workspace {
-public:
+  public:
     using ObserverToken = std::uint64_t;
 
     virtual ~Workspace() = default;
@@ -47,4 +47,4 @@ public:
     virtual void removeObserver(ObserverToken token) = 0;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -17,16 +17,16 @@ struct SimDevice {
     std::string uid;
     std::string name;
     std::uint32_t transport = kAudioDeviceTransportTypeBuiltIn;
-    std::vector<std::uint32_t> inputStreams;   // channels per stream
-    std::vector<std::uint32_t> outputStreams;  // channels per stream
+    std::vector<std::uint32_t> inputStreams;  // channels per stream
+    std::vector<std::uint32_t> outputStreams; // channels per stream
     // Output volume scalars by element (0 is the main element); absent elements have no control.
     std::map<std::uint32_t, float> volumeElements;
     bool hasVirtualMainVolume = false;
-    float virtualMainVolume = 1.0f;  // used only when there are no elements
+    float virtualMainVolume = 1.0f; // used only when there are no elements
     bool hasMute = false;
     bool muted = false;
     double sampleRate = 48000.0;
-    std::vector<double> availableSampleRates;  // empty: any positive rate
+    std::vector<double> availableSampleRates; // empty: any positive rate
     std::uint32_t bufferFrameSize = 512;
     std::uint32_t bufferFrameSizeMin = 32;
     std::uint32_t bufferFrameSizeMax = 4096;
@@ -46,4 +46,4 @@ struct SimDevice {
     std::uint32_t channels(bool input) const;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -20,19 +20,19 @@
 namespace tonavi {
 
 class SimIOProc {
-public:
+  public:
     static constexpr std::size_t maxTapStreams = 4;
     static constexpr std::size_t maxSourcesPerStream = 8;
 
     struct Tone {
         double frequency = 0;
-        double amplitude = 0;  // linear peak
+        double amplitude = 0; // linear peak
     };
     struct Layout {
         std::vector<std::uint32_t> inputStreams;
         // Per input stream: the tap slot (0...maxTapStreams-1) it carries, or -1 for a device's own input.
         std::vector<int> tapSlotOfStream;
-        std::vector<std::string> tapUUIDs;  // by slot
+        std::vector<std::string> tapUUIDs; // by slot
         std::vector<std::uint32_t> outputStreams;
         double sampleRate = 48000.0;
         std::uint32_t frames = 512;
@@ -40,7 +40,7 @@ public:
     struct Meter {
         double peakDB = -120.0;
         double rmsDB = -120.0;
-        double frequency = 0.0;  // from upward zero crossings of the first output channel
+        double frequency = 0.0; // from upward zero crossings of the first output channel
         std::uint64_t cycles = 0;
     };
 
@@ -76,7 +76,7 @@ public:
     std::string startRecording(const std::string& path, double seconds);
     std::string stopRecording();
 
-private:
+  private:
     struct Recording {
         std::string path;
         std::vector<float> samples;
@@ -121,7 +121,7 @@ private:
     std::atomic<double> meterFrequency_{0};
     std::atomic<std::uint64_t> cycles_{0};
 
-    std::mutex recordingMutex_;  // guards starting and stopping, never taken by the cycle
+    std::mutex recordingMutex_; // guards starting and stopping, never taken by the cycle
     std::atomic<Recording*> recording_{nullptr};
     std::vector<std::unique_ptr<Recording>> recordings_;
 
@@ -129,4 +129,4 @@ private:
     std::atomic<bool> threadStop_{false};
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -18,9 +18,9 @@ namespace {
 constexpr const char* refused = "refused";
 
 std::uint64_t steadyNanos() {
-    return static_cast<std::uint64_t>(
-        std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-            .count());
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                          std::chrono::steady_clock::now().time_since_epoch())
+                                          .count());
 }
 
 std::uint32_t sizeOf(const AudioPropertyValue& v) {
@@ -30,7 +30,7 @@ std::uint32_t sizeOf(const AudioPropertyValue& v) {
         std::uint32_t operator()(std::int32_t) const { return 4; }
         std::uint32_t operator()(float) const { return 4; }
         std::uint32_t operator()(double) const { return 8; }
-        std::uint32_t operator()(const std::string&) const { return sizeof(void*); }  // a CFStringRef
+        std::uint32_t operator()(const std::string&) const { return sizeof(void*); } // a CFStringRef
         std::uint32_t operator()(const std::vector<AudioObjectID>& ids) const {
             return static_cast<std::uint32_t>(ids.size() * sizeof(AudioObjectID));
         }
@@ -59,7 +59,8 @@ SimIOProc::Layout layoutOf(const SimWorld& w, const SimDevice& d) {
     layout.tapSlotOfStream.assign(layout.inputStreams.size(), -1);
     if (d.isAggregate) {
         for (const auto& st : d.aggregate.taps)
-            if (w.tapByUUID(st.uid)) layout.tapUUIDs.push_back(st.uid);
+            if (w.tapByUUID(st.uid))
+                layout.tapUUIDs.push_back(st.uid);
         // Tap streams come after the sub-devices' own inputs.
         const std::size_t first = layout.inputStreams.size() - layout.tapUUIDs.size();
         for (std::size_t i = 0; i < layout.tapUUIDs.size() && i < SimIOProc::maxTapStreams; ++i)
@@ -68,7 +69,7 @@ SimIOProc::Layout layoutOf(const SimWorld& w, const SimDevice& d) {
     return layout;
 }
 
-}  // namespace
+} // namespace
 
 SimMachine::SimMachine(SimWorld world) : SimMachine(std::move(world), Options()) {}
 
@@ -77,7 +78,8 @@ std::shared_ptr<SimMachine> SimMachine::open(const std::string& path, std::strin
 }
 
 SimMachine::SimMachine(SimWorld world, Options options)
-    : viewer_(::getpid()), options_(std::move(options)), world_(std::make_shared<const SimWorld>(std::move(world))) {
+    : viewer_(::getpid()), options_(std::move(options)),
+      world_(std::make_shared<const SimWorld>(std::move(world))) {
     if (options_.clock) {
         stepper_ = std::make_shared<std::function<void()>>([this] { stepDueCycles(); });
         options_.clock->addWaiter(stepper_);
@@ -95,8 +97,10 @@ std::shared_ptr<SimMachine> SimMachine::open(const std::string& path, std::strin
     auto file = std::make_unique<SimWorldFile>(path);
     SimWorldFile::Stamp stamp;
     auto world = file->read(error, &stamp);
-    if (!world) return nullptr;
-    std::shared_ptr<SimMachine> machine(new SimMachine(std::move(file), SimWorld(), stamp, std::move(options)));
+    if (!world)
+        return nullptr;
+    std::shared_ptr<SimMachine> machine(
+        new SimMachine(std::move(file), SimWorld(), stamp, std::move(options)));
     machine->orphansOnDisk_ = machine->filterOrphans(*world);
     machine->world_ = std::make_shared<const SimWorld>(std::move(*world));
     machine->startWatching();
@@ -104,10 +108,12 @@ std::shared_ptr<SimMachine> SimMachine::open(const std::string& path, std::strin
 }
 
 SimMachine::~SimMachine() {
-    if (watchTimer_) watchTimer_->cancel();
-    watchQueue_.reset();  // waits for a tick in progress
+    if (watchTimer_)
+        watchTimer_->cancel();
+    watchQueue_.reset(); // waits for a tick in progress
     std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
-    for (auto& [id, proc] : ioProcs_) proc->stopThread();
+    for (auto& [id, proc] : ioProcs_)
+        proc->stopThread();
 }
 
 void SimMachine::startWatching() {
@@ -120,7 +126,8 @@ void SimMachine::startWatching() {
 void SimMachine::watchTick() {
     refresh();
     // Every half second or so: sweep what dead processes left in the file, and publish meters.
-    if (++ticks_ % std::max<long>(1, 500 / std::max<long>(1, options_.watchInterval.count())) != 0) return;
+    if (++ticks_ % std::max<long>(1, 500 / std::max<long>(1, options_.watchInterval.count())) != 0)
+        return;
     bool sweep = false;
     {
         // A process that died leaves its taps behind in the file; its death changed nothing on
@@ -140,8 +147,10 @@ void SimMachine::watchTick() {
 bool SimMachine::filterOrphans(SimWorld& world) const {
     const pid_t me = viewer_;
     return world.removeOrphans([me](pid_t pid) {
-        if (pid == me) return true;
-        if (pid <= 0) return false;
+        if (pid == me)
+            return true;
+        if (pid <= 0)
+            return false;
         return ::kill(pid, 0) == 0 || errno == EPERM;
     });
 }
@@ -154,10 +163,13 @@ void SimMachine::installLocked(SimWorld next, Notice& notice) {
     for (const auto& l : listeners_) {
         Delivery d{l.queue, l.block, {}};
         for (const auto& [object, address] : changes)
-            if (object == l.object && SimProperties::matches(l.address, address)) d.addresses.push_back(address);
-        if (!d.addresses.empty()) notice.deliveries.push_back(std::move(d));
+            if (object == l.object && SimProperties::matches(l.address, address))
+                d.addresses.push_back(address);
+        if (!d.addresses.empty())
+            notice.deliveries.push_back(std::move(d));
     }
-    for (const auto& [token, observer] : observers_) notice.observers.push_back(observer);
+    for (const auto& [token, observer] : observers_)
+        notice.observers.push_back(observer);
     updateTonesLocked();
 }
 
@@ -165,17 +177,21 @@ void SimMachine::deliver(const Notice& notice) {
     for (const auto& d : notice.deliveries) {
         d.queue->async([block = d.block, addresses = d.addresses] { (*block)(addresses); });
     }
-    if (!notice.before || !notice.after) return;
-    for (const auto& observer : notice.observers) observer(*notice.before, *notice.after);
+    if (!notice.before || !notice.after)
+        return;
+    for (const auto& observer : notice.observers)
+        observer(*notice.before, *notice.after);
 }
 
 void SimMachine::refresh() {
-    if (!file_) return;
+    if (!file_)
+        return;
     Notice notice;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         const auto now = file_->stamp();
-        if (!now || *now == stamp_) return;
+        if (!now || *now == stamp_)
+            return;
         std::string error;
         SimWorldFile::Stamp stamp;
         auto next = file_->read(error, &stamp);
@@ -185,7 +201,8 @@ void SimMachine::refresh() {
             Log::info("tonavi: sim world unreadable, keeping the last good one: " + error);
             return;
         }
-        if (next->generation < world_->generation) return;
+        if (next->generation < world_->generation)
+            return;
         orphansOnDisk_ = filterOrphans(*next);
         installLocked(std::move(*next), notice);
     }
@@ -203,16 +220,19 @@ std::string SimMachine::mutate(const std::function<std::string(SimWorld&)>& edit
     if (file_) {
         SimWorld written;
         SimWorldFile::Stamp stamp;
-        if (auto error = file_->update(edit, &written, &stamp); !error.empty()) return error;
+        if (auto error = file_->update(edit, &written, &stamp); !error.empty())
+            return error;
         std::lock_guard<std::mutex> guard(mutex_);
-        if (written.generation <= world_->generation) return {};  // a newer world is already here
+        if (written.generation <= world_->generation)
+            return {}; // a newer world is already here
         stamp_ = stamp;
         orphansOnDisk_ = filterOrphans(written);
         installLocked(std::move(written), notice);
     } else {
         std::lock_guard<std::mutex> guard(mutex_);
         SimWorld copy = *world_;
-        if (auto error = edit(copy); !error.empty()) return error;
+        if (auto error = edit(copy); !error.empty())
+            return error;
         copy.generation += 1;
         installLocked(std::move(copy), notice);
     }
@@ -237,7 +257,8 @@ std::string SimMachine::failNext(SimOperation operation, int count, OSStatus sta
 }
 
 std::string SimMachine::setReadDelay(std::chrono::milliseconds delay, std::uint32_t selector) {
-    if (delay.count() < 0 || delay.count() > 60'000) return "a read delay is between 0 and 60000 ms";
+    if (delay.count() < 0 || delay.count() > 60'000)
+        return "a read delay is between 0 and 60000 ms";
     return mutate([&](SimWorld& w) {
         w.setReadDelay(static_cast<std::uint32_t>(delay.count()), selector);
         return std::string();
@@ -256,9 +277,11 @@ std::optional<OSStatus> SimMachine::takeFault(SimOperation operation, std::uint3
     std::optional<OSStatus> taken;
     mutate([&](SimWorld& w) -> std::string {
         for (auto it = w.faults.begin(); it != w.faults.end(); ++it) {
-            if (!faultMatches(*it, operation, selector)) continue;
+            if (!faultMatches(*it, operation, selector))
+                continue;
             taken = it->status;
-            if (--it->remaining <= 0) w.faults.erase(it);
+            if (--it->remaining <= 0)
+                w.faults.erase(it);
             return {};
         }
         return refused;
@@ -274,50 +297,59 @@ void SimMachine::delayRead(std::uint32_t selector) {
             ms = world_->readDelayMilliseconds;
     }
     // A stalled audio daemon, on purpose.
-    if (ms > 0) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    if (ms > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
 OSStatus SimMachine::getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                      AudioPropertyValue& value) {
     refresh();
-    if (auto fault = takeFault(SimOperation::getProperty, address.mSelector)) return *fault;
+    if (auto fault = takeFault(SimOperation::getProperty, address.mSelector))
+        return *fault;
     delayRead(address.mSelector);
     std::lock_guard<std::mutex> guard(mutex_);
     if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage)
         return streamUsageLocked(object, address, &value, nullptr);
     AudioPropertyValue result;
     const OSStatus status = SimProperties::read(*world_, viewer_, object, address, result);
-    if (status == noErr) value = std::move(result);
+    if (status == noErr)
+        value = std::move(result);
     return status;
 }
 
 OSStatus SimMachine::getPropertyDataSize(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                          std::uint32_t& size) {
     refresh();
-    if (auto fault = takeFault(SimOperation::getPropertySize, address.mSelector)) return *fault;
+    if (auto fault = takeFault(SimOperation::getPropertySize, address.mSelector))
+        return *fault;
     std::lock_guard<std::mutex> guard(mutex_);
     AudioPropertyValue value;
     OSStatus status;
     if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
         // Sized by the streams of the scope; the proc is not needed for that.
         const auto* d = world_->device(object);
-        if (!d || !SimProperties::isVisible(*world_, viewer_, object)) return kAudioHardwareBadObjectError;
-        if (address.mScope != kAudioObjectPropertyScopeInput && address.mScope != kAudioObjectPropertyScopeOutput)
+        if (!d || !SimProperties::isVisible(*world_, viewer_, object))
+            return kAudioHardwareBadObjectError;
+        if (address.mScope != kAudioObjectPropertyScopeInput &&
+            address.mScope != kAudioObjectPropertyScopeOutput)
             return kAudioHardwareUnknownPropertyError;
-        const auto n = SimProperties::streams(*world_, *d, address.mScope == kAudioObjectPropertyScopeInput).size();
+        const auto n =
+            SimProperties::streams(*world_, *d, address.mScope == kAudioObjectPropertyScopeInput).size();
         value = AudioHardwareIOProcStreamUsage{0, std::vector<std::uint32_t>(n, 0)};
         status = noErr;
     } else {
         status = SimProperties::read(*world_, viewer_, object, address, value);
     }
-    if (status == noErr) size = sizeOf(value);
+    if (status == noErr)
+        size = sizeOf(value);
     return status;
 }
 
 OSStatus SimMachine::setPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                      const AudioPropertyValue& value) {
     refresh();
-    if (auto fault = takeFault(SimOperation::setProperty, address.mSelector)) return *fault;
+    if (auto fault = takeFault(SimOperation::setProperty, address.mSelector))
+        return *fault;
     if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
         std::lock_guard<std::mutex> guard(mutex_);
         return streamUsageLocked(object, address, nullptr, &value);
@@ -327,7 +359,8 @@ OSStatus SimMachine::setPropertyData(AudioObjectID object, const AudioObjectProp
         status = SimProperties::write(w, viewer_, object, address, value);
         return status == noErr ? std::string() : std::string(refused);
     });
-    if (!error.empty() && status == noErr) return kAudioHardwareUnspecifiedError;  // the world file failed
+    if (!error.empty() && status == noErr)
+        return kAudioHardwareUnspecifiedError; // the world file failed
     return status;
 }
 
@@ -336,7 +369,8 @@ bool SimMachine::hasProperty(AudioObjectID object, const AudioObjectPropertyAddr
     std::lock_guard<std::mutex> guard(mutex_);
     if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
         return world_->device(object) && SimProperties::isVisible(*world_, viewer_, object) &&
-               (address.mScope == kAudioObjectPropertyScopeInput || address.mScope == kAudioObjectPropertyScopeOutput);
+               (address.mScope == kAudioObjectPropertyScopeInput ||
+                address.mScope == kAudioObjectPropertyScopeOutput);
     }
     AudioPropertyValue value;
     return SimProperties::read(*world_, viewer_, object, address, value) == noErr;
@@ -345,7 +379,8 @@ bool SimMachine::hasProperty(AudioObjectID object, const AudioObjectPropertyAddr
 OSStatus SimMachine::isPropertySettable(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                         bool& settable) {
     refresh();
-    if (auto fault = takeFault(SimOperation::isSettable, address.mSelector)) return *fault;
+    if (auto fault = takeFault(SimOperation::isSettable, address.mSelector))
+        return *fault;
     std::lock_guard<std::mutex> guard(mutex_);
     if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
         if (!world_->device(object) || !SimProperties::isVisible(*world_, viewer_, object))
@@ -359,49 +394,62 @@ OSStatus SimMachine::isPropertySettable(AudioObjectID object, const AudioObjectP
 OSStatus SimMachine::streamUsageLocked(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                        AudioPropertyValue* read, const AudioPropertyValue* write) {
     const auto* d = world_->device(object);
-    if (!d || !SimProperties::isVisible(*world_, viewer_, object)) return kAudioHardwareBadObjectError;
+    if (!d || !SimProperties::isVisible(*world_, viewer_, object))
+        return kAudioHardwareBadObjectError;
     const bool input = address.mScope == kAudioObjectPropertyScopeInput;
-    if (!input && address.mScope != kAudioObjectPropertyScopeOutput) return kAudioHardwareUnknownPropertyError;
+    if (!input && address.mScope != kAudioObjectPropertyScopeOutput)
+        return kAudioHardwareUnknownPropertyError;
     const auto* usage = std::get_if<AudioHardwareIOProcStreamUsage>(read ? read : write);
-    if (!usage) return kAudioHardwareBadPropertySizeError;
+    if (!usage)
+        return kAudioHardwareBadPropertySizeError;
     auto it = ioProcs_.find(usage->mIOProc);
-    if (it == ioProcs_.end() || it->second->device() != object) return kAudioHardwareIllegalOperationError;
+    if (it == ioProcs_.end() || it->second->device() != object)
+        return kAudioHardwareIllegalOperationError;
     const auto streams = SimProperties::streams(*world_, *d, input).size();
     if (read) {
         *read = AudioHardwareIOProcStreamUsage{usage->mIOProc, it->second->streamUsage(input, streams)};
         return noErr;
     }
-    if (usage->mStreamIsOn.size() != streams) return kAudioHardwareBadPropertySizeError;
+    if (usage->mStreamIsOn.size() != streams)
+        return kAudioHardwareBadPropertySizeError;
     it->second->setStreamUsage(input, usage->mStreamIsOn);
     return noErr;
 }
 
 OSStatus SimMachine::addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                         DispatchQueue& queue, const AudioObjectPropertyListenerBlock& block) {
+                                         DispatchQueue& queue,
+                                         const AudioObjectPropertyListenerBlock& block) {
     refresh();
-    if (auto fault = takeFault(SimOperation::addListener, address.mSelector)) return *fault;
+    if (auto fault = takeFault(SimOperation::addListener, address.mSelector))
+        return *fault;
     std::lock_guard<std::mutex> guard(mutex_);
-    if (!block || !*block) return kAudio_ParamError;
-    if (!SimProperties::isVisible(*world_, viewer_, object)) return kAudioHardwareBadObjectError;
+    if (!block || !*block)
+        return kAudio_ParamError;
+    if (!SimProperties::isVisible(*world_, viewer_, object))
+        return kAudioHardwareBadObjectError;
     listeners_.push_back({object, address, &queue, block});
     return noErr;
 }
 
 OSStatus SimMachine::removePropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                            DispatchQueue& queue, const AudioObjectPropertyListenerBlock& block) {
-    if (auto fault = takeFault(SimOperation::removeListener, address.mSelector)) return *fault;
+                                            DispatchQueue& queue,
+                                            const AudioObjectPropertyListenerBlock& block) {
+    if (auto fault = takeFault(SimOperation::removeListener, address.mSelector))
+        return *fault;
     std::lock_guard<std::mutex> guard(mutex_);
     auto it = std::find_if(listeners_.begin(), listeners_.end(), [&](const Listener& l) {
         return l.object == object && l.address == address && l.queue == &queue && l.block == block;
     });
-    if (it == listeners_.end()) return kAudio_ParamError;
+    if (it == listeners_.end())
+        return kAudio_ParamError;
     listeners_.erase(it);
     return noErr;
 }
 
 OSStatus SimMachine::createProcessTap(const TapDescription& description, AudioObjectID& tap) {
     refresh();
-    if (auto fault = takeFault(SimOperation::createTap, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::createTap, 0))
+        return *fault;
     OSStatus status = noErr;
     AudioObjectID created = 0;
     const auto error = mutate([&](SimWorld& w) -> std::string {
@@ -409,45 +457,56 @@ OSStatus SimMachine::createProcessTap(const TapDescription& description, AudioOb
             status = s;
             return std::string(refused);
         };
-        if (description.processes.empty()) return refuse(kAudio_ParamError);
+        if (description.processes.empty())
+            return refuse(kAudio_ParamError);
         for (auto id : description.processes)
-            if (!w.process(id)) return refuse(kAudioHardwareBadObjectError);
+            if (!w.process(id))
+                return refuse(kAudioHardwareBadObjectError);
         if (!description.mixdown) {
             const auto* d = w.deviceByUID(description.deviceUID);
-            if (!d || !SimProperties::isVisible(w, viewer_, d->id)) return refuse(kAudioHardwareBadDeviceError);
+            if (!d || !SimProperties::isVisible(w, viewer_, d->id))
+                return refuse(kAudioHardwareBadDeviceError);
             if (description.stream >= SimProperties::streams(w, *d, false).size())
                 return refuse(kAudioHardwareIllegalOperationError);
         }
         SimWorld::Tap t{w.allocateID(), description, viewer_};
-        if (t.description.uuid.empty()) t.description.uuid = makeUUID();
-        if (w.tapByUUID(t.description.uuid)) return refuse(kAudioHardwareIllegalOperationError);
+        if (t.description.uuid.empty())
+            t.description.uuid = makeUUID();
+        if (w.tapByUUID(t.description.uuid))
+            return refuse(kAudioHardwareIllegalOperationError);
         created = t.id;
         w.taps.push_back(std::move(t));
         return {};
     });
-    if (!error.empty()) return status != noErr ? status : kAudioHardwareUnspecifiedError;
+    if (!error.empty())
+        return status != noErr ? status : kAudioHardwareUnspecifiedError;
     tap = created;
     return noErr;
 }
 
 OSStatus SimMachine::destroyProcessTap(AudioObjectID tap) {
     refresh();
-    if (auto fault = takeFault(SimOperation::destroyTap, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::destroyTap, 0))
+        return *fault;
     OSStatus status = kAudioHardwareBadObjectError;
     const auto error = mutate([&](SimWorld& w) -> std::string {
         const auto before = w.taps.size();
         std::erase_if(w.taps, [&](const SimWorld::Tap& t) { return t.id == tap && t.ownerPID == viewer_; });
-        if (w.taps.size() == before) return refused;
+        if (w.taps.size() == before)
+            return refused;
         status = noErr;
         return {};
     });
-    if (!error.empty() && status == noErr) return kAudioHardwareUnspecifiedError;
+    if (!error.empty() && status == noErr)
+        return kAudioHardwareUnspecifiedError;
     return status;
 }
 
-OSStatus SimMachine::createAggregateDevice(const AggregateDeviceDescription& description, AudioObjectID& device) {
+OSStatus SimMachine::createAggregateDevice(const AggregateDeviceDescription& description,
+                                           AudioObjectID& device) {
     refresh();
-    if (auto fault = takeFault(SimOperation::createAggregate, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::createAggregate, 0))
+        return *fault;
     OSStatus status = noErr;
     AudioObjectID created = 0;
     const auto error = mutate([&](SimWorld& w) -> std::string {
@@ -457,14 +516,17 @@ OSStatus SimMachine::createAggregateDevice(const AggregateDeviceDescription& des
         };
         if (description.uid.empty() || (description.subDevices.empty() && description.taps.empty()))
             return refuse(kAudio_ParamError);
-        if (w.deviceByUID(description.uid)) return refuse(kAudioHardwareIllegalOperationError);
+        if (w.deviceByUID(description.uid))
+            return refuse(kAudioHardwareIllegalOperationError);
         for (const auto& sub : description.subDevices) {
             const auto* d = w.deviceByUID(sub.uid);
-            if (!d || d->isAggregate) return refuse(kAudioHardwareBadDeviceError);
+            if (!d || d->isAggregate)
+                return refuse(kAudioHardwareBadDeviceError);
         }
         for (const auto& st : description.taps) {
             const auto* t = w.tapByUUID(st.uid);
-            if (!t || !SimProperties::isVisible(w, viewer_, t->id)) return refuse(kAudioHardwareBadObjectError);
+            if (!t || !SimProperties::isVisible(w, viewer_, t->id))
+                return refuse(kAudioHardwareBadObjectError);
         }
         SimDevice d;
         d.aggregate = description;
@@ -493,7 +555,8 @@ OSStatus SimMachine::createAggregateDevice(const AggregateDeviceDescription& des
         w.devices.push_back(std::move(d));
         return {};
     });
-    if (!error.empty()) return status != noErr ? status : kAudioHardwareUnspecifiedError;
+    if (!error.empty())
+        return status != noErr ? status : kAudioHardwareUnspecifiedError;
     device = created;
     return noErr;
 }
@@ -510,12 +573,14 @@ void SimMachine::stopProcsOn(AudioObjectID device) {
             }
         }
     }
-    for (auto* proc : stopping) proc->stopThread();
+    for (auto* proc : stopping)
+        proc->stopThread();
 }
 
 OSStatus SimMachine::destroyAggregateDevice(AudioObjectID device) {
     refresh();
-    if (auto fault = takeFault(SimOperation::destroyAggregate, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::destroyAggregate, 0))
+        return *fault;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         const auto* d = world_->device(device);
@@ -529,22 +594,26 @@ OSStatus SimMachine::destroyAggregateDevice(AudioObjectID device) {
         std::erase_if(w.devices, [&](const SimDevice& d) {
             return d.id == device && d.isAggregate && (!d.aggregate.isPrivate || d.ownerPID == viewer_);
         });
-        if (w.devices.size() == before) return refused;
+        if (w.devices.size() == before)
+            return refused;
         status = noErr;
         return {};
     });
-    if (!error.empty() && status == noErr) return kAudioHardwareUnspecifiedError;
+    if (!error.empty() && status == noErr)
+        return kAudioHardwareUnspecifiedError;
     return status;
 }
 
 OSStatus SimMachine::createIOProcIDWithBlock(AudioObjectID device, DispatchQueue*, AudioDeviceIOBlock block,
                                              AudioDeviceIOProcID& procID) {
     refresh();
-    if (auto fault = takeFault(SimOperation::createIOProc, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::createIOProc, 0))
+        return *fault;
     std::lock_guard<std::mutex> guard(mutex_);
     if (!world_->device(device) || !SimProperties::isVisible(*world_, viewer_, device))
         return kAudioHardwareBadObjectError;
-    if (!block) return kAudio_ParamError;
+    if (!block)
+        return kAudio_ParamError;
     const auto id = nextProcID_++;
     ioProcs_[id] = std::make_unique<SimIOProc>(id, device, std::move(block));
     procID = id;
@@ -555,24 +624,29 @@ OSStatus SimMachine::adjustRunningCount(AudioObjectID device, int delta) {
     OSStatus status = kAudioHardwareBadDeviceError;
     const auto error = mutate([&](SimWorld& w) -> std::string {
         auto* d = w.device(device);
-        if (!d) return refused;
-        if (delta < 0 && d->runningIOProcs == 0) return refused;
+        if (!d)
+            return refused;
+        if (delta < 0 && d->runningIOProcs == 0)
+            return refused;
         d->runningIOProcs = static_cast<std::uint32_t>(static_cast<int>(d->runningIOProcs) + delta);
         status = noErr;
         return {};
     });
-    if (!error.empty() && status == noErr) return kAudioHardwareUnspecifiedError;
+    if (!error.empty() && status == noErr)
+        return kAudioHardwareUnspecifiedError;
     return status;
 }
 
 OSStatus SimMachine::destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID procID) {
-    if (auto fault = takeFault(SimOperation::destroyIOProc, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::destroyIOProc, 0))
+        return *fault;
     std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
     std::unique_ptr<SimIOProc> proc;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         auto it = ioProcs_.find(procID);
-        if (it == ioProcs_.end() || it->second->device() != device) return kAudioHardwareBadObjectError;
+        if (it == ioProcs_.end() || it->second->device() != device)
+            return kAudioHardwareBadObjectError;
         proc = std::move(it->second);
         ioProcs_.erase(it);
     }
@@ -585,19 +659,24 @@ OSStatus SimMachine::destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID p
 
 OSStatus SimMachine::deviceStart(AudioObjectID device, AudioDeviceIOProcID procID) {
     refresh();
-    if (auto fault = takeFault(SimOperation::deviceStart, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::deviceStart, 0))
+        return *fault;
     std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
     {
         std::lock_guard<std::mutex> guard(mutex_);
         auto it = ioProcs_.find(procID);
-        if (it == ioProcs_.end() || it->second->device() != device) return kAudioHardwareBadObjectError;
-        if (it->second->isRunning()) return noErr;
+        if (it == ioProcs_.end() || it->second->device() != device)
+            return kAudioHardwareBadObjectError;
+        if (it->second->isRunning())
+            return noErr;
     }
-    if (const OSStatus status = adjustRunningCount(device, +1); status != noErr) return status;
+    if (const OSStatus status = adjustRunningCount(device, +1); status != noErr)
+        return status;
     std::lock_guard<std::mutex> guard(mutex_);
     auto it = ioProcs_.find(procID);
     const auto* d = world_->device(device);
-    if (it == ioProcs_.end() || !d) return kAudioHardwareBadDeviceError;
+    if (it == ioProcs_.end() || !d)
+        return kAudioHardwareBadDeviceError;
     SimIOProc& proc = *it->second;
     proc.prepare(layoutOf(*world_, *d));
     proc.setRunning(true);
@@ -611,14 +690,17 @@ OSStatus SimMachine::deviceStart(AudioObjectID device, AudioDeviceIOProcID procI
 }
 
 OSStatus SimMachine::deviceStop(AudioObjectID device, AudioDeviceIOProcID procID) {
-    if (auto fault = takeFault(SimOperation::deviceStop, 0)) return *fault;
+    if (auto fault = takeFault(SimOperation::deviceStop, 0))
+        return *fault;
     std::lock_guard<std::mutex> lifecycle(lifecycleMutex_);
     SimIOProc* proc = nullptr;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         auto it = ioProcs_.find(procID);
-        if (it == ioProcs_.end() || it->second->device() != device) return kAudioHardwareBadObjectError;
-        if (!it->second->isRunning()) return noErr;
+        if (it == ioProcs_.end() || it->second->device() != device)
+            return kAudioHardwareBadObjectError;
+        if (!it->second->isRunning())
+            return noErr;
         proc = it->second.get();
         proc->setRunning(false);
     }
@@ -630,7 +712,8 @@ OSStatus SimMachine::deviceStop(AudioObjectID device, AudioDeviceIOProcID procID
 std::uint64_t SimMachine::currentHostTime() {
     if (options_.clock) {
         return static_cast<std::uint64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>(options_.clock->now().time_since_epoch()).count());
+            std::chrono::duration_cast<std::chrono::nanoseconds>(options_.clock->now().time_since_epoch())
+                .count());
     }
     return steadyNanos();
 }
@@ -639,7 +722,8 @@ void SimMachine::updateTonesLocked() {
     const SimWorld& w = *world_;
     std::vector<SimIOProc::Tone> tones;
     for (auto& [id, proc] : ioProcs_) {
-        if (!proc->isRunning()) continue;
+        if (!proc->isRunning())
+            continue;
         const auto& uuids = proc->layout().tapUUIDs;
         for (std::size_t slot = 0; slot < uuids.size() && slot < SimIOProc::maxTapStreams; ++slot) {
             tones.clear();
@@ -647,9 +731,11 @@ void SimMachine::updateTonesLocked() {
                 const auto& desc = t->description;
                 for (auto object : desc.processes) {
                     const auto* p = w.process(object);
-                    if (!p || !p->isAudible()) continue;
+                    if (!p || !p->isAudible())
+                        continue;
                     // A device-stream tap hears only what the process plays on that device.
-                    if (!desc.mixdown && w.effectiveDeviceUID(*p, false) != desc.deviceUID) continue;
+                    if (!desc.mixdown && w.effectiveDeviceUID(*p, false) != desc.deviceUID)
+                        continue;
                     tones.push_back({p->signal.frequency, std::pow(10.0, p->signal.levelDB / 20.0)});
                 }
             }
@@ -665,7 +751,8 @@ void SimMachine::stepDueCycles() {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         for (auto& [id, proc] : ioProcs_)
-            if (proc->isRunning()) running.push_back(proc.get());
+            if (proc->isRunning())
+                running.push_back(proc.get());
     }
     for (auto* proc : running) {
         const auto period = std::max<std::uint64_t>(proc->cyclePeriodNanos(), 1);
@@ -680,13 +767,16 @@ std::vector<std::string> SimMachine::directlyAudible(const std::string& deviceUI
     const auto w = world();
     std::vector<std::string> heard;
     for (const auto& p : w->processes) {
-        if (!p.isAudible()) continue;
+        if (!p.isAudible())
+            continue;
         const std::string target = w->effectiveDeviceUID(p, false);
         bool reaches = target == deviceUID;
         if (const auto* d = w->deviceByUID(target); d && d->isAggregate && !d->aggregate.isPrivate) {
-            for (const auto& sub : d->aggregate.subDevices) reaches = reaches || sub.uid == deviceUID;
+            for (const auto& sub : d->aggregate.subDevices)
+                reaches = reaches || sub.uid == deviceUID;
         }
-        if (reaches && !w->isMutedByTap(p, target)) heard.push_back(p.bundleID);
+        if (reaches && !w->isMutedByTap(p, target))
+            heard.push_back(p.bundleID);
     }
     return heard;
 }
@@ -694,7 +784,8 @@ std::vector<std::string> SimMachine::directlyAudible(const std::string& deviceUI
 std::optional<SimIOProc::Meter> SimMachine::ioMeter(AudioDeviceIOProcID procID) {
     std::lock_guard<std::mutex> guard(mutex_);
     auto it = ioProcs_.find(procID);
-    if (it == ioProcs_.end()) return std::nullopt;
+    if (it == ioProcs_.end())
+        return std::nullopt;
     return it->second->meter();
 }
 
@@ -704,8 +795,10 @@ std::string SimMachine::startRecording(AudioDeviceIOProcID procID, const std::st
     {
         std::lock_guard<std::mutex> guard(mutex_);
         auto it = ioProcs_.find(procID);
-        if (it == ioProcs_.end()) return "no IO proc " + std::to_string(procID);
-        if (!it->second->isRunning()) return "IO proc " + std::to_string(procID) + " is not running";
+        if (it == ioProcs_.end())
+            return "no IO proc " + std::to_string(procID);
+        if (!it->second->isRunning())
+            return "IO proc " + std::to_string(procID) + " is not running";
         proc = it->second.get();
     }
     return proc->startRecording(path, seconds);
@@ -717,7 +810,8 @@ std::string SimMachine::stopRecording(AudioDeviceIOProcID procID) {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         auto it = ioProcs_.find(procID);
-        if (it == ioProcs_.end()) return "no IO proc " + std::to_string(procID);
+        if (it == ioProcs_.end())
+            return "no IO proc " + std::to_string(procID);
         proc = it->second.get();
     }
     return proc->stopRecording();
@@ -728,16 +822,19 @@ void SimMachine::publishMeters() {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         for (auto& [id, proc] : ioProcs_) {
-            if (!proc->isRunning()) continue;
+            if (!proc->isRunning())
+                continue;
             const auto* d = world_->device(proc->device());
-            if (!d) continue;
+            if (!d)
+                continue;
             const auto m = proc->meter();
             const std::string plays = d->isAggregate ? d->aggregate.mainSubDevice : d->uid;
             meters.push_back({d->uid, plays, viewer_, std::round(m.peakDB * 10) / 10,
                               std::round(m.rmsDB * 10) / 10, std::round(m.frequency), m.cycles});
         }
     }
-    if (meters.empty() && !publishedMeters_) return;
+    if (meters.empty() && !publishedMeters_)
+        return;
     publishedMeters_ = !meters.empty();
     mutate([&](SimWorld& w) {
         std::erase_if(w.meters, [&](const SimWorld::Meter& m) { return m.ownerPID == viewer_; });
@@ -746,4 +843,4 @@ void SimMachine::publishMeters() {
     });
 }
 
-}  // namespace tonavi
+} // namespace tonavi

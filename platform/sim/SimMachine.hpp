@@ -24,7 +24,7 @@
 namespace tonavi {
 
 class SimMachine final : public AudioHardware {
-public:
+  public:
     struct Options {
         // With a manual clock, IO procs do not get threads: each advance of the clock runs the cycles
         // that fall due, on the advancing thread, and host time follows the clock.
@@ -54,12 +54,15 @@ public:
     OSStatus isPropertySettable(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                 bool& settable) override;
     OSStatus addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                 DispatchQueue& queue, const AudioObjectPropertyListenerBlock& block) override;
+                                 DispatchQueue& queue,
+                                 const AudioObjectPropertyListenerBlock& block) override;
     OSStatus removePropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                    DispatchQueue& queue, const AudioObjectPropertyListenerBlock& block) override;
+                                    DispatchQueue& queue,
+                                    const AudioObjectPropertyListenerBlock& block) override;
     OSStatus createProcessTap(const TapDescription& description, AudioObjectID& tap) override;
     OSStatus destroyProcessTap(AudioObjectID tap) override;
-    OSStatus createAggregateDevice(const AggregateDeviceDescription& description, AudioObjectID& device) override;
+    OSStatus createAggregateDevice(const AggregateDeviceDescription& description,
+                                   AudioObjectID& device) override;
     OSStatus destroyAggregateDevice(AudioObjectID device) override;
     OSStatus createIOProcIDWithBlock(AudioObjectID device, DispatchQueue* queue, AudioDeviceIOBlock block,
                                      AudioDeviceIOProcID& procID) override;
@@ -96,7 +99,7 @@ public:
 
     pid_t viewerPID() const { return viewer_; }
 
-private:
+  private:
     struct Listener {
         AudioObjectID object;
         AudioObjectPropertyAddress address;
@@ -116,7 +119,8 @@ private:
         std::shared_ptr<const SimWorld> after;
     };
 
-    SimMachine(std::unique_ptr<SimWorldFile> file, SimWorld world, SimWorldFile::Stamp stamp, Options options);
+    SimMachine(std::unique_ptr<SimWorldFile> file, SimWorld world, SimWorldFile::Stamp stamp,
+               Options options);
     void startWatching();
     void watchTick();
     // Installs `next` as the current world and answers what listeners and observers must hear.
@@ -137,7 +141,7 @@ private:
     Options options_;
     std::unique_ptr<SimWorldFile> file_;
 
-    std::mutex mutex_;  // guards everything below
+    std::mutex mutex_; // guards everything below
     std::shared_ptr<const SimWorld> world_;
     SimWorldFile::Stamp stamp_;
     bool orphansOnDisk_ = false;
@@ -158,4 +162,4 @@ private:
     std::unique_ptr<DispatchTimer> watchTimer_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -19,14 +19,14 @@ struct SimProcess {
     AudioObjectID id = 0;
     pid_t pid = 0;
     std::string bundleID;
-    pid_t responsiblePID = 0;  // 0: answers for itself
+    pid_t responsiblePID = 0; // 0: answers for itself
     bool runningOutput = false;
     bool runningInput = false;
-    std::string outputDeviceUID;  // empty: follows the default output
-    std::string inputDeviceUID;   // empty: follows the default input
+    std::string outputDeviceUID; // empty: follows the default output
+    std::string inputDeviceUID;  // empty: follows the default input
     Signal signal;
 
     bool isAudible() const { return runningOutput && !signal.silent; }
 };
 
-}  // namespace tonavi
+} // namespace tonavi

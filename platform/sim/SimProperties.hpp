@@ -31,7 +31,8 @@ struct SimProperties {
 
     // Every address whose answer differs between the two worlds, for objects in either.
     static std::vector<Change> changes(const SimWorld& before, const SimWorld& after, pid_t viewer);
-    static bool matches(const AudioObjectPropertyAddress& listened, const AudioObjectPropertyAddress& changed);
+    static bool matches(const AudioObjectPropertyAddress& listened,
+                        const AudioObjectPropertyAddress& changed);
 };
 
-}  // namespace tonavi
+} // namespace tonavi

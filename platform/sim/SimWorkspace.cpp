@@ -11,66 +11,79 @@ namespace {
 RunningApplication toRunning(const SimWorld::Application& a) {
     return {a.bundleID, a.pid, a.policy, a.name};
 }
-}  // namespace
+} // namespace
 
 SimWorkspace::SimWorkspace(std::shared_ptr<SimMachine> machine) : machine_(std::move(machine)) {
     worldToken_ = machine_->addWorldObserver(
         [this](const SimWorld& before, const SimWorld& after) { worldChanged(before, after); });
 }
 
-SimWorkspace::~SimWorkspace() { machine_->removeWorldObserver(worldToken_); }
+SimWorkspace::~SimWorkspace() {
+    machine_->removeWorldObserver(worldToken_);
+}
 
 std::vector<RunningApplication> SimWorkspace::runningApplications() {
     std::vector<RunningApplication> apps;
-    for (const auto& a : machine_->world()->applications) apps.push_back(toRunning(a));
+    for (const auto& a : machine_->world()->applications)
+        apps.push_back(toRunning(a));
     return apps;
 }
 
 std::vector<RunningApplication> SimWorkspace::runningApplications(const std::string& bundleIdentifier) {
     std::vector<RunningApplication> apps;
     for (const auto& a : machine_->world()->applications)
-        if (a.bundleID == bundleIdentifier) apps.push_back(toRunning(a));
+        if (a.bundleID == bundleIdentifier)
+            apps.push_back(toRunning(a));
     return apps;
 }
 
 std::optional<RunningApplication> SimWorkspace::runningApplication(pid_t pid) {
     const auto world = machine_->world();
-    if (const auto* a = world->applicationByPID(pid)) return toRunning(*a);
+    if (const auto* a = world->applicationByPID(pid))
+        return toRunning(*a);
     return std::nullopt;
 }
 
 std::optional<RunningApplication> SimWorkspace::frontmostApplication() {
     const auto world = machine_->world();
-    if (const auto* a = world->applicationByPID(world->frontmostPID)) return toRunning(*a);
+    if (const auto* a = world->applicationByPID(world->frontmostPID))
+        return toRunning(*a);
     return std::nullopt;
 }
 
 std::optional<std::vector<WindowInfo>> SimWorkspace::onScreenWindows() {
     const auto world = machine_->world();
-    if (!world->windowListAvailable) return std::nullopt;
+    if (!world->windowListAvailable)
+        return std::nullopt;
     std::vector<WindowInfo> windows;
     for (const auto& w : world->windows) {
         WindowInfo info;
         info.layer = w.layer;
-        if (w.ownerPID > 0) info.ownerPID = w.ownerPID;
+        if (w.ownerPID > 0)
+            info.ownerPID = w.ownerPID;
         windows.push_back(info);
     }
     return windows;
 }
 
 pid_t SimWorkspace::responsiblePID(pid_t pid) {
-    if (pid <= 0) return -1;
+    if (pid <= 0)
+        return -1;
     const auto world = machine_->world();
     for (const auto& p : world->processes)
-        if (p.pid == pid) return p.responsiblePID > 0 ? p.responsiblePID : pid;
-    if (world->applicationByPID(pid)) return pid;
+        if (p.pid == pid)
+            return p.responsiblePID > 0 ? p.responsiblePID : pid;
+    if (world->applicationByPID(pid))
+        return pid;
     // A real process of this machine (the service, a worker) answers for itself.
-    if (::kill(pid, 0) == 0 || errno == EPERM) return pid;
+    if (::kill(pid, 0) == 0 || errno == EPERM)
+        return pid;
     return -1;
 }
 
-Workspace::ObserverToken SimWorkspace::addActivationObserver(DispatchQueue& queue,
-                                                             std::function<void(const RunningApplication&)> handler) {
+Workspace::ObserverToken
+SimWorkspace::addActivationObserver(DispatchQueue& queue,
+                                    std::function<void(const RunningApplication&)> handler) {
     std::lock_guard<std::mutex> guard(mutex_);
     const auto token = nextToken_++;
     observers_[token] = {Kind::activation, &queue, std::move(handler), {}};
@@ -99,11 +112,13 @@ void SimWorkspace::removeObserver(ObserverToken token) {
 void SimWorkspace::worldChanged(const SimWorld& before, const SimWorld& after) {
     std::optional<RunningApplication> activated;
     if (after.frontmostPID != before.frontmostPID) {
-        if (const auto* a = after.applicationByPID(after.frontmostPID)) activated = toRunning(*a);
+        if (const auto* a = after.applicationByPID(after.frontmostPID))
+            activated = toRunning(*a);
     }
     const bool slept = !before.asleep && after.asleep;
     const bool woke = before.asleep && !after.asleep;
-    if (!activated && !slept && !woke) return;
+    if (!activated && !slept && !woke)
+        return;
     std::vector<Observer> due;
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -117,9 +132,9 @@ void SimWorkspace::worldChanged(const SimWorld& before, const SimWorld& after) {
         if (o.kind == Kind::activation) {
             o.queue->async([handler = o.onActivation, app = *activated] { handler(app); });
         } else {
-            o.onPower();  // on the noticing thread, like a notification posted with no queue
+            o.onPower(); // on the noticing thread, like a notification posted with no queue
         }
     }
 }
 
-}  // namespace tonavi
+} // namespace tonavi

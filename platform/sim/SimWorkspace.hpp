@@ -13,7 +13,7 @@
 namespace tonavi {
 
 class SimWorkspace final : public Workspace {
-public:
+  public:
     explicit SimWorkspace(std::shared_ptr<SimMachine> machine);
     ~SimWorkspace() override;
 
@@ -29,7 +29,7 @@ public:
     ObserverToken addDidWakeObserver(std::function<void()> handler) override;
     void removeObserver(ObserverToken token) override;
 
-private:
+  private:
     enum class Kind { activation, willSleep, didWake };
     struct Observer {
         Kind kind;
@@ -47,4 +47,4 @@ private:
     ObserverToken nextToken_ = 1;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -7,19 +7,35 @@ namespace tonavi {
 
 namespace {
 constexpr const char* operationNames[] = {
-    "get",        "size",        "set",          "settable",         "add-listener",
-    "remove-listener", "create-tap", "destroy-tap", "create-aggregate", "destroy-aggregate",
-    "create-ioproc", "destroy-ioproc", "start",   "stop",
+    "get",
+    "size",
+    "set",
+    "settable",
+    "add-listener",
+    "remove-listener",
+    "create-tap",
+    "destroy-tap",
+    "create-aggregate",
+    "destroy-aggregate",
+    "create-ioproc",
+    "destroy-ioproc",
+    "start",
+    "stop",
 };
 
-bool hasStreams(const SimDevice& d, bool input) { return d.channels(input) > 0; }
-}  // namespace
+bool hasStreams(const SimDevice& d, bool input) {
+    return d.channels(input) > 0;
+}
+} // namespace
 
-const char* simOperationName(SimOperation operation) { return operationNames[static_cast<int>(operation)]; }
+const char* simOperationName(SimOperation operation) {
+    return operationNames[static_cast<int>(operation)];
+}
 
 std::optional<SimOperation> simOperationFromName(const std::string& name) {
     for (int i = 0; i <= static_cast<int>(SimOperation::deviceStop); ++i) {
-        if (name == operationNames[i]) return static_cast<SimOperation>(i);
+        if (name == operationNames[i])
+            return static_cast<SimOperation>(i);
     }
     return std::nullopt;
 }
@@ -33,7 +49,7 @@ SimWorld SimWorld::preset() {
     speakers.name = "MacBook Pro Speakers";
     speakers.transport = kAudioDeviceTransportTypeBuiltIn;
     speakers.outputStreams = {2};
-    speakers.volumeElements = {{1, 0.5f}, {2, 0.5f}};  // stereo pair, no main element
+    speakers.volumeElements = {{1, 0.5f}, {2, 0.5f}}; // stereo pair, no main element
     speakers.hasVirtualMainVolume = true;
     speakers.hasMute = true;
     speakers.availableSampleRates = builtinRates;
@@ -134,19 +150,23 @@ SimWorld SimWorld::preset() {
     addProcess("com.example.SyncAgent", 4105, 0, true, false, {0.0, -120.0, true});
 
     w.frontmostPID = 4101;
-    w.windows = {{88, 25}, {4101, 0}, {4103, 0}, {4104, 0}};  // the menu bar first, then app windows
+    w.windows = {{88, 25}, {4101, 0}, {4103, 0}, {4104, 0}}; // the menu bar first, then app windows
     return w;
 }
 
 SimDevice* SimWorld::device(AudioObjectID id) {
     for (auto& d : devices)
-        if (d.id == id) return &d;
+        if (d.id == id)
+            return &d;
     return nullptr;
 }
-const SimDevice* SimWorld::device(AudioObjectID id) const { return const_cast<SimWorld*>(this)->device(id); }
+const SimDevice* SimWorld::device(AudioObjectID id) const {
+    return const_cast<SimWorld*>(this)->device(id);
+}
 SimDevice* SimWorld::deviceByUID(const std::string& uid) {
     for (auto& d : devices)
-        if (d.uid == uid) return &d;
+        if (d.uid == uid)
+            return &d;
     return nullptr;
 }
 const SimDevice* SimWorld::deviceByUID(const std::string& uid) const {
@@ -154,36 +174,46 @@ const SimDevice* SimWorld::deviceByUID(const std::string& uid) const {
 }
 SimProcess* SimWorld::process(AudioObjectID id) {
     for (auto& p : processes)
-        if (p.id == id) return &p;
+        if (p.id == id)
+            return &p;
     return nullptr;
 }
-const SimProcess* SimWorld::process(AudioObjectID id) const { return const_cast<SimWorld*>(this)->process(id); }
+const SimProcess* SimWorld::process(AudioObjectID id) const {
+    return const_cast<SimWorld*>(this)->process(id);
+}
 const SimWorld::Application* SimWorld::application(const std::string& bundleID) const {
     for (auto& a : applications)
-        if (a.bundleID == bundleID) return &a;
+        if (a.bundleID == bundleID)
+            return &a;
     return nullptr;
 }
 const SimWorld::Application* SimWorld::applicationByPID(pid_t pid) const {
     for (auto& a : applications)
-        if (a.pid == pid) return &a;
+        if (a.pid == pid)
+            return &a;
     return nullptr;
 }
 const SimWorld::Tap* SimWorld::tap(AudioObjectID id) const {
     for (auto& t : taps)
-        if (t.id == id) return &t;
+        if (t.id == id)
+            return &t;
     return nullptr;
 }
 const SimWorld::Tap* SimWorld::tapByUUID(const std::string& uuid) const {
     for (auto& t : taps)
-        if (t.description.uuid == uuid) return &t;
+        if (t.description.uuid == uuid)
+            return &t;
     return nullptr;
 }
 
 std::string SimWorld::defaultUID(SimDefaultRole role) const {
     switch (role) {
-    case SimDefaultRole::output: return defaultOutputUID;
-    case SimDefaultRole::input: return defaultInputUID;
-    case SimDefaultRole::systemOutput: return systemOutputUID;
+    case SimDefaultRole::output:
+        return defaultOutputUID;
+    case SimDefaultRole::input:
+        return defaultInputUID;
+    case SimDefaultRole::systemOutput:
+        return systemOutputUID;
     }
     return {};
 }
@@ -191,7 +221,8 @@ std::string SimWorld::defaultUID(SimDefaultRole role) const {
 std::string SimWorld::effectiveDeviceUID(const SimProcess& p, bool input) const {
     const std::string& chosen = input ? p.inputDeviceUID : p.outputDeviceUID;
     if (!chosen.empty()) {
-        if (auto* d = deviceByUID(chosen); d && d->alive) return chosen;
+        if (auto* d = deviceByUID(chosen); d && d->alive)
+            return chosen;
     }
     return input ? defaultInputUID : defaultOutputUID;
 }
@@ -199,26 +230,37 @@ std::string SimWorld::effectiveDeviceUID(const SimProcess& p, bool input) const 
 bool SimWorld::isMutedByTap(const SimProcess& p, const std::string& deviceUID) const {
     for (const auto& t : taps) {
         const auto& desc = t.description;
-        if (desc.muteBehavior == TapMuteBehavior::unmuted) continue;
-        if (std::find(desc.processes.begin(), desc.processes.end(), p.id) == desc.processes.end()) continue;
-        if (!desc.mixdown && desc.deviceUID != deviceUID) continue;
-        if (desc.muteBehavior == TapMuteBehavior::muted) return true;
+        if (desc.muteBehavior == TapMuteBehavior::unmuted)
+            continue;
+        if (std::find(desc.processes.begin(), desc.processes.end(), p.id) == desc.processes.end())
+            continue;
+        if (!desc.mixdown && desc.deviceUID != deviceUID)
+            continue;
+        if (desc.muteBehavior == TapMuteBehavior::muted)
+            return true;
         // Muted when tapped: only while an IO proc reads an aggregate that holds the tap.
         for (const auto& d : devices) {
-            if (!d.isAggregate || d.runningIOProcs == 0) continue;
+            if (!d.isAggregate || d.runningIOProcs == 0)
+                continue;
             for (const auto& st : d.aggregate.taps)
-                if (st.uid == desc.uuid) return true;
+                if (st.uid == desc.uuid)
+                    return true;
         }
     }
     return false;
 }
 
 std::string SimWorld::plug(SimDevice d) {
-    if (d.uid.empty()) return "a device needs a UID";
-    if (deviceByUID(d.uid)) return "device " + d.uid + " is already plugged in";
-    auto it = std::find_if(detached.begin(), detached.end(), [&](const SimDevice& x) { return x.uid == d.uid; });
-    if (it != detached.end()) detached.erase(it);
-    if (d.name.empty()) d.name = d.uid;
+    if (d.uid.empty())
+        return "a device needs a UID";
+    if (deviceByUID(d.uid))
+        return "device " + d.uid + " is already plugged in";
+    auto it =
+        std::find_if(detached.begin(), detached.end(), [&](const SimDevice& x) { return x.uid == d.uid; });
+    if (it != detached.end())
+        detached.erase(it);
+    if (d.name.empty())
+        d.name = d.uid;
     d.id = allocateID();
     d.alive = true;
     devices.push_back(std::move(d));
@@ -226,9 +268,11 @@ std::string SimWorld::plug(SimDevice d) {
 }
 
 std::string SimWorld::replug(const std::string& uid) {
-    auto it = std::find_if(detached.begin(), detached.end(), [&](const SimDevice& x) { return x.uid == uid; });
+    auto it =
+        std::find_if(detached.begin(), detached.end(), [&](const SimDevice& x) { return x.uid == uid; });
     if (it == detached.end()) {
-        if (deviceByUID(uid)) return "device " + uid + " is already plugged in";
+        if (deviceByUID(uid))
+            return "device " + uid + " is already plugged in";
         return "no unplugged device " + uid;
     }
     SimDevice d = *it;
@@ -237,13 +281,16 @@ std::string SimWorld::replug(const std::string& uid) {
 
 std::string SimWorld::unplug(const std::string& uid) {
     auto it = std::find_if(devices.begin(), devices.end(), [&](const SimDevice& x) { return x.uid == uid; });
-    if (it == devices.end()) return "no device " + uid;
-    if (it->isAggregate) return "device " + uid + " is an aggregate; its owner removes it";
+    if (it == devices.end())
+        return "no device " + uid;
+    if (it->isAggregate)
+        return "device " + uid + " is an aggregate; its owner removes it";
     detached.push_back(*it);
     devices.erase(it);
     // The system moves a role held by a vanished device to the first device that can take it.
     auto replace = [&](std::string& role, bool input) {
-        if (role != uid) return;
+        if (role != uid)
+            return;
         role.clear();
         for (const auto& d : devices) {
             if (!d.isAggregate && hasStreams(d, input)) {
@@ -260,18 +307,22 @@ std::string SimWorld::unplug(const std::string& uid) {
 
 std::string SimWorld::rename(const std::string& uid, const std::string& name) {
     auto* d = deviceByUID(uid);
-    if (!d) return "no device " + uid;
-    if (name.empty()) return "a device name cannot be empty";
+    if (!d)
+        return "no device " + uid;
+    if (name.empty())
+        return "a device name cannot be empty";
     d->name = name;
     return {};
 }
 
 std::string SimWorld::setDefault(SimDefaultRole role, const std::string& uid) {
     auto* d = deviceByUID(uid);
-    if (!d) return "no device " + uid;
+    if (!d)
+        return "no device " + uid;
     const bool input = role == SimDefaultRole::input;
-    if (!hasStreams(*d, input)) return "device " + uid + (input ? " has no input" : " has no output");
-    (role == SimDefaultRole::output ? defaultOutputUID
+    if (!hasStreams(*d, input))
+        return "device " + uid + (input ? " has no input" : " has no output");
+    (role == SimDefaultRole::output  ? defaultOutputUID
      : role == SimDefaultRole::input ? defaultInputUID
                                      : systemOutputUID) = uid;
     return {};
@@ -279,10 +330,14 @@ std::string SimWorld::setDefault(SimDefaultRole role, const std::string& uid) {
 
 std::string SimWorld::setVolume(const std::string& uid, float volume) {
     auto* d = deviceByUID(uid);
-    if (!d) return "no device " + uid;
-    if (!(volume >= 0.0f && volume <= 1.0f)) return "a volume is between 0 and 1";
-    if (d->volumeElements.empty() && !d->hasVirtualMainVolume) return "device " + uid + " has no volume control";
-    for (auto& [element, value] : d->volumeElements) value = volume;
+    if (!d)
+        return "no device " + uid;
+    if (!(volume >= 0.0f && volume <= 1.0f))
+        return "a volume is between 0 and 1";
+    if (d->volumeElements.empty() && !d->hasVirtualMainVolume)
+        return "device " + uid + " has no volume control";
+    for (auto& [element, value] : d->volumeElements)
+        value = volume;
     d->virtualMainVolume = volume;
     return {};
 }
@@ -292,18 +347,22 @@ SimProcess* SimWorld::findProcess(const std::string& who) {
     const long pid = std::strtol(who.c_str(), &end, 10);
     const bool isPID = !who.empty() && end && *end == '\0';
     for (auto& p : processes) {
-        if (isPID ? p.pid == pid : p.bundleID == who) return &p;
+        if (isPID ? p.pid == pid : p.bundleID == who)
+            return &p;
     }
     return nullptr;
 }
 
-std::string SimWorld::setPlaying(const std::string& who, bool playing, std::optional<SimProcess::Signal> signal) {
+std::string SimWorld::setPlaying(const std::string& who, bool playing,
+                                 std::optional<SimProcess::Signal> signal) {
     auto* p = findProcess(who);
-    if (!p) return "no audio process " + who;
+    if (!p)
+        return "no audio process " + who;
     if (signal) {
         if (!signal->silent && !(signal->frequency > 0.0 && signal->frequency < 20000.0))
             return "a tone's frequency is between 0 and 20000 Hz";
-        if (!std::isfinite(signal->levelDB) || signal->levelDB > 0.0) return "a tone's level is at most 0 dBFS";
+        if (!std::isfinite(signal->levelDB) || signal->levelDB > 0.0)
+            return "a tone's level is at most 0 dBFS";
         p->signal = *signal;
     }
     p->runningOutput = playing;
@@ -312,26 +371,34 @@ std::string SimWorld::setPlaying(const std::string& who, bool playing, std::opti
 
 std::string SimWorld::setCapturing(const std::string& who, bool capturing) {
     auto* p = findProcess(who);
-    if (!p) return "no audio process " + who;
+    if (!p)
+        return "no audio process " + who;
     p->runningInput = capturing;
     return {};
 }
 
 std::string SimWorld::routeProcess(const std::string& who, const std::string& deviceUID) {
     auto* p = findProcess(who);
-    if (!p) return "no audio process " + who;
-    if (!deviceUID.empty() && !deviceByUID(deviceUID)) return "no device " + deviceUID;
+    if (!p)
+        return "no audio process " + who;
+    if (!deviceUID.empty() && !deviceByUID(deviceUID))
+        return "no device " + deviceUID;
     p->outputDeviceUID = deviceUID;
     return {};
 }
 
 std::string SimWorld::launch(const Application& app, bool withProcessObject) {
-    if (app.bundleID.empty()) return "an application needs a bundle ID";
-    if (app.pid < 2) return "an application needs a pid above 1";
-    if (application(app.bundleID)) return "application " + app.bundleID + " is already running";
-    if (applicationByPID(app.pid)) return "pid " + std::to_string(app.pid) + " is taken";
+    if (app.bundleID.empty())
+        return "an application needs a bundle ID";
+    if (app.pid < 2)
+        return "an application needs a pid above 1";
+    if (application(app.bundleID))
+        return "application " + app.bundleID + " is already running";
+    if (applicationByPID(app.pid))
+        return "pid " + std::to_string(app.pid) + " is taken";
     applications.push_back(app);
-    if (applications.back().name.empty()) applications.back().name = app.bundleID;
+    if (applications.back().name.empty())
+        applications.back().name = app.bundleID;
     if (withProcessObject) {
         SimProcess p;
         p.id = allocateID();
@@ -339,28 +406,34 @@ std::string SimWorld::launch(const Application& app, bool withProcessObject) {
         p.bundleID = app.bundleID;
         processes.push_back(p);
     }
-    if (app.policy == ActivationPolicy::regular) windows.push_back({app.pid, 0});
+    if (app.policy == ActivationPolicy::regular)
+        windows.push_back({app.pid, 0});
     return {};
 }
 
 std::string SimWorld::quit(const std::string& bundleID) {
     const auto* app = application(bundleID);
-    if (!app) return "application " + bundleID + " is not running";
+    if (!app)
+        return "application " + bundleID + " is not running";
     const pid_t pid = app->pid;
     std::erase_if(processes, [&](const SimProcess& p) { return p.pid == pid || p.responsiblePID == pid; });
     std::erase_if(windows, [&](const Window& w) { return w.ownerPID == pid; });
     std::erase_if(applications, [&](const Application& a) { return a.pid == pid; });
-    if (frontmostPID == pid) frontmostPID = 0;
+    if (frontmostPID == pid)
+        frontmostPID = 0;
     return {};
 }
 
 std::string SimWorld::activate(const std::string& bundleID) {
     const auto* app = application(bundleID);
-    if (!app) return "application " + bundleID + " is not running";
-    if (app->policy != ActivationPolicy::regular) return "application " + bundleID + " cannot become frontmost";
+    if (!app)
+        return "application " + bundleID + " is not running";
+    if (app->policy != ActivationPolicy::regular)
+        return "application " + bundleID + " cannot become frontmost";
     frontmostPID = app->pid;
     // Its window comes to the front, behind anything above the normal layer.
-    auto it = std::find_if(windows.begin(), windows.end(), [&](const Window& w) { return w.ownerPID == app->pid; });
+    auto it =
+        std::find_if(windows.begin(), windows.end(), [&](const Window& w) { return w.ownerPID == app->pid; });
     Window window{app->pid, 0};
     if (it != windows.end()) {
         window = *it;
@@ -372,12 +445,14 @@ std::string SimWorld::activate(const std::string& bundleID) {
 }
 
 std::string SimWorld::failNext(SimOperation operation, int count, OSStatus status, std::uint32_t selector) {
-    if (count < 0) return "a fault count is not negative";
+    if (count < 0)
+        return "a fault count is not negative";
     // A write that reports success and changes nothing is how a switch that never happens looks.
     if (status == noErr && count > 0 && operation != SimOperation::setProperty)
         return "a fault needs a non-zero status (only a write can be dropped silently)";
     std::erase_if(faults, [&](const Fault& f) { return f.operation == operation && f.selector == selector; });
-    if (count > 0) faults.push_back({operation, selector, count, status});
+    if (count > 0)
+        faults.push_back({operation, selector, count, status});
     return {};
 }
 
@@ -392,10 +467,11 @@ bool SimWorld::removeOrphans(const std::function<bool(pid_t)>& isAlive) {
     const auto meters0 = meters.size();
     std::erase_if(taps, [&](const Tap& t) { return !isAlive(t.ownerPID); });
     // Taps and private aggregates die with their maker; public aggregates outlive it.
-    std::erase_if(devices,
-                  [&](const SimDevice& d) { return d.isAggregate && d.aggregate.isPrivate && !isAlive(d.ownerPID); });
+    std::erase_if(devices, [&](const SimDevice& d) {
+        return d.isAggregate && d.aggregate.isPrivate && !isAlive(d.ownerPID);
+    });
     std::erase_if(meters, [&](const Meter& m) { return !isAlive(m.ownerPID); });
     return taps.size() != taps0 || devices.size() != devices0 || meters.size() != meters0;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -60,7 +60,7 @@ struct SimWorld {
     };
     struct Fault {
         SimOperation operation = SimOperation::getProperty;
-        std::uint32_t selector = 0;  // 0: any property
+        std::uint32_t selector = 0; // 0: any property
         int remaining = 1;
         // For writes, noErr drops the write while reporting success.
         OSStatus status = kAudioHardwareUnspecifiedError;
@@ -68,7 +68,7 @@ struct SimWorld {
     // What an IO proc wrote to its outputs over the last metering window.
     struct Meter {
         std::string aggregateUID;
-        std::string deviceUID;  // the device that plays it
+        std::string deviceUID; // the device that plays it
         pid_t ownerPID = 0;
         double peakDB = -120.0;
         double rmsDB = -120.0;
@@ -79,7 +79,7 @@ struct SimWorld {
     std::uint64_t generation = 0;
     AudioObjectID nextObjectID = 100;
     std::vector<SimDevice> devices;
-    std::vector<SimDevice> detached;  // unplugged, remembered so that they can come back
+    std::vector<SimDevice> detached; // unplugged, remembered so that they can come back
     std::vector<SimProcess> processes;
     std::vector<Application> applications;
     std::vector<Tap> taps;
@@ -87,12 +87,12 @@ struct SimWorld {
     std::string defaultInputUID;
     std::string systemOutputUID;
     pid_t frontmostPID = 0;
-    std::vector<Window> windows;  // front to back
+    std::vector<Window> windows; // front to back
     bool windowListAvailable = true;
     bool asleep = false;
     std::vector<Fault> faults;
     std::uint32_t readDelayMilliseconds = 0;
-    std::uint32_t readDelaySelector = 0;  // 0: every read
+    std::uint32_t readDelaySelector = 0; // 0: every read
     std::vector<Meter> meters;
 
     // A laptop with speakers and microphone, USB headphones, Bluetooth earbuds with a microphone and
@@ -118,8 +118,8 @@ struct SimWorld {
     bool isMutedByTap(const SimProcess& process, const std::string& deviceUID) const;
 
     // Edits, used by tests and the command-line driver.
-    std::string plug(SimDevice device);              // a new device, or a detached one back by UID
-    std::string replug(const std::string& uid);      // a detached device comes back with a new object ID
+    std::string plug(SimDevice device);         // a new device, or a detached one back by UID
+    std::string replug(const std::string& uid); // a detached device comes back with a new object ID
     std::string unplug(const std::string& uid);
     std::string rename(const std::string& uid, const std::string& name);
     std::string setDefault(SimDefaultRole role, const std::string& uid);
@@ -143,4 +143,4 @@ struct SimWorld {
 nlohmann::json simWorldToJSON(const SimWorld& world);
 std::optional<SimWorld> simWorldFromJSON(const nlohmann::json& json, std::string& error);
 
-}  // namespace tonavi
+} // namespace tonavi

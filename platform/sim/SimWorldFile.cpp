@@ -25,12 +25,13 @@ SimWorldFile::Stamp stampOf(const struct stat& st) {
 
 std::string parentOf(const std::string& path) {
     const auto slash = path.find_last_of('/');
-    return slash == std::string::npos || slash == 0 ? std::string(slash == 0 ? "/" : ".") : path.substr(0, slash);
+    return slash == std::string::npos || slash == 0 ? std::string(slash == 0 ? "/" : ".")
+                                                    : path.substr(0, slash);
 }
 
 // Holds an exclusive flock on the world's lock file for its lifetime.
 class ExclusiveLock {
-public:
+  public:
     explicit ExclusiveLock(const std::string& path) {
         fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         if (fd_ < 0) {
@@ -38,28 +39,31 @@ public:
             return;
         }
         while (::flock(fd_, LOCK_EX) != 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             error_ = "cannot lock " + path + ": " + std::strerror(errno);
             return;
         }
     }
     ~ExclusiveLock() {
-        if (fd_ >= 0) ::close(fd_);  // closing releases the lock
+        if (fd_ >= 0)
+            ::close(fd_); // closing releases the lock
     }
     const std::string& error() const { return error_; }
 
-private:
+  private:
     int fd_ = -1;
     std::string error_;
 };
 
-}  // namespace
+} // namespace
 
 SimWorldFile::SimWorldFile(std::string path) : path_(std::move(path)) {}
 
 std::optional<SimWorldFile::Stamp> SimWorldFile::stamp() const {
     struct stat st {};
-    if (::stat(path_.c_str(), &st) != 0) return std::nullopt;
+    if (::stat(path_.c_str(), &st) != 0)
+        return std::nullopt;
     return stampOf(st);
 }
 
@@ -76,14 +80,17 @@ std::optional<SimWorld> SimWorldFile::read(std::string& error, Stamp* stamp) con
         std::size_t done = 0;
         while (done < text.size()) {
             const auto n = ::read(fd, text.data() + done, text.size() - done);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) break;
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                break;
             done += static_cast<std::size_t>(n);
         }
         text.resize(done);
     }
     ::close(fd);
-    if (stamp) *stamp = stampOf(st);
+    if (stamp)
+        *stamp = stampOf(st);
     const auto json = nlohmann::json::parse(text, nullptr, false);
     if (json.is_discarded()) {
         error = "the world " + path_ + " is not valid JSON";
@@ -91,34 +98,44 @@ std::optional<SimWorld> SimWorldFile::read(std::string& error, Stamp* stamp) con
     }
     std::string why;
     auto world = simWorldFromJSON(json, why);
-    if (!world) error = "the world " + path_ + " is damaged: " + why;
+    if (!world)
+        error = "the world " + path_ + " is damaged: " + why;
     return world;
 }
 
 std::string SimWorldFile::update(const std::function<std::string(SimWorld&)>& edit, SimWorld* written,
                                  Stamp* stamp) {
     ExclusiveLock lock(path_ + ".lock");
-    if (!lock.error().empty()) return lock.error();
+    if (!lock.error().empty())
+        return lock.error();
     std::string error;
     auto world = read(error);
-    if (!world) return error;
-    if (auto why = edit(*world); !why.empty()) return why;
+    if (!world)
+        return error;
+    if (auto why = edit(*world); !why.empty())
+        return why;
     world->generation += 1;
-    if (auto why = writeLocked(*world, stamp); !why.empty()) return why;
-    if (written) *written = std::move(*world);
+    if (auto why = writeLocked(*world, stamp); !why.empty())
+        return why;
+    if (written)
+        *written = std::move(*world);
     return {};
 }
 
 std::string SimWorldFile::create(const SimWorld& world, bool replace) {
-    if (!Paths::createDirectories(parentOf(path_))) return "cannot create the folder of " + path_;
+    if (!Paths::createDirectories(parentOf(path_)))
+        return "cannot create the folder of " + path_;
     ExclusiveLock lock(path_ + ".lock");
-    if (!lock.error().empty()) return lock.error();
+    if (!lock.error().empty())
+        return lock.error();
     SimWorld copy = world;
-    if (struct stat st {}; ::stat(path_.c_str(), &st) == 0) {
-        if (!replace) return "a world already exists at " + path_;
+    if (struct stat st{}; ::stat(path_.c_str(), &st) == 0) {
+        if (!replace)
+            return "a world already exists at " + path_;
         // Keep counting from the old generation so that watchers see the change.
         std::string ignored;
-        if (auto old = read(ignored)) copy.generation = std::max(copy.generation, old->generation + 1);
+        if (auto old = read(ignored))
+            copy.generation = std::max(copy.generation, old->generation + 1);
     }
     return writeLocked(copy, nullptr);
 }
@@ -127,11 +144,13 @@ std::string SimWorldFile::writeLocked(const SimWorld& world, Stamp* stamp) {
     const std::string text = simWorldToJSON(world).dump(4) + "\n";
     const std::string temp = path_ + ".tmp." + std::to_string(::getpid());
     const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return "cannot write " + temp + ": " + std::strerror(errno);
+    if (fd < 0)
+        return "cannot write " + temp + ": " + std::strerror(errno);
     std::size_t done = 0;
     while (done < text.size()) {
         const auto n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno == EINTR)
+            continue;
         if (n <= 0) {
             const std::string why = std::strerror(errno);
             ::close(fd);
@@ -147,9 +166,10 @@ std::string SimWorldFile::writeLocked(const SimWorld& world, Stamp* stamp) {
         return "cannot replace " + path_ + ": " + why;
     }
     if (stamp) {
-        if (auto s = this->stamp()) *stamp = *s;
+        if (auto s = this->stamp())
+            *stamp = *s;
     }
     return {};
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -13,7 +13,7 @@
 namespace tonavi {
 
 class SimWorldFile {
-public:
+  public:
     struct Stamp {
         unsigned long long device = 0;
         unsigned long long inode = 0;
@@ -35,10 +35,10 @@ public:
     // Writes `world` as a new file; refuses to replace an existing one unless `replace`.
     std::string create(const SimWorld& world, bool replace);
 
-private:
+  private:
     std::string writeLocked(const SimWorld& world, Stamp* stamp);
 
     std::string path_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -10,12 +10,16 @@ using nlohmann::json;
 
 namespace {
 
-std::string code(std::uint32_t c) { return c == 0 ? std::string() : fourCharString(c).substr(1, 4); }
+std::string code(std::uint32_t c) {
+    return c == 0 ? std::string() : fourCharString(c).substr(1, 4);
+}
 std::uint32_t codeFrom(const json& j, const char* key) {
     const std::string text = j.value(key, std::string());
-    if (text.empty()) return 0;
+    if (text.empty())
+        return 0;
     const auto c = fourCharCodeFromString(text);
-    if (c == 0) throw std::invalid_argument(std::string(key) + " must be four characters: " + text);
+    if (c == 0)
+        throw std::invalid_argument(std::string(key) + " must be four characters: " + text);
     return c;
 }
 
@@ -28,7 +32,8 @@ json deviceToJSON(const SimDevice& d) {
     j["inputStreams"] = d.inputStreams;
     j["outputStreams"] = d.outputStreams;
     json volumes = json::object();
-    for (auto& [element, value] : d.volumeElements) volumes[std::to_string(element)] = value;
+    for (auto& [element, value] : d.volumeElements)
+        volumes[std::to_string(element)] = value;
     j["volumeElements"] = volumes;
     j["hasVirtualMainVolume"] = d.hasVirtualMainVolume;
     j["virtualMainVolume"] = d.virtualMainVolume;
@@ -50,9 +55,11 @@ json deviceToJSON(const SimDevice& d) {
         agg["stacked"] = a.isStacked;
         agg["master"] = a.mainSubDevice;
         agg["subdevices"] = json::array();
-        for (auto& s : a.subDevices) agg["subdevices"].push_back({{"uid", s.uid}, {"drift", s.driftCompensation}});
+        for (auto& s : a.subDevices)
+            agg["subdevices"].push_back({{"uid", s.uid}, {"drift", s.driftCompensation}});
         agg["taps"] = json::array();
-        for (auto& t : a.taps) agg["taps"].push_back({{"uid", t.uid}, {"drift", t.driftCompensation}});
+        for (auto& t : a.taps)
+            agg["taps"].push_back({{"uid", t.uid}, {"drift", t.driftCompensation}});
         j["aggregate"] = agg;
         j["ownerPID"] = d.ownerPID;
         j["runningIOProcs"] = d.runningIOProcs;
@@ -80,7 +87,8 @@ SimDevice deviceFromJSON(const json& j) {
     d.availableSampleRates = j.value("availableSampleRates", std::vector<double>{});
     d.bufferFrameSize = j.value("bufferFrameSize", 512u);
     const auto range = j.value("bufferFrameSizeRange", std::vector<std::uint32_t>{32, 4096});
-    if (range.size() != 2) throw std::invalid_argument("bufferFrameSizeRange needs two numbers");
+    if (range.size() != 2)
+        throw std::invalid_argument("bufferFrameSizeRange needs two numbers");
     d.bufferFrameSizeMin = range[0];
     d.bufferFrameSizeMax = range[1];
     d.alive = j.value("alive", true);
@@ -106,15 +114,17 @@ SimDevice deviceFromJSON(const json& j) {
 }
 
 json processToJSON(const SimProcess& p) {
-    return {{"id", p.id},
-            {"pid", p.pid},
-            {"bundleID", p.bundleID},
-            {"responsiblePID", p.responsiblePID},
-            {"runningOutput", p.runningOutput},
-            {"runningInput", p.runningInput},
-            {"outputDeviceUID", p.outputDeviceUID},
-            {"inputDeviceUID", p.inputDeviceUID},
-            {"signal", {{"frequency", p.signal.frequency}, {"levelDB", p.signal.levelDB}, {"silent", p.signal.silent}}}};
+    return {
+        {"id", p.id},
+        {"pid", p.pid},
+        {"bundleID", p.bundleID},
+        {"responsiblePID", p.responsiblePID},
+        {"runningOutput", p.runningOutput},
+        {"runningInput", p.runningInput},
+        {"outputDeviceUID", p.outputDeviceUID},
+        {"inputDeviceUID", p.inputDeviceUID},
+        {"signal",
+         {{"frequency", p.signal.frequency}, {"levelDB", p.signal.levelDB}, {"silent", p.signal.silent}}}};
 }
 
 SimProcess processFromJSON(const json& j) {
@@ -162,34 +172,43 @@ SimWorld::Tap tapFromJSON(const json& j) {
     d.name = j.value("name", std::string());
     d.isPrivate = j.value("private", false);
     const auto mute = j.value("muteBehavior", 0u);
-    if (mute > 2) throw std::invalid_argument("muteBehavior is 0, 1 or 2");
+    if (mute > 2)
+        throw std::invalid_argument("muteBehavior is 0, 1 or 2");
     d.muteBehavior = static_cast<TapMuteBehavior>(mute);
     d.uuid = j.value("uuid", std::string());
     return t;
 }
 
-}  // namespace
+} // namespace
 
 json simWorldToJSON(const SimWorld& w) {
     json j;
     j["generation"] = w.generation;
     j["nextObjectID"] = w.nextObjectID;
     j["devices"] = json::array();
-    for (auto& d : w.devices) j["devices"].push_back(deviceToJSON(d));
+    for (auto& d : w.devices)
+        j["devices"].push_back(deviceToJSON(d));
     j["detached"] = json::array();
-    for (auto& d : w.detached) j["detached"].push_back(deviceToJSON(d));
+    for (auto& d : w.detached)
+        j["detached"].push_back(deviceToJSON(d));
     j["processes"] = json::array();
-    for (auto& p : w.processes) j["processes"].push_back(processToJSON(p));
+    for (auto& p : w.processes)
+        j["processes"].push_back(processToJSON(p));
     j["applications"] = json::array();
     for (auto& a : w.applications)
-        j["applications"].push_back(
-            {{"bundleID", a.bundleID}, {"name", a.name}, {"pid", a.pid}, {"policy", activationPolicyName(a.policy)}});
+        j["applications"].push_back({{"bundleID", a.bundleID},
+                                     {"name", a.name},
+                                     {"pid", a.pid},
+                                     {"policy", activationPolicyName(a.policy)}});
     j["taps"] = json::array();
-    for (auto& t : w.taps) j["taps"].push_back(tapToJSON(t));
-    j["defaults"] = {{"output", w.defaultOutputUID}, {"input", w.defaultInputUID}, {"system", w.systemOutputUID}};
+    for (auto& t : w.taps)
+        j["taps"].push_back(tapToJSON(t));
+    j["defaults"] = {
+        {"output", w.defaultOutputUID}, {"input", w.defaultInputUID}, {"system", w.systemOutputUID}};
     j["frontmostPID"] = w.frontmostPID;
     j["windows"] = json::array();
-    for (auto& win : w.windows) j["windows"].push_back({{"ownerPID", win.ownerPID}, {"layer", win.layer}});
+    for (auto& win : w.windows)
+        j["windows"].push_back({{"ownerPID", win.ownerPID}, {"layer", win.layer}});
     j["windowListAvailable"] = w.windowListAvailable;
     j["asleep"] = w.asleep;
     j["faults"] = json::array();
@@ -213,13 +232,17 @@ json simWorldToJSON(const SimWorld& w) {
 
 std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
     try {
-        if (!j.is_object()) throw std::invalid_argument("the world is not a JSON object");
+        if (!j.is_object())
+            throw std::invalid_argument("the world is not a JSON object");
         SimWorld w;
         w.generation = j.value("generation", std::uint64_t{0});
         w.nextObjectID = j.value("nextObjectID", AudioObjectID{100});
-        for (auto& d : j.value("devices", json::array())) w.devices.push_back(deviceFromJSON(d));
-        for (auto& d : j.value("detached", json::array())) w.detached.push_back(deviceFromJSON(d));
-        for (auto& p : j.value("processes", json::array())) w.processes.push_back(processFromJSON(p));
+        for (auto& d : j.value("devices", json::array()))
+            w.devices.push_back(deviceFromJSON(d));
+        for (auto& d : j.value("detached", json::array()))
+            w.detached.push_back(deviceFromJSON(d));
+        for (auto& p : j.value("processes", json::array()))
+            w.processes.push_back(processFromJSON(p));
         for (auto& a : j.value("applications", json::array())) {
             SimWorld::Application app;
             app.bundleID = a.at("bundleID").get<std::string>();
@@ -229,7 +252,8 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
                 throw std::invalid_argument("unknown activation policy for " + app.bundleID);
             w.applications.push_back(app);
         }
-        for (auto& t : j.value("taps", json::array())) w.taps.push_back(tapFromJSON(t));
+        for (auto& t : j.value("taps", json::array()))
+            w.taps.push_back(tapFromJSON(t));
         const auto defaults = j.value("defaults", json::object());
         w.defaultOutputUID = defaults.value("output", std::string());
         w.defaultInputUID = defaults.value("input", std::string());
@@ -241,7 +265,9 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
         w.asleep = j.value("asleep", false);
         for (auto& f : j.value("faults", json::array())) {
             auto op = simOperationFromName(f.at("operation").get<std::string>());
-            if (!op) throw std::invalid_argument("unknown fault operation " + f.at("operation").get<std::string>());
+            if (!op)
+                throw std::invalid_argument("unknown fault operation " +
+                                            f.at("operation").get<std::string>());
             w.faults.push_back({*op, codeFrom(f, "selector"), f.value("remaining", 1), f.value("status", 0)});
         }
         const auto delay = j.value("readDelay", json::object());
@@ -254,9 +280,12 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
         }
         // Object IDs must be unique and below the next one handed out.
         std::vector<AudioObjectID> ids;
-        for (auto& d : w.devices) ids.push_back(d.id);
-        for (auto& p : w.processes) ids.push_back(p.id);
-        for (auto& t : w.taps) ids.push_back(t.id);
+        for (auto& d : w.devices)
+            ids.push_back(d.id);
+        for (auto& p : w.processes)
+            ids.push_back(p.id);
+        for (auto& t : w.taps)
+            ids.push_back(t.id);
         std::sort(ids.begin(), ids.end());
         for (std::size_t i = 0; i < ids.size(); ++i) {
             if (ids[i] <= kAudioObjectSystemObject || ids[i] >= w.nextObjectID)
@@ -271,4 +300,4 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
     }
 }
 
-}  // namespace tonavi
+} // namespace tonavi

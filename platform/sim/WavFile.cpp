@@ -19,15 +19,19 @@ void put32(std::vector<std::uint8_t>& out, std::uint32_t v) {
     put16(out, v >> 16);
 }
 void tag(std::vector<std::uint8_t>& out, const char* t) {
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<std::uint8_t>(t[i]));
+    for (int i = 0; i < 4; ++i)
+        out.push_back(static_cast<std::uint8_t>(t[i]));
 }
-}  // namespace
+} // namespace
 
 std::string WavFile::writeFloat32(const std::string& path, double sampleRate, std::uint32_t channels,
                                   std::span<const float> interleaved) {
-    if (channels == 0 || channels > 64) return "a recording needs 1 to 64 channels";
-    if (!(sampleRate >= 1.0 && sampleRate <= 1'000'000.0)) return "a recording needs a valid sample rate";
-    if (interleaved.size() % channels != 0) return "the samples do not fill whole frames";
+    if (channels == 0 || channels > 64)
+        return "a recording needs 1 to 64 channels";
+    if (!(sampleRate >= 1.0 && sampleRate <= 1'000'000.0))
+        return "a recording needs a valid sample rate";
+    if (interleaved.size() % channels != 0)
+        return "the samples do not fill whole frames";
     const auto dataBytes = static_cast<std::uint32_t>(interleaved.size() * sizeof(float));
     const auto frames = static_cast<std::uint32_t>(interleaved.size() / channels);
     const auto rate = static_cast<std::uint32_t>(std::lround(sampleRate));
@@ -38,7 +42,7 @@ std::string WavFile::writeFloat32(const std::string& path, double sampleRate, st
     tag(header, "WAVE");
     tag(header, "fmt ");
     put32(header, 18);
-    put16(header, 3);  // IEEE float
+    put16(header, 3); // IEEE float
     put16(header, channels);
     put32(header, rate);
     put32(header, rate * channels * 4);
@@ -53,7 +57,8 @@ std::string WavFile::writeFloat32(const std::string& path, double sampleRate, st
 
     const std::string temp = path + ".tmp." + std::to_string(::getpid());
     std::FILE* file = std::fopen(temp.c_str(), "wb");
-    if (!file) return "cannot write " + temp + ": " + std::strerror(errno);
+    if (!file)
+        return "cannot write " + temp + ": " + std::strerror(errno);
     bool ok = std::fwrite(header.data(), 1, header.size(), file) == header.size();
     // Samples are stored little-endian, as the machine keeps them.
     if (ok && !interleaved.empty())
@@ -67,4 +72,4 @@ std::string WavFile::writeFloat32(const std::string& path, double sampleRate, st
     return {};
 }
 
-}  // namespace tonavi
+} // namespace tonavi

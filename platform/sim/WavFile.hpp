@@ -14,4 +14,4 @@ struct WavFile {
                                     std::span<const float> interleaved);
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -29,20 +29,23 @@ TEST(SimFaultsTest, NextCallsOfAnOperationFailWithTheChosenStatus) {
               "");
     std::vector<AudioObjectID> devices;
     std::uint32_t output = 0;
-    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices), noErr);
-    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), output),
+    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices),
+              noErr);
+    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                          output),
               kAudioHardwareBadObjectError);
-    EXPECT_EQ(output, 0u);  // a failed read leaves the value alone
-    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), output),
+    EXPECT_EQ(output, 0u); // a failed read leaves the value alone
+    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                          output),
               noErr);
 
     // Starting IO and creating aggregates can fail too; the next try works.
     const auto speakers = machine.world()->devices[0].id;
     AudioDeviceIOProcID proc = 0;
-    ASSERT_EQ(machine.createIOProcIDWithBlock(speakers, nullptr,
-                                              [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {},
-                                              proc),
-              noErr);
+    ASSERT_EQ(
+        machine.createIOProcIDWithBlock(
+            speakers, nullptr, [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {}, proc),
+        noErr);
     ASSERT_EQ(machine.failNext(SimOperation::deviceStart, 1, kAudioHardwareNotRunningError), "");
     EXPECT_EQ(machine.deviceStart(speakers, proc), kAudioHardwareNotRunningError);
     EXPECT_EQ(machine.world()->devices[0].runningIOProcs, 0u);
@@ -55,8 +58,10 @@ TEST(SimFaultsTest, ADroppedWriteReportsSuccessAndChangesNothing) {
     SimMachine machine(SimWorld::preset());
     const auto address = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
     const AudioObjectID speakers = machine.world()->deviceByUID("BuiltInSpeakerDevice")->id;
-    const AudioObjectID usb = machine.world()->deviceByUID("AppleUSBAudioEngine:Acme:USB Headphones:1400000:1")->id;
-    ASSERT_EQ(machine.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice), "");
+    const AudioObjectID usb =
+        machine.world()->deviceByUID("AppleUSBAudioEngine:Acme:USB Headphones:1400000:1")->id;
+    ASSERT_EQ(
+        machine.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice), "");
     std::uint32_t output = 0;
     EXPECT_EQ(machine.set(kAudioObjectSystemObject, address, usb), noErr);
     ASSERT_EQ(machine.get(kAudioObjectSystemObject, address, output), noErr);
@@ -84,7 +89,8 @@ TEST(SimFaultsTest, SlowedReadsStallOnlyTheChosenProperty) {
     ASSERT_EQ(machine.setReadDelay(60ms, kAudioHardwarePropertyDefaultOutputDevice), "");
     std::uint32_t output = 0;
     const auto before = std::chrono::steady_clock::now();
-    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), output),
+    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                          output),
               noErr);
     EXPECT_GE(std::chrono::steady_clock::now() - before, 60ms);
     EXPECT_EQ(machine.world()->readDelaySelector, kAudioHardwarePropertyDefaultOutputDevice);
@@ -93,5 +99,5 @@ TEST(SimFaultsTest, SlowedReadsStallOnlyTheChosenProperty) {
     EXPECT_EQ(machine.world()->readDelayMilliseconds, 0u);
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

@@ -3,25 +3,27 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/sim/SimMachine.hpp"
 #include "SimTestSupport.hpp"
+#include "platform/sim/SimMachine.hpp"
 
 namespace tonavi {
 namespace {
 
 class SimPropertiesTest : public ::testing::Test {
-protected:
+  protected:
     SimMachine machine{SimWorld::preset()};
 
     AudioObjectID idOf(const std::string& uid) { return machine.world()->deviceByUID(uid)->id; }
     AudioObjectID processOf(const std::string& bundleID) {
         for (const auto& p : machine.world()->processes)
-            if (p.bundleID == bundleID) return p.id;
+            if (p.bundleID == bundleID)
+                return p.id;
         return 0;
     }
     AudioObjectID defaultOutput() {
         std::uint32_t id = 0;
-        EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), id),
+        EXPECT_EQ(machine.get(kAudioObjectSystemObject,
+                              globalAddress(kAudioHardwarePropertyDefaultOutputDevice), id),
                   noErr);
         return id;
     }
@@ -34,13 +36,14 @@ protected:
 
 TEST_F(SimPropertiesTest, SystemObjectListsDevicesProcessesAndDefaults) {
     std::vector<AudioObjectID> devices;
-    ASSERT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices), noErr);
+    ASSERT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices),
+              noErr);
     EXPECT_EQ(devices.size(), 6u);
     std::uint32_t size = 0;
-    ASSERT_EQ(machine.getPropertyDataSize(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices),
-                                          size),
+    ASSERT_EQ(machine.getPropertyDataSize(kAudioObjectSystemObject,
+                                          globalAddress(kAudioHardwarePropertyDevices), size),
               noErr);
-    EXPECT_EQ(size, 24u);  // six 32-bit object IDs
+    EXPECT_EQ(size, 24u); // six 32-bit object IDs
 
     std::vector<AudioObjectID> processes;
     ASSERT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList),
@@ -50,8 +53,9 @@ TEST_F(SimPropertiesTest, SystemObjectListsDevicesProcessesAndDefaults) {
 
     EXPECT_EQ(defaultOutput(), idOf(speakers));
     std::uint32_t input = 0;
-    ASSERT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultInputDevice), input),
-              noErr);
+    ASSERT_EQ(
+        machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultInputDevice), input),
+        noErr);
     EXPECT_EQ(input, idOf(mic));
 }
 
@@ -88,12 +92,14 @@ TEST_F(SimPropertiesTest, DeviceIdentityStreamsAndTransport) {
     EXPECT_EQ(alive, 1u);
 
     AudioStreamConfiguration out, in;
-    EXPECT_EQ(machine.get(id, scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeOutput),
-                          out),
-              noErr);
-    EXPECT_EQ(machine.get(id, scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
-                          in),
-              noErr);
+    EXPECT_EQ(
+        machine.get(
+            id, scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeOutput), out),
+        noErr);
+    EXPECT_EQ(
+        machine.get(
+            id, scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput), in),
+        noErr);
     EXPECT_EQ(out.channelsPerBuffer, std::vector<std::uint32_t>{2});
     EXPECT_TRUE(in.channelsPerBuffer.empty());
 
@@ -126,7 +132,7 @@ TEST_F(SimPropertiesTest, SpeakersHaveStereoVolumeElementsButNoMainElement) {
     const auto virtualMain =
         scopedAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume, kAudioObjectPropertyScopeOutput);
     ASSERT_EQ(machine.get(id, virtualMain, main), noErr);
-    EXPECT_NEAR(main, 0.4f, 1e-6);  // the mean of the two channels
+    EXPECT_NEAR(main, 0.4f, 1e-6); // the mean of the two channels
 
     // Out of range is clamped; writing the main volume moves both channels.
     EXPECT_EQ(machine.set(id, volume(1), 1.5f), noErr);
@@ -222,7 +228,8 @@ TEST_F(SimPropertiesTest, UnpluggingMovesDefaultsAndKillsTheObject) {
     // Plugged back, it is a new object with the same UID.
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.replug(buds); }), "");
     EXPECT_NE(idOf(buds), old);
-    EXPECT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug("no-such-device"); }), "no device no-such-device");
+    EXPECT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug("no-such-device"); }),
+              "no device no-such-device");
 }
 
 TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueue) {
@@ -230,20 +237,22 @@ TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueue) {
     test::RecordingListener alive(queue), left(queue), devices(queue);
     const auto budsID = idOf(buds);
     const auto speakersID = idOf(speakers);
-    const auto leftVolume = scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 1);
-    const auto rightVolume = scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 2);
+    const auto leftVolume =
+        scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 1);
+    const auto rightVolume =
+        scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 2);
     ASSERT_EQ(machine.addPropertyListener(budsID, globalAddress(kAudioDevicePropertyDeviceIsAlive), queue,
                                           alive.block),
               noErr);
     ASSERT_EQ(machine.addPropertyListener(speakersID, leftVolume, queue, left.block), noErr);
-    ASSERT_EQ(machine.addPropertyListener(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices),
-                                          queue, devices.block),
+    ASSERT_EQ(machine.addPropertyListener(kAudioObjectSystemObject,
+                                          globalAddress(kAudioHardwarePropertyDevices), queue, devices.block),
               noErr);
     EXPECT_EQ(machine.addPropertyListener(4242, leftVolume, queue, left.block), kAudioHardwareBadObjectError);
 
     ASSERT_EQ(machine.set(speakersID, rightVolume, 0.1f), noErr);
     ASSERT_EQ(machine.set(speakersID, leftVolume, 0.1f), noErr);
-    ASSERT_EQ(machine.set(speakersID, leftVolume, 0.1f), noErr);  // no change, no call
+    ASSERT_EQ(machine.set(speakersID, leftVolume, 0.1f), noErr); // no change, no call
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(buds); }), "");
     queue.sync([] {});
     EXPECT_EQ(left.calls(), 1);
@@ -258,5 +267,5 @@ TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueue) {
     EXPECT_EQ(left.calls(), 1);
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

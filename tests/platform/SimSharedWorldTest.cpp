@@ -12,9 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "SimTestSupport.hpp"
 #include "base/Log.hpp"
 #include "platform/sim/SimMachine.hpp"
-#include "SimTestSupport.hpp"
 
 extern char** environ;
 
@@ -25,10 +25,11 @@ using namespace std::chrono_literals;
 
 // A helper process with its stdin and stdout on pipes.
 class Helper {
-public:
+  public:
     explicit Helper(std::vector<std::string> args) {
         int in[2], out[2];
-        if (::pipe(in) != 0 || ::pipe(out) != 0) return;
+        if (::pipe(in) != 0 || ::pipe(out) != 0)
+            return;
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, in[0], 0);
@@ -37,9 +38,11 @@ public:
         posix_spawn_file_actions_addclose(&actions, out[0]);
         args.insert(args.begin(), TONAVI_SIM_HELPER);
         std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
+        for (auto& a : args)
+            argv.push_back(a.data());
         argv.push_back(nullptr);
-        if (posix_spawn(&pid_, TONAVI_SIM_HELPER, &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
+        if (posix_spawn(&pid_, TONAVI_SIM_HELPER, &actions, nullptr, argv.data(), environ) != 0)
+            pid_ = -1;
         posix_spawn_file_actions_destroy(&actions);
         ::close(in[0]);
         ::close(out[1]);
@@ -47,8 +50,10 @@ public:
         stdout_ = ::fdopen(out[0], "r");
     }
     ~Helper() {
-        if (stdin_ >= 0) ::close(stdin_);
-        if (stdout_) std::fclose(stdout_);
+        if (stdin_ >= 0)
+            ::close(stdin_);
+        if (stdout_)
+            std::fclose(stdout_);
         if (pid_ > 0 && !reaped_) {
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
@@ -57,9 +62,11 @@ public:
     // Blocks until the helper writes a line; empty at end of output.
     std::string readLine() {
         char buffer[256];
-        if (!stdout_ || !std::fgets(buffer, sizeof buffer, stdout_)) return {};
+        if (!stdout_ || !std::fgets(buffer, sizeof buffer, stdout_))
+            return {};
         std::string line(buffer);
-        if (!line.empty() && line.back() == '\n') line.pop_back();
+        if (!line.empty() && line.back() == '\n')
+            line.pop_back();
         return line;
     }
     int wait() {
@@ -74,7 +81,7 @@ public:
     }
     pid_t pid() const { return pid_; }
 
-private:
+  private:
     pid_t pid_ = -1;
     int stdin_ = -1;
     FILE* stdout_ = nullptr;
@@ -82,7 +89,7 @@ private:
 };
 
 class SimSharedWorldTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         Log::setFilePathForTesting(folder.file("test.log"));
         ASSERT_EQ(SimWorldFile(path).create(SimWorld::preset(), false), "");
@@ -114,7 +121,8 @@ TEST_F(SimSharedWorldTest, AnotherProcessesChangeFiresOurListenerOnOurQueue) {
     EXPECT_EQ(listener.offQueue(), 0);
     EXPECT_EQ(listener.heard().front(), address);
     EXPECT_EQ(defaultOutput(*machine), machine->world()->deviceByUID(usb)->id);
-    EXPECT_EQ(machine->removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block), noErr);
+    EXPECT_EQ(machine->removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block),
+              noErr);
     EXPECT_EQ(machine->removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block),
               kAudio_ParamError);
 }
@@ -136,7 +144,8 @@ TEST_F(SimSharedWorldTest, TwoMachinesOnOneFileSeeEachOthersWrites) {
     const auto running = globalAddress(kAudioProcessPropertyIsRunningOutput);
     ASSERT_EQ(machine->addPropertyListener(music, running, queue, listener.block), noErr);
 
-    ASSERT_EQ(other->mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, std::nullopt); }), "");
+    ASSERT_EQ(other->mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, std::nullopt); }),
+              "");
     ASSERT_TRUE(listener.waitForCalls(1));
     std::uint32_t value = 1;
     EXPECT_EQ(machine->get(music, running, value), noErr);
@@ -147,7 +156,7 @@ TEST_F(SimSharedWorldTest, TwoMachinesOnOneFileSeeEachOthersWrites) {
     ASSERT_EQ(other->set(speakers, mute, std::uint32_t{1}), noErr);
     EXPECT_EQ(machine->get(speakers, mute, value), noErr);
     EXPECT_EQ(value, 1u);
-    EXPECT_EQ(listener.calls(), 1);  // the mute is not what it listens to
+    EXPECT_EQ(listener.calls(), 1); // the mute is not what it listens to
 }
 
 TEST_F(SimSharedWorldTest, ADeadProcessesTapStopsMutingItsApplication) {
@@ -162,7 +171,8 @@ TEST_F(SimSharedWorldTest, ADeadProcessesTapStopsMutingItsApplication) {
 
     holder.kill();
     EXPECT_TRUE(test::eventually([&] {
-        return machine->directlyAudible("BuiltInSpeakerDevice") == std::vector<std::string>{"com.apple.Music"};
+        return machine->directlyAudible("BuiltInSpeakerDevice") ==
+               std::vector<std::string>{"com.apple.Music"};
     }));
     EXPECT_TRUE(test::eventually([&] {
         std::string error;
@@ -220,5 +230,5 @@ TEST(SimWorldJSONTest, PresetSurvivesTheRoundTripAndDuplicateIDsAreRefused) {
     EXPECT_FALSE(simWorldFromJSON(badPolicy, error));
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

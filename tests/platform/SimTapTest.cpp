@@ -10,8 +10,8 @@
 #include <numbers>
 #include <thread>
 
-#include "platform/sim/SimMachine.hpp"
 #include "SimTestSupport.hpp"
+#include "platform/sim/SimMachine.hpp"
 
 namespace tonavi {
 namespace {
@@ -30,7 +30,7 @@ double amplitudeAt(const std::vector<float>& samples, double frequency, double r
 }
 
 class SimTapTest : public ::testing::Test {
-protected:
+  protected:
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     SimMachine machine{SimWorld::preset(), SimMachine::Options{clock, 20ms}};
 
@@ -39,7 +39,8 @@ protected:
 
     AudioObjectID processOf(const std::string& bundleID) {
         for (const auto& p : machine.world()->processes)
-            if (p.bundleID == bundleID) return p.id;
+            if (p.bundleID == bundleID)
+                return p.id;
         return 0;
     }
     AudioObjectID makeAggregate(const std::string& uid, std::vector<std::string> subDevices,
@@ -49,7 +50,8 @@ protected:
         d.name = "Tonavi test";
         d.isPrivate = true;
         d.mainSubDevice = subDevices.front();
-        for (auto& s : subDevices) d.subDevices.push_back({s, true});
+        for (auto& s : subDevices)
+            d.subDevices.push_back({s, true});
         d.taps = {{tapUUID, true}};
         AudioObjectID id = 0;
         EXPECT_EQ(machine.createAggregateDevice(d, id), noErr);
@@ -59,7 +61,7 @@ protected:
 
 TEST_F(SimTapTest, TapMutesItsProcessWhileReadAndDeliversItsTone) {
     using Heard = std::vector<std::string>;
-    EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"});  // the agent plays silence
+    EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"}); // the agent plays silence
 
     auto description = TapDescription::stereoMixdown({processOf("com.apple.Music")});
     description.name = "Tonavi com.apple.Music";
@@ -70,15 +72,16 @@ TEST_F(SimTapTest, TapMutesItsProcessWhileReadAndDeliversItsTone) {
     std::string tapUID;
     ASSERT_EQ(machine.get(tap, globalAddress(kAudioTapPropertyUID), tapUID), noErr);
     EXPECT_EQ(tapUID, description.uuid);
-    EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"});  // nobody reads the tap yet
+    EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"}); // nobody reads the tap yet
 
     const auto aggregate = makeAggregate("com.brelmoor.tonavi.agg.com.apple.Music.1", {speakers}, tapUID);
     AudioStreamConfiguration inputs;
-    ASSERT_EQ(machine.get(aggregate,
-                          scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
-                          inputs),
-              noErr);
-    EXPECT_EQ(inputs.channelsPerBuffer, std::vector<std::uint32_t>{2});  // the speakers have no input
+    ASSERT_EQ(
+        machine.get(aggregate,
+                    scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
+                    inputs),
+        noErr);
+    EXPECT_EQ(inputs.channelsPerBuffer, std::vector<std::uint32_t>{2}); // the speakers have no input
 
     std::vector<float> left;
     left.reserve(48000);
@@ -107,9 +110,9 @@ TEST_F(SimTapTest, TapMutesItsProcessWhileReadAndDeliversItsTone) {
     // 512 frames at 48 kHz is 10.67 ms: 18 whole cycles fit in 200 ms.
     EXPECT_EQ(cycles, 18);
     ASSERT_EQ(left.size(), 18u * 512u);
-    const double expected = std::pow(10.0, -12.0 / 20.0);  // Music's tone: 440 Hz at -12 dBFS
+    const double expected = std::pow(10.0, -12.0 / 20.0); // Music's tone: 440 Hz at -12 dBFS
     EXPECT_NEAR(amplitudeAt(left, 440.0, 48000.0), expected, expected * 0.02);
-    EXPECT_LT(amplitudeAt(left, 1000.0, 48000.0), 0.005);  // nothing of Safari's tone
+    EXPECT_LT(amplitudeAt(left, 1000.0, 48000.0), 0.005); // nothing of Safari's tone
 
     const auto meter = machine.ioMeter(proc);
     ASSERT_TRUE(meter.has_value());
@@ -118,13 +121,15 @@ TEST_F(SimTapTest, TapMutesItsProcessWhileReadAndDeliversItsTone) {
     EXPECT_NEAR(meter->frequency, 440.0, 15.0);
 
     // Music stops: the tap goes quiet at once.
-    ASSERT_EQ(machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, std::nullopt); }), "");
+    ASSERT_EQ(
+        machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, std::nullopt); }), "");
     left.clear();
     clock->advance(50ms);
     ASSERT_FALSE(left.empty());
     EXPECT_EQ(*std::max_element(left.begin(), left.end()), 0.0f);
 
-    ASSERT_EQ(machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", true, std::nullopt); }), "");
+    ASSERT_EQ(machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", true, std::nullopt); }),
+              "");
     ASSERT_EQ(machine.deviceStop(aggregate, proc), noErr);
     EXPECT_EQ(machine.directlyAudible(speakers), Heard{"com.apple.Music"});
     EXPECT_EQ(machine.destroyIOProcID(aggregate, proc), noErr);
@@ -143,13 +148,15 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOneDeviceAndStreamUsageHidesTheMicrophone
 
     const auto aggregate = makeAggregate("agg.usb", {usb, "BuiltInMicrophoneDevice"}, description.uuid);
     AudioStreamConfiguration inputs;
-    ASSERT_EQ(machine.get(aggregate,
-                          scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
-                          inputs),
-              noErr);
-    EXPECT_EQ(inputs.channelsPerBuffer, (std::vector<std::uint32_t>{1, 2}));  // microphone, then the tap
+    ASSERT_EQ(
+        machine.get(aggregate,
+                    scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
+                    inputs),
+        noErr);
+    EXPECT_EQ(inputs.channelsPerBuffer, (std::vector<std::uint32_t>{1, 2})); // microphone, then the tap
 
-    ASSERT_EQ(machine.set(aggregate, globalAddress(kAudioDevicePropertyBufferFrameSize), std::uint32_t{128}), noErr);
+    ASSERT_EQ(machine.set(aggregate, globalAddress(kAudioDevicePropertyBufferFrameSize), std::uint32_t{128}),
+              noErr);
 
     std::vector<float> tapLeft;
     tapLeft.reserve(48000);
@@ -194,23 +201,24 @@ TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriod) {
     std::vector<AudioTimeStamp> stamps;
     AudioDeviceIOProcID proc = 0;
     const auto speakersID = machine.world()->deviceByUID(speakers)->id;
-    ASSERT_EQ(machine.createIOProcIDWithBlock(
-                  speakersID, nullptr,
-                  [&](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp& t) { stamps.push_back(t); },
-                  proc),
-              noErr);
+    ASSERT_EQ(
+        machine.createIOProcIDWithBlock(
+            speakersID, nullptr,
+            [&](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp& t) { stamps.push_back(t); },
+            proc),
+        noErr);
     const auto start = machine.currentHostTime();
     ASSERT_EQ(machine.deviceStart(speakersID, proc), noErr);
     clock->advance(10ms);
-    EXPECT_TRUE(stamps.empty());  // one cycle takes 10.67 ms
+    EXPECT_TRUE(stamps.empty()); // one cycle takes 10.67 ms
     clock->advance(1ms);
     ASSERT_EQ(stamps.size(), 1u);
-    const std::uint64_t period = 10'666'667;  // 512 / 48000 s in nanoseconds
+    const std::uint64_t period = 10'666'667; // 512 / 48000 s in nanoseconds
     EXPECT_EQ(stamps[0].mHostTime, start + period);
     EXPECT_EQ(stamps[0].mSampleTime, 0.0);
     EXPECT_TRUE(stamps[0].mFlags & kAudioTimeStampHostTimeValid);
     clock->advance(1s);
-    ASSERT_EQ(stamps.size(), 94u);  // floor(1.011 s / 10.67 ms)
+    ASSERT_EQ(stamps.size(), 94u); // floor(1.011 s / 10.67 ms)
     EXPECT_EQ(stamps[93].mSampleTime, 93.0 * 512.0);
     EXPECT_EQ(machine.currentHostTime() - start, 1'011'000'000u);
     EXPECT_EQ(machine.convertHostTimeToNanos(1234), 1234u);
@@ -224,16 +232,17 @@ TEST_F(SimTapTest, RecordingWritesWhatTheBlockPlayed) {
     test::TempFolder folder;
     const auto speakersID = machine.world()->deviceByUID(speakers)->id;
     AudioDeviceIOProcID proc = 0;
-    ASSERT_EQ(machine.createIOProcIDWithBlock(speakersID, nullptr,
-                                              [](const AudioBufferList&, AudioBufferList& out, const AudioTimeStamp&) {
-                                                  auto* d = static_cast<float*>(out.mBuffers[0].mData);
-                                                  const auto frames = out.mBuffers[0].mDataByteSize / 8;
-                                                  for (std::uint32_t f = 0; f < frames; ++f) {
-                                                      d[f * 2] = 0.5f;
-                                                      d[f * 2 + 1] = -0.25f;
-                                                  }
-                                              },
-                                              proc),
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  speakersID, nullptr,
+                  [](const AudioBufferList&, AudioBufferList& out, const AudioTimeStamp&) {
+                      auto* d = static_cast<float*>(out.mBuffers[0].mData);
+                      const auto frames = out.mBuffers[0].mDataByteSize / 8;
+                      for (std::uint32_t f = 0; f < frames; ++f) {
+                          d[f * 2] = 0.5f;
+                          d[f * 2 + 1] = -0.25f;
+                      }
+                  },
+                  proc),
               noErr);
     EXPECT_EQ(machine.startRecording(proc, folder.file("out.wav"), 0.05), "IO proc 1 is not running");
     ASSERT_EQ(machine.deviceStart(speakersID, proc), noErr);
@@ -248,10 +257,12 @@ TEST_F(SimTapTest, RecordingWritesWhatTheBlockPlayed) {
     ASSERT_EQ(bytes.size(), 58u + 2400u * 2u * 4u);
     EXPECT_EQ(std::string(bytes.data(), 4), "RIFF");
     EXPECT_EQ(std::string(bytes.data() + 8, 4), "WAVE");
-    auto u16 = [&](std::size_t at) { return static_cast<unsigned>(static_cast<unsigned char>(bytes[at]) |
-                                                                   static_cast<unsigned char>(bytes[at + 1]) << 8); };
-    EXPECT_EQ(u16(20), 3u);  // IEEE float
-    EXPECT_EQ(u16(22), 2u);  // channels
+    auto u16 = [&](std::size_t at) {
+        return static_cast<unsigned>(static_cast<unsigned char>(bytes[at]) |
+                                     static_cast<unsigned char>(bytes[at + 1]) << 8);
+    };
+    EXPECT_EQ(u16(20), 3u); // IEEE float
+    EXPECT_EQ(u16(22), 2u); // channels
     EXPECT_EQ(u16(24) | u16(26) << 16, 48000u);
     float first[2];
     std::memcpy(first, bytes.data() + 58, sizeof first);
@@ -268,7 +279,7 @@ TEST(SimRealTimeIOTest, CyclesRunOnTheirOwnThreadAndMetersReachTheWorldFile) {
     ASSERT_TRUE(machine) << error;
 
     const auto world = machine->world();
-    auto description = TapDescription::stereoMixdown({world->processes[2].id});  // Music
+    auto description = TapDescription::stereoMixdown({world->processes[2].id}); // Music
     description.isPrivate = true;
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
     AudioObjectID tap = 0;
@@ -288,7 +299,8 @@ TEST(SimRealTimeIOTest, CyclesRunOnTheirOwnThreadAndMetersReachTheWorldFile) {
     ASSERT_EQ(machine->createIOProcIDWithBlock(
                   device, nullptr,
                   [&](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
-                      if (std::this_thread::get_id() == testThread) onTestThread = true;
+                      if (std::this_thread::get_id() == testThread)
+                          onTestThread = true;
                       std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData, out.mBuffers[0].mDataByteSize);
                       cycles.fetch_add(1);
                   },
@@ -312,5 +324,5 @@ TEST(SimRealTimeIOTest, CyclesRunOnTheirOwnThreadAndMetersReachTheWorldFile) {
     EXPECT_TRUE(machine->world()->taps.empty());
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

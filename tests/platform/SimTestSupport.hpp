@@ -18,7 +18,7 @@
 namespace tonavi::test {
 
 class TempFolder {
-public:
+  public:
     TempFolder() {
         std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-platform-XXXXXX").string();
         path_ = ::mkdtemp(pattern.data()) ? pattern : std::string();
@@ -29,13 +29,13 @@ public:
     }
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
 // Records each delivery: the addresses, and whether it ran on the queue it was registered with.
 class RecordingListener {
-public:
+  public:
     explicit RecordingListener(DispatchQueue& queue) : queue_(queue) {
         block = std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
             [this](std::span<const AudioObjectPropertyAddress> addresses) {
@@ -65,7 +65,7 @@ public:
 
     AudioObjectPropertyListenerBlock block;
 
-private:
+  private:
     DispatchQueue& queue_;
     std::mutex mutex_;
     std::condition_variable changed_;
@@ -79,7 +79,8 @@ inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
+        if (condition())
+            return true;
         std::mutex m;
         std::condition_variable cv;
         std::unique_lock<std::mutex> lock(m);
@@ -88,4 +89,4 @@ inline bool eventually(const std::function<bool()>& condition,
     return condition();
 }
 
-}  // namespace tonavi::test
+} // namespace tonavi::test

@@ -7,16 +7,16 @@
 #include <cstdlib>
 #include <unistd.h>
 
+#include "SimTestSupport.hpp"
 #include "base/Log.hpp"
 #include "platform/PlatformBackend.hpp"
 #include "platform/sim/SimWorkspace.hpp"
-#include "SimTestSupport.hpp"
 
 namespace tonavi {
 namespace {
 
 class SimWorkspaceTest : public ::testing::Test {
-protected:
+  protected:
     std::shared_ptr<SimMachine> machine = std::make_shared<SimMachine>(SimWorld::preset());
     SimWorkspace workspace{machine};
 };
@@ -29,16 +29,17 @@ TEST_F(SimWorkspaceTest, ApplicationsPoliciesAndResponsibleProcesses) {
     EXPECT_TRUE(workspace.runningApplications("com.example.Missing").empty());
     ASSERT_TRUE(workspace.runningApplication(4103).has_value());
     EXPECT_EQ(workspace.runningApplication(4103)->bundleIdentifier, "com.apple.Music");
-    EXPECT_FALSE(workspace.runningApplication(4102).has_value());  // a helper is no application
+    EXPECT_FALSE(workspace.runningApplication(4102).has_value()); // a helper is no application
 
-    EXPECT_EQ(workspace.responsiblePID(4102), 4101);  // the browser answers for its helper
+    EXPECT_EQ(workspace.responsiblePID(4102), 4101); // the browser answers for its helper
     EXPECT_EQ(workspace.responsiblePID(4103), 4103);
-    EXPECT_EQ(workspace.responsiblePID(::getpid()), ::getpid());  // a real process answers for itself
+    EXPECT_EQ(workspace.responsiblePID(::getpid()), ::getpid()); // a real process answers for itself
     EXPECT_EQ(workspace.responsiblePID(0), -1);
 
     // Quitting the browser takes its helper's process object with it.
     ASSERT_EQ(machine->mutate([](SimWorld& w) { return w.quit("com.apple.Safari"); }), "");
-    for (const auto& p : machine->world()->processes) EXPECT_NE(p.pid, 4102);
+    for (const auto& p : machine->world()->processes)
+        EXPECT_NE(p.pid, 4102);
     EXPECT_FALSE(workspace.frontmostApplication().has_value());
 }
 
@@ -130,8 +131,9 @@ TEST(PlatformBackendTest, TheEnvironmentChoosesTheBackendOnceAndChildrenInheritI
     EXPECT_STREQ(std::getenv(PlatformBackend::environmentVariable), "sim");
     // A first run creates the preset machine in the world file.
     std::vector<AudioObjectID> devices;
-    EXPECT_EQ(backend->audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices),
-              noErr);
+    EXPECT_EQ(
+        backend->audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices),
+        noErr);
     EXPECT_EQ(devices.size(), 6u);
     EXPECT_EQ(backend->workspace().frontmostApplication()->bundleIdentifier, "com.apple.Safari");
     // Once chosen, it stays.
@@ -142,5 +144,5 @@ TEST(PlatformBackendTest, TheEnvironmentChoosesTheBackendOnceAndChildrenInheritI
     ::unsetenv(PlatformBackend::worldVariable);
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

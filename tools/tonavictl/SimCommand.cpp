@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <cstdint>
-#include <functional>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -54,7 +54,7 @@ const char* usageText =
 
 struct Arguments {
     std::vector<std::string> positional;
-    std::map<std::string, std::string> options;  // "--name" -> value; flags map to ""
+    std::map<std::string, std::string> options; // "--name" -> value; flags map to ""
     std::string error;
 };
 
@@ -78,7 +78,8 @@ Arguments parse(int argc, char** argv, int from, const std::vector<std::string>&
 }
 
 bool parseNumber(const std::string& text, double& out) {
-    if (text.empty()) return false;
+    if (text.empty())
+        return false;
     char* end = nullptr;
     errno = 0;
     out = std::strtod(text.c_str(), &end);
@@ -86,7 +87,8 @@ bool parseNumber(const std::string& text, double& out) {
 }
 
 bool parseInteger(const std::string& text, long& out) {
-    if (text.empty()) return false;
+    if (text.empty())
+        return false;
     char* end = nullptr;
     errno = 0;
     out = std::strtol(text.c_str(), &end, 10);
@@ -95,13 +97,15 @@ bool parseInteger(const std::string& text, long& out) {
 
 bool parseStatus(const std::string& text, OSStatus& status) {
     std::string code = text;
-    if (code.size() == 6 && code.front() == '\'' && code.back() == '\'') code = code.substr(1, 4);
+    if (code.size() == 6 && code.front() == '\'' && code.back() == '\'')
+        code = code.substr(1, 4);
     if (code.size() == 4 && !std::isdigit(static_cast<unsigned char>(code[0])) && code[0] != '-') {
         status = static_cast<OSStatus>(fourCharCodeFromString(code));
         return true;
     }
     long n = 0;
-    if (!parseInteger(text, n) || n < INT32_MIN || n > INT32_MAX) return false;
+    if (!parseInteger(text, n) || n < INT32_MIN || n > INT32_MAX)
+        return false;
     status = static_cast<OSStatus>(n);
     return true;
 }
@@ -109,38 +113,52 @@ bool parseStatus(const std::string& text, OSStatus& status) {
 bool parseSelector(const Arguments& a, std::uint32_t& selector) {
     selector = 0;
     auto it = a.options.find("--selector");
-    if (it == a.options.end()) return true;
+    if (it == a.options.end())
+        return true;
     selector = fourCharCodeFromString(it->second);
     return selector != 0;
 }
 
 bool transportFromName(const std::string& name, std::uint32_t& transport) {
     static const std::map<std::string, std::uint32_t> names{
-        {"builtin", kAudioDeviceTransportTypeBuiltIn},     {"usb", kAudioDeviceTransportTypeUSB},
-        {"bluetooth", kAudioDeviceTransportTypeBluetooth}, {"bluetooth-le", kAudioDeviceTransportTypeBluetoothLE},
-        {"airplay", kAudioDeviceTransportTypeAirPlay},     {"virtual", kAudioDeviceTransportTypeVirtual},
+        {"builtin", kAudioDeviceTransportTypeBuiltIn},
+        {"usb", kAudioDeviceTransportTypeUSB},
+        {"bluetooth", kAudioDeviceTransportTypeBluetooth},
+        {"bluetooth-le", kAudioDeviceTransportTypeBluetoothLE},
+        {"airplay", kAudioDeviceTransportTypeAirPlay},
+        {"virtual", kAudioDeviceTransportTypeVirtual},
         {"other", kAudioDeviceTransportTypeUnknown}};
     auto it = names.find(name);
-    if (it == names.end()) return false;
+    if (it == names.end())
+        return false;
     transport = it->second;
     return true;
 }
 
 std::string transportName(std::uint32_t t) {
     switch (t) {
-    case kAudioDeviceTransportTypeBuiltIn: return "builtin";
-    case kAudioDeviceTransportTypeUSB: return "usb";
+    case kAudioDeviceTransportTypeBuiltIn:
+        return "builtin";
+    case kAudioDeviceTransportTypeUSB:
+        return "usb";
     case kAudioDeviceTransportTypeBluetooth:
-    case kAudioDeviceTransportTypeBluetoothLE: return "bluetooth";
-    case kAudioDeviceTransportTypeAirPlay: return "airplay";
+    case kAudioDeviceTransportTypeBluetoothLE:
+        return "bluetooth";
+    case kAudioDeviceTransportTypeAirPlay:
+        return "airplay";
     case kAudioDeviceTransportTypeAggregate:
-    case kAudioDeviceTransportTypeAutoAggregate: return "aggregate";
-    case kAudioDeviceTransportTypeVirtual: return "virtual";
-    default: return "other";
+    case kAudioDeviceTransportTypeAutoAggregate:
+        return "aggregate";
+    case kAudioDeviceTransportTypeVirtual:
+        return "virtual";
+    default:
+        return "other";
     }
 }
 
-bool alive(pid_t pid) { return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM); }
+bool alive(pid_t pid) {
+    return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM);
+}
 
 std::string fixed(double v, int digits) {
     char buffer[64];
@@ -157,30 +175,43 @@ void show(const SimWorld& w, const std::string& path, std::ostream& out) {
         const auto outs = SimProperties::streams(w, d, false);
         const auto ins = SimProperties::streams(w, d, true);
         std::uint32_t o = 0, i = 0;
-        for (auto c : outs) o += c;
-        for (auto c : ins) i += c;
+        for (auto c : outs)
+            o += c;
+        for (auto c : ins)
+            i += c;
         out << "  out " << o << " in " << i << "  " << fixed(d.sampleRate, 0) << " Hz  " << d.bufferFrameSize
             << " frames";
-        if (!d.volumeElements.empty()) out << "  volume " << fixed(d.volumeElements.begin()->second, 2);
-        if (d.hasMute && d.muted) out << "  muted";
-        if (!d.alive) out << "  dead";
-        if (d.uid == w.defaultOutputUID) out << "  [default output]";
-        if (d.uid == w.defaultInputUID) out << "  [default input]";
-        if (d.uid == w.systemOutputUID) out << "  [alert sounds]";
+        if (!d.volumeElements.empty())
+            out << "  volume " << fixed(d.volumeElements.begin()->second, 2);
+        if (d.hasMute && d.muted)
+            out << "  muted";
+        if (!d.alive)
+            out << "  dead";
+        if (d.uid == w.defaultOutputUID)
+            out << "  [default output]";
+        if (d.uid == w.defaultInputUID)
+            out << "  [default input]";
+        if (d.uid == w.systemOutputUID)
+            out << "  [alert sounds]";
         if (d.isAggregate) {
             out << "  aggregate of";
-            for (const auto& s : d.aggregate.subDevices) out << " " << s.uid;
-            if (!d.aggregate.taps.empty()) out << " + " << d.aggregate.taps.size() << " tap(s)";
+            for (const auto& s : d.aggregate.subDevices)
+                out << " " << s.uid;
+            if (!d.aggregate.taps.empty())
+                out << " + " << d.aggregate.taps.size() << " tap(s)";
             out << (d.aggregate.isPrivate ? ", private to pid " : ", made by pid ") << d.ownerPID;
-            if (d.runningIOProcs) out << ", IO running";
+            if (d.runningIOProcs)
+                out << ", IO running";
         }
         out << "\n";
     }
-    for (const auto& d : w.detached) out << "  (unplugged) " << d.name << "  uid=" << d.uid << "\n";
+    for (const auto& d : w.detached)
+        out << "  (unplugged) " << d.name << "  uid=" << d.uid << "\n";
     out << "Audio processes:\n";
     for (const auto& p : w.processes) {
         out << "  [" << p.id << "] pid " << p.pid << " " << p.bundleID;
-        if (p.responsiblePID > 0) out << " (helper of pid " << p.responsiblePID << ")";
+        if (p.responsiblePID > 0)
+            out << " (helper of pid " << p.responsiblePID << ")";
         if (p.runningOutput) {
             out << "  playing ";
             if (p.signal.silent)
@@ -190,20 +221,22 @@ void show(const SimWorld& w, const std::string& path, std::ostream& out) {
             const auto device = w.effectiveDeviceUID(p, false);
             out << " on " << device << (w.isMutedByTap(p, device) ? " (tapped: silent on its own path)" : "");
         }
-        if (p.runningInput) out << "  capturing from " << w.effectiveDeviceUID(p, true);
+        if (p.runningInput)
+            out << "  capturing from " << w.effectiveDeviceUID(p, true);
         out << "\n";
     }
     out << "Applications:\n";
     for (const auto& a : w.applications) {
-        out << "  pid " << a.pid << " " << a.bundleID << " \"" << a.name << "\" " << activationPolicyName(a.policy)
-            << (a.pid == w.frontmostPID ? "  [frontmost]" : "") << "\n";
+        out << "  pid " << a.pid << " " << a.bundleID << " \"" << a.name << "\" "
+            << activationPolicyName(a.policy) << (a.pid == w.frontmostPID ? "  [frontmost]" : "") << "\n";
     }
     if (!w.taps.empty()) {
         out << "Taps:\n";
         for (const auto& t : w.taps) {
             const auto& d = t.description;
             out << "  [" << t.id << "] " << (d.name.empty() ? d.uuid : d.name) << "  "
-                << (d.mixdown ? std::string("stereo mixdown") : "stream " + std::to_string(d.stream) + " of " + d.deviceUID)
+                << (d.mixdown ? std::string("stereo mixdown")
+                              : "stream " + std::to_string(d.stream) + " of " + d.deviceUID)
                 << "  of " << d.processes.size() << " process(es), made by pid " << t.ownerPID
                 << (alive(t.ownerPID) ? "" : " (gone)") << "\n";
         }
@@ -211,8 +244,8 @@ void show(const SimWorld& w, const std::string& path, std::ostream& out) {
     if (!w.meters.empty()) {
         out << "Meters (what tapped audio plays):\n";
         for (const auto& m : w.meters) {
-            out << "  " << m.deviceUID << " via " << m.aggregateUID << ": peak " << fixed(m.peakDB, 1) << " dBFS, rms "
-                << fixed(m.rmsDB, 1) << " dBFS, ~" << fixed(m.frequency, 0) << " Hz\n";
+            out << "  " << m.deviceUID << " via " << m.aggregateUID << ": peak " << fixed(m.peakDB, 1)
+                << " dBFS, rms " << fixed(m.rmsDB, 1) << " dBFS, ~" << fixed(m.frequency, 0) << " Hz\n";
         }
     }
     if (!w.faults.empty() || w.readDelayMilliseconds > 0) {
@@ -223,7 +256,8 @@ void show(const SimWorld& w, const std::string& path, std::ostream& out) {
                 << fourCharString(static_cast<std::uint32_t>(f.status)) << "\n";
         }
         if (w.readDelayMilliseconds > 0) {
-            out << "  reads" << (w.readDelaySelector ? " of " + fourCharString(w.readDelaySelector) : std::string())
+            out << "  reads"
+                << (w.readDelaySelector ? " of " + fourCharString(w.readDelaySelector) : std::string())
                 << " stall " << w.readDelayMilliseconds << " ms\n";
         }
     }
@@ -238,10 +272,11 @@ int usage(const std::string& message) {
     return exitUsage;
 }
 
-}  // namespace
+} // namespace
 
 int runSimCommand(int argc, char** argv) {
-    if (argc < 2) return usage("a command is needed");
+    if (argc < 2)
+        return usage("a command is needed");
     const std::string command = argv[1];
     if (command == "help" || command == "--help") {
         std::cout << usageText;
@@ -250,22 +285,26 @@ int runSimCommand(int argc, char** argv) {
     const std::string path = PlatformBackend::simWorldPath();
     SimWorldFile file(path);
     Arguments a = parse(argc, argv, 2, {"--force", "--json", "--silent", "--no-audio"});
-    if (!a.error.empty()) return usage(a.error);
+    if (!a.error.empty())
+        return usage(a.error);
     const auto& p = a.positional;
     auto need = [&](std::size_t n) { return p.size() == n; };
 
     if (command == "init") {
-        if (!need(0)) return usage("init takes no arguments");
+        if (!need(0))
+            return usage("init takes no arguments");
         if (auto why = file.create(SimWorld::preset(), a.options.count("--force") > 0); !why.empty())
             return fail(why + (why.rfind("a world already", 0) == 0 ? " (use --force to replace it)" : ""));
         std::cout << "created " << path << "\n";
         return 0;
     }
     if (command == "show") {
-        if (!need(0)) return usage("show takes no arguments");
+        if (!need(0))
+            return usage("show takes no arguments");
         std::string error;
         auto world = file.read(error);
-        if (!world) return fail(error);
+        if (!world)
+            return fail(error);
         if (a.options.count("--json")) {
             std::ifstream in(path);
             std::cout << in.rdbuf();
@@ -287,20 +326,25 @@ int runSimCommand(int argc, char** argv) {
             return usage("unknown transport " + a.options["--transport"]);
         long outputs = 2, inputs = 0;
         double rate = 48000.0;
-        if (a.options.count("--outputs") && !(parseInteger(a.options["--outputs"], outputs) && outputs >= 0 && outputs <= 64))
+        if (a.options.count("--outputs") &&
+            !(parseInteger(a.options["--outputs"], outputs) && outputs >= 0 && outputs <= 64))
             return usage("--outputs is a channel count from 0 to 64");
-        if (a.options.count("--inputs") && !(parseInteger(a.options["--inputs"], inputs) && inputs >= 0 && inputs <= 64))
+        if (a.options.count("--inputs") &&
+            !(parseInteger(a.options["--inputs"], inputs) && inputs >= 0 && inputs <= 64))
             return usage("--inputs is a channel count from 0 to 64");
-        if (a.options.count("--rate") && !(parseNumber(a.options["--rate"], rate) && rate >= 8000 && rate <= 384000))
+        if (a.options.count("--rate") &&
+            !(parseNumber(a.options["--rate"], rate) && rate >= 8000 && rate <= 384000))
             return usage("--rate is a sample rate from 8000 to 384000");
-        if (outputs == 0 && inputs == 0) return usage("a device needs outputs or inputs");
+        if (outputs == 0 && inputs == 0)
+            return usage("a device needs outputs or inputs");
         if (outputs > 0) {
             d.outputStreams = {static_cast<std::uint32_t>(outputs)};
             d.volumeElements = {{0, 1.0f}};
             d.hasVirtualMainVolume = true;
             d.hasMute = true;
         }
-        if (inputs > 0) d.inputStreams = {static_cast<std::uint32_t>(inputs)};
+        if (inputs > 0)
+            d.inputStreams = {static_cast<std::uint32_t>(inputs)};
         d.sampleRate = rate;
         edit = [=](SimWorld& w) {
             const bool known = std::any_of(w.detached.begin(), w.detached.end(),
@@ -313,14 +357,19 @@ int runSimCommand(int argc, char** argv) {
         edit = [uid = p[0], name = p[1]](SimWorld& w) { return w.rename(uid, name); };
     } else if (command == "volume" && need(2)) {
         double v = 0;
-        if (!parseNumber(p[1], v)) return usage("a volume is a number from 0 to 1");
+        if (!parseNumber(p[1], v))
+            return usage("a volume is a number from 0 to 1");
         edit = [uid = p[0], v](SimWorld& w) { return w.setVolume(uid, static_cast<float>(v)); };
     } else if (command == "set-default" && need(2)) {
         SimDefaultRole role;
-        if (p[0] == "output") role = SimDefaultRole::output;
-        else if (p[0] == "input") role = SimDefaultRole::input;
-        else if (p[0] == "system") role = SimDefaultRole::systemOutput;
-        else return usage("set-default takes output, input or system");
+        if (p[0] == "output")
+            role = SimDefaultRole::output;
+        else if (p[0] == "input")
+            role = SimDefaultRole::input;
+        else if (p[0] == "system")
+            role = SimDefaultRole::systemOutput;
+        else
+            return usage("set-default takes output, input or system");
         edit = [role, uid = p[1]](SimWorld& w) { return w.setDefault(role, uid); };
     } else if (command == "play" && need(1)) {
         std::optional<SimProcess::Signal> signal;
@@ -340,7 +389,8 @@ int runSimCommand(int argc, char** argv) {
     } else if (command == "stop" && need(1)) {
         edit = [who = p[0]](SimWorld& w) { return w.setPlaying(who, false, std::nullopt); };
     } else if (command == "capture" && need(2)) {
-        if (p[1] != "on" && p[1] != "off") return usage("capture takes on or off");
+        if (p[1] != "on" && p[1] != "off")
+            return usage("capture takes on or off");
         edit = [who = p[0], on = p[1] == "on"](SimWorld& w) { return w.setCapturing(who, on); };
     } else if (command == "route" && need(2)) {
         edit = [who = p[0], uid = p[1] == "default" ? std::string() : p[1]](SimWorld& w) {
@@ -350,24 +400,29 @@ int runSimCommand(int argc, char** argv) {
         SimWorld::Application app;
         app.bundleID = p[0];
         long pid = 0;
-        if (!a.options.count("--pid") || !parseInteger(a.options["--pid"], pid)) return usage("launch needs --pid N");
+        if (!a.options.count("--pid") || !parseInteger(a.options["--pid"], pid))
+            return usage("launch needs --pid N");
         app.pid = static_cast<pid_t>(pid);
         app.name = a.options.count("--name") ? a.options["--name"] : std::string();
         if (a.options.count("--policy") && !activationPolicyFromName(a.options["--policy"], app.policy))
             return usage("unknown activation policy " + a.options["--policy"]);
-        edit = [app, audio = a.options.count("--no-audio") == 0](SimWorld& w) { return w.launch(app, audio); };
+        edit = [app, audio = a.options.count("--no-audio") == 0](SimWorld& w) {
+            return w.launch(app, audio);
+        };
     } else if (command == "quit" && need(1)) {
         edit = [id = p[0]](SimWorld& w) { return w.quit(id); };
     } else if (command == "activate" && need(1)) {
         edit = [id = p[0]](SimWorld& w) { return w.activate(id); };
     } else if ((command == "sleep" || command == "wake") && need(0)) {
         edit = [asleep = command == "sleep"](SimWorld& w) {
-            if (w.asleep == asleep) return std::string(asleep ? "the machine is already asleep" : "the machine is awake");
+            if (w.asleep == asleep)
+                return std::string(asleep ? "the machine is already asleep" : "the machine is awake");
             w.asleep = asleep;
             return std::string();
         };
     } else if (command == "windows" && need(1)) {
-        if (p[0] != "on" && p[0] != "off") return usage("windows takes on or off");
+        if (p[0] != "on" && p[0] != "off")
+            return usage("windows takes on or off");
         edit = [on = p[0] == "on"](SimWorld& w) {
             w.windowListAvailable = on;
             return std::string();
@@ -377,16 +432,22 @@ int runSimCommand(int argc, char** argv) {
         long count = 0;
         OSStatus status = 0;
         std::uint32_t selector = 0;
-        if (!operation) return usage("unknown operation " + p[0]);
-        if (!parseInteger(p[1], count) || count < 0 || count > 1'000'000) return usage("a count is a number of calls");
-        if (!parseStatus(p[2], status)) return usage("a status is four characters or a number");
-        if (!parseSelector(a, selector)) return usage("a selector is four characters");
+        if (!operation)
+            return usage("unknown operation " + p[0]);
+        if (!parseInteger(p[1], count) || count < 0 || count > 1'000'000)
+            return usage("a count is a number of calls");
+        if (!parseStatus(p[2], status))
+            return usage("a status is four characters or a number");
+        if (!parseSelector(a, selector))
+            return usage("a selector is four characters");
         edit = [=](SimWorld& w) { return w.failNext(*operation, static_cast<int>(count), status, selector); };
     } else if (command == "slow" && need(1)) {
         long ms = 0;
         std::uint32_t selector = 0;
-        if (!parseInteger(p[0], ms) || ms < 0 || ms > 60'000) return usage("a delay is 0 to 60000 milliseconds");
-        if (!parseSelector(a, selector)) return usage("a selector is four characters");
+        if (!parseInteger(p[0], ms) || ms < 0 || ms > 60'000)
+            return usage("a delay is 0 to 60000 milliseconds");
+        if (!parseSelector(a, selector))
+            return usage("a selector is four characters");
         edit = [=](SimWorld& w) {
             w.setReadDelay(static_cast<std::uint32_t>(ms), selector);
             return std::string();
@@ -395,8 +456,9 @@ int runSimCommand(int argc, char** argv) {
         return usage("unknown command or wrong arguments: " + command);
     }
 
-    if (auto why = file.update(edit); !why.empty()) return fail(why);
+    if (auto why = file.update(edit); !why.empty())
+        return fail(why);
     return 0;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -8,4 +8,4 @@ namespace tonavi {
 // argv[0] is "sim". Exit status: 0 done, 1 refused or failed (with a message), 64 usage.
 int runSimCommand(int argc, char** argv);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -2,7 +2,8 @@
 //   helper <world> listen <selector>          prints "armed", then "fired <n> on-queue <0|1>" when the
 //                                             system object's property changes; exit 1 after 10 s
 //   helper <world> set-default-output <uid>   writes the default output through the property
-//   helper <world> hold-tap <bundle-id>       taps the app, starts IO, prints "ready", waits for stdin to close
+//   helper <world> hold-tap <bundle-id>       taps the app, starts IO, prints "ready", waits for stdin to
+//   close
 
 #include <chrono>
 #include <condition_variable>
@@ -33,10 +34,12 @@ int listen(SimMachine& machine, const std::string& selector) {
             changed.notify_all();
         });
     const auto address = globalAddress(fourCharCodeFromString(selector));
-    if (machine.addPropertyListener(kAudioObjectSystemObject, address, queue, block) != noErr) return 2;
+    if (machine.addPropertyListener(kAudioObjectSystemObject, address, queue, block) != noErr)
+        return 2;
     std::cout << "armed" << std::endl;
     std::unique_lock<std::mutex> lock(mutex);
-    if (!changed.wait_for(lock, std::chrono::seconds(10), [&] { return fired > 0; })) return 1;
+    if (!changed.wait_for(lock, std::chrono::seconds(10), [&] { return fired > 0; }))
+        return 1;
     std::cout << "fired " << fired << " on-queue " << (onQueue ? 1 : 0) << std::endl;
     lock.unlock();
     machine.removePropertyListener(kAudioObjectSystemObject, address, queue, block);
@@ -45,10 +48,11 @@ int listen(SimMachine& machine, const std::string& selector) {
 
 int setDefaultOutput(SimMachine& machine, const std::string& uid) {
     const auto* device = machine.world()->deviceByUID(uid);
-    if (!device) return 2;
+    if (!device)
+        return 2;
     const AudioObjectID id = device->id;
-    return machine.set(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), id) ==
-                   noErr
+    return machine.set(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                       id) == noErr
                ? 0
                : 1;
 }
@@ -57,12 +61,14 @@ int holdTap(SimMachine& machine, const std::string& bundleID) {
     const auto world = machine.world();
     std::vector<AudioObjectID> objects;
     for (const auto& p : world->processes)
-        if (p.bundleID == bundleID) objects.push_back(p.id);
+        if (p.bundleID == bundleID)
+            objects.push_back(p.id);
     auto description = TapDescription::stereoMixdown(objects);
     description.isPrivate = true;
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
     AudioObjectID tap = 0;
-    if (machine.createProcessTap(description, tap) != noErr) return 2;
+    if (machine.createProcessTap(description, tap) != noErr)
+        return 2;
     AggregateDeviceDescription aggregate;
     aggregate.uid = "helper.aggregate." + std::to_string(::getpid());
     aggregate.isPrivate = true;
@@ -70,12 +76,15 @@ int holdTap(SimMachine& machine, const std::string& bundleID) {
     aggregate.subDevices = {{world->defaultOutputUID, true}};
     aggregate.taps = {{description.uuid, true}};
     AudioObjectID device = 0;
-    if (machine.createAggregateDevice(aggregate, device) != noErr) return 3;
+    if (machine.createAggregateDevice(aggregate, device) != noErr)
+        return 3;
     AudioDeviceIOProcID proc = 0;
-    if (machine.createIOProcIDWithBlock(device, nullptr, [](const AudioBufferList&, AudioBufferList&,
-                                                            const AudioTimeStamp&) {}, proc) != noErr)
+    if (machine.createIOProcIDWithBlock(
+            device, nullptr, [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {}, proc) !=
+        noErr)
         return 4;
-    if (machine.deviceStart(device, proc) != noErr) return 5;
+    if (machine.deviceStart(device, proc) != noErr)
+        return 5;
     std::cout << "ready" << std::endl;
     std::string line;
     while (std::getline(std::cin, line)) {
@@ -83,7 +92,7 @@ int holdTap(SimMachine& machine, const std::string& bundleID) {
     return 0;
 }
 
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv) {
     if (argc != 4) {
@@ -97,8 +106,11 @@ int main(int argc, char** argv) {
         return 66;
     }
     const std::string command = argv[2];
-    if (command == "listen") return listen(*machine, argv[3]);
-    if (command == "set-default-output") return setDefaultOutput(*machine, argv[3]);
-    if (command == "hold-tap") return holdTap(*machine, argv[3]);
+    if (command == "listen")
+        return listen(*machine, argv[3]);
+    if (command == "set-default-output")
+        return setDefaultOutput(*machine, argv[3]);
+    if (command == "hold-tap")
+        return holdTap(*machine, argv[3]);
     return 64;
 }
