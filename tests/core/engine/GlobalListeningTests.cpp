@@ -1,0 +1,110 @@
+#include "EngineTestSupport.hpp"
+#include "core/engine/GlobalListeningPolicy.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace tonavi::testing {
+namespace {
+
+TEST(GlobalListeningPolicy, DecidesInItsOrder) {
+    SmartSettings smart;
+    const std::vector<std::string> hidden{"hidden.app"};
+    AppAudioState plain = appRow("com.apple.Music");
+    EXPECT_TRUE(GlobalListeningPolicy::mayProcess("com.apple.Music", &plain, hidden, smart));
+    EXPECT_TRUE(GlobalListeningPolicy::mayProcess("com.apple.Music", nullptr, hidden, smart));
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("com.rogueamoeba.Audio", nullptr, hidden, smart));
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("hidden.app", nullptr, hidden, smart));
+
+    AppAudioState bypassed = plain;
+    bypassed.chain.bypassed = true;
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("com.apple.Music", &bypassed, hidden, smart));
+    AppAudioState locked = plain;
+    locked.directLocked = true;
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("com.apple.Music", &locked, hidden, smart));
+
+    smart.leaveAloneBundleIDs = {"com.apple.Music"};
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("com.apple.Music", &plain, hidden, smart));
+
+    // A production tool is refused outright while music apps are protected; otherwise it gets the
+    // treatment only when its own row asks for control.
+    SmartSettings open;
+    AppAudioState daw = appRow("com.ableton.live");
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("com.ableton.live", &daw, hidden, smart));
+    open.protectMusicApps = false;
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("com.ableton.live", &daw, hidden, open));
+    EXPECT_FALSE(GlobalListeningPolicy::mayProcess("com.ableton.live", nullptr, hidden, open));
+    daw.volume = 0.7;
+    EXPECT_TRUE(GlobalListeningPolicy::mayProcess("com.ableton.live", &daw, hidden, open));
+}
+
+kavore::EffectSlot pluginSlot(const std::string& id) {
+    kavore::EffectSlot slot;
+    slot.id = id;
+    slot.kind = kavore::EffectKind::audioUnit;
+    slot.auComponent = kavore::AUComponentKey{kavore::fourCharCode("aufx"), 1, 2, "Fx", "Maker"};
+    return slot;
+}
+
+TEST(GlobalListeningRender, PluginBridgeRunsBetweenTheHalvesAndCountsInLatency) {
+    TonaviConfig config = configWith({appRow("a"), appRow("com.ableton.live", 0.5)});
+    config.globalListening = kavore::GlobalListeningSettings(true, kavore::ListeningEQSettings::flat(), {},
+                                                             {pluginSlot("GL1")});
+    EngineHarness h(config, false);
+    std::vector<std::string> rendered;
+    h.engine->setExternalAURender([&](const std::string& slotID, std::span<float> buffer) {
+        rendered.push_back(slotID);
+        for (float& sample : buffer) sample *= 0.5f;
+    });
+    h.engine->setExternalAULatency([](const std::string&) { return 64; });
+    h.engine->setForceEngaged({"a"}, {});
+    EXPECT_EQ(h.engine->globalPluginSlotIDs(), std::vector<std::string>{"GL1"});
+
+    auto buffer = constantBuffer(16, 0.4f);
+    EXPECT_TRUE(h.engine->render("a", buffer));  // unity app, but the global treatment ran
+    EXPECT_EQ(rendered, std::vector<std::string>{"GL1"});
+    for (float sample : buffer) EXPECT_NEAR(sample, 0.2f, 1e-6);
+    EXPECT_EQ(h.engine->latencySamples("a", 256, 128), 256 + 128 + 64);
+
+    // A protected production tool renders without it and pays no plug-in latency.
+    rendered.clear();
+    auto daw = constantBuffer(16, 0.4f);
+    h.engine->render("com.ableton.live", daw);
+    EXPECT_TRUE(rendered.empty());
+    EXPECT_NEAR(daw[0], 0.1f, 1e-6);
+    EXPECT_EQ(h.engine->latencySamples("com.ableton.live", 256, 128), 384);
+
+    // A failing plug-in slot is bypassed: the list empties and the treatment stops changing audio.
+    h.engine->autoRevertAUSlot("GL1", "stopped responding");
+    EXPECT_TRUE(h.engine->globalPluginSlotIDs().empty());
+    EXPECT_EQ(h.engine->healthLog().back().detail, "global listening: stopped responding");
+    auto after = constantBuffer(16, 0.4f);
+    EXPECT_FALSE(h.engine->render("a", after));
+    EXPECT_EQ(after, constantBuffer(16, 0.4f));
+}
+
+TEST(GlobalListeningRender, EqualizerBoostReachesTheSignal) {
+    kavore::ListeningEQSettings eq(
+        std::vector<kavore::ListeningEQBand>{{"bell", kavore::ListeningFilterKind::bell, 1000.0, 6.0, 1.0, true}});
+    TonaviConfig config = configWith({appRow("a")});
+    config.globalListening = kavore::GlobalListeningSettings(true, eq, {}, {});
+    EngineHarness h(config, false);
+    h.engine->setForceEngaged({"a"}, {});
+
+    // A 1 kHz tone at the bell's centre gains 6 dB (x 1.995) once the filter has settled.
+    const double w = 2.0 * M_PI * 1000.0 / 48000.0;
+    double peak = 0.0;
+    for (int cycle = 0; cycle < 40; ++cycle) {
+        std::vector<float> buffer(256);
+        for (int i = 0; i < 128; ++i)
+            buffer[2 * i] = buffer[2 * i + 1] = static_cast<float>(0.1 * std::sin(w * (cycle * 128 + i)));
+        EXPECT_TRUE(h.engine->render("a", buffer));
+        if (cycle >= 30)
+            for (float sample : buffer) peak = std::max(peak, static_cast<double>(std::abs(sample)));
+    }
+    EXPECT_NEAR(peak, 0.1 * std::pow(10.0, 6.0 / 20.0), 0.003);
+}
+
+}  // namespace
+}  // namespace tonavi::testing
