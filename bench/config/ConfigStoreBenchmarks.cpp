@@ -11,7 +11,7 @@
 namespace {
 
 class BenchFolder {
-public:
+  public:
     BenchFolder() {
         std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-bench-XXXXXX").string();
         path_ = ::mkdtemp(pattern.data());
@@ -22,7 +22,7 @@ public:
     }
     const std::filesystem::path& path() const { return path_; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
@@ -30,7 +30,8 @@ void BM_ConfigLoad(benchmark::State& state) {
     BenchFolder folder;
     const tonavi::TonaviConfigStore store(folder.path());
     store.save(tonavi::testing::largeConfig(200, 50, 20));
-    for (auto _ : state) benchmark::DoNotOptimize(store.load());
+    for (auto _ : state)
+        benchmark::DoNotOptimize(store.load());
     state.counters["bytes"] = static_cast<double>(std::filesystem::file_size(store.configURL()));
 }
 BENCHMARK(BM_ConfigLoad)->Unit(benchmark::kMillisecond);
@@ -48,4 +49,4 @@ void BM_ConfigSave(benchmark::State& state) {
 }
 BENCHMARK(BM_ConfigSave)->Unit(benchmark::kMillisecond);
 
-}  // namespace
+} // namespace

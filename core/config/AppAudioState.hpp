@@ -43,4 +43,4 @@ void to_json(nlohmann::json& j, const AppAudioState& value);
 // Raises ConfigDecodeError when `id` is absent or not a string; every other key falls back.
 void from_json(const nlohmann::json& j, AppAudioState& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -10,9 +10,11 @@ const std::set<std::string>& AutoDirectList::requiredLiveHostBundleIDs() {
 }
 
 bool AutoDirectList::contains(std::string_view bundleID) const {
-    if (requiredLiveHostBundleIDs().count(std::string(bundleID))) return true;
+    if (requiredLiveHostBundleIDs().count(std::string(bundleID)))
+        return true;
     return std::any_of(bundleIDs.begin(), bundleIDs.end(), [&](const std::string& entry) {
-        if (bundleID == entry) return true;
+        if (bundleID == entry)
+            return true;
         return bundleID.size() > entry.size() && bundleID.substr(0, entry.size()) == entry &&
                bundleID[entry.size()] == '.';
     });
@@ -20,7 +22,8 @@ bool AutoDirectList::contains(std::string_view bundleID) const {
 
 void AutoDirectList::enforceRequiredLiveHosts() {
     for (const auto& host : requiredLiveHostBundleIDs())
-        if (std::find(bundleIDs.begin(), bundleIDs.end(), host) == bundleIDs.end()) bundleIDs.push_back(host);
+        if (std::find(bundleIDs.begin(), bundleIDs.end(), host) == bundleIDs.end())
+            bundleIDs.push_back(host);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

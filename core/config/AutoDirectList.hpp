@@ -31,4 +31,4 @@ void to_json(nlohmann::json& j, const AutoDirectList& value);
 // Strict: both keys are required.
 void from_json(const nlohmann::json& j, AutoDirectList& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -22,4 +22,4 @@ void to_json(nlohmann::json& j, const AutoDuckRule& value);
 // A rule without an id gets a fresh upper-case UUID.
 void from_json(const nlohmann::json& j, AutoDuckRule& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -23,4 +23,4 @@ struct BluetoothDeviceMemory {
 void to_json(nlohmann::json& j, const BluetoothDeviceMemory& value);
 void from_json(const nlohmann::json& j, BluetoothDeviceMemory& value);
 
-}  // namespace tonavi
+} // namespace tonavi

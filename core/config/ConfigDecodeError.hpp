@@ -8,8 +8,8 @@
 namespace tonavi {
 
 class ConfigDecodeError : public std::runtime_error {
-public:
+  public:
     explicit ConfigDecodeError(const std::string& what) : std::runtime_error(what) {}
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -8,8 +8,8 @@
 namespace tonavi {
 
 class ConfigEncodeError : public std::runtime_error {
-public:
+  public:
     explicit ConfigEncodeError(const std::string& what) : std::runtime_error(what) {}
 };
 
-}  // namespace tonavi
+} // namespace tonavi

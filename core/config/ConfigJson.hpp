@@ -37,38 +37,49 @@ std::string asString(const json& j);
 std::vector<std::string> asStringArray(const json& j);
 std::map<std::string, double> asDoubleMap(const json& j);
 
-template <class T>
-T as(const json& j) {
-    if constexpr (std::is_same_v<T, bool>) return asBool(j);
-    else if constexpr (std::is_same_v<T, double>) return asDouble(j);
-    else if constexpr (std::is_same_v<T, std::int64_t>) return asInt(j);
-    else if constexpr (std::is_same_v<T, std::string>) return asString(j);
-    else if constexpr (std::is_same_v<T, std::vector<std::string>>) return asStringArray(j);
-    else if constexpr (std::is_same_v<T, std::map<std::string, double>>) return asDoubleMap(j);
-    else if constexpr (std::is_same_v<T, kavore::ChainSettings>) return kavore::chainSettingsFromJSON(j);
-    else if constexpr (std::is_same_v<T, kavore::LevelerSettings>) return kavore::levelerSettingsFromJSON(j);
-    else if constexpr (std::is_same_v<T, kavore::EQPreset>) return kavore::eqPresetFromJSON(j);
-    else if constexpr (std::is_same_v<T, kavore::HeadphoneProfile>) return kavore::headphoneProfileFromJSON(j);
+template <class T> T as(const json& j) {
+    if constexpr (std::is_same_v<T, bool>)
+        return asBool(j);
+    else if constexpr (std::is_same_v<T, double>)
+        return asDouble(j);
+    else if constexpr (std::is_same_v<T, std::int64_t>)
+        return asInt(j);
+    else if constexpr (std::is_same_v<T, std::string>)
+        return asString(j);
+    else if constexpr (std::is_same_v<T, std::vector<std::string>>)
+        return asStringArray(j);
+    else if constexpr (std::is_same_v<T, std::map<std::string, double>>)
+        return asDoubleMap(j);
+    else if constexpr (std::is_same_v<T, kavore::ChainSettings>)
+        return kavore::chainSettingsFromJSON(j);
+    else if constexpr (std::is_same_v<T, kavore::LevelerSettings>)
+        return kavore::levelerSettingsFromJSON(j);
+    else if constexpr (std::is_same_v<T, kavore::EQPreset>)
+        return kavore::eqPresetFromJSON(j);
+    else if constexpr (std::is_same_v<T, kavore::HeadphoneProfile>)
+        return kavore::headphoneProfileFromJSON(j);
     else if constexpr (std::is_same_v<T, kavore::GlobalListeningSettings>)
         return kavore::globalListeningSettingsFromJSON(j);
-    else return j.get<T>();
+    else
+        return j.get<T>();
 }
 
 // Arrays are read whole: any element that fails fails the array.
-template <class T>
-std::vector<T> asArray(const json& j) {
-    if (!j.is_array()) fail("expected an array");
+template <class T> std::vector<T> asArray(const json& j) {
+    if (!j.is_array())
+        fail("expected an array");
     std::vector<T> out;
     out.reserve(j.size());
-    for (const auto& element : j) out.push_back(as<T>(element));
+    for (const auto& element : j)
+        out.push_back(as<T>(element));
     return out;
 }
 
 // A required key: absent or unreadable raises.
-template <class T>
-T readRequired(const json& object, const char* key) {
+template <class T> T readRequired(const json& object, const char* key) {
     const auto it = object.find(key);
-    if (it == object.end()) fail(std::string("missing required key \"") + key + "\"");
+    if (it == object.end())
+        fail(std::string("missing required key \"") + key + "\"");
     try {
         return as<T>(*it);
     } catch (const std::exception& e) {
@@ -77,10 +88,10 @@ T readRequired(const json& object, const char* key) {
 }
 
 // An optional key: `out` keeps its default unless the key reads cleanly. True when it did.
-template <class T>
-bool readOptional(const json& object, const char* key, T& out) {
+template <class T> bool readOptional(const json& object, const char* key, T& out) {
     const auto it = object.find(key);
-    if (it == object.end()) return false;
+    if (it == object.end())
+        return false;
     try {
         out = as<T>(*it);
         return true;
@@ -89,18 +100,18 @@ bool readOptional(const json& object, const char* key, T& out) {
     }
 }
 
-template <class T>
-bool readOptional(const json& object, const char* key, std::optional<T>& out) {
+template <class T> bool readOptional(const json& object, const char* key, std::optional<T>& out) {
     T value{};
-    if (!readOptional(object, key, value)) return false;
+    if (!readOptional(object, key, value))
+        return false;
     out = std::move(value);
     return true;
 }
 
-template <class T>
-bool readOptionalArray(const json& object, const char* key, std::vector<T>& out) {
+template <class T> bool readOptionalArray(const json& object, const char* key, std::vector<T>& out) {
     const auto it = object.find(key);
-    if (it == object.end()) return false;
+    if (it == object.end())
+        return false;
     try {
         out = asArray<T>(*it);
         return true;
@@ -110,8 +121,7 @@ bool readOptionalArray(const json& object, const char* key, std::vector<T>& out)
 }
 
 // An optional key of a strictly read record: absent or null gives nothing, anything else must read.
-template <class T>
-void readStrictOptional(const json& object, const char* key, std::optional<T>& out) {
+template <class T> void readStrictOptional(const json& object, const char* key, std::optional<T>& out) {
     const auto it = object.find(key);
     if (it == object.end() || it->is_null()) {
         out.reset();
@@ -121,17 +131,17 @@ void readStrictOptional(const json& object, const char* key, std::optional<T>& o
 }
 
 // Arrays of records written by the signal-processing library's encoders.
-template <class T>
-json arrayJSON(const std::vector<T>& values) {
+template <class T> json arrayJSON(const std::vector<T>& values) {
     json out = json::array();
-    for (const auto& value : values) out.push_back(kavore::toJSON(value));
+    for (const auto& value : values)
+        out.push_back(kavore::toJSON(value));
     return out;
 }
 
 // Writes an optional field only when it holds a value.
-template <class T>
-void putIfPresent(json& object, const char* key, const std::optional<T>& value) {
-    if (value) object[key] = *value;
+template <class T> void putIfPresent(json& object, const char* key, const std::optional<T>& value) {
+    if (value)
+        object[key] = *value;
 }
 
 // Disk form: pretty printed with sorted keys. Raises ConfigEncodeError for a number that is not
@@ -146,4 +156,4 @@ inline double clamp(double value, double lo, double hi) {
     return capped >= lo ? capped : lo;
 }
 
-}  // namespace tonavi::ConfigJson
+} // namespace tonavi::ConfigJson

@@ -113,8 +113,11 @@ void from_json(const json& j, DeviceSettings& v) {
 // MARK: GlobalLocks
 
 void to_json(json& j, const GlobalLocks& v) {
-    j = json{{"volume", v.volume}, {"balance", v.balance}, {"sampleRate", v.sampleRate},
-             {"source", v.source}, {"mute", v.mute}};
+    j = json{{"volume", v.volume},
+             {"balance", v.balance},
+             {"sampleRate", v.sampleRate},
+             {"source", v.source},
+             {"mute", v.mute}};
 }
 
 void from_json(const json& j, GlobalLocks& v) {
@@ -166,7 +169,8 @@ void from_json(const json& j, WorkspaceLane& v) {
     WorkspaceLane out;
     out.appBundleID = readRequired<std::string>(j, "appBundleID");
     out.deviceUID = readRequired<std::string>(j, "deviceUID");
-    if (!readOptional(j, "id", out.id)) out.id = makeUUID();
+    if (!readOptional(j, "id", out.id))
+        out.id = makeUUID();
     readOptional(j, "locked", out.locked);
     v = std::move(out);
 }
@@ -174,15 +178,17 @@ void from_json(const json& j, WorkspaceLane& v) {
 // MARK: AutoDuckRule
 
 void to_json(json& j, const AutoDuckRule& v) {
-    j = json{{"id", v.id},         {"triggerBundleID", v.triggerBundleID}, {"duckedBundleIDs", v.duckedBundleIDs},
-             {"duckDB", v.duckDB}, {"recoveryMS", v.recoveryMS},           {"enabled", v.enabled}};
+    j = json{
+        {"id", v.id},         {"triggerBundleID", v.triggerBundleID}, {"duckedBundleIDs", v.duckedBundleIDs},
+        {"duckDB", v.duckDB}, {"recoveryMS", v.recoveryMS},           {"enabled", v.enabled}};
 }
 
 void from_json(const json& j, AutoDuckRule& v) {
     requireObject(j, "AutoDuckRule");
     AutoDuckRule out;
     out.triggerBundleID = readRequired<std::string>(j, "triggerBundleID");
-    if (!readOptional(j, "id", out.id)) out.id = makeUUID();
+    if (!readOptional(j, "id", out.id))
+        out.id = makeUUID();
     readOptional(j, "duckedBundleIDs", out.duckedBundleIDs);
     readOptional(j, "duckDB", out.duckDB);
     readOptional(j, "recoveryMS", out.recoveryMS);
@@ -233,7 +239,8 @@ void from_json(const json& j, SmartSettings& v) {
         // Older files stored the background level as a duck in decibels.
         double duckDB = 0.0;
         if (readOptional(j, "followMeDuckDB", duckDB))
-            out.followMeBackgroundPercent = std::min(100.0 * std::pow(10.0, std::min(duckDB, 0.0) / 20.0), 100.0);
+            out.followMeBackgroundPercent =
+                std::min(100.0 * std::pow(10.0, std::min(duckDB, 0.0) / 20.0), 100.0);
     }
     readOptional(j, "loudnessGuard", out.loudnessGuard);
     if (readOptional(j, "loudnessGuardCeilingDBFS", out.loudnessGuardCeilingDBFS)) {
@@ -310,17 +317,21 @@ void from_json(const json& j, OutputGroup& v) {
 
 std::string_view menuBarIconStyleName(MenuBarIconStyle style) {
     switch (style) {
-    case MenuBarIconStyle::systemSpeaker: return "systemSpeaker";
-    case MenuBarIconStyle::tonaviIcon: return "tonaviIcon";
-    case MenuBarIconStyle::matchOutputDevice: return "matchOutputDevice";
+    case MenuBarIconStyle::systemSpeaker:
+        return "systemSpeaker";
+    case MenuBarIconStyle::tonaviIcon:
+        return "tonaviIcon";
+    case MenuBarIconStyle::matchOutputDevice:
+        return "matchOutputDevice";
     }
     return "systemSpeaker";
 }
 
 std::optional<MenuBarIconStyle> menuBarIconStyleFromName(std::string_view name) {
-    for (auto style : {MenuBarIconStyle::systemSpeaker, MenuBarIconStyle::tonaviIcon,
-                       MenuBarIconStyle::matchOutputDevice})
-        if (menuBarIconStyleName(style) == name) return style;
+    for (auto style :
+         {MenuBarIconStyle::systemSpeaker, MenuBarIconStyle::tonaviIcon, MenuBarIconStyle::matchOutputDevice})
+        if (menuBarIconStyleName(style) == name)
+            return style;
     return std::nullopt;
 }
 
@@ -344,7 +355,8 @@ void from_json(const json& j, UIPreferences& v) {
     readOptional(j, "accentHex", out.accentHex);
     std::string style;
     if (readOptional(j, "iconStyle", style))
-        if (auto parsed = menuBarIconStyleFromName(style)) out.iconStyle = *parsed;
+        if (auto parsed = menuBarIconStyleFromName(style))
+            out.iconStyle = *parsed;
     readOptional(j, "windowHeight", out.windowHeight);
     v = std::move(out);
 }
@@ -353,16 +365,20 @@ void from_json(const json& j, UIPreferences& v) {
 
 std::string_view inputMeteringModeName(InputMeteringMode mode) {
     switch (mode) {
-    case InputMeteringMode::passive: return "passive";
-    case InputMeteringMode::active: return "active";
-    case InputMeteringMode::disabled: return "disabled";
+    case InputMeteringMode::passive:
+        return "passive";
+    case InputMeteringMode::active:
+        return "active";
+    case InputMeteringMode::disabled:
+        return "disabled";
     }
     return "passive";
 }
 
 std::optional<InputMeteringMode> inputMeteringModeFromName(std::string_view name) {
     for (auto mode : {InputMeteringMode::passive, InputMeteringMode::active, InputMeteringMode::disabled})
-        if (inputMeteringModeName(mode) == name) return mode;
+        if (inputMeteringModeName(mode) == name)
+            return mode;
     return std::nullopt;
 }
 
@@ -382,10 +398,11 @@ void from_json(const json& j, SystemRowSettings& v) {
     readOptional(j, "soundEffectsFollowsOutput", out.soundEffectsFollowsOutput);
     std::string mode;
     if (readOptional(j, "inputMetering", mode))
-        if (auto parsed = inputMeteringModeFromName(mode)) out.inputMetering = *parsed;
+        if (auto parsed = inputMeteringModeFromName(mode))
+            out.inputMetering = *parsed;
     readOptional(j, "systemChain", out.systemChain);
     readOptional(j, "systemMagicBoost", out.systemMagicBoost);
     v = std::move(out);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -27,4 +27,4 @@ struct DeviceSettings {
 void to_json(nlohmann::json& j, const DeviceSettings& value);
 void from_json(const nlohmann::json& j, DeviceSettings& value);
 
-}  // namespace tonavi
+} // namespace tonavi

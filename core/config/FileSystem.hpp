@@ -12,7 +12,7 @@
 namespace tonavi {
 
 class FileSystem {
-public:
+  public:
     using Path = std::filesystem::path;
 
     virtual ~FileSystem() = default;
@@ -35,4 +35,4 @@ public:
     static std::shared_ptr<FileSystem> real();
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -17,4 +17,4 @@ struct FocusLink {
 void to_json(nlohmann::json& j, const FocusLink& value);
 void from_json(const nlohmann::json& j, FocusLink& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -18,4 +18,4 @@ struct GlobalLocks {
 void to_json(nlohmann::json& j, const GlobalLocks& value);
 void from_json(const nlohmann::json& j, GlobalLocks& value);
 
-}  // namespace tonavi
+} // namespace tonavi

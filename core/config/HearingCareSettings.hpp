@@ -16,4 +16,4 @@ struct HearingCareSettings {
 void to_json(nlohmann::json& j, const HearingCareSettings& value);
 void from_json(const nlohmann::json& j, HearingCareSettings& value);
 
-}  // namespace tonavi
+} // namespace tonavi

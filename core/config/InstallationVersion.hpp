@@ -28,4 +28,4 @@ struct InstallationVersion {
     bool canReplace(const InstallationVersion& other) const;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

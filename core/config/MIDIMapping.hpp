@@ -51,4 +51,4 @@ void to_json(nlohmann::json& j, const MIDIMapping& value);
 // Strict: every key is required; an unknown case name raises ConfigDecodeError.
 void from_json(const nlohmann::json& j, MIDIMapping& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -21,4 +21,4 @@ struct OutputGroup {
 void to_json(nlohmann::json& j, const OutputGroup& value);
 void from_json(const nlohmann::json& j, OutputGroup& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -17,4 +17,4 @@ struct OutputGroupMember {
 void to_json(nlohmann::json& j, const OutputGroupMember& value);
 void from_json(const nlohmann::json& j, OutputGroupMember& value);
 
-}  // namespace tonavi
+} // namespace tonavi

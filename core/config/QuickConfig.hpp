@@ -29,4 +29,4 @@ void to_json(nlohmann::json& j, const QuickConfig& value);
 // Strict: the first five fields are required, and an optional key that is present must read.
 void from_json(const nlohmann::json& j, QuickConfig& value);
 
-}  // namespace tonavi
+} // namespace tonavi

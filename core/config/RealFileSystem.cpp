@@ -16,10 +16,11 @@ namespace {
 }
 
 class FileDescriptor {
-public:
+  public:
     explicit FileDescriptor(int fd) : fd_(fd) {}
     ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ >= 0)
+            ::close(fd_);
     }
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
@@ -31,11 +32,11 @@ public:
         return result;
     }
 
-private:
+  private:
     int fd_;
 };
 
-}  // namespace
+} // namespace
 
 std::shared_ptr<FileSystem> FileSystem::real() {
     static const std::shared_ptr<FileSystem> shared = std::make_shared<RealFileSystem>();
@@ -49,16 +50,19 @@ bool RealFileSystem::exists(const Path& path) {
 
 std::string RealFileSystem::read(const Path& path) {
     FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0) raise(errno, "open", path);
+    if (fd.get() < 0)
+        raise(errno, "open", path);
     std::string out;
     char buffer[65536];
     for (;;) {
         const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             raise(errno, "read", path);
         }
-        if (n == 0) break;
+        if (n == 0)
+            break;
         out.append(buffer, static_cast<std::size_t>(n));
     }
     return out;
@@ -67,7 +71,8 @@ std::string RealFileSystem::read(const Path& path) {
 void RealFileSystem::writeAtomically(const Path& path, std::string_view bytes) {
     std::string temporary = path.string() + ".XXXXXX";
     FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
-    if (fd.get() < 0) raise(errno, "create temporary for", path);
+    if (fd.get() < 0)
+        raise(errno, "create temporary for", path);
     auto fail = [&](int error, const char* operation) {
         ::unlink(temporary.c_str());
         raise(error, operation, path);
@@ -76,44 +81,56 @@ void RealFileSystem::writeAtomically(const Path& path, std::string_view bytes) {
     while (written < bytes.size()) {
         const ssize_t n = ::write(fd.get(), bytes.data() + written, bytes.size() - written);
         if (n < 0) {
-            if (errno == EINTR) continue;
+            if (errno == EINTR)
+                continue;
             fail(errno, "write");
         }
         written += static_cast<std::size_t>(n);
     }
     // Other processes (the user interface) read these files; a private 0600 temporary would pass its
     // mode on to the result.
-    if (::fchmod(fd.get(), 0644) != 0) fail(errno, "chmod");
+    if (::fchmod(fd.get(), 0644) != 0)
+        fail(errno, "chmod");
     // The data must be on disk before the rename makes it the file, or a power loss could leave an
     // empty file under the final name.
-    if (durable_ && ::fdatasync(fd.get()) != 0) fail(errno, "sync");
-    if (fd.close() != 0) fail(errno, "close");
-    if (::rename(temporary.c_str(), path.c_str()) != 0) fail(errno, "rename");
+    if (durable_ && ::fdatasync(fd.get()) != 0)
+        fail(errno, "sync");
+    if (fd.close() != 0)
+        fail(errno, "close");
+    if (::rename(temporary.c_str(), path.c_str()) != 0)
+        fail(errno, "rename");
 }
 
 void RealFileSystem::move(const Path& from, const Path& to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
-    if (errno != EINVAL && errno != ENOSYS) raise(errno, "move " + from.string() + " to", to);
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0)
+        return;
+    if (errno != EINVAL && errno != ENOSYS)
+        raise(errno, "move " + from.string() + " to", to);
     // File systems without RENAME_NOREPLACE: a hard link fails on an existing name just the same.
-    if (::link(from.c_str(), to.c_str()) != 0) raise(errno, "move " + from.string() + " to", to);
+    if (::link(from.c_str(), to.c_str()) != 0)
+        raise(errno, "move " + from.string() + " to", to);
     ::unlink(from.c_str());
 }
 
 void RealFileSystem::replace(const Path& target, const Path& with) {
-    if (::rename(with.c_str(), target.c_str()) != 0) raise(errno, "replace " + target.string() + " with", with);
+    if (::rename(with.c_str(), target.c_str()) != 0)
+        raise(errno, "replace " + target.string() + " with", with);
 }
 
 void RealFileSystem::remove(const Path& path) {
-    if (::unlink(path.c_str()) != 0) raise(errno, "remove", path);
+    if (::unlink(path.c_str()) != 0)
+        raise(errno, "remove", path);
 }
 
 std::vector<FileSystem::Path> RealFileSystem::list(const Path& directory) {
     std::error_code error;
     std::vector<Path> out;
     std::filesystem::directory_iterator it(directory, error);
-    if (error) raise(error.value(), "list", directory);
+    if (error)
+        raise(error.value(), "list", directory);
     for (; it != std::filesystem::directory_iterator(); it.increment(error)) {
-        if (error) raise(error.value(), "list", directory);
+        if (error)
+            raise(error.value(), "list", directory);
         out.push_back(it->path());
     }
     return out;
@@ -122,7 +139,8 @@ std::vector<FileSystem::Path> RealFileSystem::list(const Path& directory) {
 void RealFileSystem::createDirectories(const Path& path) {
     std::error_code error;
     std::filesystem::create_directories(path, error);
-    if (error) raise(error.value(), "create", path);
+    if (error)
+        raise(error.value(), "create", path);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

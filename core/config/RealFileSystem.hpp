@@ -6,7 +6,7 @@
 namespace tonavi {
 
 class RealFileSystem final : public FileSystem {
-public:
+  public:
     // durable: flush each atomic write to the disk before it takes the final name, so that a power
     // loss never leaves an empty file behind. Tests that write thousands of files turn it off; a
     // killed process loses nothing either way.
@@ -21,8 +21,8 @@ public:
     std::vector<Path> list(const Path& directory) override;
     void createDirectories(const Path& path) override;
 
-private:
+  private:
     bool durable_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

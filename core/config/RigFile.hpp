@@ -26,4 +26,4 @@ void to_json(nlohmann::json& j, const RigFile& value);
 // Strict: `formatVersion` is required; a `tonavi` or `kavore` key that is present must read.
 void from_json(const nlohmann::json& j, RigFile& value);
 
-}  // namespace tonavi
+} // namespace tonavi

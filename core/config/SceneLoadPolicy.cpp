@@ -8,17 +8,18 @@ namespace tonavi::SceneLoadPolicy {
 namespace {
 
 // The scene's entries in their order, then the base's entries whose id the scene does not have.
-template <class T>
-std::vector<T> sceneThenRest(const std::vector<T>& scene, const std::vector<T>& onto) {
+template <class T> std::vector<T> sceneThenRest(const std::vector<T>& scene, const std::vector<T>& onto) {
     std::set<std::string> ids;
-    for (const auto& entry : scene) ids.insert(entry.id);
+    for (const auto& entry : scene)
+        ids.insert(entry.id);
     std::vector<T> out = scene;
     for (const auto& entry : onto)
-        if (!ids.count(entry.id)) out.push_back(entry);
+        if (!ids.count(entry.id))
+            out.push_back(entry);
     return out;
 }
 
-}  // namespace
+} // namespace
 
 TonaviConfig merge(const TonaviConfig& scene, const TonaviConfig& onto) {
     TonaviConfig out = onto;
@@ -36,4 +37,4 @@ TonaviConfig merge(const TonaviConfig& scene, const TonaviConfig& onto) {
     return out;
 }
 
-}  // namespace tonavi::SceneLoadPolicy
+} // namespace tonavi::SceneLoadPolicy

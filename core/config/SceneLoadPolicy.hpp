@@ -9,4 +9,4 @@ namespace tonavi::SceneLoadPolicy {
 
 TonaviConfig merge(const TonaviConfig& scene, const TonaviConfig& onto);
 
-}  // namespace tonavi::SceneLoadPolicy
+} // namespace tonavi::SceneLoadPolicy

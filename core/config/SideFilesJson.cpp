@@ -16,8 +16,10 @@ using namespace ConfigJson;
 void to_json(json& j, const RigFile& v) {
     j = json::object();
     j["formatVersion"] = v.formatVersion;
-    if (v.tonavi) j["tonavi"] = *v.tonavi;
-    if (v.kavore) j["kavore"] = json::parse(*v.kavore);
+    if (v.tonavi)
+        j["tonavi"] = *v.tonavi;
+    if (v.kavore)
+        j["kavore"] = json::parse(*v.kavore);
 }
 
 void from_json(const json& j, RigFile& v) {
@@ -26,7 +28,8 @@ void from_json(const json& j, RigFile& v) {
     out.formatVersion = readRequired<std::int64_t>(j, "formatVersion");
     readStrictOptional(j, "tonavi", out.tonavi);
     const auto kavore = j.find("kavore");
-    if (kavore != j.end() && !kavore->is_null()) out.kavore = kavore->dump();
+    if (kavore != j.end() && !kavore->is_null())
+        out.kavore = kavore->dump();
     v = std::move(out);
 }
 
@@ -81,7 +84,9 @@ void from_json(const json& j, AutoDirectList& v) {
 namespace {
 
 struct TargetEncoder {
-    json operator()(const MIDIMapping::AppVolume& t) const { return {{"appVolume", {{"bundleID", t.bundleID}}}}; }
+    json operator()(const MIDIMapping::AppVolume& t) const {
+        return {{"appVolume", {{"bundleID", t.bundleID}}}};
+    }
     json operator()(const MIDIMapping::AppMute& t) const { return {{"appMute", {{"bundleID", t.bundleID}}}}; }
     json operator()(const MIDIMapping::DeviceVolume& t) const { return {{"deviceVolume", {{"uid", t.uid}}}}; }
     json operator()(const MIDIMapping::ConfigLoad& t) const { return {{"configLoad", {{"name", t.name}}}}; }
@@ -91,24 +96,34 @@ struct TargetEncoder {
 
 MIDIMapping::Target readTarget(const json& j) {
     requireObject(j, "MIDIMapping.Target");
-    if (j.size() != 1) fail("MIDIMapping.Target: expected exactly one case");
+    if (j.size() != 1)
+        fail("MIDIMapping.Target: expected exactly one case");
     const auto item = j.items().begin();
     const std::string name = item.key();
     const json& payload = item.value();
     requireObject(payload, "MIDIMapping.Target payload");
-    if (name == "appVolume") return MIDIMapping::AppVolume{readRequired<std::string>(payload, "bundleID")};
-    if (name == "appMute") return MIDIMapping::AppMute{readRequired<std::string>(payload, "bundleID")};
-    if (name == "deviceVolume") return MIDIMapping::DeviceVolume{readRequired<std::string>(payload, "uid")};
-    if (name == "configLoad") return MIDIMapping::ConfigLoad{readRequired<std::string>(payload, "name")};
-    if (name == "stageMode") return MIDIMapping::StageMode{};
-    if (name == "outputVolume") return MIDIMapping::OutputVolume{};
+    if (name == "appVolume")
+        return MIDIMapping::AppVolume{readRequired<std::string>(payload, "bundleID")};
+    if (name == "appMute")
+        return MIDIMapping::AppMute{readRequired<std::string>(payload, "bundleID")};
+    if (name == "deviceVolume")
+        return MIDIMapping::DeviceVolume{readRequired<std::string>(payload, "uid")};
+    if (name == "configLoad")
+        return MIDIMapping::ConfigLoad{readRequired<std::string>(payload, "name")};
+    if (name == "stageMode")
+        return MIDIMapping::StageMode{};
+    if (name == "outputVolume")
+        return MIDIMapping::OutputVolume{};
     fail("MIDIMapping.Target: unknown case \"" + name + "\"");
 }
 
-}  // namespace
+} // namespace
 
 void to_json(json& j, const MIDIMapping& v) {
-    j = json{{"id", v.id}, {"channel", v.channel}, {"cc", v.cc}, {"target", std::visit(TargetEncoder{}, v.target)}};
+    j = json{{"id", v.id},
+             {"channel", v.channel},
+             {"cc", v.cc},
+             {"target", std::visit(TargetEncoder{}, v.target)}};
 }
 
 void from_json(const json& j, MIDIMapping& v) {
@@ -118,9 +133,10 @@ void from_json(const json& j, MIDIMapping& v) {
     out.channel = readRequired<std::int64_t>(j, "channel");
     out.cc = readRequired<std::int64_t>(j, "cc");
     const auto target = j.find("target");
-    if (target == j.end()) fail("MIDIMapping: missing required key \"target\"");
+    if (target == j.end())
+        fail("MIDIMapping: missing required key \"target\"");
     out.target = readTarget(*target);
     v = std::move(out);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -30,4 +30,4 @@ void to_json(nlohmann::json& j, const SmartSettings& value);
 // Also absorbs the older keys "followMeDuckDB" and "loudnessGuardCapPercent".
 void from_json(const nlohmann::json& j, SmartSettings& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -9,7 +9,8 @@ namespace tonavi {
 
 StateFileLock::StateFileLock(const std::filesystem::path& path) {
     fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd_ < 0) return;
+    if (fd_ < 0)
+        return;
     int result;
     do {
         result = ::flock(fd_, LOCK_EX);
@@ -17,9 +18,10 @@ StateFileLock::StateFileLock(const std::filesystem::path& path) {
 }
 
 StateFileLock::~StateFileLock() {
-    if (fd_ < 0) return;
+    if (fd_ < 0)
+        return;
     ::flock(fd_, LOCK_UN);
     ::close(fd_);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

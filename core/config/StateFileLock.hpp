@@ -7,7 +7,7 @@
 namespace tonavi {
 
 class StateFileLock {
-public:
+  public:
     explicit StateFileLock(const std::filesystem::path& path);
     ~StateFileLock();
     StateFileLock(const StateFileLock&) = delete;
@@ -15,8 +15,8 @@ public:
 
     bool isHeld() const { return fd_ >= 0; }
 
-private:
+  private:
     int fd_ = -1;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -31,4 +31,4 @@ struct SystemRowSettings {
 void to_json(nlohmann::json& j, const SystemRowSettings& value);
 void from_json(const nlohmann::json& j, SystemRowSettings& value);
 
-}  // namespace tonavi
+} // namespace tonavi

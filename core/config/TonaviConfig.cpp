@@ -10,8 +10,10 @@ namespace tonavi {
 
 TonaviConfig TonaviConfig::firstRunDefaults() {
     static const std::pair<const char*, const char*> favourites[] = {
-        {"com.anthropic.claudefordesktop", "Claude"}, {"com.openai.chat", "ChatGPT"},
-        {"com.google.Chrome", "Chrome"},              {"com.apple.Safari", "Safari"},
+        {"com.anthropic.claudefordesktop", "Claude"},
+        {"com.openai.chat", "ChatGPT"},
+        {"com.google.Chrome", "Chrome"},
+        {"com.apple.Safari", "Safari"},
         {"org.musescore.MuseScore", "MuseScore"},
     };
     TonaviConfig config;
@@ -28,7 +30,8 @@ TonaviConfig TonaviConfig::firstRunDefaults() {
 }
 
 const AppAudioState* TonaviConfig::app(std::string_view id) const {
-    const auto it = std::find_if(apps.begin(), apps.end(), [&](const AppAudioState& a) { return a.id == id; });
+    const auto it =
+        std::find_if(apps.begin(), apps.end(), [&](const AppAudioState& a) { return a.id == id; });
     return it == apps.end() ? nullptr : &*it;
 }
 
@@ -37,8 +40,10 @@ AppAudioState* TonaviConfig::app(std::string_view id) {
 }
 
 void TonaviConfig::upsertApp(const AppAudioState& state) {
-    if (AppAudioState* existing = app(state.id)) *existing = state;
-    else apps.push_back(state);
+    if (AppAudioState* existing = app(state.id))
+        *existing = state;
+    else
+        apps.push_back(state);
 }
 
 bool TonaviConfig::rememberAudibleApps(const std::vector<std::string>& ids) {
@@ -46,8 +51,10 @@ bool TonaviConfig::rememberAudibleApps(const std::vector<std::string>& ids) {
     // Compare sets, not arrays: an unsorted stored array with nothing new stays as it is.
     const std::size_t before = known.size();
     for (const auto& id : ids)
-        if (!id.empty()) known.insert(id);
-    if (known.size() == before) return false;
+        if (!id.empty())
+            known.insert(id);
+    if (known.size() == before)
+        return false;
     historicallyAudibleAppIDs.assign(known.begin(), known.end());
     return true;
 }
@@ -66,36 +73,43 @@ void TonaviConfig::setAppVisible(const std::string& id, bool visible) {
     manuallyVisibleAppIDs.assign(shown.begin(), shown.end());
 }
 
-bool TonaviConfig::appendUnrankedMixerApps(const std::vector<std::pair<std::string, std::string>>& mixerApps) {
+bool TonaviConfig::appendUnrankedMixerApps(
+    const std::vector<std::pair<std::string, std::string>>& mixerApps) {
     const std::set<std::string> hidden(hiddenAppIDs.begin(), hiddenAppIDs.end());
     std::map<std::string, std::string> names;
     for (const auto& [id, name] : mixerApps) {
-        if (id.empty() || hidden.count(id)) continue;
+        if (id.empty() || hidden.count(id))
+            continue;
         names[id] = name;
     }
     std::vector<std::pair<std::string, std::string>> unranked;
     for (const auto& [id, name] : names) {
         const AppAudioState* existing = app(id);
-        if (!existing || !existing->displayRank) unranked.emplace_back(id, name);
+        if (!existing || !existing->displayRank)
+            unranked.emplace_back(id, name);
     }
-    if (unranked.empty()) return false;
+    if (unranked.empty())
+        return false;
     std::sort(unranked.begin(), unranked.end(), [](const auto& a, const auto& b) {
         const int byName = localizedCaseInsensitiveCompare(a.second, b.second);
-        if (byName != 0) return byName < 0;
+        if (byName != 0)
+            return byName < 0;
         return a.first < b.first;
     });
 
     std::int64_t next = 0;
     bool anyRanked = false;
     for (const auto& state : apps) {
-        if (!state.displayRank) continue;
+        if (!state.displayRank)
+            continue;
         next = anyRanked ? std::max(next, *state.displayRank + 1) : *state.displayRank + 1;
         anyRanked = true;
     }
     for (const auto& [id, name] : unranked) {
         if (AppAudioState* existing = app(id)) {
             existing->displayRank = next;
-            if (existing->displayName.empty()) existing->displayName = name;
+            if (existing->displayName.empty())
+                existing->displayName = name;
         } else {
             AppAudioState state(id);
             state.displayName = name;
@@ -122,7 +136,11 @@ std::wstring widen(std::string_view text) {
     std::size_t i = 0;
     while (i < text.size()) {
         const auto lead = static_cast<unsigned char>(text[i]);
-        int length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
+        int length = lead < 0x80           ? 1
+                     : (lead >> 5) == 0x6  ? 2
+                     : (lead >> 4) == 0xE  ? 3
+                     : (lead >> 3) == 0x1E ? 4
+                                           : 0;
         char32_t cp = 0;
         bool ok = length > 0 && i + static_cast<std::size_t>(length) <= text.size();
         if (ok) {
@@ -157,7 +175,7 @@ const std::locale& userLocale() {
     return locale;
 }
 
-}  // namespace
+} // namespace
 
 int localizedCaseInsensitiveCompare(std::string_view a, std::string_view b) {
     const std::locale& locale = userLocale();
@@ -168,9 +186,10 @@ int localizedCaseInsensitiveCompare(std::string_view a, std::string_view b) {
     ctype.tolower(wb.data(), wb.data() + wb.size());
     const auto& collate = std::use_facet<std::collate<wchar_t>>(locale);
     const int byLocale = collate.compare(wa.data(), wa.data() + wa.size(), wb.data(), wb.data() + wb.size());
-    if (byLocale != 0) return byLocale;
+    if (byLocale != 0)
+        return byLocale;
     // Collation may call different texts equal; fall back to code points so the order is total.
     return wa.compare(wb) < 0 ? -1 : wa.compare(wb) > 0 ? 1 : 0;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -89,4 +89,4 @@ TonaviConfig decodeTonaviConfig(std::string_view bytes);
 // Locale-aware, case-insensitive order of display names: negative, zero or positive.
 int localizedCaseInsensitiveCompare(std::string_view a, std::string_view b);
 
-}  // namespace tonavi
+} // namespace tonavi

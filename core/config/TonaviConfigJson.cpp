@@ -1,7 +1,7 @@
 // Codec of the root configuration record.
 
-#include "core/config/ConfigJson.hpp"
 #include "core/config/ConfigEncodeError.hpp"
+#include "core/config/ConfigJson.hpp"
 #include "core/config/TonaviConfig.hpp"
 
 namespace tonavi {
@@ -85,4 +85,4 @@ TonaviConfig decodeTonaviConfig(std::string_view bytes) {
     return config;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

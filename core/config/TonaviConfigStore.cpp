@@ -31,14 +31,20 @@ bool isValidUTF8(std::string_view text) {
         }
         std::size_t length;
         std::uint32_t cp;
-        if (c >= 0xC2 && c <= 0xDF) length = 2, cp = c & 0x1F;
-        else if (c >= 0xE0 && c <= 0xEF) length = 3, cp = c & 0x0F;
-        else if (c >= 0xF0 && c <= 0xF4) length = 4, cp = c & 0x07;
-        else return false;
-        if (i + length > n) return false;
+        if (c >= 0xC2 && c <= 0xDF)
+            length = 2, cp = c & 0x1F;
+        else if (c >= 0xE0 && c <= 0xEF)
+            length = 3, cp = c & 0x0F;
+        else if (c >= 0xF0 && c <= 0xF4)
+            length = 4, cp = c & 0x07;
+        else
+            return false;
+        if (i + length > n)
+            return false;
         for (std::size_t k = 1; k < length; ++k) {
             const auto cc = static_cast<unsigned char>(text[i + k]);
-            if ((cc & 0xC0) != 0x80) return false;
+            if ((cc & 0xC0) != 0x80)
+                return false;
             cp = (cp << 6) | (cc & 0x3F);
         }
         if ((length == 3 && (cp < 0x800 || (cp >= 0xD800 && cp <= 0xDFFF))) ||
@@ -52,8 +58,10 @@ bool isValidUTF8(std::string_view text) {
 // The value that follows a key, by the salvage rules; nothing when the text ends first.
 std::optional<std::string_view> salvageValueText(std::string_view text, std::size_t from) {
     std::size_t i = from;
-    while (i < text.size() && (text[i] == '\n' || text[i] == ' ' || text[i] == ':')) ++i;
-    if (i >= text.size()) return std::nullopt;
+    while (i < text.size() && (text[i] == '\n' || text[i] == ' ' || text[i] == ':'))
+        ++i;
+    if (i >= text.size())
+        return std::nullopt;
     const std::size_t start = i;
     if (text[i] == '{' || text[i] == '[') {
         int depth = 0;
@@ -61,25 +69,30 @@ std::optional<std::string_view> salvageValueText(std::string_view text, std::siz
         for (; i < text.size(); ++i) {
             const char c = text[i];
             if (inString) {
-                if (c == '\\') ++i;
-                else if (c == '"') inString = false;
+                if (c == '\\')
+                    ++i;
+                else if (c == '"')
+                    inString = false;
                 continue;
             }
-            if (c == '"') inString = true;
-            else if (c == '[' || c == '{') ++depth;
+            if (c == '"')
+                inString = true;
+            else if (c == '[' || c == '{')
+                ++depth;
             else if (c == ']' || c == '}') {
-                if (--depth == 0) return text.substr(start, i + 1 - start);
+                if (--depth == 0)
+                    return text.substr(start, i + 1 - start);
             }
         }
         return std::nullopt;
     }
     const std::size_t end = text.find_first_of("\n,}", i);
-    if (end == std::string_view::npos) return std::nullopt;
+    if (end == std::string_view::npos)
+        return std::nullopt;
     return text.substr(start, end - start);
 }
 
-template <class T>
-std::string encodeForDisk(const T& value) {
+template <class T> std::string encodeForDisk(const T& value) {
     json j;
     try {
         j = value;
@@ -89,8 +102,7 @@ std::string encodeForDisk(const T& value) {
     return ConfigJson::dumpForDisk(j);
 }
 
-template <class T>
-T decodeStrictly(std::string_view bytes) {
+template <class T> T decodeStrictly(std::string_view bytes) {
     const json j = ConfigJson::parseBytes(bytes);
     try {
         return j.get<T>();
@@ -101,7 +113,7 @@ T decodeStrictly(std::string_view bytes) {
     }
 }
 
-}  // namespace
+} // namespace
 
 TonaviConfigStore::TonaviConfigStore(Path baseDir, std::shared_ptr<FileSystem> fileSystem)
     : baseDir_(std::move(baseDir)), fs_(std::move(fileSystem)), clock_(systemSeconds) {
@@ -121,6 +133,10 @@ TonaviConfigStore::Path TonaviConfigStore::defaultBase() {
 // MARK: Save and load
 
 void TonaviConfigStore::save(const TonaviConfig& config) const {
+    saveReplacing(config, nullptr);
+}
+
+void TonaviConfigStore::saveReplacing(const TonaviConfig& config, const std::string* verifiedCurrent) const {
     const std::string bytes = encodeTonaviConfig(config);
     const Path temporary = temporaryURL();
     const Path stagedPrevious = stagedPreviousURL();
@@ -145,16 +161,21 @@ void TonaviConfigStore::save(const TonaviConfig& config) const {
         // never displace a good previous file. The copy is staged and takes its name only after the
         // replacement, so a save that fails leaves the previous file as it was.
         try {
-            const std::string current = fs_->read(target);
-            (void)decodeTonaviConfig(current);
-            fs_->writeAtomically(stagedPrevious, current);
+            if (verifiedCurrent) {
+                fs_->writeAtomically(stagedPrevious, *verifiedCurrent);
+            } else {
+                const std::string current = fs_->read(target);
+                (void)decodeTonaviConfig(current);
+                fs_->writeAtomically(stagedPrevious, current);
+            }
             previousStaged = true;
         } catch (const std::exception&) {
         }
         fs_->replace(target, temporary);
     } catch (...) {
         removeQuietly(temporary);
-        if (previousStaged) removeQuietly(stagedPrevious);
+        if (previousStaged)
+            removeQuietly(stagedPrevious);
         throw;
     }
     if (previousStaged) {
@@ -195,7 +216,8 @@ TonaviConfig TonaviConfigStore::load() const {
     return recover(bytes, backup);
 }
 
-TonaviConfig TonaviConfigStore::recover(const std::optional<std::string>& damagedBytes, const Path& backupURL) const {
+TonaviConfig TonaviConfigStore::recover(const std::optional<std::string>& damagedBytes,
+                                        const Path& backupURL) const {
     std::vector<std::string> kept;
     TonaviConfig working;
     bool fromPrevious = false;
@@ -211,14 +233,17 @@ TonaviConfig TonaviConfigStore::recover(const std::optional<std::string>& damage
         std::optional<json> mined;
         try {
             json whole = json::parse(*damagedBytes);
-            if (whole.is_object()) mined = std::move(whole);
+            if (whole.is_object())
+                mined = std::move(whole);
         } catch (const std::exception&) {
         }
-        if (!mined) mined = salvageTopLevel(*damagedBytes);
+        if (!mined)
+            mined = salvageTopLevel(*damagedBytes);
         if (mined) {
             const auto minedField = [&](const char* key, auto& field) {
                 const auto it = mined->find(key);
-                if (it == mined->end()) return false;
+                if (it == mined->end())
+                    return false;
                 try {
                     field = ConfigJson::asArray<typename std::decay_t<decltype(field)>::value_type>(*it);
                     return true;
@@ -226,7 +251,8 @@ TonaviConfig TonaviConfigStore::recover(const std::optional<std::string>& damage
                     return false;
                 }
             };
-            if (minedField("apps", working.apps)) kept.emplace_back("your apps");
+            if (minedField("apps", working.apps))
+                kept.emplace_back("your apps");
             minedField("devices", working.devices);
             minedField("groups", working.groups);
         }
@@ -237,11 +263,12 @@ TonaviConfig TonaviConfigStore::recover(const std::optional<std::string>& damage
         detail = "Nothing in it could be read";
     } else {
         detail = "Kept: ";
-        for (std::size_t i = 0; i < kept.size(); ++i) detail += (i ? ", " : "") + kept[i];
+        for (std::size_t i = 0; i < kept.size(); ++i)
+            detail += (i ? ", " : "") + kept[i];
     }
     const std::string notice = "Tonavi's settings file was damaged, so it was set aside as " +
-                               backupURL.filename().string() + " " + "in Application Support/Tonavi. " + detail +
-                               ".";
+                               backupURL.filename().string() + " " + "in Application Support/Tonavi. " +
+                               detail + ".";
     try {
         fs_->writeAtomically(recoveryNoticeURL(), notice);
     } catch (const std::exception&) {
@@ -254,20 +281,24 @@ TonaviConfig TonaviConfigStore::recover(const std::optional<std::string>& damage
 }
 
 std::optional<json> TonaviConfigStore::salvageTopLevel(std::string_view bytes) {
-    if (!isValidUTF8(bytes)) return std::nullopt;
+    if (!isValidUTF8(bytes))
+        return std::nullopt;
     json result = json::object();
     for (const char* key : {"apps", "devices", "groups"}) {
         const std::string quoted = std::string("\"") + key + "\"";
         const std::size_t at = bytes.find(quoted);
-        if (at == std::string_view::npos) continue;
+        if (at == std::string_view::npos)
+            continue;
         const auto valueText = salvageValueText(bytes, at + quoted.size());
-        if (!valueText) continue;
+        if (!valueText)
+            continue;
         try {
             result[key] = json::parse(valueText->begin(), valueText->end());
         } catch (const json::exception&) {
         }
     }
-    if (result.empty()) return std::nullopt;
+    if (result.empty())
+        return std::nullopt;
     return result;
 }
 
@@ -278,7 +309,8 @@ std::optional<std::string> TonaviConfigStore::takeRecoveryNotice() const {
     } catch (const std::exception&) {
         return std::nullopt;
     }
-    if (!isValidUTF8(text)) return std::nullopt;
+    if (!isValidUTF8(text))
+        return std::nullopt;
     try {
         fs_->remove(recoveryNoticeURL());
     } catch (const std::exception&) {
@@ -290,9 +322,11 @@ void TonaviConfigStore::saveKeepingAppOwnedSettings(const TonaviConfig& config) 
     withExclusiveAccess([&] {
         TonaviConfig toSave = config;
         std::optional<TonaviConfig> onDisk;
+        std::string onDiskBytes;
         if (fs_->exists(configURL())) {
             try {
-                onDisk = decodeTonaviConfig(fs_->read(configURL()));
+                onDiskBytes = fs_->read(configURL());
+                onDisk = decodeTonaviConfig(onDiskBytes);
             } catch (const std::exception&) {
                 // A damaged file goes through load, which sets it aside (it is never deleted) and
                 // leaves the notice. Its recovered settings are not the user's latest, so the ones
@@ -303,8 +337,11 @@ void TonaviConfigStore::saveKeepingAppOwnedSettings(const TonaviConfig& config) 
                 }
             }
         }
-        if (onDisk) toSave.adoptAppOwnedSettings(*onDisk);
-        save(toSave);
+        if (onDisk)
+            toSave.adoptAppOwnedSettings(*onDisk);
+        // Under the lock the file is still the one just read and decoded, so the backup need not
+        // read and decode it again.
+        saveReplacing(toSave, onDisk ? &onDiskBytes : nullptr);
     });
 }
 
@@ -333,25 +370,30 @@ std::vector<TonaviConfigStore::QuickConfig> TonaviConfigStore::listQuickConfigs(
         return out;
     }
     for (const auto& entry : entries) {
-        if (entry.extension() != ".tonavirig") continue;
+        if (entry.extension() != ".tonavirig")
+            continue;
         try {
             out.push_back(decodeStrictly<QuickConfig>(fs_->read(entry)));
         } catch (const std::exception&) {
             // A damaged quick config stays invisible in lists.
         }
     }
-    std::stable_sort(out.begin(), out.end(), [](const QuickConfig& a, const QuickConfig& b) { return a.name < b.name; });
+    std::stable_sort(out.begin(), out.end(),
+                     [](const QuickConfig& a, const QuickConfig& b) { return a.name < b.name; });
     return out;
 }
 
-void TonaviConfigStore::deleteQuickConfig(std::string_view name) const { fs_->remove(configFileURL(name)); }
+void TonaviConfigStore::deleteQuickConfig(std::string_view name) const {
+    fs_->remove(configFileURL(name));
+}
 
 // MARK: Auto-direct list and MIDI mappings
 
 AutoDirectList TonaviConfigStore::loadAutoDirectList() const {
     const AutoDirectList bundled = AutoDirectList::bundled();
     try {
-        if (decodeStrictly<AutoDirectList>(fs_->read(autoDirectURL())) == bundled) return bundled;
+        if (decodeStrictly<AutoDirectList>(fs_->read(autoDirectURL())) == bundled)
+            return bundled;
     } catch (const std::exception&) {
     }
     try {
@@ -366,7 +408,8 @@ void TonaviConfigStore::saveAutoDirectList(const AutoDirectList& list) const {
 }
 
 std::vector<MIDIMapping> TonaviConfigStore::loadMIDIMappings() const {
-    if (!fs_->exists(midiMappingsURL())) return {};
+    if (!fs_->exists(midiMappingsURL()))
+        return {};
     return decodeStrictly<std::vector<MIDIMapping>>(fs_->read(midiMappingsURL()));
 }
 
@@ -374,4 +417,4 @@ void TonaviConfigStore::saveMIDIMappings(const std::vector<MIDIMapping>& mapping
     fs_->writeAtomically(midiMappingsURL(), encodeForDisk(mappings));
 }
 
-}  // namespace tonavi
+} // namespace tonavi

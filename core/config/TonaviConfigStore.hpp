@@ -27,7 +27,7 @@
 namespace tonavi {
 
 class TonaviConfigStore {
-public:
+  public:
     using Path = std::filesystem::path;
     using QuickConfig = tonavi::QuickConfig;
 
@@ -60,8 +60,7 @@ public:
 
     // Runs body under an exclusive flock on "state.lock" and returns or raises what it does. When the
     // lock file cannot be opened, body runs anyway.
-    template <class Body>
-    auto withExclusiveAccess(Body&& body) const -> decltype(body()) {
+    template <class Body> auto withExclusiveAccess(Body&& body) const -> decltype(body()) {
         const StateFileLock lock(lockURL());
         return body();
     }
@@ -95,7 +94,9 @@ public:
     // Seconds since 1970 used to name set-aside files.
     void setClockForTesting(std::function<double()> clock) { clock_ = std::move(clock); }
 
-private:
+  private:
+    // save, with the current file's bytes when the caller has already read and decoded them.
+    void saveReplacing(const TonaviConfig& config, const std::string* verifiedCurrent) const;
     TonaviConfig recover(const std::optional<std::string>& damagedBytes, const Path& backupURL) const;
 
     Path baseDir_;
@@ -103,4 +104,4 @@ private:
     std::function<double()> clock_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -30,4 +30,4 @@ struct UIPreferences {
 void to_json(nlohmann::json& j, const UIPreferences& value);
 void from_json(const nlohmann::json& j, UIPreferences& value);
 
-}  // namespace tonavi
+} // namespace tonavi

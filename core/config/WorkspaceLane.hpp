@@ -19,4 +19,4 @@ void to_json(nlohmann::json& j, const WorkspaceLane& value);
 // A lane without an id gets a fresh upper-case UUID.
 void from_json(const nlohmann::json& j, WorkspaceLane& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -21,41 +21,53 @@ int iterations(int byDefault) {
 // Inputs near valid files find far more paths than uniform noise: start from a real configuration
 // and cut, flip, duplicate and splice.
 class InputGenerator {
-public:
+  public:
     explicit InputGenerator(unsigned seed) : random_(seed) {
-        seeds_ = {encodeTonaviConfig(testing::sampleConfig(0)), encodeTonaviConfig(TonaviConfig::firstRunDefaults()),
-                  R"({"apps": [{"id": "a\"]}", "volume": "x"}], "devices": [], "groups": [{"id": "g"}]})", "{}"};
+        seeds_ = {encodeTonaviConfig(testing::sampleConfig(0)),
+                  encodeTonaviConfig(TonaviConfig::firstRunDefaults()),
+                  R"({"apps": [{"id": "a\"]}", "volume": "x"}], "devices": [], "groups": [{"id": "g"}]})",
+                  "{}"};
     }
 
     std::string next() {
         std::string input;
         switch (random_() % 4) {
-        case 0: {  // noise over a small alphabet of structural characters
+        case 0: { // noise over a small alphabet of structural characters
             static const char alphabet[] = "{}[]\":,\\ \n\rtrue0123456789.-eapsdvigrou";
             input.resize(random_() % 200);
-            for (char& c : input) c = alphabet[random_() % (sizeof alphabet - 1)];
+            for (char& c : input)
+                c = alphabet[random_() % (sizeof alphabet - 1)];
             break;
         }
-        case 1:  // raw bytes
+        case 1: // raw bytes
             input.resize(random_() % 100);
-            for (char& c : input) c = static_cast<char>(random_() % 256);
+            for (char& c : input)
+                c = static_cast<char>(random_() % 256);
             break;
         default:
             input = seeds_[random_() % seeds_.size()];
             for (int edits = 1 + static_cast<int>(random_() % 4); edits > 0 && !input.empty(); --edits) {
                 const std::size_t at = random_() % input.size();
                 switch (random_() % 4) {
-                case 0: input.resize(at); break;
-                case 1: input[at] = static_cast<char>(random_() % 256); break;
-                case 2: input.erase(at, random_() % 16); break;
-                default: input.insert(at, input.substr(random_() % input.size(), random_() % 32)); break;
+                case 0:
+                    input.resize(at);
+                    break;
+                case 1:
+                    input[at] = static_cast<char>(random_() % 256);
+                    break;
+                case 2:
+                    input.erase(at, random_() % 16);
+                    break;
+                default:
+                    input.insert(at, input.substr(random_() % input.size(), random_() % 32));
+                    break;
                 }
             }
         }
         return input;
     }
 
-private:
+  private:
     std::mt19937 random_;
     std::vector<std::string> seeds_;
 };
@@ -98,13 +110,15 @@ TEST(ConfigFuzz, LoadAlwaysGivesAConfigurationAndASoundFile) {
     for (int i = 0; i < count; ++i) {
         const std::string input = inputs.next();
         testing::writeText(store.configURL(), input);
-        if (i % 2) testing::writeText(store.previousURL(), i % 4 == 1 ? previous : inputs.next());
-        else std::filesystem::remove(store.previousURL());
+        if (i % 2)
+            testing::writeText(store.previousURL(), i % 4 == 1 ? previous : inputs.next());
+        else
+            std::filesystem::remove(store.previousURL());
         const TonaviConfig loaded = store.load();
         ASSERT_EQ(decodeTonaviConfig(testing::readText(store.configURL())), loaded) << "input " << i;
         (void)store.takeRecoveryNotice();
     }
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

@@ -8,7 +8,9 @@
 
 namespace tonavi::testing {
 
-inline std::vector<std::uint8_t> bytesOf(const std::string& text) { return {text.begin(), text.end()}; }
+inline std::vector<std::uint8_t> bytesOf(const std::string& text) {
+    return {text.begin(), text.end()};
+}
 
 inline kavore::ChainSettings fourEffectChain(int seed) {
     kavore::ChainSettings chain;
@@ -44,8 +46,10 @@ inline TonaviConfig largeConfig(int apps, int devices, int groups) {
         app.redirectUID = i % 3 ? "" : "device-" + std::to_string(i % 5);
         app.favorite = i % 4 == 0;
         app.favoriteRank = i;
-        if (i % 2) app.displayRank = i;
-        if (i % 5 == 0) app.timedMuteUntil = 1.7e9 + i;
+        if (i % 2)
+            app.displayRank = i;
+        if (i % 5 == 0)
+            app.timedMuteUntil = 1.7e9 + i;
         app.pinnedEffectIDs = {"slot-" + std::to_string(i) + "-0"};
         app.volumePerDevice = {{"device-1", 0.5}, {"device-2", 0.25}};
         config.apps.push_back(std::move(app));
@@ -56,15 +60,18 @@ inline TonaviConfig largeConfig(int apps, int devices, int groups) {
         device.nickname = "Speaker " + std::to_string(i);
         device.maxVolumePercent = 50.0 + i % 50;
         device.useCount = i;
-        if (i % 2) device.preferredRank = i;
-        if (i % 3) device.lastUsedAt = 1.7e9 + i * 0.5;
+        if (i % 2)
+            device.preferredRank = i;
+        if (i % 3)
+            device.lastUsedAt = 1.7e9 + i * 0.5;
         config.devices.push_back(std::move(device));
     }
     for (int i = 0; i < groups; ++i) {
         OutputGroup group;
         group.id = "group-" + std::to_string(i);
         group.name = "Group " + std::to_string(i);
-        group.members = {{"device-" + std::to_string(i), 0.5, false}, {"device-" + std::to_string(i + 1), 1.0, true}};
+        group.members = {{"device-" + std::to_string(i), 0.5, false},
+                         {"device-" + std::to_string(i + 1), 1.0, true}};
         config.groups.push_back(std::move(group));
     }
     return config;
@@ -101,4 +108,4 @@ inline TonaviConfig sampleConfig(int variant = 0) {
     return config;
 }
 
-}  // namespace tonavi::testing
+} // namespace tonavi::testing

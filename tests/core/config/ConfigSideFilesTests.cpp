@@ -32,7 +32,7 @@ QuickConfig quickConfig(const std::string& name, int variant) {
 }
 
 class SideFilesTest : public ::testing::Test {
-protected:
+  protected:
     SideFilesTest() : files(std::make_shared<FaultyFileSystem>()), store(folder.path(), files) {}
 
     testing::TemporaryFolder folder;
@@ -66,16 +66,20 @@ TEST_F(SideFilesTest, ListSkipsOtherFilesAndDamageAndSortsByName) {
     store.saveQuickConfig(quickConfig("a", 2));
     writeText(store.configsDir() / "x.json", testing::readText(store.configFileURL("b")));
     writeText(store.configsDir() / "broken.tonavirig", "{\"name\": \"broken\"");
-    writeText(store.configsDir() / "partial.tonavirig", R"({"name": "p", "iconName": "i", "shortcutKey": ""})");
+    writeText(store.configsDir() / "partial.tonavirig",
+              R"({"name": "p", "iconName": "i", "shortcutKey": ""})");
     fs::create_directory(store.configsDir() / "folder.tonavirig");
 
     std::vector<std::string> names;
-    for (const auto& config : store.listQuickConfigs()) names.push_back(config.name);
+    for (const auto& config : store.listQuickConfigs())
+        names.push_back(config.name);
     EXPECT_EQ(names, (std::vector<std::string>{"A", "a", "b"}));
     EXPECT_THROW(store.loadQuickConfig("broken"), ConfigDecodeError);
     EXPECT_THROW(store.loadQuickConfig("partial"), ConfigDecodeError);
 
-    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) { return op == FaultyFileSystem::Op::list; };
+    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) {
+        return op == FaultyFileSystem::Op::list;
+    };
     EXPECT_TRUE(store.listQuickConfigs().empty());
 }
 
@@ -115,7 +119,8 @@ TEST(SceneMerge, SceneSetsSoundAndRoutingTheMachineKeepsTheRest) {
 
     const TonaviConfig merged = SceneLoadPolicy::merge(scene, onto);
     std::vector<std::string> ids;
-    for (const auto& app : merged.apps) ids.push_back(app.id);
+    for (const auto& app : merged.apps)
+        ids.push_back(app.id);
     EXPECT_EQ(ids, (std::vector<std::string>{"com.example.app1", "com.example.app3", "com.example.app0",
                                              "com.example.app2"}));
     EXPECT_EQ(merged.apps[0], scene.apps[0]);
@@ -146,7 +151,8 @@ TEST(SceneMerge, SceneSetsSoundAndRoutingTheMachineKeepsTheRest) {
 
 TEST_F(SideFilesTest, AutoDirectFileAlwaysMirrorsTheBundledList) {
     EXPECT_EQ(store.loadAutoDirectList(), AutoDirectList::bundled());
-    EXPECT_EQ(json::parse(readText(store.autoDirectURL())), json::parse(R"({"bundleIDs": [], "updatedAt": 0})"));
+    EXPECT_EQ(json::parse(readText(store.autoDirectURL())),
+              json::parse(R"({"bundleIDs": [], "updatedAt": 0})"));
 
     writeText(store.autoDirectURL(), R"({"bundleIDs": ["com.example.a"], "updatedAt": 0})");
     EXPECT_EQ(store.loadAutoDirectList(), AutoDirectList::bundled());
@@ -182,30 +188,35 @@ TEST(AutoDirectListTest, ContainsMatchesWholeIdsAndChildren) {
 TEST_F(SideFilesTest, MIDIMappingsRoundTripWithOneKeyTargets) {
     EXPECT_TRUE(store.loadMIDIMappings().empty());
     const std::vector<MIDIMapping> mappings = {
-        {"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}}, {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
-        {"m3", 2, 9, MIDIMapping::DeviceVolume{"dev"}},        {"m4", 16, 10, MIDIMapping::ConfigLoad{"Rock/Pop"}},
-        {"m5", 3, 11, MIDIMapping::StageMode{}},               {"m6", 4, 127, MIDIMapping::OutputVolume{}},
+        {"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}},
+        {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
+        {"m3", 2, 9, MIDIMapping::DeviceVolume{"dev"}},
+        {"m4", 16, 10, MIDIMapping::ConfigLoad{"Rock/Pop"}},
+        {"m5", 3, 11, MIDIMapping::StageMode{}},
+        {"m6", 4, 127, MIDIMapping::OutputVolume{}},
     };
     store.saveMIDIMappings(mappings);
     EXPECT_EQ(store.loadMIDIMappings(), mappings);
 
     const json j = json::parse(readText(store.midiMappingsURL()));
-    EXPECT_EQ(j[0], json::parse(R"({"id":"m1","channel":0,"cc":7,"target":{"appVolume":{"bundleID":"com.example.a"}}})"));
+    EXPECT_EQ(
+        j[0],
+        json::parse(R"({"id":"m1","channel":0,"cc":7,"target":{"appVolume":{"bundleID":"com.example.a"}}})"));
     EXPECT_EQ(j[2]["target"], json::parse(R"({"deviceVolume":{"uid":"dev"}})"));
     EXPECT_EQ(j[3]["target"], json::parse(R"({"configLoad":{"name":"Rock/Pop"}})"));
     EXPECT_EQ(j[4]["target"], json::parse(R"({"stageMode":{}})"));
     EXPECT_EQ(mappings[3].targetCaseNumber(), 3);
     EXPECT_EQ(mappings[4].targetCaseNumber(), 4);
 
-    for (const char* bad : {R"([{"id":"x","channel":0,"cc":1,"target":{"stageMode":{},"outputVolume":{}}}])",
-                            R"([{"id":"x","channel":0,"cc":1,"target":{"fader":{}}}])",
-                            R"([{"id":"x","channel":0,"cc":1,"target":{"appMute":{}}}])",
-                            R"([{"id":"x","channel":"1","cc":1,"target":{"stageMode":{}}}])", R"({"id":"x"})",
-                            "[{"}) {
+    for (const char* bad :
+         {R"([{"id":"x","channel":0,"cc":1,"target":{"stageMode":{},"outputVolume":{}}}])",
+          R"([{"id":"x","channel":0,"cc":1,"target":{"fader":{}}}])",
+          R"([{"id":"x","channel":0,"cc":1,"target":{"appMute":{}}}])",
+          R"([{"id":"x","channel":"1","cc":1,"target":{"stageMode":{}}}])", R"({"id":"x"})", "[{"}) {
         writeText(store.midiMappingsURL(), bad);
         EXPECT_THROW(store.loadMIDIMappings(), ConfigDecodeError) << bad;
     }
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

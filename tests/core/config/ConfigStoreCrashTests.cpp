@@ -46,7 +46,7 @@ TEST(ConfigStoreCrash, KilledWhileSavingLeavesOldOrNewFile) {
         }
         ::close(ready[1]);
         char byte = 0;
-        ASSERT_EQ(::read(ready[0], &byte, 1), 1);  // the child is about to save
+        ASSERT_EQ(::read(ready[0], &byte, 1), 1); // the child is about to save
         ::close(ready[0]);
         // A random moment within the first few saves.
         const timespec pause{0, static_cast<long>(random() % 3'000'000)};
@@ -56,7 +56,8 @@ TEST(ConfigStoreCrash, KilledWhileSavingLeavesOldOrNewFile) {
         ASSERT_EQ(::waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFSIGNALED(status)) << "the saving child failed on its own";
 
-        if (std::filesystem::exists(store.temporaryURL())) ++killedWhileSaving;
+        if (std::filesystem::exists(store.temporaryURL()))
+            ++killedWhileSaving;
         const TonaviConfig onDisk = decodeTonaviConfig(testing::readText(store.configURL()));
         ASSERT_TRUE(onDisk == a || onDisk == b) << "round " << round;
         if (std::filesystem::exists(store.previousURL())) {
@@ -73,5 +74,5 @@ TEST(ConfigStoreCrash, KilledWhileSavingLeavesOldOrNewFile) {
     EXPECT_GT(killedWhileSaving, rounds / 20);
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

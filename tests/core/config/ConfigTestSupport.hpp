@@ -17,7 +17,7 @@
 namespace tonavi::testing {
 
 class TemporaryFolder {
-public:
+  public:
     TemporaryFolder() {
         std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-config-XXXXXX").string();
         path_ = ::mkdtemp(pattern.data());
@@ -28,7 +28,7 @@ public:
     }
     const std::filesystem::path& path() const { return path_; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 
@@ -46,7 +46,7 @@ inline void writeText(const std::filesystem::path& path, const std::string& text
 // Every call is one numbered operation. The operation whose number equals failAt raises EIO
 // instead of running; shouldFail can pick operations by kind and path instead.
 class FaultyFileSystem final : public FileSystem {
-public:
+  public:
     enum class Op { exists, read, writeAtomically, move, replace, remove, list, createDirectories };
 
     int failAt = -1;
@@ -67,9 +67,11 @@ public:
     }
     void remove(const Path& p) override { check(Op::remove, p), inner_.remove(p); }
     std::vector<Path> list(const Path& d) override { return check(Op::list, d), inner_.list(d); }
-    void createDirectories(const Path& p) override { check(Op::createDirectories, p), inner_.createDirectories(p); }
+    void createDirectories(const Path& p) override {
+        check(Op::createDirectories, p), inner_.createDirectories(p);
+    }
 
-private:
+  private:
     void check(Op op, const Path& p) {
         const int number = operations++;
         if (number == failAt || (shouldFail && shouldFail(op, p)))
@@ -79,5 +81,4 @@ private:
     RealFileSystem inner_{false};
 };
 
-
-}  // namespace tonavi::testing
+} // namespace tonavi::testing

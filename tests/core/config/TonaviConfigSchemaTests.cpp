@@ -18,7 +18,9 @@ namespace {
 
 using nlohmann::json;
 
-TonaviConfig decode(const json& j) { return decodeTonaviConfig(j.dump()); }
+TonaviConfig decode(const json& j) {
+    return decodeTonaviConfig(j.dump());
+}
 
 // One app record inside an otherwise empty configuration.
 AppAudioState decodeApp(const json& app) {
@@ -27,7 +29,9 @@ AppAudioState decodeApp(const json& app) {
     return config.apps.empty() ? AppAudioState() : config.apps[0];
 }
 
-SmartSettings decodeSmart(const json& smart) { return decode({{"smart", smart}}).smart; }
+SmartSettings decodeSmart(const json& smart) {
+    return decode({{"smart", smart}}).smart;
+}
 
 TEST(TonaviConfigReading, EmptyObjectIsAFullConfigurationButNotTheFirstRun) {
     const TonaviConfig config = decodeTonaviConfig("{}");
@@ -67,7 +71,7 @@ TEST(TonaviConfigReading, OneBadElementEmptiesOnlyItsArray) {
     // A member without id fails its group's members only; the group itself stays.
     ASSERT_EQ(config.groups.size(), 1u);
     EXPECT_TRUE(config.groups[0].members.empty());
-    EXPECT_EQ(config.softMasterPercent, 150.5);  // not clamped
+    EXPECT_EQ(config.softMasterPercent, 150.5); // not clamped
     EXPECT_TRUE(config.hiddenAppIDs.empty());
     EXPECT_EQ(config.manuallyVisibleAppIDs, std::vector<std::string>{"y"});
 }
@@ -115,19 +119,22 @@ TEST(TonaviConfigReading, RecordClampsAfterReading) {
 
 TEST(TonaviConfigReading, SmartSettingsClampsAndLegacyKeys) {
     std::vector<std::string> twelve;
-    for (int i = 0; i < 12; ++i) twelve.push_back("mic" + std::to_string(i));
+    for (int i = 0; i < 12; ++i)
+        twelve.push_back("mic" + std::to_string(i));
     const SmartSettings mics = decodeSmart({{"preferredMicUIDs", twelve}});
     EXPECT_EQ(mics.preferredMicUIDs, std::vector<std::string>(twelve.begin(), twelve.begin() + 8));
 
     // -6 dB is a factor of 0.501187 in amplitude.
     EXPECT_NEAR(decodeSmart({{"followMeDuckDB", -6}}).followMeBackgroundPercent, 50.1187, 1e-4);
     EXPECT_EQ(decodeSmart({{"followMeDuckDB", 4}}).followMeBackgroundPercent, 100.0);
-    EXPECT_EQ(decodeSmart({{"followMeBackgroundPercent", 20}, {"followMeDuckDB", -6}}).followMeBackgroundPercent,
-              20.0);
+    EXPECT_EQ(
+        decodeSmart({{"followMeBackgroundPercent", 20}, {"followMeDuckDB", -6}}).followMeBackgroundPercent,
+        20.0);
     EXPECT_EQ(decodeSmart({{"followMeBackgroundPercent", 130}}).followMeBackgroundPercent, 100.0);
     // An unreadable new key falls through to the legacy one.
-    EXPECT_NEAR(decodeSmart({{"followMeBackgroundPercent", "x"}, {"followMeDuckDB", -20}}).followMeBackgroundPercent,
-                10.0, 1e-9);
+    EXPECT_NEAR(
+        decodeSmart({{"followMeBackgroundPercent", "x"}, {"followMeDuckDB", -20}}).followMeBackgroundPercent,
+        10.0, 1e-9);
 
     // 1 % floors at 0.05 (-26.02 dB), then the ceiling range clamps to -24.
     EXPECT_EQ(decodeSmart({{"loudnessGuardCapPercent", 1}}).loudnessGuardCeilingDBFS, -24.0);
@@ -142,19 +149,22 @@ TEST(TonaviConfigReading, SmartSettingsClampsAndLegacyKeys) {
 
 TEST(TonaviConfigReading, LanesAndDuckRulesWithoutIdGetFreshUUIDs) {
     const TonaviConfig config = decode({
-        {"lanes", json::array({{{"appBundleID", "a"}, {"deviceUID", "d"}}, {{"appBundleID", "b"}, {"deviceUID", "e"}}})},
+        {"lanes", json::array({{{"appBundleID", "a"}, {"deviceUID", "d"}},
+                               {{"appBundleID", "b"}, {"deviceUID", "e"}}})},
         {"duckRules", json::array({{{"triggerBundleID", "t"}}})},
     });
     ASSERT_EQ(config.lanes.size(), 2u);
     EXPECT_TRUE(isUUID(config.lanes[0].id)) << config.lanes[0].id;
     EXPECT_NE(config.lanes[0].id, config.lanes[1].id);
     EXPECT_TRUE(config.lanes[0].locked);
-    for (char c : config.lanes[0].id) EXPECT_FALSE(std::islower(static_cast<unsigned char>(c)));
+    for (char c : config.lanes[0].id)
+        EXPECT_FALSE(std::islower(static_cast<unsigned char>(c)));
     EXPECT_TRUE(isUUID(config.duckRules[0].id));
 
     // A lane without its device is not a lane: the whole array goes.
     EXPECT_TRUE(decode({{"lanes", json::array({{{"id", "L"}, {"appBundleID", "a"}}})}}).lanes.empty());
-    EXPECT_TRUE(decode({{"focusLinks", json::array({{{"id", "f"}, {"focusName", "Work"}}})}}).focusLinks.empty());
+    EXPECT_TRUE(
+        decode({{"focusLinks", json::array({{{"id", "f"}, {"focusName", "Work"}}})}}).focusLinks.empty());
 }
 
 TEST(TonaviConfigReading, EnumerationsFallBackToTheirDefaults) {
@@ -172,7 +182,7 @@ TEST(TonaviConfigWriting, RoundTripsAndOmitsAbsentOptionals) {
 
     const json j = json::parse(text);
     EXPECT_EQ(j.size(), 25u);
-    EXPECT_FALSE(j["apps"][0].contains("displayRank"));  // app 0 has none
+    EXPECT_FALSE(j["apps"][0].contains("displayRank")); // app 0 has none
     EXPECT_EQ(j["apps"][1]["displayRank"], 1);
     EXPECT_FALSE(j["bluetooth"][1].contains("savedVolume"));
     EXPECT_EQ(j["ui"]["iconStyle"], "matchOutputDevice");
@@ -200,8 +210,11 @@ TEST(TonaviConfigMethods, FirstRunDefaults) {
     const TonaviConfig config = TonaviConfig::firstRunDefaults();
     EXPECT_TRUE(config.startAtLogin);
     const std::vector<std::pair<std::string, std::string>> expected = {
-        {"com.anthropic.claudefordesktop", "Claude"}, {"com.openai.chat", "ChatGPT"}, {"com.google.Chrome", "Chrome"},
-        {"com.apple.Safari", "Safari"},               {"org.musescore.MuseScore", "MuseScore"}};
+        {"com.anthropic.claudefordesktop", "Claude"},
+        {"com.openai.chat", "ChatGPT"},
+        {"com.google.Chrome", "Chrome"},
+        {"com.apple.Safari", "Safari"},
+        {"org.musescore.MuseScore", "MuseScore"}};
     ASSERT_EQ(config.apps.size(), expected.size());
     for (std::size_t i = 0; i < expected.size(); ++i) {
         const AppAudioState& app = config.apps[i];
@@ -275,9 +288,14 @@ TEST(TonaviConfigMethods, AppendUnrankedMixerAppsOrdersByNameThenId) {
     config.apps = {ranked, unrankedKnown, lowRank};
     config.hiddenAppIDs = {"h"};
 
-    EXPECT_TRUE(config.appendUnrankedMixerApps(
-        {{"b", "beta"}, {"z", "Alpha"}, {"a", "alpha"}, {"", "empty"}, {"h", "Hidden"}, {"r", "Ranked"},
-         {"k", "old name"}, {"k", "Kilo"}}));
+    EXPECT_TRUE(config.appendUnrankedMixerApps({{"b", "beta"},
+                                                {"z", "Alpha"},
+                                                {"a", "alpha"},
+                                                {"", "empty"},
+                                                {"h", "Hidden"},
+                                                {"r", "Ranked"},
+                                                {"k", "old name"},
+                                                {"k", "Kilo"}}));
     // alpha (a), Alpha (z), beta, Kilo: ranks 5, 6, 7, 8 after the largest rank 4.
     auto rank = [&](const char* id) { return config.app(id) ? config.app(id)->displayRank : std::nullopt; };
     EXPECT_EQ(rank("a"), 5);
@@ -337,5 +355,5 @@ TEST(InstallationVersionTest, CanReplaceNeedsALowerBuildAndNoNewerComponents) {
     EXPECT_TRUE(current.canReplace(InstallationVersion("2", "10")));
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

@@ -20,7 +20,7 @@ using testing::writeText;
 namespace fs = std::filesystem;
 
 class ConfigStoreTest : public ::testing::Test {
-protected:
+  protected:
     ConfigStoreTest() : files(std::make_shared<FaultyFileSystem>()), store(folder.path(), files) {
         store.setClockForTesting([] { return 1700000000.75; });
     }
@@ -120,12 +120,15 @@ TEST_F(ConfigStoreTest, UnreadableFileIsRecoveredAndTheNextSaveReplacesIt) {
     writeText(store.previousURL(), encodeTonaviConfig(testing::sampleConfig(1)));
     writeText(store.configURL(), "{\"apps\": [");
     // The move aside fails: recovery goes on from the previous file.
-    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) { return op == FaultyFileSystem::Op::move; };
+    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) {
+        return op == FaultyFileSystem::Op::move;
+    };
     // The first read of state.json fails too, so there are no bytes at all.
     int reads = 0;
     auto moveFails = files->shouldFail;
     files->shouldFail = [&](FaultyFileSystem::Op op, const fs::path& p) {
-        if (op == FaultyFileSystem::Op::read && p.filename() == "state.json" && reads++ == 0) return true;
+        if (op == FaultyFileSystem::Op::read && p.filename() == "state.json" && reads++ == 0)
+            return true;
         return moveFails(op, p);
     };
     EXPECT_EQ(store.load(), testing::sampleConfig(1));
@@ -147,7 +150,9 @@ TEST_F(ConfigStoreTest, FailedNoticeAndFailedSaveStillReturnTheRecoveredConfigur
 }
 
 TEST_F(ConfigStoreTest, FirstRunSaveFailureRaises) {
-    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) { return op == FaultyFileSystem::Op::move; };
+    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) {
+        return op == FaultyFileSystem::Op::move;
+    };
     EXPECT_THROW(store.load(), std::system_error);
     EXPECT_FALSE(fs::exists(store.configURL()));
     EXPECT_FALSE(fs::exists(store.temporaryURL()));
@@ -184,7 +189,8 @@ TEST_F(ConfigStoreTest, SaveFailingAtAnyStepLeavesBothFilesAsTheyWere) {
             const std::string kept = readText(store.previousURL());
             EXPECT_TRUE(kept == before || kept == previous) << "step " << step;
         }
-        if (!injected) break;
+        if (!injected)
+            break;
     }
     // Writing the temporary file and the replacement can each fail the save.
     EXPECT_GE(failures, 2);
@@ -204,7 +210,8 @@ TEST_F(ConfigStoreTest, SaveFailingAtAnyStepLeavesBothFilesAsTheyWere) {
         const bool injected = step < files->operations;
         EXPECT_FALSE(fs::exists(store.temporaryURL()));
         EXPECT_EQ(fs::exists(store.configURL()), !raised) << "step " << step;
-        if (!injected) break;
+        if (!injected)
+            break;
     }
 }
 
@@ -240,12 +247,14 @@ TEST_F(ConfigStoreTest, ExclusiveAccessHoldsTheLockAndRunsWithoutIt) {
         return 42;
     });
     EXPECT_EQ(value, 42);
-    EXPECT_EQ(fs::status(store.lockURL()).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(store.lockURL()).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
     const int fd = ::open(store.lockURL().c_str(), O_RDWR);
-    EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0);  // released afterwards
+    EXPECT_EQ(::flock(fd, LOCK_EX | LOCK_NB), 0); // released afterwards
     ::close(fd);
 
-    EXPECT_THROW(store.withExclusiveAccess([]() -> int { throw std::runtime_error("body"); }), std::runtime_error);
+    EXPECT_THROW(store.withExclusiveAccess([]() -> int { throw std::runtime_error("body"); }),
+                 std::runtime_error);
 
     fs::remove(store.lockURL());
     fs::create_directory(store.lockURL());
@@ -305,8 +314,9 @@ TEST(ConfigSalvage, ScansStringsBracketsAndScalars) {
     EXPECT_FALSE(TonaviConfigStore::salvageTopLevel("\"apps\":\t[1]"));
     EXPECT_FALSE(TonaviConfigStore::salvageTopLevel("\"apps\":\r\n[1]"));
     // Found at any depth, first occurrence wins, and mismatched bracket kinds still count.
-    const auto nested = TonaviConfigStore::salvageTopLevel("{\"a\": {\"devices\": [1, {2]}, \"devices\": [3]");
-    EXPECT_FALSE(nested);  // "[1, {2]}" closes at "}" but does not parse
+    const auto nested =
+        TonaviConfigStore::salvageTopLevel("{\"a\": {\"devices\": [1, {2]}, \"devices\": [3]");
+    EXPECT_FALSE(nested); // "[1, {2]}" closes at "}" but does not parse
     const auto deep = TonaviConfigStore::salvageTopLevel("[[{\"devices\": [\"x\"]}");
     ASSERT_TRUE(deep);
     EXPECT_EQ((*deep)["devices"], json::array({"x"}));
@@ -324,20 +334,25 @@ TEST(ConfigStoreTruncation, EveryCutLoadsAndKeepsWhatIsWhole) {
     // The apps array is the first key; it is whole once its closing bracket is in.
     const std::size_t appsEnd = text.find("\n  ],\n") + 4;
     const std::size_t devicesEnd = text.find("\n  ],\n", text.find("\"devices\"")) + 4;
-    ASSERT_EQ(nlohmann::json::parse(text.substr(text.find('[') , appsEnd - text.find('['))).size(), saved.apps.size());
+    ASSERT_EQ(nlohmann::json::parse(text.substr(text.find('['), appsEnd - text.find('['))).size(),
+              saved.apps.size());
 
     testing::TemporaryFolder folder;
     const TonaviConfigStore store(folder.path(), std::make_shared<RealFileSystem>(false));
     std::mt19937 random(7);
     std::vector<std::size_t> cuts;
-    for (std::size_t cut = appsEnd - 3; cut < appsEnd + 3; ++cut) cuts.push_back(cut);
-    for (int i = 0; i < 150; ++i) cuts.push_back(random() % text.size());
+    for (std::size_t cut = appsEnd - 3; cut < appsEnd + 3; ++cut)
+        cuts.push_back(cut);
+    for (int i = 0; i < 150; ++i)
+        cuts.push_back(random() % text.size());
     cuts.push_back(0);
     for (const bool withPrevious : {false, true}) {
         for (const std::size_t cut : cuts) {
             for (const auto& entry : fs::directory_iterator(folder.path()))
-                if (entry.is_regular_file()) fs::remove(entry.path());
-            if (withPrevious) writeText(store.previousURL(), previousText);
+                if (entry.is_regular_file())
+                    fs::remove(entry.path());
+            if (withPrevious)
+                writeText(store.previousURL(), previousText);
             writeText(store.configURL(), text.substr(0, cut));
             const TonaviConfig loaded = store.load();
             if (withPrevious) {
@@ -345,7 +360,8 @@ TEST(ConfigStoreTruncation, EveryCutLoadsAndKeepsWhatIsWhole) {
             } else {
                 const TonaviConfig firstRun = TonaviConfig::firstRunDefaults();
                 EXPECT_EQ(loaded.apps, cut >= appsEnd ? saved.apps : firstRun.apps) << "cut " << cut;
-                EXPECT_EQ(loaded.devices, cut >= devicesEnd ? saved.devices : firstRun.devices) << "cut " << cut;
+                EXPECT_EQ(loaded.devices, cut >= devicesEnd ? saved.devices : firstRun.devices)
+                    << "cut " << cut;
                 EXPECT_EQ(loaded.ui, firstRun.ui);
             }
             EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), loaded) << "cut " << cut;
@@ -354,5 +370,5 @@ TEST(ConfigStoreTruncation, EveryCutLoadsAndKeepsWhatIsWhole) {
     }
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi
