@@ -112,11 +112,28 @@ double EngagementEngine::now() const {
 
 // ---- Lock-held helpers ----
 
-const AppAudioState* EngagementEngine::managedAppLocked(std::string_view bundleID) const {
+const AppAudioState* EngagementEngine::configRowLocked(std::string_view bundleID) const {
     // The last row of an ID is the one that counts, as in reconcile, where later rows replace
     // earlier ones.
     for (auto it = config_.apps.rbegin(); it != config_.apps.rend(); ++it)
         if (it->id == bundleID) return &*it;
+    return nullptr;
+}
+
+void EngagementEngine::upsertRowLocked(const AppAudioState& state) {
+    // Every row of the ID is replaced, so a configuration holding duplicates cannot keep a stale one.
+    bool found = false;
+    for (auto& row : config_.apps) {
+        if (row.id == state.id) {
+            row = state;
+            found = true;
+        }
+    }
+    if (!found) config_.apps.push_back(state);
+}
+
+const AppAudioState* EngagementEngine::managedAppLocked(std::string_view bundleID) const {
+    if (const AppAudioState* row = configRowLocked(bundleID)) return row;
     auto it = ephemeralApps_.find(bundleID);
     return it == ephemeralApps_.end() ? nullptr : &it->second;
 }
@@ -270,7 +287,7 @@ void EngagementEngine::mutateConfig(const std::function<void(TonaviConfig&)>& mu
 void EngagementEngine::updateApp(const AppAudioState& state) {
     {
         std::lock_guard guard(lock_);
-        config_.upsertApp(state);
+        upsertRowLocked(state);
     }
     requestReconcile();
 }
@@ -297,7 +314,7 @@ void EngagementEngine::setForceEngaged(const IDSet& ids, const std::map<std::str
         std::lock_guard guard(lock_);
         if (allowed == forceEngaged_) return;
         for (const auto& id : allowed) {
-            if (config_.app(id) || ephemeralApps_.contains(id)) continue;
+            if (configRowLocked(id) || ephemeralApps_.contains(id)) continue;
             auto name = names.find(id);
             ephemeralApps_.emplace(id, neutralRow(id, name == names.end() ? id : name->second));
         }
@@ -728,7 +745,7 @@ std::string EngagementEngine::validateRedirect(const std::string& bundleID, cons
             }
         }
         if (refused)
-            if (const AppAudioState* app = config_.app(bundleID)) kept = app->redirectUID;
+            if (const AppAudioState* app = configRowLocked(bundleID)) kept = app->redirectUID;
     }
     if (!refused) return requestedUID;
     log("lane-protect", bundleID + " kept out of locked lane on " + requestedUID);
@@ -763,7 +780,7 @@ void EngagementEngine::setActiveTriggers(IDSet triggers) {
             if (!rule.enabled || !triggers.contains(rule.triggerBundleID)) continue;
             for (const auto& id : rule.duckedBundleIDs) {
                 if (seen.contains(id) || isHiddenLocked(id) || isProtected(id)) continue;
-                const AppAudioState* app = config_.app(id);
+                const AppAudioState* app = configRowLocked(id);
                 if (!app || isEngaged(*app) || app->directLocked) continue;
                 seen.insert(id);
                 candidates.emplace_back(id, app->chain);

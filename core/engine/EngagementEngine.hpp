@@ -176,6 +176,8 @@ private:
     struct Removed;
 
     // All below need `lock_` held.
+    const AppAudioState* configRowLocked(std::string_view bundleID) const;
+    void upsertRowLocked(const AppAudioState& state);
     const AppAudioState* managedAppLocked(std::string_view bundleID) const;
     bool wantsTapLocked(std::string_view bundleID) const;
     bool holdsMuteLocked(std::string_view bundleID) const;

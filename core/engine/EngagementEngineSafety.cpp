@@ -94,7 +94,7 @@ void EngagementEngine::autoRevert(const std::string& bundleID, const std::string
     {
         std::lock_guard guard(lock_);
         handle = removeTapEntriesLocked(bundleID, true);
-        if (const AppAudioState* existing = config_.app(bundleID)) {
+        if (const AppAudioState* existing = configRowLocked(bundleID)) {
             AppAudioState row = *existing;
             row.volume = 1.0;
             row.muted = false;
@@ -102,7 +102,7 @@ void EngagementEngine::autoRevert(const std::string& bundleID, const std::string
             row.redirectUID.clear();
             row.timedMuteUntil.reset();
             row.volumePerDevice.clear();
-            config_.upsertApp(row);
+            upsertRowLocked(row);
         }
     }
     if (handle) taps_->destroyTap(handle);
