@@ -194,6 +194,11 @@ void SimIOProc::meterAndRecord() {
 }
 
 void SimIOProc::runCycle(std::uint64_t hostTime) {
+    // A stalled device keeps time but delivers nothing: the block is not called.
+    if (stalled_.load(std::memory_order_relaxed)) {
+        sampleTime_ += layout_.frames;
+        return;
+    }
     fillInputs();
     for (auto& buffer : outputBuffers_)
         if (buffer.mData)

@@ -60,6 +60,8 @@ class SimIOProc {
     void prepare(const Layout& layout);
     // Publishes the tones of one tap slot; safe while cycles run.
     void setTones(std::size_t slot, std::span<const Tone> tones);
+    // While stalled, cycles pass without calling the block, as when a device stops delivering.
+    void setStalled(bool stalled) { stalled_.store(stalled, std::memory_order_relaxed); }
 
     // Runs one cycle now with the given host time (nanoseconds).
     void runCycle(std::uint64_t hostTime);
@@ -125,6 +127,7 @@ class SimIOProc {
     std::atomic<Recording*> recording_{nullptr};
     std::vector<std::unique_ptr<Recording>> recordings_;
 
+    std::atomic<bool> stalled_{false};
     std::thread thread_;
     std::atomic<bool> threadStop_{false};
 };

@@ -170,7 +170,7 @@ void SimMachine::installLocked(SimWorld next, Notice& notice) {
     }
     for (const auto& [token, observer] : observers_)
         notice.observers.push_back(observer);
-    updateTonesLocked();
+    updateIOLocked();
 }
 
 void SimMachine::deliver(const Notice& notice) {
@@ -680,7 +680,7 @@ OSStatus SimMachine::deviceStart(AudioObjectID device, AudioDeviceIOProcID procI
     SimIOProc& proc = *it->second;
     proc.prepare(layoutOf(*world_, *d));
     proc.setRunning(true);
-    updateTonesLocked();
+    updateIOLocked();
     if (options_.clock) {
         proc.nextCycleHostTime = currentHostTime() + proc.cyclePeriodNanos();
     } else {
@@ -718,12 +718,14 @@ std::uint64_t SimMachine::currentHostTime() {
     return steadyNanos();
 }
 
-void SimMachine::updateTonesLocked() {
+void SimMachine::updateIOLocked() {
     const SimWorld& w = *world_;
     std::vector<SimIOProc::Tone> tones;
     for (auto& [id, proc] : ioProcs_) {
         if (!proc->isRunning())
             continue;
+        const auto* device = w.device(proc->device());
+        proc->setStalled(!device || !w.deliversIO(*device));
         const auto& uuids = proc->layout().tapUUIDs;
         for (std::size_t slot = 0; slot < uuids.size() && slot < SimIOProc::maxTapStreams; ++slot) {
             tones.clear();

@@ -461,6 +461,30 @@ void SimWorld::setReadDelay(std::uint32_t milliseconds, std::uint32_t selector) 
     readDelaySelector = selector;
 }
 
+std::string SimWorld::stallIO(const std::string& uid, bool stalled) {
+    const bool known = deviceByUID(uid) || std::any_of(detached.begin(), detached.end(),
+                                                       [&](const SimDevice& d) { return d.uid == uid; });
+    if (!known)
+        return "no device " + uid;
+    std::erase(stalledIODeviceUIDs, uid);
+    if (stalled)
+        stalledIODeviceUIDs.push_back(uid);
+    return {};
+}
+
+bool SimWorld::deliversIO(const SimDevice& d) const {
+    auto stalled = [&](const std::string& uid) {
+        return std::find(stalledIODeviceUIDs.begin(), stalledIODeviceUIDs.end(), uid) !=
+               stalledIODeviceUIDs.end();
+    };
+    if (stalled(d.uid) || !d.alive)
+        return false;
+    if (!d.isAggregate || d.aggregate.mainSubDevice.empty())
+        return true;
+    const auto* main = deviceByUID(d.aggregate.mainSubDevice);
+    return main && main->alive && !stalled(main->uid);
+}
+
 bool SimWorld::removeOrphans(const std::function<bool(pid_t)>& isAlive) {
     const auto taps0 = taps.size();
     const auto devices0 = devices.size();

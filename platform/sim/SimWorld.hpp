@@ -93,6 +93,8 @@ struct SimWorld {
     std::vector<Fault> faults;
     std::uint32_t readDelayMilliseconds = 0;
     std::uint32_t readDelaySelector = 0; // 0: every read
+    // Devices whose IO stops delivering cycles (an aggregate stalls with its main device).
+    std::vector<std::string> stalledIODeviceUIDs;
     std::vector<Meter> meters;
 
     // A laptop with speakers and microphone, USB headphones, Bluetooth earbuds with a microphone and
@@ -133,6 +135,9 @@ struct SimWorld {
     std::string activate(const std::string& bundleID);
     std::string failNext(SimOperation operation, int count, OSStatus status, std::uint32_t selector);
     void setReadDelay(std::uint32_t milliseconds, std::uint32_t selector);
+    std::string stallIO(const std::string& uid, bool stalled);
+    // Whether IO on `device` delivers cycles: not when it or its main sub-device is stalled or gone.
+    bool deliversIO(const SimDevice& device) const;
     // Removes taps, private aggregates and meters whose owning process is gone; true if any was removed.
     bool removeOrphans(const std::function<bool(pid_t)>& isAlive);
 

@@ -218,6 +218,7 @@ json simWorldToJSON(const SimWorld& w) {
                                {"remaining", f.remaining},
                                {"status", f.status}});
     j["readDelay"] = {{"milliseconds", w.readDelayMilliseconds}, {"selector", code(w.readDelaySelector)}};
+    j["stalledIO"] = w.stalledIODeviceUIDs;
     j["meters"] = json::array();
     for (auto& m : w.meters)
         j["meters"].push_back({{"aggregateUID", m.aggregateUID},
@@ -273,6 +274,7 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
         const auto delay = j.value("readDelay", json::object());
         w.readDelayMilliseconds = delay.value("milliseconds", 0u);
         w.readDelaySelector = codeFrom(delay, "selector");
+        w.stalledIODeviceUIDs = j.value("stalledIO", std::vector<std::string>{});
         for (auto& m : j.value("meters", json::array())) {
             w.meters.push_back({m.value("aggregateUID", std::string()), m.value("deviceUID", std::string()),
                                 m.value("ownerPID", 0), m.value("peakDB", -120.0), m.value("rmsDB", -120.0),

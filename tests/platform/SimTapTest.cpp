@@ -228,6 +228,37 @@ TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriod) {
     EXPECT_EQ(stamps.size(), 94u);
 }
 
+TEST_F(SimTapTest, IOStopsDeliveringWhenItsDeviceStallsOrVanishes) {
+    auto description = TapDescription::stereoMixdown({processOf("com.apple.Music")});
+    AudioObjectID tap = 0;
+    ASSERT_EQ(machine.createProcessTap(description, tap), noErr);
+    const auto aggregate = makeAggregate("agg.stall", {usb}, description.uuid);
+    int calls = 0;
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  aggregate, nullptr,
+                  [&](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) { ++calls; }, proc),
+              noErr);
+    ASSERT_EQ(machine.deviceStart(aggregate, proc), noErr);
+    clock->advance(100ms);
+    EXPECT_EQ(calls, 9);
+
+    // The clock device stalls: the aggregate's IO stops with it, and comes back when it does.
+    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.stallIO(usb, true); }), "");
+    clock->advance(100ms);
+    EXPECT_EQ(calls, 9);
+    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.stallIO(usb, false); }), "");
+    clock->advance(100ms);
+    EXPECT_EQ(calls, 19); // cycles 19 to 28 of 10.67 ms fall between 200 and 300 ms
+
+    // Unplugged, the headphones take the aggregate's IO with them.
+    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(usb); }), "");
+    clock->advance(100ms);
+    EXPECT_EQ(calls, 19);
+    EXPECT_EQ(machine.mutate([&](SimWorld& w) { return w.stallIO("nowhere", true); }), "no device nowhere");
+    EXPECT_EQ(machine.deviceStop(aggregate, proc), noErr);
+}
+
 TEST_F(SimTapTest, RecordingWritesWhatTheBlockPlayed) {
     test::TempFolder folder;
     const auto speakersID = machine.world()->deviceByUID(speakers)->id;

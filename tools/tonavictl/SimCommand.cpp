@@ -45,6 +45,7 @@ const char* usageText =
     "  activate <bundle-id>                   bring an app to the front\n"
     "  sleep | wake                           the machine goes to sleep or wakes\n"
     "  windows on|off                         make the window list available or not\n"
+    "  stall-io <uid> on|off                  IO on the device (and aggregates it clocks) stops delivering\n"
     "  fail <operation> <count> <status> [--selector CODE]\n"
     "                                         the next <count> calls fail with <status> ('nope' or -50)\n"
     "  slow <milliseconds> [--selector CODE]  stall property reads\n"
@@ -420,6 +421,10 @@ int runSimCommand(int argc, char** argv) {
             w.asleep = asleep;
             return std::string();
         };
+    } else if (command == "stall-io" && need(2)) {
+        if (p[1] != "on" && p[1] != "off")
+            return usage("stall-io takes on or off");
+        edit = [uid = p[0], on = p[1] == "on"](SimWorld& w) { return w.stallIO(uid, on); };
     } else if (command == "windows" && need(1)) {
         if (p[0] != "on" && p[0] != "off")
             return usage("windows takes on or off");
