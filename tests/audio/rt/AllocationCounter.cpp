@@ -49,20 +49,50 @@ std::size_t AllocationCounter::count() const {
 
 } // namespace kavore::test
 
-// The standard library's array, nothrow and sized forms forward to these, so replacing the plain
-// and the aligned form counts every allocation.
+// Every form is replaced, not only those the standard library forwards: a sanitizer runtime brings
+// its own versions of the rest, and a mix of the two would pair foreign allocations with free().
 void* operator new(std::size_t size) {
     return allocate(size);
+}
+void* operator new[](std::size_t size) {
+    return allocate(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    noteAllocation();
+    return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    noteAllocation();
+    return std::malloc(size == 0 ? 1 : size);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
     return allocateAligned(size, alignment);
 }
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+    return allocateAligned(size, alignment);
+}
+
 void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
     std::free(p);
 }
 void operator delete(void* p, std::align_val_t) noexcept {
     std::free(p);
 }
-void operator delete(void* p, std::size_t) noexcept {
+void operator delete[](void* p, std::align_val_t) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept {
     std::free(p);
 }
