@@ -115,7 +115,9 @@ void DispatchQueue::State::loop(const std::function<bool()>& until) {
         if (delayed.empty() || clock->isManual()) {
             cv.wait(lock);
         } else {
-            cv.wait_until(lock, delayed.begin()->first.first);
+            // A copy: the node holding the due time can be erased while this thread waits.
+            const DispatchTime due = delayed.begin()->first.first;
+            cv.wait_until(lock, due);
         }
     }
 }
