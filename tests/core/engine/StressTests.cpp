@@ -71,7 +71,7 @@ TEST(EngineConcurrency, RenderAgainstReconcileStageModeAndReleases) {
     EXPECT_EQ(h.taps->liveCount(), 0);
     const auto handles = h.taps->everyHandle();
     EXPECT_GT(handles.size(), 2u);
-    for (const auto& handle : handles) EXPECT_EQ(h.taps->destroyCount(handle.get()), 1);
+    for (const auto& handle : handles) EXPECT_EQ(h.taps->destroyCount(handle), 1);
 }
 
 }  // namespace
