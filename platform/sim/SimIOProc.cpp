@@ -268,6 +268,11 @@ std::string SimIOProc::startRecording(const std::string& path, double seconds) {
     return {};
 }
 
+bool SimIOProc::isRecordingComplete() const {
+    const Recording* r = recording_.load(std::memory_order_acquire);
+    return r && r->frames.load(std::memory_order_acquire) * r->channels >= r->samples.size();
+}
+
 std::string SimIOProc::stopRecording() {
     std::lock_guard<std::mutex> guard(recordingMutex_);
     Recording* r = recording_.exchange(nullptr, std::memory_order_acq_rel);

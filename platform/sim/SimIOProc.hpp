@@ -77,6 +77,8 @@ class SimIOProc {
     // Records what the block writes to all output channels, up to `seconds`; written at stop.
     std::string startRecording(const std::string& path, double seconds);
     std::string stopRecording();
+    // A recording has filled its buffer and waits for stopRecording to write it.
+    bool isRecordingComplete() const;
 
   private:
     struct Recording {

@@ -142,6 +142,7 @@ void SimMachine::watchTick() {
         orphansOnDisk_ = false;
     }
     publishMeters();
+    serveRecordings();
 }
 
 bool SimMachine::filterOrphans(SimWorld& world) const {
@@ -654,6 +655,7 @@ OSStatus SimMachine::destroyIOProcID(AudioObjectID device, AudioDeviceIOProcID p
         proc->stopThread();
         adjustRunningCount(device, -1);
     }
+    proc->stopRecording(); // what was recorded so far is written, not lost with the proc
     return noErr;
 }
 
@@ -817,6 +819,48 @@ std::string SimMachine::stopRecording(AudioDeviceIOProcID procID) {
         proc = it->second.get();
     }
     return proc->stopRecording();
+}
+
+void SimMachine::serveRecordings() {
+    std::vector<std::pair<SimWorld::Recording, AudioDeviceIOProcID>> toStart;
+    std::vector<std::string> finished;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        for (const auto& r : world_->recordings) {
+            if (servedRecordings_.count(r.path))
+                continue;
+            for (auto& [id, proc] : ioProcs_) {
+                const auto* d = world_->device(proc->device());
+                if (!proc->isRunning() || !d)
+                    continue;
+                const std::string plays = d->isAggregate ? d->aggregate.mainSubDevice : d->uid;
+                if (plays == r.deviceUID) {
+                    toStart.push_back({r, id});
+                    break;
+                }
+            }
+        }
+        for (auto& [path, id] : servedRecordings_) {
+            auto it = ioProcs_.find(id);
+            if (it == ioProcs_.end() || !it->second->isRunning() || it->second->isRecordingComplete())
+                finished.push_back(path);
+        }
+    }
+    for (auto& [request, id] : toStart) {
+        if (startRecording(id, request.path, request.seconds).empty())
+            servedRecordings_[request.path] = id;
+    }
+    for (const auto& path : finished) {
+        // A proc that went away wrote its recording as it went.
+        const auto why = stopRecording(servedRecordings_[path]);
+        if (!why.empty() && why.rfind("no IO proc", 0) != 0)
+            Log::info("tonavi: sim recording " + path + " failed: " + why);
+        servedRecordings_.erase(path);
+        mutate([&](SimWorld& w) {
+            std::erase_if(w.recordings, [&](const SimWorld::Recording& r) { return r.path == path; });
+            return std::string();
+        });
+    }
 }
 
 void SimMachine::publishMeters() {

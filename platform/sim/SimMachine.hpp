@@ -127,6 +127,8 @@ class SimMachine final : public AudioHardware {
     void installLocked(SimWorld next, Notice& notice);
     static void deliver(const Notice& notice);
     void publishMeters();
+    // Starts asked-for recordings on this process's IO procs, and writes and retires finished ones.
+    void serveRecordings();
     void stopProcsOn(AudioObjectID device);
     std::optional<OSStatus> takeFault(SimOperation operation, std::uint32_t selector);
     void delayRead(std::uint32_t selector);
@@ -159,6 +161,7 @@ class SimMachine final : public AudioHardware {
 
     int ticks_ = 0;
     bool publishedMeters_ = false;
+    std::map<std::string, AudioDeviceIOProcID> servedRecordings_; // by path; watch queue only
     std::unique_ptr<DispatchQueue> watchQueue_;
     std::unique_ptr<DispatchTimer> watchTimer_;
 };

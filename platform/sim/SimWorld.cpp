@@ -472,6 +472,21 @@ std::string SimWorld::stallIO(const std::string& uid, bool stalled) {
     return {};
 }
 
+std::string SimWorld::requestRecording(const std::string& deviceUID, const std::string& path,
+                                       double seconds) {
+    if (!deviceByUID(deviceUID))
+        return "no device " + deviceUID;
+    if (path.empty() || path.front() != '/')
+        return "a recording needs an absolute path";
+    if (!(seconds > 0.0 && seconds <= 600.0))
+        return "a recording lasts between 0 and 600 seconds";
+    for (const auto& r : recordings)
+        if (r.path == path)
+            return "a recording to " + path + " is already asked for";
+    recordings.push_back({deviceUID, path, seconds});
+    return {};
+}
+
 bool SimWorld::deliversIO(const SimDevice& d) const {
     auto stalled = [&](const std::string& uid) {
         return std::find(stalledIODeviceUIDs.begin(), stalledIODeviceUIDs.end(), uid) !=

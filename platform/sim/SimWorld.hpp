@@ -96,6 +96,13 @@ struct SimWorld {
     // Devices whose IO stops delivering cycles (an aggregate stalls with its main device).
     std::vector<std::string> stalledIODeviceUIDs;
     std::vector<Meter> meters;
+    // Asked-for recordings of what IO procs play on a device, served by whichever process runs them.
+    struct Recording {
+        std::string deviceUID;
+        std::string path;
+        double seconds = 0;
+    };
+    std::vector<Recording> recordings;
 
     // A laptop with speakers and microphone, USB headphones, Bluetooth earbuds with a microphone and
     // an AirPlay speaker; Safari with a helper, Music, Zoom capturing, and a silent background agent.
@@ -136,6 +143,7 @@ struct SimWorld {
     std::string failNext(SimOperation operation, int count, OSStatus status, std::uint32_t selector);
     void setReadDelay(std::uint32_t milliseconds, std::uint32_t selector);
     std::string stallIO(const std::string& uid, bool stalled);
+    std::string requestRecording(const std::string& deviceUID, const std::string& path, double seconds);
     // Whether IO on `device` delivers cycles: not when it or its main sub-device is stalled or gone.
     bool deliversIO(const SimDevice& device) const;
     // Removes taps, private aggregates and meters whose owning process is gone; true if any was removed.

@@ -219,6 +219,9 @@ json simWorldToJSON(const SimWorld& w) {
                                {"status", f.status}});
     j["readDelay"] = {{"milliseconds", w.readDelayMilliseconds}, {"selector", code(w.readDelaySelector)}};
     j["stalledIO"] = w.stalledIODeviceUIDs;
+    j["recordings"] = json::array();
+    for (auto& r : w.recordings)
+        j["recordings"].push_back({{"deviceUID", r.deviceUID}, {"path", r.path}, {"seconds", r.seconds}});
     j["meters"] = json::array();
     for (auto& m : w.meters)
         j["meters"].push_back({{"aggregateUID", m.aggregateUID},
@@ -275,6 +278,9 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
         w.readDelayMilliseconds = delay.value("milliseconds", 0u);
         w.readDelaySelector = codeFrom(delay, "selector");
         w.stalledIODeviceUIDs = j.value("stalledIO", std::vector<std::string>{});
+        for (auto& r : j.value("recordings", json::array()))
+            w.recordings.push_back({r.at("deviceUID").get<std::string>(), r.at("path").get<std::string>(),
+                                    r.value("seconds", 1.0)});
         for (auto& m : j.value("meters", json::array())) {
             w.meters.push_back({m.value("aggregateUID", std::string()), m.value("deviceUID", std::string()),
                                 m.value("ownerPID", 0), m.value("peakDB", -120.0), m.value("rmsDB", -120.0),

@@ -340,6 +340,16 @@ TEST(SimRealTimeIOTest, CyclesRunOnTheirOwnThreadAndMetersReachTheWorldFile) {
     ASSERT_EQ(machine->deviceStart(device, proc), noErr);
     EXPECT_TRUE(test::eventually([&] { return cycles.load() >= 20; }));
     EXPECT_FALSE(onTestThread.load());
+    // Another process asks for a recording through the world; this one serves it and retires the request.
+    const std::string wav = folder.file("speakers.wav");
+    ASSERT_EQ(SimWorldFile(path).update(
+                  [&](SimWorld& w) { return w.requestRecording("BuiltInSpeakerDevice", wav, 0.1); }),
+              "");
+    EXPECT_TRUE(test::eventually([&] {
+        auto disk = SimWorldFile(path).read(error);
+        return disk && disk->recordings.empty() && std::filesystem::exists(wav);
+    }));
+    EXPECT_EQ(std::filesystem::file_size(wav), 58u + 4800u * 2u * 4u); // 0.1 s of stereo floats at 48 kHz
     // What the proc plays is published for other processes to see.
     EXPECT_TRUE(test::eventually([&] {
         auto disk = SimWorldFile(path).read(error);

@@ -45,6 +45,7 @@ const char* usageText =
     "  activate <bundle-id>                   bring an app to the front\n"
     "  sleep | wake                           the machine goes to sleep or wakes\n"
     "  windows on|off                         make the window list available or not\n"
+    "  record <uid> <absolute-path> <seconds> record what tapped audio plays on a device to a WAV file\n"
     "  stall-io <uid> on|off                  IO on the device (and aggregates it clocks) stops delivering\n"
     "  fail <operation> <count> <status> [--selector CODE]\n"
     "                                         the next <count> calls fail with <status> ('nope' or -50)\n"
@@ -249,6 +250,8 @@ void show(const SimWorld& w, const std::string& path, std::ostream& out) {
                 << " dBFS, rms " << fixed(m.rmsDB, 1) << " dBFS, ~" << fixed(m.frequency, 0) << " Hz\n";
         }
     }
+    for (const auto& r : w.recordings)
+        out << "Recording " << r.seconds << " s of " << r.deviceUID << " to " << r.path << " (pending)\n";
     if (!w.faults.empty() || w.readDelayMilliseconds > 0) {
         out << "Injected:\n";
         for (const auto& f : w.faults) {
@@ -420,6 +423,13 @@ int runSimCommand(int argc, char** argv) {
                 return std::string(asleep ? "the machine is already asleep" : "the machine is awake");
             w.asleep = asleep;
             return std::string();
+        };
+    } else if (command == "record" && need(3)) {
+        double seconds = 0;
+        if (!parseNumber(p[2], seconds))
+            return usage("a recording lasts a number of seconds");
+        edit = [uid = p[0], path = p[1], seconds](SimWorld& w) {
+            return w.requestRecording(uid, path, seconds);
         };
     } else if (command == "stall-io" && need(2)) {
         if (p[1] != "on" && p[1] != "off")
