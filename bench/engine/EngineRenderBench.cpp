@@ -19,7 +19,7 @@ namespace {
 using namespace tonavi;
 
 class BenchTaps : public TapProviding {
-public:
+  public:
     TapHandlePtr createTap(const std::string&) override { return std::make_shared<TapHandle>(); }
     void destroyTap(const TapHandlePtr&) override {}
 };
@@ -32,14 +32,15 @@ std::unique_ptr<EngagementEngine> makeEngine(const AppAudioState& row) {
     config.apps = {row};
     auto engine = std::make_unique<EngagementEngine>(config, std::make_shared<BenchTaps>(),
                                                      AutoDirectList::bundled(), 48000.0, false);
-    engine->setForceEngaged({appID}, {});  // reconciles: the app gets its tap
+    engine->setForceEngaged({appID}, {}); // reconciles: the app gets its tap
     return engine;
 }
 
 std::vector<float> tone() {
     std::vector<float> buffer(frames * 2);
     for (std::size_t i = 0; i < frames; ++i)
-        buffer[2 * i] = buffer[2 * i + 1] = 0.5f * static_cast<float>(std::sin(0.05 * static_cast<double>(i)));
+        buffer[2 * i] = buffer[2 * i + 1] =
+            0.5f * static_cast<float>(std::sin(0.05 * static_cast<double>(i)));
     return buffer;
 }
 
@@ -104,4 +105,4 @@ void BM_RenderChain(benchmark::State& state) {
 }
 BENCHMARK(BM_RenderChain);
 
-}  // namespace
+} // namespace

@@ -19,4 +19,4 @@ bool AtomicFlag::exchange(bool value) {
     return previous;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -8,7 +8,7 @@
 namespace tonavi {
 
 class AtomicFlag {
-public:
+  public:
     explicit AtomicFlag(bool initial = false) : value_(initial) {}
     AtomicFlag(const AtomicFlag&) = delete;
     AtomicFlag& operator=(const AtomicFlag&) = delete;
@@ -18,9 +18,9 @@ public:
     // Stores `value` and returns the previous one, in one hold.
     bool exchange(bool value);
 
-private:
+  private:
     mutable std::mutex mutex_;
     bool value_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -9,33 +9,59 @@ namespace tonavi::DefaultMixerAppPolicy {
 namespace {
 
 constexpr std::array<std::string_view, 34> bundleFragments{
-    "anthropic.claudefordesktop", "openai.chat", "chatgpt",       "safari",
-    "chrome",                     "thebrowser",  "brave",         "firefox",
-    "microsoft.edge",             "opera",       "vivaldi",       "orion",
-    "perplexity.comet",           "musescore",   "logic10",       "garageband",
-    "ableton",                    "reaper",      "cubase",        "studioone",
-    "protools",                   "pro.tools",   "bitwig",        "flstudio",
-    "image-line",                 "reasonstudios", "mainstage",   "pianoteq",
-    "ardour",                     "tracktion.waveform", "waveform", "digitalperformer",
-    "harrison.mixbus",            "adobe.audition",
+    "anthropic.claudefordesktop",
+    "openai.chat",
+    "chatgpt",
+    "safari",
+    "chrome",
+    "thebrowser",
+    "brave",
+    "firefox",
+    "microsoft.edge",
+    "opera",
+    "vivaldi",
+    "orion",
+    "perplexity.comet",
+    "musescore",
+    "logic10",
+    "garageband",
+    "ableton",
+    "reaper",
+    "cubase",
+    "studioone",
+    "protools",
+    "pro.tools",
+    "bitwig",
+    "flstudio",
+    "image-line",
+    "reasonstudios",
+    "mainstage",
+    "pianoteq",
+    "ardour",
+    "tracktion.waveform",
+    "waveform",
+    "digitalperformer",
+    "harrison.mixbus",
+    "adobe.audition",
 };
 
 constexpr std::array<std::string_view, 30> names{
-    "claude",  "chatgpt",   "safari",     "chrome",       "arc",       "brave",
-    "firefox", "edge",      "opera",      "vivaldi",      "orion",     "comet",
-    "musescore", "logic pro", "garageband", "ableton live", "reaper",  "cubase",
-    "studio one", "pro tools", "bitwig",  "fl studio",    "reason",    "mainstage",
-    "pianoteq", "ardour",   "waveform",   "digital performer", "mixbus", "adobe audition",
+    "claude",     "chatgpt",        "safari",    "chrome",   "arc",        "brave",     "firefox",
+    "edge",       "opera",          "vivaldi",   "orion",    "comet",      "musescore", "logic pro",
+    "garageband", "ableton live",   "reaper",    "cubase",   "studio one", "pro tools", "bitwig",
+    "fl studio",  "reason",         "mainstage", "pianoteq", "ardour",     "waveform",  "digital performer",
+    "mixbus",     "adobe audition",
 };
 
 std::string lowered(std::string_view text) {
     std::string out(text);
     for (char& c : out)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
     return out;
 }
 
-}  // namespace
+} // namespace
 
 bool includes(std::string_view bundleID, std::string_view name) {
     const std::string id = lowered(bundleID);
@@ -45,9 +71,10 @@ bool includes(std::string_view bundleID, std::string_view name) {
     const std::string lowName = lowered(name);
     const std::string_view view(lowName);
     return std::any_of(names.begin(), names.end(), [&](std::string_view entry) {
-        if (view == entry) return true;
+        if (view == entry)
+            return true;
         return view.size() > entry.size() && view.starts_with(entry) && view[entry.size()] == ' ';
     });
 }
 
-}  // namespace tonavi::DefaultMixerAppPolicy
+} // namespace tonavi::DefaultMixerAppPolicy

@@ -8,4 +8,4 @@ namespace tonavi::DefaultMixerAppPolicy {
 
 bool includes(std::string_view bundleID, std::string_view name);
 
-}  // namespace tonavi::DefaultMixerAppPolicy
+} // namespace tonavi::DefaultMixerAppPolicy

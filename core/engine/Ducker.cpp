@@ -19,7 +19,7 @@ constexpr double fallbackDepthDB = -20.0;
 constexpr double fallbackRecoverySeconds = 0.9;
 constexpr double attackSeconds = 0.08;
 
-}  // namespace
+} // namespace
 
 Ducker::Ducker(std::vector<AutoDuckRule> rules, double sampleRate)
     : rules_(std::move(rules)), sampleRate_(sampleRate) {
@@ -37,13 +37,15 @@ void Ducker::setActiveTriggers(std::set<std::string, std::less<>> triggers) {
 std::ptrdiff_t Ducker::indexOf(std::string_view bundleID) const {
     auto it = std::lower_bound(duckedIDs_.begin(), duckedIDs_.end(), bundleID,
                                [](const std::string& a, std::string_view b) { return a < b; });
-    if (it == duckedIDs_.end() || *it != bundleID) return -1;
+    if (it == duckedIDs_.end() || *it != bundleID)
+        return -1;
     return it - duckedIDs_.begin();
 }
 
 double Ducker::currentGain(std::string_view bundleID) const {
     const auto index = indexOf(bundleID);
-    if (index < 0) return 1.0;
+    if (index < 0)
+        return 1.0;
     return gains_[static_cast<std::size_t>(index)].value_or(1.0);
 }
 
@@ -103,10 +105,11 @@ void Ducker::advance(long long frames, double hostTimeSeconds) {
         advance(count);
         return;
     }
-    if (!(*lastHostTimeSeconds_ < hostTimeSeconds)) return;
+    if (!(*lastHostTimeSeconds_ < hostTimeSeconds))
+        return;
     const double elapsedFrames = (hostTimeSeconds - *lastHostTimeSeconds_) * sampleRate_;
     advance(std::min(count, elapsedFrames));
     lastHostTimeSeconds_ = hostTimeSeconds;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -15,7 +15,7 @@
 namespace tonavi {
 
 class Ducker {
-public:
+  public:
     Ducker(std::vector<AutoDuckRule> rules, double sampleRate);
 
     const std::vector<AutoDuckRule>& rules() const { return rules_; }
@@ -41,7 +41,7 @@ public:
 
     std::optional<double> lastHostTimeSeconds() const { return lastHostTimeSeconds_; }
 
-private:
+  private:
     std::vector<AutoDuckRule> rules_;
     double sampleRate_;
     std::set<std::string, std::less<>> activeTriggers_;
@@ -54,4 +54,4 @@ private:
     std::ptrdiff_t indexOf(std::string_view bundleID) const;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

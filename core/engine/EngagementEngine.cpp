@@ -28,11 +28,12 @@ bool mutedNow(const AppAudioState& app, double now) {
 
 // Whether releasing this row would make a muted app audible.
 bool rowHoldsMute(const AppAudioState& app, double now) {
-    if (app.directLocked) return app.muteWhileBypassed;
+    if (app.directLocked)
+        return app.muteWhileBypassed;
     return mutedNow(app, now);
 }
 
-}  // namespace
+} // namespace
 
 // What one reconcile pass decides from; taken under the lock in one hold.
 struct EngagementEngine::Snapshot {
@@ -48,14 +49,16 @@ struct EngagementEngine::Snapshot {
 };
 
 EngagementEngine::EngagementEngine(const TonaviConfig& config, std::shared_ptr<TapProviding> taps,
-                                   AutoDirectList autoDirect, double sampleRate, bool autoReconcile, Clock clock)
+                                   AutoDirectList autoDirect, double sampleRate, bool autoReconcile,
+                                   Clock clock)
     : config_(sanitized(config, autoDirect)), taps_(std::move(taps)), sampleRate_(sampleRate),
       autoDirect_(std::move(autoDirect)), stageFlag_(config.stageModePersisted), clock_(std::move(clock)),
       anchor_(std::make_shared<EngagementEngine*>(this)),
       smootherCoefficient_(std::exp(-1.0 / (sampleRate * 0.008))) {
     recomputePluginSlotIDsLocked();
     ducker_ = std::make_unique<Ducker>(config_.duckRules, sampleRate_);
-    if (autoReconcile) reconcile();
+    if (autoReconcile)
+        reconcile();
 }
 
 EngagementEngine::~EngagementEngine() = default;
@@ -63,14 +66,22 @@ EngagementEngine::~EngagementEngine() = default;
 // ---- Pure rules ----
 
 bool EngagementEngine::isEngaged(const AppAudioState& app) {
-    if (app.directLocked) return false;
-    if (app.controlAttached) return true;
-    if (std::abs(app.volume - 1.0) > unityTolerance) return true;
-    if (app.muted) return true;
-    if (!app.chain.isNeutral()) return true;
-    if (!app.redirectUID.empty()) return true;
-    if (app.timedMuteUntil) return true;
-    if (app.steadyVolume) return true;
+    if (app.directLocked)
+        return false;
+    if (app.controlAttached)
+        return true;
+    if (std::abs(app.volume - 1.0) > unityTolerance)
+        return true;
+    if (app.muted)
+        return true;
+    if (!app.chain.isNeutral())
+        return true;
+    if (!app.redirectUID.empty())
+        return true;
+    if (app.timedMuteUntil)
+        return true;
+    if (app.steadyVolume)
+        return true;
     return std::any_of(app.volumePerDevice.begin(), app.volumePerDevice.end(),
                        [](const auto& entry) { return std::abs(entry.second - 1.0) > unityTolerance; });
 }
@@ -79,13 +90,17 @@ TonaviConfig EngagementEngine::sanitized(const TonaviConfig& config, const AutoD
     TonaviConfig out = config;
     std::erase_if(out.apps, [](const AppAudioState& app) { return !TonaviTapSafety::mayCapture(app.id); });
     for (auto& rule : out.duckRules)
-        std::erase_if(rule.duckedBundleIDs, [](const std::string& id) { return !TonaviTapSafety::mayCapture(id); });
+        std::erase_if(rule.duckedBundleIDs,
+                      [](const std::string& id) { return !TonaviTapSafety::mayCapture(id); });
     const auto& gl = config.globalListening;
-    out.globalListening = kavore::GlobalListeningSettings(gl.enabled, gl.equalizer, gl.balancer, gl.audioUnitSlots);
+    out.globalListening =
+        kavore::GlobalListeningSettings(gl.enabled, gl.equalizer, gl.balancer, gl.audioUnitSlots);
     return out;
 }
 
-bool EngagementEngine::isProtected(std::string_view bundleID) { return !TonaviTapSafety::mayCapture(bundleID); }
+bool EngagementEngine::isProtected(std::string_view bundleID) {
+    return !TonaviTapSafety::mayCapture(bundleID);
+}
 
 AppAudioState EngagementEngine::neutralRow(const std::string& bundleID, const std::string& displayName) {
     AppAudioState row(bundleID);
@@ -105,7 +120,8 @@ void EngagementEngine::setInputChannels(int channels) {
 }
 
 double EngagementEngine::now() const {
-    if (clock_) return clock_();
+    if (clock_)
+        return clock_();
     using namespace std::chrono;
     return duration<double>(system_clock::now().time_since_epoch()).count();
 }
@@ -116,7 +132,8 @@ const AppAudioState* EngagementEngine::configRowLocked(std::string_view bundleID
     // The last row of an ID is the one that counts, as in reconcile, where later rows replace
     // earlier ones.
     for (auto it = config_.apps.rbegin(); it != config_.apps.rend(); ++it)
-        if (it->id == bundleID) return &*it;
+        if (it->id == bundleID)
+            return &*it;
     return nullptr;
 }
 
@@ -129,11 +146,13 @@ void EngagementEngine::upsertRowLocked(const AppAudioState& state) {
             found = true;
         }
     }
-    if (!found) config_.apps.push_back(state);
+    if (!found)
+        config_.apps.push_back(state);
 }
 
 const AppAudioState* EngagementEngine::managedAppLocked(std::string_view bundleID) const {
-    if (const AppAudioState* row = configRowLocked(bundleID)) return row;
+    if (const AppAudioState* row = configRowLocked(bundleID))
+        return row;
     auto it = ephemeralApps_.find(bundleID);
     return it == ephemeralApps_.end() ? nullptr : &it->second;
 }
@@ -147,23 +166,33 @@ bool EngagementEngine::isSoloSuppressedLocked(std::string_view bundleID) const {
 }
 
 bool EngagementEngine::wantsTapLocked(std::string_view bundleID) const {
-    if (stageFlag_.load() || shutdownFlag_.load() || hardwareSuspended_.load()) return false;
-    if (!TonaviTapSafety::mayCapture(bundleID)) return false;
-    if (isHiddenLocked(bundleID)) return false;
+    if (stageFlag_.load() || shutdownFlag_.load() || hardwareSuspended_.load())
+        return false;
+    if (!TonaviTapSafety::mayCapture(bundleID))
+        return false;
+    if (isHiddenLocked(bundleID))
+        return false;
     const AppAudioState* app = managedAppLocked(bundleID);
-    if (!app) return false;
+    if (!app)
+        return false;
     // Eligibility comes before everything the row says: a muted app that never played gets no tap.
-    if (creationEligibility_ && !creationEligibility_->contains(bundleID)) return false;
-    if (rowHoldsMute(*app, now())) return true;
-    if (isSoloSuppressedLocked(bundleID)) return true;
-    if (app->directLocked) return false;
-    if (isEngaged(*app)) return true;
+    if (creationEligibility_ && !creationEligibility_->contains(bundleID))
+        return false;
+    if (rowHoldsMute(*app, now()))
+        return true;
+    if (isSoloSuppressedLocked(bundleID))
+        return true;
+    if (app->directLocked)
+        return false;
+    if (isEngaged(*app))
+        return true;
     return forceEngaged_.contains(bundleID);
 }
 
 bool EngagementEngine::holdsMuteLocked(std::string_view bundleID) const {
     const AppAudioState* app = managedAppLocked(bundleID);
-    if (!app || !TonaviTapSafety::mayCapture(bundleID)) return false;
+    if (!app || !TonaviTapSafety::mayCapture(bundleID))
+        return false;
     return rowHoldsMute(*app, now());
 }
 
@@ -175,7 +204,8 @@ double EngagementEngine::effectiveVolumeLocked(const AppAudioState& app) const {
 
 void EngagementEngine::recomputePluginSlotIDsLocked() {
     auto ids = std::make_shared<std::vector<std::string>>();
-    for (const auto& slot : config_.globalListening.activeAudioUnitSlots()) ids->push_back(slot.id);
+    for (const auto& slot : config_.globalListening.activeAudioUnitSlots())
+        ids->push_back(slot.id);
     globalPluginSlotIDs_ = std::move(ids);
 }
 
@@ -185,13 +215,17 @@ TapHandlePtr EngagementEngine::removeTapEntriesLocked(std::string_view bundleID,
         handle = std::move(it->second);
         tapHandles_.erase(it);
     }
-    if (auto it = chains_.find(bundleID); it != chains_.end()) chains_.erase(it);
+    if (auto it = chains_.find(bundleID); it != chains_.end())
+        chains_.erase(it);
     if (auto it = globalListeningProcs_.find(bundleID); it != globalListeningProcs_.end())
         globalListeningProcs_.erase(it);
-    if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) smoothedGain_.erase(it);
-    if (auto it = steadyProcs_.find(bundleID); it != steadyProcs_.end()) steadyProcs_.erase(it);
+    if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end())
+        smoothedGain_.erase(it);
+    if (auto it = steadyProcs_.find(bundleID); it != steadyProcs_.end())
+        steadyProcs_.erase(it);
     if (includingLimiter) {
-        if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end()) limiterGR_.erase(it);
+        if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end())
+            limiterGR_.erase(it);
     }
     return handle;
 }
@@ -201,22 +235,25 @@ void EngagementEngine::storeTapLocked(const std::string& bundleID, TapHandlePtr 
     tapHandles_[bundleID] = std::move(handle);
     chains_[bundleID] = std::move(chain);
     smoothedGain_.try_emplace(bundleID);
-    limiterGR_.try_emplace(bundleID);  // keeps a carried value if one survived a release
+    limiterGR_.try_emplace(bundleID); // keeps a carried value if one survived a release
 }
 
-std::shared_ptr<kavore::RenderChain> EngagementEngine::makeChain(const kavore::ChainSettings& settings) const {
+std::shared_ptr<kavore::RenderChain>
+EngagementEngine::makeChain(const kavore::ChainSettings& settings) const {
     auto chain = std::make_shared<kavore::RenderChain>();
     std::weak_ptr<EngagementEngine*> weak = anchor_;
     chain->setExternalAURender([weak](const std::string& slotID, std::span<float> buffer) {
         if (auto anchor = weak.lock()) {
             const auto& bridge = (*anchor)->externalAURender_;
-            if (bridge) bridge(slotID, buffer);
+            if (bridge)
+                bridge(slotID, buffer);
         }
     });
     chain->setExternalAULatencySamples([weak](const std::string& slotID) -> int {
         if (auto anchor = weak.lock()) {
             const auto& bridge = (*anchor)->externalAULatency_;
-            if (bridge) return bridge(slotID);
+            if (bridge)
+                return bridge(slotID);
         }
         return 0;
     });
@@ -234,7 +271,8 @@ TonaviConfig EngagementEngine::config() const {
 std::optional<AppAudioState> EngagementEngine::managedApp(std::string_view bundleID) const {
     std::lock_guard guard(lock_);
     const AppAudioState* row = managedAppLocked(bundleID);
-    if (!row) return std::nullopt;
+    if (!row)
+        return std::nullopt;
     return *row;
 }
 
@@ -260,7 +298,8 @@ void EngagementEngine::install(const TonaviConfig& config, const AutoDirectList*
             replacement = std::make_unique<Ducker>(config_.duckRules, sampleRate_);
             std::swap(ducker_, replacement);
         }
-        if (autoDirect) autoDirect_ = *autoDirect;
+        if (autoDirect)
+            autoDirect_ = *autoDirect;
         recomputePluginSlotIDsLocked();
     }
     // The old ducker, if any, is destroyed here, outside the lock.
@@ -271,7 +310,9 @@ void EngagementEngine::apply(const TonaviConfig& config) {
     requestReconcile();
 }
 
-void EngagementEngine::setConfigWithoutReconcile(const TonaviConfig& config) { install(config, nullptr); }
+void EngagementEngine::setConfigWithoutReconcile(const TonaviConfig& config) {
+    install(config, nullptr);
+}
 
 void EngagementEngine::applyImportedConfig(const TonaviConfig& config, const AutoDirectList& autoDirect) {
     install(config, &autoDirect);
@@ -309,12 +350,15 @@ AutoDirectList EngagementEngine::autoDirect() const {
 void EngagementEngine::setForceEngaged(const IDSet& ids, const std::map<std::string, std::string>& names) {
     IDSet allowed;
     for (const auto& id : ids)
-        if (TonaviTapSafety::mayCapture(id)) allowed.insert(id);
+        if (TonaviTapSafety::mayCapture(id))
+            allowed.insert(id);
     {
         std::lock_guard guard(lock_);
-        if (allowed == forceEngaged_) return;
+        if (allowed == forceEngaged_)
+            return;
         for (const auto& id : allowed) {
-            if (configRowLocked(id) || ephemeralApps_.contains(id)) continue;
+            if (configRowLocked(id) || ephemeralApps_.contains(id))
+                continue;
             auto name = names.find(id);
             ephemeralApps_.emplace(id, neutralRow(id, name == names.end() ? id : name->second));
         }
@@ -332,14 +376,16 @@ EngagementEngine::IDSet EngagementEngine::forceEngagedIDs() const {
 std::vector<std::string> EngagementEngine::ephemeralAppIDs() const {
     std::lock_guard guard(lock_);
     std::vector<std::string> ids;
-    for (const auto& entry : ephemeralApps_) ids.push_back(entry.first);
+    for (const auto& entry : ephemeralApps_)
+        ids.push_back(entry.first);
     return ids;
 }
 
 void EngagementEngine::setSoloApps(const IDSet& ids) {
     IDSet allowed;
     for (const auto& id : ids)
-        if (TonaviTapSafety::mayCapture(id)) allowed.insert(id);
+        if (TonaviTapSafety::mayCapture(id))
+            allowed.insert(id);
     {
         std::lock_guard guard(lock_);
         // Solo and stage mode cannot coexist: stage mode hands every app back to the OS.
@@ -414,7 +460,8 @@ void EngagementEngine::setLoudnessGuard(bool active, double ceilingDBFS) {
 std::vector<std::string> EngagementEngine::engagedBundleIDs() const {
     std::lock_guard guard(lock_);
     std::vector<std::string> ids;
-    for (const auto& entry : tapHandles_) ids.push_back(entry.first);  // map order is ascending
+    for (const auto& entry : tapHandles_)
+        ids.push_back(entry.first); // map order is ascending
     return ids;
 }
 
@@ -457,17 +504,21 @@ void EngagementEngine::reconcile() {
     }
 
     ByApp<AppAudioState> rows;
-    for (const auto& app : snapshot.apps) rows.insert_or_assign(app.id, app);  // later rows win
-    for (const auto& [id, app] : snapshot.ephemeralApps) rows.try_emplace(id, app);
+    for (const auto& app : snapshot.apps)
+        rows.insert_or_assign(app.id, app); // later rows win
+    for (const auto& [id, app] : snapshot.ephemeralApps)
+        rows.try_emplace(id, app);
 
     // A handle whose row vanished is an orphan: it gets a neutral row and is released below.
     IDSet orphans;
     {
         std::lock_guard guard(lock_);
         for (const auto& entry : tapHandles_)
-            if (!rows.contains(entry.first)) orphans.insert(entry.first);
+            if (!rows.contains(entry.first))
+                orphans.insert(entry.first);
     }
-    for (const auto& id : orphans) rows.emplace(id, neutralRow(id, id));
+    for (const auto& id : orphans)
+        rows.emplace(id, neutralRow(id, id));
 
     const double instant = now();
     for (const auto& [id, app] : rows) {
@@ -475,17 +526,17 @@ void EngagementEngine::reconcile() {
             TonaviTapSafety::mayCapture(id) && !contains(snapshot.hiddenAppIDs, id) && !orphans.contains(id);
         const bool eligible = !snapshot.creationEligibility || snapshot.creationEligibility->contains(id);
         const bool soloSuppressed = snapshot.soloAppIDs && !snapshot.soloAppIDs->contains(id);
-        const bool wanted =
-            allowed && eligible && !blocked &&
-            (rowHoldsMute(app, instant) || soloSuppressed ||
-             (!app.directLocked && (isEngaged(app) || snapshot.forceEngaged.contains(id))));
+        const bool wanted = allowed && eligible && !blocked &&
+                            (rowHoldsMute(app, instant) || soloSuppressed ||
+                             (!app.directLocked && (isEngaged(app) || snapshot.forceEngaged.contains(id))));
 
         bool hasHandle;
         {
             std::lock_guard guard(lock_);
             hasHandle = tapHandles_.contains(id);
         }
-        if (!wanted && !hasHandle) continue;
+        if (!wanted && !hasHandle)
+            continue;
         if (!wanted)
             reconcileRelease(id);
         else if (!hasHandle)
@@ -500,21 +551,26 @@ void EngagementEngine::reconcile() {
         std::lock_guard guard(lock_);
         std::vector<std::string> ids;
         for (const auto& entry : tapHandles_)
-            if (!rows.contains(entry.first)) ids.push_back(entry.first);
+            if (!rows.contains(entry.first))
+                ids.push_back(entry.first);
         for (const auto& id : ids)
-            if (auto handle = removeTapEntriesLocked(id, false)) strays.push_back(std::move(handle));
+            if (auto handle = removeTapEntriesLocked(id, false))
+                strays.push_back(std::move(handle));
     }
-    for (const auto& handle : strays) taps_->destroyTap(handle);
+    for (const auto& handle : strays)
+        taps_->destroyTap(handle);
 }
 
 void EngagementEngine::reconcileRelease(const std::string& bundleID) {
     TapHandlePtr handle;
     {
         std::lock_guard guard(lock_);
-        if (wantsTapLocked(bundleID)) return;  // something changed since the snapshot
+        if (wantsTapLocked(bundleID))
+            return; // something changed since the snapshot
         handle = removeTapEntriesLocked(bundleID, false);
     }
-    if (!handle) return;
+    if (!handle)
+        return;
     taps_->destroyTap(handle);
     std::lock_guard guard(lock_);
     failingTaps_.erase(bundleID);
@@ -530,7 +586,8 @@ void EngagementEngine::reconcileCreate(const std::string& bundleID, const AppAud
             inserted = failingTaps_.insert(bundleID).second;
         }
         // Only the edge is logged, so a retry loop cannot flood the health log.
-        if (inserted) log("tap-failure", "could not create tap for " + bundleID + "; staying direct");
+        if (inserted)
+            log("tap-failure", "could not create tap for " + bundleID + "; staying direct");
         return;
     }
 
@@ -571,7 +628,8 @@ void EngagementEngine::reconcileCreate(const std::string& bundleID, const AppAud
         std::lock_guard guard(lock_);
         wasFailing = failingTaps_.erase(bundleID) > 0;
     }
-    if (wasFailing) log("tap-recovered", bundleID + " is now controlled");
+    if (wasFailing)
+        log("tap-recovered", bundleID + " is now controlled");
 }
 
 void EngagementEngine::reconcileSwap(const std::string& bundleID, const AppAudioState& app,
@@ -580,12 +638,14 @@ void EngagementEngine::reconcileSwap(const std::string& bundleID, const AppAudio
     std::shared_ptr<kavore::RenderChain> chain;
     {
         std::lock_guard guard(lock_);
-        if (auto it = chains_.find(bundleID); it != chains_.end()) chain = it->second;
+        if (auto it = chains_.find(bundleID); it != chains_.end())
+            chain = it->second;
     }
     if (!chain || !chain->matches(app.chain, sampleRate_)) {
         auto fresh = makeChain(app.chain);
         std::lock_guard guard(lock_);
-        if (tapHandles_.contains(bundleID)) chains_[bundleID] = std::move(fresh);
+        if (tapHandles_.contains(bundleID))
+            chains_[bundleID] = std::move(fresh);
     }
 
     const bool wantsGlobal =
@@ -602,9 +662,11 @@ void EngagementEngine::reconcileSwap(const std::string& bundleID, const AppAudio
                 existing = it->second;
         }
         if (!existing || !existing->settings().matchesDSP(snapshot.globalListening)) {
-            auto fresh = std::make_shared<kavore::GlobalListeningProcessor>(snapshot.globalListening, sampleRate_);
+            auto fresh =
+                std::make_shared<kavore::GlobalListeningProcessor>(snapshot.globalListening, sampleRate_);
             std::lock_guard guard(lock_);
-            if (tapHandles_.contains(bundleID)) globalListeningProcs_[bundleID] = std::move(fresh);
+            if (tapHandles_.contains(bundleID))
+                globalListeningProcs_[bundleID] = std::move(fresh);
         }
     }
 
@@ -612,14 +674,16 @@ void EngagementEngine::reconcileSwap(const std::string& bundleID, const AppAudio
     {
         std::lock_guard guard(lock_);
         hasSteady = steadyProcs_.contains(bundleID);
-        if (hasSteady && !app.steadyVolume) steadyProcs_.erase(bundleID);
+        if (hasSteady && !app.steadyVolume)
+            steadyProcs_.erase(bundleID);
     }
     if (!hasSteady && app.steadyVolume) {
         auto steady = std::make_shared<kavore::SteadyVolume>();
         steady->configure(sampleRate_);
         std::lock_guard guard(lock_);
         // Kept if one appeared meanwhile, so its learned state survives.
-        if (tapHandles_.contains(bundleID)) steadyProcs_.try_emplace(bundleID, std::move(steady));
+        if (tapHandles_.contains(bundleID))
+            steadyProcs_.try_emplace(bundleID, std::move(steady));
     }
 }
 
@@ -633,7 +697,8 @@ void EngagementEngine::refreshTap(const std::string& bundleID) {
 void EngagementEngine::refreshTaps(std::vector<std::string> bundleIDs) {
     std::sort(bundleIDs.begin(), bundleIDs.end());
     bundleIDs.erase(std::unique(bundleIDs.begin(), bundleIDs.end()), bundleIDs.end());
-    for (const auto& id : bundleIDs) refreshTap(id);
+    for (const auto& id : bundleIDs)
+        refreshTap(id);
 }
 
 void EngagementEngine::performTapRefresh(const std::string& bundleID) {
@@ -641,7 +706,8 @@ void EngagementEngine::performTapRefresh(const std::string& bundleID) {
     {
         std::lock_guard guard(lock_);
         if (wantsTapLocked(bundleID))
-            if (auto it = tapHandles_.find(bundleID); it != tapHandles_.end()) old = it->second;
+            if (auto it = tapHandles_.find(bundleID); it != tapHandles_.end())
+                old = it->second;
     }
     if (!old) {
         requestReconcile();
@@ -662,7 +728,8 @@ void EngagementEngine::performTapRefresh(const std::string& bundleID) {
                 removed = true;
             }
         }
-        if (removed) taps_->destroyTap(old);
+        if (removed)
+            taps_->destroyTap(old);
         requestReconcile();
         return;
     }
@@ -673,7 +740,8 @@ void EngagementEngine::performTapRefresh(const std::string& bundleID) {
         if (it != tapHandles_.end() && it->second == old && wantsTapLocked(bundleID)) {
             it->second = fresh;
             // The new tap's first cycle starts at its target; the chains stay.
-            if (auto gain = smoothedGain_.find(bundleID); gain != smoothedGain_.end()) gain->second.reset();
+            if (auto gain = smoothedGain_.find(bundleID); gain != smoothedGain_.end())
+                gain->second.reset();
             swapped = true;
         }
     }
@@ -697,13 +765,15 @@ std::vector<std::string> EngagementEngine::defaultOutputChanged(const std::strin
         std::lock_guard guard(lock_);
         std::vector<double> before;
         before.reserve(config_.apps.size());
-        for (const auto& app : config_.apps) before.push_back(effectiveVolumeLocked(app));
+        for (const auto& app : config_.apps)
+            before.push_back(effectiveVolumeLocked(app));
         currentDefaultOutputUID_ = uid;
         for (std::size_t i = 0; i < config_.apps.size(); ++i)
             if (std::abs(effectiveVolumeLocked(config_.apps[i]) - before[i]) > unityTolerance)
                 moved.push_back(config_.apps[i].id);
     }
-    if (reconcile) requestReconcile();
+    if (reconcile)
+        requestReconcile();
     return moved;
 }
 
@@ -714,20 +784,24 @@ std::string EngagementEngine::currentDefaultOutputUID() const {
 
 std::string EngagementEngine::routeFor(std::string_view bundleID) const {
     std::lock_guard guard(lock_);
-    if (isHiddenLocked(bundleID)) return {};
+    if (isHiddenLocked(bundleID))
+        return {};
     for (const auto& lane : config_.lanes)
-        if (lane.locked && lane.appBundleID == bundleID) return lane.deviceUID;
-    if (const AppAudioState* app = managedAppLocked(bundleID)) return app->redirectUID;
+        if (lane.locked && lane.appBundleID == bundleID)
+            return lane.deviceUID;
+    if (const AppAudioState* app = managedAppLocked(bundleID))
+        return app->redirectUID;
     return {};
 }
 
-std::vector<std::string>
-EngagementEngine::bundleIDsUsingDefaultOutput(const std::function<bool(const std::string&)>& deviceExists) const {
+std::vector<std::string> EngagementEngine::bundleIDsUsingDefaultOutput(
+    const std::function<bool(const std::string&)>& deviceExists) const {
     std::vector<std::string> result;
     for (const auto& id : engagedBundleIDs()) {
         const std::string route = routeFor(id);
         // The callback runs outside the lock.
-        if (route.empty() || !deviceExists(route)) result.push_back(id);
+        if (route.empty() || !deviceExists(route))
+            result.push_back(id);
     }
     return result;
 }
@@ -745,9 +819,11 @@ std::string EngagementEngine::validateRedirect(const std::string& bundleID, cons
             }
         }
         if (refused)
-            if (const AppAudioState* app = configRowLocked(bundleID)) kept = app->redirectUID;
+            if (const AppAudioState* app = configRowLocked(bundleID))
+                kept = app->redirectUID;
     }
-    if (!refused) return requestedUID;
+    if (!refused)
+        return requestedUID;
     log("lane-protect", bundleID + " kept out of locked lane on " + requestedUID);
     return kept;
 }
@@ -769,7 +845,8 @@ void EngagementEngine::setActiveTriggers(IDSet triggers) {
         std::erase_if(triggers, [&](const std::string& id) { return isHiddenLocked(id); });
         ducker_->setActiveTriggers(triggers);
     }
-    if (stageFlag_.load() || shutdownFlag_.load() || hardwareSuspended_.load()) return;
+    if (stageFlag_.load() || shutdownFlag_.load() || hardwareSuspended_.load())
+        return;
 
     // An unengaged ducked app has no tap, and a gain needs one: open it now.
     std::vector<std::pair<std::string, kavore::ChainSettings>> candidates;
@@ -777,11 +854,14 @@ void EngagementEngine::setActiveTriggers(IDSet triggers) {
         std::lock_guard guard(lock_);
         IDSet seen;
         for (const auto& rule : config_.duckRules) {
-            if (!rule.enabled || !triggers.contains(rule.triggerBundleID)) continue;
+            if (!rule.enabled || !triggers.contains(rule.triggerBundleID))
+                continue;
             for (const auto& id : rule.duckedBundleIDs) {
-                if (seen.contains(id) || isHiddenLocked(id) || isProtected(id)) continue;
+                if (seen.contains(id) || isHiddenLocked(id) || isProtected(id))
+                    continue;
                 const AppAudioState* app = configRowLocked(id);
-                if (!app || isEngaged(*app) || app->directLocked) continue;
+                if (!app || isEngaged(*app) || app->directLocked)
+                    continue;
                 seen.insert(id);
                 candidates.emplace_back(id, app->chain);
             }
@@ -790,10 +870,12 @@ void EngagementEngine::setActiveTriggers(IDSet triggers) {
     for (const auto& [id, chainSettings] : candidates) {
         {
             std::lock_guard guard(lock_);
-            if (tapHandles_.contains(id)) continue;
+            if (tapHandles_.contains(id))
+                continue;
         }
         TapHandlePtr handle = taps_->createTap(id);
-        if (!handle) continue;
+        if (!handle)
+            continue;
         auto chain = makeChain(chainSettings);
         bool stored = false;
         {
@@ -803,7 +885,8 @@ void EngagementEngine::setActiveTriggers(IDSet triggers) {
                 stored = true;
             }
         }
-        if (!stored) taps_->destroyTap(handle);
+        if (!stored)
+            taps_->destroyTap(handle);
     }
 }
 
@@ -832,4 +915,4 @@ std::vector<std::string> EngagementEngine::globalPluginSlotIDs() const {
     return *globalPluginSlotIDs_;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -36,12 +36,12 @@ namespace kavore {
 class RenderChain;
 class GlobalListeningProcessor;
 class SteadyVolume;
-}  // namespace kavore
+} // namespace kavore
 
 namespace tonavi {
 
 class EngagementEngine {
-public:
+  public:
     using IDSet = std::set<std::string, std::less<>>;
     template <class Value> using ByApp = std::map<std::string, Value, std::less<>>;
 
@@ -55,8 +55,8 @@ public:
 
     static constexpr std::size_t healthLogCapacity = 200;
 
-    EngagementEngine(const TonaviConfig& config, std::shared_ptr<TapProviding> taps, AutoDirectList autoDirect,
-                     double sampleRate, bool autoReconcile, Clock clock = {});
+    EngagementEngine(const TonaviConfig& config, std::shared_ptr<TapProviding> taps,
+                     AutoDirectList autoDirect, double sampleRate, bool autoReconcile, Clock clock = {});
     ~EngagementEngine();
     EngagementEngine(const EngagementEngine&) = delete;
     EngagementEngine& operator=(const EngagementEngine&) = delete;
@@ -170,7 +170,7 @@ public:
     std::vector<HealthEvent> healthLog() const;
     std::vector<std::string> globalPluginSlotIDs() const;
 
-private:
+  private:
     struct Snapshot;
     struct RenderContext;
     struct Removed;
@@ -192,7 +192,8 @@ private:
     TapHandlePtr removeTapEntriesLocked(std::string_view bundleID, bool includingLimiter);
     // Stores a fresh handle and makes sure the render state nodes exist, so the audio thread only
     // writes into them and never allocates.
-    void storeTapLocked(const std::string& bundleID, TapHandlePtr handle, std::shared_ptr<kavore::RenderChain> chain);
+    void storeTapLocked(const std::string& bundleID, TapHandlePtr handle,
+                        std::shared_ptr<kavore::RenderChain> chain);
 
     void install(const TonaviConfig& config, const AutoDirectList* autoDirect);
     std::shared_ptr<kavore::RenderChain> makeChain(const kavore::ChainSettings& settings) const;
@@ -218,7 +219,7 @@ private:
     AtomicFlag hardwareSuspended_;
     AtomicFlag shutdownFlag_;
     std::unique_ptr<Ducker> ducker_;
-    mutable std::mutex healthLock_;  // leaf lock around the health log array only
+    mutable std::mutex healthLock_; // leaf lock around the health log array only
     std::deque<HealthEvent> healthLog_;
     IDSet failingTaps_;
     std::optional<IDSet> creationEligibility_;
@@ -254,4 +255,4 @@ private:
     const double smootherCoefficient_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -29,12 +29,14 @@ template <class Now> bool mutedAt(const AppAudioState& app, const Now& now) {
 }
 
 double faderLaw(double v) {
-    if (v <= 0.0) return 0.0;
-    if (v >= 1.0) return 1.0;
+    if (v <= 0.0)
+        return 0.0;
+    if (v >= 1.0)
+        return 1.0;
     return v * v;
 }
 
-}  // namespace
+} // namespace
 
 // Everything one cycle needs, taken under the lock in one hold.
 struct EngagementEngine::RenderContext {
@@ -61,15 +63,17 @@ struct EngagementEngine::RenderContext {
 };
 
 template <class Now>
-void EngagementEngine::fillContextLocked(std::string_view bundleID, const AppAudioState& row, const Now& instant,
-                                         RenderContext& context) const {
+void EngagementEngine::fillContextLocked(std::string_view bundleID, const AppAudioState& row,
+                                         const Now& instant, RenderContext& context) const {
     context.chainActive = !row.chain.isNeutral();
     if (context.chainActive)
-        if (auto it = chains_.find(bundleID); it != chains_.end()) context.chain = it->second;
+        if (auto it = chains_.find(bundleID); it != chains_.end())
+            context.chain = it->second;
     if (auto it = globalListeningProcs_.find(bundleID); it != globalListeningProcs_.end()) {
         const auto& gl = config_.globalListening;
         const bool selected =
-            GlobalListeningPolicy::mayProcess(bundleID, &row, config_.hiddenAppIDs, config_.smart) && gl.enabled &&
+            GlobalListeningPolicy::mayProcess(bundleID, &row, config_.hiddenAppIDs, config_.smart) &&
+            gl.enabled &&
             (!gl.equalizer.isNeutral() || (gl.balancer.enabled && gl.balancer.strengthPercent > 0.1) ||
              !globalPluginSlotIDs_->empty());
         if (selected) {
@@ -79,7 +83,8 @@ void EngagementEngine::fillContextLocked(std::string_view bundleID, const AppAud
     }
     context.steadyOn = row.steadyVolume;
     if (context.steadyOn)
-        if (auto it = steadyProcs_.find(bundleID); it != steadyProcs_.end()) context.steady = it->second;
+        if (auto it = steadyProcs_.find(bundleID); it != steadyProcs_.end())
+            context.steady = it->second;
     context.muted = mutedAt(row, instant);
     context.volume = effectiveVolumeLocked(row);
     context.duckGain = ducker_->currentGain(bundleID);
@@ -91,8 +96,10 @@ void EngagementEngine::fillContextLocked(std::string_view bundleID, const AppAud
     context.inAutoDuck = autoDuckApps_.contains(bundleID);
     context.guardActive = loudnessGuardActive_;
     context.ceiling = loudnessCeilingLinear_;
-    if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end()) context.limiterGR = it->second;
-    if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) context.smoothedGain = it->second;
+    if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end())
+        context.limiterGR = it->second;
+    if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end())
+        context.smoothedGain = it->second;
     context.stride = std::max(inputChannels_, 1);
 }
 
@@ -123,11 +130,13 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
                 hasHandle && mutedAt(*row, instant) ? Disposition::silence : Disposition::passThrough;
         }
         if (disposition == Disposition::process) {
-            if (!row || !hasHandle) return false;
+            if (!row || !hasHandle)
+                return false;
             fillContextLocked(bundleID, *row, instant, context);
         }
     }
-    if (disposition == Disposition::passThrough) return false;
+    if (disposition == Disposition::passThrough)
+        return false;
     if (disposition == Disposition::silence) {
         std::fill(buffer.begin(), buffer.end(), 0.0f);
         return true;
@@ -139,7 +148,8 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
     if (context.global) {
         context.global->processBeforePlugins(buffer);
         if (externalAURender_)
-            for (const auto& slotID : *context.pluginSlotIDs) externalAURender_(slotID, buffer);
+            for (const auto& slotID : *context.pluginSlotIDs)
+                externalAURender_(slotID, buffer);
         context.global->processAfterPlugins(buffer);
     }
     if (context.chain && context.chainActive) {
@@ -154,12 +164,16 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
     // Target gain.
     double target = 0.0;
     if (!context.muted) {
-        target = faderLaw(context.volume);  // volumes above 1.0 add no gain here
+        target = faderLaw(context.volume); // volumes above 1.0 add no gain here
         target *= context.duckGain;
-        if (context.heroIsOther) target *= std::max(context.backgroundGain, 0.0);
-        if (context.softMasterGain != 1.0) target *= std::max(context.softMasterGain, 0.0);
-        if (context.manualDuckDB < 0.0) target *= linearFromDB(context.manualDuckDB);
-        if (context.autoDuckDB < 0.0 && context.inAutoDuck) target *= linearFromDB(context.autoDuckDB);
+        if (context.heroIsOther)
+            target *= std::max(context.backgroundGain, 0.0);
+        if (context.softMasterGain != 1.0)
+            target *= std::max(context.softMasterGain, 0.0);
+        if (context.manualDuckDB < 0.0)
+            target *= linearFromDB(context.manualDuckDB);
+        if (context.autoDuckDB < 0.0 && context.inAutoDuck)
+            target *= linearFromDB(context.autoDuckDB);
     }
 
     // Smoother: a one-pole with an 8 ms time constant, advanced per frame. A new tap has no
@@ -169,18 +183,21 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
         // Unity: the buffer is not touched. The store is skipped when nothing would change.
         if (context.smoothedGain != target) {
             std::lock_guard guard(lock_);
-            if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) it->second = target;
+            if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end())
+                it->second = target;
         }
     } else if (g == target) {
         // Settled: every frame gets the same gain, so the per-frame recurrence is not needed.
         const float gain = static_cast<float>(g);
         if (gain == 0.0f)
-            std::fill(buffer.begin(), buffer.end(), 0.0f);  // silence, even for non-finite input
+            std::fill(buffer.begin(), buffer.end(), 0.0f); // silence, even for non-finite input
         else
-            for (float& sample : buffer) sample *= gain;
+            for (float& sample : buffer)
+                sample *= gain;
         if (context.smoothedGain != g) {
             std::lock_guard guard(lock_);
-            if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) it->second = g;
+            if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end())
+                it->second = g;
         }
         changed = true;
     } else {
@@ -190,14 +207,17 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
             g += step * (target - g);
             const float gain = static_cast<float>(g);
             const std::size_t end = std::min(frame + stride, buffer.size());
-            for (std::size_t i = frame; i < end; ++i) buffer[i] *= gain;
+            for (std::size_t i = frame; i < end; ++i)
+                buffer[i] *= gain;
         }
         // Close enough is exact: a gain that decays towards zero would otherwise stall on the
         // smallest denormal and make every later cycle slow.
-        if (std::abs(g - target) < 1e-12) g = target;
+        if (std::abs(g - target) < 1e-12)
+            g = target;
         {
             std::lock_guard guard(lock_);
-            if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end()) it->second = g;
+            if (auto it = smoothedGain_.find(bundleID); it != smoothedGain_.end())
+                it->second = g;
         }
         changed = true;
     }
@@ -207,19 +227,22 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
         const double gr = applyPeakLimiter(buffer, context.ceiling, context.limiterGR.value_or(1.0),
                                            context.stride, sampleRate_);
         std::lock_guard guard(lock_);
-        if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end()) it->second = gr;
+        if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end())
+            it->second = gr;
         return true;
     }
     if (context.limiterGR.value_or(1.0) != 1.0) {
         std::lock_guard guard(lock_);
-        if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end()) it->second.reset();
+        if (auto it = limiterGR_.find(bundleID); it != limiterGR_.end())
+            it->second.reset();
     }
     return changed;
 }
 
 double EngagementEngine::applyPeakLimiter(std::span<float> buffer, double ceiling, double prior, int stride,
                                           double sampleRate) {
-    if (buffer.empty()) return prior;
+    if (buffer.empty())
+        return prior;
     const double attack = std::exp(-1.0 / (sampleRate * limiterAttackSeconds));
     const double release = std::exp(-1.0 / (sampleRate * limiterReleaseSeconds));
     const std::size_t width = static_cast<std::size_t>(std::max(stride, 1));
@@ -227,37 +250,45 @@ double EngagementEngine::applyPeakLimiter(std::span<float> buffer, double ceilin
     for (std::size_t frame = 0; frame < buffer.size(); frame += width) {
         const std::size_t end = std::min(frame + width, buffer.size());
         double peak = 0.0;
-        for (std::size_t i = frame; i < end; ++i) peak = std::max(peak, std::abs(static_cast<double>(buffer[i])));
+        for (std::size_t i = frame; i < end; ++i)
+            peak = std::max(peak, std::abs(static_cast<double>(buffer[i])));
         const double want = peak > ceiling ? ceiling / peak : 1.0;
         gr += (want < gr ? 1.0 - attack : 1.0 - release) * (want - gr);
         const float gain = static_cast<float>(gr);
-        for (std::size_t i = frame; i < end; ++i) buffer[i] *= gain;
+        for (std::size_t i = frame; i < end; ++i)
+            buffer[i] *= gain;
     }
     return gr;
 }
 
-int EngagementEngine::latencySamples(std::string_view bundleID, int tapBufferFrames, int outputBufferFrames) const {
+int EngagementEngine::latencySamples(std::string_view bundleID, int tapBufferFrames,
+                                     int outputBufferFrames) const {
     std::shared_ptr<kavore::RenderChain> chain;
     std::vector<std::string> slots;
     {
         std::lock_guard guard(lock_);
-        if (!tapHandles_.contains(bundleID)) return 0;
-        if (auto it = chains_.find(bundleID); it != chains_.end()) chain = it->second;
+        if (!tapHandles_.contains(bundleID))
+            return 0;
+        if (auto it = chains_.find(bundleID); it != chains_.end())
+            chain = it->second;
         if (GlobalListeningPolicy::mayProcess(bundleID, managedAppLocked(bundleID), config_.hiddenAppIDs,
                                               config_.smart))
             slots = *globalPluginSlotIDs_;
     }
     int total = tapBufferFrames + outputBufferFrames;
-    if (chain) total += chain->latencySamples();
+    if (chain)
+        total += chain->latencySamples();
     if (externalAULatency_)
-        for (const auto& slot : slots) total += externalAULatency_(slot);
+        for (const auto& slot : slots)
+            total += externalAULatency_(slot);
     return total;
 }
 
 std::optional<TapWorkerState> EngagementEngine::tapWorkerState(std::string_view bundleID) const {
     std::lock_guard guard(lock_);
     const AppAudioState* row = managedAppLocked(bundleID);
-    if (!row) return std::nullopt;
+    if (!row)
+        return std::nullopt;
 
     TapWorkerState state;
     state.currentDefaultOutputUID = currentDefaultOutputUID_;
@@ -322,4 +353,4 @@ std::optional<double> EngagementEngine::limiterGR(std::string_view bundleID) con
     return it == limiterGR_.end() ? std::nullopt : it->second;
 }
 
-}  // namespace tonavi
+} // namespace tonavi

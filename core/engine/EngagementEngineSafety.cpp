@@ -11,9 +11,11 @@ void EngagementEngine::log(const std::string& kind, const std::string& detail) {
     {
         std::lock_guard guard(healthLock_);
         healthLog_.push_back(event);
-        while (healthLog_.size() > healthLogCapacity) healthLog_.pop_front();
+        while (healthLog_.size() > healthLogCapacity)
+            healthLog_.pop_front();
     }
-    if (onHealthEvent_) onHealthEvent_(event);
+    if (onHealthEvent_)
+        onHealthEvent_(event);
 }
 
 std::vector<HealthEvent> EngagementEngine::healthLog() const {
@@ -33,10 +35,13 @@ void EngagementEngine::setStageMode(bool on) {
         if (on) {
             soloAppIDs_.reset();
             std::vector<std::string> ids;
-            for (const auto& entry : tapHandles_) ids.push_back(entry.first);
+            for (const auto& entry : tapHandles_)
+                ids.push_back(entry.first);
             for (const auto& id : ids) {
-                if (holdsMuteLocked(id)) ++mutedCount;
-                if (auto handle = removeTapEntriesLocked(id, false)) handles.push_back(std::move(handle));
+                if (holdsMuteLocked(id))
+                    ++mutedCount;
+                if (auto handle = removeTapEntriesLocked(id, false))
+                    handles.push_back(std::move(handle));
                 failingTaps_.erase(id);
             }
         }
@@ -60,16 +65,18 @@ void EngagementEngine::releaseAllTapsForShutdown() {
     {
         std::lock_guard guard(lock_);
         std::vector<std::string> ids;
-        for (const auto& entry : tapHandles_) ids.push_back(entry.first);
+        for (const auto& entry : tapHandles_)
+            ids.push_back(entry.first);
         for (const auto& id : ids) {
-            if (auto handle = removeTapEntriesLocked(id, false)) handles.push_back(std::move(handle));
+            if (auto handle = removeTapEntriesLocked(id, false))
+                handles.push_back(std::move(handle));
             failingTaps_.erase(id);
         }
     }
     taps_->destroyTaps(handles);
-    log("shutdown", handles.empty() ? std::string("no taps to release")
-                                    : "released " + std::to_string(handles.size()) +
-                                          " tap(s); audio returns to the OS");
+    log("shutdown", handles.empty()
+                        ? std::string("no taps to release")
+                        : "released " + std::to_string(handles.size()) + " tap(s); audio returns to the OS");
 }
 
 void EngagementEngine::releaseTap(const std::string& bundleID, const std::string& reason,
@@ -80,11 +87,13 @@ void EngagementEngine::releaseTap(const std::string& bundleID, const std::string
         if (expectedHandle) {
             // A late death notice of a replaced handle must not take down its replacement.
             auto it = tapHandles_.find(bundleID);
-            if (it == tapHandles_.end() || it->second != expectedHandle) return;
+            if (it == tapHandles_.end() || it->second != expectedHandle)
+                return;
         }
         handle = removeTapEntriesLocked(bundleID, true);
     }
-    if (!handle) return;
+    if (!handle)
+        return;
     taps_->destroyTap(handle);
     log("tap-released", bundleID + " released: " + reason);
 }
@@ -105,7 +114,8 @@ void EngagementEngine::autoRevert(const std::string& bundleID, const std::string
             upsertRowLocked(row);
         }
     }
-    if (handle) taps_->destroyTap(handle);
+    if (handle)
+        taps_->destroyTap(handle);
     log("auto-revert", bundleID + " reverted to direct: " + reason);
 }
 
@@ -138,10 +148,12 @@ void EngagementEngine::autoRevertAUSlot(const std::string& slotID, const std::st
             recomputePluginSlotIDsLocked();
         }
     }
-    if (!owner) return;
+    if (!owner)
+        return;
     log("au-crash", *owner + ": " + reason);
     // Chains pick up the bypass at the next pass; the system chain is not the engine's.
-    if (!systemSlot) requestReconcile();
+    if (!systemSlot)
+        requestReconcile();
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -6,8 +6,9 @@
 namespace tonavi {
 
 inline double linearFromDB(double db) {
-    if (!(db > -120.0)) return 0.0;
+    if (!(db > -120.0))
+        return 0.0;
     return std::pow(10.0, db / 20.0);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

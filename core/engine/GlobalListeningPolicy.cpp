@@ -14,19 +14,25 @@ bool contains(const std::vector<std::string>& list, std::string_view id) {
     return std::find(list.begin(), list.end(), id) != list.end();
 }
 
-}  // namespace
+} // namespace
 
-bool mayProcess(std::string_view bundleID, const AppAudioState* app, const std::vector<std::string>& hiddenAppIDs,
-                const SmartSettings& smart) {
-    if (!TonaviTapSafety::mayCapture(bundleID)) return false;
-    if (contains(hiddenAppIDs, bundleID)) return false;
-    if (contains(smart.leaveAloneBundleIDs, bundleID)) return false;
+bool mayProcess(std::string_view bundleID, const AppAudioState* app,
+                const std::vector<std::string>& hiddenAppIDs, const SmartSettings& smart) {
+    if (!TonaviTapSafety::mayCapture(bundleID))
+        return false;
+    if (contains(hiddenAppIDs, bundleID))
+        return false;
+    if (contains(smart.leaveAloneBundleIDs, bundleID))
+        return false;
     const bool latencySensitive = LatencySensitiveAppPolicy::prefersDirectSoftMaster(bundleID);
-    if (smart.protectMusicApps && latencySensitive) return false;
-    if (app && (app->directLocked || app->chain.bypassed)) return false;
-    if (!latencySensitive) return true;
+    if (smart.protectMusicApps && latencySensitive)
+        return false;
+    if (app && (app->directLocked || app->chain.bypassed))
+        return false;
+    if (!latencySensitive)
+        return true;
     // A latency-sensitive app gets the treatment only when the user asked for control.
     return app && EngagementEngine::isEngaged(*app);
 }
 
-}  // namespace tonavi::GlobalListeningPolicy
+} // namespace tonavi::GlobalListeningPolicy

@@ -12,7 +12,7 @@
 namespace tonavi::GlobalListeningPolicy {
 
 // `app` may be null when the app has no row.
-bool mayProcess(std::string_view bundleID, const AppAudioState* app, const std::vector<std::string>& hiddenAppIDs,
-                const SmartSettings& smart);
+bool mayProcess(std::string_view bundleID, const AppAudioState* app,
+                const std::vector<std::string>& hiddenAppIDs, const SmartSettings& smart);
 
-}  // namespace tonavi::GlobalListeningPolicy
+} // namespace tonavi::GlobalListeningPolicy

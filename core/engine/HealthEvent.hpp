@@ -7,8 +7,8 @@
 namespace tonavi {
 
 struct HealthEvent {
-    std::string id;  // a fresh UUID
-    double at = 0;   // seconds since 1970
+    std::string id; // a fresh UUID
+    double at = 0;  // seconds since 1970
     std::string kind;
     std::string detail;
 
@@ -19,4 +19,4 @@ struct HealthEvent {
 void to_json(nlohmann::json& json, const HealthEvent& event);
 void from_json(const nlohmann::json& json, HealthEvent& event);
 
-}  // namespace tonavi
+} // namespace tonavi

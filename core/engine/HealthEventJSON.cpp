@@ -16,4 +16,4 @@ void from_json(const nlohmann::json& json, HealthEvent& event) {
     event.detail = json.at("detail").get<std::string>();
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -8,13 +8,31 @@ namespace tonavi::LatencySensitiveAppPolicy {
 namespace {
 
 constexpr std::array<std::string_view, 20> markers{
-    "pianoteq",   "mainstage",     "logic10",       "garageband",         "ableton",
-    "reaper",     "cubase",        "studioone",     "protools",           "pro.tools",
-    "bitwig",     "flstudio",      "image-line",    "reasonstudios",      "ardour",
-    "tracktion.waveform", "digitalperformer", "harrison.mixbus", "native-instruments", "kontakt",
+    "pianoteq",
+    "mainstage",
+    "logic10",
+    "garageband",
+    "ableton",
+    "reaper",
+    "cubase",
+    "studioone",
+    "protools",
+    "pro.tools",
+    "bitwig",
+    "flstudio",
+    "image-line",
+    "reasonstudios",
+    "ardour",
+    "tracktion.waveform",
+    "digitalperformer",
+    "harrison.mixbus",
+    "native-instruments",
+    "kontakt",
 };
 
-char lowerASCII(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
+char lowerASCII(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 // `needle` is already lower case.
 bool containsLowercased(std::string_view haystack, std::string_view needle) {
@@ -23,11 +41,11 @@ bool containsLowercased(std::string_view haystack, std::string_view needle) {
     return it != haystack.end();
 }
 
-}  // namespace
+} // namespace
 
 bool prefersDirectSoftMaster(std::string_view bundleID) {
     return std::any_of(markers.begin(), markers.end(),
                        [&](std::string_view marker) { return containsLowercased(bundleID, marker); });
 }
 
-}  // namespace tonavi::LatencySensitiveAppPolicy
+} // namespace tonavi::LatencySensitiveAppPolicy

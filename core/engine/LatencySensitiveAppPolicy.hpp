@@ -10,4 +10,4 @@ namespace tonavi::LatencySensitiveAppPolicy {
 // Allocation-free: the render path asks this every cycle.
 bool prefersDirectSoftMaster(std::string_view bundleID);
 
-}  // namespace tonavi::LatencySensitiveAppPolicy
+} // namespace tonavi::LatencySensitiveAppPolicy

@@ -2,10 +2,13 @@
 
 namespace tonavi {
 
-void TapProviding::retireReplacedTap(const TapHandlePtr& handle) { destroyTap(handle); }
-
-void TapProviding::destroyTaps(const std::vector<TapHandlePtr>& handles) {
-    for (const auto& handle : handles) destroyTap(handle);
+void TapProviding::retireReplacedTap(const TapHandlePtr& handle) {
+    destroyTap(handle);
 }
 
-}  // namespace tonavi
+void TapProviding::destroyTaps(const std::vector<TapHandlePtr>& handles) {
+    for (const auto& handle : handles)
+        destroyTap(handle);
+}
+
+} // namespace tonavi

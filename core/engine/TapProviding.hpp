@@ -10,14 +10,14 @@ namespace tonavi {
 
 // Base of every provider's handle object. Identity (the pointer) is all the engine relies on.
 class TapHandle {
-public:
+  public:
     virtual ~TapHandle() = default;
 };
 
 using TapHandlePtr = std::shared_ptr<TapHandle>;
 
 class TapProviding {
-public:
+  public:
     virtual ~TapProviding() = default;
 
     // Blocking, may take seconds. Returns null on any failure.
@@ -31,4 +31,4 @@ public:
     virtual void destroyTaps(const std::vector<TapHandlePtr>& handles);
 };
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -39,4 +39,4 @@ struct TapWorkerState {
 void to_json(nlohmann::json& json, const TapWorkerState& state);
 void from_json(const nlohmann::json& json, TapWorkerState& state);
 
-}  // namespace tonavi
+} // namespace tonavi

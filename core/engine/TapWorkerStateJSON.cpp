@@ -11,7 +11,8 @@ namespace {
 
 const nlohmann::json& required(const nlohmann::json& json, const char* key) {
     auto it = json.find(key);
-    if (it == json.end()) throw ConfigDecodeError(std::string("tap worker state lacks \"") + key + "\"");
+    if (it == json.end())
+        throw ConfigDecodeError(std::string("tap worker state lacks \"") + key + "\"");
     return *it;
 }
 
@@ -23,7 +24,7 @@ template <class T> T read(const nlohmann::json& json, const char* key) {
     }
 }
 
-}  // namespace
+} // namespace
 
 void to_json(nlohmann::json& json, const TapWorkerState& state) {
     json = nlohmann::json::object();
@@ -31,7 +32,8 @@ void to_json(nlohmann::json& json, const TapWorkerState& state) {
     json["currentDefaultOutputUID"] = state.currentDefaultOutputUID;
     json["sampleRate"] = state.sampleRate;
     json["stageMode"] = state.stageMode;
-    if (state.followMeHero) json["followMeHero"] = *state.followMeHero;
+    if (state.followMeHero)
+        json["followMeHero"] = *state.followMeHero;
     json["followMeBackgroundGain"] = state.followMeBackgroundGain;
     json["softMasterGain"] = state.softMasterGain;
     json["manualDuckDB"] = state.manualDuckDB;
@@ -45,7 +47,8 @@ void to_json(nlohmann::json& json, const TapWorkerState& state) {
 }
 
 void from_json(const nlohmann::json& json, TapWorkerState& state) {
-    if (!json.is_object()) throw ConfigDecodeError("tap worker state is not an object");
+    if (!json.is_object())
+        throw ConfigDecodeError("tap worker state is not an object");
     TapWorkerState out;
     try {
         required(json, "app").get_to(out.app);
@@ -60,15 +63,18 @@ void from_json(const nlohmann::json& json, TapWorkerState& state) {
     out.followMeBackgroundGain = read<double>(json, "followMeBackgroundGain");
     out.softMasterGain = read<double>(json, "softMasterGain");
     out.manualDuckDB = read<double>(json, "manualDuckDB");
-    for (const auto& id : read<std::vector<std::string>>(json, "autoDuckApps")) out.autoDuckApps.insert(id);
+    for (const auto& id : read<std::vector<std::string>>(json, "autoDuckApps"))
+        out.autoDuckApps.insert(id);
     out.autoDuckDB = read<double>(json, "autoDuckDB");
     out.loudnessGuardActive = read<bool>(json, "loudnessGuardActive");
     out.loudnessGuardCeilingDBFS = read<double>(json, "loudnessGuardCeilingDBFS");
     out.globalListening = kavore::globalListeningSettingsFromJSON(required(json, "globalListening"));
     const auto& rules = required(json, "duckRules");
-    if (!rules.is_array()) throw ConfigDecodeError("tap worker state has a bad \"duckRules\"");
+    if (!rules.is_array())
+        throw ConfigDecodeError("tap worker state has a bad \"duckRules\"");
     try {
-        for (const auto& rule : rules) out.duckRules.push_back(rule.get<AutoDuckRule>());
+        for (const auto& rule : rules)
+            out.duckRules.push_back(rule.get<AutoDuckRule>());
     } catch (const nlohmann::json::exception&) {
         throw ConfigDecodeError("tap worker state has a bad \"duckRules\"");
     }
@@ -77,4 +83,4 @@ void from_json(const nlohmann::json& json, TapWorkerState& state) {
     state = std::move(out);
 }
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -11,8 +11,9 @@ const std::set<std::string, std::less<>>& blockedBundleIDs() {
 }
 
 bool mayCapture(std::string_view bundleID) {
-    if (blockedBundleIDs().contains(bundleID)) return false;
+    if (blockedBundleIDs().contains(bundleID))
+        return false;
     return !bundleID.starts_with("com.rogueamoeba.");
 }
 
-}  // namespace tonavi::TonaviTapSafety
+} // namespace tonavi::TonaviTapSafety

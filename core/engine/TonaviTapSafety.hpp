@@ -11,4 +11,4 @@ namespace tonavi::TonaviTapSafety {
 const std::set<std::string, std::less<>>& blockedBundleIDs();
 bool mayCapture(std::string_view bundleID);
 
-}  // namespace tonavi::TonaviTapSafety
+} // namespace tonavi::TonaviTapSafety

@@ -26,17 +26,17 @@ AutoDuckRule rule(std::string trigger, std::vector<std::string> ducked, double d
 TEST(Ducker, RampsDownLinearlyOverEightyMillisecondsAndRecoversOverTheRuleTime) {
     Ducker ducker({rule("voice", {"music"}, -20.0, 900.0)}, rate);
     ducker.setActiveTriggers({"voice"});
-    EXPECT_DOUBLE_EQ(ducker.currentGain("music"), 1.0);  // setting triggers moves nothing
+    EXPECT_DOUBLE_EQ(ducker.currentGain("music"), 1.0); // setting triggers moves nothing
 
     ducker.advance(1920.0);
     EXPECT_NEAR(ducker.currentGain("music"), 0.55, 1e-12);
     ducker.advance(1920.0);
     EXPECT_NEAR(ducker.currentGain("music"), 0.1, 1e-12);
-    ducker.advance(1920.0);  // never overshoots
+    ducker.advance(1920.0); // never overshoots
     EXPECT_NEAR(ducker.currentGain("music"), 0.1, 1e-12);
 
     ducker.setActiveTriggers({});
-    ducker.advance(4320.0);  // a tenth of 900 ms: a tenth of the range
+    ducker.advance(4320.0); // a tenth of 900 ms: a tenth of the range
     EXPECT_NEAR(ducker.currentGain("music"), 0.19, 1e-12);
     ducker.advance(1e9);
     EXPECT_DOUBLE_EQ(ducker.currentGain("music"), 1.0);
@@ -50,7 +50,7 @@ TEST(Ducker, TriggerEndingMidAttackReversesFromWhereItStandsAtTheRecoveryRate) {
     ducker.setActiveTriggers({});
     ducker.advance(4320.0);
     EXPECT_NEAR(ducker.currentGain("music"), 0.64, 1e-12);
-    ducker.advance(-500.0);  // negative counts are nothing
+    ducker.advance(-500.0); // negative counts are nothing
     EXPECT_NEAR(ducker.currentGain("music"), 0.64, 1e-12);
 }
 
@@ -77,7 +77,7 @@ TEST(Ducker, DisabledRulesDoNotDuckButStillSetRangeAndRecoveryOfTheirApps) {
     const double sixDB = 0.501187233627272;
     EXPECT_NEAR(ducker.currentGain("music"), sixDB, 1e-12);
     ducker.setActiveTriggers({});
-    ducker.advance(2400.0);  // half of 100 ms: half the 0.9 range
+    ducker.advance(2400.0); // half of 100 ms: half the 0.9 range
     EXPECT_NEAR(ducker.currentGain("music"), sixDB + 0.45, 1e-12);
 }
 
@@ -87,7 +87,7 @@ TEST(Ducker, ZeroDepthAndZeroRecoveryEdges) {
     flat.advance(128.0);
     EXPECT_DOUBLE_EQ(flat.currentGain("music"), 1.0);
     EXPECT_TRUE(flat.hasGainEntry("music"));
-    EXPECT_FALSE(flat.hasGainEntry("other"));  // never named by a rule
+    EXPECT_FALSE(flat.hasGainEntry("other")); // never named by a rule
 
     // A recovery under one frame steps by range x frames: back in one cycle.
     Ducker instant({rule("voice", {"music"}, -20.0, 0.0)}, rate);
@@ -102,12 +102,12 @@ TEST(Ducker, ZeroDepthAndZeroRecoveryEdges) {
 TEST(Ducker, HostTimeGuardIgnoresRepeatedAndBackwardTimesAndLimitsToElapsedFrames) {
     Ducker ducker({rule("voice", {"music"}, -20.0, 900.0)}, rate);
     ducker.setActiveTriggers({"voice"});
-    ducker.advance(384, 10.0);  // first call: the full count
+    ducker.advance(384, 10.0); // first call: the full count
     const double afterFirst = 1.0 - 0.9 * 384.0 / 3840.0;
     EXPECT_NEAR(ducker.currentGain("music"), afterFirst, 1e-12);
 
-    ducker.advance(384, 10.0);  // a second caller in the same cycle
-    ducker.advance(384, 9.5);   // a clock that ran backward
+    ducker.advance(384, 10.0); // a second caller in the same cycle
+    ducker.advance(384, 9.5);  // a clock that ran backward
     EXPECT_NEAR(ducker.currentGain("music"), afterFirst, 1e-12);
     EXPECT_EQ(ducker.lastHostTimeSeconds(), 10.0);
 
@@ -121,5 +121,5 @@ TEST(Ducker, HostTimeGuardIgnoresRepeatedAndBackwardTimesAndLimitsToElapsedFrame
     EXPECT_EQ(ducker.lastHostTimeSeconds(), 10.0 + 96.0 / rate);
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

@@ -27,7 +27,8 @@ struct EngineHarness {
     std::shared_ptr<double> clock = std::make_shared<double>(1'700'000'000.0);
     std::unique_ptr<EngagementEngine> engine;
 
-    explicit EngineHarness(const TonaviConfig& config, bool autoReconcile = true, double sampleRate = 48000.0) {
+    explicit EngineHarness(const TonaviConfig& config, bool autoReconcile = true,
+                           double sampleRate = 48000.0) {
         auto now = clock;
         engine = std::make_unique<EngagementEngine>(config, taps, AutoDirectList::bundled(), sampleRate,
                                                     autoReconcile, [now] { return *now; });
@@ -35,7 +36,8 @@ struct EngineHarness {
 
     std::vector<std::string> kinds() const {
         std::vector<std::string> out;
-        for (const auto& event : engine->healthLog()) out.push_back(event.kind);
+        for (const auto& event : engine->healthLog())
+            out.push_back(event.kind);
         return out;
     }
 };
@@ -45,4 +47,4 @@ inline std::vector<float> constantBuffer(std::size_t frames, float value) {
     return std::vector<float>(frames * 2, value);
 }
 
-}  // namespace tonavi::testing
+} // namespace tonavi::testing

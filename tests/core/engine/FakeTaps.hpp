@@ -23,7 +23,7 @@ struct FakeHandle : TapHandle {
 };
 
 class FakeTaps : public TapProviding {
-public:
+  public:
     TapHandlePtr createTap(const std::string& bundleID) override {
         std::unique_lock guard(mutex_);
         ++createCalls_[bundleID];
@@ -31,9 +31,12 @@ public:
         const auto delay = delay_;
         const auto hook = onCreate;
         guard.unlock();
-        if (delay.count() > 0) std::this_thread::sleep_for(delay);  // a worker that starts slowly
-        if (hook) hook(bundleID);
-        if (fail) return nullptr;
+        if (delay.count() > 0)
+            std::this_thread::sleep_for(delay); // a worker that starts slowly
+        if (hook)
+            hook(bundleID);
+        if (fail)
+            return nullptr;
         guard.lock();
         return created_.emplace_back(std::make_shared<FakeHandle>(bundleID));
     }
@@ -85,7 +88,7 @@ public:
         return std::all_of(destroyed_.begin(), destroyed_.end(), [](const auto& e) { return e.second <= 1; });
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::set<std::string> failing_;
     std::chrono::microseconds delay_{0};
@@ -95,4 +98,4 @@ private:
     int retired_ = 0;
 };
 
-}  // namespace tonavi::testing
+} // namespace tonavi::testing

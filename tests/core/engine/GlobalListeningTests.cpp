@@ -49,22 +49,24 @@ kavore::EffectSlot pluginSlot(const std::string& id) {
 
 TEST(GlobalListeningRender, PluginBridgeRunsBetweenTheHalvesAndCountsInLatency) {
     TonaviConfig config = configWith({appRow("a"), appRow("com.ableton.live", 0.5)});
-    config.globalListening = kavore::GlobalListeningSettings(true, kavore::ListeningEQSettings::flat(), {},
-                                                             {pluginSlot("GL1")});
+    config.globalListening =
+        kavore::GlobalListeningSettings(true, kavore::ListeningEQSettings::flat(), {}, {pluginSlot("GL1")});
     EngineHarness h(config, false);
     std::vector<std::string> rendered;
     h.engine->setExternalAURender([&](const std::string& slotID, std::span<float> buffer) {
         rendered.push_back(slotID);
-        for (float& sample : buffer) sample *= 0.5f;
+        for (float& sample : buffer)
+            sample *= 0.5f;
     });
     h.engine->setExternalAULatency([](const std::string&) { return 64; });
     h.engine->setForceEngaged({"a"}, {});
     EXPECT_EQ(h.engine->globalPluginSlotIDs(), std::vector<std::string>{"GL1"});
 
     auto buffer = constantBuffer(16, 0.4f);
-    EXPECT_TRUE(h.engine->render("a", buffer));  // unity app, but the global treatment ran
+    EXPECT_TRUE(h.engine->render("a", buffer)); // unity app, but the global treatment ran
     EXPECT_EQ(rendered, std::vector<std::string>{"GL1"});
-    for (float sample : buffer) EXPECT_NEAR(sample, 0.2f, 1e-6);
+    for (float sample : buffer)
+        EXPECT_NEAR(sample, 0.2f, 1e-6);
     EXPECT_EQ(h.engine->latencySamples("a", 256, 128), 256 + 128 + 64);
 
     // A protected production tool renders without it and pays no plug-in latency.
@@ -85,8 +87,8 @@ TEST(GlobalListeningRender, PluginBridgeRunsBetweenTheHalvesAndCountsInLatency) 
 }
 
 TEST(GlobalListeningRender, EqualizerBoostReachesTheSignal) {
-    kavore::ListeningEQSettings eq(
-        std::vector<kavore::ListeningEQBand>{{"bell", kavore::ListeningFilterKind::bell, 1000.0, 6.0, 1.0, true}});
+    kavore::ListeningEQSettings eq(std::vector<kavore::ListeningEQBand>{
+        {"bell", kavore::ListeningFilterKind::bell, 1000.0, 6.0, 1.0, true}});
     TonaviConfig config = configWith({appRow("a")});
     config.globalListening = kavore::GlobalListeningSettings(true, eq, {}, {});
     EngineHarness h(config, false);
@@ -101,10 +103,11 @@ TEST(GlobalListeningRender, EqualizerBoostReachesTheSignal) {
             buffer[2 * i] = buffer[2 * i + 1] = static_cast<float>(0.1 * std::sin(w * (cycle * 128 + i)));
         EXPECT_TRUE(h.engine->render("a", buffer));
         if (cycle >= 30)
-            for (float sample : buffer) peak = std::max(peak, static_cast<double>(std::abs(sample)));
+            for (float sample : buffer)
+                peak = std::max(peak, static_cast<double>(std::abs(sample)));
     }
     EXPECT_NEAR(peak, 0.1 * std::pow(10.0, 6.0 / 20.0), 0.003);
 }
 
-}  // namespace
-}  // namespace tonavi::testing
+} // namespace
+} // namespace tonavi::testing

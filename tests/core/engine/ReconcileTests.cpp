@@ -8,12 +8,12 @@ namespace {
 using IDs = std::vector<std::string>;
 
 TEST(EngagementRules, IsEngagedTolerancesAndDirectLockPrecedence) {
-    AppAudioState row = appRow("a", 0.99995);  // within the tolerance
+    AppAudioState row = appRow("a", 0.99995); // within the tolerance
     EXPECT_FALSE(EngagementEngine::isEngaged(row));
     row.volumePerDevice = {{"spk", 1.0}, {"hdp", 0.9998}};
     EXPECT_TRUE(EngagementEngine::isEngaged(row));
     row.controlAttached = true;
-    row.directLocked = true;  // wins over everything
+    row.directLocked = true; // wins over everything
     EXPECT_FALSE(EngagementEngine::isEngaged(row));
 }
 
@@ -37,7 +37,7 @@ TEST(EngagementRules, SanitizedDropsProtectedAppsEverywhere) {
 TEST(Reconcile, NeutralAppsAreNeverTappedEvenWhenEligible) {
     AppAudioState lockedMuted = appRow("locked");
     lockedMuted.directLocked = true;
-    lockedMuted.muted = true;  // but muteWhileBypassed is off: direct and audible
+    lockedMuted.muted = true; // but muteWhileBypassed is off: direct and audible
     EngineHarness h(configWith({appRow("neutral"), lockedMuted}), false);
     h.engine->setCreationEligibility(EngagementEngine::IDSet{"neutral", "locked"});
     h.engine->reconcile();
@@ -64,7 +64,7 @@ TEST(Reconcile, MutedAppThatNeverPlayedWaitsForEligibilityThenIsTappedAndSilence
     ASSERT_TRUE(h.engine->hasTap("a"));
     auto buffer = constantBuffer(64, 0.8f);
     EXPECT_TRUE(h.engine->render("a", buffer));
-    EXPECT_EQ(buffer, constantBuffer(64, 0.0f));  // a new tap starts at its target: no fade-in
+    EXPECT_EQ(buffer, constantBuffer(64, 0.0f)); // a new tap starts at its target: no fade-in
 }
 
 TEST(Reconcile, DirectLockedKeepsATapOnlyToHoldItsMute) {
@@ -78,7 +78,7 @@ TEST(Reconcile, DirectLockedKeepsATapOnlyToHoldItsMute) {
     EXPECT_EQ(buffer, constantBuffer(8, 0.0f));
 
     row.muteWhileBypassed = false;
-    row.muted = true;  // muted, but locked direct without the bypass mute: audible
+    row.muted = true; // muted, but locked direct without the bypass mute: audible
     h.engine->updateApp(row);
     EXPECT_FALSE(h.engine->hasTap("a"));
     EXPECT_EQ(h.taps->liveCount(), 0);
@@ -120,20 +120,21 @@ TEST(Reconcile, HardwareSuspensionReleasesEverythingWithoutCountingFailures) {
     EXPECT_TRUE(h.engine->failingBundleIDs().empty());
     EXPECT_TRUE(h.engine->healthLog().empty());
 
-    h.engine->setHardwareSuspended(false);  // settings were kept: both come back
+    h.engine->setHardwareSuspended(false); // settings were kept: both come back
     EXPECT_EQ(h.engine->engagedBundleIDs(), (IDs{"a", "m"}));
 }
 
 TEST(Reconcile, FailingCreateLogsOneFailureEdgeAndOneRecoveryEdge) {
     EngineHarness h(configWith({appRow("a", 0.5)}), false);
     h.taps->failAlways("a", true);
-    for (int i = 0; i < 3; ++i) h.engine->reconcile();
+    for (int i = 0; i < 3; ++i)
+        h.engine->reconcile();
     EXPECT_EQ(h.taps->createCalls("a"), 3);
     EXPECT_TRUE(h.engine->hasControlFailure("a"));
     ASSERT_EQ(h.engine->healthLog().size(), 1u);
     EXPECT_EQ(h.engine->healthLog()[0].kind, "tap-failure");
     EXPECT_EQ(h.engine->healthLog()[0].detail, "could not create tap for a; staying direct");
-    EXPECT_EQ(h.engine->managedApp("a")->volume, 0.5);  // the row is never touched
+    EXPECT_EQ(h.engine->managedApp("a")->volume, 0.5); // the row is never touched
 
     h.taps->failAlways("a", false);
     h.engine->reconcile();
@@ -187,7 +188,7 @@ TEST(Reconcile, ForceEngagedAppsGetEphemeralRowsAndUnchangedSetsRequestNothing) 
     EXPECT_EQ(h.engine->engagedBundleIDs(), (IDs{"configured", "guest"}));
     EXPECT_EQ(h.engine->ephemeralAppIDs(), IDs{"guest"});
     EXPECT_EQ(h.engine->managedApp("guest")->displayName, "Guest App");
-    EXPECT_FALSE(h.engine->config().app("guest"));  // never persisted
+    EXPECT_FALSE(h.engine->config().app("guest")); // never persisted
 
     h.engine->setForceEngaged({"configured", "guest"}, {});
     EXPECT_EQ(requests, 1);
@@ -245,7 +246,7 @@ TEST(Routing, EffectiveVolumeFollowsTheDefaultOutputAndLanesProtectTheirDevice) 
     EXPECT_EQ(h.engine->defaultOutputChanged("speakers"), IDs{"music"});
 
     EXPECT_EQ(h.engine->routeFor("daw"), "interface");
-    EXPECT_EQ(h.engine->routeFor("video"), "");  // unlocked lane: follows the default
+    EXPECT_EQ(h.engine->routeFor("video"), ""); // unlocked lane: follows the default
     EXPECT_EQ(h.engine->routeFor("routed"), "usb");
     EXPECT_EQ(h.engine->routeFor("hiddenApp"), "");
     EXPECT_EQ(h.engine->deviceReconnected("interface"), IDs{"daw"});
@@ -309,5 +310,5 @@ TEST(Ducking, ActiveTriggerOpensTapsForUnengagedDuckedApps) {
     EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
 }
 
-}  // namespace
-}  // namespace tonavi::testing
+} // namespace
+} // namespace tonavi::testing

@@ -12,10 +12,12 @@ namespace {
 float firstCycleGain(const TonaviConfig& config, const std::string& id,
                      const std::function<void(EngagementEngine&)>& setup = {}) {
     EngineHarness h(config);
-    if (setup) setup(*h.engine);
+    if (setup)
+        setup(*h.engine);
     auto buffer = constantBuffer(32, 1.0f);
     h.engine->render(id, buffer);
-    for (float sample : buffer) EXPECT_EQ(sample, buffer[0]) << "the first cycle must not ramp";
+    for (float sample : buffer)
+        EXPECT_EQ(sample, buffer[0]) << "the first cycle must not ramp";
     return buffer[0];
 }
 
@@ -30,8 +32,9 @@ TEST(Render, FirstCycleStartsAtTargetAndUnityIsBitExact) {
     EXPECT_EQ(h.engine->smoothedGain("half"), 0.25);
 
     std::vector<float> samples(256);
-    for (std::size_t i = 0; i < samples.size(); ++i) samples[i] = std::sin(0.37f * i) * 0.9f;
-    samples[7] = 1e-42f;  // a denormal survives untouched as well
+    for (std::size_t i = 0; i < samples.size(); ++i)
+        samples[i] = std::sin(0.37f * i) * 0.9f;
+    samples[7] = 1e-42f; // a denormal survives untouched as well
     const auto original = samples;
     EXPECT_FALSE(h.engine->render("unity", samples));
     EXPECT_EQ(std::memcmp(samples.data(), original.data(), samples.size() * sizeof(float)), 0);
@@ -52,22 +55,23 @@ TEST(Render, MuteRampsToZeroWithAnEightMillisecondTimeConstant) {
     AppAudioState muted = appRow("a", 0.5);
     muted.muted = true;
     h.engine->updateApp(muted);
-    EXPECT_TRUE(h.engine->hasTap("a"));  // the tap stays until released
+    EXPECT_TRUE(h.engine->hasTap("a")); // the tap stays until released
 
-    auto buffer = constantBuffer(1920, 1.0f);  // 40 ms at 48 kHz
+    auto buffer = constantBuffer(1920, 1.0f); // 40 ms at 48 kHz
     EXPECT_TRUE(h.engine->render("a", buffer));
     // One pole from 0.25 towards 0: after n frames 0.25 x exp(-n / 384).
     for (std::size_t n : {1u, 100u, 384u, 1000u, 1920u})
         EXPECT_NEAR(buffer[(n - 1) * 2], 0.25 * std::exp(-static_cast<double>(n) / 384.0), 1e-6) << n;
-    EXPECT_EQ(buffer[0], buffer[1]);  // both channels of a frame share the gain
-    for (std::size_t i = 2; i < buffer.size(); i += 2) ASSERT_LT(buffer[i], buffer[i - 2]);  // no click
+    EXPECT_EQ(buffer[0], buffer[1]); // both channels of a frame share the gain
+    for (std::size_t i = 2; i < buffer.size(); i += 2)
+        ASSERT_LT(buffer[i], buffer[i - 2]); // no click
 }
 
 TEST(Render, NearUnitySmootherKeepsMultiplyingUntilItSettles) {
-    EngineHarness h(configWith({appRow("a", 0.999)}));  // target 0.998001
+    EngineHarness h(configWith({appRow("a", 0.999)})); // target 0.998001
     auto warm = constantBuffer(16, 1.0f);
     h.engine->render("a", warm);
-    h.engine->setForceEngaged({"a"}, {});  // keeps the tap once the row is back at unity
+    h.engine->setForceEngaged({"a"}, {}); // keeps the tap once the row is back at unity
     h.engine->updateApp(appRow("a", 1.0));
     auto buffer = constantBuffer(16, 1.0f);
     EXPECT_TRUE(h.engine->render("a", buffer));
@@ -88,25 +92,27 @@ TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
     // Volumes above unity add nothing; the law squares the fader.
     EXPECT_FLOAT_EQ(firstCycleGain(configWith({appRow("a", 0.8)}), "a"), 0.64f);
 
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }), 0.1f);
+    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }),
+                    0.1f);
     EXPECT_FLOAT_EQ(firstCycleGain(config, "hero", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }),
                     0.25f);
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setFollowMe(std::nullopt, 0.4); }),
-                    0.25f);
+    EXPECT_FLOAT_EQ(
+        firstCycleGain(config, "a", [](EngagementEngine& e) { e.setFollowMe(std::nullopt, 0.4); }), 0.25f);
     EXPECT_FLOAT_EQ(firstCycleGain(config, "a",
                                    [](EngagementEngine& e) {
                                        e.setFollowMe("hero", 0.4);
                                        e.setSmartProtected({"a"});
                                    }),
                     0.25f);
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setSoftMasterGain(0.5); }), 0.125f);
+    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setSoftMasterGain(0.5); }),
+                    0.125f);
     // -6.0206 dB is a linear half.
     EXPECT_NEAR(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setManualDuckDB(-6.0206); }), 0.125f,
                 1e-6);
-    EXPECT_NEAR(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }), 0.125f,
-                1e-6);
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setAutoDuck({"hero"}, -6.0206); }),
-                    0.25f);
+    EXPECT_NEAR(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }),
+                0.125f, 1e-6);
+    EXPECT_FLOAT_EQ(
+        firstCycleGain(config, "a", [](EngagementEngine& e) { e.setAutoDuck({"hero"}, -6.0206); }), 0.25f);
 
     // Soft master at zero silences without being a mute.
     EngineHarness h(config);
@@ -134,7 +140,7 @@ TEST(Render, DuckGainOfTheRulesScalesTheTarget) {
 TEST(Render, PeakLimiterCarriesItsGainAndClearsWhenTheCeilingIsNearUnity) {
     EngineHarness h(configWith({appRow("a", 1.0)}));
     h.engine->setForceEngaged({"a"}, {});
-    h.engine->setLoudnessGuard(true, -6.0206);  // ceiling of one half
+    h.engine->setLoudnessGuard(true, -6.0206); // ceiling of one half
     auto buffer = constantBuffer(72, 1.0f);
     EXPECT_TRUE(h.engine->render("a", buffer));
     // Attack of 1.5 ms (72 frames): gr = 0.5 + 0.5 exp(-n / 72).
@@ -146,9 +152,9 @@ TEST(Render, PeakLimiterCarriesItsGainAndClearsWhenTheCeilingIsNearUnity) {
 
     auto next = constantBuffer(1, 1.0f);
     h.engine->render("a", next);
-    EXPECT_NEAR(next[0], 0.5 + 0.5 * std::exp(-73.0 / 72.0), 1e-5);  // continues, not restarts
+    EXPECT_NEAR(next[0], 0.5 + 0.5 * std::exp(-73.0 / 72.0), 1e-5); // continues, not restarts
 
-    h.engine->setLoudnessGuard(true, -0.005);  // linear above 0.999: no limiting at all
+    h.engine->setLoudnessGuard(true, -0.005); // linear above 0.999: no limiting at all
     auto passed = constantBuffer(8, 1.0f);
     EXPECT_FALSE(h.engine->render("a", passed));
     EXPECT_EQ(passed, constantBuffer(8, 1.0f));
@@ -194,7 +200,7 @@ TEST(Render, TimedMuteFollowsTheClock) {
     h.engine->render("a", buffer);
     EXPECT_EQ(buffer, constantBuffer(4, 0.0f));
 
-    *h.clock += 11.0;  // elapsed: the row still engages, and the smoother fades back in
+    *h.clock += 11.0; // elapsed: the row still engages, and the smoother fades back in
     EXPECT_TRUE(h.engine->hasTap("a"));
     auto after = constantBuffer(384, 1.0f);
     EXPECT_TRUE(h.engine->render("a", after));
@@ -208,7 +214,8 @@ TEST(WorkerState, HeldHiddenAndNormalRows) {
     locked.muted = false;
     AppAudioState normal = appRow("normal", 0.4);
     normal.muted = true;
-    TonaviConfig config = configWith({locked, normal, appRow("hidden", 0.3), appRow("solo", 0.7), appRow("plain", 0.6)});
+    TonaviConfig config =
+        configWith({locked, normal, appRow("hidden", 0.3), appRow("solo", 0.7), appRow("plain", 0.6)});
     config.hiddenAppIDs = {"hidden"};
     config.globalListening.enabled = true;
     config.globalListening.balancer.enabled = true;
@@ -222,7 +229,7 @@ TEST(WorkerState, HeldHiddenAndNormalRows) {
 
     const auto held = *h.engine->tapWorkerState("locked");
     EXPECT_EQ(held.app.volume, 1.0);
-    EXPECT_TRUE(held.app.muted);  // the mute that counts for a locked row is muteWhileBypassed
+    EXPECT_TRUE(held.app.muted); // the mute that counts for a locked row is muteWhileBypassed
     EXPECT_FALSE(held.app.directLocked);
     EXPECT_EQ(held.globalListening, kavore::GlobalListeningSettings::off());
     EXPECT_EQ(held.loudnessGuardCeilingDBFS, 0.0);
@@ -232,7 +239,7 @@ TEST(WorkerState, HeldHiddenAndNormalRows) {
     const auto sent = *h.engine->tapWorkerState("normal");
     EXPECT_EQ(sent.app, h.engine->managedApp("normal").value());
     EXPECT_NEAR(sent.loudnessGuardCeilingDBFS, -6.0, 1e-9);
-    EXPECT_EQ(sent.followMeBackgroundGain, 1.0);  // smart-protected
+    EXPECT_EQ(sent.followMeBackgroundGain, 1.0); // smart-protected
     EXPECT_EQ(sent.globalListening, h.engine->config().globalListening);
     EXPECT_EQ(sent.followMeHero, "solo");
 
@@ -255,5 +262,5 @@ TEST(Render, LatencyAddsBufferSizesOnlyForTappedApps) {
     EXPECT_EQ(h.engine->latencySamples("b", 512, 256), 0);
 }
 
-}  // namespace
-}  // namespace tonavi::testing
+} // namespace
+} // namespace tonavi::testing

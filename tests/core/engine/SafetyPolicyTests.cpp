@@ -11,8 +11,8 @@ namespace {
 
 TEST(SafetyPolicies, CaptureLatencyAndDefaultMixerRules) {
     EXPECT_FALSE(TonaviTapSafety::mayCapture("com.brelmoor.KavoreApp"));
-    EXPECT_FALSE(TonaviTapSafety::mayCapture("com.rogueamoeba.Loopback"));  // the whole family
-    EXPECT_TRUE(TonaviTapSafety::mayCapture("com.brelmoor.tonaviapp"));      // exact IDs only
+    EXPECT_FALSE(TonaviTapSafety::mayCapture("com.rogueamoeba.Loopback")); // the whole family
+    EXPECT_TRUE(TonaviTapSafety::mayCapture("com.brelmoor.tonaviapp"));    // exact IDs only
     EXPECT_TRUE(TonaviTapSafety::mayCapture("com.rogueamoebaX.app"));
 
     // Lowercased before matching.
@@ -35,5 +35,5 @@ TEST(HealthEvent, WireFormRoundTripsAndRequiresEveryKey) {
     EXPECT_THROW(missing.get<HealthEvent>(), nlohmann::json::exception);
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi

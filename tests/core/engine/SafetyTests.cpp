@@ -11,7 +11,7 @@ TEST(StageMode, ReleasesEveryTapCountsMutedAppsAndRestoresOnRelease) {
     AppAudioState muted = appRow("m");
     muted.muted = true;
     EngineHarness h(configWith({appRow("a", 0.5), muted, appRow("b")}));
-    h.engine->setSoloApps({"a", "m"});  // b becomes solo-suppressed and tapped
+    h.engine->setSoloApps({"a", "m"}); // b becomes solo-suppressed and tapped
     ASSERT_EQ(h.engine->engagedBundleIDs(), (IDs{"a", "b", "m"}));
 
     h.engine->setStageMode(true);
@@ -108,7 +108,7 @@ TEST(Revert, AudioUnitSlotIsBypassedWhereverItLives) {
     TonaviConfig config = configWith({row});
     config.systemRows.systemChain.slots = {systemSlot};
     EngineHarness h(config);
-    ASSERT_TRUE(h.engine->hasTap("a"));  // an unbypassed slot makes the chain non-neutral
+    ASSERT_TRUE(h.engine->hasTap("a")); // an unbypassed slot makes the chain non-neutral
     int requests = 0;
     h.engine->setReconciliationScheduler([&] {
         ++requests;
@@ -124,10 +124,10 @@ TEST(Revert, AudioUnitSlotIsBypassedWhereverItLives) {
     EXPECT_TRUE(h.engine->managedApp("a")->chain.slots[0].bypassed);
     EXPECT_EQ(h.engine->healthLog().back().kind, "au-crash");
     EXPECT_EQ(h.engine->healthLog().back().detail, "Player: crashed");
-    EXPECT_FALSE(h.engine->hasTap("a"));  // the chain is neutral now
+    EXPECT_FALSE(h.engine->hasTap("a")); // the chain is neutral now
 
     h.engine->autoRevertAUSlot("SYS", "failed to render");
-    EXPECT_EQ(requests, 1);  // the system chain is not the engine's
+    EXPECT_EQ(requests, 1); // the system chain is not the engine's
     EXPECT_TRUE(h.engine->config().systemRows.systemChain.slots[0].bypassed);
     EXPECT_EQ(h.engine->healthLog().back().detail, "system output: failed to render");
 }
@@ -138,7 +138,8 @@ TEST(HealthLog, KeepsTheLastTwoHundredEventsAndReportsEachOne) {
     EngineHarness h(config);
     std::vector<std::string> reported;
     h.engine->setOnHealthEvent([&](const HealthEvent& event) { reported.push_back(event.detail); });
-    for (int i = 0; i < 201; ++i) h.engine->validateRedirect("app" + std::to_string(i), "interface");
+    for (int i = 0; i < 201; ++i)
+        h.engine->validateRedirect("app" + std::to_string(i), "interface");
 
     const auto log = h.engine->healthLog();
     ASSERT_EQ(log.size(), 200u);
@@ -150,5 +151,5 @@ TEST(HealthLog, KeepsTheLastTwoHundredEventsAndReportsEachOne) {
     EXPECT_EQ(log.front().id.size(), 36u);
 }
 
-}  // namespace
-}  // namespace tonavi::testing
+} // namespace
+} // namespace tonavi::testing

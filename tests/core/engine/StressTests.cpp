@@ -34,7 +34,8 @@ TEST(EngineConcurrency, RenderAgainstReconcileStageModeAndReleases) {
             hostTime += 128.0 / 48000.0;
             h.engine->advanceDucking(128, hostTime);
             h.engine->render("a", buffer);
-            for (float sample : buffer) ASSERT_TRUE(sample >= 0.0f && sample <= 0.5f);
+            for (float sample : buffer)
+                ASSERT_TRUE(sample >= 0.0f && sample <= 0.5f);
             cycles.fetch_add(1);
         }
     });
@@ -51,12 +52,17 @@ TEST(EngineConcurrency, RenderAgainstReconcileStageModeAndReleases) {
             next.apps[0].volume = (step % 5) * 0.2;
             next.apps[0].muted = step % 7 == 0;
             next.apps[1].volume = step % 2 ? 1.0 : 0.6;
-            if (step % 11 == 0) next.duckRules[0].duckDB = -6.0 - step % 3;
+            if (step % 11 == 0)
+                next.duckRules[0].duckDB = -6.0 - step % 3;
             h.engine->setConfigWithoutReconcile(next);
-            h.engine->setActiveTriggers(step % 3 ? EngagementEngine::IDSet{"call"} : EngagementEngine::IDSet{});
-            if (step % 13 == 0) h.engine->setStageMode(true);
-            if (step % 13 == 6) h.engine->setStageMode(false);
-            if (step % 17 == 0) h.engine->releaseTap("a", "worker exited", h.engine->tapHandle("a"));
+            h.engine->setActiveTriggers(step % 3 ? EngagementEngine::IDSet{"call"}
+                                                 : EngagementEngine::IDSet{});
+            if (step % 13 == 0)
+                h.engine->setStageMode(true);
+            if (step % 13 == 6)
+                h.engine->setStageMode(false);
+            if (step % 17 == 0)
+                h.engine->releaseTap("a", "worker exited", h.engine->tapHandle("a"));
             (void)h.engine->tapWorkerState("a");
             ++step;
         }
@@ -71,8 +77,9 @@ TEST(EngineConcurrency, RenderAgainstReconcileStageModeAndReleases) {
     EXPECT_EQ(h.taps->liveCount(), 0);
     const auto handles = h.taps->everyHandle();
     EXPECT_GT(handles.size(), 2u);
-    for (const auto& handle : handles) EXPECT_EQ(h.taps->destroyCount(handle), 1);
+    for (const auto& handle : handles)
+        EXPECT_EQ(h.taps->destroyCount(handle), 1);
 }
 
-}  // namespace
-}  // namespace tonavi::testing
+} // namespace
+} // namespace tonavi::testing

@@ -56,5 +56,5 @@ TEST(TapWorkerStateJSON, RoundTripsOmitsAnAbsentHeroAndRejectsMissingKeys) {
     EXPECT_THROW(noID.get<TapWorkerState>(), ConfigDecodeError);
 }
 
-}  // namespace
-}  // namespace tonavi
+} // namespace
+} // namespace tonavi
