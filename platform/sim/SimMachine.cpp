@@ -175,8 +175,12 @@ void SimMachine::installLocked(SimWorld next, Notice& notice) {
 }
 
 void SimMachine::deliver(const Notice& notice) {
-    for (const auto& d : notice.deliveries) {
-        d.queue->async([block = d.block, addresses = d.addresses] { (*block)(addresses); });
+    {
+        // Held while posting, so that a listener removed after this returns is never posted to.
+        std::lock_guard<std::mutex> posting(deliveryMutex_);
+        for (const auto& d : notice.deliveries) {
+            d.queue->async([block = d.block, addresses = d.addresses] { (*block)(addresses); });
+        }
     }
     if (!notice.before || !notice.after)
         return;
@@ -437,13 +441,16 @@ OSStatus SimMachine::removePropertyListener(AudioObjectID object, const AudioObj
                                             const AudioObjectPropertyListenerBlock& block) {
     if (auto fault = takeFault(SimOperation::removeListener, address.mSelector))
         return *fault;
-    std::lock_guard<std::mutex> guard(mutex_);
+    std::unique_lock<std::mutex> guard(mutex_);
     auto it = std::find_if(listeners_.begin(), listeners_.end(), [&](const Listener& l) {
         return l.object == object && l.address == address && l.queue == &queue && l.block == block;
     });
     if (it == listeners_.end())
         return kAudio_ParamError;
     listeners_.erase(it);
+    guard.unlock();
+    // Wait out a delivery that picked the listener up before it went.
+    std::lock_guard<std::mutex> posting(deliveryMutex_);
     return noErr;
 }
 

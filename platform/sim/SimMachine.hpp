@@ -125,7 +125,7 @@ class SimMachine final : public AudioHardware {
     void watchTick();
     // Installs `next` as the current world and answers what listeners and observers must hear.
     void installLocked(SimWorld next, Notice& notice);
-    static void deliver(const Notice& notice);
+    void deliver(const Notice& notice);
     void publishMeters();
     // Starts asked-for recordings on this process's IO procs, and writes and retires finished ones.
     void serveRecordings();
@@ -144,7 +144,8 @@ class SimMachine final : public AudioHardware {
     Options options_;
     std::unique_ptr<SimWorldFile> file_;
 
-    std::mutex mutex_; // guards everything below
+    std::mutex deliveryMutex_; // held while changes are posted to listeners' queues
+    std::mutex mutex_;         // guards everything below
     std::shared_ptr<const SimWorld> world_;
     SimWorldFile::Stamp stamp_;
     bool orphansOnDisk_ = false;
