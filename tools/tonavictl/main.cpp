@@ -10,10 +10,7 @@
 #include "core/wire/TransportError.hpp"
 #include "core/wire/WireError.hpp"
 
-#if __has_include("tools/tonavictl/SimCommand.hpp")
 #include "tools/tonavictl/SimCommand.hpp"
-#define TONAVI_HAS_SIM_COMMAND 1
-#endif
 
 #include <cstdio>
 #include <cstring>
@@ -63,8 +60,6 @@ int main(int argc, char** argv) {
     std::string command = argv[1];
     if (command == "ping" && argc == 2) return ping();
     if (command == "send" && argc == 3) return send(argv[2]);
-#ifdef TONAVI_HAS_SIM_COMMAND
     if (command == "sim") return tonavi::runSimCommand(argc - 1, argv + 1);
-#endif
     return usage();
 }
