@@ -43,7 +43,8 @@ void BM_ConfigSave(benchmark::State& state) {
     store.save(config);
     int round = 0;
     for (auto _ : state) {
-        config.apps[static_cast<std::size_t>(round++ % 200)].volume = (round % 10) / 10.0;
+        config.apps[static_cast<std::size_t>(round % 200)].volume = (round % 10) / 10.0;
+        ++round;
         store.saveKeepingAppOwnedSettings(config);
     }
 }
