@@ -66,9 +66,18 @@ struct DispatchQueue::State {
 
     // Runs items until stopping, or until `until` says so after an item (main queue helpers).
     void loop(const std::function<bool()>& until);
+    // Delayed work that is already due goes ahead of anything submitted after its time.
+    void promoteDueLocked() {
+        auto now = clock->now();
+        while (!delayed.empty() && delayed.begin()->first.first <= now) {
+            ready.push_back(std::move(delayed.begin()->second));
+            delayed.erase(delayed.begin());
+        }
+    }
     void push(Closure work) {
         {
             std::lock_guard<std::mutex> guard(mutex);
+            promoteDueLocked();
             ready.push_back(std::move(work));
         }
         cv.notify_one();
@@ -96,11 +105,7 @@ void DispatchQueue::State::loop(const std::function<bool()>& until) {
     CurrentScope scope(this);
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        auto now = clock->now();
-        while (!delayed.empty() && delayed.begin()->first.first <= now) {
-            ready.push_back(std::move(delayed.begin()->second));
-            delayed.erase(delayed.begin());
-        }
+        promoteDueLocked();
         if (stopping) return;
         if (!ready.empty()) {
             Closure work = std::move(ready.front());
