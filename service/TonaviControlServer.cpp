@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <filesystem>
 #include <mutex>
 #include <sys/socket.h>
@@ -17,8 +18,17 @@
 
 namespace tonavi {
 
+struct TonaviControlServer::ConnectionThreads {
+    std::mutex lock;
+    std::condition_variable available;
+    std::deque<int> pending;  // accepted descriptors no thread has taken yet
+    int idle = 0;
+    // An idle thread ends after this long without work.
+    static constexpr auto idleLifetime = std::chrono::seconds(30);
+};
+
 TonaviControlServer::TonaviControlServer(TonaviRuntime& runtime, std::string path)
-    : runtime_(runtime), path_(std::move(path)) {}
+    : runtime_(runtime), path_(std::move(path)), threads_(std::make_shared<ConnectionThreads>()) {}
 
 void TonaviControlServer::start() {
     Paths::createDirectories(std::filesystem::path(path_).parent_path().string());
@@ -67,19 +77,55 @@ void TonaviControlServer::acceptLoop(std::weak_ptr<TonaviControlServer> weak, in
         }
         int fd = ::accept4(listenFD, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd >= 0) {
-            std::thread([weak, fd] {
-                if (auto server = weak.lock()) {
-                    server->serve(fd);
-                } else {
-                    ::close(fd);
-                }
-            }).detach();
+            if (auto server = weak.lock()) {
+                server->handOff(fd);
+            } else {
+                ::close(fd);
+            }
             continue;
         }
         auto server = weak.lock();
         if (!server || !server->running_.load()) return;
         // A persistent accept failure must not spin.
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+void TonaviControlServer::handOff(int fd) {
+    bool spawn = false;
+    {
+        std::lock_guard<std::mutex> guard(threads_->lock);
+        threads_->pending.push_back(fd);
+        // Only as many waiting descriptors as idle threads can be taken at once; start one for the rest.
+        spawn = static_cast<int>(threads_->pending.size()) > threads_->idle;
+    }
+    if (spawn) {
+        std::thread(connectionThread, weak_from_this(), threads_).detach();
+    } else {
+        threads_->available.notify_one();
+    }
+}
+
+void TonaviControlServer::connectionThread(std::weak_ptr<TonaviControlServer> weak,
+                                           std::shared_ptr<ConnectionThreads> threads) {
+    std::unique_lock<std::mutex> guard(threads->lock);
+    for (;;) {
+        if (threads->pending.empty()) {
+            ++threads->idle;
+            bool woke = threads->available.wait_for(guard, ConnectionThreads::idleLifetime,
+                                                    [&] { return !threads->pending.empty(); });
+            --threads->idle;
+            if (!woke) return;
+        }
+        int fd = threads->pending.front();
+        threads->pending.pop_front();
+        guard.unlock();
+        if (auto server = weak.lock()) {
+            server->serve(fd);
+        } else {
+            ::close(fd);
+        }
+        guard.lock();
     }
 }
 

@@ -31,13 +31,21 @@ public:
     static constexpr const char* timeoutMessage = "tonavi: the request timed out after 20 seconds";
 
 private:
+    // Connection threads are kept for a while after their connection ends and reused, which saves a
+    // thread creation per request. A connection never waits for a thread: when none is idle, a new
+    // one starts, so a request blocked on the runtime's queue cannot hold up any other connection.
+    struct ConnectionThreads;
+
     static void acceptLoop(std::weak_ptr<TonaviControlServer> weak, int listenFD);
+    static void connectionThread(std::weak_ptr<TonaviControlServer> weak, std::shared_ptr<ConnectionThreads> threads);
+    void handOff(int fd);
     void serve(int fd);
 
     TonaviRuntime& runtime_;
     std::string path_;
     std::atomic<int> listenFD_{-1};
     std::atomic<bool> running_{false};
+    std::shared_ptr<ConnectionThreads> threads_;
 };
 
 }  // namespace tonavi

@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <thread>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -184,4 +185,27 @@ TEST_F(ControlServer, ManyConcurrentClientsAreAllServed) {
     }
     for (auto& t : clients) t.join();
     EXPECT_EQ(ok.load(), 32 * 20);
+}
+
+TEST_F(ControlServer, ConnectionsBlockedOnTheRuntimeQueueNeverHoldUpOthers) {
+    startServer();
+    // Warm the thread pool first so that idle threads exist and must not be counted on twice.
+    ASSERT_TRUE(TonaviChannel::send(path, TonaviRequest::ping(), 5).ok);
+    std::promise<void> release;
+    std::shared_future<void> gate = release.get_future().share();
+    runtime.serialQueue().async([gate] { gate.wait(); });
+
+    std::vector<std::future<TonaviReply>> replies;
+    for (int i = 0; i < 6; ++i) {
+        replies.push_back(std::async(std::launch::async, [&] { return TonaviChannel::send(path, TonaviRequest::ping(), 10); }));
+    }
+    // With six connection threads waiting on the held queue, a seventh connection is still read at once:
+    // its bad request is refused without waiting for the queue.
+    int fd = connectRaw();
+    ControlTransport::writeFrame(fd, std::string_view("not json"));
+    EXPECT_EQ(errorOf([&] { ControlTransport::readFrame(fd); }), "io error: connection closed");
+    ::close(fd);
+    for (auto& r : replies) EXPECT_EQ(r.wait_for(std::chrono::milliseconds(0)), std::future_status::timeout);
+    release.set_value();
+    for (auto& r : replies) EXPECT_TRUE(r.get().ok);
 }
