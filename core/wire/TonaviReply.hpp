@@ -15,10 +15,14 @@ struct TonaviReply {
     bool ok = false;
     std::string message;
     std::optional<TonaviStatus> status;
-    std::optional<Bytes> payload;  // JSON text of a request's result; base64 on the wire
+    std::optional<Bytes> payload; // JSON text of a request's result; base64 on the wire
 
-    static TonaviReply success(std::string message = {}) { return {true, std::move(message), std::nullopt, std::nullopt}; }
-    static TonaviReply failure(std::string message) { return {false, std::move(message), std::nullopt, std::nullopt}; }
+    static TonaviReply success(std::string message = {}) {
+        return {true, std::move(message), std::nullopt, std::nullopt};
+    }
+    static TonaviReply failure(std::string message) {
+        return {false, std::move(message), std::nullopt, std::nullopt};
+    }
     bool operator==(const TonaviReply&) const = default;
 };
 
@@ -28,4 +32,4 @@ std::string encodeReply(const TonaviReply& reply);
 // Throws WireDecodingError.
 TonaviReply decodeReply(std::string_view json);
 
-}  // namespace tonavi
+} // namespace tonavi
