@@ -29,6 +29,9 @@ struct TonaviReply {
 // Compact JSON text. Throws WireEncodingError when a value cannot be encoded (a number that is not
 // finite anywhere in the status or the payload's record); null never reaches the wire.
 std::string encodeReply(const TonaviReply& reply);
+// What the control server writes: the reply, or, when it cannot be encoded, a failure reply that
+// says why and carries neither status nor payload.
+std::string encodeReplyOrFailure(const TonaviReply& reply);
 // Throws WireDecodingError.
 TonaviReply decodeReply(std::string_view json);
 

@@ -300,6 +300,13 @@ TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
              TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
          }},
     };
+    TonaviReply unwritable = TonaviReply::success();
+    unwritable.status = fullStatus();
+    unwritable.status->sampleRate = nan;
+    EXPECT_EQ(decodeReply(encodeReplyOrFailure(unwritable)),
+              TonaviReply::failure("The reply could not be encoded: cannot encode a number that is not finite at "
+                                   "status.sampleRate"));
+
     for (const auto& c : cases) {
         try {
             c.encode();
