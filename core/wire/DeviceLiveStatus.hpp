@@ -10,7 +10,8 @@
 namespace tonavi {
 
 struct DeviceLiveStatus {
-    // How the device is attached; every output and input policy decides on this closed set.
+    // How the device is attached; every output and input policy decides on this closed set. `virtual_`
+    // is "virtual" on the wire (the plain name is a keyword here).
     enum class Transport { builtin, usb, bluetooth, airplay, aggregate, virtual_, other };
 
     std::string id; // the device UID
