@@ -123,3 +123,22 @@ struct SimLaptop {
 };
 
 } // namespace tonavi::test
+
+namespace tonavi::test {
+
+// Interleaved buffers for driving an IO block by hand: one vector per stream.
+struct BufferSet {
+    std::vector<std::vector<float>> streams;
+    std::vector<AudioBuffer> buffers;
+
+    BufferSet(const std::vector<std::uint32_t>& channels, std::size_t frames) {
+        for (auto c : channels)
+            streams.emplace_back(frames * c, 0.0f);
+        for (std::size_t i = 0; i < channels.size(); ++i)
+            buffers.push_back({channels[i], static_cast<std::uint32_t>(streams[i].size() * sizeof(float)),
+                               streams[i].data()});
+    }
+    AudioBufferList list() { return AudioBufferList{std::span<AudioBuffer>(buffers)}; }
+};
+
+} // namespace tonavi::test

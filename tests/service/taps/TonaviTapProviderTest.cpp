@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "core/engine/TonaviTapSafety.hpp"
@@ -251,6 +252,69 @@ TEST_F(TonaviTapProviderTest, EveryPartialFailureReleasesWhatWasMade) {
         }
         EXPECT_EQ(laptop.machine->directlyAudible(SimLaptop::speakers), Heard{music});
     }
+}
+
+TEST_F(TonaviTapProviderTest, IOBlockMapsTheTapPairOntoEveryOutputLayout) {
+    route = SimLaptop::usb;
+    auto handle = asTonavi(provider->createTap(music));
+    ASSERT_TRUE(handle && laptop.hardware.lastBlock);
+    const AudioTimeStamp time{0, 42, kAudioTimeStampHostTimeValid};
+    auto cycle = [&](test::BufferSet& in, test::BufferSet& out) {
+        auto input = in.list();
+        auto output = out.list();
+        laptop.hardware.lastBlock(input, output, time);
+    };
+    struct Case {
+        std::vector<std::uint32_t> tap;     // the tap stream's channels: stereo, or mono
+        std::vector<std::uint32_t> outputs; // the device's output streams
+        std::vector<std::vector<float>> firstFrame;
+    };
+    // The tap's first frame is (0.5, -0.25); a mono tap stream carries 0.5 on both sides.
+    const Case cases[] = {
+        {{2}, {2}, {{0.5f, -0.25f}}},
+        {{2}, {1}, {{0.125f}}},
+        {{2}, {4}, {{0.5f, -0.25f, 0.0f, 0.0f}}},
+        {{2}, {1, 1}, {{0.5f}, {-0.25f}}},
+        {{2}, {2, 2}, {{0.5f, -0.25f}, {0.0f, 0.0f}}},
+        {{1}, {2}, {{0.5f, 0.5f}}},
+    };
+    for (const auto& c : cases) {
+        test::BufferSet in(c.tap, 64), out(c.outputs, 64);
+        in.streams[0][0] = 0.5f;
+        if (c.tap[0] > 1)
+            in.streams[0][1] = -0.25f;
+        for (auto& s : out.streams)
+            std::fill(s.begin(), s.end(), 9.0f); // stale data must be cleared
+        const auto before = handle->ioCallbackCount.load();
+        cycle(in, out);
+        EXPECT_EQ(handle->ioCallbackCount.load(), before + 1);
+        for (std::size_t b = 0; b < c.outputs.size(); ++b) {
+            const std::vector<float> first(out.streams[b].begin(), out.streams[b].begin() + c.outputs[b]);
+            EXPECT_EQ(first, c.firstFrame[b]) << c.outputs.size() << " streams, buffer " << b;
+            EXPECT_TRUE(std::all_of(out.streams[b].begin() + c.outputs[b], out.streams[b].end(),
+                                    [](float v) { return v == 0.0f; }));
+        }
+    }
+    EXPECT_EQ(rendered.back(), (std::pair<int, std::uint64_t>{64, 42}));
+    EXPECT_EQ(handle->outputBufferFrames.load(), 64);
+
+    // Cycles that prove nothing are not counted: no tap data, no output, digital silence.
+    const auto io = handle->ioCallbackCount.load();
+    const auto raw = handle->rawAudioCallbackCount.load();
+    test::BufferSet silent({2}, 64), out({2}, 64), none({}, 0);
+    silent.streams[0][0] = 2e-5f;
+    cycle(silent, out);
+    EXPECT_EQ(handle->rawAudioCallbackCount.load(), raw);
+    EXPECT_EQ(handle->ioCallbackCount.load(), io + 1);
+    silent.streams[0][0] = 3e-5f;
+    cycle(silent, none);
+    EXPECT_EQ(handle->rawAudioCallbackCount.load(), raw + 1);
+    EXPECT_EQ(handle->ioCallbackCount.load(), io + 1);
+    silent.buffers[0].mData = nullptr;
+    cycle(silent, out);
+    cycle(none, out);
+    EXPECT_EQ(handle->ioCallbackCount.load(), io + 1);
+    EXPECT_EQ(handle->rawAudioCallbackCount.load(), raw + 1);
 }
 
 } // namespace
