@@ -74,14 +74,13 @@ struct SimLaptop {
     static constexpr const char* usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
     static constexpr const char* earbuds = "AC-DE-48-00-11-22:output";
 
-    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-    std::shared_ptr<SimMachine> machine = std::make_shared<SimMachine>(
-        SimWorld::preset(), SimMachine::Options{clock, std::chrono::milliseconds(20)});
-    SimWorkspace workspace{machine};
-    BlockCapturingHardware hardware{*machine};
-    std::string logPath;
-
-    SimLaptop() {
+    // Without the manual clock, IO cycles run on real-time-like threads of their own.
+    explicit SimLaptop(bool manualClock = true)
+        : clock(std::make_shared<ManualClock>()),
+          machine(std::make_shared<SimMachine>(
+              SimWorld::preset(),
+              SimMachine::Options{manualClock ? clock : nullptr, std::chrono::milliseconds(20)})),
+          workspace(machine), hardware(*machine) {
         logPath = (std::filesystem::temp_directory_path() /
                    ("tonavi-taps-" + std::to_string(::getpid()) + "-" +
                     std::to_string(reinterpret_cast<std::uintptr_t>(this)) + ".log"))
@@ -90,6 +89,12 @@ struct SimLaptop {
         Log::setFilePathForTesting(logPath);
     }
     ~SimLaptop() { std::filesystem::remove(logPath); }
+
+    std::shared_ptr<ManualClock> clock;
+    std::shared_ptr<SimMachine> machine;
+    SimWorkspace workspace;
+    BlockCapturingHardware hardware;
+    std::string logPath;
 
     double wallNow() const { return epoch + std::chrono::duration<double>(clock->now().time_since_epoch()).count(); }
     std::shared_ptr<TonaviTapProvider> makeProvider() {

@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <cmath>
 
 #include "core/engine/TonaviTapSafety.hpp"
@@ -315,6 +318,30 @@ TEST_F(TonaviTapProviderTest, IOBlockMapsTheTapPairOntoEveryOutputLayout) {
     cycle(none, out);
     EXPECT_EQ(handle->ioCallbackCount.load(), io + 1);
     EXPECT_EQ(handle->rawAudioCallbackCount.load(), raw + 1);
+}
+
+// The product's arrangement: cycles on the device's own thread while the control side reads the
+// counters and the level, and destroyTap stops them.
+TEST(TonaviTapProviderThreads, IOOnTheDeviceThreadIsCountedAndStopsWithTheTap) {
+    SimLaptop laptop(false);
+    auto provider = laptop.makeProvider();
+    std::atomic<int> renders{0};
+    provider->setRender([&](const std::string&, std::span<float>, int, std::uint64_t) { renders.fetch_add(1); });
+    auto handle = asTonavi(provider->createTap(music));
+    ASSERT_TRUE(handle);
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (handle->ioCallbackCount.load() < 5 && std::chrono::steady_clock::now() < deadline) {
+        std::mutex m;
+        std::unique_lock<std::mutex> lock(m);
+        std::condition_variable().wait_for(lock, 5ms);
+    }
+    EXPECT_GE(handle->ioCallbackCount.load(), 5u);
+    EXPECT_GT(provider->level(music), 0.0f);
+    EXPECT_TRUE(laptop.machine->directlyAudible(SimLaptop::speakers).empty());
+    provider->destroyTap(handle);
+    const auto stoppedAt = handle->ioCallbackCount.load();
+    EXPECT_EQ(static_cast<std::uint64_t>(renders.load()), stoppedAt);
+    EXPECT_EQ(laptop.machine->directlyAudible(SimLaptop::speakers), Heard{music});
 }
 
 } // namespace
