@@ -28,6 +28,8 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
             if constexpr (std::is_same_v<T, TonaviRequest::Ping>) {
                 // No status: ping must answer while the service is still warming up.
                 return TonaviReply::success("tonavi " + version_);
+            } else {
+                return TonaviReply::failure("tonavi: \"" + std::string(request.caseName()) + "\" is not handled by this service.");
             }
         },
         request.value);
