@@ -98,8 +98,10 @@ NameResolver::Result NameResolver::resolve(std::string_view query) const {
         std::vector<std::string> labels;
         for (const auto* c : found)
             labels.push_back(label(*c));
-        return Result{std::nullopt, "\"" + std::string(query) + "\" names " + std::to_string(found.size()) + " " +
-                                        kind_ + "s: " + joined(labels) + "; give the identifier instead"};
+        std::string error = "\"";
+        error.append(query).append("\" names ").append(std::to_string(found.size())).append(" ");
+        error.append(kind_).append("s: ").append(joined(labels)).append("; give the identifier instead");
+        return Result{std::nullopt, error};
     };
     if (auto r = unique([&](const Candidate& c) { return lower(c.id) == wanted; }))
         return *r;

@@ -28,7 +28,7 @@ std::string percent(double value) {
 
 std::string multiplier(double value) {
     char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "x%g", value);
+    std::snprintf(buffer, sizeof buffer, " x%g", value);
     return buffer;
 }
 
@@ -113,7 +113,7 @@ std::string StatusTable::render(const TonaviStatus& status) {
         for (const auto& app : status.apps) {
             std::string volume = percent(app.volume);
             if (app.boost > 1.0)
-                volume += " " + multiplier(app.boost);
+                volume += multiplier(app.boost);
             std::vector<std::string> issues;
             if (app.controlIssue)
                 issues.push_back(*app.controlIssue);
