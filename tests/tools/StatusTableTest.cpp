@@ -43,7 +43,7 @@ TEST(StatusTable, RendersSummaryAppsDevicesAndNewestHealthEvents) {
     status.sampleRate = 48000;
     status.engagedCount = 2;
     status.anyEngaged = true;
-    status.soloAppIDs = std::vector<std::string>{"com.apple.Music"};
+    status.soloAppIDs = std::vector<std::string>{"com.apple.Music", "com.example.Gone"};
 
     auto music = app("com.apple.Music", "Music", 0.5);
     music.engaged = true;
@@ -75,7 +75,7 @@ TEST(StatusTable, RendersSummaryAppsDevicesAndNewestHealthEvents) {
         status.health.push_back(HealthEvent{"E" + std::to_string(i), 1000.0 + i, "tapFailed", "event " + std::to_string(i)});
 
     const std::string expected =
-        "output MacBook Pro Speakers | volume 75% (software) | 48000 Hz | 2 engaged | solo com.apple.Music\n"
+        "output MacBook Pro Speakers | volume 75% (software) | 48000 Hz | 2 engaged | solo Music, com.example.Gone\n"
         "\n"
         "Applications\n"
         "  NAME    ID                VOLUME  MUTED  ENGAGED  LEVEL       OUTPUT   ISSUES\n"

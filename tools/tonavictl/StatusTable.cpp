@@ -76,6 +76,13 @@ std::string deviceName(const TonaviStatus& status, const std::string& uid) {
     return uid;
 }
 
+std::string appName(const TonaviStatus& status, const std::string& id) {
+    for (const auto& a : status.apps)
+        if (a.id == id)
+            return a.displayName;
+    return id;
+}
+
 } // namespace
 
 std::string StatusTable::levelBar(double level) {
@@ -101,8 +108,12 @@ std::string StatusTable::render(const TonaviStatus& status) {
         summary.push_back("STAGE MODE");
     if (status.manualDuckOn)
         summary.push_back("manual duck");
-    if (status.soloAppIDs && !status.soloAppIDs->empty())
-        summary.push_back("solo " + join(*status.soloAppIDs, ", "));
+    if (status.soloAppIDs && !status.soloAppIDs->empty()) {
+        std::vector<std::string> names;
+        for (const auto& id : *status.soloAppIDs)
+            names.push_back(appName(status, id));
+        summary.push_back("solo " + join(names, ", "));
+    }
     out += join(summary, " | ") + "\n\n";
 
     out += "Applications\n";
