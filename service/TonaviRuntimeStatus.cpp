@@ -5,12 +5,12 @@
 
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
+#include "core/wire/TonaviPayload.hpp"
 
 #include <algorithm>
 #include <cassert>
 #include <cctype>
 #include <climits>
-#include <nlohmann/json.hpp>
 #include <sys/utsname.h>
 
 namespace tonavi {
@@ -270,16 +270,15 @@ std::vector<AudioOnset> TonaviRuntime::currentAudioOnsets() const {
 }
 
 Bytes TonaviRuntime::buildDiagnostics() {
-    nlohmann::json document;
-    document["version"] = version_;
-    document["timestamp"] = now();
-    document["status"] = nlohmann::json::parse(encodeStatus(buildStatus()));
-    document["config"] = engine_->config();
-    document["healthLog"] = engine_->healthLog();
-    document["auCount"] = 0; // no hosted Audio Units in this build
-    document["os"] = operatingSystemVersion();
-    const std::string text = document.dump();
-    return Bytes(text.begin(), text.end());
+    Diagnostics diagnostics;
+    diagnostics.version = version_;
+    diagnostics.timestamp = now();
+    diagnostics.status = buildStatus();
+    diagnostics.config = engine_->config();
+    diagnostics.healthLog = engine_->healthLog();
+    diagnostics.auCount = 0; // no hosted Audio Units in this build
+    diagnostics.os = operatingSystemVersion();
+    return TonaviPayload::encode(diagnostics);
 }
 
 } // namespace tonavi

@@ -1,6 +1,7 @@
 // The app requests, their refusals and the status they answer with.
 
 #include "core/engine/TonaviTapSafety.hpp"
+#include "core/wire/TonaviPayload.hpp"
 #include "tests/service/RuntimeTestSupport.hpp"
 
 #include <gtest/gtest.h>
@@ -304,9 +305,10 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     const TonaviReply diagnostics = h.send(R::Diagnostics{});
     ASSERT_TRUE(diagnostics.ok);
     ASSERT_TRUE(diagnostics.payload.has_value());
-    const auto document = nlohmann::json::parse(diagnostics.payload->begin(), diagnostics.payload->end());
-    EXPECT_EQ(document.at("version"), "9.9-test");
-    EXPECT_EQ(document.at("healthLog").size(), all.size());
-    EXPECT_EQ(document.at("status").at("health").size(), 20u);
-    EXPECT_EQ(document.at("auCount"), 0);
+    const Diagnostics document = TonaviPayload::decodeDiagnostics(*diagnostics.payload);
+    EXPECT_EQ(document.version, "9.9-test");
+    EXPECT_EQ(document.healthLog, all);
+    EXPECT_EQ(document.status.health.size(), 20u);
+    EXPECT_EQ(document.config, h.runtime->engine().config());
+    EXPECT_EQ(document.auCount, 0);
 }
