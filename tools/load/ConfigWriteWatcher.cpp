@@ -12,7 +12,7 @@
 namespace tonavi {
 
 ConfigWriteWatcher::ConfigWriteWatcher(const std::string& folder, std::string name)
-    : name_(std::move(name)), started_(Clock::now()) {
+    : name_(std::move(name)) {
     fd_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     if (fd_ < 0)
         throw std::runtime_error(std::string("inotify: ") + std::strerror(errno));
@@ -80,11 +80,11 @@ std::size_t ConfigWriteWatcher::writesSince(Clock::time_point start) const {
     return count;
 }
 
-bool ConfigWriteWatcher::waitForQuiet(Clock::duration quiet, Clock::duration limit) const {
+bool ConfigWriteWatcher::waitForQuiet(Clock::time_point since, Clock::duration quiet, Clock::duration limit) const {
     const auto deadline = Clock::now() + limit;
     std::unique_lock lock(writesLock_);
     for (;;) {
-        const auto last = writes_.empty() ? started_ : writes_.back();
+        const auto last = writes_.empty() ? since : std::max(since, writes_.back());
         const auto quietAt = last + quiet;
         if (Clock::now() >= quietAt)
             return true;

@@ -28,8 +28,9 @@ class ConfigWriteWatcher {
     std::vector<Clock::time_point> writes() const;
     std::size_t writesSince(Clock::time_point start) const;
 
-    // Waits until no write has been seen for `quiet`, or `limit` has passed; true when it went quiet.
-    bool waitForQuiet(Clock::duration quiet, Clock::duration limit) const;
+    // Waits until neither a write nor `since` lies within the last `quiet`, or until `limit` has passed;
+    // true when it went quiet.
+    bool waitForQuiet(Clock::time_point since, Clock::duration quiet, Clock::duration limit) const;
 
   private:
     void readLoop();
@@ -37,7 +38,6 @@ class ConfigWriteWatcher {
     std::string name_;
     int fd_ = -1;
     int wakePipe_[2] = {-1, -1};
-    Clock::time_point started_;
     mutable std::mutex writesLock_; // guards writes_
     mutable std::condition_variable wrote_;
     std::vector<Clock::time_point> writes_;

@@ -124,7 +124,7 @@ int runStatus(int clients, double seconds, const std::string& path) {
         std::fprintf(stderr, "tonavi-load: setup: %s\n", e.what());
         return 1;
     }
-    if (!watcher.waitForQuiet(quietPeriod, quietLimit))
+    if (!watcher.waitForQuiet(Clock::now(), quietPeriod, quietLimit))
         std::fprintf(stderr, "tonavi-load: the configuration kept changing during setup\n");
     std::fprintf(stderr, "tonavi-load: %d applications set up (%ld refused), %zu configuration writes\n",
                  configuredApps, setupFailures, watcher.writes().size());
@@ -158,7 +158,7 @@ int runStatus(int clients, double seconds, const std::string& path) {
     auto all = pollUntil(clients, deadline, path, [] { return TonaviRequest{TonaviRequest::Status{}}; }, failures);
     streamer.join();
     const double elapsed = std::chrono::duration<double>(Clock::now() - started).count();
-    const bool quiet = watcher.waitForQuiet(quietPeriod, quietLimit);
+    const bool quiet = watcher.waitForQuiet(Clock::now(), quietPeriod, quietLimit);
     const std::size_t configWrites = watcher.writesSince(started);
     if (!quiet)
         std::fprintf(stderr, "tonavi-load: the configuration did not go quiet after the stream\n");
