@@ -62,6 +62,10 @@ TEST(CtlCommand, WrongWordsAreRefusedWithWhatIsWrong) {
         {{"stage", "maybe"}, "stage takes on or off"},
         {{"redirect", "Music"}, "redirect takes an application and a device, or 'default' (tonavictl help)"},
         {{"eq", "Music", "Rokc"}, "no EQ preset is named \"Rokc\"; did you mean Rock?"},
+        {{"eq", "Music", "Polka"},
+         "no EQ preset is named \"Polka\"; the presets are Flat, Acoustic, Bass Booster, Bass Reducer, Classical, "
+         "Dance, Deep, Electronic, Hip-Hop, Jazz, Latin, Loudness, Lounge, Piano, Pop, R&B, Rock, Small Speakers, "
+         "Spoken Word, Treble Booster, Treble Reducer, Vocal Booster, Metal, Podcast"},
         {{"eq", "Music"}, "eq takes an application and a preset name, or 'off' (tonavictl help)"},
         {{"status", "--xml"}, "status takes only --json, not \"--xml\""},
         {{"ping", "now"}, "ping takes no arguments"},

@@ -86,6 +86,13 @@ std::optional<kavore::EQPreset> findPreset(const std::string& name) {
     return kavore::EQPresets::named(spaced);
 }
 
+std::vector<std::string> presetNames() {
+    std::vector<std::string> names;
+    for (const auto& p : kavore::EQPresets::all())
+        names.push_back(p.name);
+    return names;
+}
+
 } // namespace
 
 CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
@@ -188,12 +195,10 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
                 presets.push_back({p.name, p.name, {}});
             const auto close = NameResolver("preset", presets).suggestions(c.text);
             std::string error = "no EQ preset is named \"" + c.text + "\"";
-            if (!close.empty()) {
-                error += "; did you mean ";
-                for (std::size_t i = 0; i < close.size(); ++i)
-                    error += (i ? ", " : "") + close[i];
-                error += "?";
-            }
+            std::string names;
+            for (const auto& name : close.empty() ? presetNames() : close)
+                names += (names.empty() ? "" : ", ") + name;
+            error += close.empty() ? "; the presets are " + names : "; did you mean " + names + "?";
             return fail(error);
         }
         break;
