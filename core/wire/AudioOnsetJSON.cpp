@@ -22,11 +22,7 @@ std::optional<AudioOnset::Kind> onsetKindFromName(std::string_view name) {
     return std::nullopt;
 }
 
-TONAVI_WIRE_RECORD(AudioOnset,
-                   f("id", r.id);
-                   f("startedAt", r.startedAt);
-                   f("kind", r.kind);
-                   f("frontmostAppID", r.frontmostAppID);
-                   f("label", r.label);)
+TONAVI_WIRE_RECORD(AudioOnset, f("id", r.id); f("startedAt", r.startedAt); f("kind", r.kind);
+                   f("frontmostAppID", r.frontmostAppID); f("label", r.label);)
 
 } // namespace tonavi

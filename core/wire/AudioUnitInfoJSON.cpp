@@ -3,10 +3,7 @@
 
 namespace tonavi {
 
-TONAVI_WIRE_RECORD(AudioUnitInfo,
-                   f("id", r.id);
-                   f("key", r.key);
-                   f("favorite", r.favorite);
+TONAVI_WIRE_RECORD(AudioUnitInfo, f("id", r.id); f("key", r.key); f("favorite", r.favorite);
                    f("lastScanAt", r.lastScanAt);)
 
 } // namespace tonavi

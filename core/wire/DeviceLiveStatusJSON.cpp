@@ -26,27 +26,13 @@ std::optional<DeviceLiveStatus::Transport> transportFromName(std::string_view na
     return std::nullopt;
 }
 
-TONAVI_WIRE_RECORD(DeviceLiveStatus,
-                   f("id", r.id);
-                   f("name", r.name);
-                   f("nickname", r.nickname);
-                   f("transport", r.transport);
-                   f("isInput", r.isInput);
-                   f("isOutput", r.isOutput);
-                   f("isDefaultOutput", r.isDefaultOutput);
-                   f("isDefaultInput", r.isDefaultInput);
-                   f("volume", r.volume);
-                   f("muted", r.muted);
-                   f("sampleRate", r.sampleRate);
-                   f("channels", r.channels);
-                   f("level", r.level);
-                   f("batteryPercent", r.batteryPercent);
-                   f("codec", r.codec);
-                   f("connectionQuality", r.connectionQuality);
-                   f("hasVolume", r.hasVolume);
-                   f("hidden", r.hidden);
-                   f("displayRank", r.displayRank);
-                   f("useCount", r.useCount);
-                   f("lastUsedAt", r.lastUsedAt);)
+TONAVI_WIRE_RECORD(DeviceLiveStatus, f("id", r.id); f("name", r.name); f("nickname", r.nickname);
+                   f("transport", r.transport); f("isInput", r.isInput); f("isOutput", r.isOutput);
+                   f("isDefaultOutput", r.isDefaultOutput); f("isDefaultInput", r.isDefaultInput);
+                   f("volume", r.volume); f("muted", r.muted); f("sampleRate", r.sampleRate);
+                   f("channels", r.channels); f("level", r.level); f("batteryPercent", r.batteryPercent);
+                   f("codec", r.codec); f("connectionQuality", r.connectionQuality);
+                   f("hasVolume", r.hasVolume); f("hidden", r.hidden); f("displayRank", r.displayRank);
+                   f("useCount", r.useCount); f("lastUsedAt", r.lastUsedAt);)
 
 } // namespace tonavi

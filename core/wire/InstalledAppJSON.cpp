@@ -3,10 +3,7 @@
 
 namespace tonavi {
 
-TONAVI_WIRE_RECORD(InstalledApp,
-                   f("id", r.id);
-                   f("name", r.name);
-                   f("path", r.path);
+TONAVI_WIRE_RECORD(InstalledApp, f("id", r.id); f("name", r.name); f("path", r.path);
                    f("audioCapable", r.audioCapable);)
 
 } // namespace tonavi

@@ -3,10 +3,7 @@
 
 namespace tonavi {
 
-TONAVI_WIRE_RECORD(RunningApp,
-                   f("bundleID", r.bundleID);
-                   f("pid", r.pid);
-                   f("isRunning", r.isRunning);
+TONAVI_WIRE_RECORD(RunningApp, f("bundleID", r.bundleID); f("pid", r.pid); f("isRunning", r.isRunning);
                    f("secondsSinceAudio", r.secondsSinceAudio);)
 
 } // namespace tonavi

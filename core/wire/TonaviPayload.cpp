@@ -16,16 +16,34 @@ template <class T> T decodeValue(std::span<const std::uint8_t> bytes) {
 }
 } // namespace
 
-Bytes encode(const Diagnostics& diagnostics) { return encodeValue(diagnostics); }
-Bytes encode(const std::vector<DeviceLiveStatus>& devices) { return encodeValue(devices); }
-Bytes encode(const std::vector<std::string>& names) { return encodeValue(names); }
-Bytes encode(const std::vector<kavore::EQPreset>& presets) { return encodeValue(presets); }
-Bytes encode(const std::vector<InstalledApp>& apps) { return encodeValue(apps); }
-Bytes encode(const std::vector<RunningApp>& apps) { return encodeValue(apps); }
-Bytes encode(const std::vector<AudioUnitInfo>& units) { return encodeValue(units); }
-Bytes encode(const std::vector<MIDIMapping>& mappings) { return encodeValue(mappings); }
+Bytes encode(const Diagnostics& diagnostics) {
+    return encodeValue(diagnostics);
+}
+Bytes encode(const std::vector<DeviceLiveStatus>& devices) {
+    return encodeValue(devices);
+}
+Bytes encode(const std::vector<std::string>& names) {
+    return encodeValue(names);
+}
+Bytes encode(const std::vector<kavore::EQPreset>& presets) {
+    return encodeValue(presets);
+}
+Bytes encode(const std::vector<InstalledApp>& apps) {
+    return encodeValue(apps);
+}
+Bytes encode(const std::vector<RunningApp>& apps) {
+    return encodeValue(apps);
+}
+Bytes encode(const std::vector<AudioUnitInfo>& units) {
+    return encodeValue(units);
+}
+Bytes encode(const std::vector<MIDIMapping>& mappings) {
+    return encodeValue(mappings);
+}
 
-Diagnostics decodeDiagnostics(std::span<const std::uint8_t> bytes) { return decodeValue<Diagnostics>(bytes); }
+Diagnostics decodeDiagnostics(std::span<const std::uint8_t> bytes) {
+    return decodeValue<Diagnostics>(bytes);
+}
 std::vector<DeviceLiveStatus> decodeDevices(std::span<const std::uint8_t> bytes) {
     return decodeValue<std::vector<DeviceLiveStatus>>(bytes);
 }

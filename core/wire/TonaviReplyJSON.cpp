@@ -17,6 +17,14 @@ std::string encodeReply(const TonaviReply& reply) {
     return WireJSON::finishText(out);
 }
 
+std::string encodeReplyOrFailure(const TonaviReply& reply) {
+    try {
+        return encodeReply(reply);
+    } catch (const WireEncodingError& e) {
+        return encodeReply(TonaviReply::failure(std::string("The reply could not be encoded: ") + e.what()));
+    }
+}
+
 TonaviReply decodeReply(std::string_view text) {
     const json object = WireJSON::parseText(text);
     return WireJSON::withContext("TonaviReply", [&] {

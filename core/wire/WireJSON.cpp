@@ -122,7 +122,8 @@ namespace {
 void requireFinite(const json& j, std::string& path) {
     if (j.is_number_float()) {
         if (!std::isfinite(j.get<double>()))
-            throw WireEncodingError("cannot encode a number that is not finite at " + (path.empty() ? "the top" : path));
+            throw WireEncodingError("cannot encode a number that is not finite at " +
+                                    (path.empty() ? "the top" : path));
     } else if (j.is_object()) {
         for (auto it = j.begin(); it != j.end(); ++it) {
             const std::size_t mark = path.size();

@@ -151,8 +151,9 @@ template <class T> void readField(const json& object, const char* key, std::opti
 template <class T> json write(const T& value) {
     if constexpr (std::is_same_v<T, float>)
         return floatValue(value);
-    else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, double> || std::is_same_v<T, std::int64_t> ||
-                       std::is_same_v<T, std::uint64_t> || std::is_same_v<T, std::string>)
+    else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, double> ||
+                       std::is_same_v<T, std::int64_t> || std::is_same_v<T, std::uint64_t> ||
+                       std::is_same_v<T, std::string>)
         return json(value);
     else if constexpr (IsVector<T>::value) {
         json out = json::array();
@@ -165,15 +166,18 @@ template <class T> json write(const T& value) {
         return json(transportName(value));
     else if constexpr (std::is_same_v<T, AudioOnset::Kind>)
         return json(onsetKindName(value));
-    else if constexpr (std::is_same_v<T, kavore::ChainSettings> || std::is_same_v<T, kavore::LevelerSettings> ||
-                       std::is_same_v<T, kavore::GlobalListeningSettings> || std::is_same_v<T, kavore::EQPreset> ||
-                       std::is_same_v<T, kavore::AUComponentKey>)
+    else if constexpr (std::is_same_v<T, kavore::ChainSettings> ||
+                       std::is_same_v<T, kavore::LevelerSettings> ||
+                       std::is_same_v<T, kavore::GlobalListeningSettings> ||
+                       std::is_same_v<T, kavore::EQPreset> || std::is_same_v<T, kavore::AUComponentKey>)
         return kavore::toJSON(value);
     else
         return json(value);
 }
 
-template <class T> void writeField(json& object, const char* key, const T& value) { object[key] = write(value); }
+template <class T> void writeField(json& object, const char* key, const T& value) {
+    object[key] = write(value);
+}
 template <class T> void writeField(json& object, const char* key, const std::optional<T>& value) {
     if (value)
         object[key] = write(*value);
@@ -200,11 +204,14 @@ template <class F> auto withContext(std::string_view context, F&& body) {
 // `f("key", r.key);` statements, so that reading and writing cannot drift apart.
 #define TONAVI_WIRE_RECORD(Type, ...)                                                                        \
     namespace {                                                                                              \
-    template <class R, class F> void fieldsOf##Type(R& r, F&& f) { __VA_ARGS__ }                             \
+    template <class R, class F> void fieldsOf##Type(R& r, F&& f) {                                           \
+        __VA_ARGS__                                                                                          \
+    }                                                                                                        \
     }                                                                                                        \
     void to_json(nlohmann::json& j, const Type& value) {                                                     \
         j = nlohmann::json::object();                                                                        \
-        fieldsOf##Type(value, [&](const char* key, const auto& field) { WireJSON::writeField(j, key, field); }); \
+        fieldsOf##Type(value,                                                                                \
+                       [&](const char* key, const auto& field) { WireJSON::writeField(j, key, field); });    \
     }                                                                                                        \
     void from_json(const nlohmann::json& j, Type& value) {                                                   \
         WireJSON::requireObject(j);                                                                          \

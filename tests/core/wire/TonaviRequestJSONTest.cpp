@@ -31,7 +31,8 @@ TEST(TonaviRequestJSON, GoldenDocumentsDecodeAndEncodeExactly) {
     } cases[] = {
         {R"({"ping":{}})", R::ping()},
         {R"({"status":{}})", {R::Status{}}},
-        {R"({"setAppVolume":{"bundleID":"com.apple.Safari","volume":0.5}})", {R::SetAppVolume{"com.apple.Safari", 0.5}}},
+        {R"({"setAppVolume":{"bundleID":"com.apple.Safari","volume":0.5}})",
+         {R::SetAppVolume{"com.apple.Safari", 0.5}}},
         {R"({"setAppMuted":{"bundleID":"a","muted":true}})", {R::SetAppMuted{"a", true}}},
         {R"({"setFavorite":{"bundleID":"a","favorite":true,"rank":-3}})", {R::SetFavorite{"a", true, -3}}},
         {R"({"setSoloApps":{"bundleIDs":["a","b"]}})", {R::SetSoloApps{{"a", "b"}}}},
@@ -52,7 +53,8 @@ TEST(TonaviRequestJSON, GoldenDocumentsDecodeAndEncodeExactly) {
         EXPECT_EQ(encodeRequest(c.value), c.text);
     }
     // Whitespace and keys nobody asked for do not matter; a float with an integral value is an integer.
-    EXPECT_EQ(decodeRequest(R"( { "setFavorite" : { "rank": 2.0, "bundleID": "a", "favorite": false, "x": null } } )"),
+    EXPECT_EQ(decodeRequest(
+                  R"( { "setFavorite" : { "rank": 2.0, "bundleID": "a", "favorite": false, "x": null } } )"),
               (TonaviRequest{R::SetFavorite{"a", false, 2}}));
 }
 
@@ -71,7 +73,8 @@ TEST(TonaviRequestJSON, EveryCaseDecodesFromItsMinimalDocumentInDeclaredOrder) {
         {"setAppSteadyVolume", R"({"bundleID":"a","on":true})"},
         {"setAppBoost", R"({"bundleID":"a","multiplier":2})"},
         {"setAppRedirect", R"({"bundleID":"a","deviceUID":"d"})"},
-        {"setAppChain", R"({"bundleID":"a","chain":{"slots":[],"overdrive":{"multiplier":1},"bypassed":false}})"},
+        {"setAppChain",
+         R"({"bundleID":"a","chain":{"slots":[],"overdrive":{"multiplier":1},"bypassed":false}})"},
         {"setTimedMute", R"({"bundleID":"a","seconds":60})"},
         {"cancelTimedMute", R"({"bundleID":"a"})"},
         {"bypassAppEffects", R"({"bundleID":"a","bypassed":true})"},
@@ -146,7 +149,8 @@ TEST(TonaviRequestJSON, EveryCaseDecodesFromItsMinimalDocumentInDeclaredOrder) {
             EXPECT_EQ(request.caseName(), name);
             EXPECT_EQ(decodeRequest(encodeRequest(request)), request);
             const bool waits = std::string_view(name) == "setOutputDevice" ||
-                               std::string_view(name) == "setOutputDeviceOrdered" || std::string_view(name) == "loadConfig";
+                               std::string_view(name) == "setOutputDeviceOrdered" ||
+                               std::string_view(name) == "loadConfig";
             EXPECT_EQ(request.completesLater(), waits);
         } catch (const WireDecodingError& e) {
             ADD_FAILURE() << e.what();
@@ -165,23 +169,31 @@ TEST(TonaviRequestJSON, BadDocumentsFailWithTheReason) {
         {R"({"ping":{})", "not valid JSON"},
         {"", "not valid JSON"},
         {R"({"setAppVolume":{"bundleID":"a"}})", "setAppVolume: missing required key \"volume\""},
-        {R"({"setAppVolume":{"bundleID":"a","volume":"loud"}})", "setAppVolume: volume: expected a number, found a string"},
-        {R"({"setAppVolume":{"bundleID":"a","volume":null}})", "setAppVolume: volume: expected a number, found null"},
-        {R"({"setAppMuted":{"bundleID":"a","muted":1}})", "setAppMuted: muted: expected a boolean, found an integer"},
+        {R"({"setAppVolume":{"bundleID":"a","volume":"loud"}})",
+         "setAppVolume: volume: expected a number, found a string"},
+        {R"({"setAppVolume":{"bundleID":"a","volume":null}})",
+         "setAppVolume: volume: expected a number, found null"},
+        {R"({"setAppMuted":{"bundleID":"a","muted":1}})",
+         "setAppMuted: muted: expected a boolean, found an integer"},
         {R"({"engageApp":{"bundleID":7}})", "engageApp: bundleID: expected a string, found an integer"},
-        {R"({"setFavorite":{"bundleID":"a","favorite":true,"rank":1.5}})", "setFavorite: rank: number 1.5 is not an integer"},
-        {R"({"setSoloApps":{"bundleIDs":["a",2]}})", "setSoloApps: bundleIDs: [1]: expected a string, found an integer"},
+        {R"({"setFavorite":{"bundleID":"a","favorite":true,"rank":1.5}})",
+         "setFavorite: rank: number 1.5 is not an integer"},
+        {R"({"setSoloApps":{"bundleIDs":["a",2]}})",
+         "setSoloApps: bundleIDs: [1]: expected a string, found an integer"},
         {R"({"setSoloApps":{"bundleIDs":"a"}})", "setSoloApps: bundleIDs: expected an array, found a string"},
         {R"({"setOutputDeviceOrdered":{"uid":"d","clientID":"c","generation":-1}})",
          "setOutputDeviceOrdered: generation: integer -1 is negative"},
         {R"({"setOutputDeviceOrdered":{"uid":"d","clientID":"c","generation":1.5}})",
          "setOutputDeviceOrdered: generation: number 1.5 is not an unsigned integer"},
         {R"({"setLane":{"_0":5}})", "setLane: _0: expected an object, found an integer"},
-        {R"({"setLane":{"lane":{"appBundleID":"a","deviceUID":"d"}}})", "setLane: missing required key \"_0\""},
+        {R"({"setLane":{"lane":{"appBundleID":"a","deviceUID":"d"}}})",
+         "setLane: missing required key \"_0\""},
         {R"({"setLane":{"_0":{"deviceUID":"d"}}})", "setLane: _0: "},
         {R"({"setAppChain":{"bundleID":"a","chain":{"slots":[],"bypassed":false}}})", "setAppChain: chain: "},
-        {R"({"setMIDIMapping":{"_0":{"id":"m","channel":1,"cc":7,"target":{"warpDrive":{}}}}})", "setMIDIMapping: _0: "},
-        {R"({"importConfiguration":{"config":{}}})", "importConfiguration: missing required key \"autoDirect\""},
+        {R"({"setMIDIMapping":{"_0":{"id":"m","channel":1,"cc":7,"target":{"warpDrive":{}}}}})",
+         "setMIDIMapping: _0: "},
+        {R"({"importConfiguration":{"config":{}}})",
+         "importConfiguration: missing required key \"autoDirect\""},
     };
     for (const auto& [text, expected] : cases) {
         SCOPED_TRACE(text);
@@ -195,7 +207,8 @@ TEST(TonaviRequestJSON, NonFiniteNumbersRefuseToEncode) {
     const TonaviRequest requests[] = {
         {R::SetAppVolume{"a", std::numeric_limits<double>::quiet_NaN()}},
         {R::SetTimedMute{"a", std::numeric_limits<double>::infinity()}},
-        {R::SetSystemMagicBoost{kavore::LevelerSettings::unclamped(-std::numeric_limits<double>::infinity(), true)}},
+        {R::SetSystemMagicBoost{
+            kavore::LevelerSettings::unclamped(-std::numeric_limits<double>::infinity(), true)}},
     };
     for (const auto& request : requests) {
         SCOPED_TRACE(std::string(request.caseName()));

@@ -79,8 +79,10 @@ TonaviStatus fullStatus() {
     s.sampleRate = 48000;
     s.bufferFrames = 512;
     s.health = {{"E1", 1700000001, "tapFailed", "no aggregate"}};
-    s.recentOnsets = std::vector<AudioOnset>{{"O1", 1700000002.25, AudioOnset::Kind::alert, "com.apple.mail", "Ping"}};
-    s.smartLive = SmartLiveStatus{"com.spotify.client", "Spotify", true, "Speakers", true, {"Mic A", "Mic B"}, 2, "Mic A"};
+    s.recentOnsets =
+        std::vector<AudioOnset>{{"O1", 1700000002.25, AudioOnset::Kind::alert, "com.apple.mail", "Ping"}};
+    s.smartLive = SmartLiveStatus{"com.spotify.client", "Spotify", true,   "Speakers", true,
+                                  {"Mic A", "Mic B"},   2,         "Mic A"};
     s.soloAppIDs = std::vector<std::string>{"com.apple.Safari"};
     s.soloUnmutedAppIDs = std::vector<std::string>{};
     return s;
@@ -123,7 +125,9 @@ std::string fullStatusWith(const std::string& from, const std::string& to) {
     return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
-std::string bytesText(const Bytes& bytes) { return std::string(bytes.begin(), bytes.end()); }
+std::string bytesText(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
 
 } // namespace
 
@@ -135,12 +139,14 @@ TEST(TonaviStatusJSON, FullStatusMatchesItsLiteralDocumentBothWays) {
 TEST(TonaviStatusJSON, OptionalFieldsAreAbsentNotNull) {
     TonaviStatus bare;
     const std::string text = encodeStatus(bare);
-    EXPECT_EQ(text, R"({"anyEngaged":false,"apps":[],"bufferFrames":0,"defaultInputUID":"","defaultOutputUID":"",)"
-                    R"("devices":[],"engagedCount":0,"health":[],"manualDuckOn":false,"outputMuted":false,)"
-                    R"("outputVolume":0.0,"outputVolumeIsSoft":false,"sampleRate":0.0,"soundEffectsUID":"",)"
-                    R"("stageMode":false})");
+    EXPECT_EQ(text,
+              R"({"anyEngaged":false,"apps":[],"bufferFrames":0,"defaultInputUID":"","defaultOutputUID":"",)"
+              R"("devices":[],"engagedCount":0,"health":[],"manualDuckOn":false,"outputMuted":false,)"
+              R"("outputVolume":0.0,"outputVolumeIsSoft":false,"sampleRate":0.0,"soundEffectsUID":"",)"
+              R"("stageMode":false})");
     // Null reads as absent for an optional field.
-    const TonaviStatus decoded = decodeStatus(fullStatusWith(R"("smartLive":{)", R"("smartLive":null,"x":{)"));
+    const TonaviStatus decoded =
+        decodeStatus(fullStatusWith(R"("smartLive":{)", R"("smartLive":null,"x":{)"));
     EXPECT_FALSE(decoded.smartLive.has_value());
     EXPECT_TRUE(decoded.recentOnsets.has_value());
 }
@@ -155,17 +161,23 @@ TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
          "devices: [0]: transport: cannot initialize Transport from invalid value \"firewire\""},
         {fullStatusWith(R"("kind":"alert")", R"("kind":"beep")"),
          "recentOnsets: [0]: kind: cannot initialize Kind from invalid value \"beep\""},
-        {fullStatusWith(R"("at":1700000001.0)", R"("at":true)"), "health: [0]: at: expected a number, found a boolean"},
+        {fullStatusWith(R"("at":1700000001.0)", R"("at":true)"),
+         "health: [0]: at: expected a number, found a boolean"},
         {fullStatusWith(R"("detail":"no aggregate",)", ""), "health: [0]: missing required key \"detail\""},
-        {fullStatusWith(R"("pid":412)", R"("pid":"412")"), "apps: [0]: pid: expected an integer, found a string"},
-        {fullStatusWith(R"("autoDuckCount":2)", R"("autoDuckCount":2.5)"), "smartLive: autoDuckCount: number 2.5 is not an integer"},
-        {fullStatusWith(R"("level":0.25)", R"("level":1e300)"), "devices: [0]: level: number 1e+300 does not fit a 32-bit float"},
-        {fullStatusWith(R"("soloAppIDs":[)", R"("soloAppIDs":[1,)"), "soloAppIDs: [0]: expected a string, found an integer"},
+        {fullStatusWith(R"("pid":412)", R"("pid":"412")"),
+         "apps: [0]: pid: expected an integer, found a string"},
+        {fullStatusWith(R"("autoDuckCount":2)", R"("autoDuckCount":2.5)"),
+         "smartLive: autoDuckCount: number 2.5 is not an integer"},
+        {fullStatusWith(R"("level":0.25)", R"("level":1e300)"),
+         "devices: [0]: level: number 1e+300 does not fit a 32-bit float"},
+        {fullStatusWith(R"("soloAppIDs":[)", R"("soloAppIDs":[1,)"),
+         "soloAppIDs: [0]: expected a string, found an integer"},
         {"[]", "expected an object, found an array"},
     };
     for (const auto& c : cases) {
         const std::string message = statusError(c.text);
-        EXPECT_NE(message.find(c.expected), std::string::npos) << "expected: " << c.expected << "\ngot: " << message;
+        EXPECT_NE(message.find(c.expected), std::string::npos)
+            << "expected: " << c.expected << "\ngot: " << message;
     }
 }
 
@@ -203,22 +215,31 @@ TEST(TonaviReplyJSON, GoldenReplies) {
 }
 
 TEST(TonaviPayloadJSON, GoldenListsAndStrictReading) {
-    EXPECT_EQ(bytesText(TonaviPayload::encode(std::vector<std::string>{"Day", "Night"})), R"(["Day","Night"])");
-    const std::vector<RunningApp> running = {{"com.apple.Music", 77, true, 0.5}, {"com.apple.TV", 78, false, std::nullopt}};
-    const char* runningText = R"([{"bundleID":"com.apple.Music","isRunning":true,"pid":77,"secondsSinceAudio":0.5},)"
-                              R"({"bundleID":"com.apple.TV","isRunning":false,"pid":78}])";
+    EXPECT_EQ(bytesText(TonaviPayload::encode(std::vector<std::string>{"Day", "Night"})),
+              R"(["Day","Night"])");
+    const std::vector<RunningApp> running = {{"com.apple.Music", 77, true, 0.5},
+                                             {"com.apple.TV", 78, false, std::nullopt}};
+    const char* runningText =
+        R"([{"bundleID":"com.apple.Music","isRunning":true,"pid":77,"secondsSinceAudio":0.5},)"
+        R"({"bundleID":"com.apple.TV","isRunning":false,"pid":78}])";
     EXPECT_EQ(bytesText(TonaviPayload::encode(running)), runningText);
     const std::string runningString(runningText);
     EXPECT_EQ(TonaviPayload::decodeRunningApps(Bytes(runningString.begin(), runningString.end())), running);
 
-    const std::vector<InstalledApp> installed = {{"com.apple.Music", "Music", "/Applications/Music.app", true}};
-    EXPECT_EQ(bytesText(TonaviPayload::encode(installed)),
-              R"([{"audioCapable":true,"id":"com.apple.Music","name":"Music","path":"/Applications/Music.app"}])");
-    const std::vector<AudioUnitInfo> units = {
-        {"U1", {kavore::fourCharCode("aufx"), kavore::fourCharCode("dely"), kavore::fourCharCode("appl"), "Delay", "Apple"}, true, 5}};
-    EXPECT_EQ(bytesText(TonaviPayload::encode(units)),
-              R"([{"favorite":true,"id":"U1","key":{"manufacturer":1634758764,"manufacturerName":"Apple","name":"Delay",)"
-              R"("subtype":1684368505,"type":1635083896},"lastScanAt":5.0}])");
+    const std::vector<InstalledApp> installed = {
+        {"com.apple.Music", "Music", "/Applications/Music.app", true}};
+    EXPECT_EQ(
+        bytesText(TonaviPayload::encode(installed)),
+        R"([{"audioCapable":true,"id":"com.apple.Music","name":"Music","path":"/Applications/Music.app"}])");
+    const std::vector<AudioUnitInfo> units = {{"U1",
+                                               {kavore::fourCharCode("aufx"), kavore::fourCharCode("dely"),
+                                                kavore::fourCharCode("appl"), "Delay", "Apple"},
+                                               true,
+                                               5}};
+    EXPECT_EQ(
+        bytesText(TonaviPayload::encode(units)),
+        R"([{"favorite":true,"id":"U1","key":{"manufacturer":1634758764,"manufacturerName":"Apple","name":"Delay",)"
+        R"("subtype":1684368505,"type":1635083896},"lastScanAt":5.0}])");
 
     const std::string missingPath = R"([{"audioCapable":true,"id":"a","name":"A"}])";
     try {
@@ -236,20 +257,63 @@ TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
         const char* where;
         std::function<void()> encode;
     } cases[] = {
-        {"outputVolume", [&] { TonaviReply r = TonaviReply::success(); r.status = fullStatus(); r.status->outputVolume = nan; encodeReply(r); }},
-        {"status.apps[0].level", [&] { TonaviReply r = TonaviReply::success(); r.status = fullStatus(); r.status->apps[0].level = std::numeric_limits<float>::infinity(); encodeReply(r); }},
-        {"devices[0].lastUsedAt", [&] { auto s = fullStatus(); s.devices[0].lastUsedAt = -inf; encodeStatus(s); }},
-        {"health[0].at", [&] { auto s = fullStatus(); s.health[0].at = nan; encodeStatus(s); }},
-        {"timestamp", [&] { Diagnostics d; d.timestamp = inf; TonaviPayload::encode(d); }},
-        {"config.softMasterPercent", [&] { Diagnostics d; d.config.softMasterPercent = nan; TonaviPayload::encode(d); }},
-        {"[0].secondsSinceAudio", [&] { TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}}); }},
+        {"outputVolume",
+         [&] {
+             TonaviReply r = TonaviReply::success();
+             r.status = fullStatus();
+             r.status->outputVolume = nan;
+             encodeReply(r);
+         }},
+        {"status.apps[0].level",
+         [&] {
+             TonaviReply r = TonaviReply::success();
+             r.status = fullStatus();
+             r.status->apps[0].level = std::numeric_limits<float>::infinity();
+             encodeReply(r);
+         }},
+        {"devices[0].lastUsedAt",
+         [&] {
+             auto s = fullStatus();
+             s.devices[0].lastUsedAt = -inf;
+             encodeStatus(s);
+         }},
+        {"health[0].at",
+         [&] {
+             auto s = fullStatus();
+             s.health[0].at = nan;
+             encodeStatus(s);
+         }},
+        {"timestamp",
+         [&] {
+             Diagnostics d;
+             d.timestamp = inf;
+             TonaviPayload::encode(d);
+         }},
+        {"config.softMasterPercent",
+         [&] {
+             Diagnostics d;
+             d.config.softMasterPercent = nan;
+             TonaviPayload::encode(d);
+         }},
+        {"[0].secondsSinceAudio",
+         [&] {
+             TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
+         }},
     };
+    TonaviReply unwritable = TonaviReply::success();
+    unwritable.status = fullStatus();
+    unwritable.status->sampleRate = nan;
+    EXPECT_EQ(decodeReply(encodeReplyOrFailure(unwritable)),
+              TonaviReply::failure("The reply could not be encoded: cannot encode a number that is not finite at "
+                                   "status.sampleRate"));
+
     for (const auto& c : cases) {
         try {
             c.encode();
             ADD_FAILURE() << "encoded a non-finite number at " << c.where;
         } catch (const WireEncodingError& e) {
-            EXPECT_NE(std::string(e.what()).find(std::string("not finite at ") ), std::string::npos) << e.what();
+            EXPECT_NE(std::string(e.what()).find(std::string("not finite at ")), std::string::npos)
+                << e.what();
             EXPECT_NE(std::string(e.what()).find(c.where), std::string::npos) << e.what();
         }
     }
