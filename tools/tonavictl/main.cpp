@@ -1,65 +1,114 @@
-// tonavictl: a command-line client of the service's control socket.
-//   tonavictl ping                    prints the reply's message
-//   tonavictl send '<request JSON>'   sends any request and prints the reply JSON
-//   tonavictl sim ...                 drives the simulated machine (see docs/platform.md)
-// Exit status: 0 on an ok reply, 1 on a failure reply, 2 when the service cannot be reached or
-// answers with something that is not a reply.
+// tonavictl: a command-line client of the service's control socket; `tonavictl help` lists the commands.
+// Exit status: 0 on an ok reply, 1 on a failure reply or a name that matches nothing, 2 when the service
+// cannot be reached or answers with something that is not a reply, 64 for wrong arguments.
 
 #include "core/wire/RawSocket.hpp"
 #include "core/wire/TonaviChannel.hpp"
+#include "core/wire/TonaviStatus.hpp"
 #include "core/wire/TransportError.hpp"
 #include "core/wire/WireError.hpp"
 
+#include "tools/tonavictl/CtlCommand.hpp"
 #include "tools/tonavictl/SimCommand.hpp"
+#include "tools/tonavictl/StatusTable.hpp"
+
+#include <nlohmann/json.hpp>
 
 #include <cstdio>
-#include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
+
+using namespace tonavi;
+
 // Above the server's own 20-second bound, so that a slow request ends with its time-out reply.
 constexpr double clientTimeoutSeconds = 25;
+constexpr int exitOK = 0;
+constexpr int exitRefused = 1;
+constexpr int exitUnreachable = 2;
+constexpr int exitUsage = 64;
 
-int usage() {
-    std::fprintf(stderr,
-                 "usage: tonavictl ping\n"
-                 "       tonavictl send '<request JSON>'\n"
-                 "       tonavictl sim <command> ...\n");
-    return 2;
+// Sends JSON text as it is and prints the reply's text as it came.
+int sendRaw(const std::string& requestJSON) {
+    auto* bytes = reinterpret_cast<const std::uint8_t*>(requestJSON.data());
+    Bytes raw = RawSocket::roundTrip(TonaviChannel::socketPath(), {bytes, requestJSON.size()}, clientTimeoutSeconds);
+    std::string text(raw.begin(), raw.end());
+    TonaviReply reply = decodeReply(text);
+    std::printf("%s\n", text.c_str());
+    return reply.ok ? exitOK : exitRefused;
 }
 
-int ping() {
-    try {
-        tonavi::TonaviReply reply = tonavi::TonaviChannel::send(tonavi::TonaviRequest::ping(), clientTimeoutSeconds);
-        std::printf("%s\n", reply.message.c_str());
-        return reply.ok ? 0 : 1;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "tonavictl: %s\n", e.what());
-        return 2;
+int refused(const std::string& message) {
+    std::fprintf(stderr, "tonavictl: %s\n", message.c_str());
+    return exitRefused;
+}
+
+int run(const CtlCommand& command) {
+    using Verb = CtlCommand::Verb;
+    if (command.verb == Verb::send)
+        return sendRaw(command.text);
+    if (command.verb == Verb::status && command.json)
+        return sendRaw(encodeRequest(TonaviRequest{TonaviRequest::Status{}}));
+
+    std::optional<TonaviStatus> status;
+    if (command.needsStatus()) {
+        TonaviReply reply = TonaviChannel::send({TonaviRequest::Status{}}, clientTimeoutSeconds);
+        if (!reply.ok || !reply.status)
+            return refused("the service gave no status to look names up in" +
+                           (reply.message.empty() ? std::string() : ": " + reply.message));
+        status = std::move(reply.status);
     }
+    auto built = command.toRequest(status ? &*status : nullptr);
+    if (!built.request)
+        return refused(built.error);
+
+    TonaviReply reply = TonaviChannel::send(*built.request, clientTimeoutSeconds);
+    if (!reply.ok)
+        return refused(reply.message.empty() ? "the service refused the request" : reply.message);
+    switch (command.verb) {
+    case Verb::status:
+        if (!reply.status)
+            return refused("the reply holds no status");
+        std::fputs(StatusTable::render(*reply.status).c_str(), stdout);
+        break;
+    case Verb::diagnostics: {
+        if (!reply.payload)
+            return refused("the reply holds no diagnostics");
+        std::string text(reply.payload->begin(), reply.payload->end());
+        auto parsed = nlohmann::json::parse(text, nullptr, false);
+        std::printf("%s\n", parsed.is_discarded() ? text.c_str() : parsed.dump(2).c_str());
+        break;
+    }
+    default:
+        if (!reply.message.empty())
+            std::printf("%s\n", reply.message.c_str());
+        break;
+    }
+    return exitOK;
 }
 
-int send(const std::string& requestJSON) {
-    try {
-        auto* bytes = reinterpret_cast<const std::uint8_t*>(requestJSON.data());
-        tonavi::Bytes raw = tonavi::RawSocket::roundTrip(tonavi::TonaviChannel::socketPath(),
-                                                         {bytes, requestJSON.size()}, clientTimeoutSeconds);
-        std::string text(raw.begin(), raw.end());
-        tonavi::TonaviReply reply = tonavi::decodeReply(text);
-        std::printf("%s\n", text.c_str());
-        return reply.ok ? 0 : 1;
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "tonavictl: %s\n", e.what());
-        return 2;
-    }
-}
-}  // namespace
+} // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 2) return usage();
-    std::string command = argv[1];
-    if (command == "ping" && argc == 2) return ping();
-    if (command == "send" && argc == 3) return send(argv[2]);
-    if (command == "sim") return tonavi::runSimCommand(argc - 1, argv + 1);
-    return usage();
+    if (argc >= 2 && std::string(argv[1]) == "sim")
+        return tonavi::runSimCommand(argc - 1, argv + 1);
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    auto parsed = tonavi::CtlCommand::parse(args);
+    if (!parsed.command) {
+        std::fprintf(stderr, "tonavictl: %s\n", parsed.error.c_str());
+        if (args.empty())
+            std::fputs(tonavi::ctlUsageText, stderr);
+        return exitUsage;
+    }
+    if (parsed.command->verb == tonavi::CtlCommand::Verb::help) {
+        std::fputs(tonavi::ctlUsageText, stdout);
+        return exitOK;
+    }
+    try {
+        return run(*parsed.command);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "tonavictl: %s\n", e.what());
+        return exitUnreachable;
+    }
 }

@@ -1,0 +1,68 @@
+#pragma once
+// One tonavictl command line, checked word by word before anything is sent, and the request it becomes.
+// Parsing needs no service; turning application and device names into identifiers needs a status reply,
+// which the caller fetches only for commands that name something (needsStatus).
+
+#include "core/wire/TonaviRequest.hpp"
+
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tonavi {
+
+struct TonaviStatus;
+
+struct CtlCommand {
+    enum class Verb {
+        help,
+        ping,
+        send,
+        status,
+        volume,
+        mute,
+        unmute,
+        solo,
+        stage,
+        boost,
+        redirect,
+        eq,
+        reset,
+        diagnostics,
+    };
+
+    struct Parsed;
+    struct Built;
+
+    Verb verb = Verb::help;
+    std::vector<std::string> apps; // application words as typed
+    std::string device;            // a device word as typed, or "default" for no redirect
+    double amount = 0;             // volume 0...1, boost multiplier 1...4
+    bool on = false;               // stage on|off
+    bool json = false;             // status --json
+    std::string text;              // send: the request JSON; eq: the preset name, or "off"
+
+    // args excludes the program name. The error says what is wrong with the words.
+    static Parsed parse(std::span<const std::string> args);
+
+    bool needsStatus() const;
+
+    // status is required when needsStatus(). The error names the word that resolves to nothing.
+    Built toRequest(const TonaviStatus* status) const;
+};
+
+struct CtlCommand::Parsed {
+    std::optional<CtlCommand> command;
+    std::string error;
+};
+
+struct CtlCommand::Built {
+    std::optional<TonaviRequest> request;
+    std::string error;
+};
+
+// The text of `tonavictl help`.
+extern const char* const ctlUsageText;
+
+} // namespace tonavi

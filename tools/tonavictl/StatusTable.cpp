@@ -1,0 +1,174 @@
+#include "tools/tonavictl/StatusTable.hpp"
+
+#include "core/wire/TonaviStatus.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <vector>
+
+namespace tonavi {
+
+namespace {
+
+// How many health events the text shows; --json has the rest.
+constexpr std::size_t healthLines = 3;
+
+// Width on a terminal, counting each UTF-8 sequence as one column.
+std::size_t columns(const std::string& text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+}
+
+std::string percent(double value) {
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%.0f%%", value * 100.0);
+    return buffer;
+}
+
+std::string multiplier(double value) {
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, " x%g", value);
+    return buffer;
+}
+
+std::string join(const std::vector<std::string>& items, const char* separator) {
+    std::string out;
+    for (const auto& item : items)
+        out += (out.empty() ? "" : separator) + item;
+    return out;
+}
+
+// Left-aligned columns two blanks apart; the last column is not padded.
+class Table {
+  public:
+    explicit Table(std::vector<std::string> header) { rows_.push_back(std::move(header)); }
+    void add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+
+    std::string text() const {
+        std::vector<std::size_t> widths(rows_.front().size(), 0);
+        for (const auto& row : rows_)
+            for (std::size_t i = 0; i < row.size(); ++i)
+                widths[i] = std::max(widths[i], columns(row[i]));
+        std::string out;
+        for (const auto& row : rows_) {
+            std::string line = " ";
+            for (std::size_t i = 0; i < row.size(); ++i) {
+                line += " " + row[i];
+                if (i + 1 < row.size())
+                    line += std::string(widths[i] - columns(row[i]) + 1, ' ');
+            }
+            while (!line.empty() && line.back() == ' ')
+                line.pop_back();
+            out += line + "\n";
+        }
+        return out;
+    }
+
+  private:
+    std::vector<std::vector<std::string>> rows_;
+};
+
+std::string deviceName(const TonaviStatus& status, const std::string& uid) {
+    for (const auto& d : status.devices)
+        if (d.id == uid)
+            return d.nickname.empty() ? d.name : d.nickname;
+    return uid;
+}
+
+std::string appName(const TonaviStatus& status, const std::string& id) {
+    for (const auto& a : status.apps)
+        if (a.id == id)
+            return a.displayName;
+    return id;
+}
+
+} // namespace
+
+std::string StatusTable::levelBar(double level) {
+    const double clamped = std::isfinite(level) ? std::clamp(level, 0.0, 1.0) : 0.0;
+    const auto filled = static_cast<std::size_t>(std::floor(clamped * 10.0 + 1e-9));
+    return std::string(filled, '#') + std::string(10 - filled, '.');
+}
+
+std::string StatusTable::render(const TonaviStatus& status) {
+    std::string out;
+
+    std::vector<std::string> summary;
+    summary.push_back("output " +
+                      (status.defaultOutputUID.empty() ? std::string("none")
+                                                       : deviceName(status, status.defaultOutputUID)));
+    summary.push_back("volume " + percent(status.outputVolume) + (status.outputVolumeIsSoft ? " (software)" : "") +
+                      (status.outputMuted ? " muted" : ""));
+    char rate[32];
+    std::snprintf(rate, sizeof rate, "%.0f Hz", status.sampleRate);
+    summary.push_back(rate);
+    summary.push_back(std::to_string(status.engagedCount) + " engaged");
+    if (status.stageMode)
+        summary.push_back("STAGE MODE");
+    if (status.manualDuckOn)
+        summary.push_back("manual duck");
+    if (status.soloAppIDs && !status.soloAppIDs->empty()) {
+        std::vector<std::string> names;
+        for (const auto& id : *status.soloAppIDs)
+            names.push_back(appName(status, id));
+        summary.push_back("solo " + join(names, ", "));
+    }
+    out += join(summary, " | ") + "\n\n";
+
+    out += "Applications\n";
+    if (status.apps.empty()) {
+        out += "  (none)\n";
+    } else {
+        Table apps({"NAME", "ID", "VOLUME", "MUTED", "ENGAGED", "LEVEL", "OUTPUT", "ISSUES"});
+        for (const auto& app : status.apps) {
+            std::string volume = percent(app.volume);
+            if (app.boost > 1.0)
+                volume += multiplier(app.boost);
+            std::vector<std::string> issues;
+            if (app.controlIssue)
+                issues.push_back(*app.controlIssue);
+            apps.add({app.displayName, app.id, volume, app.muted ? "yes" : "no",
+                      app.engaged ? "yes" : (app.directLocked ? "locked" : "no"),
+                      app.engaged ? levelBar(app.level) : "-",
+                      app.redirectUID.empty() ? "default" : deviceName(status, app.redirectUID),
+                      join(issues, "; ")});
+        }
+        out += apps.text();
+    }
+
+    out += "\nDevices\n";
+    if (status.devices.empty()) {
+        out += "  (none)\n";
+    } else {
+        Table devices({"NAME", "UID", "TRANSPORT", "IO", "DEFAULT", "VOLUME", "MUTED"});
+        for (const auto& d : status.devices) {
+            std::vector<std::string> io;
+            if (d.isInput)
+                io.push_back("in");
+            if (d.isOutput)
+                io.push_back("out");
+            std::vector<std::string> defaults;
+            if (d.isDefaultOutput)
+                defaults.push_back("output");
+            if (d.isDefaultInput)
+                defaults.push_back("input");
+            if (d.id == status.soundEffectsUID)
+                defaults.push_back("alerts");
+            std::string name = d.nickname.empty() ? d.name : d.nickname + " (" + d.name + ")";
+            devices.add({name, d.id, std::string(transportName(d.transport)), join(io, "/"), join(defaults, ", "),
+                         d.hasVolume ? percent(d.volume) : "-", d.muted ? "yes" : "no"});
+        }
+        out += devices.text();
+    }
+
+    if (!status.health.empty()) {
+        out += "\nRecent health events\n";
+        const std::size_t first = status.health.size() > healthLines ? status.health.size() - healthLines : 0;
+        for (std::size_t i = first; i < status.health.size(); ++i)
+            out += "  " + status.health[i].kind + ": " + status.health[i].detail + "\n";
+    }
+    return out;
+}
+
+} // namespace tonavi
