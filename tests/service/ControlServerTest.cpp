@@ -143,8 +143,11 @@ TEST_F(ControlServer, HalfClosedClientStillGetsItsReply) {
 TEST_F(ControlServer, SecondFrameOnAConnectionIsNeverAnswered) {
     startServer();
     int fd = connectRaw();
-    ControlTransport::writeFrame(fd, std::string_view("{\"ping\":{}}"));
-    ControlTransport::writeFrame(fd, std::string_view("{\"ping\":{}}"));
+    // Both frames in one write: the server may reply and close before a second write would happen.
+    const std::string body = "{\"ping\":{}}";
+    std::string twoFrames;
+    for (int i = 0; i < 2; ++i) twoFrames += std::string{'\0', '\0', '\0', static_cast<char>(body.size())} + body;
+    ASSERT_EQ(::write(fd, twoFrames.data(), twoFrames.size()), static_cast<ssize_t>(twoFrames.size()));
     EXPECT_NO_THROW(ControlTransport::readFrame(fd));
     // Closed with the second frame unread: an orderly close or a reset, but never a second reply.
     std::string second = errorOf([&] { ControlTransport::readFrame(fd); });
