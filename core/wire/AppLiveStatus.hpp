@@ -9,7 +9,7 @@
 namespace tonavi {
 
 struct AppLiveStatus {
-    std::string id;  // the bundle identifier
+    std::string id; // the bundle identifier
     std::string displayName;
     std::optional<std::int64_t> pid;
     bool isRunning = false;
@@ -19,7 +19,7 @@ struct AppLiveStatus {
     std::optional<double> secondsSinceAudio;
     bool engaged = false;
     bool directLocked = false;
-    float level = 0;  // in the meter's scale
+    float level = 0; // in the meter's scale
     double addedLatencyMS = 0;
     std::int64_t addedLatencySamples = 0;
     double volume = 0;
@@ -43,4 +43,4 @@ struct AppLiveStatus {
 void to_json(nlohmann::json& j, const AppLiveStatus& value);
 void from_json(const nlohmann::json& j, AppLiveStatus& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -12,7 +12,7 @@ struct AudioOnset {
     enum class Kind { app, alert, output };
 
     std::string id;
-    double startedAt = 0;  // seconds since 1970
+    double startedAt = 0; // seconds since 1970
     std::optional<Kind> kind;
     std::optional<std::string> frontmostAppID;
     std::optional<std::string> label;
@@ -28,4 +28,4 @@ std::optional<AudioOnset::Kind> onsetKindFromName(std::string_view name);
 void to_json(nlohmann::json& j, const AudioOnset& value);
 void from_json(const nlohmann::json& j, AudioOnset& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -12,7 +12,7 @@ struct AudioUnitInfo {
     std::string id;
     kavore::AUComponentKey key;
     bool favorite = false;
-    double lastScanAt = 0;  // seconds since 1970
+    double lastScanAt = 0; // seconds since 1970
 
     bool operator==(const AudioUnitInfo&) const = default;
 };
@@ -21,4 +21,4 @@ struct AudioUnitInfo {
 void to_json(nlohmann::json& j, const AudioUnitInfo& value);
 void from_json(const nlohmann::json& j, AudioUnitInfo& value);
 
-}  // namespace tonavi
+} // namespace tonavi

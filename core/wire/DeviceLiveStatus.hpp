@@ -10,10 +10,11 @@
 namespace tonavi {
 
 struct DeviceLiveStatus {
-    // How the device is attached; every output and input policy decides on this closed set.
+    // How the device is attached; every output and input policy decides on this closed set. `virtual_`
+    // is "virtual" on the wire (the plain name is a keyword here).
     enum class Transport { builtin, usb, bluetooth, airplay, aggregate, virtual_, other };
 
-    std::string id;  // the device UID
+    std::string id; // the device UID
     std::string name;
     std::string nickname;
     Transport transport = Transport::other;
@@ -47,4 +48,4 @@ std::optional<DeviceLiveStatus::Transport> transportFromName(std::string_view na
 void to_json(nlohmann::json& j, const DeviceLiveStatus& value);
 void from_json(const nlohmann::json& j, DeviceLiveStatus& value);
 
-}  // namespace tonavi
+} // namespace tonavi

@@ -14,7 +14,7 @@ namespace tonavi {
 
 struct Diagnostics {
     std::string version;
-    double timestamp = 0;  // seconds since 1970
+    double timestamp = 0; // seconds since 1970
     TonaviStatus status;
     TonaviConfig config;
     std::vector<HealthEvent> healthLog;
@@ -28,4 +28,4 @@ struct Diagnostics {
 void to_json(nlohmann::json& j, const Diagnostics& value);
 void from_json(const nlohmann::json& j, Diagnostics& value);
 
-}  // namespace tonavi
+} // namespace tonavi

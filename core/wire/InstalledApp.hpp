@@ -7,7 +7,7 @@
 namespace tonavi {
 
 struct InstalledApp {
-    std::string id;  // the bundle identifier
+    std::string id; // the bundle identifier
     std::string name;
     std::string path;
     bool audioCapable = false;
@@ -19,4 +19,4 @@ struct InstalledApp {
 void to_json(nlohmann::json& j, const InstalledApp& value);
 void from_json(const nlohmann::json& j, InstalledApp& value);
 
-}  // namespace tonavi
+} // namespace tonavi

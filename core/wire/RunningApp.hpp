@@ -21,4 +21,4 @@ struct RunningApp {
 void to_json(nlohmann::json& j, const RunningApp& value);
 void from_json(const nlohmann::json& j, RunningApp& value);
 
-}  // namespace tonavi
+} // namespace tonavi

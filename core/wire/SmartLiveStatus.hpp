@@ -26,4 +26,4 @@ struct SmartLiveStatus {
 void to_json(nlohmann::json& j, const SmartLiveStatus& value);
 void from_json(const nlohmann::json& j, SmartLiveStatus& value);
 
-}  // namespace tonavi
+} // namespace tonavi

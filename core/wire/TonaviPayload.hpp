@@ -44,4 +44,4 @@ std::vector<RunningApp> decodeRunningApps(std::span<const std::uint8_t> bytes);
 std::vector<AudioUnitInfo> decodeAudioUnits(std::span<const std::uint8_t> bytes);
 std::vector<MIDIMapping> decodeMIDIMappings(std::span<const std::uint8_t> bytes);
 
-}  // namespace tonavi::TonaviPayload
+} // namespace tonavi::TonaviPayload

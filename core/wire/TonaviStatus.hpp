@@ -25,9 +25,9 @@ struct TonaviStatus {
     std::string defaultOutputUID;
     std::string defaultInputUID;
     std::string soundEffectsUID;
-    double outputVolume = 0;  // of the default output, 0 to 1
+    double outputVolume = 0; // of the default output, 0 to 1
     bool outputMuted = false;
-    bool outputVolumeIsSoft = false;  // no hardware volume; the software master stands in
+    bool outputVolumeIsSoft = false; // no hardware volume; the software master stands in
     bool manualDuckOn = false;
     double sampleRate = 0;
     std::int64_t bufferFrames = 0;
@@ -50,4 +50,4 @@ std::string encodeStatus(const TonaviStatus& status);
 // Throws WireDecodingError.
 TonaviStatus decodeStatus(std::string_view json);
 
-}  // namespace tonavi
+} // namespace tonavi
