@@ -82,7 +82,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     }
 
     // 7. The engine does not act until told to.
-    engine_ = std::make_unique<EngagementEngine>(loaded, tapProvider_, autoDirect, 48000.0, false, wallClock_);
+    engine_ =
+        std::make_unique<EngagementEngine>(loaded, tapProvider_, autoDirect, 48000.0, false, wallClock_);
 
     // 8, 9. Scheduling hooks; no tap may be created until audio was observed or a control asks.
     connectEngineHooks();
@@ -151,9 +152,8 @@ TonaviRuntime::~TonaviRuntime() {
 
 void TonaviRuntime::connectEngineHooks() {
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
-    engine_->setReconciliationScheduler([weak] {
-        withRuntime(weak, [](TonaviRuntime& rt) { rt.requestReconcile(); });
-    });
+    engine_->setReconciliationScheduler(
+        [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.requestReconcile(); }); });
     engine_->setRefreshScheduler([weak](const std::string& bundleID) {
         withRuntime(weak, [&](TonaviRuntime& rt) { rt.scheduleTapRefresh(bundleID, false); });
     });
@@ -187,7 +187,8 @@ void TonaviRuntime::connectTapProviderHooks() {
         withRuntime(weak, [&](TonaviRuntime& rt) { route = rt.engine_->routeFor(bundleID); });
         return route;
     };
-    hooks.tapFailed = [weak](const std::string& bundleID, const std::string& reason, const TapHandlePtr& handle) {
+    hooks.tapFailed = [weak](const std::string& bundleID, const std::string& reason,
+                             const TapHandlePtr& handle) {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             rt.serialQueue_->async([weak, bundleID, reason, handle] {
                 withRuntime(weak, [&](TonaviRuntime& rt) {
@@ -203,8 +204,8 @@ void TonaviRuntime::connectTapProviderHooks() {
 
 void TonaviRuntime::readDefaultOutputAtStart() {
     AudioObjectID device = kAudioObjectUnknown;
-    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), device) !=
-            noErr ||
+    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                    device) != noErr ||
         device == kAudioObjectUnknown)
         return;
     std::string uid;
@@ -233,19 +234,21 @@ void TonaviRuntime::startSmartTimer() {
 
 void TonaviRuntime::installProcessRegistryListener() {
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
-    processRegistryListener_ = std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
-        [weak](std::span<const AudioObjectPropertyAddress>) {
-            withRuntime(weak, [](TonaviRuntime& rt) {
-                // While warming, discovery waits for the warm-up's reconcile.
-                if (!rt.coreAudioReady_.load())
-                    return;
-                rt.armOutputRunningListeners();
-                rt.refreshAudioSnapshotsIfNeeded(true);
-                rt.nudgeSmart();
+    processRegistryListener_ =
+        std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
+            [weak](std::span<const AudioObjectPropertyAddress>) {
+                withRuntime(weak, [](TonaviRuntime& rt) {
+                    // While warming, discovery waits for the warm-up's reconcile.
+                    if (!rt.coreAudioReady_.load())
+                        return;
+                    rt.armOutputRunningListeners();
+                    rt.refreshAudioSnapshotsIfNeeded(true);
+                    rt.nudgeSmart();
+                });
             });
-        });
-    if (audio_->addPropertyListener(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList),
-                                    *serialQueue_, processRegistryListener_) != noErr) {
+    if (audio_->addPropertyListener(kAudioObjectSystemObject,
+                                    globalAddress(kAudioHardwarePropertyProcessObjectList), *serialQueue_,
+                                    processRegistryListener_) != noErr) {
         Log::info("tonavi: process registry listener could not be installed");
         processRegistryListener_.reset();
     }
@@ -290,8 +293,8 @@ void TonaviRuntime::warmUpProbe(int attempt) {
     // How fast the hardware answers is real time, whatever clock drives the waits.
     const auto start = std::chrono::steady_clock::now();
     AudioObjectID device = kAudioObjectUnknown;
-    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), device) ==
-            noErr &&
+    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                    device) == noErr &&
         device != kAudioObjectUnknown) {
         std::string uid;
         (void)audio_->get(device, globalAddress(kAudioDevicePropertyDeviceUID), uid);
@@ -334,7 +337,8 @@ void TonaviRuntime::requestReconcile() {
     if (!coreAudioReady_.load())
         return;
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
-    scheduleTapWork(reconcileKey, [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.engine_->reconcile(); }); });
+    scheduleTapWork(reconcileKey,
+                    [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.engine_->reconcile(); }); });
 }
 
 void TonaviRuntime::scheduleTapWork(const std::string& key, std::function<void()> work) {

@@ -34,7 +34,8 @@ TEST(RuntimeStart, AnUnusableConfigurationGivesARunningServiceWithFirstRunDefaul
         std::function<void(RuntimeHarness&)> damage;
     };
     const Case cases[] = {
-        {"garbage in the file", [](RuntimeHarness& h) { writeText(h.store->configURL(), "{\"apps\": [ nonsense"); }},
+        {"garbage in the file",
+         [](RuntimeHarness& h) { writeText(h.store->configURL(), "{\"apps\": [ nonsense"); }},
         {"no file and no way to write one", [](RuntimeHarness& h) { h.failWrites = true; }},
     };
     for (const auto& c : cases) {
