@@ -320,3 +320,20 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     EXPECT_EQ(document.config, h.runtime->engine().config());
     EXPECT_EQ(document.auCount, 0);
 }
+
+TEST(AppRequests, HidingAnAppEndsItsSoloAndRestoringItBringsItBack) {
+    RuntimeHarness h;
+    h.start();
+    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
+    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
+    ASSERT_TRUE(hidden.ok);
+    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
+    EXPECT_EQ(liveApp(hidden, safari), nullptr);
+    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
+
+    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
+    EXPECT_EQ(restored.message, "App restored to Tonavi.");
+    EXPECT_NE(liveApp(restored, safari), nullptr);
+    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
+}
