@@ -45,15 +45,25 @@ class ServiceTapProvider : public TapProviding {
     // A fresh creation backoff, so that taps rebuilt after a sleep do not wait out older delays.
     virtual void resetCreationBackoff() {}
 
-    virtual std::optional<bool> recentAudioSignal(std::string_view /*bundleID*/) const { return std::nullopt; }
+    virtual std::optional<bool> recentAudioSignal(std::string_view /*bundleID*/) const {
+        return std::nullopt;
+    }
     virtual float level(std::string_view /*bundleID*/) const { return 0.0f; }
-    virtual std::optional<BufferFrames> bufferFrames(std::string_view /*bundleID*/) const { return std::nullopt; }
+    virtual std::optional<BufferFrames> bufferFrames(std::string_view /*bundleID*/) const {
+        return std::nullopt;
+    }
     virtual double sampleRate(std::string_view /*bundleID*/) const { return 48000.0; }
-    virtual std::optional<std::string> sourceDevice(std::string_view /*bundleID*/) const { return std::nullopt; }
-    virtual std::optional<std::string> targetDevice(std::string_view /*bundleID*/) const { return std::nullopt; }
+    virtual std::optional<std::string> sourceDevice(std::string_view /*bundleID*/) const {
+        return std::nullopt;
+    }
+    virtual std::optional<std::string> targetDevice(std::string_view /*bundleID*/) const {
+        return std::nullopt;
+    }
     // Seconds since the tap last carried raw audio (or since it was made); nothing when unknown,
     // which keeps the tap from being released as idle.
-    virtual std::optional<double> secondsSinceRawAudio(std::string_view /*bundleID*/) const { return std::nullopt; }
+    virtual std::optional<double> secondsSinceRawAudio(std::string_view /*bundleID*/) const {
+        return std::nullopt;
+    }
 };
 
 } // namespace tonavi

@@ -39,7 +39,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     : version_(std::move(environment.version)), store_(std::move(environment.store)),
       audio_(std::move(environment.audio)), workspace_(std::move(environment.workspace)),
       tapProvider_(std::move(environment.tapProvider)), clock_(std::move(environment.clock)),
-      wallClock_(std::move(environment.wallClock)), anchor_(std::make_shared<TonaviRuntime*>(this)) {
+      wallClock_(std::move(environment.wallClock)), anchor_(std::make_shared<TonaviRuntime*>(this)),
+      weakSelf_(anchor_) {
     assert(store_ && audio_ && workspace_);
     if (!clock_)
         clock_ = DispatchClock::system();
@@ -81,7 +82,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     }
 
     // 7. The engine does not act until told to.
-    engine_ = std::make_unique<EngagementEngine>(loaded, tapProvider_, autoDirect, 48000.0, false, wallClock_);
+    engine_ =
+        std::make_unique<EngagementEngine>(loaded, tapProvider_, autoDirect, 48000.0, false, wallClock_);
 
     // 8, 9. Scheduling hooks; no tap may be created until audio was observed or a control asks.
     connectEngineHooks();
@@ -149,17 +151,16 @@ TonaviRuntime::~TonaviRuntime() {
 // MARK: Start-up steps
 
 void TonaviRuntime::connectEngineHooks() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
-    engine_->setReconciliationScheduler([weak] {
-        withRuntime(weak, [](TonaviRuntime& rt) { rt.requestReconcile(); });
-    });
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    engine_->setReconciliationScheduler(
+        [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.requestReconcile(); }); });
     engine_->setRefreshScheduler([weak](const std::string& bundleID) {
         withRuntime(weak, [&](TonaviRuntime& rt) { rt.scheduleTapRefresh(bundleID, false); });
     });
 }
 
 void TonaviRuntime::connectTapProviderHooks() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     ServiceTapProvider::Hooks hooks;
     hooks.render = [weak](const std::string& bundleID, std::span<float> buffer, int frames,
                           std::uint64_t hostTime) {
@@ -186,7 +187,8 @@ void TonaviRuntime::connectTapProviderHooks() {
         withRuntime(weak, [&](TonaviRuntime& rt) { route = rt.engine_->routeFor(bundleID); });
         return route;
     };
-    hooks.tapFailed = [weak](const std::string& bundleID, const std::string& reason, const TapHandlePtr& handle) {
+    hooks.tapFailed = [weak](const std::string& bundleID, const std::string& reason,
+                             const TapHandlePtr& handle) {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             rt.serialQueue_->async([weak, bundleID, reason, handle] {
                 withRuntime(weak, [&](TonaviRuntime& rt) {
@@ -202,8 +204,8 @@ void TonaviRuntime::connectTapProviderHooks() {
 
 void TonaviRuntime::readDefaultOutputAtStart() {
     AudioObjectID device = kAudioObjectUnknown;
-    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), device) !=
-            noErr ||
+    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                    device) != noErr ||
         device == kAudioObjectUnknown)
         return;
     std::string uid;
@@ -215,7 +217,7 @@ void TonaviRuntime::readDefaultOutputAtStart() {
 }
 
 void TonaviRuntime::startWatchdog() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     watchdogTimer_ = std::make_unique<DispatchTimer>(
         *serialQueue_, seconds(watchdogFirstSeconds), seconds(watchdogIntervalSeconds),
         [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.watchdogPass(); }); });
@@ -223,7 +225,7 @@ void TonaviRuntime::startWatchdog() {
 }
 
 void TonaviRuntime::startSmartTimer() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     smartTimer_ = std::make_unique<DispatchTimer>(
         *serialQueue_, seconds(smartFirstSeconds), seconds(smartIntervalSeconds),
         [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.smartTick(); }); });
@@ -231,27 +233,29 @@ void TonaviRuntime::startSmartTimer() {
 }
 
 void TonaviRuntime::installProcessRegistryListener() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
-    processRegistryListener_ = std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
-        [weak](std::span<const AudioObjectPropertyAddress>) {
-            withRuntime(weak, [](TonaviRuntime& rt) {
-                // While warming, discovery waits for the warm-up's reconcile.
-                if (!rt.coreAudioReady_.load())
-                    return;
-                rt.armOutputRunningListeners();
-                rt.refreshAudioSnapshotsIfNeeded(true);
-                rt.nudgeSmart();
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    processRegistryListener_ =
+        std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
+            [weak](std::span<const AudioObjectPropertyAddress>) {
+                withRuntime(weak, [](TonaviRuntime& rt) {
+                    // While warming, discovery waits for the warm-up's reconcile.
+                    if (!rt.coreAudioReady_.load())
+                        return;
+                    rt.armOutputRunningListeners();
+                    rt.refreshAudioSnapshotsIfNeeded(true);
+                    rt.nudgeSmart();
+                });
             });
-        });
-    if (audio_->addPropertyListener(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList),
-                                    *serialQueue_, processRegistryListener_) != noErr) {
+    if (audio_->addPropertyListener(kAudioObjectSystemObject,
+                                    globalAddress(kAudioHardwarePropertyProcessObjectList), *serialQueue_,
+                                    processRegistryListener_) != noErr) {
         Log::info("tonavi: process registry listener could not be installed");
         processRegistryListener_.reset();
     }
 }
 
 void TonaviRuntime::observeSleepAndWake() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     // Runs on the posting thread and touches only the engine's suspended flag.
     workspaceObservers_.push_back(workspace_->addWillSleepObserver(
         [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.engine_->setHardwareSuspended(true); }); }));
@@ -281,7 +285,7 @@ void TonaviRuntime::wakeWork() {
 // Core Audio can be slow right after login; no tap is taken before it answers quickly. The probes
 // run on a queue of their own, and the waits between them are delayed work on that queue's clock.
 void TonaviRuntime::warmUpThenEngagePersistedApps() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     warmUpQueue_->async([weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.warmUpProbe(1); }); });
 }
 
@@ -289,15 +293,15 @@ void TonaviRuntime::warmUpProbe(int attempt) {
     // How fast the hardware answers is real time, whatever clock drives the waits.
     const auto start = std::chrono::steady_clock::now();
     AudioObjectID device = kAudioObjectUnknown;
-    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), device) ==
-            noErr &&
+    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                    device) == noErr &&
         device != kAudioObjectUnknown) {
         std::string uid;
         (void)audio_->get(device, globalAddress(kAudioDevicePropertyDeviceUID), uid);
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     auto finish = [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.finishWarmUp(); }); };
     if (elapsed < warmUpFastProbeSeconds) {
         warmUpQueue_->after(seconds(warmUpRetrySeconds), finish);
@@ -314,7 +318,7 @@ void TonaviRuntime::warmUpProbe(int attempt) {
 }
 
 void TonaviRuntime::finishWarmUp() {
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     serialQueue_->async([weak] {
         withRuntime(weak, [](TonaviRuntime& rt) {
             rt.coreAudioReady_.store(true);
@@ -332,8 +336,9 @@ void TonaviRuntime::requestReconcile() {
     // and the warm-up's own reconcile picks up everything asked for meanwhile.
     if (!coreAudioReady_.load())
         return;
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
-    scheduleTapWork(reconcileKey, [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.engine_->reconcile(); }); });
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    scheduleTapWork(reconcileKey,
+                    [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.engine_->reconcile(); }); });
 }
 
 void TonaviRuntime::scheduleTapWork(const std::string& key, std::function<void()> work) {
@@ -344,7 +349,7 @@ void TonaviRuntime::scheduleTapWork(const std::string& key, std::function<void()
     }
     if (!start)
         return; // the active pass runs again, since the generation moved
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     auto pass = std::make_shared<std::function<void()>>();
     *pass = [weak, key, work = std::move(work), passWeak = std::weak_ptr<std::function<void()>>(pass)] {
         withRuntime(weak, [&](TonaviRuntime& rt) {
@@ -373,7 +378,7 @@ void TonaviRuntime::scheduleTapRefresh(const std::string& bundleID, bool force) 
         std::lock_guard guard(tapRefreshStateLock_);
         forcedTapRefreshes_.insert(bundleID);
     }
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     scheduleTapWork(bundleID, [weak, bundleID] {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             bool forced = false;
@@ -481,7 +486,7 @@ void TonaviRuntime::persistContinuousControl() {
     tapProvider_->syncStates();
     if (pendingControlSave_)
         pendingControlSave_->cancel();
-    std::weak_ptr<TonaviRuntime*> weak = anchor_;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     pendingControlSave_ = std::make_shared<WorkItem>([weak] {
         withRuntime(weak, [](TonaviRuntime& rt) {
             rt.pendingControlSave_.reset();

@@ -199,8 +199,10 @@ class TonaviRuntime {
     std::shared_ptr<ServiceTapProvider> tapProvider_;
     std::shared_ptr<DispatchClock> clock_;
     std::function<double()> wallClock_;
-    // Closures handed out hold this weakly; it dies first in the destructor.
+    // Closures handed out hold this weakly, through weakSelf_, which is never written after
+    // construction; the anchor dies first in the destructor.
     std::shared_ptr<TonaviRuntime*> anchor_;
+    const std::weak_ptr<TonaviRuntime*> weakSelf_;
 
     std::unique_ptr<RecencyTracker> recency_;
     std::unique_ptr<EngagementEngine> engine_;

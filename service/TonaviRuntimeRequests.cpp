@@ -148,7 +148,8 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
             } else if constexpr (std::is_same_v<T, R::CancelTimedMute>) {
                 return mutateApp(c.bundleID, false, [](AppAudioState& app) { app.timedMuteUntil.reset(); });
             } else if constexpr (std::is_same_v<T, R::BypassAppEffects>) {
-                return mutateApp(c.bundleID, false, [&](AppAudioState& app) { app.chain.bypassed = c.bypassed; });
+                return mutateApp(c.bundleID, false,
+                                 [&](AppAudioState& app) { app.chain.bypassed = c.bypassed; });
             } else if constexpr (std::is_same_v<T, R::ResetApp>) {
                 return mutateApp(c.bundleID, false, [&](AppAudioState& app) {
                     AppAudioState fresh = freshRecord(c.bundleID);
@@ -161,7 +162,8 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
                     app.favoriteRank = c.rank;
                 });
             } else if constexpr (std::is_same_v<T, R::SetPinnedEffects>) {
-                return mutateApp(c.bundleID, false, [&](AppAudioState& app) { app.pinnedEffectIDs = c.slotIDs; });
+                return mutateApp(c.bundleID, false,
+                                 [&](AppAudioState& app) { app.pinnedEffectIDs = c.slotIDs; });
             } else if constexpr (std::is_same_v<T, R::SetSoloApps>) {
                 return setSoloApps(c.bundleIDs);
             } else if constexpr (std::is_same_v<T, R::SetAppSolo>) {
@@ -196,7 +198,8 @@ TonaviReply TonaviRuntime::mutateApp(const std::string& bundleID, bool continuou
     if (!TonaviTapSafety::mayCapture(bundleID))
         return failure("That process is audio-routing infrastructure and cannot be captured.");
     const TonaviConfig config = engine_->config();
-    if (std::find(config.hiddenAppIDs.begin(), config.hiddenAppIDs.end(), bundleID) != config.hiddenAppIDs.end())
+    if (std::find(config.hiddenAppIDs.begin(), config.hiddenAppIDs.end(), bundleID) !=
+        config.hiddenAppIDs.end())
         return failure("Restore this app from Add App before changing it.");
 
     const AppAudioState* existing = config.app(bundleID);
@@ -230,7 +233,9 @@ TonaviRuntime::IDSet TonaviRuntime::creationEligibilitySet() {
     return set;
 }
 
-void TonaviRuntime::publishCreationEligibility() { engine_->setCreationEligibility(creationEligibilitySet()); }
+void TonaviRuntime::publishCreationEligibility() {
+    engine_->setCreationEligibility(creationEligibilitySet());
+}
 
 TonaviReply TonaviRuntime::setAppRedirect(const std::string& bundleID, const std::string& deviceUID) {
     const std::string validated = engine_->validateRedirect(bundleID, deviceUID);
@@ -306,8 +311,9 @@ TonaviReply TonaviRuntime::setAppDisplayOrder(const std::vector<std::string>& bu
     for (const auto& app : copy.apps)
         if (app.displayRank)
             ranked.push_back(&app);
-    std::stable_sort(ranked.begin(), ranked.end(),
-                     [](const AppAudioState* a, const AppAudioState* b) { return *a->displayRank < *b->displayRank; });
+    std::stable_sort(ranked.begin(), ranked.end(), [](const AppAudioState* a, const AppAudioState* b) {
+        return *a->displayRank < *b->displayRank;
+    });
     std::vector<std::string> existing;
     for (const auto* app : ranked)
         existing.push_back(app->id);

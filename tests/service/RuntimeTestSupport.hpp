@@ -85,7 +85,9 @@ class RuntimeHarness {
     }
     TonaviReply send(TonaviRequest::Value value) { return runtime->handle(TonaviRequest{std::move(value)}); }
     TonaviConfig onDisk() const { return decodeTonaviConfig(readText(store->configURL())); }
-    const AppAudioState* app(const TonaviConfig& config, const std::string& id) const { return config.app(id); }
+    const AppAudioState* app(const TonaviConfig& config, const std::string& id) const {
+        return config.app(id);
+    }
 
     TemporaryFolder folder;
     std::shared_ptr<FaultyFileSystem> fileSystem = std::make_shared<FaultyFileSystem>();

@@ -23,7 +23,9 @@ const AppLiveStatus* liveApp(const TonaviReply& reply, const std::string& id) {
     return nullptr;
 }
 
-std::string defaultOutputUID(RuntimeHarness& h) { return h.machine->world()->defaultOutputUID; }
+std::string defaultOutputUID(RuntimeHarness& h) {
+    return h.machine->world()->defaultOutputUID;
+}
 
 } // namespace
 
@@ -46,9 +48,13 @@ TEST(AppRequests, ValuesAreClampedToTheirRanges) {
              EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), 0.0);
          }},
         {"boost below one", R::SetAppBoost{safari, 0.5},
-         [](RuntimeHarness&, const AppAudioState& a) { EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 1.0); }},
+         [](RuntimeHarness&, const AppAudioState& a) {
+             EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 1.0);
+         }},
         {"boost above four", R::SetAppBoost{safari, 9.0},
-         [](RuntimeHarness&, const AppAudioState& a) { EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 4.0); }},
+         [](RuntimeHarness&, const AppAudioState& a) {
+             EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 4.0);
+         }},
         {"timed mute below a second", R::SetTimedMute{safari, 0.2},
          [](RuntimeHarness& h, const AppAudioState& a) {
              EXPECT_DOUBLE_EQ(a.timedMuteUntil.value_or(0), h.wall.load() + 1.0);
@@ -121,7 +127,8 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
          "Restore this app from Add App before changing it."},
         {"solo of a routing process", R::SetSoloApps{{safari, routing}},
          "Audio-routing infrastructure cannot be soloed."},
-        {"adding a routing process", R::SetAppVisible{routing, true}, "That routing process cannot be added to Tonavi."},
+        {"adding a routing process", R::SetAppVisible{routing, true},
+         "That routing process cannot be added to Tonavi."},
         {"removing a routing process", R::SetAppVisible{routing, false},
          "That routing process cannot be added to Tonavi."},
         {"an order with a duplicate", R::SetAppDisplayOrder{{safari, "com.google.Chrome", safari}},
@@ -173,7 +180,8 @@ TEST(AppRequests, SoloIsRefusedInStageModeButAnEmptyListClearsIt) {
 
     const TonaviReply stage = h.send(R::StageMode{true});
     ASSERT_TRUE(stage.ok);
-    EXPECT_EQ(stage.message, "stage mode ON: every tap released; muted apps are audible until you turn it off");
+    EXPECT_EQ(stage.message,
+              "stage mode ON: every tap released; muted apps are audible until you turn it off");
     const TonaviReply refused = h.send(R::SetSoloApps{{safari}});
     EXPECT_FALSE(refused.ok);
     EXPECT_EQ(refused.message, "Turn off Bypass All before starting Solo.");
@@ -311,4 +319,21 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     EXPECT_EQ(document.status.health.size(), 20u);
     EXPECT_EQ(document.config, h.runtime->engine().config());
     EXPECT_EQ(document.auCount, 0);
+}
+
+TEST(AppRequests, HidingAnAppEndsItsSoloAndRestoringItBringsItBack) {
+    RuntimeHarness h;
+    h.start();
+    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
+    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
+    ASSERT_TRUE(hidden.ok);
+    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
+    EXPECT_EQ(liveApp(hidden, safari), nullptr);
+    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
+
+    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
+    EXPECT_EQ(restored.message, "App restored to Tonavi.");
+    EXPECT_NE(liveApp(restored, safari), nullptr);
+    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }

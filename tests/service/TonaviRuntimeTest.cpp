@@ -34,7 +34,8 @@ TEST(RuntimeStart, AnUnusableConfigurationGivesARunningServiceWithFirstRunDefaul
         std::function<void(RuntimeHarness&)> damage;
     };
     const Case cases[] = {
-        {"garbage in the file", [](RuntimeHarness& h) { writeText(h.store->configURL(), "{\"apps\": [ nonsense"); }},
+        {"garbage in the file",
+         [](RuntimeHarness& h) { writeText(h.store->configURL(), "{\"apps\": [ nonsense"); }},
         {"no file and no way to write one", [](RuntimeHarness& h) { h.failWrites = true; }},
     };
     for (const auto& c : cases) {
@@ -81,6 +82,24 @@ TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEn
     // which the request's eligibility made standing.
     ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.apple.Safari"); }));
     ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.spotify.client"); }));
+}
+
+TEST(RuntimeStart, AHardwareThatStaysSlowIsProbedFortyTimesThenTheServiceGoesOn) {
+    RuntimeHarness h;
+    h.machine->setReadDelay(std::chrono::milliseconds(55), kAudioHardwarePropertyDefaultOutputDevice);
+    h.start();
+    for (int probe = 1; probe < TonaviRuntime::warmUpMaxProbes; ++probe) {
+        ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= probe; }));
+        h.advance(0.5);
+    }
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 40; }));
+    // The fortieth slow probe still waits its half second, then the last half second.
+    h.advance(0.5);
+    h.runtime->serialQueue().sync([] {});
+    EXPECT_FALSE(h.runtime->coreAudioReady());
+    h.advance(0.5);
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->coreAudioReady(); }));
+    EXPECT_EQ(h.runtime->warmUpProbes(), 40);
 }
 
 TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStart) {
@@ -218,4 +237,36 @@ TEST(RuntimeTapWork, RequestsForOneKeyDuringAPassGiveExactlyOneMorePass) {
     h.runtime->scheduleTapWork("other", [&] { other = true; });
     ASSERT_TRUE(waitUntil([&] { return other.load(); }));
     EXPECT_EQ(passes.load(), 2);
+}
+
+TEST(RuntimeSleep, WakeBeforeTheWarmUpHasFinishedRebuildsNothing) {
+    RuntimeHarness h;
+    auto setAsleep = [&](bool asleep) {
+        ASSERT_EQ(h.machine->mutate([&](SimWorld& world) {
+            world.asleep = asleep;
+            return std::string();
+        }),
+                  "");
+    };
+    h.start();
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 1; }));
+    setAsleep(true);
+    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
+    setAsleep(false);
+    h.advance(0.25);
+    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
+
+    h.advance(0.25); // the warm-up ends
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->coreAudioReady(); }));
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.5}).ok);
+    EXPECT_FALSE(h.runtime->engine().hasTap("com.apple.Safari")); // still suspended
+
+    // A sleep and wake after the warm-up resumes the engine, and the tap comes back.
+    setAsleep(true);
+    setAsleep(false);
+    h.advance(0.24);
+    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
+    h.advance(0.01);
+    EXPECT_FALSE(h.runtime->engine().hardwareSuspended());
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.apple.Safari"); }));
 }
