@@ -158,7 +158,7 @@ class PipeWireRig : public ContractRig {
     }
     bool heard(const std::string& deviceUID, const App& app) override {
         // 0.3 s of the device's monitor, after 0.2 s to settle; mono.
-        const std::string command = "timeout 2 parec --device=" + deviceUID +
+        const std::string command = "timeout 2 parec --latency-msec=20 --device=" + deviceUID +
                                     ".monitor --raw --format=float32le --rate=48000 --channels=1 2>/dev/null";
         FILE* pipe = ::popen(command.c_str(), "r");
         if (!pipe)
