@@ -118,6 +118,13 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatuses) {
     EXPECT_FALSE(settable);
     EXPECT_EQ(audio().set(first, globalAddress(kAudioDevicePropertyDeviceUID), std::string("x")),
               kAudioHardwareIllegalOperationError);
+    EXPECT_EQ(audio().set(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices),
+                          std::vector<AudioObjectID>{}),
+              kAudioHardwareIllegalOperationError);
+    ASSERT_EQ(audio().isPropertySettable(kAudioObjectSystemObject,
+                                         globalAddress(kAudioHardwarePropertyDefaultOutputDevice), settable),
+              noErr);
+    EXPECT_TRUE(settable);
 }
 
 TEST_P(ContractTest, DefaultOutputChangesReachListenersOnTheirQueue) {
