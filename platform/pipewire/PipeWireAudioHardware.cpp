@@ -26,11 +26,7 @@ const Node* deviceNode(const PipeWireGraph& g, AudioObjectID id) {
     return n && isDevice(*n) ? n : nullptr;
 }
 
-pid_t pidOfNode(const PipeWireGraph& g, const Node& n) {
-    if (const auto* client = g.clientOfNode(n); client && client->pid() > 0)
-        return client->pid();
-    return static_cast<pid_t>(std::atoi(n.prop("application.process.id").c_str()));
-}
+pid_t pidOfNode(const PipeWireGraph&, const Node& n) { return n.pid; }
 
 std::uint32_t channelCount(const Node& n) {
     if (auto c = std::atoi(n.prop("audio.channels").c_str()); c > 0)
@@ -909,6 +905,16 @@ std::string PipeWireAudioHardware::ioNodeName(AudioObjectID device, AudioDeviceI
     std::lock_guard<std::mutex> guard(stateMutex_);
     auto it = procs_.find(procID);
     return it == procs_.end() || it->second.device != device ? std::string() : it->second.io->nodeName();
+}
+
+std::optional<PipeWireAudioHardware::IOStatistics> PipeWireAudioHardware::ioStatistics(AudioObjectID device,
+                                                                                      AudioDeviceIOProcID procID) {
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    auto it = procs_.find(procID);
+    if (it == procs_.end() || it->second.device != device)
+        return std::nullopt;
+    auto& io = *it->second.io;
+    return IOStatistics{io.cycles(), io.lateInputs(), io.reportedLatencyFrames()};
 }
 
 std::uint64_t PipeWireAudioHardware::currentHostTime() {

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -57,6 +58,12 @@ class PipeWireAudioHardware : public AudioHardware, public std::enable_shared_fr
     // The node.name of a tap's virtual sink and of an IO proc's playback stream (tests, tools).
     std::string tapNodeName(AudioObjectID tap);
     std::string ioNodeName(AudioObjectID device, AudioDeviceIOProcID procID);
+    struct IOStatistics {
+        std::uint64_t cycles = 0;
+        std::uint64_t lateInputs = 0;
+        std::int64_t reportedLatencyFrames = -1;
+    };
+    std::optional<IOStatistics> ioStatistics(AudioObjectID device, AudioDeviceIOProcID procID);
 
   private:
     struct Tap {

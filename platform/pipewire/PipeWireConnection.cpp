@@ -410,6 +410,12 @@ void PipeWireConnection::changedLocked() {
         processes[pid] = it != graph_.processIDs.end() ? it->second : allocateID();
     }
     graph_.processIDs = std::move(processes);
+    for (auto& [id, node] : graph_.nodes) {
+        node.mediaClassValue = node.prop("media.class");
+        const auto* client = graph_.clientOfNode(node);
+        node.pid = client && client->pid() > 0 ? client->pid()
+                                               : static_cast<pid_t>(std::atoi(node.prop("application.process.id").c_str()));
+    }
     graphChanged_.notify_all();
     if (changeHandler_)
         changeHandler_();

@@ -15,7 +15,6 @@ std::string PipeWireGraph::Node::prop(const std::string& key) const {
     return it == props.end() ? std::string() : it->second;
 }
 
-std::string PipeWireGraph::Node::mediaClass() const { return prop("media.class"); }
 
 pid_t PipeWireGraph::Client::pid() const {
     auto it = props.find("application.process.id");

@@ -25,7 +25,11 @@ struct PipeWireGraph {
         bool failed = false;
         std::vector<float> channelVolumes; // linear, as the node reports them
         std::optional<bool> mute;
-        std::string mediaClass() const;
+        // Derived on every change, so that status reads do no string work: media.class, and the
+        // pid of the owning client (else application.process.id), 0 when unknown.
+        std::string mediaClassValue;
+        pid_t pid = 0;
+        const std::string& mediaClass() const { return mediaClassValue; }
         std::string prop(const std::string& key) const;
     };
     struct Client {

@@ -64,6 +64,8 @@ void PipeWireIOProc::process(void* data) {
                                 copied * channels * sizeof(float));
                 }
                 pw_stream_queue_buffer(capture, in);
+            } else {
+                self.lateInputs_.fetch_add(1, std::memory_order_relaxed);
             }
         }
         std::fill(data.begin() + copied * channels, data.begin() + frames * channels, 0.0f);
@@ -153,6 +155,24 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
         ok = true;
     });
     return ok;
+}
+
+std::int64_t PipeWireIOProc::reportedLatencyFrames() {
+    std::int64_t frames = -1;
+    connection_.withCore([&](pw_core*) {
+        if (!stream_)
+            return;
+        pw_time out{};
+        pw_stream_get_time_n(stream_, &out, sizeof(out));
+        frames = out.delay + static_cast<std::int64_t>(out.buffered) +
+                 static_cast<std::int64_t>(out.queued / (outputChannels_ * sizeof(float)));
+        if (!taps_.empty() && taps_.front()->stream()) {
+            pw_time in{};
+            pw_stream_get_time_n(taps_.front()->stream(), &in, sizeof(in));
+            frames += in.delay + static_cast<std::int64_t>(in.buffered);
+        }
+    });
+    return frames;
 }
 
 void PipeWireIOProc::stop() {

@@ -38,6 +38,11 @@ class PipeWireIOProc {
     void stop();
     bool isRunning() const { return stream_ != nullptr; }
     std::uint64_t cycles() const { return cycles_.load(std::memory_order_relaxed); }
+    // Cycles in which a tap had no new buffer (its sink had not run yet): the input came a cycle late.
+    std::uint64_t lateInputs() const { return lateInputs_.load(std::memory_order_relaxed); }
+    // The delay PipeWire reports, in frames: the first tap's sink from its producers plus this
+    // stream's to the device (queued and resampler frames included). -1 while not running.
+    std::int64_t reportedLatencyFrames();
     const std::string& nodeName() const { return nodeName_; }
 
     static void process(void* data); // the stream's process callback
@@ -56,6 +61,7 @@ class PipeWireIOProc {
     std::uint32_t maxFrames_ = 0;
     double sampleTime_ = 0;
     std::atomic<std::uint64_t> cycles_{0};
+    std::atomic<std::uint64_t> lateInputs_{0};
 };
 
 } // namespace tonavi
