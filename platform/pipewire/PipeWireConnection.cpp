@@ -266,7 +266,8 @@ struct PipeWireEvents {
             self.graph_ = PipeWireGraph{};
             self.changedLocked();
         }
-        self.scheduleReconnect(std::chrono::milliseconds(0));
+        if (!self.stopping_)
+            self.scheduleReconnect(std::chrono::milliseconds(0));
     }
 };
 
@@ -282,8 +283,8 @@ PipeWireConnection::~PipeWireConnection() {
     stopping_ = true;
     disconnectLocked();
     pw_thread_loop_unlock(loop_);
-    // Any pending reconnect sees stopping_ and does nothing; the queue waits for a running one.
-    reconnectQueue_.sync([] {});
+    // A running retry sees stopping_ and does nothing; a pending one is dropped with the queue.
+    reconnectQueue_.reset();
     pw_thread_loop_stop(loop_);
     pw_context_destroy(context_);
     pw_thread_loop_destroy(loop_);
@@ -372,7 +373,7 @@ void PipeWireConnection::disconnectLocked() {
 }
 
 void PipeWireConnection::scheduleReconnect(std::chrono::milliseconds delay) {
-    reconnectQueue_.after(delay, [this] {
+    reconnectQueue_->after(delay, [this] {
         pw_thread_loop_lock(loop_);
         if (stopping_) {
             pw_thread_loop_unlock(loop_);
@@ -381,15 +382,16 @@ void PipeWireConnection::scheduleReconnect(std::chrono::milliseconds delay) {
         disconnectLocked();
         std::string why;
         const bool ok = connectLocked(why);
-        const auto next = backoff_;
-        if (!ok)
-            backoff_ = std::min(backoff_ * 2, std::chrono::milliseconds(5000));
-        pw_thread_loop_unlock(loop_);
         if (ok) {
             Log::info("pipewire: reconnected");
         } else {
+            // Scheduled under the loop lock: the destructor sets stopping_ under it before the
+            // queue goes, so no retry is ever posted to a queue being destroyed.
+            const auto next = backoff_;
+            backoff_ = std::min(backoff_ * 2, std::chrono::milliseconds(5000));
             scheduleReconnect(next);
         }
+        pw_thread_loop_unlock(loop_);
     });
 }
 

@@ -93,7 +93,8 @@ class PipeWireConnection {
     std::function<void()> changeHandler_;
     std::chrono::milliseconds backoff_{100};
     bool stopping_ = false;
-    DispatchQueue reconnectQueue_{"tonavi.pipewire.reconnect"};
+    // Goes first when the connection ends: a pending retry is dropped, a running one waited for.
+    std::unique_ptr<DispatchQueue> reconnectQueue_ = std::make_unique<DispatchQueue>("tonavi.pipewire.reconnect");
 };
 
 } // namespace tonavi
