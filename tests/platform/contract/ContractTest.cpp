@@ -319,6 +319,8 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
 TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     const App app = rig->startApp("org.tonavi.Orphaned", 740, AppKind::toneClient);
     const std::string output = rig->firstOutput();
+    std::vector<AudioObjectID> devices, devicesWhileHeld;
+    audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices);
     ASSERT_TRUE(eventually([&] { return rig->heard(output, app); }));
     rig->exportEnvironment();
     int fds[2];
@@ -338,6 +340,9 @@ TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     std::fclose(out);
     EXPECT_STREQ(line, "ready\n");
     EXPECT_TRUE(eventually([&] { return !rig->heard(output, app); }));
+    // The holder's aggregate is private: not ours to see.
+    audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devicesWhileHeld);
+    EXPECT_EQ(devicesWhileHeld, devices);
 
     // Killed hard, as a crash would: its taps die with it.
     PrivatePipeWireServer::terminate(holder, SIGKILL);
