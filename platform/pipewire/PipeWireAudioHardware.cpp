@@ -15,18 +15,30 @@ namespace {
 using Node = PipeWireGraph::Node;
 constexpr auto writeTimeout = std::chrono::milliseconds(2000);
 
-bool isOurs(const Node& n) { return n.prop("tonavi.tap") == "true"; }
-bool isSink(const Node& n) { return n.mediaClass() == "Audio/Sink"; }
-bool isSource(const Node& n) { return n.mediaClass() == "Audio/Source"; }
-bool isDevice(const Node& n) { return (isSink(n) || isSource(n)) && !isOurs(n); }
-bool startsWith(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
+bool isOurs(const Node& n) {
+    return n.prop("tonavi.tap") == "true";
+}
+bool isSink(const Node& n) {
+    return n.mediaClass() == "Audio/Sink";
+}
+bool isSource(const Node& n) {
+    return n.mediaClass() == "Audio/Source";
+}
+bool isDevice(const Node& n) {
+    return (isSink(n) || isSource(n)) && !isOurs(n);
+}
+bool startsWith(const std::string& s, const char* prefix) {
+    return s.rfind(prefix, 0) == 0;
+}
 
 const Node* deviceNode(const PipeWireGraph& g, AudioObjectID id) {
     const Node* n = g.nodeByObject(id);
     return n && isDevice(*n) ? n : nullptr;
 }
 
-pid_t pidOfNode(const PipeWireGraph&, const Node& n) { return n.pid; }
+pid_t pidOfNode(const PipeWireGraph&, const Node& n) {
+    return n.pid;
+}
 
 std::uint32_t channelCount(const Node& n) {
     if (auto c = std::atoi(n.prop("audio.channels").c_str()); c > 0)
@@ -51,7 +63,8 @@ std::uint32_t channelCount(const Node& n) {
 
 std::uint32_t transportOf(const PipeWireGraph& g, const Node& n) {
     PipeWireGraph::Properties device;
-    if (auto it = g.devices.find(static_cast<std::uint32_t>(std::strtoul(n.prop("device.id").c_str(), nullptr, 10)));
+    if (auto it = g.devices.find(
+            static_cast<std::uint32_t>(std::strtoul(n.prop("device.id").c_str(), nullptr, 10)));
         it != g.devices.end())
         device = it->second;
     auto get = [&](const char* key) {
@@ -80,8 +93,12 @@ std::uint32_t transportOf(const PipeWireGraph& g, const Node& n) {
 }
 
 // PipeWire's volume control law: a scalar slider position s is the cube root of the linear gain.
-float scalarOfLinear(float linear) { return std::cbrt(std::max(linear, 0.0f)); }
-float linearOfScalar(float scalar) { return scalar * scalar * scalar; }
+float scalarOfLinear(float linear) {
+    return std::cbrt(std::max(linear, 0.0f));
+}
+float linearOfScalar(float scalar) {
+    return scalar * scalar * scalar;
+}
 
 std::vector<std::uint32_t> allowedRates(const PipeWireGraph& g) {
     std::vector<std::uint32_t> rates;
@@ -140,7 +157,9 @@ std::uint32_t sizeOf(const AudioPropertyValue& v) {
     return std::visit(Visitor{}, v);
 }
 
-std::string tapNodeNameOf(const TapDescription& d) { return "tonavi.tap." + d.uuid; }
+std::string tapNodeNameOf(const TapDescription& d) {
+    return "tonavi.tap." + d.uuid;
+}
 } // namespace
 
 std::shared_ptr<PipeWireAudioHardware> PipeWireAudioHardware::connect(std::string& error) {
@@ -236,7 +255,8 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
         case kAudioHardwarePropertyDefaultOutputDevice:
         case kAudioHardwarePropertyDefaultInputDevice: {
             const bool input = a.mSelector == kAudioHardwarePropertyDefaultInputDevice;
-            const Node* n = g.nodeByName(g.defaultNodeName(input ? "default.audio.source" : "default.audio.sink"));
+            const Node* n =
+                g.nodeByName(g.defaultNodeName(input ? "default.audio.source" : "default.audio.sink"));
             v = static_cast<AudioObjectID>(n && (input ? isSource(*n) : isSink(*n)) ? n->objectID
                                                                                     : kAudioObjectUnknown);
             return noErr;
@@ -289,8 +309,9 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
         case kAudioProcessPropertyIsRunningOutput:
         case kAudioProcessPropertyIsRunningInput: {
             bool running = false;
-            for (const Node* n : streams(a.mSelector == kAudioProcessPropertyIsRunningOutput ? "Stream/Output/Audio"
-                                                                                            : "Stream/Input/Audio"))
+            for (const Node* n :
+                 streams(a.mSelector == kAudioProcessPropertyIsRunningOutput ? "Stream/Output/Audio"
+                                                                             : "Stream/Input/Audio"))
                 running = running || n->running;
             v = static_cast<std::uint32_t>(running ? 1 : 0);
             return noErr;
@@ -302,8 +323,9 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
                     if (!s->running)
                         continue;
                     for (const auto& [lid, link] : g.links) {
-                        const std::uint32_t other = input ? (link.inputNode == s->globalID ? link.outputNode : 0)
-                                                          : (link.outputNode == s->globalID ? link.inputNode : 0);
+                        const std::uint32_t other =
+                            input ? (link.inputNode == s->globalID ? link.outputNode : 0)
+                                  : (link.outputNode == s->globalID ? link.inputNode : 0);
                         auto dn = g.nodes.find(other);
                         if (other && dn != g.nodes.end() && isDevice(dn->second) &&
                             std::find(ids.begin(), ids.end(), dn->second.objectID) == ids.end())
@@ -330,7 +352,8 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
     // Volume and mute live on the direction the device plays or records.
     const bool ownScope = isSink(*n) ? output : input;
     if (a.mSelector == kAudioDevicePropertyVolumeScalar) {
-        if (!ownScope || a.mElement == kAudioObjectPropertyElementMain || a.mElement > n->channelVolumes.size())
+        if (!ownScope || a.mElement == kAudioObjectPropertyElementMain ||
+            a.mElement > n->channelVolumes.size())
             return kAudioHardwareUnknownPropertyError;
         v = scalarOfLinear(n->channelVolumes[a.mElement - 1]);
         return noErr;
@@ -402,7 +425,8 @@ OSStatus PipeWireAudioHardware::read(AudioObjectID object, const AudioObjectProp
     return connection_->read([&](const PipeWireGraph& g) { return readLocked(g, object, a, v); });
 }
 
-OSStatus PipeWireAudioHardware::getPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& address,
+OSStatus PipeWireAudioHardware::getPropertyData(AudioObjectID object,
+                                                const AudioObjectPropertyAddress& address,
                                                 AudioPropertyValue& value) {
     AudioPropertyValue out;
     const OSStatus status = read(object, address, out);
@@ -458,8 +482,8 @@ OSStatus PipeWireAudioHardware::isPropertySettable(AudioObjectID object, const A
 
 // ---- writes ----
 
-OSStatus PipeWireAudioHardware::writeVolume(const PipeWireGraph::Node& node, const AudioObjectPropertyAddress& a,
-                                            float scalar) {
+OSStatus PipeWireAudioHardware::writeVolume(const PipeWireGraph::Node& node,
+                                            const AudioObjectPropertyAddress& a, float scalar) {
     std::vector<float> volumes = node.channelVolumes;
     const float linear = linearOfScalar(std::clamp(scalar, 0.0f, 1.0f));
     if (a.mSelector == kAudioDevicePropertyVolumeScalar)
@@ -503,9 +527,9 @@ OSStatus PipeWireAudioHardware::setPropertyData(AudioObjectID object, const Audi
         if (name.empty())
             return kAudioHardwareBadDeviceError;
         const std::string json = "{\"name\":\"" + name + "\"}";
-        if (!connection_->setMetadata("default", 0,
-                                      input ? "default.configured.audio.source" : "default.configured.audio.sink",
-                                      "Spa:String:JSON", json.c_str()))
+        if (!connection_->setMetadata(
+                "default", 0, input ? "default.configured.audio.source" : "default.configured.audio.sink",
+                "Spa:String:JSON", json.c_str()))
             return kAudioHardwareNotRunningError;
         // The session manager follows the configured default; the write is done when it has.
         const char* key = input ? "default.audio.source" : "default.audio.sink";
@@ -559,8 +583,9 @@ OSStatus PipeWireAudioHardware::setPropertyData(AudioObjectID object, const Audi
             if (!r)
                 return kAudioHardwareBadPropertySizeError;
             const auto rates = connection_->read([](const PipeWireGraph& g) { return allowedRates(g); });
-            if (!std::isfinite(*r) || std::find(rates.begin(), rates.end(), static_cast<std::uint32_t>(*r)) ==
-                                          rates.end() || std::floor(*r) != *r)
+            if (!std::isfinite(*r) ||
+                std::find(rates.begin(), rates.end(), static_cast<std::uint32_t>(*r)) == rates.end() ||
+                std::floor(*r) != *r)
                 return kAudioDeviceUnsupportedFormatError;
             wanted = static_cast<std::uint32_t>(*r);
         } else {
@@ -588,7 +613,8 @@ OSStatus PipeWireAudioHardware::setPropertyData(AudioObjectID object, const Audi
 
 // ---- listeners ----
 
-OSStatus PipeWireAudioHardware::addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
+OSStatus PipeWireAudioHardware::addPropertyListener(AudioObjectID object,
+                                                    const AudioObjectPropertyAddress& address,
                                                     DispatchQueue& queue,
                                                     const AudioObjectPropertyListenerBlock& block) {
     if (!block || !*block)
@@ -737,9 +763,9 @@ OSStatus PipeWireAudioHardware::createProcessTap(const TapDescription& descripti
     if (status != noErr)
         return status;
     const std::string name = tapNodeNameOf(description);
-    tap.sink = std::make_unique<PipeWireTap>(*connection_, name,
-                                             description.name.empty() ? std::string("Tonavi tap") : description.name,
-                                             name, channels, rate);
+    tap.sink = std::make_unique<PipeWireTap>(
+        *connection_, name, description.name.empty() ? std::string("Tonavi tap") : description.name, name,
+        channels, rate);
     std::string why;
     if (!tap.sink->start(why)) {
         Log::info("pipewire: tap not made: " + why);
@@ -817,7 +843,8 @@ OSStatus PipeWireAudioHardware::destroyAggregateDevice(AudioObjectID device) {
 }
 
 OSStatus PipeWireAudioHardware::createIOProcIDWithBlock(AudioObjectID device, DispatchQueue*,
-                                                        AudioDeviceIOBlock block, AudioDeviceIOProcID& procID) {
+                                                        AudioDeviceIOBlock block,
+                                                        AudioDeviceIOProcID& procID) {
     if (!block)
         return kAudio_ParamError;
     std::lock_guard<std::mutex> guard(stateMutex_);
@@ -890,7 +917,8 @@ OSStatus PipeWireAudioHardware::deviceStop(AudioObjectID device, AudioDeviceIOPr
     if (auto agg = aggregates_.find(device); agg != aggregates_.end())
         for (const auto& sub : agg->second.description.taps)
             for (auto& [id, tap] : taps_)
-                if (tap.description.uuid == sub.uid && tap.description.muteBehavior == TapMuteBehavior::mutedWhenTapped)
+                if (tap.description.uuid == sub.uid &&
+                    tap.description.muteBehavior == TapMuteBehavior::mutedWhenTapped)
                     unrouteLocked(tap);
     return noErr;
 }
@@ -907,8 +935,8 @@ std::string PipeWireAudioHardware::ioNodeName(AudioObjectID device, AudioDeviceI
     return it == procs_.end() || it->second.device != device ? std::string() : it->second.io->nodeName();
 }
 
-std::optional<PipeWireAudioHardware::IOStatistics> PipeWireAudioHardware::ioStatistics(AudioObjectID device,
-                                                                                      AudioDeviceIOProcID procID) {
+std::optional<PipeWireAudioHardware::IOStatistics>
+PipeWireAudioHardware::ioStatistics(AudioObjectID device, AudioDeviceIOProcID procID) {
     std::lock_guard<std::mutex> guard(stateMutex_);
     auto it = procs_.find(procID);
     if (it == procs_.end() || it->second.device != device)
@@ -923,6 +951,8 @@ std::uint64_t PipeWireAudioHardware::currentHostTime() {
     return static_cast<std::uint64_t>(ts.tv_sec) * 1'000'000'000ULL + static_cast<std::uint64_t>(ts.tv_nsec);
 }
 
-std::uint64_t PipeWireAudioHardware::convertHostTimeToNanos(std::uint64_t hostTime) { return hostTime; }
+std::uint64_t PipeWireAudioHardware::convertHostTimeToNanos(std::uint64_t hostTime) {
+    return hostTime;
+}
 
 } // namespace tonavi

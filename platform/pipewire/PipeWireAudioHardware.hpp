@@ -22,7 +22,8 @@ class PipeWireConnection;
 class PipeWireTap;
 class PipeWireIOProc;
 
-class PipeWireAudioHardware : public AudioHardware, public std::enable_shared_from_this<PipeWireAudioHardware> {
+class PipeWireAudioHardware : public AudioHardware,
+                              public std::enable_shared_from_this<PipeWireAudioHardware> {
   public:
     // Connects to the user's server; nullptr with a reason when none answers.
     static std::shared_ptr<PipeWireAudioHardware> connect(std::string& error);
@@ -39,12 +40,15 @@ class PipeWireAudioHardware : public AudioHardware, public std::enable_shared_fr
     OSStatus isPropertySettable(AudioObjectID object, const AudioObjectPropertyAddress& address,
                                 bool& settable) override;
     OSStatus addPropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                 DispatchQueue& queue, const AudioObjectPropertyListenerBlock& block) override;
+                                 DispatchQueue& queue,
+                                 const AudioObjectPropertyListenerBlock& block) override;
     OSStatus removePropertyListener(AudioObjectID object, const AudioObjectPropertyAddress& address,
-                                    DispatchQueue& queue, const AudioObjectPropertyListenerBlock& block) override;
+                                    DispatchQueue& queue,
+                                    const AudioObjectPropertyListenerBlock& block) override;
     OSStatus createProcessTap(const TapDescription& description, AudioObjectID& tap) override;
     OSStatus destroyProcessTap(AudioObjectID tap) override;
-    OSStatus createAggregateDevice(const AggregateDeviceDescription& description, AudioObjectID& device) override;
+    OSStatus createAggregateDevice(const AggregateDeviceDescription& description,
+                                   AudioObjectID& device) override;
     OSStatus destroyAggregateDevice(AudioObjectID device) override;
     OSStatus createIOProcIDWithBlock(AudioObjectID device, DispatchQueue* queue, AudioDeviceIOBlock block,
                                      AudioDeviceIOProcID& procID) override;

@@ -73,7 +73,8 @@ struct PipeWireEvents {
         self.changedLocked();
     }
 
-    static void nodeParam(void* data, int, std::uint32_t id, std::uint32_t, std::uint32_t, const spa_pod* param) {
+    static void nodeParam(void* data, int, std::uint32_t id, std::uint32_t, std::uint32_t,
+                          const spa_pod* param) {
         if (id != SPA_PARAM_Props || !param || !spa_pod_is_object_type(param, SPA_TYPE_OBJECT_Props))
             return;
         auto* b = static_cast<PipeWireConnection::Bound*>(data);
@@ -176,10 +177,10 @@ struct PipeWireEvents {
             // A link's ends are in its global properties; no need to bind it.
             std::lock_guard<std::mutex> guard(self.graphMutex_);
             auto& link = self.graph_.links[id];
-            link.outputNode = static_cast<std::uint32_t>(std::strtoul(
-                dictValue(props, PW_KEY_LINK_OUTPUT_NODE).c_str(), nullptr, 10));
-            link.inputNode = static_cast<std::uint32_t>(std::strtoul(
-                dictValue(props, PW_KEY_LINK_INPUT_NODE).c_str(), nullptr, 10));
+            link.outputNode = static_cast<std::uint32_t>(
+                std::strtoul(dictValue(props, PW_KEY_LINK_OUTPUT_NODE).c_str(), nullptr, 10));
+            link.inputNode = static_cast<std::uint32_t>(
+                std::strtoul(dictValue(props, PW_KEY_LINK_INPUT_NODE).c_str(), nullptr, 10));
             self.changedLocked();
             return;
         } else {
@@ -217,8 +218,8 @@ struct PipeWireEvents {
         }
         case Kind::metadata: {
             static const pw_metadata_events events = {PW_VERSION_METADATA_EVENTS, metadataProperty};
-            pw_metadata_add_listener(reinterpret_cast<pw_metadata*>(bound->proxy), &bound->objectHook, &events,
-                                     bound.get());
+            pw_metadata_add_listener(reinterpret_cast<pw_metadata*>(bound->proxy), &bound->objectHook,
+                                     &events, bound.get());
             self.metadataByName_[bound->metadataName] = id;
             break;
         }
@@ -415,8 +416,9 @@ void PipeWireConnection::changedLocked() {
     for (auto& [id, node] : graph_.nodes) {
         node.mediaClassValue = node.prop("media.class");
         const auto* client = graph_.clientOfNode(node);
-        node.pid = client && client->pid() > 0 ? client->pid()
-                                               : static_cast<pid_t>(std::atoi(node.prop("application.process.id").c_str()));
+        node.pid = client && client->pid() > 0
+                       ? client->pid()
+                       : static_cast<pid_t>(std::atoi(node.prop("application.process.id").c_str()));
     }
     graphChanged_.notify_all();
     if (changeHandler_)

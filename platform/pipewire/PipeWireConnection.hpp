@@ -82,7 +82,7 @@ class PipeWireConnection {
     struct Hooks;
     std::unique_ptr<Hooks> hooks_;
     std::map<std::uint32_t, std::unique_ptr<Bound>> bound_; // loop thread
-    std::map<std::string, std::uint32_t> metadataByName_;    // loop thread
+    std::map<std::string, std::uint32_t> metadataByName_;   // loop thread
 
     mutable std::mutex graphMutex_;
     std::condition_variable graphChanged_;
@@ -94,7 +94,8 @@ class PipeWireConnection {
     std::chrono::milliseconds backoff_{100};
     bool stopping_ = false;
     // Goes first when the connection ends: a pending retry is dropped, a running one waited for.
-    std::unique_ptr<DispatchQueue> reconnectQueue_ = std::make_unique<DispatchQueue>("tonavi.pipewire.reconnect");
+    std::unique_ptr<DispatchQueue> reconnectQueue_ =
+        std::make_unique<DispatchQueue>("tonavi.pipewire.reconnect");
 };
 
 } // namespace tonavi

@@ -15,7 +15,6 @@ std::string PipeWireGraph::Node::prop(const std::string& key) const {
     return it == props.end() ? std::string() : it->second;
 }
 
-
 pid_t PipeWireGraph::Client::pid() const {
     auto it = props.find("application.process.id");
     return it == props.end() ? 0 : static_cast<pid_t>(std::atoi(it->second.c_str()));
@@ -77,8 +76,8 @@ const PipeWireGraph::Client* mainClientOf(const PipeWireGraph& g, pid_t pid) {
     // A process may hold several clients; the one that names the application wins.
     const PipeWireGraph::Client* best = nullptr;
     for (const auto& [id, c] : g.clients)
-        if (c.pid() == pid && (!best || c.props.count("application.id") ||
-                               c.props.count("pipewire.access.portal.app_id")))
+        if (c.pid() == pid &&
+            (!best || c.props.count("application.id") || c.props.count("pipewire.access.portal.app_id")))
             best = &c;
     return best;
 }
@@ -137,9 +136,8 @@ std::string PipeWireGraph::desktopEntryOf(const std::string& binary) {
             for (std::string line; std::getline(in, line);) {
                 if (line.rfind("Exec=", 0) != 0)
                     continue;
-                std::string program = line.substr(5, line.find(' ', 5) == std::string::npos
-                                                         ? std::string::npos
-                                                         : line.find(' ', 5) - 5);
+                std::string program = line.substr(
+                    5, line.find(' ', 5) == std::string::npos ? std::string::npos : line.find(' ', 5) - 5);
                 if (std::filesystem::path(program).filename() == binary)
                     found = it->path().stem().string();
                 break;

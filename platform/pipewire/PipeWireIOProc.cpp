@@ -34,7 +34,9 @@ std::uint64_t monotonicNanos() {
 PipeWireIOProc::PipeWireIOProc(PipeWireConnection& connection, AudioDeviceIOBlock block)
     : connection_(connection), block_(std::move(block)) {}
 
-PipeWireIOProc::~PipeWireIOProc() { stop(); }
+PipeWireIOProc::~PipeWireIOProc() {
+    stop();
+}
 
 void PipeWireIOProc::process(void* data) {
     auto& self = *static_cast<PipeWireIOProc*>(data);
@@ -118,10 +120,10 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
         }
         const std::string latency = std::to_string(target.frames) + "/" + std::to_string(target.rate);
         pw_properties* props = pw_properties_new(
-            PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_NODE_NAME, nodeName_.c_str(),
-            PW_KEY_NODE_DESCRIPTION, "Tonavi tap output", PW_KEY_NODE_GROUP, target.group.c_str(),
-            PW_KEY_TARGET_OBJECT, target.nodeName.c_str(), PW_KEY_NODE_DONT_RECONNECT, "true",
-            PW_KEY_NODE_LATENCY, latency.c_str(), "tonavi.tap", "true", nullptr);
+            PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_NODE_NAME,
+            nodeName_.c_str(), PW_KEY_NODE_DESCRIPTION, "Tonavi tap output", PW_KEY_NODE_GROUP,
+            target.group.c_str(), PW_KEY_TARGET_OBJECT, target.nodeName.c_str(), PW_KEY_NODE_DONT_RECONNECT,
+            "true", PW_KEY_NODE_LATENCY, latency.c_str(), "tonavi.tap", "true", nullptr);
         stream_ = pw_stream_new(core, nodeName_.c_str(), props);
         if (!stream_) {
             error = "the IO stream could not be made";

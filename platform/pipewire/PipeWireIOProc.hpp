@@ -22,7 +22,7 @@ class PipeWireTap;
 class PipeWireIOProc {
   public:
     struct Target {
-        std::string nodeName;  // the main device's node.name
+        std::string nodeName; // the main device's node.name
         std::uint32_t channels = 2;
         std::uint32_t rate = 48000;
         std::uint32_t frames = 512; // the quantum asked for with node.latency

@@ -29,11 +29,11 @@ bool PipeWireTap::start(std::string& error) {
         }
         // A sink of its own that only this tap's applications are moved into: never a default,
         // never a target the session manager picks for anyone else.
-        pw_properties* props = pw_properties_new(
-            PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CLASS, "Audio/Sink", PW_KEY_NODE_NAME, nodeName_.c_str(),
-            PW_KEY_NODE_DESCRIPTION, description_.c_str(), PW_KEY_NODE_GROUP, group_.c_str(),
-            PW_KEY_NODE_VIRTUAL, "true", PW_KEY_PRIORITY_SESSION, "-1", PW_KEY_PRIORITY_DRIVER, "0",
-            "tonavi.tap", "true", nullptr);
+        pw_properties* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CLASS, "Audio/Sink",
+                                                 PW_KEY_NODE_NAME, nodeName_.c_str(), PW_KEY_NODE_DESCRIPTION,
+                                                 description_.c_str(), PW_KEY_NODE_GROUP, group_.c_str(),
+                                                 PW_KEY_NODE_VIRTUAL, "true", PW_KEY_PRIORITY_SESSION, "-1",
+                                                 PW_KEY_PRIORITY_DRIVER, "0", "tonavi.tap", "true", nullptr);
         stream_ = pw_stream_new(core, nodeName_.c_str(), props);
         if (!stream_) {
             error = "the tap's sink could not be made";

@@ -64,9 +64,13 @@ std::optional<RunningApplication> PipeWireWorkspace::runningApplication(pid_t pi
     return std::nullopt;
 }
 
-std::optional<RunningApplication> PipeWireWorkspace::frontmostApplication() { return std::nullopt; }
+std::optional<RunningApplication> PipeWireWorkspace::frontmostApplication() {
+    return std::nullopt;
+}
 
-std::optional<std::vector<WindowInfo>> PipeWireWorkspace::onScreenWindows() { return std::nullopt; }
+std::optional<std::vector<WindowInfo>> PipeWireWorkspace::onScreenWindows() {
+    return std::nullopt;
+}
 
 pid_t PipeWireWorkspace::responsiblePID(pid_t pid) {
     const std::string program = programOf(pid);
@@ -85,12 +89,16 @@ Workspace::ObserverToken PipeWireWorkspace::addToken() {
     return nextToken_++;
 }
 
-Workspace::ObserverToken PipeWireWorkspace::addActivationObserver(DispatchQueue&,
-                                                                  std::function<void(const RunningApplication&)>) {
+Workspace::ObserverToken
+PipeWireWorkspace::addActivationObserver(DispatchQueue&, std::function<void(const RunningApplication&)>) {
     return addToken();
 }
-Workspace::ObserverToken PipeWireWorkspace::addWillSleepObserver(std::function<void()>) { return addToken(); }
-Workspace::ObserverToken PipeWireWorkspace::addDidWakeObserver(std::function<void()>) { return addToken(); }
+Workspace::ObserverToken PipeWireWorkspace::addWillSleepObserver(std::function<void()>) {
+    return addToken();
+}
+Workspace::ObserverToken PipeWireWorkspace::addDidWakeObserver(std::function<void()>) {
+    return addToken();
+}
 
 void PipeWireWorkspace::removeObserver(ObserverToken token) {
     std::lock_guard<std::mutex> guard(mutex_);

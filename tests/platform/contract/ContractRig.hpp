@@ -68,7 +68,8 @@ class ContractRig {
     }
     AudioObjectID processObject(pid_t pid) {
         std::vector<AudioObjectID> processes;
-        audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList), processes);
+        audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList),
+                    processes);
         for (AudioObjectID id : processes) {
             std::int32_t value = 0;
             if (audio().get(id, globalAddress(kAudioProcessPropertyPID), value) == noErr && value == pid)
@@ -92,7 +93,8 @@ class SimRig : public ContractRig {
         const pid_t pid = nextPID_++;
         machine_->mutate([&](SimWorld& w) {
             auto why = w.launch({bundleID, bundleID, pid, ActivationPolicy::regular}, true);
-            return why.empty() ? w.setPlaying(bundleID, true, SimProcess::Signal{frequency, -6.0, false}) : why;
+            return why.empty() ? w.setPlaying(bundleID, true, SimProcess::Signal{frequency, -6.0, false})
+                               : why;
         });
         return {bundleID, frequency, pid};
     }
@@ -133,12 +135,14 @@ class PipeWireRig : public ContractRig {
     App startApp(const std::string& bundleID, double frequency, AppKind kind) override {
         pid_t pid = -1;
         if (kind == AppKind::toneClient) {
-            pid = server_.spawn({TONAVI_TONE_CLIENT, bundleID, bundleID, std::to_string(frequency), "0.5"}, "tone");
+            pid = server_.spawn({TONAVI_TONE_CLIENT, bundleID, bundleID, std::to_string(frequency), "0.5"},
+                                "tone");
         } else {
             // paplay names itself after its binary: its bundle ID is "paplay" unless a desktop entry runs it.
-            const std::string file = server_.folder() + "/tone-" + std::to_string(static_cast<int>(frequency)) + ".wav";
-            const std::string make = "sox -n -r 48000 -c 2 " + file + " synth 30 sine " + std::to_string(frequency) +
-                                     " vol 0.5";
+            const std::string file =
+                server_.folder() + "/tone-" + std::to_string(static_cast<int>(frequency)) + ".wav";
+            const std::string make =
+                "sox -n -r 48000 -c 2 " + file + " synth 30 sine " + std::to_string(frequency) + " vol 0.5";
             if (std::system(make.c_str()) != 0)
                 return {bundleID, frequency, -1};
             pid = server_.spawn({"paplay", file}, "paplay");
@@ -147,7 +151,8 @@ class PipeWireRig : public ContractRig {
         eventually([&] {
             std::uint32_t running = 0;
             const AudioObjectID id = processObject(pid);
-            return id && audio_->get(id, globalAddress(kAudioProcessPropertyIsRunningOutput), running) == noErr &&
+            return id &&
+                   audio_->get(id, globalAddress(kAudioProcessPropertyIsRunningOutput), running) == noErr &&
                    running == 1;
         });
         return {bundleID, frequency, pid};

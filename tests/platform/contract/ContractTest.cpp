@@ -65,9 +65,10 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatuses) {
         EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyDeviceIsAlive), alive), noErr);
         EXPECT_EQ(alive, 1u);
         AudioStreamConfiguration outputs;
-        EXPECT_EQ(audio().get(device, scopedAddress(kAudioDevicePropertyStreamConfiguration,
-                                                    kAudioObjectPropertyScopeOutput),
-                              outputs),
+        EXPECT_EQ(audio().get(
+                      device,
+                      scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeOutput),
+                      outputs),
                   noErr);
         ASSERT_EQ(outputs.channelsPerBuffer.size(), 1u);
         EXPECT_GE(outputs.channelsPerBuffer[0], 2u);
@@ -89,7 +90,8 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatuses) {
         OSStatus status;
     };
     const Case cases[] = {
-        {"unknown object", 999999, globalAddress(kAudioDevicePropertyDeviceUID), kAudioHardwareBadObjectError},
+        {"unknown object", 999999, globalAddress(kAudioDevicePropertyDeviceUID),
+         kAudioHardwareBadObjectError},
         {"unknown selector", first, globalAddress(fourCharCode("zzzz")), kAudioHardwareUnknownPropertyError},
         {"volume of no element", first,
          scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 9),
@@ -108,13 +110,15 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatuses) {
               kAudioHardwareBadPropertySizeError);
     std::vector<AudioObjectID> devices;
     std::uint32_t size = 0;
-    ASSERT_EQ(audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices), noErr);
-    EXPECT_EQ(audio().getPropertyDataSize(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices),
-                                          size),
+    ASSERT_EQ(audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices),
+              noErr);
+    EXPECT_EQ(audio().getPropertyDataSize(kAudioObjectSystemObject,
+                                          globalAddress(kAudioHardwarePropertyDevices), size),
               noErr);
     EXPECT_EQ(size, devices.size() * sizeof(AudioObjectID));
     bool settable = false;
-    EXPECT_EQ(audio().isPropertySettable(first, globalAddress(kAudioDevicePropertyDeviceUID), settable), noErr);
+    EXPECT_EQ(audio().isPropertySettable(first, globalAddress(kAudioDevicePropertyDeviceUID), settable),
+              noErr);
     EXPECT_FALSE(settable);
     EXPECT_EQ(audio().set(first, globalAddress(kAudioDevicePropertyDeviceUID), std::string("x")),
               kAudioHardwareIllegalOperationError);
@@ -141,13 +145,15 @@ TEST_P(ContractTest, DefaultOutputChangesReachListenersOnTheirQueue) {
     EXPECT_EQ(listener.heard().front(), address);
 
     // Refusals leave the default alone.
-    EXPECT_EQ(audio().set(kAudioObjectSystemObject, address, AudioObjectID{999999}), kAudioHardwareBadDeviceError);
+    EXPECT_EQ(audio().set(kAudioObjectSystemObject, address, AudioObjectID{999999}),
+              kAudioHardwareBadDeviceError);
     EXPECT_EQ(audio().set(kAudioObjectSystemObject, address, 1.0), kAudioHardwareBadPropertySizeError);
     EXPECT_EQ(defaultOutput(), second);
 
     ASSERT_EQ(audio().set(kAudioObjectSystemObject, address, first), noErr);
     ASSERT_TRUE(listener.waitForCalls(2));
-    ASSERT_EQ(audio().removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block), noErr);
+    ASSERT_EQ(audio().removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block),
+              noErr);
     EXPECT_EQ(audio().removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block),
               kAudio_ParamError);
     ASSERT_EQ(audio().set(kAudioObjectSystemObject, address, second), noErr);
@@ -158,8 +164,8 @@ TEST_P(ContractTest, DefaultOutputChangesReachListenersOnTheirQueue) {
 
 TEST_P(ContractTest, DeviceVolumeAndMuteAreWrittenAndReadBack) {
     const AudioObjectID device = rig->deviceID(rig->firstOutput());
-    const auto main = scopedAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume,
-                                    kAudioObjectPropertyScopeOutput);
+    const auto main =
+        scopedAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume, kAudioObjectPropertyScopeOutput);
     const auto left = scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 1);
     const auto mute = scopedAddress(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput);
     RecordingListener listener(queue);
@@ -205,9 +211,11 @@ TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
         std::uint32_t runningOutput = 0, runningInput = 7;
         EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyBundleID), bundleID), noErr);
         EXPECT_EQ(bundleID, c.bundleID);
-        EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyIsRunningOutput), runningOutput), noErr);
+        EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyIsRunningOutput), runningOutput),
+                  noErr);
         EXPECT_EQ(runningOutput, 1u);
-        EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyIsRunningInput), runningInput), noErr);
+        EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyIsRunningInput), runningInput),
+                  noErr);
         EXPECT_EQ(runningInput, 0u);
         EXPECT_TRUE(eventually([&] {
             std::vector<AudioObjectID> devices;
@@ -276,10 +284,11 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyTransportType), transport), noErr);
     EXPECT_EQ(transport, kAudioDeviceTransportTypeAggregate);
     AudioStreamConfiguration inputs;
-    EXPECT_EQ(audio().get(device, scopedAddress(kAudioDevicePropertyStreamConfiguration,
-                                                kAudioObjectPropertyScopeInput),
-                          inputs),
-              noErr);
+    EXPECT_EQ(
+        audio().get(device,
+                    scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
+                    inputs),
+        noErr);
     ASSERT_FALSE(inputs.channelsPerBuffer.empty());
     EXPECT_EQ(inputs.channelsPerBuffer.back(), 2u);
 

@@ -28,7 +28,8 @@ bool onPath(const std::string& program) {
     std::string dirs = path ? path : "/usr/bin:/bin";
     for (std::size_t start = 0; start <= dirs.size();) {
         const auto end = dirs.find(':', start);
-        const std::string dir = dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        const std::string dir =
+            dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
         if (!dir.empty() && ::access((dir + "/" + program).c_str(), X_OK) == 0)
             return true;
         if (end == std::string::npos)
@@ -75,7 +76,9 @@ PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
     return instance.get();
 }
 
-void PrivatePipeWireServer::stopShared() { instance.reset(); }
+void PrivatePipeWireServer::stopShared() {
+    instance.reset();
+}
 
 pid_t PrivatePipeWireServer::spawn(const std::vector<std::string>& argv, const std::string& logName) {
     std::vector<char*> args;
@@ -100,7 +103,8 @@ void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
         return;
     ::kill(pid, signal);
     int status = 0;
-    const bool gone = within(std::chrono::milliseconds(3000), [&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
+    const bool gone =
+        within(std::chrono::milliseconds(3000), [&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
     if (!gone) {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, &status, 0);

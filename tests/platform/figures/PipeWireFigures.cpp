@@ -47,7 +47,8 @@ int main() {
 
     std::vector<App> apps;
     for (int i = 0; i < 30; ++i)
-        apps.push_back(rig.startApp("org.tonavi.Figure" + std::to_string(i), 200 + 10 * i, AppKind::toneClient));
+        apps.push_back(
+            rig.startApp("org.tonavi.Figure" + std::to_string(i), 200 + 10 * i, AppKind::toneClient));
     std::vector<AudioObjectID> processes;
     for (const auto& app : apps)
         processes.push_back(rig.processObject(app.pid));
@@ -79,7 +80,8 @@ int main() {
     aggregate.uid = "figures.aggregate";
     aggregate.mainSubDevice = "speakers";
     aggregate.taps = {{description.uuid, true}};
-    if (audio.createProcessTap(description, tap) != noErr || audio.createAggregateDevice(aggregate, device) != noErr ||
+    if (audio.createProcessTap(description, tap) != noErr ||
+        audio.createAggregateDevice(aggregate, device) != noErr ||
         audio.createIOProcIDWithBlock(
             device, nullptr,
             [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {

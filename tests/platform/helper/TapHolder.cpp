@@ -25,7 +25,8 @@ int main(int argc, char** argv) {
     audio.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList), processes);
     for (AudioObjectID p : processes) {
         std::string bundleID;
-        if (audio.get(p, globalAddress(kAudioProcessPropertyBundleID), bundleID) == noErr && bundleID == argv[1])
+        if (audio.get(p, globalAddress(kAudioProcessPropertyBundleID), bundleID) == noErr &&
+            bundleID == argv[1])
             tapped.push_back(p);
     }
     AudioObjectID output = 0;
@@ -50,7 +51,8 @@ int main(int argc, char** argv) {
     AudioDeviceIOProcID proc = 0;
     if (audio.createAggregateDevice(aggregate, device) != noErr ||
         audio.createIOProcIDWithBlock(
-            device, nullptr, [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {}, proc) != noErr ||
+            device, nullptr, [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {}, proc) !=
+            noErr ||
         audio.deviceStart(device, proc) != noErr)
         return 4;
     std::cout << "ready" << std::endl;

@@ -68,9 +68,9 @@ int main(int argc, char** argv) {
         context, pw_properties_new(PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr), 0);
     if (!core)
         return 69;
-    pw_properties* props = pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback",
-                                             PW_KEY_MEDIA_ROLE, "Music", PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME,
-                                             argv[2], nullptr);
+    pw_properties* props =
+        pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
+                          "Music", PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr);
     if (argc > 5)
         pw_properties_set(props, PW_KEY_TARGET_OBJECT, argv[5]);
     tone.stream = pw_stream_new(core, argv[2], props);
