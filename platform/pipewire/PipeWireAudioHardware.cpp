@@ -27,9 +27,6 @@ bool isSource(const Node& n) {
 bool isDevice(const Node& n) {
     return (isSink(n) || isSource(n)) && !isOurs(n);
 }
-bool startsWith(const std::string& s, const char* prefix) {
-    return s.rfind(prefix, 0) == 0;
-}
 
 const Node* deviceNode(const PipeWireGraph& g, AudioObjectID id) {
     const Node* n = g.nodeByObject(id);
@@ -38,58 +35,6 @@ const Node* deviceNode(const PipeWireGraph& g, AudioObjectID id) {
 
 pid_t pidOfNode(const PipeWireGraph&, const Node& n) {
     return n.pid;
-}
-
-std::uint32_t channelCount(const Node& n) {
-    if (auto c = std::atoi(n.prop("audio.channels").c_str()); c > 0)
-        return static_cast<std::uint32_t>(c);
-    if (!n.channelVolumes.empty())
-        return static_cast<std::uint32_t>(n.channelVolumes.size());
-    const std::string position = n.prop("audio.position");
-    if (!position.empty()) {
-        // "[ FL FR ]" or "FL,FR": count the names.
-        std::uint32_t count = 0;
-        bool inName = false;
-        for (char c : position) {
-            const bool letter = std::isalnum(static_cast<unsigned char>(c)) != 0;
-            count += letter && !inName ? 1 : 0;
-            inName = letter;
-        }
-        if (count > 0)
-            return count;
-    }
-    return 2;
-}
-
-std::uint32_t transportOf(const PipeWireGraph& g, const Node& n) {
-    PipeWireGraph::Properties device;
-    if (auto it = g.devices.find(
-            static_cast<std::uint32_t>(std::strtoul(n.prop("device.id").c_str(), nullptr, 10)));
-        it != g.devices.end())
-        device = it->second;
-    auto get = [&](const char* key) {
-        std::string v = n.prop(key);
-        if (v.empty() && device.count(key))
-            v = device[key];
-        return v;
-    };
-    const std::string api = get("device.api");
-    const std::string bus = get("device.bus");
-    const std::string factory = n.prop("factory.name");
-    const std::string name = n.prop("node.name");
-    if (api == "bluez5" || bus == "bluetooth")
-        return kAudioDeviceTransportTypeBluetooth;
-    if (startsWith(name, "raop_") || factory.find("raop") != std::string::npos || api == "raop")
-        return kAudioDeviceTransportTypeAirPlay;
-    if (startsWith(name, "combine") || factory.find("combine") != std::string::npos)
-        return kAudioDeviceTransportTypeAggregate;
-    if (bus == "usb")
-        return kAudioDeviceTransportTypeUSB;
-    if (bus == "pci" || (api == "alsa" && bus.empty()))
-        return kAudioDeviceTransportTypeBuiltIn;
-    if (factory == "support.null-audio-sink" || n.prop("node.virtual") == "true")
-        return kAudioDeviceTransportTypeVirtual;
-    return kAudioDeviceTransportTypeUnknown;
 }
 
 // PipeWire's volume control law: a scalar slider position s is the cube root of the linear gain.
@@ -211,7 +156,7 @@ OSStatus PipeWireAudioHardware::readAggregateLocked(const PipeWireGraph& g, cons
                         config.channelsPerBuffer.push_back(tap.sink->channels());
         } else if (a.mScope == kAudioObjectPropertyScopeOutput) {
             if (main && isSink(*main))
-                config.channelsPerBuffer.push_back(channelCount(*main));
+                config.channelsPerBuffer.push_back(main->channelCount());
         } else {
             return kAudioHardwareUnknownPropertyError;
         }
@@ -370,12 +315,12 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
         return noErr;
     }
     case kAudioDevicePropertyTransportType:
-        v = transportOf(g, *n);
+        v = g.transportOf(*n);
         return noErr;
     case kAudioDevicePropertyStreamConfiguration:
         if (!output && !input)
             return kAudioHardwareUnknownPropertyError;
-        v = AudioStreamConfiguration{ownScope ? std::vector<std::uint32_t>{channelCount(*n)}
+        v = AudioStreamConfiguration{ownScope ? std::vector<std::uint32_t>{n->channelCount()}
                                               : std::vector<std::uint32_t>{}};
         return noErr;
     case kAudioDevicePropertyNominalSampleRate:
@@ -755,7 +700,7 @@ OSStatus PipeWireAudioHardware::createProcessTap(const TapDescription& descripti
             const Node* device = g.nodeByName(description.deviceUID);
             if (!device || !isDevice(*device))
                 return kAudioHardwareBadDeviceError;
-            channels = channelCount(*device);
+            channels = device->channelCount();
         }
         rate = static_cast<std::uint32_t>(rateOf(g));
         return noErr;
@@ -889,7 +834,7 @@ OSStatus PipeWireAudioHardware::deviceStart(AudioObjectID device, AudioDeviceIOP
         if (!main)
             return false;
         target.nodeName = main->prop("node.name");
-        target.channels = channelCount(*main);
+        target.channels = main->channelCount();
         target.rate = static_cast<std::uint32_t>(rateOf(g));
         target.frames = quantumOf(g);
         return true;

@@ -1,5 +1,6 @@
 #include "platform/pipewire/PipeWireGraph.hpp"
 
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +14,58 @@ namespace tonavi {
 std::string PipeWireGraph::Node::prop(const std::string& key) const {
     auto it = props.find(key);
     return it == props.end() ? std::string() : it->second;
+}
+
+std::uint32_t PipeWireGraph::Node::channelCount() const {
+    if (auto c = std::atoi(prop("audio.channels").c_str()); c > 0)
+        return static_cast<std::uint32_t>(c);
+    if (!channelVolumes.empty())
+        return static_cast<std::uint32_t>(channelVolumes.size());
+    const std::string position = prop("audio.position");
+    if (!position.empty()) {
+        // "[ FL FR ]" or "FL,FR": count the names.
+        std::uint32_t count = 0;
+        bool inName = false;
+        for (char c : position) {
+            const bool letter = std::isalnum(static_cast<unsigned char>(c)) != 0;
+            count += letter && !inName ? 1 : 0;
+            inName = letter;
+        }
+        if (count > 0)
+            return count;
+    }
+    return 2;
+}
+
+std::uint32_t PipeWireGraph::transportOf(const Node& n) const {
+    PipeWireGraph::Properties device;
+    if (auto it =
+            devices.find(static_cast<std::uint32_t>(std::strtoul(n.prop("device.id").c_str(), nullptr, 10)));
+        it != devices.end())
+        device = it->second;
+    auto get = [&](const char* key) {
+        std::string v = n.prop(key);
+        if (v.empty() && device.count(key))
+            v = device[key];
+        return v;
+    };
+    const std::string api = get("device.api");
+    const std::string bus = get("device.bus");
+    const std::string factory = n.prop("factory.name");
+    const std::string name = n.prop("node.name");
+    if (api == "bluez5" || bus == "bluetooth")
+        return kAudioDeviceTransportTypeBluetooth;
+    if (name.rfind("raop_", 0) == 0 || factory.find("raop") != std::string::npos || api == "raop")
+        return kAudioDeviceTransportTypeAirPlay;
+    if (name.rfind("combine", 0) == 0 || factory.find("combine") != std::string::npos)
+        return kAudioDeviceTransportTypeAggregate;
+    if (bus == "usb")
+        return kAudioDeviceTransportTypeUSB;
+    if (bus == "pci" || (api == "alsa" && bus.empty()))
+        return kAudioDeviceTransportTypeBuiltIn;
+    if (factory == "support.null-audio-sink" || n.prop("node.virtual") == "true")
+        return kAudioDeviceTransportTypeVirtual;
+    return kAudioDeviceTransportTypeUnknown;
 }
 
 pid_t PipeWireGraph::Client::pid() const {

@@ -30,6 +30,8 @@ struct PipeWireGraph {
         std::string mediaClassValue;
         pid_t pid = 0;
         const std::string& mediaClass() const { return mediaClassValue; }
+        // audio.channels, else the channel volumes' count, else audio.position's names, else 2.
+        std::uint32_t channelCount() const;
         std::string prop(const std::string& key) const;
     };
     struct Client {
@@ -64,6 +66,9 @@ struct PipeWireGraph {
     // The node.name inside a default entry's JSON value ({"name":"speakers"}).
     std::string defaultNodeName(const std::string& key) const;
     std::uint32_t setting(const std::string& key, std::uint32_t fallback) const;
+    // The Core Audio transport word of a device node, from device.api and device.bus (of the node,
+    // else of its device), its factory and its name.
+    std::uint32_t transportOf(const Node& node) const;
 
     // The desktop entry (file name without ".desktop") whose Exec runs `binary`, searched once per
     // binary in $XDG_DATA_HOME and $XDG_DATA_DIRS "applications" folders and remembered; empty when none.
