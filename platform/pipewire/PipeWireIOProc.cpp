@@ -135,8 +135,8 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
             e.process = &PipeWireIOProc::process;
             return e;
         }();
-        hook_ = new spa_hook{};
-        pw_stream_add_listener(stream_, hook_, &events, this);
+        hook_ = std::make_unique<spa_hook>();
+        pw_stream_add_listener(stream_, hook_.get(), &events, this);
         std::uint8_t buffer[1024];
         spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
         const spa_pod* params[] = {buildFloatFormat(b, outputChannels_, target.rate)};
@@ -147,9 +147,8 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
                                           params, 1);
         if (res < 0) {
             error = "the IO stream could not connect";
-            spa_hook_remove(hook_);
-            delete hook_;
-            hook_ = nullptr;
+            spa_hook_remove(hook_.get());
+            hook_.reset();
             pw_stream_destroy(stream_);
             stream_ = nullptr;
             return;
@@ -181,9 +180,8 @@ void PipeWireIOProc::stop() {
     connection_.withCore([this](pw_core*) {
         if (!stream_)
             return;
-        spa_hook_remove(hook_);
-        delete hook_;
-        hook_ = nullptr;
+        spa_hook_remove(hook_.get());
+        hook_.reset();
         // Destroying with the loop locked waits for the data thread to leave the callback.
         pw_stream_destroy(stream_);
         stream_ = nullptr;

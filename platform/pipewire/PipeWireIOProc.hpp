@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -52,7 +53,7 @@ class PipeWireIOProc {
     AudioDeviceIOBlock block_;
     std::string nodeName_;
     pw_stream* stream_ = nullptr;
-    spa_hook* hook_ = nullptr;
+    std::unique_ptr<spa_hook> hook_;
     std::vector<PipeWireTap*> taps_;
     std::vector<std::vector<float>> inputData_;
     std::vector<AudioBuffer> inputBuffers_;

@@ -53,6 +53,8 @@ class ContractRig {
     virtual void stopApp(const App& app) = 0;
     // Whether the device plays the application on its own path.
     virtual bool heard(const std::string& deviceUID, const App& app) = 0;
+    // A volume change made by someone else (a mixer, another process).
+    virtual bool setVolumeFromOutside(const std::string& deviceUID, float volume) = 0;
     // The environment a helper process needs to land on the same machine.
     virtual void exportEnvironment() = 0;
 
@@ -104,6 +106,9 @@ class SimRig : public ContractRig {
     bool heard(const std::string& deviceUID, const App& app) override {
         const auto heard = machine_->directlyAudible(deviceUID);
         return std::find(heard.begin(), heard.end(), app.bundleID) != heard.end();
+    }
+    bool setVolumeFromOutside(const std::string& deviceUID, float volume) override {
+        return machine_->mutate([&](SimWorld& w) { return w.setVolume(deviceUID, volume); }).empty();
     }
     void exportEnvironment() override {
         ::setenv("TONAVI_AUDIO_BACKEND", "sim", 1);
@@ -175,6 +180,12 @@ class PipeWireRig : public ContractRig {
         if (got <= skip)
             return false;
         return amplitudeAt(samples.data() + skip, got - skip, app.frequency, 48000) > 0.05;
+    }
+    bool setVolumeFromOutside(const std::string& deviceUID, float volume) override {
+        // Pulse volumes use the same cubic law: 50% is a scalar of 0.5.
+        const std::string command = "pactl set-sink-volume " + deviceUID + " " +
+                                    std::to_string(static_cast<int>(volume * 100)) + "% >/dev/null 2>&1";
+        return std::system(command.c_str()) == 0;
     }
     void exportEnvironment() override { ::setenv("TONAVI_AUDIO_BACKEND", "pipewire", 1); }
 

@@ -180,8 +180,18 @@ TEST_P(ContractTest, DeviceVolumeAndMuteAreWrittenAndReadBack) {
         EXPECT_NEAR(read, level, 1e-3);
         EXPECT_NEAR(element, level, 1e-3);
     }
-    EXPECT_TRUE(listener.waitForCalls(2)); // the last write restored the starting level
+    ASSERT_TRUE(listener.waitForCalls(2)); // the last write may restore the starting level
     EXPECT_EQ(audio().set(device, main, std::nanf("")), kAudio_ParamError);
+
+    // A change made elsewhere reaches the listener and the next read, on its queue.
+    const int before = listener.calls();
+    ASSERT_TRUE(rig->setVolumeFromOutside(rig->firstOutput(), 0.5f));
+    EXPECT_TRUE(listener.waitForCalls(before + 1));
+    EXPECT_EQ(listener.offQueue(), 0);
+    float outside = 0;
+    EXPECT_EQ(audio().get(device, main, outside), noErr);
+    EXPECT_NEAR(outside, 0.5f, 1e-3);
+    ASSERT_EQ(audio().set(device, main, 1.0f), noErr);
 
     for (std::uint32_t value : {1u, 0u}) {
         ASSERT_EQ(audio().set(device, mute, value), noErr);
