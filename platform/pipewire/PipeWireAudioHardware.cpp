@@ -22,7 +22,7 @@ bool isSink(const Node& n) {
     return n.mediaClass() == "Audio/Sink";
 }
 bool isSource(const Node& n) {
-    return n.mediaClass() == "Audio/Source";
+    return n.mediaClass() == "Audio/Source" || n.mediaClass() == "Audio/Source/Virtual";
 }
 bool isDevice(const Node& n) {
     return (isSink(n) || isSource(n)) && !isOurs(n);

@@ -48,6 +48,8 @@ class ContractRig {
     // Two output devices, the first the default.
     virtual std::string firstOutput() const = 0;
     virtual std::string secondOutput() const = 0;
+    // An input device, the default one.
+    virtual std::string input() const = 0;
     // An application playing a sine of `frequency`; its process object exists when this returns.
     virtual App startApp(const std::string& bundleID, double frequency, AppKind kind) = 0;
     virtual void stopApp(const App& app) = 0;
@@ -91,6 +93,7 @@ class SimRig : public ContractRig {
     AudioHardware& audio() override { return *machine_; }
     std::string firstOutput() const override { return "BuiltInSpeakerDevice"; }
     std::string secondOutput() const override { return "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1"; }
+    std::string input() const override { return "BuiltInMicrophoneDevice"; }
     App startApp(const std::string& bundleID, double frequency, AppKind) override {
         const pid_t pid = nextPID_++;
         machine_->mutate([&](SimWorld& w) {
@@ -137,6 +140,7 @@ class PipeWireRig : public ContractRig {
     PipeWireAudioHardware& pipewire() { return *audio_; }
     std::string firstOutput() const override { return "speakers"; }
     std::string secondOutput() const override { return "headphones"; }
+    std::string input() const override { return "microphone"; }
     App startApp(const std::string& bundleID, double frequency, AppKind kind) override {
         pid_t pid = -1;
         if (kind == AppKind::toneClient) {

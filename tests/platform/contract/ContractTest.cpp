@@ -82,6 +82,26 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatuses) {
         EXPECT_GE(range.mMaximum, frames);
     }
 
+    // The input device records on one stream and plays nothing; it is the default input.
+    const AudioObjectID input = rig->deviceID(rig->input());
+    AudioStreamConfiguration inputs, outputs;
+    const auto streams = [&](AudioObjectPropertyScope scope, AudioStreamConfiguration& config) {
+        return audio().get(input, scopedAddress(kAudioDevicePropertyStreamConfiguration, scope), config);
+    };
+    EXPECT_EQ(streams(kAudioObjectPropertyScopeInput, inputs), noErr);
+    EXPECT_EQ(streams(kAudioObjectPropertyScopeOutput, outputs), noErr);
+    EXPECT_EQ(inputs.channelsPerBuffer.size(), 1u);
+    EXPECT_TRUE(outputs.channelsPerBuffer.empty());
+    AudioObjectID defaultInput = 0;
+    EXPECT_EQ(audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultInputDevice),
+                          defaultInput),
+              noErr);
+    EXPECT_EQ(defaultInput, input);
+    // An input cannot be the default output.
+    EXPECT_NE(audio().set(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                          input),
+              noErr);
+
     // The statuses callers rely on, the same on every backend.
     struct Case {
         const char* what;

@@ -59,6 +59,10 @@ const char* sinksConf = R"(context.objects = [
     args = { factory.name = support.null-audio-sink node.name = "headphones" node.description = "Headphones"
              media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true
              monitor.channel-volumes = true priority.session = 1000 } }
+  { factory = adapter
+    args = { factory.name = support.null-audio-sink node.name = "microphone" node.description = "Microphone"
+             media.class = "Audio/Source/Virtual" audio.position = [ MONO ] object.linger = true
+             priority.session = 3000 } }
 ]
 )";
 } // namespace
@@ -162,7 +166,7 @@ bool PrivatePipeWireServer::startAudio(std::string& why) {
     }
     const bool ready = connection.waitUntil(
         [](const PipeWireGraph& g) {
-            return g.nodeByName("speakers") && g.nodeByName("headphones") &&
+            return g.nodeByName("speakers") && g.nodeByName("headphones") && g.nodeByName("microphone") &&
                    !g.defaultNodeName("default.audio.sink").empty();
         },
         std::chrono::milliseconds(10000));

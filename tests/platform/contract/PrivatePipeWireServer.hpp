@@ -1,7 +1,7 @@
 #pragma once
 // A private PipeWire server for the tests of one binary: a session bus, pipewire, wireplumber and
-// pipewire-pulse under a temporary XDG_RUNTIME_DIR, with two null sinks, "speakers" and
-// "headphones". Started on first use, stopped when the binary ends. This process's environment
+// pipewire-pulse under a temporary XDG_RUNTIME_DIR, with null sinks "speakers" and "headphones" and
+// a null source "microphone". Started on first use, stopped when the binary ends. This process's environment
 // points at it (XDG_RUNTIME_DIR, PIPEWIRE_RUNTIME_DIR, DBUS_SESSION_BUS_ADDRESS), so that the
 // backend, pw-* and pa* tools all find it.
 
