@@ -21,6 +21,7 @@ namespace tonavi::test {
 namespace {
 std::unique_ptr<PrivatePipeWireServer> instance;
 bool tried = false;
+bool missing = false;
 std::string failure;
 
 bool onPath(const std::string& program) {
@@ -84,6 +85,10 @@ void PrivatePipeWireServer::stopShared() {
     instance.reset();
 }
 
+bool PrivatePipeWireServer::programsMissing() {
+    return missing;
+}
+
 pid_t PrivatePipeWireServer::spawn(const std::vector<std::string>& argv, const std::string& logName) {
     std::vector<char*> args;
     for (const auto& a : argv)
@@ -119,6 +124,7 @@ bool PrivatePipeWireServer::start(std::string& why) {
     for (const char* program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
         if (!onPath(program)) {
             why = std::string(program) + " is not installed (scripts/setup.sh installs it)";
+            missing = true;
             return false;
         }
     std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-pipewire-XXXXXX").string();

@@ -16,6 +16,9 @@ class PrivatePipeWireServer {
     // The running server, started on first call; nullptr with `why` when it cannot run here.
     static PrivatePipeWireServer* shared(std::string* why = nullptr);
     static void stopShared();
+    // True when the server could not start because its programs are not installed: the only
+    // reason the tests may skip rather than fail.
+    static bool programsMissing();
 
     // Stops pipewire, wireplumber and pipewire-pulse (the bus stays), then starts them again.
     void stopAudio();
