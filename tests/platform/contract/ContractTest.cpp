@@ -221,6 +221,7 @@ TEST_P(ContractTest, DeviceVolumeAndMuteAreWrittenAndReadBack) {
         EXPECT_EQ(read, value);
     }
     audio().removePropertyListener(device, main, queue, listener.block);
+    queue.sync([] {}); // a delivery already under way ends before the listener goes
 }
 
 TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
@@ -259,6 +260,7 @@ TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
         rig->stopApp(app);
         EXPECT_TRUE(eventually([&] { return rig->processObject(app.pid) == kAudioObjectUnknown; }));
         audio().removePropertyListener(kAudioObjectSystemObject, list, queue, listener.block);
+        queue.sync([] {});
     }
 }
 

@@ -122,6 +122,7 @@ TEST_F(PipeWireBackendTest, LosingTheServerRemovesItsDevicesAndReconnectingBring
     EXPECT_TRUE(listener.waitForCalls(2));
     EXPECT_EQ(listener.offQueue(), 0);
     audio->removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block);
+    queue.sync([] {});
 }
 
 } // namespace
