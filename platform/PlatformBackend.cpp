@@ -6,6 +6,9 @@
 
 #include "base/Log.hpp"
 #include "base/Paths.hpp"
+#include "platform/pipewire/PipeWireAudioHardware.hpp"
+#include "platform/pipewire/PipeWireConnection.hpp"
+#include "platform/pipewire/PipeWireWorkspace.hpp"
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
 
@@ -33,6 +36,15 @@ std::unique_ptr<PlatformBackend> makeSim(std::string& error) {
     auto workspace = std::make_shared<SimWorkspace>(machine);
     return std::make_unique<PlatformBackend>("sim", machine, workspace);
 }
+
+std::unique_ptr<PlatformBackend> makePipeWire(std::string& error) {
+    auto connection = std::make_shared<PipeWireConnection>();
+    if (!connection->start(error))
+        return nullptr;
+    auto audio = std::make_shared<PipeWireAudioHardware>(connection);
+    auto workspace = std::make_shared<PipeWireWorkspace>(connection);
+    return std::make_unique<PlatformBackend>("pipewire", audio, workspace);
+}
 } // namespace
 
 PlatformBackend::PlatformBackend(std::string name, std::shared_ptr<AudioHardware> audio,
@@ -41,7 +53,10 @@ PlatformBackend::PlatformBackend(std::string name, std::shared_ptr<AudioHardware
 
 std::string PlatformBackend::requestedName() {
     const char* value = std::getenv(environmentVariable);
-    return value && *value ? std::string(value) : std::string("sim");
+    if (value && *value)
+        return value;
+    // The real audio server where one answers for this user, else the simulated machine.
+    return PipeWireConnection::serverAnswers() ? "pipewire" : "sim";
 }
 
 std::string PlatformBackend::simWorldPath() {
@@ -60,7 +75,7 @@ PlatformBackend* PlatformBackend::current(std::string* error) {
     if (name == "sim") {
         backend = makeSim(why);
     } else if (name == "pipewire") {
-        why = "the pipewire audio backend is not built yet";
+        backend = makePipeWire(why);
     } else {
         why = "unknown audio backend \"" + name + "\" (expected sim or pipewire)";
     }

@@ -1,8 +1,7 @@
 #pragma once
 // The backend that carries the platform boundary in this process, chosen once from
 // TONAVI_AUDIO_BACKEND and inherited by child processes (the variable is set when absent).
-// Only the simulated machine exists so far, so "sim" is the default; "pipewire" is refused until
-// that backend is built.
+// Without the variable, "pipewire" where a PipeWire server answers for this user, else "sim".
 
 #include <memory>
 #include <string>
@@ -22,7 +21,8 @@ class PlatformBackend {
     // Replaces the process's backend (tests that drive a private machine).
     static void install(std::unique_ptr<PlatformBackend> backend);
 
-    // The backend name the environment asks for, "sim" when it asks for none.
+    // The backend name the environment asks for; when it asks for none, "pipewire" if a server
+    // answers, else "sim".
     static std::string requestedName();
     // TONAVI_SIM_WORLD, else "sim-world.json" in the support folder.
     static std::string simWorldPath();

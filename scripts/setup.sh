@@ -4,7 +4,9 @@
 set -euo pipefail
 
 TONAVI_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-TONAVI_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev)
+# The PipeWire backend builds on libpipewire; its tests run a private server and measure it.
+TONAVI_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+                 libpipewire-0.3-dev pipewire pipewire-bin wireplumber pipewire-pulse pulseaudio-utils dbus sox)
 
 tonavi_install() {
     local missing=()

@@ -159,28 +159,6 @@ TEST_F(SimSharedWorldTest, TwoMachinesOnOneFileSeeEachOthersWrites) {
     EXPECT_EQ(listener.calls(), 1); // the mute is not what it listens to
 }
 
-TEST_F(SimSharedWorldTest, ADeadProcessesTapStopsMutingItsApplication) {
-    Helper holder({path, "hold-tap", "com.apple.Music"});
-    ASSERT_EQ(holder.readLine(), "ready");
-    EXPECT_TRUE(machine->directlyAudible("BuiltInSpeakerDevice").empty());
-    // Its private aggregate is not ours to see.
-    EXPECT_EQ(machine->world()->taps.size(), 1u);
-    std::vector<AudioObjectID> devices;
-    machine->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices);
-    EXPECT_EQ(devices.size(), 6u);
-
-    holder.kill();
-    EXPECT_TRUE(test::eventually([&] {
-        return machine->directlyAudible("BuiltInSpeakerDevice") ==
-               std::vector<std::string>{"com.apple.Music"};
-    }));
-    EXPECT_TRUE(test::eventually([&] {
-        std::string error;
-        auto disk = SimWorldFile(path).read(error);
-        return disk && disk->taps.empty() && disk->devices.size() == 6u;
-    }));
-}
-
 TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {
     const auto goodOutput = defaultOutput(*machine);
     {

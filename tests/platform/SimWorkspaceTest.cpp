@@ -110,21 +110,17 @@ TEST_F(SimWorkspaceTest, SleepAndWakeReachTheirObserversOnce) {
     EXPECT_EQ(woke, 1);
 }
 
-TEST(PlatformBackendTest, TheEnvironmentChoosesTheBackendOnceAndChildrenInheritIt) {
+TEST(PlatformBackendTest, WithoutAServerTheSimulatedMachineIsChosenOnceAndChildrenInheritIt) {
     test::TempFolder folder;
     Log::setFilePathForTesting(folder.file("test.log"));
     const std::string world = folder.file("machine/world.json");
     ::setenv(PlatformBackend::worldVariable, world.c_str(), 1);
 
-    ::setenv(PlatformBackend::environmentVariable, "coreaudio", 1);
-    std::string error;
-    EXPECT_EQ(PlatformBackend::current(&error), nullptr);
-    EXPECT_EQ(error, "unknown audio backend \"coreaudio\" (expected sim or pipewire)");
-    ::setenv(PlatformBackend::environmentVariable, "pipewire", 1);
-    EXPECT_EQ(PlatformBackend::current(&error), nullptr);
-    EXPECT_EQ(error, "the pipewire audio backend is not built yet");
-
+    // No audio server answers in an empty runtime folder, so the default is the simulated machine.
+    ::setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
+    ::setenv("PIPEWIRE_RUNTIME_DIR", folder.file("").c_str(), 1);
     ::unsetenv(PlatformBackend::environmentVariable);
+    std::string error;
     auto* backend = PlatformBackend::current(&error);
     ASSERT_NE(backend, nullptr) << error;
     EXPECT_EQ(backend->name(), "sim");

@@ -2,8 +2,6 @@
 //   helper <world> listen <selector>          prints "armed", then "fired <n> on-queue <0|1>" when the
 //                                             system object's property changes; exit 1 after 10 s
 //   helper <world> set-default-output <uid>   writes the default output through the property
-//   helper <world> hold-tap <bundle-id>       taps the app, starts IO, prints "ready", waits for stdin to
-//   close
 
 #include <chrono>
 #include <condition_variable>
@@ -57,46 +55,11 @@ int setDefaultOutput(SimMachine& machine, const std::string& uid) {
                : 1;
 }
 
-int holdTap(SimMachine& machine, const std::string& bundleID) {
-    const auto world = machine.world();
-    std::vector<AudioObjectID> objects;
-    for (const auto& p : world->processes)
-        if (p.bundleID == bundleID)
-            objects.push_back(p.id);
-    auto description = TapDescription::stereoMixdown(objects);
-    description.isPrivate = true;
-    description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-    AudioObjectID tap = 0;
-    if (machine.createProcessTap(description, tap) != noErr)
-        return 2;
-    AggregateDeviceDescription aggregate;
-    aggregate.uid = "helper.aggregate." + std::to_string(::getpid());
-    aggregate.isPrivate = true;
-    aggregate.mainSubDevice = world->defaultOutputUID;
-    aggregate.subDevices = {{world->defaultOutputUID, true}};
-    aggregate.taps = {{description.uuid, true}};
-    AudioObjectID device = 0;
-    if (machine.createAggregateDevice(aggregate, device) != noErr)
-        return 3;
-    AudioDeviceIOProcID proc = 0;
-    if (machine.createIOProcIDWithBlock(
-            device, nullptr, [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {}, proc) !=
-        noErr)
-        return 4;
-    if (machine.deviceStart(device, proc) != noErr)
-        return 5;
-    std::cout << "ready" << std::endl;
-    std::string line;
-    while (std::getline(std::cin, line)) {
-    }
-    return 0;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
     if (argc != 4) {
-        std::cerr << "usage: helper <world> listen|set-default-output|hold-tap <argument>\n";
+        std::cerr << "usage: helper <world> listen|set-default-output <argument>\n";
         return 64;
     }
     std::string error;
@@ -110,7 +73,5 @@ int main(int argc, char** argv) {
         return listen(*machine, argv[3]);
     if (command == "set-default-output")
         return setDefaultOutput(*machine, argv[3]);
-    if (command == "hold-tap")
-        return holdTap(*machine, argv[3]);
     return 64;
 }

@@ -1,0 +1,102 @@
+// The PipeWire backend's naming rules, on graphs built by hand: transport words, bundle
+// identifiers, default entries and channel counts.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "SimTestSupport.hpp"
+#include "platform/pipewire/PipeWireGraph.hpp"
+
+namespace tonavi {
+namespace {
+
+using Properties = PipeWireGraph::Properties;
+
+TEST(PipeWireGraphTest, TransportComesFromApiBusFactoryAndName) {
+    struct Case {
+        Properties node;
+        Properties device;
+        std::uint32_t transport;
+    };
+    const Case cases[] = {
+        {{{"device.api", "bluez5"}}, {}, kAudioDeviceTransportTypeBluetooth},
+        {{{"device.id", "7"}}, {{"device.api", "alsa"}, {"device.bus", "usb"}}, kAudioDeviceTransportTypeUSB},
+        {{{"device.id", "7"}},
+         {{"device.api", "alsa"}, {"device.bus", "pci"}},
+         kAudioDeviceTransportTypeBuiltIn},
+        {{{"device.api", "alsa"}}, {}, kAudioDeviceTransportTypeBuiltIn},
+        {{{"node.name", "raop_sink.living-room"}}, {}, kAudioDeviceTransportTypeAirPlay},
+        {{{"node.name", "combine_sink"}}, {}, kAudioDeviceTransportTypeAggregate},
+        {{{"factory.name", "support.null-audio-sink"}}, {}, kAudioDeviceTransportTypeVirtual},
+        {{{"node.virtual", "true"}}, {}, kAudioDeviceTransportTypeVirtual},
+        {{{"device.api", "v4l2"}}, {}, kAudioDeviceTransportTypeUnknown},
+    };
+    for (const auto& c : cases) {
+        PipeWireGraph graph;
+        graph.devices[7] = c.device;
+        PipeWireGraph::Node node;
+        node.props = c.node;
+        EXPECT_EQ(fourCharString(graph.transportOf(node)), fourCharString(c.transport))
+            << (c.node.empty() ? "" : c.node.begin()->second);
+    }
+}
+
+TEST(PipeWireGraphTest, BundleIdentifierPrefersTheApplicationIdThenFlatpakThenDesktopEntryThenBinary) {
+    test::TempFolder folder;
+    std::filesystem::create_directories(folder.file("applications"));
+    std::ofstream(folder.file("applications/org.example.Player.desktop"))
+        << "[Desktop Entry]\nName=Player\nExec=/usr/bin/tonavi-test-player %U\n";
+    ::setenv("XDG_DATA_HOME", folder.file("").c_str(), 1);
+    struct Case {
+        Properties client;
+        std::string bundleID;
+    };
+    const Case cases[] = {
+        {{{"application.id", "org.example.Named"}, {"pipewire.access.portal.app_id", "org.example.Flat"}},
+         "org.example.Named"},
+        {{{"pipewire.access.portal.app_id", "org.example.Flat"}, {"application.process.binary", "flat"}},
+         "org.example.Flat"},
+        {{{"application.process.binary", "tonavi-test-player"}}, "org.example.Player"},
+        {{{"application.process.binary", "pacat"}}, "pacat"},
+    };
+    for (const auto& c : cases) {
+        PipeWireGraph graph;
+        auto props = c.client;
+        props["application.process.id"] = "4242";
+        graph.clients[5] = {5, props};
+        EXPECT_EQ(graph.bundleIdentifierOf(4242), c.bundleID);
+        EXPECT_EQ(graph.bundleIdentifierOf(4243), "");
+    }
+    ::unsetenv("XDG_DATA_HOME");
+}
+
+TEST(PipeWireGraphTest, DefaultsAndChannelCountsReadWhatTheServerWrites) {
+    PipeWireGraph graph;
+    graph.defaults = {{"default.audio.sink", R"({"name":"speakers"})"}, {"default.audio.source", "speakers"}};
+    EXPECT_EQ(graph.defaultNodeName("default.audio.sink"), "speakers");
+    EXPECT_EQ(graph.defaultNodeName("default.audio.source"), ""); // not JSON: names no node
+    EXPECT_EQ(graph.defaultNodeName("default.video.source"), "");
+
+    struct Case {
+        Properties props;
+        std::vector<float> volumes;
+        std::uint32_t channels;
+    };
+    const Case cases[] = {
+        {{{"audio.channels", "6"}}, {1, 1}, 6},
+        {{}, {1, 1, 1, 1}, 4},
+        {{{"audio.position", "[ FL FR FC ]"}}, {}, 3},
+        {{{"audio.position", "FL,FR"}}, {}, 2},
+        {{}, {}, 2},
+    };
+    for (const auto& c : cases) {
+        PipeWireGraph::Node node;
+        node.props = c.props;
+        node.channelVolumes = c.volumes;
+        EXPECT_EQ(node.channelCount(), c.channels);
+    }
+}
+
+} // namespace
+} // namespace tonavi

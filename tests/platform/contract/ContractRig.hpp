@@ -1,0 +1,202 @@
+#pragma once
+// What the contract suite needs of a backend besides the boundary itself: two output devices,
+// applications that play a tone, a measure of whether a device plays an application directly,
+// and a tap held by another process. The simulated machine answers from its world; PipeWire
+// runs real clients on the private server and records the device's monitor.
+
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <numbers>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "../SimTestSupport.hpp"
+#include "PrivatePipeWireServer.hpp"
+#include "platform/pipewire/PipeWireAudioHardware.hpp"
+#include "platform/sim/SimMachine.hpp"
+#include "platform/sim/SimWorldFile.hpp"
+
+namespace tonavi::test {
+
+// Amplitude of the `frequency` component of mono samples, by correlation with a sine and a cosine.
+inline double amplitudeAt(const float* samples, std::size_t count, double frequency, double rate) {
+    double s = 0, c = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const double phase = 2.0 * std::numbers::pi * frequency * static_cast<double>(i) / rate;
+        s += samples[i] * std::sin(phase);
+        c += samples[i] * std::cos(phase);
+    }
+    return count ? 2.0 * std::sqrt(s * s + c * c) / static_cast<double>(count) : 0.0;
+}
+
+enum class AppKind { toneClient, pulseClient };
+
+struct App {
+    std::string bundleID;
+    double frequency = 0;
+    pid_t pid = 0;
+};
+
+class ContractRig {
+  public:
+    virtual ~ContractRig() = default;
+    virtual AudioHardware& audio() = 0;
+    // Two output devices, the first the default.
+    virtual std::string firstOutput() const = 0;
+    virtual std::string secondOutput() const = 0;
+    // An input device, the default one.
+    virtual std::string input() const = 0;
+    // An application playing a sine of `frequency`; its process object exists when this returns.
+    virtual App startApp(const std::string& bundleID, double frequency, AppKind kind) = 0;
+    virtual void stopApp(const App& app) = 0;
+    // Whether the device plays the application on its own path.
+    virtual bool heard(const std::string& deviceUID, const App& app) = 0;
+    // A volume change made by someone else (a mixer, another process).
+    virtual bool setVolumeFromOutside(const std::string& deviceUID, float volume) = 0;
+    // The environment a helper process needs to land on the same machine.
+    virtual void exportEnvironment() = 0;
+
+    AudioObjectID deviceID(const std::string& uid) {
+        std::vector<AudioObjectID> devices;
+        audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices);
+        for (AudioObjectID id : devices) {
+            std::string value;
+            if (audio().get(id, globalAddress(kAudioDevicePropertyDeviceUID), value) == noErr && value == uid)
+                return id;
+        }
+        return kAudioObjectUnknown;
+    }
+    AudioObjectID processObject(pid_t pid) {
+        std::vector<AudioObjectID> processes;
+        audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList),
+                    processes);
+        for (AudioObjectID id : processes) {
+            std::int32_t value = 0;
+            if (audio().get(id, globalAddress(kAudioProcessPropertyPID), value) == noErr && value == pid)
+                return id;
+        }
+        return kAudioObjectUnknown;
+    }
+};
+
+class SimRig : public ContractRig {
+  public:
+    SimRig() {
+        SimWorldFile(world_).create(SimWorld::preset(), false);
+        std::string error;
+        machine_ = SimMachine::open(world_, error);
+    }
+    AudioHardware& audio() override { return *machine_; }
+    std::string firstOutput() const override { return "BuiltInSpeakerDevice"; }
+    std::string secondOutput() const override { return "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1"; }
+    std::string input() const override { return "BuiltInMicrophoneDevice"; }
+    App startApp(const std::string& bundleID, double frequency, AppKind) override {
+        const pid_t pid = nextPID_++;
+        machine_->mutate([&](SimWorld& w) {
+            auto why = w.launch({bundleID, bundleID, pid, ActivationPolicy::regular}, true);
+            return why.empty() ? w.setPlaying(bundleID, true, SimProcess::Signal{frequency, -6.0, false})
+                               : why;
+        });
+        return {bundleID, frequency, pid};
+    }
+    void stopApp(const App& app) override {
+        machine_->mutate([&](SimWorld& w) { return w.quit(app.bundleID); });
+    }
+    bool heard(const std::string& deviceUID, const App& app) override {
+        const auto heard = machine_->directlyAudible(deviceUID);
+        return std::find(heard.begin(), heard.end(), app.bundleID) != heard.end();
+    }
+    bool setVolumeFromOutside(const std::string& deviceUID, float volume) override {
+        return machine_->mutate([&](SimWorld& w) { return w.setVolume(deviceUID, volume); }).empty();
+    }
+    void exportEnvironment() override {
+        ::setenv("TONAVI_AUDIO_BACKEND", "sim", 1);
+        ::setenv("TONAVI_SIM_WORLD", world_.c_str(), 1);
+    }
+
+  private:
+    TempFolder folder_;
+    std::string world_ = folder_.file("world.json");
+    std::shared_ptr<SimMachine> machine_;
+    pid_t nextPID_ = 41000;
+};
+
+class PipeWireRig : public ContractRig {
+  public:
+    explicit PipeWireRig(PrivatePipeWireServer& server) : server_(server) {
+        std::string error;
+        audio_ = PipeWireAudioHardware::connect(error);
+    }
+    ~PipeWireRig() override {
+        for (pid_t pid : running_)
+            PrivatePipeWireServer::terminate(pid);
+    }
+    bool connected() const { return audio_ != nullptr; }
+    AudioHardware& audio() override { return *audio_; }
+    PipeWireAudioHardware& pipewire() { return *audio_; }
+    std::string firstOutput() const override { return "speakers"; }
+    std::string secondOutput() const override { return "headphones"; }
+    std::string input() const override { return "microphone"; }
+    App startApp(const std::string& bundleID, double frequency, AppKind kind) override {
+        pid_t pid = -1;
+        if (kind == AppKind::toneClient) {
+            pid = server_.spawn({TONAVI_TONE_CLIENT, bundleID, bundleID, std::to_string(frequency), "0.5"},
+                                "tone");
+        } else {
+            // paplay names itself after its binary: its bundle ID is "paplay" unless a desktop entry runs it.
+            const std::string file =
+                server_.folder() + "/tone-" + std::to_string(static_cast<int>(frequency)) + ".wav";
+            const std::string make =
+                "sox -n -r 48000 -c 2 " + file + " synth 30 sine " + std::to_string(frequency) + " vol 0.5";
+            if (std::system(make.c_str()) != 0)
+                return {bundleID, frequency, -1};
+            pid = server_.spawn({"paplay", file}, "paplay");
+        }
+        running_.push_back(pid);
+        eventually([&] {
+            std::uint32_t running = 0;
+            const AudioObjectID id = processObject(pid);
+            return id &&
+                   audio_->get(id, globalAddress(kAudioProcessPropertyIsRunningOutput), running) == noErr &&
+                   running == 1;
+        });
+        return {bundleID, frequency, pid};
+    }
+    void stopApp(const App& app) override {
+        PrivatePipeWireServer::terminate(app.pid);
+        std::erase(running_, app.pid);
+    }
+    bool heard(const std::string& deviceUID, const App& app) override {
+        // 0.3 s of the device's monitor, after 0.2 s to settle; mono.
+        const std::string command = "timeout 2 parec --latency-msec=20 --device=" + deviceUID +
+                                    ".monitor --raw --format=float32le --rate=48000 --channels=1 2>/dev/null";
+        FILE* pipe = ::popen(command.c_str(), "r");
+        if (!pipe)
+            return false;
+        std::vector<float> samples(48000 / 2);
+        const std::size_t got = std::fread(samples.data(), sizeof(float), samples.size(), pipe);
+        ::pclose(pipe);
+        const std::size_t skip = 48000 / 5;
+        if (got <= skip)
+            return false;
+        return amplitudeAt(samples.data() + skip, got - skip, app.frequency, 48000) > 0.05;
+    }
+    bool setVolumeFromOutside(const std::string& deviceUID, float volume) override {
+        // Pulse volumes use the same cubic law: 50% is a scalar of 0.5.
+        const std::string command = "pactl set-sink-volume " + deviceUID + " " +
+                                    std::to_string(static_cast<int>(volume * 100)) + "% >/dev/null 2>&1";
+        return std::system(command.c_str()) == 0;
+    }
+    void exportEnvironment() override { ::setenv("TONAVI_AUDIO_BACKEND", "pipewire", 1); }
+
+  private:
+    PrivatePipeWireServer& server_;
+    std::shared_ptr<PipeWireAudioHardware> audio_;
+    std::vector<pid_t> running_;
+};
+
+} // namespace tonavi::test

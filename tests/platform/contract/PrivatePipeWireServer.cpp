@@ -1,0 +1,201 @@
+#include "PrivatePipeWireServer.hpp"
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "platform/pipewire/PipeWireConnection.hpp"
+
+extern char** environ;
+
+namespace tonavi::test {
+
+namespace {
+std::unique_ptr<PrivatePipeWireServer> instance;
+bool tried = false;
+bool missing = false;
+std::string failure;
+
+bool onPath(const std::string& program) {
+    const char* path = std::getenv("PATH");
+    std::string dirs = path ? path : "/usr/bin:/bin";
+    for (std::size_t start = 0; start <= dirs.size();) {
+        const auto end = dirs.find(':', start);
+        const std::string dir =
+            dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        if (!dir.empty() && ::access((dir + "/" + program).c_str(), X_OK) == 0)
+            return true;
+        if (end == std::string::npos)
+            break;
+        start = end + 1;
+    }
+    return false;
+}
+
+// Polls a condition with a deadline: the server's start-up is measured, not guessed.
+bool within(std::chrono::milliseconds timeout, const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+const char* sinksConf = R"(context.objects = [
+  { factory = adapter
+    args = { factory.name = support.null-audio-sink node.name = "speakers" node.description = "Speakers"
+             media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true
+             monitor.channel-volumes = true priority.session = 2000 } }
+  { factory = adapter
+    args = { factory.name = support.null-audio-sink node.name = "headphones" node.description = "Headphones"
+             media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true
+             monitor.channel-volumes = true priority.session = 1000 } }
+  { factory = adapter
+    args = { factory.name = support.null-audio-sink node.name = "microphone" node.description = "Microphone"
+             media.class = "Audio/Source/Virtual" audio.position = [ MONO ] object.linger = true
+             priority.session = 3000 } }
+]
+)";
+} // namespace
+
+PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
+    if (!tried) {
+        tried = true;
+        auto server = std::unique_ptr<PrivatePipeWireServer>(new PrivatePipeWireServer());
+        if (server->start(failure))
+            instance = std::move(server);
+        std::atexit(&PrivatePipeWireServer::stopShared);
+    }
+    if (!instance && why)
+        *why = failure;
+    return instance.get();
+}
+
+void PrivatePipeWireServer::stopShared() {
+    instance.reset();
+}
+
+bool PrivatePipeWireServer::programsMissing() {
+    return missing;
+}
+
+pid_t PrivatePipeWireServer::spawn(const std::vector<std::string>& argv, const std::string& logName) {
+    std::vector<char*> args;
+    for (const auto& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    const std::string log = folder_ + "/" + logName + ".log";
+    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    posix_spawn_file_actions_adddup2(&actions, 1, 2);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
+    if (pid <= 0)
+        return;
+    ::kill(pid, signal);
+    int status = 0;
+    const bool gone =
+        within(std::chrono::milliseconds(3000), [&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
+    if (!gone) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+    }
+}
+
+bool PrivatePipeWireServer::start(std::string& why) {
+    for (const char* program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
+        if (!onPath(program)) {
+            why = std::string(program) + " is not installed (scripts/setup.sh installs it)";
+            missing = true;
+            return false;
+        }
+    std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-pipewire-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) {
+        why = "no temporary folder";
+        return false;
+    }
+    folder_ = pattern;
+    for (const char* dir : {"/run", "/config/pipewire/pipewire.conf.d", "/state", "/data"})
+        std::filesystem::create_directories(folder_ + dir);
+    std::filesystem::permissions(folder_ + "/run", std::filesystem::perms::owner_all);
+    std::ofstream(folder_ + "/config/pipewire/pipewire.conf.d/tonavi-sinks.conf") << sinksConf;
+
+    ::setenv("XDG_RUNTIME_DIR", (folder_ + "/run").c_str(), 1);
+    ::setenv("PIPEWIRE_RUNTIME_DIR", (folder_ + "/run").c_str(), 1);
+    ::setenv("XDG_CONFIG_HOME", (folder_ + "/config").c_str(), 1);
+    ::setenv("XDG_STATE_HOME", (folder_ + "/state").c_str(), 1);
+    ::unsetenv("PIPEWIRE_REMOTE");
+    ::unsetenv("PULSE_SERVER");
+    const std::string bus = "unix:path=" + folder_ + "/run/bus";
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
+    bus_ = spawn({"dbus-daemon", "--session", "--nofork", "--address=" + bus}, "dbus");
+    if (bus_ < 0 || !within(std::chrono::milliseconds(5000),
+                            [&] { return std::filesystem::exists(folder_ + "/run/bus"); })) {
+        why = "the session bus did not start";
+        return false;
+    }
+    return startAudio(why);
+}
+
+bool PrivatePipeWireServer::startAudio(std::string& why) {
+    audio_.push_back(spawn({"pipewire"}, "pipewire"));
+    if (!within(std::chrono::milliseconds(5000), [&] { return PipeWireConnection::serverAnswers(); })) {
+        why = "pipewire did not start (see " + folder_ + "/pipewire.log)";
+        return false;
+    }
+    audio_.push_back(spawn({"wireplumber"}, "wireplumber"));
+    audio_.push_back(spawn({"pipewire-pulse"}, "pipewire-pulse"));
+    // Ready when both sinks exist, the session manager has picked a default and pulse answers.
+    PipeWireConnection connection;
+    std::string error;
+    if (!connection.start(error)) {
+        why = error;
+        return false;
+    }
+    const bool ready = connection.waitUntil(
+        [](const PipeWireGraph& g) {
+            return g.nodeByName("speakers") && g.nodeByName("headphones") && g.nodeByName("microphone") &&
+                   !g.defaultNodeName("default.audio.sink").empty();
+        },
+        std::chrono::milliseconds(10000));
+    if (!ready || !within(std::chrono::milliseconds(5000),
+                          [&] { return std::filesystem::exists(folder_ + "/run/pulse/native"); })) {
+        why = "the session manager or pipewire-pulse did not come up (logs in " + folder_ + ")";
+        return false;
+    }
+    return true;
+}
+
+void PrivatePipeWireServer::stopAudio() {
+    for (auto it = audio_.rbegin(); it != audio_.rend(); ++it)
+        terminate(*it);
+    audio_.clear();
+}
+
+PrivatePipeWireServer::~PrivatePipeWireServer() {
+    stopAudio();
+    terminate(bus_);
+    std::error_code ignored;
+    if (!std::getenv("TONAVI_KEEP_SERVER_LOGS"))
+        std::filesystem::remove_all(folder_, ignored);
+}
+
+} // namespace tonavi::test

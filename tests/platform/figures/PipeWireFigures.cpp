@@ -1,0 +1,116 @@
+// Figures of the PipeWire backend on a private server, printed for the record (not a test):
+//   - a status-style property read (is-running-output) with 30 playing applications, from memory;
+//   - CPU of one tap's IO with a unity block at quantum 256;
+//   - the latency PipeWire reports for a tap's nodes, and how often the IO saw its input a cycle late.
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <sys/resource.h>
+#include <thread>
+
+#include "../contract/ContractRig.hpp"
+
+using namespace tonavi;
+using namespace tonavi::test;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+double cpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// Share of one core this process used over `seconds` of wall time.
+double cpuShare(double seconds) {
+    const double cpu0 = cpuSeconds();
+    const auto t0 = Clock::now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const double wall = std::chrono::duration<double>(Clock::now() - t0).count();
+    return (cpuSeconds() - cpu0) / wall;
+}
+} // namespace
+
+int main() {
+    std::string why;
+    auto* server = PrivatePipeWireServer::shared(&why);
+    if (!server) {
+        std::fprintf(stderr, "no private PipeWire server: %s\n", why.c_str());
+        return 1;
+    }
+    PipeWireRig rig(*server);
+    if (!rig.connected())
+        return 1;
+    auto& audio = rig.pipewire();
+
+    std::vector<App> apps;
+    for (int i = 0; i < 30; ++i)
+        apps.push_back(
+            rig.startApp("org.tonavi.Figure" + std::to_string(i), 200 + 10 * i, AppKind::toneClient));
+    std::vector<AudioObjectID> processes;
+    for (const auto& app : apps)
+        processes.push_back(rig.processObject(app.pid));
+    const int rounds = 2000;
+    std::uint32_t running = 0, sum = 0;
+    const auto t0 = Clock::now();
+    for (int r = 0; r < rounds; ++r)
+        for (AudioObjectID p : processes) {
+            audio.get(p, globalAddress(kAudioProcessPropertyIsRunningOutput), running);
+            sum += running;
+        }
+    const double perRead =
+        std::chrono::duration<double, std::nano>(Clock::now() - t0).count() / (rounds * processes.size());
+    std::printf("status read (piro) with %zu applications: %.0f ns per read (%u running)\n", processes.size(),
+                perRead, sum / rounds);
+    for (std::size_t i = 1; i < apps.size(); ++i)
+        rig.stopApp(apps[i]);
+
+    const AudioObjectID speakers = rig.deviceID("speakers");
+    if (audio.set(speakers, globalAddress(kAudioDevicePropertyBufferFrameSize), std::uint32_t{256}) != noErr)
+        std::printf("quantum 256 not set\n");
+    const double baseline = cpuShare(5);
+
+    auto description = TapDescription::stereoMixdown({processes[0]});
+    description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
+    AudioObjectID tap = 0, device = 0;
+    AudioDeviceIOProcID proc = 0;
+    AggregateDeviceDescription aggregate;
+    aggregate.uid = "figures.aggregate";
+    aggregate.mainSubDevice = "speakers";
+    aggregate.taps = {{description.uuid, true}};
+    if (audio.createProcessTap(description, tap) != noErr ||
+        audio.createAggregateDevice(aggregate, device) != noErr ||
+        audio.createIOProcIDWithBlock(
+            device, nullptr,
+            [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
+                if (!in.mBuffers.empty() && in.mBuffers[0].mData && out.mBuffers[0].mData)
+                    std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData,
+                                std::min(in.mBuffers[0].mDataByteSize, out.mBuffers[0].mDataByteSize));
+            },
+            proc) != noErr ||
+        audio.deviceStart(device, proc) != noErr) {
+        std::fprintf(stderr, "tap IO did not start\n");
+        return 1;
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto before = *audio.ioStatistics(device, proc);
+    const double withIO = cpuShare(10);
+    const auto after = *audio.ioStatistics(device, proc);
+    const double cyclesPerSecond = static_cast<double>(after.cycles - before.cycles) / 10.0;
+    std::printf("tap IO, unity block, quantum 256: %.2f%% of a core (process %.2f%%, idle baseline %.2f%%), "
+                "%.1f cycles/s\n",
+                100 * (withIO - baseline), 100 * withIO, 100 * baseline, cyclesPerSecond);
+    std::printf("latency PipeWire reports for the tap's nodes: %lld frames (%.2f ms at 48 kHz); "
+                "input a cycle late in %llu of %llu cycles\n",
+                static_cast<long long>(after.reportedLatencyFrames), after.reportedLatencyFrames / 48.0,
+                static_cast<unsigned long long>(after.lateInputs - before.lateInputs),
+                static_cast<unsigned long long>(after.cycles - before.cycles));
+    audio.deviceStop(device, proc);
+    audio.destroyIOProcID(device, proc);
+    audio.destroyAggregateDevice(device);
+    audio.destroyProcessTap(tap);
+    rig.stopApp(apps[0]);
+    return 0;
+}
