@@ -173,29 +173,29 @@ TEST(TonaviConfigGolden, DocumentDecodesFieldByField) {
     EXPECT_EQ(c, e); // and the root's own scalars
 }
 
-DeviceSettings deviceD() {
-    DeviceSettings device;
-    device.id = "d";
-    return device;
-}
-
 TEST(TonaviConfigGolden, RecordEncodesToTheDocument) {
     // The disk form: the same keys and values, pretty printed with sorted keys.
     EXPECT_EQ(encodeTonaviConfig(goldenConfig()), goldenJSON().dump(2));
     // Optional fields are left out when absent.
-    AppAudioState app("a");
-    app.volumePerDevice = {{"d", 1.0}};
-    EXPECT_EQ(
-        json(app).dump(),
-        R"({"chain":{"bypassed":false,"overdrive":{"multiplier":1.0},"slots":[]},"controlAttached":false,)"
-        R"("directLocked":false,"displayName":"a","favorite":false,"favoriteRank":0,"id":"a",)"
-        R"("metersEnabled":true,"muteWhileBypassed":false,"muted":false,"pinnedEffectIDs":[],)"
-        R"("redirectUID":"","showInMenuBar":false,"steadyVolume":false,"volume":1.0,)"
-        R"("volumePerDevice":{"d":1.0}})");
-    EXPECT_EQ(
-        json(deviceD()).dump(),
-        R"({"forceSoftwareVolume":false,"hidden":false,"iconName":"","id":"d","maxVolumePercent":100.0,)"
-        R"("nickname":"","processingEnabled":true,"useCount":0})");
+    TonaviConfig sparse = goldenConfig();
+    sparse.apps[0].displayRank.reset();
+    sparse.apps[0].timedMuteUntil.reset();
+    sparse.devices[0].preferredRank.reset();
+    sparse.devices[0].displayRank.reset();
+    sparse.devices[0].lastUsedAt.reset();
+    sparse.bluetooth[0].savedVolume.reset();
+    sparse.bluetooth[0].eqPresetID.reset();
+    const json written = json::parse(encodeTonaviConfig(sparse));
+    for (const auto& [record, key] :
+         std::vector<std::pair<const char*, const char*>>{{"apps", "displayRank"},
+                                                          {"apps", "timedMuteUntil"},
+                                                          {"devices", "preferredRank"},
+                                                          {"devices", "displayRank"},
+                                                          {"devices", "lastUsedAt"},
+                                                          {"bluetooth", "savedVolume"},
+                                                          {"bluetooth", "eqPresetID"}})
+        EXPECT_FALSE(written[record][0].contains(key)) << record << "." << key;
+    EXPECT_EQ(decodeTonaviConfig(written.dump()), sparse);
 }
 
 TEST(TonaviConfigReading, EmptyObjectIsAFullConfigurationButNotTheFirstRun) {
@@ -458,27 +458,31 @@ TEST(TonaviConfigMethods, AdoptAppOwnedSettingsCopiesOnlyThree) {
     EXPECT_EQ(mine, expected);
 }
 
-TEST(InstallationVersionTest, ParsesAndOrders) {
+TEST(InstallationVersionTest, ParsesOrdersAndReplaces) {
     EXPECT_EQ(InstallationVersion("1.2.x.3", "7").components, (std::vector<std::int64_t>{1, 2, 3}));
     EXPECT_EQ(InstallationVersion("1..2", "x").components, (std::vector<std::int64_t>{1, 2}));
     EXPECT_EQ(InstallationVersion("1..2", "x").build, 0);
-    EXPECT_EQ(InstallationVersion("", "12").components.size(), 0u);
+    EXPECT_TRUE(InstallationVersion("", "12").components.empty());
 
-    // A prefix comes first whatever the builds.
-    EXPECT_LT(InstallationVersion("1.2", "900"), InstallationVersion("1.2.0", "1"));
-    EXPECT_LT(InstallationVersion("1.2", "3"), InstallationVersion("1.10", "1"));
-    EXPECT_LT(InstallationVersion("1.2", "3"), InstallationVersion("1.2", "4"));
+    const struct {
+        const char *version, *build, *otherVersion, *otherBuild;
+        bool before, canReplace;
+    } pairs[] = {
+        // A prefix comes first whatever the builds.
+        {"1.2", "900", "1.2.0", "1", true, false}, {"1.2", "3", "1.10", "1", true, false},
+        {"1.2", "3", "1.2", "4", true, true},     {"1.2", "3", "1.x.2", "3", false, false},
+        {"2.0", "49", "2.0", "50", true, true},    {"1.9", "10", "2.0", "50", true, true},
+        {"1.9", "60", "2.0", "50", true, false},   {"2.0.1", "10", "2.0", "50", false, false},
+        {"2", "10", "2.0", "50", true, true},
+    };
+    for (const auto& p : pairs) {
+        const InstallationVersion a(p.version, p.build), b(p.otherVersion, p.otherBuild);
+        EXPECT_EQ(a < b, p.before) << p.version << "+" << p.build << " vs " << p.otherVersion << "+"
+                                   << p.otherBuild;
+        EXPECT_EQ(b.canReplace(a), p.canReplace)
+            << p.otherVersion << "+" << p.otherBuild << " over " << p.version;
+    }
     EXPECT_EQ(InstallationVersion("1.2", "3"), InstallationVersion("1.x.2", "3"));
-}
-
-TEST(InstallationVersionTest, CanReplaceNeedsALowerBuildAndNoNewerComponents) {
-    const InstallationVersion current("2.0", "50");
-    EXPECT_TRUE(current.canReplace(InstallationVersion("2.0", "49")));
-    EXPECT_TRUE(current.canReplace(InstallationVersion("1.9", "10")));
-    EXPECT_FALSE(current.canReplace(InstallationVersion("2.0", "50")));
-    EXPECT_FALSE(current.canReplace(InstallationVersion("1.9", "60")));
-    EXPECT_FALSE(current.canReplace(InstallationVersion("2.0.1", "10")));
-    EXPECT_TRUE(current.canReplace(InstallationVersion("2", "10")));
 }
 
 } // namespace
