@@ -150,6 +150,37 @@ std::string dumpForDisk(const json& j);
 // Strict JSON of a whole byte string; raises ConfigDecodeError.
 json parseBytes(std::string_view bytes);
 
+// Enumerations are stored by name. Each has one table of (value, name); unknown names read as
+// nothing, so an optional key falls back to its default.
+template <class E> struct EnumName {
+    E value;
+    std::string_view name;
+};
+
+template <class E, std::size_t N> std::string_view toName(const EnumName<E> (&table)[N], E value) {
+    for (const auto& entry : table)
+        if (entry.value == value)
+            return entry.name;
+    return table[0].name;
+}
+
+template <class E, std::size_t N>
+std::optional<E> fromName(const EnumName<E> (&table)[N], std::string_view name) {
+    for (const auto& entry : table)
+        if (entry.name == name)
+            return entry.value;
+    return std::nullopt;
+}
+
+// An optional key holding an enumeration's name: `out` keeps its default for anything unknown.
+template <class E, std::size_t N>
+void readOptionalName(const json& object, const char* key, const EnumName<E> (&table)[N], E& out) {
+    std::string name;
+    if (readOptional(object, key, name))
+        if (const auto value = fromName(table, name))
+            out = *value;
+}
+
 // min(value, hi) compared with lo; anything not at least lo becomes lo, so NaN ends at lo.
 inline double clamp(double value, double lo, double hi) {
     const double capped = hi < value ? hi : value;

@@ -315,25 +315,11 @@ void from_json(const json& j, OutputGroup& v) {
 
 // MARK: UIPreferences
 
-std::string_view menuBarIconStyleName(MenuBarIconStyle style) {
-    switch (style) {
-    case MenuBarIconStyle::systemSpeaker:
-        return "systemSpeaker";
-    case MenuBarIconStyle::tonaviIcon:
-        return "tonaviIcon";
-    case MenuBarIconStyle::matchOutputDevice:
-        return "matchOutputDevice";
-    }
-    return "systemSpeaker";
-}
-
-std::optional<MenuBarIconStyle> menuBarIconStyleFromName(std::string_view name) {
-    for (auto style :
-         {MenuBarIconStyle::systemSpeaker, MenuBarIconStyle::tonaviIcon, MenuBarIconStyle::matchOutputDevice})
-        if (menuBarIconStyleName(style) == name)
-            return style;
-    return std::nullopt;
-}
+constexpr EnumName<MenuBarIconStyle> menuBarIconStyleNames[] = {
+    {MenuBarIconStyle::systemSpeaker, "systemSpeaker"},
+    {MenuBarIconStyle::tonaviIcon, "tonaviIcon"},
+    {MenuBarIconStyle::matchOutputDevice, "matchOutputDevice"},
+};
 
 void to_json(json& j, const UIPreferences& v) {
     j = json{{"simpleView", v.simpleView},
@@ -341,7 +327,7 @@ void to_json(json& j, const UIPreferences& v) {
              {"pinned", v.pinned},
              {"theme", v.theme},
              {"accentHex", v.accentHex},
-             {"iconStyle", menuBarIconStyleName(v.iconStyle)},
+             {"iconStyle", toName(menuBarIconStyleNames, v.iconStyle)},
              {"windowHeight", v.windowHeight}};
 }
 
@@ -353,40 +339,24 @@ void from_json(const json& j, UIPreferences& v) {
     readOptional(j, "pinned", out.pinned);
     readOptional(j, "theme", out.theme);
     readOptional(j, "accentHex", out.accentHex);
-    std::string style;
-    if (readOptional(j, "iconStyle", style))
-        if (auto parsed = menuBarIconStyleFromName(style))
-            out.iconStyle = *parsed;
+    readOptionalName(j, "iconStyle", menuBarIconStyleNames, out.iconStyle);
     readOptional(j, "windowHeight", out.windowHeight);
     v = std::move(out);
 }
 
 // MARK: SystemRowSettings
 
-std::string_view inputMeteringModeName(InputMeteringMode mode) {
-    switch (mode) {
-    case InputMeteringMode::passive:
-        return "passive";
-    case InputMeteringMode::active:
-        return "active";
-    case InputMeteringMode::disabled:
-        return "disabled";
-    }
-    return "passive";
-}
-
-std::optional<InputMeteringMode> inputMeteringModeFromName(std::string_view name) {
-    for (auto mode : {InputMeteringMode::passive, InputMeteringMode::active, InputMeteringMode::disabled})
-        if (inputMeteringModeName(mode) == name)
-            return mode;
-    return std::nullopt;
-}
+constexpr EnumName<InputMeteringMode> inputMeteringModeNames[] = {
+    {InputMeteringMode::passive, "passive"},
+    {InputMeteringMode::active, "active"},
+    {InputMeteringMode::disabled, "disabled"},
+};
 
 void to_json(json& j, const SystemRowSettings& v) {
     j = json::object();
     j["soundEffectsDeviceUID"] = v.soundEffectsDeviceUID;
     j["soundEffectsFollowsOutput"] = v.soundEffectsFollowsOutput;
-    j["inputMetering"] = inputMeteringModeName(v.inputMetering);
+    j["inputMetering"] = toName(inputMeteringModeNames, v.inputMetering);
     j["systemChain"] = kavore::toJSON(v.systemChain);
     j["systemMagicBoost"] = kavore::toJSON(v.systemMagicBoost);
 }
@@ -396,10 +366,7 @@ void from_json(const json& j, SystemRowSettings& v) {
     SystemRowSettings out = SystemRowSettings::defaults();
     readOptional(j, "soundEffectsDeviceUID", out.soundEffectsDeviceUID);
     readOptional(j, "soundEffectsFollowsOutput", out.soundEffectsFollowsOutput);
-    std::string mode;
-    if (readOptional(j, "inputMetering", mode))
-        if (auto parsed = inputMeteringModeFromName(mode))
-            out.inputMetering = *parsed;
+    readOptionalName(j, "inputMetering", inputMeteringModeNames, out.inputMetering);
     readOptional(j, "systemChain", out.systemChain);
     readOptional(j, "systemMagicBoost", out.systemMagicBoost);
     v = std::move(out);

@@ -27,6 +27,9 @@ class FileSystem {
     // Renames `with` over `target` in one step.
     virtual void replace(const Path& target, const Path& with) = 0;
     virtual void remove(const Path& path) = 0;
+    // Removes the sibling temporary files that writeAtomically calls on these paths, all in one
+    // folder, left behind when they were cut short.
+    virtual void removeWriteLeftovers(const std::vector<Path>& paths) = 0;
     // Entries of a folder (files and folders, not recursive).
     virtual std::vector<Path> list(const Path& directory) = 0;
     virtual void createDirectories(const Path& path) = 0;

@@ -1,5 +1,7 @@
 #include "core/config/RealFileSystem.hpp"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -36,6 +38,10 @@ class FileDescriptor {
     int fd_;
 };
 
+// mkostemp replaces the six X with letters and digits.
+constexpr char temporarySuffix[] = ".XXXXXX";
+constexpr std::size_t temporaryRandomLength = sizeof temporarySuffix - 2;
+
 } // namespace
 
 std::shared_ptr<FileSystem> FileSystem::real() {
@@ -69,7 +75,7 @@ std::string RealFileSystem::read(const Path& path) {
 }
 
 void RealFileSystem::writeAtomically(const Path& path, std::string_view bytes) {
-    std::string temporary = path.string() + ".XXXXXX";
+    std::string temporary = path.string() + temporarySuffix;
     FileDescriptor fd(::mkostemp(temporary.data(), O_CLOEXEC));
     if (fd.get() < 0)
         raise(errno, "create temporary for", path);
@@ -120,6 +126,26 @@ void RealFileSystem::replace(const Path& target, const Path& with) {
 void RealFileSystem::remove(const Path& path) {
     if (::unlink(path.c_str()) != 0)
         raise(errno, "remove", path);
+}
+
+void RealFileSystem::removeWriteLeftovers(const std::vector<Path>& paths) {
+    if (paths.empty())
+        return;
+    const auto isLeftover = [&](const std::string& name) {
+        for (const Path& path : paths) {
+            const std::string prefix = path.filename().string() + ".";
+            if (name.size() == prefix.size() + temporaryRandomLength &&
+                name.compare(0, prefix.size(), prefix) == 0 &&
+                std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                            [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }))
+                return true;
+        }
+        return false;
+    };
+    const Path folder = paths.front().parent_path();
+    for (const Path& entry : list(folder.empty() ? Path(".") : folder))
+        if (isLeftover(entry.filename().string()))
+            remove(entry);
 }
 
 std::vector<FileSystem::Path> RealFileSystem::list(const Path& directory) {

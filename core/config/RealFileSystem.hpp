@@ -18,6 +18,7 @@ class RealFileSystem final : public FileSystem {
     void move(const Path& from, const Path& to) override;
     void replace(const Path& target, const Path& with) override;
     void remove(const Path& path) override;
+    void removeWriteLeftovers(const std::vector<Path>& paths) override;
     std::vector<Path> list(const Path& directory) override;
     void createDirectories(const Path& path) override;
 

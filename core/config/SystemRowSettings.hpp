@@ -5,16 +5,11 @@
 #include "audio/LevelerSettings.hpp"
 
 #include <nlohmann/json_fwd.hpp>
-#include <optional>
 #include <string>
-#include <string_view>
 
 namespace tonavi {
 
 enum class InputMeteringMode { passive, active, disabled };
-
-std::string_view inputMeteringModeName(InputMeteringMode mode);
-std::optional<InputMeteringMode> inputMeteringModeFromName(std::string_view name);
 
 struct SystemRowSettings {
     std::string soundEffectsDeviceUID;

@@ -136,60 +136,56 @@ void TonaviConfigStore::save(const TonaviConfig& config) const {
     saveReplacing(config, nullptr);
 }
 
+void TonaviConfigStore::removeQuietly(const Path& path) const {
+    try {
+        fs_->remove(path);
+    } catch (const std::exception&) {
+        // Usually there is nothing to remove.
+    }
+}
+
+void TonaviConfigStore::removeLeftoverTemporaries() const {
+    removeQuietly(temporaryURL());
+    // A writer killed inside an atomic write leaves that write's own sibling behind.
+    try {
+        fs_->removeWriteLeftovers({configURL(), temporaryURL(), previousURL(), recoveryNoticeURL()});
+    } catch (const std::exception&) {
+    }
+}
+
 void TonaviConfigStore::saveReplacing(const TonaviConfig& config, const std::string* verifiedCurrent) const {
     const std::string bytes = encodeTonaviConfig(config);
     const Path temporary = temporaryURL();
-    const Path stagedPrevious = stagedPreviousURL();
     const Path target = configURL();
-    const auto removeQuietly = [&](const Path& path) {
-        try {
-            fs_->remove(path);
-        } catch (const std::exception&) {
-            // Usually there is nothing to remove.
-        }
-    };
-    removeQuietly(temporary);
-    removeQuietly(stagedPrevious);
-    bool previousStaged = false;
+    removeLeftoverTemporaries();
     try {
         fs_->writeAtomically(temporary, bytes);
         if (!fs_->exists(target)) {
             fs_->move(temporary, target);
             return;
         }
-        // Keep the file we are about to replace, but only if it is good: a damaged "state.json" must
-        // never displace a good previous file. The copy is staged and takes its name only after the
-        // replacement, so a save that fails leaves the previous file as it was.
+        // Keep the file about to be replaced, but only if it is good: a damaged "state.json" must
+        // never displace a good previous file. A failure here costs the backup, never the save.
         try {
             if (verifiedCurrent) {
-                fs_->writeAtomically(stagedPrevious, *verifiedCurrent);
+                fs_->writeAtomically(previousURL(), *verifiedCurrent);
             } else {
                 const std::string current = fs_->read(target);
                 (void)decodeTonaviConfig(current);
-                fs_->writeAtomically(stagedPrevious, current);
+                fs_->writeAtomically(previousURL(), current);
             }
-            previousStaged = true;
         } catch (const std::exception&) {
         }
         fs_->replace(target, temporary);
     } catch (...) {
         removeQuietly(temporary);
-        if (previousStaged)
-            removeQuietly(stagedPrevious);
         throw;
-    }
-    if (previousStaged) {
-        try {
-            fs_->replace(previousURL(), stagedPrevious);
-        } catch (const std::exception&) {
-            // The backup is a courtesy; the save itself has succeeded.
-            removeQuietly(stagedPrevious);
-        }
     }
 }
 
 TonaviConfig TonaviConfigStore::load() const {
     const Path target = configURL();
+    removeLeftoverTemporaries();
     if (!fs_->exists(target)) {
         TonaviConfig config = TonaviConfig::firstRunDefaults();
         save(config);

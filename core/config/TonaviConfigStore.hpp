@@ -41,8 +41,6 @@ class TonaviConfigStore {
     Path configURL() const { return baseDir_ / "state.json"; }
     Path temporaryURL() const { return baseDir_ / "state.json.tmp"; }
     Path previousURL() const { return baseDir_ / "state.previous.json"; }
-    // The next previous file, written before the replacement and renamed after it.
-    Path stagedPreviousURL() const { return baseDir_ / "state.previous.json.tmp"; }
     Path lockURL() const { return baseDir_ / "state.lock"; }
     Path recoveryNoticeURL() const { return baseDir_ / "recovery-notice.txt"; }
     Path autoDirectURL() const { return baseDir_ / "auto-direct.json"; }
@@ -50,10 +48,12 @@ class TonaviConfigStore {
     Path configsDir() const { return baseDir_ / "configs"; }
 
     // The configuration on disk; first-run defaults (saved) when there is none, a recovered one when
-    // the file is damaged. Raises only when the first-run save fails.
+    // the file is damaged. Raises only when the first-run save fails. Temporary files of a writer
+    // killed mid-write are removed first.
     TonaviConfig load() const;
-    // Atomic: "state.json" is the old complete file or the new one. Raises on failure, leaving
-    // "state.json" and "state.previous.json" as they were.
+    // Atomic: "state.json" is the old complete file or the new one. The old one, when it decodes, is
+    // first written atomically to "state.previous.json"; then the new file, staged in
+    // "state.json.tmp", replaces "state.json". Raises on failure, leaving "state.json" as it was.
     void save(const TonaviConfig& config) const;
     // The recovery notice, once: the file is removed when read.
     std::optional<std::string> takeRecoveryNotice() const;
@@ -97,6 +97,10 @@ class TonaviConfigStore {
   private:
     // save, with the current file's bytes when the caller has already read and decoded them.
     void saveReplacing(const TonaviConfig& config, const std::string* verifiedCurrent) const;
+    void removeQuietly(const Path& path) const;
+    // "state.json.tmp" and the siblings of interrupted atomic writes of the state files; a writer
+    // killed mid-save leaves them, and nothing else would ever remove them.
+    void removeLeftoverTemporaries() const;
     TonaviConfig recover(const std::optional<std::string>& damagedBytes, const Path& backupURL) const;
 
     Path baseDir_;

@@ -2,16 +2,11 @@
 // Appearance settings. The user-interface application owns them; the service only carries them.
 
 #include <nlohmann/json_fwd.hpp>
-#include <optional>
 #include <string>
-#include <string_view>
 
 namespace tonavi {
 
 enum class MenuBarIconStyle { systemSpeaker, tonaviIcon, matchOutputDevice };
-
-std::string_view menuBarIconStyleName(MenuBarIconStyle style);
-std::optional<MenuBarIconStyle> menuBarIconStyleFromName(std::string_view name);
 
 struct UIPreferences {
     bool simpleView = true;

@@ -454,42 +454,46 @@ OSStatus SimMachine::removePropertyListener(AudioObjectID object, const AudioObj
     return noErr;
 }
 
-OSStatus SimMachine::createProcessTap(const TapDescription& description, AudioObjectID& tap) {
+OSStatus SimMachine::createInWorld(SimOperation operation, AudioObjectID& created,
+                                   const std::function<Creation(SimWorld&)>& build) {
     refresh();
-    if (auto fault = takeFault(SimOperation::createTap, 0))
+    if (auto fault = takeFault(operation, 0))
         return *fault;
-    OSStatus status = noErr;
-    AudioObjectID created = 0;
+    Creation result;
     const auto error = mutate([&](SimWorld& w) -> std::string {
-        auto refuse = [&](OSStatus s) {
-            status = s;
-            return std::string(refused);
-        };
+        result = build(w);
+        return result.status == noErr ? std::string() : std::string(refused);
+    });
+    // A refusal carries its own status; a failure of the shared file has none.
+    if (!error.empty())
+        return result.status != noErr ? result.status : kAudioHardwareUnspecifiedError;
+    created = result.id;
+    return noErr;
+}
+
+OSStatus SimMachine::createProcessTap(const TapDescription& description, AudioObjectID& tap) {
+    return createInWorld(SimOperation::createTap, tap, [&](SimWorld& w) -> Creation {
         if (description.processes.empty())
-            return refuse(kAudio_ParamError);
+            return refusal(kAudio_ParamError);
         for (auto id : description.processes)
             if (!w.process(id))
-                return refuse(kAudioHardwareBadObjectError);
+                return refusal(kAudioHardwareBadObjectError);
         if (!description.mixdown) {
             const auto* d = w.deviceByUID(description.deviceUID);
             if (!d || !SimProperties::isVisible(w, viewer_, d->id))
-                return refuse(kAudioHardwareBadDeviceError);
+                return refusal(kAudioHardwareBadDeviceError);
             if (description.stream >= SimProperties::streams(w, *d, false).size())
-                return refuse(kAudioHardwareIllegalOperationError);
+                return refusal(kAudioHardwareIllegalOperationError);
         }
         SimWorld::Tap t{w.allocateID(), description, viewer_};
         if (t.description.uuid.empty())
             t.description.uuid = makeUUID();
         if (w.tapByUUID(t.description.uuid))
-            return refuse(kAudioHardwareIllegalOperationError);
-        created = t.id;
+            return refusal(kAudioHardwareIllegalOperationError);
+        const Creation made{noErr, t.id};
         w.taps.push_back(std::move(t));
-        return {};
+        return made;
     });
-    if (!error.empty())
-        return status != noErr ? status : kAudioHardwareUnspecifiedError;
-    tap = created;
-    return noErr;
 }
 
 OSStatus SimMachine::destroyProcessTap(AudioObjectID tap) {
@@ -512,29 +516,20 @@ OSStatus SimMachine::destroyProcessTap(AudioObjectID tap) {
 
 OSStatus SimMachine::createAggregateDevice(const AggregateDeviceDescription& description,
                                            AudioObjectID& device) {
-    refresh();
-    if (auto fault = takeFault(SimOperation::createAggregate, 0))
-        return *fault;
-    OSStatus status = noErr;
-    AudioObjectID created = 0;
-    const auto error = mutate([&](SimWorld& w) -> std::string {
-        auto refuse = [&](OSStatus s) {
-            status = s;
-            return std::string(refused);
-        };
+    return createInWorld(SimOperation::createAggregate, device, [&](SimWorld& w) -> Creation {
         if (description.uid.empty() || (description.subDevices.empty() && description.taps.empty()))
-            return refuse(kAudio_ParamError);
+            return refusal(kAudio_ParamError);
         if (w.deviceByUID(description.uid))
-            return refuse(kAudioHardwareIllegalOperationError);
+            return refusal(kAudioHardwareIllegalOperationError);
         for (const auto& sub : description.subDevices) {
             const auto* d = w.deviceByUID(sub.uid);
             if (!d || d->isAggregate)
-                return refuse(kAudioHardwareBadDeviceError);
+                return refusal(kAudioHardwareBadDeviceError);
         }
         for (const auto& st : description.taps) {
             const auto* t = w.tapByUUID(st.uid);
             if (!t || !SimProperties::isVisible(w, viewer_, t->id))
-                return refuse(kAudioHardwareBadObjectError);
+                return refusal(kAudioHardwareBadObjectError);
         }
         SimDevice d;
         d.aggregate = description;
@@ -544,7 +539,7 @@ OSStatus SimMachine::createAggregateDevice(const AggregateDeviceDescription& des
         if (!d.aggregate.mainSubDevice.empty() &&
             std::none_of(description.subDevices.begin(), description.subDevices.end(),
                          [&](const auto& s) { return s.uid == d.aggregate.mainSubDevice; }))
-            return refuse(kAudio_ParamError);
+            return refusal(kAudio_ParamError);
         d.id = w.allocateID();
         d.uid = description.uid;
         d.name = description.name.empty() ? description.uid : description.name;
@@ -559,14 +554,10 @@ OSStatus SimMachine::createAggregateDevice(const AggregateDeviceDescription& des
             d.bufferFrameSizeMin = main->bufferFrameSizeMin;
             d.bufferFrameSizeMax = main->bufferFrameSizeMax;
         }
-        created = d.id;
+        const Creation made{noErr, d.id};
         w.devices.push_back(std::move(d));
-        return {};
+        return made;
     });
-    if (!error.empty())
-        return status != noErr ? status : kAudioHardwareUnspecifiedError;
-    device = created;
-    return noErr;
 }
 
 void SimMachine::stopProcsOn(AudioObjectID device) {

@@ -131,6 +131,16 @@ class SimMachine final : public AudioHardware {
     void serveRecordings();
     void stopProcsOn(AudioObjectID device);
     std::optional<OSStatus> takeFault(SimOperation operation, std::uint32_t selector);
+    // What a create edit answers: the new object's ID, or the status that refused it.
+    struct Creation {
+        OSStatus status = noErr;
+        AudioObjectID id = 0;
+    };
+    static Creation refusal(OSStatus status) { return {status, 0}; }
+    // The create path shared by taps and aggregates: an injected fault first, then `build` on the
+    // world, whose ID is handed out only when the change is in place.
+    OSStatus createInWorld(SimOperation operation, AudioObjectID& created,
+                           const std::function<Creation(SimWorld&)>& build);
     void delayRead(std::uint32_t selector);
     // Brings running IO procs in line with the world: tapped tones, stalled or vanished devices.
     void updateIOLocked();

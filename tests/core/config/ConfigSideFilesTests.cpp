@@ -40,19 +40,39 @@ class SideFilesTest : public ::testing::Test {
     TonaviConfigStore store;
 };
 
-TEST_F(SideFilesTest, QuickConfigsRoundTripUnderTheirFileNames) {
-    const QuickConfig rock = quickConfig("Rock/Pop", 1);
-    store.saveQuickConfig(rock);
+TEST_F(SideFilesTest, QuickConfigGoldenFileUnderItsFileName) {
     EXPECT_EQ(store.configFileURL("Rock/Pop"), folder.path() / "configs" / "Rock-Pop.tonavirig");
-    EXPECT_TRUE(fs::exists(folder.path() / "configs" / "Rock-Pop.tonavirig"));
-    EXPECT_EQ(store.loadQuickConfig("Rock/Pop"), rock);
+    const json file = json::parse(R"({"name": "Rock/Pop", "iconName": "music.note", "shortcutKey": "1",
+        "savedAt": 1700000001.5, "rig": {"formatVersion": 1, "tonavi": {}, "kavore": {"devices": [1]}},
+        "outputDeviceUID": "device-1", "outputDeviceName": "Desk", "outputVolume": 0.75,
+        "inputDeviceUID": "mic-1", "inputDeviceName": "Mic"})");
+    QuickConfig expected;
+    expected.name = "Rock/Pop";
+    expected.iconName = "music.note";
+    expected.shortcutKey = "1";
+    expected.savedAt = 1700000001.5;
+    expected.rig.formatVersion = 1;
+    expected.rig.tonavi = TonaviConfig();
+    expected.rig.kavore = R"({"devices":[1]})";
+    expected.outputDeviceUID = "device-1";
+    expected.outputDeviceName = "Desk";
+    expected.outputVolume = 0.75;
+    expected.inputDeviceUID = "mic-1";
+    expected.inputDeviceName = "Mic";
+
+    writeText(store.configFileURL("Rock/Pop"), file.dump());
+    EXPECT_EQ(store.loadQuickConfig("Rock/Pop"), expected);
     // "/" and "-" share a file.
     EXPECT_EQ(store.loadQuickConfig("Rock-Pop").name, "Rock/Pop");
 
-    const json j = json::parse(readText(store.configFileURL("Rock/Pop")));
-    EXPECT_EQ(j["rig"]["kavore"], json::parse(*rock.rig.kavore));
-    EXPECT_EQ(j["outputVolume"], 0.75);
-    EXPECT_FALSE(j.contains("inputDeviceUID"));
+    store.saveQuickConfig(expected);
+    json written = json::parse(readText(store.configFileURL("Rock/Pop")));
+    EXPECT_EQ(written["rig"]["tonavi"], json::parse(encodeTonaviConfig(TonaviConfig())));
+    written["rig"]["tonavi"] = json::object();
+    EXPECT_EQ(written, file);
+    expected.outputDeviceName.reset();
+    store.saveQuickConfig(expected);
+    EXPECT_FALSE(json::parse(readText(store.configFileURL("Rock/Pop"))).contains("outputDeviceName"));
 
     store.deleteQuickConfig("Rock/Pop");
     EXPECT_FALSE(fs::exists(store.configFileURL("Rock/Pop")));
@@ -183,8 +203,15 @@ TEST(AutoDirectListTest, ContainsMatchesWholeIdsAndChildren) {
     EXPECT_FALSE(AutoDirectList::bundled().contains("com.example"));
 }
 
-TEST_F(SideFilesTest, MIDIMappingsRoundTripWithOneKeyTargets) {
+TEST_F(SideFilesTest, MIDIMappingsGoldenFileWithOneKeyTargets) {
     EXPECT_TRUE(store.loadMIDIMappings().empty());
+    const json file = json::parse(R"([
+        {"id": "m1", "channel": 0, "cc": 7, "target": {"appVolume": {"bundleID": "com.example.a"}}},
+        {"id": "m2", "channel": 1, "cc": 8, "target": {"appMute": {"bundleID": "com.example.b"}}},
+        {"id": "m3", "channel": 2, "cc": 9, "target": {"deviceVolume": {"uid": "dev"}}},
+        {"id": "m4", "channel": 16, "cc": 10, "target": {"configLoad": {"name": "Rock/Pop"}}},
+        {"id": "m5", "channel": 3, "cc": 11, "target": {"stageMode": {}}},
+        {"id": "m6", "channel": 4, "cc": 127, "target": {"outputVolume": {}}}])");
     const std::vector<MIDIMapping> mappings = {
         {"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}},
         {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
@@ -193,16 +220,10 @@ TEST_F(SideFilesTest, MIDIMappingsRoundTripWithOneKeyTargets) {
         {"m5", 3, 11, MIDIMapping::StageMode{}},
         {"m6", 4, 127, MIDIMapping::OutputVolume{}},
     };
-    store.saveMIDIMappings(mappings);
+    writeText(store.midiMappingsURL(), file.dump());
     EXPECT_EQ(store.loadMIDIMappings(), mappings);
-
-    const json j = json::parse(readText(store.midiMappingsURL()));
-    EXPECT_EQ(
-        j[0],
-        json::parse(R"({"id":"m1","channel":0,"cc":7,"target":{"appVolume":{"bundleID":"com.example.a"}}})"));
-    EXPECT_EQ(j[2]["target"], json::parse(R"({"deviceVolume":{"uid":"dev"}})"));
-    EXPECT_EQ(j[3]["target"], json::parse(R"({"configLoad":{"name":"Rock/Pop"}})"));
-    EXPECT_EQ(j[4]["target"], json::parse(R"({"stageMode":{}})"));
+    store.saveMIDIMappings(mappings);
+    EXPECT_EQ(json::parse(readText(store.midiMappingsURL())), file);
     EXPECT_EQ(mappings[3].targetCaseNumber(), 3);
     EXPECT_EQ(mappings[4].targetCaseNumber(), 4);
 

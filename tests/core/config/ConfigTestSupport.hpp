@@ -13,6 +13,7 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace tonavi::testing {
 
@@ -47,7 +48,17 @@ inline void writeText(const std::filesystem::path& path, const std::string& text
 // instead of running; shouldFail can pick operations by kind and path instead.
 class FaultyFileSystem final : public FileSystem {
   public:
-    enum class Op { exists, read, writeAtomically, move, replace, remove, list, createDirectories };
+    enum class Op {
+        exists,
+        read,
+        writeAtomically,
+        move,
+        replace,
+        remove,
+        removeWriteLeftovers,
+        list,
+        createDirectories
+    };
 
     int failAt = -1;
     std::function<bool(Op, const Path&)> shouldFail;
@@ -66,6 +77,9 @@ class FaultyFileSystem final : public FileSystem {
         check(Op::replace, target), inner_.replace(target, with);
     }
     void remove(const Path& p) override { check(Op::remove, p), inner_.remove(p); }
+    void removeWriteLeftovers(const std::vector<Path>& p) override {
+        check(Op::removeWriteLeftovers, p.front()), inner_.removeWriteLeftovers(p);
+    }
     std::vector<Path> list(const Path& d) override { return check(Op::list, d), inner_.list(d); }
     void createDirectories(const Path& p) override {
         check(Op::createDirectories, p), inner_.createDirectories(p);

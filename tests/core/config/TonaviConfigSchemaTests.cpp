@@ -1,5 +1,8 @@
 // Reading, writing and the methods of the configuration record.
 
+#include "audio/EffectSettingsJSON.hpp"
+#include "audio/GlobalListeningSettingsJSON.hpp"
+#include "audio/HeadphoneProfileJSON.hpp"
 #include "core/config/ConfigDecodeError.hpp"
 #include "core/config/ConfigEncodeError.hpp"
 #include "core/config/InstallationVersion.hpp"
@@ -8,7 +11,9 @@
 
 #include "base/Encoding.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <functional>
 #include <gtest/gtest.h>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -22,188 +27,309 @@ TonaviConfig decode(const json& j) {
     return decodeTonaviConfig(j.dump());
 }
 
-// One app record inside an otherwise empty configuration.
-AppAudioState decodeApp(const json& app) {
-    const TonaviConfig config = decode({{"apps", json::array({app})}});
-    EXPECT_EQ(config.apps.size(), 1u);
-    return config.apps.empty() ? AppAudioState() : config.apps[0];
+TonaviConfig configWithOneApp() {
+    TonaviConfig config;
+    config.apps.push_back(AppAudioState("a"));
+    return config;
 }
 
-SmartSettings decodeSmart(const json& smart) {
-    return decode({{"smart", smart}}).smart;
+// Every key of every record, spelled as the file has it, with no value at its default.
+const char* const goldenDocument = R"({
+  "schemaVersion": 2,
+  "apps": [{"id": "com.a", "displayName": "A", "volume": 0.5, "muted": true,
+            "chain": {"bypassed": true, "overdrive": {"multiplier": 2.0}, "slots": []},
+            "redirectUID": "dev-2", "favorite": true, "favoriteRank": 3, "displayRank": 4, "showInMenuBar": true,
+            "metersEnabled": false, "directLocked": true, "muteWhileBypassed": true,
+            "timedMuteUntil": 1700000000.5, "pinnedEffectIDs": ["s1"], "volumePerDevice": {"dev-1": 0.25},
+            "controlAttached": true, "steadyVolume": true}],
+  "devices": [{"id": "dev-1", "nickname": "Desk", "iconName": "hifispeaker", "maxVolumePercent": 60.0,
+               "forceSoftwareVolume": true, "hidden": true, "processingEnabled": false, "preferredRank": 1,
+               "displayRank": 2, "useCount": 9, "lastUsedAt": 1700000001.0}],
+  "locks": {"volume": true, "balance": true, "sampleRate": true, "source": true, "mute": true},
+  "bluetooth": [{"id": "bt", "name": "Buds", "savedVolume": 0.4, "eqPresetID": "rock", "maxVolumePercent": 80.0,
+                 "outputOnlyMode": true, "stabilityBufferFrames": 512}],
+  "lanes": [{"id": "L1", "appBundleID": "com.a", "deviceUID": "dev-1", "locked": false}],
+  "duckRules": [{"id": "R1", "triggerBundleID": "com.t", "duckedBundleIDs": ["com.a"], "duckDB": -9.0,
+                 "recoveryMS": 400.0, "enabled": false}],
+  "focusLinks": [{"id": "F1", "focusName": "Work", "configName": "Quiet"}],
+  "hearingCare": {"dailySummaryEnabled": true, "highVolumeAlertsEnabled": true, "alertThreshold": 0.7},
+  "groups": [{"id": "G1", "name": "Both", "iconName": "hifispeaker",
+              "members": [{"id": "dev-1", "volume": 0.5, "muted": true}]}],
+  "ui": {"simpleView": false, "compactWindow": true, "pinned": true, "theme": "dark", "accentHex": "#ff0000",
+         "iconStyle": "tonaviIcon", "windowHeight": 600.0},
+  "systemRows": {"soundEffectsDeviceUID": "dev-1", "soundEffectsFollowsOutput": true, "inputMetering": "disabled",
+                 "systemChain": {"bypassed": true, "overdrive": {"multiplier": 1.5}, "slots": []},
+                 "systemMagicBoost": {"amount": 0.3, "enabled": true}},
+  "stageModePersisted": true, "startAtLogin": true, "superVolumeKeys": false, "softMasterPercent": 80.0,
+  "softMasterMuted": true,
+  "smart": {"followMe": true, "followMeBackgroundPercent": 30.0, "loudnessGuard": true,
+            "loudnessGuardCeilingDBFS": -6.0, "autoDuck": true, "micFollow": true, "autoDuckDepthDB": -20.0,
+            "leaveAloneBundleIDs": ["com.x"], "protectMusicApps": false, "preferredMicUIDs": ["mic-1"]},
+  "historicallyAudibleAppIDs": ["com.a"], "audibleAppLastHeardAt": {"com.a": 1700000002.0},
+  "hiddenAppIDs": ["com.h"], "manuallyVisibleAppIDs": ["com.v"]
+})";
+
+// The records of the signal-processing library have their own codecs and tests; here only the keys
+// under which the configuration holds them matter.
+kavore::EQPreset goldenPreset() {
+    kavore::EQPreset preset;
+    preset.id = "p1";
+    preset.name = "Mine";
+    return preset;
+}
+
+kavore::HeadphoneProfile goldenProfile() {
+    return {"hp1", "Studio", -2.0, {}};
+}
+
+kavore::GlobalListeningSettings goldenListening() {
+    return kavore::GlobalListeningSettings(true, kavore::ListeningEQSettings::flat(), {}, {});
+}
+
+json goldenJSON() {
+    json doc = json::parse(goldenDocument);
+    doc["customEQPresets"] = json::array({kavore::toJSON(goldenPreset())});
+    doc["headphoneProfiles"] = json::array({kavore::toJSON(goldenProfile())});
+    doc["globalListening"] = kavore::toJSON(goldenListening());
+    return doc;
+}
+
+TonaviConfig goldenConfig() {
+    TonaviConfig c;
+    AppAudioState app("com.a");
+    app.displayName = "A";
+    app.volume = 0.5;
+    app.muted = true;
+    app.chain.bypassed = true;
+    app.chain.overdrive.multiplier = 2.0;
+    app.redirectUID = "dev-2";
+    app.favorite = true;
+    app.favoriteRank = 3;
+    app.displayRank = 4;
+    app.showInMenuBar = true;
+    app.metersEnabled = false;
+    app.directLocked = true;
+    app.muteWhileBypassed = true;
+    app.timedMuteUntil = 1700000000.5;
+    app.pinnedEffectIDs = {"s1"};
+    app.volumePerDevice = {{"dev-1", 0.25}};
+    app.controlAttached = true;
+    app.steadyVolume = true;
+    c.apps = {app};
+    c.devices = {{"dev-1", "Desk", "hifispeaker", 60.0, true, true, false, 1, 2, 9, 1700000001.0}};
+    c.locks = {true, true, true, true, true};
+    c.bluetooth = {{"bt", "Buds", 0.4, std::string("rock"), 80.0, true, 512}};
+    c.lanes = {{"L1", "com.a", "dev-1", false}};
+    c.duckRules = {{"R1", "com.t", {"com.a"}, -9.0, 400.0, false}};
+    c.focusLinks = {{"F1", "Work", "Quiet"}};
+    c.hearingCare = {true, true, 0.7};
+    c.groups = {{"G1", "Both", "hifispeaker", {{"dev-1", 0.5, true}}}};
+    c.ui = {false, true, true, "dark", "#ff0000", MenuBarIconStyle::tonaviIcon, 600.0};
+    c.systemRows.soundEffectsDeviceUID = "dev-1";
+    c.systemRows.soundEffectsFollowsOutput = true;
+    c.systemRows.inputMetering = InputMeteringMode::disabled;
+    c.systemRows.systemChain.bypassed = true;
+    c.systemRows.systemChain.overdrive.multiplier = 1.5;
+    c.systemRows.systemMagicBoost = kavore::LevelerSettings(0.3, true);
+    c.customEQPresets = {goldenPreset()};
+    c.headphoneProfiles = {goldenProfile()};
+    c.stageModePersisted = true;
+    c.startAtLogin = true;
+    c.superVolumeKeys = false;
+    c.softMasterPercent = 80.0;
+    c.softMasterMuted = true;
+    c.smart = {true, 30.0, true, -6.0, true, true, -20.0, {"com.x"}, false, {"mic-1"}};
+    c.globalListening = goldenListening();
+    c.historicallyAudibleAppIDs = {"com.a"};
+    c.audibleAppLastHeardAt = {{"com.a", 1700000002.0}};
+    c.hiddenAppIDs = {"com.h"};
+    c.manuallyVisibleAppIDs = {"com.v"};
+    return c;
+}
+
+TEST(TonaviConfigGolden, DocumentDecodesFieldByField) {
+    const TonaviConfig c = decode(goldenJSON());
+    const TonaviConfig e = goldenConfig();
+    EXPECT_EQ(c.schemaVersion, 2);
+    EXPECT_EQ(c.apps, e.apps);
+    EXPECT_EQ(c.devices, e.devices);
+    EXPECT_EQ(c.locks, e.locks);
+    EXPECT_EQ(c.bluetooth, e.bluetooth);
+    EXPECT_EQ(c.lanes, e.lanes);
+    EXPECT_EQ(c.duckRules, e.duckRules);
+    EXPECT_EQ(c.focusLinks, e.focusLinks);
+    EXPECT_EQ(c.hearingCare, e.hearingCare);
+    EXPECT_EQ(c.groups, e.groups);
+    EXPECT_EQ(c.ui, e.ui);
+    EXPECT_EQ(c.systemRows, e.systemRows);
+    EXPECT_EQ(c.customEQPresets, e.customEQPresets);
+    EXPECT_EQ(c.headphoneProfiles, e.headphoneProfiles);
+    EXPECT_EQ(c.smart, e.smart);
+    EXPECT_EQ(c.globalListening, e.globalListening);
+    EXPECT_EQ(c.historicallyAudibleAppIDs, e.historicallyAudibleAppIDs);
+    EXPECT_EQ(c.audibleAppLastHeardAt, e.audibleAppLastHeardAt);
+    EXPECT_EQ(c.hiddenAppIDs, e.hiddenAppIDs);
+    EXPECT_EQ(c.manuallyVisibleAppIDs, e.manuallyVisibleAppIDs);
+    EXPECT_EQ(c, e); // and the root's own scalars
+}
+
+TEST(TonaviConfigGolden, RecordEncodesToTheDocument) {
+    // The disk form: the same keys and values, pretty printed with sorted keys.
+    EXPECT_EQ(encodeTonaviConfig(goldenConfig()), goldenJSON().dump(2));
+    // Optional fields are left out when absent.
+    TonaviConfig sparse = goldenConfig();
+    sparse.apps[0].displayRank.reset();
+    sparse.apps[0].timedMuteUntil.reset();
+    sparse.devices[0].preferredRank.reset();
+    sparse.devices[0].displayRank.reset();
+    sparse.devices[0].lastUsedAt.reset();
+    sparse.bluetooth[0].savedVolume.reset();
+    sparse.bluetooth[0].eqPresetID.reset();
+    const json written = json::parse(encodeTonaviConfig(sparse));
+    for (const auto& [record, key] :
+         std::vector<std::pair<const char*, const char*>>{{"apps", "displayRank"},
+                                                          {"apps", "timedMuteUntil"},
+                                                          {"devices", "preferredRank"},
+                                                          {"devices", "displayRank"},
+                                                          {"devices", "lastUsedAt"},
+                                                          {"bluetooth", "savedVolume"},
+                                                          {"bluetooth", "eqPresetID"}})
+        EXPECT_FALSE(written[record][0].contains(key)) << record << "." << key;
+    EXPECT_EQ(decodeTonaviConfig(written.dump()), sparse);
 }
 
 TEST(TonaviConfigReading, EmptyObjectIsAFullConfigurationButNotTheFirstRun) {
     const TonaviConfig config = decodeTonaviConfig("{}");
+    EXPECT_EQ(config, TonaviConfig());
     EXPECT_EQ(config.schemaVersion, 2);
     EXPECT_EQ(config.softMasterPercent, 100.0);
     EXPECT_TRUE(config.superVolumeKeys);
     EXPECT_FALSE(config.startAtLogin);
     EXPECT_TRUE(config.apps.empty());
-    EXPECT_EQ(config.hearingCare.alertThreshold, 0.85);
-    EXPECT_EQ(config.ui.windowHeight, 560.0);
-    EXPECT_EQ(config.ui.theme, "system");
-    EXPECT_EQ(config.smart.loudnessGuardCeilingDBFS, -3.0);
-    EXPECT_TRUE(config.smart.protectMusicApps);
-    EXPECT_EQ(config.globalListening, kavore::GlobalListeningSettings::off());
     EXPECT_NE(config, TonaviConfig::firstRunDefaults());
 }
 
 TEST(TonaviConfigReading, OnlyNonObjectsFail) {
     for (const char* text : {"[]", "2", "\"x\"", "null", "", "{", "{} x", "{\"apps\": [}"})
         EXPECT_THROW(decodeTonaviConfig(text), ConfigDecodeError) << text;
-    EXPECT_NO_THROW(decodeTonaviConfig(R"({"apps": 5, "devices": {"x": 1}, "locks": [], "smart": "on"})"));
+    EXPECT_EQ(decodeTonaviConfig(R"({"apps": 5, "devices": {"x": 1}, "locks": [], "smart": "on"})"),
+              TonaviConfig());
 }
 
 TEST(TonaviConfigReading, OneBadElementEmptiesOnlyItsArray) {
-    const json file = {
+    const TonaviConfig config = decode({
         {"apps", json::array({{{"id", "a"}}, {{"displayName", "no id"}}})},
         {"devices", json::array({{{"id", "d1"}}})},
         {"groups", json::array({{{"id", "g"}, {"members", json::array({{{"volume", 0.5}}})}}})},
-        {"softMasterPercent", 150.5},
         {"hiddenAppIDs", json::array({"x", 3})},
         {"manuallyVisibleAppIDs", json::array({"y"})},
-    };
-    const TonaviConfig config = decode(file);
+        {"lanes", json::array({{{"id", "L"}, {"appBundleID", "a"}}})},
+        {"focusLinks", json::array({{{"id", "f"}, {"focusName", "Work"}}})},
+    });
     EXPECT_TRUE(config.apps.empty());
     ASSERT_EQ(config.devices.size(), 1u);
-    EXPECT_EQ(config.devices[0].id, "d1");
     // A member without id fails its group's members only; the group itself stays.
     ASSERT_EQ(config.groups.size(), 1u);
     EXPECT_TRUE(config.groups[0].members.empty());
-    EXPECT_EQ(config.softMasterPercent, 150.5); // not clamped
     EXPECT_TRUE(config.hiddenAppIDs.empty());
     EXPECT_EQ(config.manuallyVisibleAppIDs, std::vector<std::string>{"y"});
+    EXPECT_TRUE(config.lanes.empty());
+    EXPECT_TRUE(config.focusLinks.empty());
 }
 
-TEST(TonaviConfigReading, AppFieldsFallBackAndClamp) {
-    EXPECT_EQ(decodeApp({{"id", "a"}, {"volume", "loud"}}).volume, 1.0);
-    EXPECT_EQ(decodeApp({{"id", "a"}, {"volume", 1.7}}).volume, 1.0);
-    EXPECT_EQ(decodeApp({{"id", "a"}, {"volume", -0.2}}).volume, 0.0);
-    EXPECT_EQ(decodeApp({{"id", "a"}, {"volume", 0}}).volume, 0.0);
+// Fallbacks, clamps and legacy keys: one document per case, one number read back from it.
+TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
+    using Field = std::function<double(const TonaviConfig&)>;
+    const Field appVolume = [](const TonaviConfig& c) { return c.apps.at(0).volume; };
+    const Field maxVolume = [](const TonaviConfig& c) { return c.devices.at(0).maxVolumePercent; };
+    const Field useCount = [](const TonaviConfig& c) {
+        return static_cast<double>(c.devices.at(0).useCount);
+    };
+    const Field background = [](const TonaviConfig& c) { return c.smart.followMeBackgroundPercent; };
+    const Field ceiling = [](const TonaviConfig& c) { return c.smart.loudnessGuardCeilingDBFS; };
+    const Field depth = [](const TonaviConfig& c) { return c.smart.autoDuckDepthDB; };
+    const struct {
+        const char* document;
+        Field field;
+        double expected;
+    } cases[] = {
+        {R"({"apps": [{"id": "a", "volume": "loud"}]})", appVolume, 1.0},
+        {R"({"apps": [{"id": "a", "volume": 1.7}]})", appVolume, 1.0},
+        {R"({"apps": [{"id": "a", "volume": -0.2}]})", appVolume, 0.0},
+        {R"({"apps": [{"id": "a", "favoriteRank": 2.0, "displayRank": 2.5}]})",
+         [](const TonaviConfig& c) {
+             return c.apps.at(0).favoriteRank + (c.apps.at(0).displayRank ? 100.0 : 0.0);
+         },
+         2.0},
+        {R"({"apps": [{"id": "a", "metersEnabled": 0, "volumePerDevice": {"d": 0.5, "e": "x"}}]})",
+         [](const TonaviConfig& c) {
+             return c.apps.at(0).metersEnabled + c.apps.at(0).volumePerDevice.size();
+         },
+         1.0},
+        {R"({"devices": [{"id": "d", "maxVolumePercent": 2}]})", maxVolume, 5.0},
+        {R"({"devices": [{"id": "d", "maxVolumePercent": 250}]})", maxVolume, 100.0},
+        {R"({"devices": [{"id": "d", "useCount": -4}]})", useCount, 0.0},
+        {R"({"duckRules": [{"triggerBundleID": "t", "recoveryMS": 10}]})",
+         [](const TonaviConfig& c) { return c.duckRules.at(0).recoveryMS; }, 50.0},
+        {R"({"duckRules": [{"triggerBundleID": "t", "duckDB": 6}]})",
+         [](const TonaviConfig& c) { return c.duckRules.at(0).duckDB; }, 0.0},
+        {R"({"hearingCare": {"alertThreshold": 0.1}})",
+         [](const TonaviConfig& c) { return c.hearingCare.alertThreshold; }, 0.5},
+        {R"({"groups": [{"id": "g", "members": [{"id": "m", "volume": 3}]}]})",
+         [](const TonaviConfig& c) { return c.groups.at(0).members.at(0).volume; }, 1.0},
+        {R"({"softMasterPercent": 150.5})", [](const TonaviConfig& c) { return c.softMasterPercent; }, 150.5},
+        {R"({"ui": {"iconStyle": "sparkles", "windowHeight": 700}})",
+         [](const TonaviConfig& c) { return c.ui.windowHeight + static_cast<int>(c.ui.iconStyle); }, 700.0},
+        {R"({"smart": {"followMeDuckDB": -6}})", background, 50.118723},
+        {R"({"smart": {"followMeDuckDB": 4}})", background, 100.0},
+        {R"({"smart": {"followMeBackgroundPercent": 20, "followMeDuckDB": -6}})", background, 20.0},
+        {R"({"smart": {"followMeBackgroundPercent": "x", "followMeDuckDB": -20}})", background, 10.0},
+        {R"({"smart": {"followMeBackgroundPercent": 130}})", background, 100.0},
+        {R"({"smart": {"loudnessGuardCapPercent": 1}})", ceiling, -24.0},
+        {R"({"smart": {"loudnessGuardCapPercent": 50}})", ceiling, -6.020600},
+        {R"({"smart": {"loudnessGuardCapPercent": 400}})", ceiling, 0.0},
+        {R"({"smart": {"loudnessGuardCeilingDBFS": -40}})", ceiling, -24.0},
+        {R"({"smart": {}})", ceiling, -3.0},
+        {R"({"smart": {"autoDuckDepthDB": -40}})", depth, -30.0},
+        {R"({"smart": {"autoDuckDepthDB": 0}})", depth, -3.0},
+    };
+    for (const auto& c : cases)
+        EXPECT_NEAR(c.field(decodeTonaviConfig(c.document)), c.expected, 1e-6) << c.document;
 
-    const AppAudioState app = decodeApp({{"id", "a"},
-                                         {"favoriteRank", 2.0},
-                                         {"displayRank", 2.5},
-                                         {"metersEnabled", 0},
-                                         {"chain", {{"slots", "nope"}}},
-                                         {"volumePerDevice", {{"d", 0.5}, {"e", "x"}}}});
-    EXPECT_EQ(app.displayName, "a");
-    EXPECT_EQ(app.favoriteRank, 2);
-    EXPECT_FALSE(app.displayRank.has_value());
-    EXPECT_TRUE(app.metersEnabled);
-    EXPECT_EQ(app.chain, kavore::ChainSettings::empty());
-    EXPECT_TRUE(app.volumePerDevice.empty());
-}
-
-TEST(TonaviConfigReading, RecordClampsAfterReading) {
-    const TonaviConfig config = decode({
-        {"devices", json::array({{{"id", "d"}, {"maxVolumePercent", 2}, {"useCount", -4}},
-                                 {{"id", "e"}, {"maxVolumePercent", 250}, {"useCount", 7}}})},
-        {"duckRules", json::array({{{"triggerBundleID", "t"}, {"recoveryMS", 10}, {"duckDB", 6}}})},
-        {"hearingCare", {{"alertThreshold", 0.1}}},
-        {"groups", json::array({{{"id", "g"}, {"members", json::array({{{"id", "m"}, {"volume", 3}}})}}})},
-    });
-    EXPECT_EQ(config.devices[0].maxVolumePercent, 5.0);
-    EXPECT_EQ(config.devices[0].useCount, 0);
-    EXPECT_EQ(config.devices[1].maxVolumePercent, 100.0);
-    EXPECT_EQ(config.devices[1].useCount, 7);
-    EXPECT_EQ(config.duckRules[0].recoveryMS, 50.0);
-    EXPECT_EQ(config.duckRules[0].duckDB, 0.0);
-    EXPECT_TRUE(config.duckRules[0].enabled);
-    EXPECT_EQ(config.hearingCare.alertThreshold, 0.5);
-    EXPECT_EQ(config.groups[0].members[0].volume, 1.0);
-    EXPECT_EQ(config.groups[0].name, "Output Group");
-    EXPECT_EQ(config.groups[0].iconName, "hifispeaker.2");
-}
-
-TEST(TonaviConfigReading, SmartSettingsClampsAndLegacyKeys) {
     std::vector<std::string> twelve;
     for (int i = 0; i < 12; ++i)
         twelve.push_back("mic" + std::to_string(i));
-    const SmartSettings mics = decodeSmart({{"preferredMicUIDs", twelve}});
-    EXPECT_EQ(mics.preferredMicUIDs, std::vector<std::string>(twelve.begin(), twelve.begin() + 8));
-
-    // -6 dB is a factor of 0.501187 in amplitude.
-    EXPECT_NEAR(decodeSmart({{"followMeDuckDB", -6}}).followMeBackgroundPercent, 50.1187, 1e-4);
-    EXPECT_EQ(decodeSmart({{"followMeDuckDB", 4}}).followMeBackgroundPercent, 100.0);
-    EXPECT_EQ(
-        decodeSmart({{"followMeBackgroundPercent", 20}, {"followMeDuckDB", -6}}).followMeBackgroundPercent,
-        20.0);
-    EXPECT_EQ(decodeSmart({{"followMeBackgroundPercent", 130}}).followMeBackgroundPercent, 100.0);
-    // An unreadable new key falls through to the legacy one.
-    EXPECT_NEAR(
-        decodeSmart({{"followMeBackgroundPercent", "x"}, {"followMeDuckDB", -20}}).followMeBackgroundPercent,
-        10.0, 1e-9);
-
-    // 1 % floors at 0.05 (-26.02 dB), then the ceiling range clamps to -24.
-    EXPECT_EQ(decodeSmart({{"loudnessGuardCapPercent", 1}}).loudnessGuardCeilingDBFS, -24.0);
-    EXPECT_NEAR(decodeSmart({{"loudnessGuardCapPercent", 50}}).loudnessGuardCeilingDBFS, -6.0206, 1e-4);
-    EXPECT_EQ(decodeSmart({{"loudnessGuardCapPercent", 400}}).loudnessGuardCeilingDBFS, 0.0);
-    EXPECT_EQ(decodeSmart({{"loudnessGuardCeilingDBFS", -40}}).loudnessGuardCeilingDBFS, -24.0);
-    EXPECT_EQ(decodeSmart(json::object()).loudnessGuardCeilingDBFS, -3.0);
-
-    EXPECT_EQ(decodeSmart({{"autoDuckDepthDB", -40}}).autoDuckDepthDB, -30.0);
-    EXPECT_EQ(decodeSmart({{"autoDuckDepthDB", 0}}).autoDuckDepthDB, -3.0);
+    EXPECT_EQ(decode({{"smart", {{"preferredMicUIDs", twelve}}}}).smart.preferredMicUIDs,
+              std::vector<std::string>(twelve.begin(), twelve.begin() + 8));
 }
 
-TEST(TonaviConfigReading, LanesAndDuckRulesWithoutIdGetFreshUUIDs) {
+TEST(TonaviConfigReading, LanesAndDuckRulesWithoutIdGetFreshUpperCaseUUIDs) {
     const TonaviConfig config = decode({
         {"lanes", json::array({{{"appBundleID", "a"}, {"deviceUID", "d"}},
                                {{"appBundleID", "b"}, {"deviceUID", "e"}}})},
         {"duckRules", json::array({{{"triggerBundleID", "t"}}})},
     });
     ASSERT_EQ(config.lanes.size(), 2u);
-    EXPECT_TRUE(isUUID(config.lanes[0].id)) << config.lanes[0].id;
+    for (const std::string& id : {config.lanes[0].id, config.lanes[1].id, config.duckRules.at(0).id}) {
+        EXPECT_TRUE(isUUID(id)) << id;
+        EXPECT_TRUE(std::none_of(id.begin(), id.end(), [](char c) { return std::islower(c); })) << id;
+    }
     EXPECT_NE(config.lanes[0].id, config.lanes[1].id);
     EXPECT_TRUE(config.lanes[0].locked);
-    for (char c : config.lanes[0].id)
-        EXPECT_FALSE(std::islower(static_cast<unsigned char>(c)));
-    EXPECT_TRUE(isUUID(config.duckRules[0].id));
-
-    // A lane without its device is not a lane: the whole array goes.
-    EXPECT_TRUE(decode({{"lanes", json::array({{{"id", "L"}, {"appBundleID", "a"}}})}}).lanes.empty());
-    EXPECT_TRUE(
-        decode({{"focusLinks", json::array({{{"id", "f"}, {"focusName", "Work"}}})}}).focusLinks.empty());
+    EXPECT_TRUE(config.duckRules[0].enabled);
 }
 
-TEST(TonaviConfigReading, EnumerationsFallBackToTheirDefaults) {
-    const TonaviConfig config = decode({{"ui", {{"iconStyle", "sparkles"}, {"theme", "dark"}}},
-                                        {"systemRows", {{"inputMetering", "disabled"}}}});
-    EXPECT_EQ(config.ui.iconStyle, MenuBarIconStyle::systemSpeaker);
-    EXPECT_EQ(config.ui.theme, "dark");
-    EXPECT_EQ(config.systemRows.inputMetering, InputMeteringMode::disabled);
-}
-
-TEST(TonaviConfigWriting, RoundTripsAndOmitsAbsentOptionals) {
-    const TonaviConfig config = testing::sampleConfig(1);
-    const std::string text = encodeTonaviConfig(config);
-    EXPECT_EQ(decodeTonaviConfig(text), config);
-
-    const json j = json::parse(text);
-    EXPECT_EQ(j.size(), 25u);
-    EXPECT_FALSE(j["apps"][0].contains("displayRank")); // app 0 has none
-    EXPECT_EQ(j["apps"][1]["displayRank"], 1);
-    EXPECT_FALSE(j["bluetooth"][1].contains("savedVolume"));
-    EXPECT_EQ(j["ui"]["iconStyle"], "matchOutputDevice");
-    EXPECT_EQ(j["systemRows"]["inputMetering"], "active");
-    // Pretty printed with sorted keys.
-    EXPECT_LT(text.find("\"apps\""), text.find("\"audibleAppLastHeardAt\""));
-    EXPECT_LT(text.find("\"audibleAppLastHeardAt\""), text.find("\"bluetooth\""));
-    EXPECT_EQ(text.substr(0, 4), "{\n  ");
-}
-
-TEST(TonaviConfigWriting, NonFiniteNumbersRefuseToEncode) {
-    TonaviConfig config;
-    config.softMasterPercent = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_THROW(encodeTonaviConfig(config), ConfigEncodeError);
-    config.softMasterPercent = 50;
-    config.apps.push_back(AppAudioState("a"));
-    config.apps[0].volumePerDevice["d"] = std::numeric_limits<double>::infinity();
-    EXPECT_THROW(encodeTonaviConfig(config), ConfigEncodeError);
-    config.apps[0].volumePerDevice.clear();
-    config.apps[0].displayName = "bad \xff text";
-    EXPECT_THROW(encodeTonaviConfig(config), ConfigEncodeError);
+TEST(TonaviConfigWriting, NonFiniteNumbersAndBadTextRefuseToEncode) {
+    const std::function<void(TonaviConfig&)> damages[] = {
+        [](TonaviConfig& c) { c.softMasterPercent = std::numeric_limits<double>::quiet_NaN(); },
+        [](TonaviConfig& c) { c.apps.at(0).volumePerDevice["d"] = std::numeric_limits<double>::infinity(); },
+        [](TonaviConfig& c) { c.apps.at(0).displayName = "bad \xff text"; },
+    };
+    for (const auto& damage : damages) {
+        TonaviConfig config = configWithOneApp();
+        damage(config);
+        EXPECT_THROW(encodeTonaviConfig(config), ConfigEncodeError);
+    }
 }
 
 TEST(TonaviConfigMethods, FirstRunDefaults) {
@@ -332,27 +458,31 @@ TEST(TonaviConfigMethods, AdoptAppOwnedSettingsCopiesOnlyThree) {
     EXPECT_EQ(mine, expected);
 }
 
-TEST(InstallationVersionTest, ParsesAndOrders) {
+TEST(InstallationVersionTest, ParsesOrdersAndReplaces) {
     EXPECT_EQ(InstallationVersion("1.2.x.3", "7").components, (std::vector<std::int64_t>{1, 2, 3}));
     EXPECT_EQ(InstallationVersion("1..2", "x").components, (std::vector<std::int64_t>{1, 2}));
     EXPECT_EQ(InstallationVersion("1..2", "x").build, 0);
-    EXPECT_EQ(InstallationVersion("", "12").components.size(), 0u);
+    EXPECT_TRUE(InstallationVersion("", "12").components.empty());
 
-    // A prefix comes first whatever the builds.
-    EXPECT_LT(InstallationVersion("1.2", "900"), InstallationVersion("1.2.0", "1"));
-    EXPECT_LT(InstallationVersion("1.2", "3"), InstallationVersion("1.10", "1"));
-    EXPECT_LT(InstallationVersion("1.2", "3"), InstallationVersion("1.2", "4"));
+    const struct {
+        const char *version, *build, *otherVersion, *otherBuild;
+        bool before, canReplace;
+    } pairs[] = {
+        // A prefix comes first whatever the builds.
+        {"1.2", "900", "1.2.0", "1", true, false}, {"1.2", "3", "1.10", "1", true, false},
+        {"1.2", "3", "1.2", "4", true, true},     {"1.2", "3", "1.x.2", "3", false, false},
+        {"2.0", "49", "2.0", "50", true, true},    {"1.9", "10", "2.0", "50", true, true},
+        {"1.9", "60", "2.0", "50", true, false},   {"2.0.1", "10", "2.0", "50", false, false},
+        {"2", "10", "2.0", "50", true, true},
+    };
+    for (const auto& p : pairs) {
+        const InstallationVersion a(p.version, p.build), b(p.otherVersion, p.otherBuild);
+        EXPECT_EQ(a < b, p.before) << p.version << "+" << p.build << " vs " << p.otherVersion << "+"
+                                   << p.otherBuild;
+        EXPECT_EQ(b.canReplace(a), p.canReplace)
+            << p.otherVersion << "+" << p.otherBuild << " over " << p.version;
+    }
     EXPECT_EQ(InstallationVersion("1.2", "3"), InstallationVersion("1.x.2", "3"));
-}
-
-TEST(InstallationVersionTest, CanReplaceNeedsALowerBuildAndNoNewerComponents) {
-    const InstallationVersion current("2.0", "50");
-    EXPECT_TRUE(current.canReplace(InstallationVersion("2.0", "49")));
-    EXPECT_TRUE(current.canReplace(InstallationVersion("1.9", "10")));
-    EXPECT_FALSE(current.canReplace(InstallationVersion("2.0", "50")));
-    EXPECT_FALSE(current.canReplace(InstallationVersion("1.9", "60")));
-    EXPECT_FALSE(current.canReplace(InstallationVersion("2.0.1", "10")));
-    EXPECT_TRUE(current.canReplace(InstallationVersion("2", "10")));
 }
 
 } // namespace

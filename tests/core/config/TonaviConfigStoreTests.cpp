@@ -60,76 +60,66 @@ TEST_F(ConfigStoreTest, EmptyObjectIsNotDamage) {
     EXPECT_EQ(readText(store.configURL()), "{}");
 }
 
-TEST_F(ConfigStoreTest, TruncatedFileWithWholeAppsKeepsThemOnFirstRunDefaults) {
-    TonaviConfig saved = testing::sampleConfig(0);
-    const std::string text = encodeTonaviConfig(saved);
-    // Cut inside "bluetooth", well after the apps array (the first key) closed.
-    const std::string damaged = text.substr(0, text.find("\"bluetooth\"") + 20);
-    writeText(store.configURL(), damaged);
-
-    const TonaviConfig loaded = store.load();
-    TonaviConfig expected = TonaviConfig::firstRunDefaults();
-    expected.apps = saved.apps;
-    EXPECT_EQ(loaded, expected);
-    EXPECT_TRUE(readText(corruptURL()) == damaged);
-    EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), expected);
-    EXPECT_EQ(store.takeRecoveryNotice(),
-              "Tonavi's settings file was damaged, so it was set aside as state.corrupt-1700000000.json in "
-              "Application Support/Tonavi. Kept: your apps.");
-    EXPECT_FALSE(store.takeRecoveryNotice());
-}
-
-TEST_F(ConfigStoreTest, ReadablePreviousFileWinsWholesale) {
-    const TonaviConfig previous = testing::sampleConfig(2);
-    writeText(store.previousURL(), encodeTonaviConfig(previous));
+TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
     const std::string text = encodeTonaviConfig(testing::sampleConfig(0));
-    writeText(store.configURL(), text.substr(0, text.size() / 2));
-
-    EXPECT_EQ(store.load(), previous);
-    EXPECT_EQ(store.takeRecoveryNotice(),
-              "Tonavi's settings file was damaged, so it was set aside as state.corrupt-1700000000.json in "
-              "Application Support/Tonavi. Kept: your last saved setup.");
-    // The recovered configuration is saved; the good previous file is not displaced by the bad one.
-    EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), previous);
-    EXPECT_EQ(decodeTonaviConfig(readText(store.previousURL())), previous);
-}
-
-TEST_F(ConfigStoreTest, NothingReadableGivesFirstRunAndSaysSo) {
-    writeText(store.previousURL(), "not json");
-    writeText(store.configURL(), "\x01\x02 garbage \"apps\": [ { \"id\": \"a\" ");
-    EXPECT_EQ(store.load(), TonaviConfig::firstRunDefaults());
-    EXPECT_EQ(store.takeRecoveryNotice(),
-              "Tonavi's settings file was damaged, so it was set aside as state.corrupt-1700000000.json in "
-              "Application Support/Tonavi. Nothing in it could be read.");
-}
-
-TEST_F(ConfigStoreTest, MinesDevicesAndGroupsSilentlyAndEmptyArraysStillReplace) {
-    // Devices whole, groups an empty array, apps broken inside: apps stay the first-run ones.
-    const std::string damaged = "{\n  \"apps\": [ {\"volume\": 1} ],\n  \"devices\": [{\"id\": \"d\", "
-                                "\"useCount\": -3}],\n  \"groups\": [],\n  \"locks\": {";
-    writeText(store.configURL(), damaged);
-    const TonaviConfig loaded = store.load();
-    EXPECT_EQ(loaded.apps, TonaviConfig::firstRunDefaults().apps);
-    ASSERT_EQ(loaded.devices.size(), 1u);
-    EXPECT_EQ(loaded.devices[0].useCount, 0);
-    EXPECT_TRUE(loaded.groups.empty());
-    EXPECT_NE(store.takeRecoveryNotice()->find("Nothing in it could be read."), std::string::npos);
+    // Cut inside "bluetooth", well after the apps array (the first key) closed.
+    const std::string cutAfterApps = text.substr(0, text.find("\"bluetooth\"") + 20);
+    TonaviConfig withApps = TonaviConfig::firstRunDefaults();
+    withApps.apps = testing::sampleConfig(0).apps;
+    TonaviConfig withDevice = TonaviConfig::firstRunDefaults();
+    withDevice.devices = {DeviceSettings{}};
+    withDevice.devices[0].id = "d";
+    const struct {
+        const char* name;
+        std::optional<std::string> previous;
+        std::string damaged;
+        TonaviConfig expected;
+        const char* detail;
+    } cases[] = {
+        {"whole apps, no previous", std::nullopt, cutAfterApps, withApps, "Kept: your apps."},
+        {"readable previous wins", encodeTonaviConfig(testing::sampleConfig(2)), cutAfterApps,
+         testing::sampleConfig(2), "Kept: your last saved setup."},
+        {"nothing readable", "not json", "\x01\x02 garbage \"apps\": [ { \"id\": \"a\" ",
+         TonaviConfig::firstRunDefaults(), "Nothing in it could be read."},
+        // Apps broken inside stay the first-run ones; devices and groups are mined silently.
+        {"devices mined silently", std::nullopt,
+         "{\n  \"apps\": [ {\"volume\": 1} ],\n  \"devices\": [{\"id\": \"d\", \"useCount\": -3}],\n  "
+         "\"groups\": [],\n  \"locks\": {",
+         withDevice, "Nothing in it could be read."},
+    };
+    for (const auto& c : cases) {
+        for (const auto& entry : fs::directory_iterator(folder.path()))
+            if (entry.is_regular_file())
+                fs::remove(entry.path());
+        if (c.previous)
+            writeText(store.previousURL(), *c.previous);
+        writeText(store.configURL(), c.damaged);
+        EXPECT_EQ(store.load(), c.expected) << c.name;
+        EXPECT_TRUE(readText(corruptURL()) == c.damaged) << c.name;
+        EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), c.expected) << c.name;
+        EXPECT_EQ(
+            store.takeRecoveryNotice(),
+            "Tonavi's settings file was damaged, so it was set aside as state.corrupt-1700000000.json in "
+            "Application Support/Tonavi. " +
+                std::string(c.detail))
+            << c.name;
+        EXPECT_FALSE(store.takeRecoveryNotice()) << c.name;
+        // The recovered configuration is saved; a good previous file is not displaced by the bad one.
+        if (c.previous && *c.previous != "not json") {
+            EXPECT_TRUE(readText(store.previousURL()) == *c.previous) << c.name;
+        }
+    }
 }
 
 TEST_F(ConfigStoreTest, UnreadableFileIsRecoveredAndTheNextSaveReplacesIt) {
     writeText(store.previousURL(), encodeTonaviConfig(testing::sampleConfig(1)));
     writeText(store.configURL(), "{\"apps\": [");
-    // The move aside fails: recovery goes on from the previous file.
-    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) {
-        return op == FaultyFileSystem::Op::move;
-    };
-    // The first read of state.json fails too, so there are no bytes at all.
+    // The move aside fails, and so does the first read of state.json: there are no bytes at all, and
+    // recovery goes on from the previous file.
     int reads = 0;
-    auto moveFails = files->shouldFail;
     files->shouldFail = [&](FaultyFileSystem::Op op, const fs::path& p) {
-        if (op == FaultyFileSystem::Op::read && p.filename() == "state.json" && reads++ == 0)
-            return true;
-        return moveFails(op, p);
+        return op == FaultyFileSystem::Op::move ||
+               (op == FaultyFileSystem::Op::read && p.filename() == "state.json" && reads++ == 0);
     };
     EXPECT_EQ(store.load(), testing::sampleConfig(1));
     EXPECT_FALSE(fs::exists(corruptURL()));
@@ -158,60 +148,74 @@ TEST_F(ConfigStoreTest, FirstRunSaveFailureRaises) {
     EXPECT_FALSE(fs::exists(store.temporaryURL()));
 }
 
-// Every file operation of a save, made to fail in turn.
-TEST_F(ConfigStoreTest, SaveFailingAtAnyStepLeavesBothFilesAsTheyWere) {
+// Every file operation of a save, made to fail in turn. The old file is backed up before it is
+// replaced, so a save that fails late may already have refreshed "state.previous.json", and only
+// ever with the file that "state.json" still holds.
+TEST_F(ConfigStoreTest, SaveFailingAtAnyStepKeepsTheFileAndLeavesNoTemporary) {
     const std::string before = encodeTonaviConfig(testing::sampleConfig(1));
     const std::string previous = encodeTonaviConfig(testing::sampleConfig(2));
     const TonaviConfig next = testing::sampleConfig(3);
     int failures = 0;
-    for (int step = 0;; ++step) {
-        writeText(store.configURL(), before);
-        writeText(store.previousURL(), previous);
-        writeText(store.temporaryURL(), "left over");
-        files->operations = 0;
-        files->failAt = step;
-        bool raised = false;
-        try {
-            store.save(next);
-        } catch (const std::system_error&) {
-            raised = true;
-        }
-        files->failAt = -1;
-        const bool injected = step < files->operations;
-        EXPECT_FALSE(fs::exists(store.temporaryURL())) << "step " << step;
-        EXPECT_FALSE(fs::exists(store.stagedPreviousURL())) << "step " << step;
-        if (raised) {
-            ++failures;
-            EXPECT_TRUE(readText(store.configURL()) == before) << "step " << step;
-            EXPECT_TRUE(readText(store.previousURL()) == previous) << "step " << step;
-        } else {
-            EXPECT_TRUE(decodeTonaviConfig(readText(store.configURL())) == next) << "step " << step;
+    for (const bool withCurrent : {true, false}) {
+        for (int step = 0;; ++step) {
+            fs::remove(store.configURL());
+            if (withCurrent)
+                writeText(store.configURL(), before);
+            writeText(store.previousURL(), previous);
+            writeText(store.temporaryURL(), "left over");
+            files->operations = 0;
+            files->failAt = step;
+            bool raised = false;
+            try {
+                store.save(next);
+            } catch (const std::system_error&) {
+                raised = true;
+            }
+            files->failAt = -1;
+            const std::string at =
+                (withCurrent ? "with a file, step " : "without a file, step ") + std::to_string(step);
+            EXPECT_FALSE(fs::exists(store.temporaryURL())) << at;
             const std::string kept = readText(store.previousURL());
-            EXPECT_TRUE(kept == before || kept == previous) << "step " << step;
+            EXPECT_TRUE(kept == previous || (withCurrent && kept == before)) << at;
+            if (raised) {
+                ++failures;
+                EXPECT_EQ(fs::exists(store.configURL()), withCurrent) << at;
+                if (withCurrent) {
+                    EXPECT_TRUE(readText(store.configURL()) == before) << at;
+                }
+            } else {
+                EXPECT_TRUE(decodeTonaviConfig(readText(store.configURL())) == next) << at;
+            }
+            if (step >= files->operations)
+                break;
         }
-        if (!injected)
-            break;
     }
-    // Writing the temporary file and the replacement can each fail the save.
-    EXPECT_GE(failures, 2);
+    // Writing the temporary file and the replacement fail a save with a file; the write and the
+    // move fail one without.
+    EXPECT_GE(failures, 4);
+}
 
-    // Without a current file the temporary file is moved into place; a failed move leaves nothing.
-    for (int step = 0;; ++step) {
-        fs::remove(store.configURL());
-        files->operations = 0;
-        files->failAt = step;
-        bool raised = false;
-        try {
-            store.save(next);
-        } catch (const std::system_error&) {
-            raised = true;
-        }
-        files->failAt = -1;
-        const bool injected = step < files->operations;
-        EXPECT_FALSE(fs::exists(store.temporaryURL()));
-        EXPECT_EQ(fs::exists(store.configURL()), !raised) << "step " << step;
-        if (!injected)
-            break;
+// A writer killed mid-save leaves "state.json.tmp" and the siblings of its atomic writes.
+TEST_F(ConfigStoreTest, TemporariesOfAKilledWriterGoAtTheNextLoadOrSave) {
+    const std::vector<std::string> leftovers = {"state.json.tmp", "state.json.tmp.Ab12Cd",
+                                                "state.json.x9Y8z7", "state.previous.json.QQ11ww",
+                                                "recovery-notice.txt.abcdef"};
+    const std::vector<std::string> others = {"state.json.tmp.toolong1", "state.corrupt-12.json",
+                                             "notes.json.Ab12Cd"};
+    for (const bool byLoad : {true, false}) {
+        store.save(testing::sampleConfig(1));
+        for (const auto& name : leftovers)
+            writeText(folder.path() / name, "partial");
+        for (const auto& name : others)
+            writeText(folder.path() / name, "mine");
+        if (byLoad)
+            EXPECT_EQ(store.load(), testing::sampleConfig(1));
+        else
+            store.save(testing::sampleConfig(2));
+        for (const auto& name : leftovers)
+            EXPECT_FALSE(fs::exists(folder.path() / name)) << name << (byLoad ? " at load" : " at save");
+        for (const auto& name : others)
+            EXPECT_TRUE(fs::exists(folder.path() / name)) << name << (byLoad ? " at load" : " at save");
     }
 }
 
@@ -297,76 +301,31 @@ TEST_F(ConfigStoreTest, ServiceSaveKeepsTheSettingsTheUserInterfaceOwns) {
 
 TEST(ConfigSalvage, ScansStringsBracketsAndScalars) {
     using nlohmann::json;
-    // A "]" inside a string does not close the array; an escaped quote does not end the string.
-    const auto a = TonaviConfigStore::salvageTopLevel(
-        "{\"x\": 1, \"apps\" :\n [{\"id\": \"a]\\\"}\"}, {\"id\": \"b\"}] , \"groups\": 7, \"devices\"");
-    ASSERT_TRUE(a);
-    EXPECT_EQ((*a)["apps"], json::parse(R"([{"id": "a]\"}"}, {"id": "b"}])"));
-    EXPECT_EQ((*a)["groups"], 7);
-    EXPECT_FALSE(a->contains("devices"));
-
-    // Cut off inside the array: the scan runs out, the key is skipped.
-    EXPECT_FALSE(TonaviConfigStore::salvageTopLevel("{\"apps\": [ { \"id\": \"a\" "));
-    // A scalar needs a line feed, comma or brace after it.
-    EXPECT_FALSE(TonaviConfigStore::salvageTopLevel("\"groups\": 7"));
-    EXPECT_EQ((*TonaviConfigStore::salvageTopLevel("\"groups\": \"g\"}"))["groups"], "g");
-    // Carriage return and tab are not skipped, so the value does not start with a bracket.
-    EXPECT_FALSE(TonaviConfigStore::salvageTopLevel("\"apps\":\t[1]"));
-    EXPECT_FALSE(TonaviConfigStore::salvageTopLevel("\"apps\":\r\n[1]"));
-    // Found at any depth, first occurrence wins, and mismatched bracket kinds still count.
-    const auto nested =
-        TonaviConfigStore::salvageTopLevel("{\"a\": {\"devices\": [1, {2]}, \"devices\": [3]");
-    EXPECT_FALSE(nested); // "[1, {2]}" closes at "}" but does not parse
-    const auto deep = TonaviConfigStore::salvageTopLevel("[[{\"devices\": [\"x\"]}");
-    ASSERT_TRUE(deep);
-    EXPECT_EQ((*deep)["devices"], json::array({"x"}));
-    // Not UTF-8: nothing.
-    EXPECT_FALSE(TonaviConfigStore::salvageTopLevel("\"apps\": [1] \xc3\x28"));
-    EXPECT_FALSE(TonaviConfigStore::salvageTopLevel(""));
-}
-
-// Truncations of a valid file, with and without a readable previous file.
-TEST(ConfigStoreTruncation, EveryCutLoadsAndKeepsWhatIsWhole) {
-    const TonaviConfig saved = testing::sampleConfig(0);
-    const TonaviConfig previous = testing::sampleConfig(4);
-    const std::string text = encodeTonaviConfig(saved);
-    const std::string previousText = encodeTonaviConfig(previous);
-    // The apps array is the first key; it is whole once its closing bracket is in.
-    const std::size_t appsEnd = text.find("\n  ],\n") + 4;
-    const std::size_t devicesEnd = text.find("\n  ],\n", text.find("\"devices\"")) + 4;
-    ASSERT_EQ(nlohmann::json::parse(text.substr(text.find('['), appsEnd - text.find('['))).size(),
-              saved.apps.size());
-
-    testing::TemporaryFolder folder;
-    const TonaviConfigStore store(folder.path(), std::make_shared<RealFileSystem>(false));
-    std::mt19937 random(7);
-    std::vector<std::size_t> cuts;
-    for (std::size_t cut = appsEnd - 3; cut < appsEnd + 3; ++cut)
-        cuts.push_back(cut);
-    for (int i = 0; i < 150; ++i)
-        cuts.push_back(random() % text.size());
-    cuts.push_back(0);
-    for (const bool withPrevious : {false, true}) {
-        for (const std::size_t cut : cuts) {
-            for (const auto& entry : fs::directory_iterator(folder.path()))
-                if (entry.is_regular_file())
-                    fs::remove(entry.path());
-            if (withPrevious)
-                writeText(store.previousURL(), previousText);
-            writeText(store.configURL(), text.substr(0, cut));
-            const TonaviConfig loaded = store.load();
-            if (withPrevious) {
-                EXPECT_EQ(loaded, previous) << "cut " << cut;
-            } else {
-                const TonaviConfig firstRun = TonaviConfig::firstRunDefaults();
-                EXPECT_EQ(loaded.apps, cut >= appsEnd ? saved.apps : firstRun.apps) << "cut " << cut;
-                EXPECT_EQ(loaded.devices, cut >= devicesEnd ? saved.devices : firstRun.devices)
-                    << "cut " << cut;
-                EXPECT_EQ(loaded.ui, firstRun.ui);
-            }
-            EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), loaded) << "cut " << cut;
-            EXPECT_TRUE(store.takeRecoveryNotice()) << "cut " << cut;
-        }
+    const struct {
+        const char* why;
+        std::string text;
+        const char* expected; // the salvaged object as JSON text, or nullptr for nothing
+    } cases[] = {
+        {"a \"]\" inside a string does not close the array, an escaped quote does not end the string",
+         "{\"x\": 1, \"apps\" :\n [{\"id\": \"a]\\\"}\"}, {\"id\": \"b\"}] , \"groups\": 7, \"devices\"",
+         R"({"apps": [{"id": "a]\"}"}, {"id": "b"}], "groups": 7})"},
+        {"cut off inside the array", "{\"apps\": [ { \"id\": \"a\" ", nullptr},
+        {"a scalar needs a line feed, comma or brace after it", "\"groups\": 7", nullptr},
+        {"a scalar ended by a brace", "\"groups\": \"g\"}", R"({"groups": "g"})"},
+        {"tab is not skipped", "\"apps\":\t[1]", nullptr},
+        {"carriage return is not skipped", "\"apps\":\r\n[1]", nullptr},
+        {"first occurrence at any depth; bracket kinds are not told apart",
+         "{\"a\": {\"devices\": [1, {2]}, \"devices\": [3]", nullptr},
+        {"found inside nested arrays", "[[{\"devices\": [\"x\"]}", R"({"devices": ["x"]})"},
+        {"not UTF-8", "\"apps\": [1] \xc3\x28", nullptr},
+        {"empty", "", nullptr},
+    };
+    for (const auto& c : cases) {
+        const auto found = TonaviConfigStore::salvageTopLevel(c.text);
+        if (c.expected)
+            EXPECT_EQ(found, json::parse(c.expected)) << c.why;
+        else
+            EXPECT_FALSE(found) << c.why;
     }
 }
 

@@ -3,6 +3,8 @@
 // a manual clock.
 
 #include "FakeTaps.hpp"
+#include "audio/AUComponentKey.hpp"
+#include "audio/EffectSlot.hpp"
 #include "core/engine/EngagementEngine.hpp"
 
 #include <memory>
@@ -41,6 +43,15 @@ struct EngineHarness {
         return out;
     }
 };
+
+// A hosted effect slot for the global listening treatment.
+inline kavore::EffectSlot pluginSlot(const std::string& id) {
+    kavore::EffectSlot slot;
+    slot.id = id;
+    slot.kind = kavore::EffectKind::audioUnit;
+    slot.auComponent = kavore::AUComponentKey{kavore::fourCharCode("aufx"), 1, 2, "Fx", "Maker"};
+    return slot;
+}
 
 // An interleaved stereo buffer of one constant value.
 inline std::vector<float> constantBuffer(std::size_t frames, float value) {

@@ -39,14 +39,6 @@ TEST(GlobalListeningPolicy, DecidesInItsOrder) {
     EXPECT_TRUE(GlobalListeningPolicy::mayProcess("com.ableton.live", &daw, hidden, open));
 }
 
-kavore::EffectSlot pluginSlot(const std::string& id) {
-    kavore::EffectSlot slot;
-    slot.id = id;
-    slot.kind = kavore::EffectKind::audioUnit;
-    slot.auComponent = kavore::AUComponentKey{kavore::fourCharCode("aufx"), 1, 2, "Fx", "Maker"};
-    return slot;
-}
-
 TEST(GlobalListeningRender, PluginBridgeRunsBetweenTheHalvesAndCountsInLatency) {
     TonaviConfig config = configWith({appRow("a"), appRow("com.ableton.live", 0.5)});
     config.globalListening =

@@ -7,16 +7,6 @@ namespace {
 
 using IDs = std::vector<std::string>;
 
-TEST(EngagementRules, IsEngagedTolerancesAndDirectLockPrecedence) {
-    AppAudioState row = appRow("a", 0.99995); // within the tolerance
-    EXPECT_FALSE(EngagementEngine::isEngaged(row));
-    row.volumePerDevice = {{"spk", 1.0}, {"hdp", 0.9998}};
-    EXPECT_TRUE(EngagementEngine::isEngaged(row));
-    row.controlAttached = true;
-    row.directLocked = true; // wins over everything
-    EXPECT_FALSE(EngagementEngine::isEngaged(row));
-}
-
 TEST(EngagementRules, SanitizedDropsProtectedAppsEverywhere) {
     TonaviConfig config = configWith({appRow("com.rogueamoeba.Loopback", 0.5), appRow("com.apple.Music", 0.5),
                                       appRow("com.brelmoor.tonavi", 0.2)});
@@ -34,54 +24,52 @@ TEST(EngagementRules, SanitizedDropsProtectedAppsEverywhere) {
     EXPECT_EQ(h.taps->createCalls("com.rogueamoeba.Loopback"), 0);
 }
 
-TEST(Reconcile, NeutralAppsAreNeverTappedEvenWhenEligible) {
-    AppAudioState lockedMuted = appRow("locked");
-    lockedMuted.directLocked = true;
-    lockedMuted.muted = true; // but muteWhileBypassed is off: direct and audible
-    EngineHarness h(configWith({appRow("neutral"), lockedMuted}), false);
-    h.engine->setCreationEligibility(EngagementEngine::IDSet{"neutral", "locked"});
-    h.engine->reconcile();
-    EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
-    EXPECT_EQ(h.taps->createCalls("neutral") + h.taps->createCalls("locked"), 0);
-
-    // The locked app passes through even if the worker still renders it.
-    auto buffer = constantBuffer(4, 0.5f);
-    EXPECT_FALSE(h.engine->render("locked", buffer));
-    EXPECT_EQ(buffer, constantBuffer(4, 0.5f));
-}
-
-TEST(Reconcile, MutedAppThatNeverPlayedWaitsForEligibilityThenIsTappedAndSilenced) {
-    AppAudioState muted = appRow("a");
-    muted.muted = true;
-    EngineHarness h(configWith({muted}), false);
-    h.engine->setCreationEligibility(EngagementEngine::IDSet{});
-    h.engine->reconcile();
-    EXPECT_FALSE(h.engine->hasTap("a"));
-    EXPECT_EQ(h.taps->createCalls("a"), 0);
-
-    h.engine->setCreationEligibility(EngagementEngine::IDSet{"a"});
-    h.engine->reconcile();
-    ASSERT_TRUE(h.engine->hasTap("a"));
-    auto buffer = constantBuffer(64, 0.8f);
-    EXPECT_TRUE(h.engine->render("a", buffer));
-    EXPECT_EQ(buffer, constantBuffer(64, 0.0f)); // a new tap starts at its target: no fade-in
-}
-
-TEST(Reconcile, DirectLockedKeepsATapOnlyToHoldItsMute) {
-    AppAudioState row = appRow("a", 0.5);
-    row.directLocked = true;
-    row.muteWhileBypassed = true;
-    EngineHarness h(configWith({row}));
-    ASSERT_TRUE(h.engine->hasTap("a"));
-    auto buffer = constantBuffer(8, 0.7f);
-    EXPECT_TRUE(h.engine->render("a", buffer));
-    EXPECT_EQ(buffer, constantBuffer(8, 0.0f));
-
-    row.muteWhileBypassed = false;
-    row.muted = true; // muted, but locked direct without the bypass mute: audible
-    h.engine->updateApp(row);
-    EXPECT_FALSE(h.engine->hasTap("a"));
-    EXPECT_EQ(h.taps->liveCount(), 0);
+// Who gets a tap, and how a tapped app's first cycle sounds: a new tap starts at its target.
+TEST(Reconcile, WhoGetsATapAndHowItsFirstCycleSounds) {
+    using Eligible = std::optional<EngagementEngine::IDSet>;
+    const auto row = [](double volume, bool muted, bool directLocked, bool muteWhileBypassed) {
+        AppAudioState r = appRow("a", volume);
+        r.muted = muted;
+        r.directLocked = directLocked;
+        r.muteWhileBypassed = muteWhileBypassed;
+        return r;
+    };
+    AppAudioState perDevice = appRow("a");
+    perDevice.volumePerDevice = {{"spk", 1.0}, {"hdp", 0.9998}};
+    const struct {
+        const char* why;
+        AppAudioState row;
+        Eligible eligible;
+        bool tapped;
+        float gain;
+    } cases[] = {
+        {"neutral, even when eligible", appRow("a"), EngagementEngine::IDSet{"a"}, false, 1.0f},
+        {"volume within the tolerance", appRow("a", 0.99995), std::nullopt, false, 1.0f},
+        {"half volume", appRow("a", 0.5), std::nullopt, true, 0.25f},
+        {"a per-device volume off unity", perDevice, std::nullopt, true, 1.0f},
+        {"muted, never played", row(1.0, true, false, false), EngagementEngine::IDSet{}, false, 1.0f},
+        {"muted, eligible", row(1.0, true, false, false), EngagementEngine::IDSet{"a"}, true, 0.0f},
+        {"locked direct and muted: audible", row(0.5, true, true, false), EngagementEngine::IDSet{"a"}, false,
+         1.0f},
+        {"locked direct, bypass mute: silence only", row(0.5, false, true, true), std::nullopt, true, 0.0f},
+        {"locked direct wins over control",
+         [] {
+             AppAudioState r = appRow("a", 0.5);
+             r.controlAttached = r.directLocked = true;
+             return r;
+         }(),
+         std::nullopt, false, 1.0f},
+    };
+    for (const auto& c : cases) {
+        EngineHarness h(configWith({c.row}), false);
+        h.engine->setCreationEligibility(c.eligible);
+        h.engine->reconcile();
+        EXPECT_EQ(h.engine->hasTap("a"), c.tapped) << c.why;
+        EXPECT_EQ(h.taps->createCalls("a"), c.tapped ? 1 : 0) << c.why;
+        auto buffer = constantBuffer(8, 0.8f);
+        h.engine->render("a", buffer);
+        EXPECT_EQ(buffer, constantBuffer(8, 0.8f * c.gain)) << c.why;
+    }
 }
 
 TEST(Reconcile, SoloTapsAndSilencesTheOthersAndReleasesThemWhenItEnds) {

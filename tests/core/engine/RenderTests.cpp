@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 namespace tonavi::testing {
 namespace {
@@ -87,32 +88,39 @@ TEST(Render, NearUnitySmootherKeepsMultiplyingUntilItSettles) {
 }
 
 TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
-    const auto config = configWith({appRow("a", 0.5), appRow("hero", 0.5)});
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a"), 0.25f);
-    // Volumes above unity add nothing; the law squares the fader.
+    auto config = configWith({appRow("a", 0.5), appRow("hero", 0.5)});
+    AutoDuckRule rule;
+    rule.triggerBundleID = "call";
+    rule.duckedBundleIDs = {"a"};
+    rule.duckDB = -20.0;
+    config.duckRules = {rule};
+    using Setup = std::function<void(EngagementEngine&)>;
+    const struct {
+        const char* why;
+        const char* app;
+        Setup setup;
+        float gain;
+    } cases[] = {
+        {"the law squares the fader", "a", {}, 0.25f},
+        {"follow-me background", "a", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }, 0.1f},
+        {"the hero itself", "hero", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }, 0.25f},
+        {"no hero", "a", [](EngagementEngine& e) { e.setFollowMe(std::nullopt, 0.4); }, 0.25f},
+        {"smart-protected", "a",
+         [](EngagementEngine& e) {
+             e.setFollowMe("hero", 0.4);
+             e.setSmartProtected({"a"});
+         },
+         0.25f},
+        {"soft master", "a", [](EngagementEngine& e) { e.setSoftMasterGain(0.5); }, 0.125f},
+        // -6.0206 dB is a linear half.
+        {"manual duck", "a", [](EngagementEngine& e) { e.setManualDuckDB(-6.0206); }, 0.125f},
+        {"auto duck of this app", "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }, 0.125f},
+        {"auto duck of another app", "a", [](EngagementEngine& e) { e.setAutoDuck({"hero"}, -6.0206); },
+         0.25f},
+    };
+    for (const auto& c : cases)
+        EXPECT_NEAR(firstCycleGain(config, c.app, c.setup), c.gain, 1e-6) << c.why;
     EXPECT_FLOAT_EQ(firstCycleGain(configWith({appRow("a", 0.8)}), "a"), 0.64f);
-
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }),
-                    0.1f);
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "hero", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }),
-                    0.25f);
-    EXPECT_FLOAT_EQ(
-        firstCycleGain(config, "a", [](EngagementEngine& e) { e.setFollowMe(std::nullopt, 0.4); }), 0.25f);
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a",
-                                   [](EngagementEngine& e) {
-                                       e.setFollowMe("hero", 0.4);
-                                       e.setSmartProtected({"a"});
-                                   }),
-                    0.25f);
-    EXPECT_FLOAT_EQ(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setSoftMasterGain(0.5); }),
-                    0.125f);
-    // -6.0206 dB is a linear half.
-    EXPECT_NEAR(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setManualDuckDB(-6.0206); }), 0.125f,
-                1e-6);
-    EXPECT_NEAR(firstCycleGain(config, "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }),
-                0.125f, 1e-6);
-    EXPECT_FLOAT_EQ(
-        firstCycleGain(config, "a", [](EngagementEngine& e) { e.setAutoDuck({"hero"}, -6.0206); }), 0.25f);
 
     // Soft master at zero silences without being a mute.
     EngineHarness h(config);
@@ -121,20 +129,6 @@ TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
     EXPECT_TRUE(h.engine->render("a", buffer));
     EXPECT_EQ(buffer, constantBuffer(8, 0.0f));
     EXPECT_FALSE(h.engine->managedApp("a")->muted);
-}
-
-TEST(Render, DuckGainOfTheRulesScalesTheTarget) {
-    AutoDuckRule rule;
-    rule.triggerBundleID = "call";
-    rule.duckedBundleIDs = {"a"};
-    rule.duckDB = -20.0;
-    TonaviConfig config = configWith({appRow("a", 0.5)});
-    config.duckRules = {rule};
-    const float gain = firstCycleGain(config, "a", [](EngagementEngine& e) {
-        e.setActiveTriggers({"call"});
-        e.advanceDucking(3840, 100.0);
-    });
-    EXPECT_NEAR(gain, 0.025f, 1e-7);
 }
 
 TEST(Render, PeakLimiterCarriesItsGainAndClearsWhenTheCeilingIsNearUnity) {
