@@ -23,7 +23,7 @@ struct World {
 
 World makeWorld() {
     World w;
-    const char* known[] = {"com.spotify.client", "com.apple.Safari", "us.zoom.xos", "com.google.Chrome",
+    const char* known[] = {"com.spotify.client", "com.apple.Safari", "us.zoom.xos",      "com.google.Chrome",
                            "com.hnc.Discord",    "com.apple.Music",  "org.videolan.vlc", "com.ableton.live"};
     for (int i = 0; i < 30; ++i) {
         const std::string id = i < 8 ? known[i] : "com.example.app" + std::to_string(i);
@@ -55,7 +55,8 @@ World makeWorld() {
         device.name = d == 5 ? "Studio Headphones" : "Device " + std::to_string(d);
         device.transport = kinds[d % 4];
         w.outputs.push_back(device);
-        w.inputDevices.push_back({device.id, device.transport, d % 3 == 0 ? 0 : 2, {"dev-" + std::to_string(7 - d)}});
+        w.inputDevices.push_back(
+            {device.id, device.transport, d % 3 == 0 ? 0 : 2, {"dev-" + std::to_string(7 - d)}});
     }
     w.inputs.frontmost = [] { return std::optional<std::string>("com.apple.Safari"); };
     w.inputs.runsAsRegularApp = [](std::string_view id) { return id.ends_with('1'); };
@@ -74,8 +75,9 @@ void BM_SmartPass(benchmark::State& s) {
         w.inputs.nowNanos += 2'000'000'000;
         now += 2.0;
         // The runtime's own lookup of the default output in its hardware snapshot.
-        const auto found = std::find_if(w.outputs.begin(), w.outputs.end(),
-                                        [&](const DeviceLiveStatus& d) { return d.id == w.defaultOutputUID; });
+        const auto found = std::find_if(w.outputs.begin(), w.outputs.end(), [&](const DeviceLiveStatus& d) {
+            return d.id == w.defaultOutputUID;
+        });
         w.inputs.defaultOutputName = found->name;
         w.inputs.defaultOutputTransport = found->transport;
         auto plan = SmartTickPolicy::plan(state, w.config, w.inputs);

@@ -25,10 +25,12 @@ class AudioOnsetTrail {
                                                   const FrontmostSource& frontmost);
     // An app began to sound; the alert player is stored once, under the alert key, with the app in
     // front. Returns the log line to write, if any.
-    std::optional<std::string> noteSoundOnset(const std::string& id, double now, const FrontmostSource& frontmost);
+    std::optional<std::string> noteSoundOnset(const std::string& id, double now,
+                                              const FrontmostSource& frontmost);
     void noteOutputMove(const std::string& uid, const std::string& name, double now);
     // The trail as shown: alerts, output moves, and apps the user has not hidden, newest first.
-    std::vector<AudioOnset> currentAudioOnsets(const std::vector<std::string>& hiddenAppIDs, double now) const;
+    std::vector<AudioOnset> currentAudioOnsets(const std::vector<std::string>& hiddenAppIDs,
+                                               double now) const;
 
     // Everything stored, hidden apps included, for inspection.
     const std::map<std::string, AudioOnset, std::less<>>& events() const { return events_; }

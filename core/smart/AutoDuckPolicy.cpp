@@ -2,7 +2,8 @@
 
 namespace tonavi::AutoDuckPolicy {
 
-BundleIDSet ducked(const BundleIDSet& audible, const BundleIDSet& capturing, const BundleIDPredicate& leaveAlone) {
+BundleIDSet ducked(const BundleIDSet& audible, const BundleIDSet& capturing,
+                   const BundleIDPredicate& leaveAlone) {
     BundleIDSet result;
     if (capturing.empty())
         return result;

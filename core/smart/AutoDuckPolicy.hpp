@@ -10,6 +10,7 @@ inline constexpr double duckDB = -12.0;
 
 // Empty while nothing captures. Otherwise every audible app that neither captures (an app in a call
 // is not ducked, even while it plays) nor is left alone.
-BundleIDSet ducked(const BundleIDSet& audible, const BundleIDSet& capturing, const BundleIDPredicate& leaveAlone);
+BundleIDSet ducked(const BundleIDSet& audible, const BundleIDSet& capturing,
+                   const BundleIDPredicate& leaveAlone);
 
 } // namespace tonavi::AutoDuckPolicy

@@ -30,7 +30,8 @@ bool isOutputOnly(const InputCandidate& candidate, const BundleIDSet& outputOnly
     });
 }
 
-std::optional<std::string> firstOf(const std::vector<InputCandidate>& inputs, std::initializer_list<Transport> order) {
+std::optional<std::string> firstOf(const std::vector<InputCandidate>& inputs,
+                                   std::initializer_list<Transport> order) {
     for (Transport transport : order) {
         auto found = std::find_if(inputs.begin(), inputs.end(),
                                   [&](const InputCandidate& c) { return c.transport == transport; });
@@ -42,7 +43,8 @@ std::optional<std::string> firstOf(const std::vector<InputCandidate>& inputs, st
 
 } // namespace
 
-std::vector<InputCandidate> filtered(const std::vector<InputCandidate>& inputs, const BundleIDSet& outputOnlyUIDs) {
+std::vector<InputCandidate> filtered(const std::vector<InputCandidate>& inputs,
+                                     const BundleIDSet& outputOnlyUIDs) {
     std::vector<InputCandidate> kept;
     kept.reserve(inputs.size());
     for (const auto& candidate : inputs) {
@@ -52,7 +54,8 @@ std::vector<InputCandidate> filtered(const std::vector<InputCandidate>& inputs, 
     return kept;
 }
 
-std::optional<std::string> pick(const std::vector<InputCandidate>& inputs, const BundleIDSet& outputOnlyUIDs) {
+std::optional<std::string> pick(const std::vector<InputCandidate>& inputs,
+                                const BundleIDSet& outputOnlyUIDs) {
     const auto usable = filtered(inputs, outputOnlyUIDs);
     if (auto found = firstOf(usable, {Transport::bluetooth, Transport::usb, Transport::builtin}))
         return found;

@@ -21,7 +21,8 @@ struct InputCandidate {
 
 // Drops the microphones of devices the user wants used for output only: an input whose UID is an
 // output-only UID, and a Bluetooth input related to one or naming the same headset. Order is kept.
-std::vector<InputCandidate> filtered(const std::vector<InputCandidate>& inputs, const BundleIDSet& outputOnlyUIDs);
+std::vector<InputCandidate> filtered(const std::vector<InputCandidate>& inputs,
+                                     const BundleIDSet& outputOnlyUIDs);
 
 // The automatic form, for a headset that must give up its microphone: Bluetooth, then USB, then
 // built-in, then anything; it always finds something unless nothing is left.

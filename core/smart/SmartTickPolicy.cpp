@@ -20,7 +20,9 @@ bool contains(const std::vector<std::string>& list, std::string_view id) {
     return std::find(list.begin(), list.end(), id) != list.end();
 }
 
-void unite(BundleIDSet& into, const BundleIDSet& from) { into.insert(from.begin(), from.end()); }
+void unite(BundleIDSet& into, const BundleIDSet& from) {
+    into.insert(from.begin(), from.end());
+}
 
 std::string joined(const BundleIDSet& ids) {
     std::string text;
@@ -40,7 +42,8 @@ bool leavesAlone(const SmartSettings& smart, std::string_view bundleID) {
     return smart.protectMusicApps && LatencySensitiveAppPolicy::prefersDirectSoftMaster(bundleID);
 }
 
-BundleIDSet eligible(const BundleIDSet& ids, const TonaviConfig& config, const BundleIDPredicate& runsAsRegularApp) {
+BundleIDSet eligible(const BundleIDSet& ids, const TonaviConfig& config,
+                     const BundleIDPredicate& runsAsRegularApp) {
     BundleIDSet kept;
     for (const auto& id : ids) {
         if (!TonaviTapSafety::mayCapture(id) || contains(config.hiddenAppIDs, id))
@@ -52,8 +55,8 @@ BundleIDSet eligible(const BundleIDSet& ids, const TonaviConfig& config, const B
     return kept;
 }
 
-BundleIDSet stableAudible(SmartTickState& state, const BundleIDSet& current, const std::vector<std::string>& hiddenAppIDs,
-                          std::uint64_t nowNanos) {
+BundleIDSet stableAudible(SmartTickState& state, const BundleIDSet& current,
+                          const std::vector<std::string>& hiddenAppIDs, std::uint64_t nowNanos) {
     for (const auto& id : current)
         state.audibleLastSeen[id] = nowNanos;
     BundleIDSet audible;
@@ -93,7 +96,8 @@ BundleIDSet applyLoudnessGuard(SmartTickState& state, SmartTickPlan& plan, const
 }
 
 BundleIDSet applyFollowMe(SmartTickState& state, SmartTickPlan& plan, const SmartSettings& smart,
-                          const std::function<std::optional<std::string>()>& frontmost, const BundleIDSet& audible) {
+                          const std::function<std::optional<std::string>()>& frontmost,
+                          const BundleIDSet& audible) {
     if (!smart.followMe) {
         if (state.followMeHeroLast) {
             plan.followMe = SmartTickPlan::FollowMe{std::nullopt, 1.0};
@@ -121,7 +125,8 @@ BundleIDSet applyFollowMe(SmartTickState& state, SmartTickPlan& plan, const Smar
     auto hero = FollowMePolicy::hero(front, candidates, state.followMeHeroLast, TonaviTapSafety::mayCapture);
     if (hero != state.followMeHeroLast)
         plan.logLines.push_back("tonavi: follow-me hero -> " + hero.value_or("none"));
-    const double percent = std::isfinite(smart.followMeBackgroundPercent) ? smart.followMeBackgroundPercent : 100.0;
+    const double percent =
+        std::isfinite(smart.followMeBackgroundPercent) ? smart.followMeBackgroundPercent : 100.0;
     const double background = std::clamp(percent / 100.0, 0.0, 1.0);
     plan.followMe = SmartTickPlan::FollowMe{hero, background};
     state.followMeHeroLast = hero;
@@ -176,7 +181,8 @@ BundleIDSet applyAutoDuck(SmartTickState& state, SmartTickPlan& plan, const Smar
         }
     }
 
-    auto ducked = AutoDuckPolicy::ducked(audible, capturing, [&](std::string_view id) { return leavesAlone(smart, id); });
+    auto ducked = AutoDuckPolicy::ducked(audible, capturing,
+                                         [&](std::string_view id) { return leavesAlone(smart, id); });
     state.lastAutoDuckCount = static_cast<std::int64_t>(ducked.size());
     plan.autoDuckApps = ducked;
     plan.autoDuckDB = ducked.empty() ? 0.0 : smart.autoDuckDepthDB;
@@ -247,7 +253,8 @@ std::vector<MicFollowPolicy::InputCandidate> micFollowCandidates(const std::vect
         if (hidden)
             continue;
         // A virtual input is only used by explicit request.
-        const bool virtualKind = device.transport == Transport::virtual_ || device.transport == Transport::aggregate;
+        const bool virtualKind =
+            device.transport == Transport::virtual_ || device.transport == Transport::aggregate;
         if (virtualKind && !contains(config.smart.preferredMicUIDs, uid))
             continue;
         candidates.push_back({uid, device.transport, device.relatedUIDs});
@@ -264,7 +271,8 @@ std::optional<std::string> micFollowPick(const TonaviConfig& config, bool stageM
         if (memory.outputOnlyMode)
             outputOnly.insert(memory.id);
     }
-    return MicFollowPolicy::pick(micFollowCandidates(devices, config), outputOnly, config.smart.preferredMicUIDs);
+    return MicFollowPolicy::pick(micFollowCandidates(devices, config), outputOnly,
+                                 config.smart.preferredMicUIDs);
 }
 
 std::string micFollowSelectedLine(const std::string& nameOrUID) {

@@ -31,12 +31,13 @@ bool leavesAlone(const SmartSettings& smart, std::string_view bundleID);
 
 // The IDs that may be tapped, are not hidden, and are known audio apps, configured, or regular
 // running apps: a background agent that nobody ever configured is not touched.
-BundleIDSet eligible(const BundleIDSet& ids, const TonaviConfig& config, const BundleIDPredicate& runsAsRegularApp);
+BundleIDSet eligible(const BundleIDSet& ids, const TonaviConfig& config,
+                     const BundleIDPredicate& runsAsRegularApp);
 
 // Smooths activity that flickers between packets: records `current` as heard now, forgets hidden
 // apps and those silent for longer than the hold, and returns the rest.
-BundleIDSet stableAudible(SmartTickState& state, const BundleIDSet& current, const std::vector<std::string>& hiddenAppIDs,
-                          std::uint64_t nowNanos);
+BundleIDSet stableAudible(SmartTickState& state, const BundleIDSet& current,
+                          const std::vector<std::string>& hiddenAppIDs, std::uint64_t nowNanos);
 
 // Each feature step records its engine instructions and log lines in `plan`, updates its edges in
 // `state`, and returns the apps it needs engaged.
@@ -45,7 +46,8 @@ BundleIDSet applyLoudnessGuard(SmartTickState& state, SmartTickPlan& plan, const
                                const BundleIDSet& audible);
 // Reads `state.lastCapturingIDs`, so the capturing set must be stored first.
 BundleIDSet applyFollowMe(SmartTickState& state, SmartTickPlan& plan, const SmartSettings& smart,
-                          const std::function<std::optional<std::string>()>& frontmost, const BundleIDSet& audible);
+                          const std::function<std::optional<std::string>()>& frontmost,
+                          const BundleIDSet& audible);
 BundleIDSet applySoftMaster(SmartTickPlan& plan, const TonaviConfig& config, bool hasHardwareVolume,
                             const BundleIDSet& audible);
 BundleIDSet applyAutoDuck(SmartTickState& state, SmartTickPlan& plan, const SmartSettings& smart,

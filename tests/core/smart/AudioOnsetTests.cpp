@@ -18,8 +18,8 @@ std::vector<std::string> ids(const std::vector<AudioOnset>& onsets) {
 
 TEST(AudioOnsetPolicy, AgoText) {
     const std::pair<double, const char*> cases[] = {
-        {0, "1s ago"},       {0.4, "1s ago"},     {-3, "1s ago"},   {1.5, "2s ago"},  {59.6, "60s ago"},
-        {60, "1m ago"},      {3599, "59m ago"},   {3600, "1h ago"}, {86400, "24h ago"}, {NAN, "1s ago"},
+        {0, "1s ago"},  {0.4, "1s ago"},   {-3, "1s ago"},   {1.5, "2s ago"},    {59.6, "60s ago"},
+        {60, "1m ago"}, {3599, "59m ago"}, {3600, "1h ago"}, {86400, "24h ago"}, {NAN, "1s ago"},
     };
     for (const auto& [seconds, text] : cases)
         EXPECT_EQ(AudioOnsetPolicy::agoText(seconds), text) << seconds;
@@ -51,7 +51,10 @@ TEST(AudioOnsetTrail, AlertsShareOneEntryAndNameTheAppInFront) {
     AudioOnsetTrail trail;
     int asked = 0;
     std::optional<std::string> front;
-    const auto frontmost = [&] { ++asked; return front; };
+    const auto frontmost = [&] {
+        ++asked;
+        return front;
+    };
     EXPECT_EQ(trail.noteSoundOnset("com.app", t0, frontmost), std::nullopt);
     EXPECT_EQ(asked, 0); // only an alert needs the app in front
     EXPECT_EQ(trail.noteSoundOnset("systemsoundserverd", t0 + 1, frontmost),
@@ -75,7 +78,8 @@ TEST(AudioOnsetTrail, HiddenAppsAreStoredButNotShownAndOldEventsArePruned) {
     trail.recordPlaybackOnsets({"com.hidden", "com.shown"}, t0, {});
     const std::vector<std::string> hidden{"com.hidden", "output:x"};
     EXPECT_EQ(ids(trail.currentAudioOnsets(hidden, t0 + 10)), (std::vector<std::string>{"com.shown"}));
-    EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 10)), (std::vector<std::string>{"com.hidden", "com.shown"}));
+    EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 10)),
+              (std::vector<std::string>{"com.hidden", "com.shown"}));
 
     trail.noteOutputMove("x", "X", t0 + 301); // prunes, but 301 s old is kept until 302
     EXPECT_EQ(trail.events().size(), 3u);

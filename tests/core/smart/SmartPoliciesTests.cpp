@@ -22,14 +22,15 @@ TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
         Opt hero;
     } cases[] = {
         {"com.front", {"com.front", "com.music"}, "com.music", "com.front"},
-        {"com.editor", {"com.music"}, "com.music", "com.music"},       // silent app in front keeps the hero
+        {"com.editor", {"com.music"}, "com.music", "com.music"}, // silent app in front keeps the hero
         {"com.blocked", {"com.blocked", "com.music"}, "com.music", "com.music"}, // refused front falls back
-        {"com.blocked", {"com.blocked"}, "com.blocked", "com.blocked"}, // the held one is not asked
-        {"com.front", {}, "com.music", std::nullopt},                 // nothing audible: none
+        {"com.blocked", {"com.blocked"}, "com.blocked", "com.blocked"},          // the held one is not asked
+        {"com.front", {}, "com.music", std::nullopt},                            // nothing audible: none
         {std::nullopt, {"com.music"}, std::nullopt, std::nullopt},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(FollowMePolicy::hero(c.frontmost, c.audible, c.held, refuse), c.hero) << c.frontmost.value_or("-");
+        EXPECT_EQ(FollowMePolicy::hero(c.frontmost, c.audible, c.held, refuse), c.hero)
+            << c.frontmost.value_or("-");
 }
 
 TEST(AutoDuckPolicy, DucksAudibleAppsThatNeitherCaptureNorAreLeftAlone) {
@@ -53,10 +54,14 @@ TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
         const char* name;
         bool protectedOutput;
     } cases[] = {
-        {Transport::usb, "Studio Headphones", true}, {Transport::usb, "JBL Speaker", false},
-        {Transport::bluetooth, "JBL Speaker", true}, {Transport::builtin, "Bose Home", false},
-        {Transport::other, "", false},               {Transport::builtin, "External HEADSET", true},
-        {Transport::usb, "AirPods Max", true},       {Transport::airplay, "Living Room", false},
+        {Transport::usb, "Studio Headphones", true},
+        {Transport::usb, "JBL Speaker", false},
+        {Transport::bluetooth, "JBL Speaker", true},
+        {Transport::builtin, "Bose Home", false},
+        {Transport::other, "", false},
+        {Transport::builtin, "External HEADSET", true},
+        {Transport::usb, "AirPods Max", true},
+        {Transport::airplay, "Living Room", false},
     };
     for (const auto& c : cases)
         EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(c.transport, c.name), c.protectedOutput) << c.name;
@@ -65,7 +70,7 @@ TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
 TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
     const std::vector<InputCandidate> inputs{
         {"X:input", Transport::bluetooth, {}},
-        {"X:output", Transport::usb, {}},       // not Bluetooth: only an exact UID drops it
+        {"X:output", Transport::usb, {}}, // not Bluetooth: only an exact UID drops it
         {"Y:input", Transport::usb, {}},
         {"Z", Transport::bluetooth, {"X:output"}}, // related to the output-only headset
         {"W", Transport::builtin, {"X:output"}},

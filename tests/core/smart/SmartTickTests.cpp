@@ -36,13 +36,16 @@ TEST(SmartTick, AudibleHoldsForTwoAndAHalfSecondsAndForgetsHiddenAppsAtOnce) {
         std::vector<std::string> hidden;
         bool audible;
     } cases[] = {
-        {10 * second, 12 * second + second / 2, {}, true}, {10 * second, 12 * second + second / 2 + 1, {}, false},
-        {10 * second, 10 * second, {"a"}, false},          {10 * second, 9 * second, {}, false}, // clock behind
+        {10 * second, 12 * second + second / 2, {}, true},
+        {10 * second, 12 * second + second / 2 + 1, {}, false},
+        {10 * second, 10 * second, {"a"}, false},
+        {10 * second, 9 * second, {}, false}, // clock behind
     };
     for (const auto& c : cases) {
         SmartTickState state;
         state.audibleLastSeen["a"] = c.seen;
-        EXPECT_EQ(SmartTickPolicy::stableAudible(state, {}, c.hidden, c.now).contains("a"), c.audible) << c.now;
+        EXPECT_EQ(SmartTickPolicy::stableAudible(state, {}, c.hidden, c.now).contains("a"), c.audible)
+            << c.now;
         EXPECT_EQ(state.audibleLastSeen.contains("a"), c.audible); // whatever is not audible is forgotten
     }
 }
@@ -54,9 +57,16 @@ TEST(SmartTick, EligibilityFilterOrder) {
     tool.id = "com.example.tool";
     config.upsertApp(tool);
     BundleIDSet asked;
-    const auto regular = [&](std::string_view id) { asked.emplace(id); return id == "com.example.windowed"; };
-    const BundleIDSet ids{spotify, "com.rogueamoeba.Loopback", "com.apple.Music", "com.example.tool",
-                          "com.example.windowed", "com.example.agent"};
+    const auto regular = [&](std::string_view id) {
+        asked.emplace(id);
+        return id == "com.example.windowed";
+    };
+    const BundleIDSet ids{spotify,
+                          "com.rogueamoeba.Loopback",
+                          "com.apple.Music",
+                          "com.example.tool",
+                          "com.example.windowed",
+                          "com.example.agent"};
     EXPECT_EQ(SmartTickPolicy::eligible(ids, config, regular),
               (BundleIDSet{spotify, "com.example.tool", "com.example.windowed"}));
     EXPECT_EQ(asked, (BundleIDSet{"com.example.agent", "com.example.windowed"})); // the last resort only
@@ -114,7 +124,10 @@ TEST(SmartTick, LoudnessGuardFollowsTheOutputAndReleasesOnItsEdge) {
     } steps[] = {
         {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}},
         {"", Transport::other, std::nullopt, false, {}}, // the default output is not in the snapshot
-        {"External Headphones", Transport::builtin, SmartTickPlan::LoudnessGuard{true, -3}, true,
+        {"External Headphones",
+         Transport::builtin,
+         SmartTickPlan::LoudnessGuard{true, -3},
+         true,
          {"tonavi: loudness guard ON, ceiling -3 dBFS on headphones"}},
         {"Buds", Transport::bluetooth, SmartTickPlan::LoudnessGuard{true, -3}, true, {}},
         {"MacBook Pro Speakers", Transport::builtin, SmartTickPlan::LoudnessGuard{false, 0}, false, {}},
@@ -201,9 +214,9 @@ TEST(SmartTick, MicFollowCandidatesAndStageMode) {
     config.bluetooth[0].id = "H:output";
     config.bluetooth[0].outputOnlyMode = true;
     const std::vector<SmartInputDevice> devices{
-        {std::nullopt, Transport::usb, 2, {}},  {"speaker", Transport::builtin, 0, {}},
-        {"hid", Transport::usb, 1, {}},         {"agg", Transport::aggregate, 2, {}},
-        {"loop", Transport::virtual_, 2, {}},   {"H:input", Transport::bluetooth, 1, {}},
+        {std::nullopt, Transport::usb, 2, {}}, {"speaker", Transport::builtin, 0, {}},
+        {"hid", Transport::usb, 1, {}},        {"agg", Transport::aggregate, 2, {}},
+        {"loop", Transport::virtual_, 2, {}},  {"H:input", Transport::bluetooth, 1, {}},
         {"mac", Transport::builtin, 1, {}},
     };
     std::vector<std::string> uids;
