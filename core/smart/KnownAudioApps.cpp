@@ -35,10 +35,6 @@ constexpr std::array<std::string_view, 84> list{
 
 } // namespace
 
-std::span<const std::string_view> fragments() {
-    return list;
-}
-
 bool isAudioApp(std::string_view bundleID) {
     std::string lower(bundleID);
     std::transform(lower.begin(), lower.end(), lower.begin(),

@@ -2,12 +2,10 @@
 // Bundle-identifier fragments of apps known to play or capture sound: browsers, players, music and
 // video tools, call and streaming apps. An unconfigured app that matches counts as an audio app.
 
-#include <span>
 #include <string_view>
 
 namespace tonavi::KnownAudioApps {
 
-std::span<const std::string_view> fragments();
 // True when the lower-cased ID contains any fragment.
 bool isAudioApp(std::string_view bundleID);
 

@@ -1,6 +1,5 @@
 #include "core/smart/AutoDuckPolicy.hpp"
 #include "core/smart/FollowMePolicy.hpp"
-#include "core/smart/KnownAudioApps.hpp"
 #include "core/smart/LoudnessGuardPolicy.hpp"
 #include "core/smart/MicFollowPolicy.hpp"
 
@@ -114,16 +113,6 @@ TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
         EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly), c.automatic);
         EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly, c.preferred), c.preferredPick);
     }
-}
-
-TEST(KnownAudioApps, MatchesFragmentsCaseInsensitively) {
-    EXPECT_EQ(KnownAudioApps::fragments().size(), 84u);
-    EXPECT_EQ(KnownAudioApps::fragments().front(), "safari");
-    EXPECT_EQ(KnownAudioApps::fragments().back(), "quicktimeplayer");
-    for (const char* id : {"com.spotify.client", "COM.APPLE.MUSIC", "us.zoom.xos", "org.FL Studio.app"})
-        EXPECT_TRUE(KnownAudioApps::isAudioApp(id)) << id;
-    for (const char* id : {"com.apple.finder", "com.example.agent", ""})
-        EXPECT_FALSE(KnownAudioApps::isAudioApp(id)) << id;
 }
 
 } // namespace

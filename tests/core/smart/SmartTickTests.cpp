@@ -62,13 +62,14 @@ TEST(SmartTick, EligibilityFilterOrder) {
         return id == "com.example.windowed";
     };
     const BundleIDSet ids{spotify,
+                          "COM.Example.FL Studio", // known fragments match in any case
                           "com.rogueamoeba.Loopback",
                           "com.apple.Music",
                           "com.example.tool",
                           "com.example.windowed",
                           "com.example.agent"};
     EXPECT_EQ(SmartTickPolicy::eligible(ids, config, regular),
-              (BundleIDSet{spotify, "com.example.tool", "com.example.windowed"}));
+              (BundleIDSet{spotify, "COM.Example.FL Studio", "com.example.tool", "com.example.windowed"}));
     EXPECT_EQ(asked, (BundleIDSet{"com.example.agent", "com.example.windowed"})); // the last resort only
 }
 
