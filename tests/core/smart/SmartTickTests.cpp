@@ -240,15 +240,10 @@ TEST(SmartTick, LiveStatusReportsTheLatestPass) {
     p.run({safari, spotify, zoom}, {zoom});
     const auto status = SmartTickPolicy::liveStatus(
         p.state, p.config.smart, {"AirPods", "Mic", [](const std::string& id) { return "<" + id + ">"; }});
-    SmartLiveStatus expected;
-    expected.followMeHeroID = safari;
-    expected.followMeHeroName = "<" + safari + ">";
-    expected.loudnessGuardActive = true;
-    expected.loudnessGuardOutputName = "AirPods";
-    expected.autoDuckActive = true;
-    expected.autoDuckCount = 2;
-    expected.autoDuckMicNames = {"<" + zoom + ">"};
-    EXPECT_EQ(status, expected); // Mic follow is off: no input name
+    // Mic follow is off: no input name.
+    const SmartLiveStatus expected{safari, "<" + safari + ">", true, "AirPods",
+                                   true,   {"<" + zoom + ">"}, 2,    {}};
+    EXPECT_EQ(status, expected);
 }
 
 } // namespace
