@@ -1,0 +1,119 @@
+#include "core/smart/AutoDuckPolicy.hpp"
+#include "core/smart/FollowMePolicy.hpp"
+#include "core/smart/LoudnessGuardPolicy.hpp"
+#include "core/smart/MicFollowPolicy.hpp"
+
+#include <gtest/gtest.h>
+
+namespace tonavi {
+namespace {
+
+using Transport = DeviceLiveStatus::Transport;
+using MicFollowPolicy::InputCandidate;
+using Opt = std::optional<std::string>;
+
+TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
+    const auto refuse = [](std::string_view id) { return id != "com.blocked"; };
+    struct Case {
+        Opt frontmost;
+        BundleIDSet audible;
+        Opt held;
+        Opt hero;
+    } cases[] = {
+        {"com.front", {"com.front", "com.music"}, "com.music", "com.front"},
+        {"com.editor", {"com.music"}, "com.music", "com.music"}, // silent app in front keeps the hero
+        {"com.blocked", {"com.blocked", "com.music"}, "com.music", "com.music"}, // refused front falls back
+        {"com.blocked", {"com.blocked"}, "com.blocked", "com.blocked"},          // the held one is not asked
+        {"com.front", {}, "com.music", std::nullopt},                            // nothing audible: none
+        {std::nullopt, {"com.music"}, std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(FollowMePolicy::hero(c.frontmost, c.audible, c.held, refuse), c.hero)
+            << c.frontmost.value_or("-");
+}
+
+TEST(AutoDuckPolicy, DucksAudibleAppsThatNeitherCaptureNorAreLeftAlone) {
+    const auto leaveAlone = [](std::string_view id) { return id == "com.calm"; };
+    struct Case {
+        BundleIDSet audible, capturing, ducked;
+    } cases[] = {
+        {{"a", "b", "c"}, {}, {}},
+        {{"a", "b", "zoom"}, {"zoom"}, {"a", "b"}},
+        {{"a", "com.calm"}, {"mic"}, {"a"}},
+        {{}, {"mic"}, {}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(AutoDuckPolicy::ducked(c.audible, c.capturing, leaveAlone), c.ducked);
+    EXPECT_EQ(AutoDuckPolicy::duckDB, -12.0);
+}
+
+TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
+    struct Case {
+        Transport transport;
+        const char* name;
+        bool protectedOutput;
+    } cases[] = {
+        {Transport::usb, "Studio Headphones", true},
+        {Transport::usb, "JBL Speaker", false},
+        {Transport::bluetooth, "JBL Speaker", true},
+        {Transport::builtin, "Bose Home", false},
+        {Transport::other, "", false},
+        {Transport::builtin, "External HEADSET", true},
+        {Transport::usb, "AirPods Max", true},
+        {Transport::airplay, "Living Room", false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(c.transport, c.name), c.protectedOutput) << c.name;
+}
+
+TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
+    const std::vector<InputCandidate> inputs{
+        {"X:input", Transport::bluetooth, {}},
+        {"X:output", Transport::usb, {}}, // not Bluetooth: only an exact UID drops it
+        {"Y:input", Transport::usb, {}},
+        {"Z", Transport::bluetooth, {"X:output"}}, // related to the output-only headset
+        {"W", Transport::builtin, {"X:output"}},
+    };
+    struct Case {
+        BundleIDSet outputOnly;
+        std::vector<std::string> kept;
+    } cases[] = {
+        {{"X:output"}, {"Y:input", "W"}},
+        {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
+        {{"Y:input"}, {"X:input", "X:output", "Z", "W"}},
+        {{""}, {"X:input", "X:output", "Y:input", "Z", "W"}},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> kept;
+        for (const auto& candidate : MicFollowPolicy::filtered(inputs, c.outputOnly))
+            kept.push_back(candidate.uid);
+        EXPECT_EQ(kept, c.kept) << *c.outputOnly.begin();
+    }
+}
+
+TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
+    const InputCandidate usb{"usb", Transport::usb, {}}, builtin{"mac", Transport::builtin, {}},
+        other{"odd", Transport::other, {}}, bt{"H:input", Transport::bluetooth, {}},
+        usb2{"usb2", Transport::usb, {}};
+    struct Case {
+        std::vector<InputCandidate> inputs;
+        BundleIDSet outputOnly;
+        std::vector<std::string> preferred;
+        Opt automatic, preferredPick;
+    } cases[] = {
+        {{builtin, usb}, {}, {}, "usb", "mac"},
+        {{other}, {}, {}, "odd", std::nullopt},
+        {{}, {}, {"usb"}, std::nullopt, std::nullopt},
+        {{builtin, usb, bt}, {}, {}, "H:input", "H:input"},
+        {{builtin, usb, bt}, {"H:output"}, {"H:input"}, "usb", "mac"}, // a dropped preference is ignored
+        {{builtin, usb, usb2}, {}, {"gone", "usb2", "usb"}, "usb", "usb2"},
+        {{other, builtin}, {}, {"odd"}, "mac", "odd"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly), c.automatic);
+        EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly, c.preferred), c.preferredPick);
+    }
+}
+
+} // namespace
+} // namespace tonavi

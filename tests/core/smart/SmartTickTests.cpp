@@ -1,0 +1,250 @@
+#include "core/smart/SmartTickPolicy.hpp"
+
+#include <gtest/gtest.h>
+
+namespace tonavi {
+namespace {
+
+using Transport = DeviceLiveStatus::Transport;
+using Lines = std::vector<std::string>;
+constexpr std::uint64_t second = 1'000'000'000;
+const std::string spotify = "com.spotify.client", safari = "com.apple.Safari", zoom = "us.zoom.xos",
+                  live = "com.ableton.live";
+
+// Drives consecutive passes the way the runtime does, with the clock two seconds on each time.
+struct Passes {
+    TonaviConfig config;
+    SmartTickState state;
+    SmartTickInputs inputs;
+    std::optional<std::string> front;
+
+    Passes() {
+        inputs.frontmost = [this] { return front; };
+        inputs.runsAsRegularApp = [](std::string_view) { return false; };
+    }
+    SmartTickPlan run(BundleIDSet playing, BundleIDSet capturing = {}) {
+        inputs.playing = std::move(playing);
+        inputs.capturing = std::move(capturing);
+        inputs.nowNanos += 2 * second;
+        return SmartTickPolicy::plan(state, config, inputs);
+    }
+};
+
+TEST(SmartTick, AudibleHoldsForTwoAndAHalfSecondsAndForgetsHiddenAppsAtOnce) {
+    struct Case {
+        std::uint64_t seen, now;
+        std::vector<std::string> hidden;
+        bool audible;
+    } cases[] = {
+        {10 * second, 12 * second + second / 2, {}, true},
+        {10 * second, 12 * second + second / 2 + 1, {}, false},
+        {10 * second, 10 * second, {"a"}, false},
+        {10 * second, 9 * second, {}, false}, // clock behind
+    };
+    for (const auto& c : cases) {
+        SmartTickState state;
+        state.audibleLastSeen["a"] = c.seen;
+        EXPECT_EQ(SmartTickPolicy::stableAudible(state, {}, c.hidden, c.now).contains("a"), c.audible)
+            << c.now;
+        EXPECT_EQ(state.audibleLastSeen.contains("a"), c.audible); // whatever is not audible is forgotten
+    }
+}
+
+TEST(SmartTick, EligibilityFilterOrder) {
+    TonaviConfig config;
+    config.hiddenAppIDs = {"com.apple.Music"};
+    AppAudioState tool;
+    tool.id = "com.example.tool";
+    config.upsertApp(tool);
+    BundleIDSet asked;
+    const auto regular = [&](std::string_view id) {
+        asked.emplace(id);
+        return id == "com.example.windowed";
+    };
+    const BundleIDSet ids{spotify,
+                          "COM.Example.FL Studio", // known fragments match in any case
+                          "com.rogueamoeba.Loopback",
+                          "com.apple.Music",
+                          "com.example.tool",
+                          "com.example.windowed",
+                          "com.example.agent"};
+    EXPECT_EQ(SmartTickPolicy::eligible(ids, config, regular),
+              (BundleIDSet{spotify, "COM.Example.FL Studio", "com.example.tool", "com.example.windowed"}));
+    EXPECT_EQ(asked, (BundleIDSet{"com.example.agent", "com.example.windowed"})); // the last resort only
+}
+
+TEST(SmartTick, FollowMeKeepsHeldHeroAndEngagesOnlyWhenItLowersSomething) {
+    Passes p;
+    p.config.smart.followMe = true;
+    p.config.smart.followMeBackgroundPercent = 100;
+    p.front = safari;
+    auto plan = p.run({spotify, safari});
+    EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{safari, 1.0}));
+    EXPECT_TRUE(plan.forceEngaged.empty());
+    EXPECT_EQ(plan.logLines, (Lines{"tonavi: follow-me sees frontmost com.apple.Safari",
+                                    "tonavi: follow-me hero -> com.apple.Safari"}));
+
+    p.config.smart.followMeBackgroundPercent = 20;
+    p.front = "com.apple.TextEdit"; // silent app in front: the hero stays
+    plan = p.run({spotify, safari});
+    EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{safari, 0.2}));
+    EXPECT_EQ(plan.forceEngaged, (BundleIDSet{safari, spotify}));
+    EXPECT_EQ(plan.logLines, (Lines{"tonavi: follow-me sees frontmost com.apple.TextEdit"}));
+
+    p.config.smart.followMe = false;
+    plan = p.run({spotify, safari});
+    EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{std::nullopt, 1.0}));
+    EXPECT_EQ(p.run({spotify, safari}).followMe, std::nullopt); // released once
+}
+
+TEST(SmartTick, LeftAloneAndCapturingAppsAreProtectedInTheSamePass) {
+    Passes p;
+    p.config.smart.followMe = true;
+    p.config.smart.leaveAloneBundleIDs = {spotify};
+    p.front = spotify;
+    auto plan = p.run({spotify, safari, live, zoom}, {zoom});
+    EXPECT_EQ(plan.smartProtected, (BundleIDSet{live, spotify, zoom}));
+    EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{std::nullopt, 0.0}));
+    p.front = zoom;
+    EXPECT_EQ(p.run({spotify, safari, zoom}, {zoom}).followMe->hero, std::nullopt);
+    p.front = safari;
+    plan = p.run({spotify, safari, zoom}, {zoom});
+    EXPECT_EQ(plan.followMe->hero, safari);
+    EXPECT_EQ(plan.forceEngaged, (BundleIDSet{safari})); // never the protected ones
+}
+
+TEST(SmartTick, LoudnessGuardFollowsTheOutputAndReleasesOnItsEdge) {
+    Passes p;
+    p.config.smart.loudnessGuard = true;
+    struct Step {
+        const char* name;
+        Transport transport;
+        std::optional<SmartTickPlan::LoudnessGuard> call;
+        bool engages;
+        Lines log;
+    } steps[] = {
+        {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}},
+        {"", Transport::other, std::nullopt, false, {}}, // the default output is not in the snapshot
+        {"External Headphones",
+         Transport::builtin,
+         SmartTickPlan::LoudnessGuard{true, -3},
+         true,
+         {"tonavi: loudness guard ON, ceiling -3 dBFS on headphones"}},
+        {"Buds", Transport::bluetooth, SmartTickPlan::LoudnessGuard{true, -3}, true, {}},
+        {"MacBook Pro Speakers", Transport::builtin, SmartTickPlan::LoudnessGuard{false, 0}, false, {}},
+        {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}},
+    };
+    for (const auto& s : steps) {
+        p.inputs.defaultOutputName = s.name;
+        p.inputs.defaultOutputTransport = s.transport;
+        const auto plan = p.run({spotify});
+        EXPECT_EQ(plan.loudnessGuard, s.call) << s.name;
+        EXPECT_EQ(plan.forceEngaged.contains(spotify), s.engages) << s.name;
+        EXPECT_EQ(plan.logLines, s.log) << s.name;
+    }
+}
+
+TEST(SmartTick, AutoDuckEdgeFollowsTheMicrophoneAndRuleTargetsAreEngaged) {
+    Passes p;
+    p.config.smart.autoDuck = true;
+    AutoDuckRule rule;
+    rule.triggerBundleID = safari;
+    rule.duckedBundleIDs = {spotify, "x"};
+    p.config.duckRules = {rule};
+    struct Step {
+        BundleIDSet playing, capturing, ducked, engaged;
+        double db;
+        Lines log;
+    } steps[] = {
+        {{zoom}, {zoom}, {}, {}, 0, {"tonavi: auto-duck ON, mic live in us.zoom.xos; easing 0 app(s)"}},
+        {{zoom, spotify}, {zoom}, {spotify}, {spotify}, -12, {}},
+        {{spotify}, {}, {}, {}, 0, {"tonavi: auto-duck released, mic quiet"}},
+        {{spotify, safari}, {}, {}, {spotify}, 0, {}}, // the rule's target, for the ducker to reach
+    };
+    for (const auto& s : steps) {
+        p.inputs.nowNanos += 10 * second; // past the hold, so each step stands alone
+        const auto plan = p.run(s.playing, s.capturing);
+        EXPECT_EQ(plan.autoDuckApps, s.ducked);
+        EXPECT_EQ(plan.forceEngaged, s.engaged);
+        EXPECT_EQ(plan.autoDuckDB, s.db);
+        EXPECT_EQ(plan.logLines, s.log);
+    }
+    EXPECT_EQ(p.run({spotify, safari}).activeTriggers, (BundleIDSet{safari}));
+    p.run({spotify}, {zoom});
+    p.config.smart.autoDuck = false;
+    const auto off = p.run({spotify}, {zoom});
+    EXPECT_EQ(off.logLines, (Lines{"tonavi: auto-duck released (feature off)"}));
+    EXPECT_TRUE(off.activeTriggers.empty());
+    EXPECT_EQ(p.state.lastAutoDuckCount, 0);
+}
+
+TEST(SmartTick, SoftMasterSoloAndManualDuckNeeds) {
+    Passes p;
+    p.inputs.hasHardwareVolume = false;
+    struct Case {
+        double percent;
+        bool muted;
+        double gain;
+        BundleIDSet engaged;
+    } cases[] = {{100, false, 1.0, {}}, {50, false, 0.5, {spotify}}, {100, true, 0.0, {spotify}}};
+    for (const auto& c : cases) {
+        p.config.softMasterPercent = c.percent;
+        p.config.softMasterMuted = c.muted;
+        const auto plan = p.run({spotify, live}); // a music tool keeps the direct path
+        EXPECT_EQ(plan.softMasterGain, c.gain);
+        EXPECT_EQ(plan.forceEngaged, c.engaged);
+    }
+    p.config.softMasterPercent = 100;
+    p.config.softMasterMuted = false;
+    p.inputs.soloActive = true;
+    p.inputs.soloedBundleIDs = {spotify};
+    EXPECT_EQ(p.run({spotify, safari}).forceEngaged, (BundleIDSet{safari}));
+    p.inputs.soloActive = false;
+    p.inputs.manualDuckDB = -6;
+    EXPECT_EQ(p.run({spotify, safari}).forceEngaged, (BundleIDSet{safari, spotify}));
+}
+
+TEST(SmartTick, MicFollowCandidatesAndStageMode) {
+    TonaviConfig config;
+    config.smart.micFollow = true;
+    config.smart.preferredMicUIDs = {"loop"};
+    config.devices.resize(1);
+    config.devices[0].id = "hid";
+    config.devices[0].hidden = true;
+    config.bluetooth.resize(1);
+    config.bluetooth[0].id = "H:output";
+    config.bluetooth[0].outputOnlyMode = true;
+    const std::vector<SmartInputDevice> devices{
+        {std::nullopt, Transport::usb, 2, {}}, {"speaker", Transport::builtin, 0, {}},
+        {"hid", Transport::usb, 1, {}},        {"agg", Transport::aggregate, 2, {}},
+        {"loop", Transport::virtual_, 2, {}},  {"H:input", Transport::bluetooth, 1, {}},
+        {"mac", Transport::builtin, 1, {}},
+    };
+    std::vector<std::string> uids;
+    for (const auto& c : SmartTickPolicy::micFollowCandidates(devices, config))
+        uids.push_back(c.uid);
+    EXPECT_EQ(uids, (std::vector<std::string>{"loop", "H:input", "mac"}));
+    EXPECT_EQ(SmartTickPolicy::micFollowPick(config, false, devices), "loop");
+    config.smart.preferredMicUIDs.clear();
+    EXPECT_EQ(SmartTickPolicy::micFollowPick(config, false, devices), "mac"); // the headset is output-only
+    EXPECT_EQ(SmartTickPolicy::micFollowPick(config, true, devices), std::nullopt);
+}
+
+TEST(SmartTick, LiveStatusReportsTheLatestPass) {
+    Passes p;
+    p.config.smart.followMe = p.config.smart.loudnessGuard = p.config.smart.autoDuck = true;
+    p.config.smart.followMeBackgroundPercent = 30;
+    p.inputs.defaultOutputName = "AirPods";
+    p.inputs.defaultOutputTransport = Transport::bluetooth;
+    p.front = safari;
+    p.run({safari, spotify, zoom}, {zoom});
+    const auto status = SmartTickPolicy::liveStatus(
+        p.state, p.config.smart, {"AirPods", "Mic", [](const std::string& id) { return "<" + id + ">"; }});
+    // Mic follow is off: no input name.
+    const SmartLiveStatus expected{safari, "<" + safari + ">", true, "AirPods",
+                                   true,   {"<" + zoom + ">"}, 2,    {}};
+    EXPECT_EQ(status, expected);
+}
+
+} // namespace
+} // namespace tonavi
