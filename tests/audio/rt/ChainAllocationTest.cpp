@@ -1,19 +1,19 @@
 // The equaliser, the dynamics, the effect chain and global listening must run their audio path
 // without touching the heap, every buffer, however their settings ask them to work.
 
-#include "audio/BalancePanSettingsJSON.hpp"
-#include "audio/BundledHeadphoneProfiles.hpp"
-#include "audio/ChainSettingsJSON.hpp"
-#include "audio/EQ10.hpp"
-#include "audio/EQPresets.hpp"
-#include "audio/EffectSettingsJSON.hpp"
-#include "audio/GlobalListeningProcessor.hpp"
-#include "audio/HeadphoneProfileJSON.hpp"
-#include "audio/MagicLeveler.hpp"
-#include "audio/NoiseSuppressorSettingsJSON.hpp"
-#include "audio/OneKnobCompressor.hpp"
-#include "audio/OverdriveLimiter.hpp"
-#include "audio/RenderChain.hpp"
+#include "audio/chain/ChainSettingsJSON.hpp"
+#include "audio/chain/RenderChain.hpp"
+#include "audio/effects/BalancePanSettingsJSON.hpp"
+#include "audio/effects/EQ10.hpp"
+#include "audio/effects/EQPresets.hpp"
+#include "audio/effects/EffectSettingsJSON.hpp"
+#include "audio/effects/MagicLeveler.hpp"
+#include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
+#include "audio/effects/OneKnobCompressor.hpp"
+#include "audio/effects/OverdriveLimiter.hpp"
+#include "audio/headphone/BundledHeadphoneProfiles.hpp"
+#include "audio/headphone/HeadphoneProfileJSON.hpp"
+#include "audio/listening/GlobalListeningProcessor.hpp"
 
 #include "tests/audio/rt/AllocationCounter.hpp"
 

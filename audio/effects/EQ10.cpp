@@ -1,0 +1,33 @@
+#include "audio/effects/EQ10.hpp"
+
+#include <algorithm>
+#include <cmath>
+
+namespace kavore {
+
+void EQ10::configure(const EQ10Settings& settings, double sampleRate) {
+    const bool anyGain = std::any_of(settings.bandGainsDB.begin(), settings.bandGainsDB.end(),
+                                     [](double g) { return std::fabs(g) >= 0.01; });
+    active_ = settings.enabled && (std::fabs(settings.preampDB) >= 0.01 || anyGain);
+    preampLinear_ = settings.preampDB <= -120.0 ? 0.0 : std::pow(10.0, settings.preampDB / 20.0);
+    for (std::size_t i = 0; i < bands_.size(); ++i)
+        bands_[i].setPeaking(bandFrequencies[i], sampleRate, settings.bandGainsDB[i], bandQ);
+}
+
+void EQ10::process(std::span<float> buffer) {
+    if (!active_)
+        return;
+    for (float& sample : buffer) {
+        double x = static_cast<double>(sample) * preampLinear_;
+        for (Biquad& band : bands_)
+            x = band.process(x);
+        sample = static_cast<float>(x);
+    }
+}
+
+void EQ10::reset() {
+    for (Biquad& band : bands_)
+        band.clearState();
+}
+
+} // namespace kavore
