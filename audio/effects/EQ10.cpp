@@ -1,5 +1,7 @@
 #include "audio/effects/EQ10.hpp"
 
+#include "audio/primitives/BiquadCascade.hpp"
+
 #include <algorithm>
 #include <cmath>
 
@@ -17,11 +19,16 @@ void EQ10::configure(const EQ10Settings& settings, double sampleRate) {
 void EQ10::process(std::span<float> buffer) {
     if (!active_)
         return;
-    for (float& sample : buffer) {
-        double x = static_cast<double>(sample) * preampLinear_;
-        for (Biquad& band : bands_)
-            x = band.process(x);
-        sample = static_cast<float>(x);
+    // The signal stays in double between bands, as in a per-sample cascade.
+    double block[BiquadCascade::blockSize];
+    for (std::size_t start = 0; start < buffer.size(); start += BiquadCascade::blockSize) {
+        const std::size_t n = std::min(BiquadCascade::blockSize, buffer.size() - start);
+        float* const samples = buffer.data() + start;
+        for (std::size_t i = 0; i < n; ++i)
+            block[i] = static_cast<double>(samples[i]) * preampLinear_;
+        BiquadCascade::process(bands_, std::span<double>(block, n));
+        for (std::size_t i = 0; i < n; ++i)
+            samples[i] = static_cast<float>(block[i]);
     }
 }
 

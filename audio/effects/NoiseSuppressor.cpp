@@ -1,5 +1,8 @@
 #include "audio/effects/NoiseSuppressor.hpp"
 
+#include "audio/primitives/EnvelopeFollower.hpp"
+#include "audio/primitives/FastMath.hpp"
+
 #include <algorithm>
 #include <cmath>
 
@@ -19,8 +22,12 @@ double smoothingCoefficient(double sampleRate, double seconds) {
     return std::exp(-1.0 / (sampleRate * seconds));
 }
 
+// 20 log10(v) = (20 / ln 10) ln(v), and 10^(g/20) = exp(g ln 10 / 20).
+constexpr double k20OverLn10 = 8.6858896380650365530225783783321;
+constexpr double kLn10Over20 = 0.11512925464970228420089957273422;
+
 double levelDB(double magnitude) {
-    return 20.0 * std::log10(magnitude + 1e-12);
+    return k20OverLn10 * FastMath::ln(magnitude + 1e-12);
 }
 } // namespace
 
@@ -43,38 +50,57 @@ void NoiseSuppressor::configure(const NoiseSuppressorSettings& settings, double 
     hissRight_.setHighShelf(hissShelfHz, sampleRate, shelfDB, hissShelfQ);
 }
 
-double NoiseSuppressor::gainFor(double level) {
-    const double c = envelope_ < level ? attackCoeff_ : releaseCoeff_;
-    envelope_ = envelope_ * c + level * (1.0 - c);
-    if (envelope_ >= thresholdDB_) {
-        return 1.0;
-    }
-    const double under = thresholdDB_ - envelope_;
+double NoiseSuppressor::gainAt(double envelope) const {
+    // Both outcomes are computed and one selected, so that the gain pass runs as vector code.
+    const double under = thresholdDB_ - envelope;
     const double gainDB = std::max(floorDB_, -(under * (slope_ - 1.0)));
-    return gainDB <= -120.0 ? 0.0 : std::pow(10.0, gainDB / 20.0);
+    const double expanded = FastMath::exp(gainDB * kLn10Over20);
+    const bool open = envelope >= thresholdDB_;
+    const bool closed = gainDB <= -120.0;
+    return open ? 1.0 : (closed ? 0.0 : expanded);
 }
 
 void NoiseSuppressor::process(std::span<float> buffer) {
     if (!active_) {
         return;
     }
+    const EnvelopeFollower follower{attackCoeff_, releaseCoeff_};
+    // Per block of pairs: the levels and the gains are independent per pair and run as vector
+    // code around the envelope's recurrence; the shelves, one per channel, follow.
+    constexpr std::size_t blockPairs = 128;
+    double gain[blockPairs];
     const std::size_t pairs = buffer.size() / 2;
-    for (std::size_t i = 0; i < pairs; ++i) {
-        double left = buffer[2 * i];
-        double right = buffer[2 * i + 1];
-        const double g = gainFor(levelDB(std::max(std::abs(left), std::abs(right))));
-        left *= g;
-        right *= g;
-        if (hissActive_) {
-            left = hissLeft_.process(left);
-            right = hissRight_.process(right);
+    Biquad hissLeft = hissLeft_;
+    Biquad hissRight = hissRight_;
+    for (std::size_t start = 0; start < pairs; start += blockPairs) {
+        const std::size_t n = std::min(blockPairs, pairs - start);
+        float* const frames = buffer.data() + 2 * start;
+        for (std::size_t i = 0; i < n; ++i) {
+            const double left = frames[2 * i];
+            const double right = frames[2 * i + 1];
+            gain[i] = levelDB(std::max(std::abs(left), std::abs(right)));
         }
-        buffer[2 * i] = static_cast<float>(left);
-        buffer[2 * i + 1] = static_cast<float>(right);
+        follower.follow(std::span<double>(gain, n), envelope_);
+        for (std::size_t i = 0; i < n; ++i)
+            gain[i] = gainAt(gain[i]);
+        if (hissActive_) {
+            for (std::size_t i = 0; i < n; ++i) {
+                frames[2 * i] = static_cast<float>(hissLeft.process(frames[2 * i] * gain[i]));
+                frames[2 * i + 1] = static_cast<float>(hissRight.process(frames[2 * i + 1] * gain[i]));
+            }
+        } else {
+            for (std::size_t i = 0; i < n; ++i) {
+                frames[2 * i] = static_cast<float>(frames[2 * i] * gain[i]);
+                frames[2 * i + 1] = static_cast<float>(frames[2 * i + 1] * gain[i]);
+            }
+        }
     }
+    hissLeft_ = hissLeft;
+    hissRight_ = hissRight;
     if (buffer.size() % 2 == 1) {
-        double lone = buffer.back();
-        lone *= gainFor(levelDB(std::abs(lone)));
+        double level = levelDB(std::abs(static_cast<double>(buffer.back())));
+        follower.follow(std::span<double>(&level, 1), envelope_);
+        double lone = buffer.back() * gainAt(level);
         if (hissActive_) {
             lone = hissLeft_.process(lone);
         }

@@ -30,7 +30,8 @@ class NoiseSuppressor {
     const Biquad& hissRight() const { return hissRight_; }
 
   private:
-    double gainFor(double levelDB);
+    // The gain for an envelope level in dB.
+    double gainAt(double envelope) const;
 
     double thresholdDB_ = -55.0;
     double slope_ = 0.0;

@@ -1,5 +1,9 @@
 #include "audio/effects/OneKnobCompressor.hpp"
 
+#include "audio/primitives/EnvelopeFollower.hpp"
+#include "audio/primitives/FastMath.hpp"
+
+#include <algorithm>
 #include <cmath>
 
 namespace kavore {
@@ -47,31 +51,45 @@ void OneKnobCompressor::configure(const CompressorSettings& settings, double sam
 void OneKnobCompressor::process(std::span<float> buffer) {
     if (!active_ || buffer.empty())
         return;
+    // Passes per block: the levels, reductions and gains are independent per sample and run as
+    // vector code; only the envelope between them is a recurrence.
+    constexpr std::size_t blockSize = 256;
+    double level[blockSize];
     const double half = kneeDB_ / 2.0;
     const double slope = 1.0 - 1.0 / ratio_;
+    const double knee = kneeDB_;
+    const double threshold = thresholdDB_;
+    const double makeup = makeupLinear_;
+    const EnvelopeFollower follower{attackCoeff_, releaseCoeff_};
+    // Both branches are computed and one is selected, so that the loop has no control flow.
+    const auto reductionFor = [=](double over) {
+        const double hard = over * slope;
+        const double soft = (over + half) * (over + half) * slope / (2.0 * knee);
+        const bool aboveKnee = over > half;
+        const bool inKnee = over > -half;
+        return aboveKnee ? hard : (inKnee ? soft : 0.0);
+    };
     double envelope = envelope_;
     double reduction = 0.0;
-    for (float& sample : buffer) {
-        const double x = sample;
-        const double level = k20OverLn10 * std::log(std::fabs(x) + 1e-12);
-        const double c = envelope < level ? attackCoeff_ : releaseCoeff_;
-        envelope = envelope * c + level * (1.0 - c);
-
-        const double over = envelope - thresholdDB_;
-        if (over > half)
-            reduction = over * slope;
-        else if (over > -half)
-            reduction = (over + half) * (over + half) * slope / (2.0 * kneeDB_);
-        else
-            reduction = 0.0;
-
-        // 10^(-r/20), written as an exponential because pow is several times slower per sample.
-        double g = 1.0;
-        if (reduction >= 120.0)
-            g = 0.0;
-        else if (reduction != 0.0)
-            g = std::exp(reduction * kNegLn10Over20);
-        sample = static_cast<float>(g * x * makeupLinear_);
+    for (std::size_t start = 0; start < buffer.size(); start += blockSize) {
+        const std::size_t n = std::min(blockSize, buffer.size() - start);
+        float* const samples = buffer.data() + start;
+        for (std::size_t i = 0; i < n; ++i)
+            level[i] = k20OverLn10 * FastMath::ln(std::fabs(static_cast<double>(samples[i])) + 1e-12);
+        // The level array becomes the envelope, in place.
+        follower.follow(std::span<double>(level, n), envelope);
+        // Then the reduction, in its own loop: joined with the exponential below, the compiler
+        // evaluates the exponential once per knee branch before selecting.
+        for (std::size_t i = 0; i < n; ++i)
+            level[i] = reductionFor(level[i] - threshold);
+        for (std::size_t i = 0; i < n; ++i) {
+            const double r = level[i];
+            // 10^(-r/20); r == 0 gives exactly 1.
+            const double e = FastMath::exp(r * kNegLn10Over20);
+            const double g = r >= 120.0 ? 0.0 : e;
+            samples[i] = static_cast<float>(g * static_cast<double>(samples[i]) * makeup);
+        }
+        reduction = level[n - 1];
     }
     envelope_ = envelope;
     gainReductionDB_ = reduction;

@@ -1,5 +1,8 @@
 #include "audio/headphone/HeadphoneEQ.hpp"
 
+#include "audio/primitives/BiquadCascade.hpp"
+
+#include <algorithm>
 #include <cmath>
 
 namespace kavore {
@@ -34,14 +37,16 @@ void HeadphoneEQ::process(std::span<float> buffer) {
     if (!active_) {
         return;
     }
-    Biquad* const begin = cascade_.data();
-    Biquad* const end = begin + cascade_.size();
-    for (float& s : buffer) {
-        double x = static_cast<double>(s) * preampLinear_;
-        for (Biquad* f = begin; f != end; ++f) {
-            x = f->process(x);
-        }
-        s = static_cast<float>(x);
+    // The signal stays in double between filters, as in a per-sample cascade.
+    double block[BiquadCascade::blockSize];
+    for (std::size_t start = 0; start < buffer.size(); start += BiquadCascade::blockSize) {
+        const std::size_t n = std::min(BiquadCascade::blockSize, buffer.size() - start);
+        float* const samples = buffer.data() + start;
+        for (std::size_t i = 0; i < n; ++i)
+            block[i] = static_cast<double>(samples[i]) * preampLinear_;
+        BiquadCascade::process(cascade_, std::span<double>(block, n));
+        for (std::size_t i = 0; i < n; ++i)
+            samples[i] = static_cast<float>(block[i]);
     }
 }
 
