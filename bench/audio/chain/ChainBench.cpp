@@ -1,21 +1,14 @@
 // The equaliser, the dynamics and whole chains on 128-frame interleaved stereo buffers at 48 kHz.
 // items_per_second counts frames; x_realtime is how many times faster than real time that is.
 
-#include "audio/chain/ChainSettingsJSON.hpp"
 #include "audio/chain/RenderChain.hpp"
-#include "audio/effects/BalancePanSettingsJSON.hpp"
 #include "audio/effects/EQ10.hpp"
-#include "audio/effects/EQPresets.hpp"
-#include "audio/effects/EffectSettingsJSON.hpp"
 #include "audio/effects/MagicLeveler.hpp"
-#include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
 #include "audio/effects/OneKnobCompressor.hpp"
 #include "audio/effects/OverdriveLimiter.hpp"
-#include "audio/headphone/BundledHeadphoneProfiles.hpp"
-#include "audio/headphone/HeadphoneProfileJSON.hpp"
+#include "bench/audio/FullChainSettings.hpp"
 
 #include <benchmark/benchmark.h>
-#include <nlohmann/json.hpp>
 
 #include <array>
 #include <cmath>
@@ -55,29 +48,6 @@ template <typename Process> void runProcessor(benchmark::State& state, Process p
     countFrames(state);
 }
 
-EffectSlot slot(const char* id, EffectKind kind, const nlohmann::json& settings, bool bypassed = false) {
-    EffectSlot s;
-    s.id = id;
-    s.kind = kind;
-    s.bypassed = bypassed;
-    s.settingsJSON = settingsJSONBytes(settings);
-    return s;
-}
-
-ChainSettings fullChain() {
-    ChainSettings settings;
-    settings.slots = {
-        slot("eq", EffectKind::eq10, toJSON(EQPresets::named("Rock")->settings)),
-        slot("comp", EffectKind::compressor, toJSON(CompressorSettings(0.6, CompressorVoicing::music, true))),
-        slot("lev", EffectKind::magicBoost, toJSON(LevelerSettings(0.5, true))),
-        slot("pan", EffectKind::balancePan, toJSON(BalancePanSettings(0.3, true))),
-        slot("ns", EffectKind::noiseSuppressor, toJSON(NoiseSuppressorSettings(0.8, true))),
-        slot("hp", EffectKind::headphoneEQ, toJSON(BundledHeadphoneProfiles::all().front())),
-    };
-    settings.overdrive = OverdriveSettings(2.0);
-    return settings;
-}
-
 } // namespace
 
 static void BM_EQ10(benchmark::State& state) {
@@ -110,7 +80,7 @@ BENCHMARK(BM_OverdriveLimiter);
 
 static void BM_FullChain(benchmark::State& state) {
     RenderChain chain;
-    chain.configure(fullChain(), kRate);
+    chain.configure(bench::fullChainSettings(), kRate);
     runProcessor(state, [&](std::span<float> b) { chain.process(b); });
 }
 BENCHMARK(BM_FullChain);
@@ -130,7 +100,7 @@ static void runUnchangingChain(benchmark::State& state, const ChainSettings& set
 
 // All slots bypassed, multiplier 1.
 static void BM_NeutralChain(benchmark::State& state) {
-    ChainSettings settings = fullChain();
+    ChainSettings settings = bench::fullChainSettings();
     for (auto& s : settings.slots)
         s.bypassed = true;
     settings.overdrive = OverdriveSettings::off();
@@ -139,7 +109,7 @@ static void BM_NeutralChain(benchmark::State& state) {
 BENCHMARK(BM_NeutralChain);
 
 static void BM_BypassedChain(benchmark::State& state) {
-    ChainSettings settings = fullChain();
+    ChainSettings settings = bench::fullChainSettings();
     settings.bypassed = true;
     runUnchangingChain(state, settings);
 }
