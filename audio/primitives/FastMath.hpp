@@ -48,11 +48,10 @@ inline double exp(double x) {
     // |r| <= ln2 / 2: Taylor terms to r^8 leave a relative error below 3e-10.
     const double p =
         1.0 +
-        r * (1.0 +
-             r * (1.0 / 2 +
-                  r * (1.0 / 6 +
-                       r * (1.0 / 24 +
-                            r * (1.0 / 120 + r * (1.0 / 720 + r * (1.0 / 5040 + r * (1.0 / 40320))))))));
+        r * (1.0 + r * (1.0 / 2 +
+                        r * (1.0 / 6 +
+                             r * (1.0 / 24 + r * (1.0 / 120 +
+                                                  r * (1.0 / 720 + r * (1.0 / 5040 + r * (1.0 / 40320))))))));
     // 2^n, built from n's low bits: the biased exponent needs only 11 of them.
     const std::uint64_t scaleBits = (std::bit_cast<std::uint64_t>(shifted) + 1023) << 52;
     return p * std::bit_cast<double>(scaleBits);

@@ -14,7 +14,8 @@
 
 namespace kavore::bench {
 
-inline EffectSlot slot(const char* id, EffectKind kind, const nlohmann::json& settings, bool bypassed = false) {
+inline EffectSlot slot(const char* id, EffectKind kind, const nlohmann::json& settings,
+                       bool bypassed = false) {
     EffectSlot s;
     s.id = id;
     s.kind = kind;

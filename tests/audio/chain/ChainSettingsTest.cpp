@@ -22,88 +22,73 @@ EffectSlot slot(const std::string& id, bool bypassed = false) {
     return s;
 }
 
-json validSlotJSON() {
-    // "{}" in base64 is "e30=".
-    return {{"id", "A"},
-            {"kind", "compressor"},
-            {"nickname", "n"},
-            {"bypassed", false},
-            {"settingsJSON", "e30="}};
-}
+// Every field of a chain, with both optionals on the second slot; bytes travel as base64.
+const char* const goldenChain = R"({
+  "slots": [
+    {"id": "EQ", "kind": "eq10", "nickname": "", "bypassed": true, "settingsJSON": "e30="},
+    {"id": "AU-1", "kind": "audioUnit", "nickname": "Reverb", "bypassed": false, "settingsJSON": "e30=",
+     "auComponent": {"type": 1635083896, "subtype": 1920361010, "manufacturer": 1634758764,
+                     "name": "Reverb", "manufacturerName": "Apple"},
+     "audioUnitPreset": "AP8Q"}],
+  "overdrive": {"multiplier": 3.0},
+  "bypassed": true})";
 
-json validChainJSON() {
-    return {
-        {"slots", json::array({validSlotJSON()})}, {"overdrive", {{"multiplier", 2.0}}}, {"bypassed", false}};
+ChainSettings goldenChainSettings() {
+    ChainSettings chain;
+    EffectSlot eq = slot("EQ", true);
+    eq.settingsJSON = {'{', '}'};
+    EffectSlot au = eq;
+    au.id = "AU-1";
+    au.bypassed = false;
+    au.kind = EffectKind::audioUnit;
+    au.nickname = "Reverb";
+    au.auComponent =
+        AUComponentKey{fourCharCode("aufx"), fourCharCode("rvb2"), fourCharCode("appl"), "Reverb", "Apple"};
+    au.audioUnitPreset = std::vector<std::uint8_t>{0x00, 0xFF, 0x10};
+    chain.slots = {eq, au};
+    chain.overdrive = OverdriveSettings(3.0);
+    chain.bypassed = true;
+    return chain;
 }
 
 } // namespace
 
-TEST(ChainSettingsJSON, RoundTripKeepsEveryFieldWithBytesAsBase64) {
-    ChainSettings chain;
-    EffectSlot au = slot("AU-1");
-    au.kind = EffectKind::audioUnit;
-    au.nickname = "Reverb";
-    au.settingsJSON = {'{', '}'};
-    au.auComponent =
-        AUComponentKey{fourCharCode("aufx"), fourCharCode("rvb2"), fourCharCode("appl"), "Reverb", "Apple"};
-    au.audioUnitPreset = std::vector<std::uint8_t>{0x00, 0xFF, 0x10};
-    chain.slots = {slot("EQ"), au};
-    chain.overdrive = OverdriveSettings(3.0);
-    chain.bypassed = true;
-
-    const json j = toJSON(chain);
-    EXPECT_EQ(j["slots"][1]["settingsJSON"], "e30=");
-    EXPECT_EQ(j["slots"][1]["audioUnitPreset"], "AP8Q");
-    EXPECT_EQ(j["slots"][1]["auComponent"]["type"], 0x61756678u);
-    EXPECT_EQ(j["slots"][1]["kind"], "audioUnit");
-    EXPECT_FALSE(j["slots"][0].contains("auComponent")) << "absent optionals are omitted";
-    EXPECT_EQ(j["overdrive"]["multiplier"], 3.0);
-
-    EXPECT_EQ(chainSettingsFromJSON(json::parse(j.dump())), chain);
+TEST(ChainSettingsJSON, WritesAndReadsTheGoldenDocument) {
+    EXPECT_EQ(toJSON(goldenChainSettings()), json::parse(goldenChain));
+    EXPECT_EQ(chainSettingsFromJSON(json::parse(goldenChain)), goldenChainSettings());
+    // The stored multiplier is kept as written, beyond the range code would clamp to.
+    json nine = json::parse(goldenChain);
+    nine["overdrive"]["multiplier"] = 9.0;
+    EXPECT_EQ(chainSettingsFromJSON(nine).overdrive.multiplier, 9.0);
 }
 
-TEST(ChainSettingsJSON, ReadsStrictlyAndOneBadSlotFailsTheChain) {
-    EXPECT_NO_THROW(chainSettingsFromJSON(validChainJSON()));
-    EXPECT_EQ(chainSettingsFromJSON(validChainJSON()).overdrive.multiplier, 2.0);
-
-    for (const char* key : {"id", "kind", "nickname", "bypassed", "settingsJSON"}) {
-        json j = validChainJSON();
-        j["slots"][0].erase(key);
-        EXPECT_THROW(chainSettingsFromJSON(j), JSONDecodeError) << "slot without " << key;
-    }
-    for (const char* key : {"slots", "overdrive", "bypassed"}) {
-        json j = validChainJSON();
-        j.erase(key);
-        EXPECT_THROW(chainSettingsFromJSON(j), JSONDecodeError) << "chain without " << key;
-    }
-    auto broken = [](auto mutate) {
-        json j = validChainJSON();
-        mutate(j);
-        return j;
+// One bad field anywhere fails the whole chain.
+TEST(ChainSettingsJSON, ReadsStrictly) {
+    const std::vector<std::pair<std::string, json>> breaks = {
+        {"/slots/0/id", nullptr},
+        {"/slots/0/kind", nullptr},
+        {"/slots/0/nickname", nullptr},
+        {"/slots/0/bypassed", nullptr},
+        {"/slots/0/settingsJSON", nullptr},
+        {"/slots", nullptr},
+        {"/overdrive", nullptr},
+        {"/bypassed", nullptr},
+        {"/slots/0/kind", "reverb"},
+        {"/slots/0/settingsJSON", "not base64!"},
+        {"/slots/0/bypassed", "false"},
+        {"/overdrive", json::object()},
+        {"/slots/1/auComponent/type", 4294967296ull},
+        {"/slots/1/auComponent/name", nullptr},
     };
-    EXPECT_THROW(chainSettingsFromJSON(broken([](json& j) { j["slots"][0]["kind"] = "reverb"; })),
-                 JSONDecodeError);
-    EXPECT_THROW(
-        chainSettingsFromJSON(broken([](json& j) { j["slots"][0]["settingsJSON"] = "not base64!"; })),
-        JSONDecodeError);
-    EXPECT_THROW(chainSettingsFromJSON(broken([](json& j) { j["slots"][0]["bypassed"] = "false"; })),
-                 JSONDecodeError);
-    EXPECT_THROW(chainSettingsFromJSON(broken([](json& j) { j["overdrive"] = json::object(); })),
-                 JSONDecodeError);
-    EXPECT_THROW(chainSettingsFromJSON(broken([](json& j) {
-                     j["slots"][0]["auComponent"] = {{"type", 4294967296ull},
-                                                     {"subtype", 1},
-                                                     {"manufacturer", 1},
-                                                     {"name", ""},
-                                                     {"manufacturerName", ""}};
-                 })),
-                 JSONDecodeError);
+    for (const auto& [pointer, value] : breaks) {
+        json j = json::parse(goldenChain);
+        if (value.is_null())
+            j.at(json::json_pointer(pointer).parent_pointer()).erase(json::json_pointer(pointer).back());
+        else
+            j[json::json_pointer(pointer)] = value;
+        EXPECT_THROW(chainSettingsFromJSON(j), JSONDecodeError) << pointer << " = " << value;
+    }
     EXPECT_THROW(chainSettingsFromJSON(json::array()), JSONDecodeError);
-    // The stored multiplier is kept as written, beyond the range code would clamp to.
-    EXPECT_EQ(chainSettingsFromJSON(broken([](json& j) {
-                  j["overdrive"]["multiplier"] = 9.0;
-              })).overdrive.multiplier,
-              9.0);
 }
 
 TEST(ChainSettings, NeutralWhenNothingCanChangeTheAudio) {

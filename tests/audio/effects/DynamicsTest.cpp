@@ -86,8 +86,9 @@ TEST(OneKnobCompressor, MatchesTheExactFormulaOverTheSignalRange) {
             const double k = envelope < level ? c.attackCoeff() : c.releaseCoeff();
             envelope = envelope * k + level * (1.0 - k);
             const double over = envelope - c.thresholdDB();
-            const double r = over > half ? over * slope
-                                         : (over > -half ? (over + half) * (over + half) * slope / (2 * c.kneeDB()) : 0);
+            const double r =
+                over > half ? over * slope
+                            : (over > -half ? (over + half) * (over + half) * slope / (2 * c.kneeDB()) : 0);
             sample = float(std::pow(10.0, -r / 20.0) * sample * c.makeupLinear());
         }
         return v;
@@ -96,7 +97,8 @@ TEST(OneKnobCompressor, MatchesTheExactFormulaOverTheSignalRange) {
     for (std::size_t i = 0; i < sweep.size(); ++i)
         sweep[i] = float(std::pow(10.0, (-100.0 + 103.0 * double(i) / double(sweep.size())) / 20.0) *
                          std::sin(0.031 * double(i)));
-    for (const auto voicing : {CompressorVoicing::music, CompressorVoicing::voice, CompressorVoicing::podcast}) {
+    for (const auto voicing :
+         {CompressorVoicing::music, CompressorVoicing::voice, CompressorVoicing::podcast}) {
         for (const double amount : {0.2, 0.6, 1.0}) {
             OneKnobCompressor c;
             c.configure(CompressorSettings(amount, voicing, true), 48000);

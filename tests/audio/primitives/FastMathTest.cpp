@@ -1,6 +1,6 @@
+#include "audio/primitives/FastMath.hpp"
 #include "audio/primitives/BiquadCascade.hpp"
 #include "audio/primitives/EnvelopeFollower.hpp"
-#include "audio/primitives/FastMath.hpp"
 
 #include <gtest/gtest.h>
 
