@@ -1,11 +1,12 @@
-#include "audio/chain/ChainSettingsJSON.hpp"
 #include "audio/listening/GlobalListeningSettings.hpp"
+#include "audio/chain/ChainSettingsJSON.hpp"
 #include "audio/listening/GlobalListeningSettingsJSON.hpp"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <limits>
+#include <tuple>
 
 using namespace kavore;
 using nlohmann::json;
@@ -39,16 +40,17 @@ json band(json extra) {
 
 TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClamps) {
     const auto plain = listeningEQBandFromJSON(band(json::object()));
-    EXPECT_EQ(plain.frequencyHz, 1000.0);
-    EXPECT_EQ(plain.gainDB, 0.0);
-    EXPECT_EQ(plain.q, 0.707);
-    EXPECT_TRUE(plain.enabled);
+    EXPECT_EQ(plain, ListeningEQBand("b", ListeningFilterKind::bell, 1000.0, 0.0, 0.707, true));
 
-    EXPECT_EQ(listeningEQBandFromJSON(band({{"frequencyHz", 5}})).frequencyHz, 20.0);
-    EXPECT_EQ(listeningEQBandFromJSON(band({{"frequencyHz", 30000}})).frequencyHz, 20000.0);
-    EXPECT_EQ(listeningEQBandFromJSON(band({{"frequencyHz", "loud"}})).frequencyHz, 1000.0);
-    EXPECT_EQ(listeningEQBandFromJSON(band({{"gainDB", 40}})).gainDB, 12.0);
-    EXPECT_EQ(listeningEQBandFromJSON(band({{"q", 0.01}})).q, 0.3);
+    const std::vector<std::tuple<json, double ListeningEQBand::*, double>> numbers = {
+        {{{"frequencyHz", 5}}, &ListeningEQBand::frequencyHz, 20.0},
+        {{{"frequencyHz", 30000}}, &ListeningEQBand::frequencyHz, 20000.0},
+        {{{"frequencyHz", "loud"}}, &ListeningEQBand::frequencyHz, 1000.0},
+        {{{"gainDB", 40}}, &ListeningEQBand::gainDB, 12.0},
+        {{{"q", 0.01}}, &ListeningEQBand::q, 0.3},
+    };
+    for (const auto& [extra, field, expected] : numbers)
+        EXPECT_EQ(listeningEQBandFromJSON(band(extra)).*field, expected) << extra;
     EXPECT_FALSE(listeningEQBandFromJSON(band({{"enabled", false}})).enabled);
     EXPECT_TRUE(listeningEQBandFromJSON(band({{"enabled", 0}})).enabled);
 
@@ -167,9 +169,20 @@ TEST(GlobalListeningSettingsJSON, TolerantReadingAndRoundTrip) {
     json three = json::array({toJSON(auSlot("1")), toJSON(auSlot("2")), toJSON(auSlot("3"))});
     EXPECT_EQ(ids(globalListeningSettingsFromJSON(json{{"audioUnitSlots", three}}).audioUnitSlots),
               (std::vector<std::string>{"1", "2"}));
+}
 
-    auto eq = ListeningEQSettings::flat();
-    eq.bands[3].gainDB = -4.5;
-    const GlobalListeningSettings s(true, eq, ListeningBalancerSettings(true, -18, 70), {auSlot("A")});
-    EXPECT_EQ(globalListeningSettingsFromJSON(json::parse(toJSON(s).dump())), s);
+TEST(GlobalListeningSettingsJSON, WritesAndReadsTheGoldenDocument) {
+    const json golden = json::parse(R"({"enabled": true,
+        "equalizer": {"bands": [{"id": "lows", "kind": "lowShelf", "frequencyHz": 120.0, "gainDB": -4.5,
+                                 "q": 0.8, "enabled": true}]},
+        "balancer": {"enabled": true, "targetDBFS": -18.0, "strengthPercent": 70.0},
+        "audioUnitSlots": [{"id": "A", "kind": "audioUnit", "nickname": "", "bypassed": false, "settingsJSON": "",
+            "auComponent": {"type": 1635083896, "subtype": 1633837924, "manufacturer": 1953723501,
+                            "name": "FX", "manufacturerName": "Maker"}}]})");
+    const GlobalListeningSettings settings(
+        true,
+        ListeningEQSettings({ListeningEQBand("lows", ListeningFilterKind::lowShelf, 120.0, -4.5, 0.8, true)}),
+        ListeningBalancerSettings(true, -18, 70), {auSlot("A")});
+    EXPECT_EQ(toJSON(settings), golden);
+    EXPECT_EQ(globalListeningSettingsFromJSON(golden), settings);
 }
