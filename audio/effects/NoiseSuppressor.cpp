@@ -50,21 +50,24 @@ void NoiseSuppressor::configure(const NoiseSuppressorSettings& settings, double 
     hissRight_.setHighShelf(hissShelfHz, sampleRate, shelfDB, hissShelfQ);
 }
 
-double NoiseSuppressor::gainAt(double envelope) const {
-    // Both outcomes are computed and one selected, so that the gain pass runs as vector code.
-    const double under = thresholdDB_ - envelope;
-    const double gainDB = std::max(floorDB_, -(under * (slope_ - 1.0)));
-    const double expanded = FastMath::exp(gainDB * kLn10Over20);
-    const bool open = envelope >= thresholdDB_;
-    const bool closed = gainDB <= -120.0;
-    return open ? 1.0 : (closed ? 0.0 : expanded);
-}
-
 void NoiseSuppressor::process(std::span<float> buffer) {
     if (!active_) {
         return;
     }
     const EnvelopeFollower follower{attackCoeff_, releaseCoeff_};
+    const double threshold = thresholdDB_;
+    const double slope = slope_;
+    const double floor = floorDB_;
+    // The gain for an envelope level. Both outcomes are computed and one selected, so that the
+    // gain pass runs as vector code.
+    const auto gainAt = [=](double envelope) {
+        const double under = threshold - envelope;
+        const double gainDB = std::max(floor, -(under * (slope - 1.0)));
+        const double expanded = FastMath::exp(gainDB * kLn10Over20);
+        const bool open = envelope >= threshold;
+        const bool closed = gainDB <= -120.0;
+        return open ? 1.0 : (closed ? 0.0 : expanded);
+    };
     // Per block of pairs: the levels and the gains are independent per pair and run as vector
     // code around the envelope's recurrence; the shelves, one per channel, follow.
     constexpr std::size_t blockPairs = 128;

@@ -30,9 +30,6 @@ class NoiseSuppressor {
     const Biquad& hissRight() const { return hissRight_; }
 
   private:
-    // The gain for an envelope level in dB.
-    double gainAt(double envelope) const;
-
     double thresholdDB_ = -55.0;
     double slope_ = 0.0;
     double floorDB_ = -60.0;
