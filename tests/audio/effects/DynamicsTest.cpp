@@ -2,6 +2,8 @@
 #include "audio/effects/OneKnobCompressor.hpp"
 #include "audio/effects/OverdriveLimiter.hpp"
 
+#include "tests/audio/SignalProbe.hpp"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,16 +12,9 @@
 #include <vector>
 
 using namespace kavore;
+using kavore::test::square;
 
 namespace {
-
-// A square wave of constant magnitude: its level in dB is the same at every sample.
-std::vector<float> square(std::size_t n, float amplitude) {
-    std::vector<float> v(n);
-    for (std::size_t i = 0; i < n; ++i)
-        v[i] = (i / 2) % 2 == 0 ? amplitude : -amplitude;
-    return v;
-}
 
 double db(double linear) {
     return 20.0 * std::log10(linear);

@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <numbers>
+#include <tuple>
 #include <vector>
 
 using namespace kavore;
@@ -106,24 +107,25 @@ TEST(EQPresets, TableSpotChecks) {
         EXPECT_TRUE(p.settings.enabled);
         EXPECT_EQ(p.settings.preampDB, 0.0);
     }
-    const auto rnb = EQPresets::named("r&b");
-    ASSERT_TRUE(rnb);
-    EXPECT_EQ(rnb->id, "builtin-r&b");
-    EXPECT_EQ(rnb->settings.bandGainsDB[1], 7.0);
-    EXPECT_EQ(rnb->settings.bandGainsDB[2], 5.5);
-
-    const auto bass = EQPresets::named("bass booster");
-    ASSERT_TRUE(bass);
-    EXPECT_EQ(bass->name, "Bass Booster");
-    EXPECT_EQ(bass->id, "builtin-bass-booster");
-    EXPECT_EQ(bass->icon, "speaker.wave.3");
-    EXPECT_EQ(bass->settings.bandGainsDB, (std::array<double, 10>{5.5, 4.5, 3.5, 2.5, 1, 0, 0, 0, 0, 0}));
-
-    EXPECT_EQ(EQPresets::named("SMALL SPEAKERS")->id, "builtin-small-speakers");
-    EXPECT_EQ(EQPresets::named("Hip-Hop")->id, "builtin-hip-hop");
-    EXPECT_EQ(EQPresets::named("Loudness")->settings.bandGainsDB[7], -4.5);
-    EXPECT_EQ(EQPresets::named("Loudness")->settings.bandGainsDB[8], 5.0);
-    EXPECT_EQ(EQPresets::named("Podcast")->settings.bandGainsDB[8], 0.5);
+    // Look-up ignores case; ids are built from the names.
+    const std::vector<std::tuple<const char*, const char*, const char*, std::size_t, double>> spots = {
+        {"r&b", "builtin-r&b", "R&B", 1, 7.0},
+        {"r&b", "builtin-r&b", "R&B", 2, 5.5},
+        {"bass booster", "builtin-bass-booster", "Bass Booster", 3, 2.5},
+        {"SMALL SPEAKERS", "builtin-small-speakers", "Small Speakers", 0, 5.5},
+        {"Hip-Hop", "builtin-hip-hop", "Hip-Hop", 0, 5.0},
+        {"Loudness", "builtin-loudness", "Loudness", 7, -4.5},
+        {"Loudness", "builtin-loudness", "Loudness", 8, 5.0},
+        {"Podcast", "builtin-podcast", "Podcast", 8, 0.5},
+    };
+    for (const auto& [asked, id, name, band, gain] : spots) {
+        const auto preset = EQPresets::named(asked);
+        ASSERT_TRUE(preset) << asked;
+        EXPECT_EQ(preset->id, id);
+        EXPECT_EQ(preset->name, name);
+        EXPECT_EQ(preset->settings.bandGainsDB[band], gain) << asked << " band " << band;
+    }
+    EXPECT_EQ(EQPresets::named("bass booster")->icon, "speaker.wave.3");
     EXPECT_EQ(EQPresets::named("Spoken Word")->icon, "text.bubble");
     EXPECT_FALSE(EQPresets::named("Bass"));
 }

@@ -1,5 +1,7 @@
 #include "audio/listening/GlobalListeningProcessor.hpp"
 
+#include "tests/audio/SignalProbe.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,6 +9,7 @@
 #include <vector>
 
 using namespace kavore;
+using kavore::test::square;
 
 namespace {
 
@@ -42,13 +45,6 @@ EffectSlot auSlot() {
     s.kind = EffectKind::audioUnit;
     s.auComponent = AUComponentKey{fourCharCode("aufx"), 1, 2, "FX", "Maker"};
     return s;
-}
-
-std::vector<float> square(std::size_t n, float amplitude) {
-    std::vector<float> v(n);
-    for (std::size_t i = 0; i < n; ++i)
-        v[i] = (i / 2) % 2 == 0 ? amplitude : -amplitude;
-    return v;
 }
 
 } // namespace

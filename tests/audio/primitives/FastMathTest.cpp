@@ -1,6 +1,5 @@
 #include "audio/primitives/FastMath.hpp"
 #include "audio/primitives/BiquadCascade.hpp"
-#include "audio/primitives/EnvelopeFollower.hpp"
 
 #include <gtest/gtest.h>
 
@@ -52,16 +51,4 @@ TEST(BiquadCascade, MatchesPerSampleSectionsBitForBit) {
         EXPECT_EQ(block, expected) << count << " sections";
         EXPECT_EQ(sections, reference) << count << " sections";
     }
-}
-
-TEST(EnvelopeFollower, RisesWithTheAttackAndFallsWithTheRelease) {
-    const EnvelopeFollower follower{0.5, 0.9};
-    std::vector<double> levels{-20.0, -20.0, -100.0, -40.0};
-    double envelope = -60.0;
-    follower.follow(levels, envelope);
-    // -60 -> -40 -> -30 (attack), then falling: -30*0.9 - 100*0.1 = -37, -37*0.9 - 40*0.1 = -37.3.
-    const std::vector<double> expected{-40.0, -30.0, -37.0, -37.3};
-    for (std::size_t i = 0; i < levels.size(); ++i)
-        EXPECT_NEAR(levels[i], expected[i], 1e-12) << i;
-    EXPECT_EQ(envelope, levels.back());
 }
