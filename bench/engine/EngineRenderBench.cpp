@@ -1,10 +1,10 @@
 // Cost of one render cycle of one app, 128 frames of interleaved stereo at 48 kHz, with the
 // engine's locks included, as a tap worker's IO thread pays it.
 
-#include "audio/BalancePanSettingsJSON.hpp"
-#include "audio/ChainSettingsJSON.hpp"
-#include "audio/EffectSettingsJSON.hpp"
-#include "audio/NoiseSuppressorSettingsJSON.hpp"
+#include "audio/chain/ChainSettingsJSON.hpp"
+#include "audio/effects/BalancePanSettingsJSON.hpp"
+#include "audio/effects/EffectSettingsJSON.hpp"
+#include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
 #include "core/engine/EngagementEngine.hpp"
 
 #include <benchmark/benchmark.h>

@@ -1,7 +1,7 @@
 #pragma once
 // Everything the user has set for one application, keyed by its bundle identifier.
 
-#include "audio/ChainSettings.hpp"
+#include "audio/chain/ChainSettings.hpp"
 
 #include <cstdint>
 #include <map>

@@ -6,10 +6,10 @@
 // key is read on its own, and any failure there (wrong type, a nested record that failed, one bad
 // element of an array) leaves the field at its default without a report.
 
-#include "audio/ChainSettingsJSON.hpp"
-#include "audio/EffectSettingsJSON.hpp"
-#include "audio/GlobalListeningSettingsJSON.hpp"
-#include "audio/HeadphoneProfileJSON.hpp"
+#include "audio/chain/ChainSettingsJSON.hpp"
+#include "audio/effects/EffectSettingsJSON.hpp"
+#include "audio/headphone/HeadphoneProfileJSON.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
 #include "core/config/ConfigDecodeError.hpp"
 
 #include <cstdint>

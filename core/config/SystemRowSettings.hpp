@@ -1,8 +1,8 @@
 #pragma once
 // Settings of the mixer's system row: sound effects routing, input metering and the system chain.
 
-#include "audio/ChainSettings.hpp"
-#include "audio/LevelerSettings.hpp"
+#include "audio/chain/ChainSettings.hpp"
+#include "audio/effects/LevelerSettings.hpp"
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>

@@ -2,9 +2,9 @@
 // The one persisted record: everything the user has set per application, per device and globally.
 // Read tolerantly (see TonaviConfigJson.cpp): any JSON object reads as a configuration.
 
-#include "audio/EQPreset.hpp"
-#include "audio/GlobalListeningSettings.hpp"
-#include "audio/HeadphoneProfile.hpp"
+#include "audio/effects/EQPreset.hpp"
+#include "audio/headphone/HeadphoneProfile.hpp"
+#include "audio/listening/GlobalListeningSettings.hpp"
 #include "core/config/AppAudioState.hpp"
 #include "core/config/AutoDuckRule.hpp"
 #include "core/config/BluetoothDeviceMemory.hpp"

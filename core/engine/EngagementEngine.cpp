@@ -2,9 +2,9 @@
 
 #include "core/engine/EngagementEngine.hpp"
 
-#include "audio/GlobalListeningProcessor.hpp"
-#include "audio/RenderChain.hpp"
-#include "audio/SteadyVolume.hpp"
+#include "audio/chain/RenderChain.hpp"
+#include "audio/effects/SteadyVolume.hpp"
+#include "audio/listening/GlobalListeningProcessor.hpp"
 #include "core/engine/GlobalListeningPolicy.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
 

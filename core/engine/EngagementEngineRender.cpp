@@ -6,9 +6,9 @@
 
 #include "core/engine/EngagementEngine.hpp"
 
-#include "audio/GlobalListeningProcessor.hpp"
-#include "audio/RenderChain.hpp"
-#include "audio/SteadyVolume.hpp"
+#include "audio/chain/RenderChain.hpp"
+#include "audio/effects/SteadyVolume.hpp"
+#include "audio/listening/GlobalListeningProcessor.hpp"
 #include "core/engine/GainMath.hpp"
 #include "core/engine/GlobalListeningPolicy.hpp"
 

@@ -2,7 +2,7 @@
 // All a tap worker needs to render one application: the app's row and the global values that act
 // on its gain. The service sends a new one whenever anything changes.
 
-#include "audio/GlobalListeningSettings.hpp"
+#include "audio/listening/GlobalListeningSettings.hpp"
 #include "core/config/AppAudioState.hpp"
 #include "core/config/AutoDuckRule.hpp"
 

@@ -1,6 +1,6 @@
 #include "core/engine/TapWorkerState.hpp"
 
-#include "audio/GlobalListeningSettingsJSON.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
 #include "core/config/ConfigDecodeError.hpp"
 
 #include <nlohmann/json.hpp>

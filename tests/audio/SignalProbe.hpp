@@ -22,6 +22,15 @@ inline std::vector<float> stereoSine(double hz, double amplitude, double sampleR
     return buffer;
 }
 
+// A square wave of constant magnitude, flipping every two samples: its level is the same at every
+// sample, on both channels.
+inline std::vector<float> square(std::size_t samples, float amplitude) {
+    std::vector<float> v(samples);
+    for (std::size_t i = 0; i < samples; ++i)
+        v[i] = (i / 2) % 2 == 0 ? amplitude : -amplitude;
+    return v;
+}
+
 inline double rms(std::span<const float> samples) {
     double sum = 0.0;
     for (const float s : samples) {

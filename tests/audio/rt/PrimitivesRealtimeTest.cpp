@@ -1,14 +1,14 @@
 // Every processor of the primitives, the simple effects and the headphone correction must run its
 // audio path without touching the heap.
 
-#include "audio/BalancePan.hpp"
-#include "audio/Biquad.hpp"
-#include "audio/BundledHeadphoneProfiles.hpp"
-#include "audio/HeadphoneEQ.hpp"
-#include "audio/LevelMeter.hpp"
-#include "audio/NoiseSuppressor.hpp"
-#include "audio/RingBuffer.hpp"
-#include "audio/SteadyVolume.hpp"
+#include "audio/effects/BalancePan.hpp"
+#include "audio/effects/NoiseSuppressor.hpp"
+#include "audio/effects/SteadyVolume.hpp"
+#include "audio/headphone/BundledHeadphoneProfiles.hpp"
+#include "audio/headphone/HeadphoneEQ.hpp"
+#include "audio/primitives/Biquad.hpp"
+#include "audio/primitives/LevelMeter.hpp"
+#include "audio/primitives/RingBuffer.hpp"
 
 #include "tests/audio/rt/AllocationCounter.hpp"
 

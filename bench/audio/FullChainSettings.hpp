@@ -1,0 +1,41 @@
+#pragma once
+// The chain the benchmarks and the file renderer run: every built-in effect at a working setting,
+// and the overdrive stage at twice the gain.
+
+#include "audio/chain/ChainSettingsJSON.hpp"
+#include "audio/effects/BalancePanSettingsJSON.hpp"
+#include "audio/effects/EQPresets.hpp"
+#include "audio/effects/EffectSettingsJSON.hpp"
+#include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
+#include "audio/headphone/BundledHeadphoneProfiles.hpp"
+#include "audio/headphone/HeadphoneProfileJSON.hpp"
+
+#include <nlohmann/json.hpp>
+
+namespace kavore::bench {
+
+inline EffectSlot slot(const char* id, EffectKind kind, const nlohmann::json& settings,
+                       bool bypassed = false) {
+    EffectSlot s;
+    s.id = id;
+    s.kind = kind;
+    s.bypassed = bypassed;
+    s.settingsJSON = settingsJSONBytes(settings);
+    return s;
+}
+
+inline ChainSettings fullChainSettings() {
+    ChainSettings settings;
+    settings.slots = {
+        slot("eq", EffectKind::eq10, toJSON(EQPresets::named("Rock")->settings)),
+        slot("comp", EffectKind::compressor, toJSON(CompressorSettings(0.6, CompressorVoicing::music, true))),
+        slot("lev", EffectKind::magicBoost, toJSON(LevelerSettings(0.5, true))),
+        slot("pan", EffectKind::balancePan, toJSON(BalancePanSettings(0.3, true))),
+        slot("ns", EffectKind::noiseSuppressor, toJSON(NoiseSuppressorSettings(0.8, true))),
+        slot("hp", EffectKind::headphoneEQ, toJSON(BundledHeadphoneProfiles::all().front())),
+    };
+    settings.overdrive = OverdriveSettings(2.0);
+    return settings;
+}
+
+} // namespace kavore::bench

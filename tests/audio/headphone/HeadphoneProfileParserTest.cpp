@@ -1,0 +1,72 @@
+#include "audio/headphone/HeadphoneProfileParser.hpp"
+
+#include "base/Encoding.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace Parser = kavore::HeadphoneProfileParser;
+using Kind = kavore::ParametricFilter::Kind;
+
+namespace {
+
+Parser::ParseError parseError(const std::string& text) {
+    try {
+        Parser::parse(text, "x");
+    } catch (const Parser::ParseError& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no error for: " << text;
+    return Parser::ParseError::empty();
+}
+
+} // namespace
+
+TEST(HeadphoneProfileParser, ReadsPublishedParametricText) {
+    const std::string text = "# measured 2024\n"
+                             "Preamp: -3 dB\n"
+                             "\n"
+                             "\tFilter 1: ON PK Fc 105 Hz Gain -3.2 dB Q 0.71  \n"
+                             "Filter 2: OFF None Fc 0 Hz Gain 0 dB Q 0\n"
+                             "Filter 3: ON LSC Fc 80 Hz Gain 5.5 dB Q 0.70\n"
+                             "Filter 4: ON HS Fc 9000 Hz Gain -2 dB\n"
+                             "Some commentary line\n"
+                             "PREAMP: -6.5 dB\n";
+    const auto profile = Parser::parse(text, "My Phones");
+    EXPECT_EQ(profile.name, "My Phones");
+    EXPECT_TRUE(tonavi::isUUID(profile.id));
+    EXPECT_NE(profile.id, Parser::parse(text, "My Phones").id);
+    EXPECT_DOUBLE_EQ(profile.preampDB, -6.5) << "the last preamp line wins";
+    ASSERT_EQ(profile.filters.size(), 3u);
+    EXPECT_EQ(profile.filters[0], (kavore::ParametricFilter{Kind::peaking, 105.0, -3.2, 0.71}));
+    EXPECT_EQ(profile.filters[1], (kavore::ParametricFilter{Kind::lowShelf, 80.0, 5.5, 0.70}));
+    EXPECT_EQ(profile.filters[2], (kavore::ParametricFilter{Kind::highShelf, 9000.0, -2.0, 0.707}));
+
+    EXPECT_DOUBLE_EQ(Parser::parse("Filter 1: ON PK Fc 100 Hz Gain 1 dB", "n").preampDB, 0.0);
+}
+
+TEST(HeadphoneProfileParser, BadLinesAndEmptyProfilesAreErrors) {
+    const auto noType = parseError("Preamp: -1 dB\nFilter 1: ON XX Fc 100 Hz");
+    EXPECT_EQ(noType.kind(), Parser::ParseError::Kind::badLine);
+    EXPECT_STREQ(noType.what(), "cannot parse line: Filter 1: ON XX Fc 100 Hz");
+
+    const auto oneNumber =
+        parseError("Filter 1: ON PK Fc 105 Hz Gain -3 dB Q 1\n  Filter 2: ON PK Fc 100 Hz\n");
+    EXPECT_EQ(oneNumber.kind(), Parser::ParseError::Kind::badLine);
+    EXPECT_EQ(oneNumber.line(), "Filter 2: ON PK Fc 100 Hz");
+
+    for (const std::string text :
+         {"", "# only a comment\n# and another", "Filter 2: OFF None Fc 0 Hz Gain 0 dB Q 0"}) {
+        const auto e = parseError(text);
+        EXPECT_EQ(e.kind(), Parser::ParseError::Kind::empty);
+        EXPECT_STREQ(e.what(), "no filters found in profile");
+    }
+}
+
+TEST(HeadphoneProfileParser, NumbersSplitOnEverythingButDigitsPointAndLeadingMinus) {
+    EXPECT_EQ(Parser::numbers("Fc 105 Hz Gain -3.2 dB Q 0.71"), (std::vector<double>{105.0, -3.2, 0.71}));
+    EXPECT_EQ(Parser::numbers("1-2"), (std::vector<double>{1.0, 2.0}));
+    EXPECT_EQ(Parser::numbers("- 1.2.3 . -.5 x7"), (std::vector<double>{-0.5, 7.0}));
+    EXPECT_TRUE(Parser::numbers("no digits").empty());
+}

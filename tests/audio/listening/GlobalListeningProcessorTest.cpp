@@ -1,0 +1,188 @@
+#include "audio/listening/GlobalListeningProcessor.hpp"
+
+#include "tests/audio/SignalProbe.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+#include <vector>
+
+using namespace kavore;
+using kavore::test::square;
+
+namespace {
+
+// Interleaved stereo: a sine on the left, silence or a second sine on the right.
+std::vector<float> stereo(std::size_t frames, double rate, double leftHz, double rightHz) {
+    std::vector<float> v(frames * 2);
+    for (std::size_t i = 0; i < frames; ++i) {
+        const double t = double(i) / rate;
+        v[2 * i] = static_cast<float>(0.25 * std::sin(2 * std::numbers::pi * leftHz * t));
+        v[2 * i + 1] =
+            rightHz > 0 ? static_cast<float>(0.25 * std::sin(2 * std::numbers::pi * rightHz * t)) : 0.0f;
+    }
+    return v;
+}
+
+double channelRmsDB(const std::vector<float>& v, int channel, std::size_t fromFrame) {
+    double sum = 0;
+    std::size_t n = 0;
+    for (std::size_t i = fromFrame * 2 + channel; i < v.size(); i += 2, ++n)
+        sum += double(v[i]) * v[i];
+    return 10 * std::log10(sum / double(n));
+}
+
+ListeningEQSettings oneBell(double hz, double gainDB, double q = 1.0) {
+    auto eq = ListeningEQSettings::flat();
+    eq.bands[3] = ListeningEQBand("bell-2", ListeningFilterKind::bell, hz, gainDB, q);
+    return eq;
+}
+
+EffectSlot auSlot() {
+    EffectSlot s;
+    s.id = "au";
+    s.kind = EffectKind::audioUnit;
+    s.auComponent = AUComponentKey{fourCharCode("aufx"), 1, 2, "FX", "Maker"};
+    return s;
+}
+
+} // namespace
+
+TEST(GlobalListeningEQ, EachChannelKeepsItsOwnFilters) {
+    const double rate = 48000;
+    GlobalListeningEQ eq(oneBell(1000, 6.0), rate, 2);
+    ASSERT_EQ(eq.filters().size(), 2u) << "only the band that changes audio, once per channel";
+
+    // Left carries 1 kHz, right is silent: the right stays exactly silent and the left shows
+    // the bell's +6 dB at its centre.
+    auto in = stereo(48000, rate, 1000, 0);
+    auto out = in;
+    eq.process(out);
+    for (std::size_t i = 1; i < out.size(); i += 2)
+        ASSERT_EQ(out[i], 0.0f);
+    EXPECT_NEAR(channelRmsDB(out, 0, 24000) - channelRmsDB(in, 0, 24000), 6.0, 0.02);
+
+    // Different tones on each side: each channel sees its own tone at the true rate.
+    GlobalListeningEQ both(oneBell(1000, 6.0, 4.0), rate, 2);
+    in = stereo(48000, rate, 1000, 4000);
+    out = in;
+    both.process(out);
+    EXPECT_NEAR(channelRmsDB(out, 0, 24000) - channelRmsDB(in, 0, 24000), 6.0, 0.02);
+    EXPECT_NEAR(channelRmsDB(out, 1, 24000) - channelRmsDB(in, 1, 24000), 0.0, 0.1);
+
+    GlobalListeningEQ neutral(ListeningEQSettings::flat(), rate, 0);
+    EXPECT_EQ(neutral.channelCount(), 1);
+    EXPECT_TRUE(neutral.filters().empty());
+}
+
+TEST(GlobalListeningEQ, EveryKindIsLimitedToBelowNyquist) {
+    // A bell asked for at 22 kHz at 44.1 kHz sits at 19845 Hz, where its full gain shows.
+    ListeningEQSettings eq({ListeningEQBand("b", ListeningFilterKind::bell, 22000, 6.0, 2.0)});
+    EXPECT_NEAR(eq.responseDB(19845, 44100), 6.0, 1e-9);
+    // A high-pass at 20 kHz and 40 kHz is designed at 18 kHz: -3.01 dB there for a Q of 0.707.
+    ListeningEQSettings hp({ListeningEQBand("h", ListeningFilterKind::highPass, 20000, 0, 0.707)});
+    EXPECT_NEAR(hp.responseDB(18000, 40000), -3.01, 0.01);
+    EXPECT_LT(hp.responseDB(9000, 40000), -10.0);
+
+    // The response sums the bands that change audio.
+    ListeningEQSettings two({ListeningEQBand("a", ListeningFilterKind::bell, 1000, 4.0, 8.0),
+                             ListeningEQBand("b", ListeningFilterKind::bell, 10000, 3.0, 8.0),
+                             ListeningEQBand("c", ListeningFilterKind::bell, 1000, 9.0, 8.0, false)});
+    EXPECT_NEAR(two.responseDB(1000, 48000), 4.0, 0.01);
+    EXPECT_NEAR(two.responseDB(10000, 48000), 3.0, 0.01);
+}
+
+TEST(GlobalListeningBalancer, BoostsSlowlyCutsFastAndStaysInRange) {
+    const double rate = 48000;
+    const std::size_t frames = 96; // 75 buffers make 0.15 s, 600 make 1.2 s
+    GlobalListeningBalancer bal(ListeningBalancerSettings(true, -20, 100), rate);
+    auto step = [&](float amplitude) {
+        auto buf = square(frames * 2, amplitude);
+        bal.process(buf, 2);
+        return std::fabs(buf.back()) / amplitude;
+    };
+
+    // -40 dBFS wants +20 dB, held to +9. The boost starts once the measured level passes
+    // -48 dB, and from there rises with a 1.2 s time constant.
+    double g = 1.0;
+    int n = 0;
+    while (g <= 1.0 && n < 1000)
+        g = step(0.01f), ++n;
+    ASSERT_GT(g, 1.0);
+    const double top = std::pow(10.0, 9.0 / 20.0);
+    double after = 0;
+    for (int i = 0; i < 600; ++i)
+        after = step(0.01f);
+    EXPECT_NEAR(after, top - (top - g) * std::exp(-1.0), 1e-3);
+    for (int i = 0; i < 12000; ++i) {
+        step(0.01f);
+        ASSERT_LE(bal.gain(), top + 1e-12);
+    }
+    EXPECT_NEAR(bal.gain(), top, 1e-5);
+
+    // -60 dBFS is near-silence: once the measurement falls below -48 dB the gain returns to unity,
+    // falling with a 0.15 s time constant.
+    double previous = bal.gain(), held = step(0.001f);
+    n = 0;
+    while (held >= previous && n < 10000)
+        previous = held, held = step(0.001f), ++n;
+    ASSERT_LT(held, top);
+    double back = 0;
+    for (int i = 0; i < 75; ++i)
+        back = step(0.001f);
+    EXPECT_NEAR(back, 1.0 + (held - 1.0) * std::exp(-1.0), 1e-3);
+
+    // Full scale against a -32 dB target wants -32 dB, held to -18.
+    GlobalListeningBalancer cut(ListeningBalancerSettings(true, -32, 100), rate);
+    std::vector<float> buf;
+    for (int i = 0; i < 5000; ++i) {
+        buf = square(frames * 2, 1.0f);
+        cut.process(buf, 2);
+    }
+    EXPECT_NEAR(20 * std::log10(std::fabs(buf.back())), -18.0, 1e-3);
+
+    GlobalListeningBalancer weak(ListeningBalancerSettings(true, -32, 0.1), rate);
+    buf = square(64, 1.0f);
+    weak.process(buf, 2);
+    EXPECT_EQ(buf, square(64, 1.0f));
+}
+
+TEST(GlobalListeningProcessor, DoesNothingUnlessSomethingChangesAudio) {
+    const std::vector<float> hot{1.5f, -1.5f, 1.5f, -1.5f};
+    auto run = [&](const GlobalListeningSettings& s) {
+        GlobalListeningProcessor p(s, 48000);
+        auto buf = hot;
+        p.process(buf);
+        return buf;
+    };
+    EXPECT_EQ(run(GlobalListeningSettings::off()), hot);
+    EXPECT_EQ(run(GlobalListeningSettings(true, ListeningEQSettings::flat(), {}, {})), hot)
+        << "the ceiling stays out of a neutral treatment";
+    EXPECT_EQ(run(GlobalListeningSettings(false, oneBell(1000, 6), {}, {auSlot()})), hot);
+
+    // An active plug-in slot alone brings the ceiling in.
+    for (float s : run(GlobalListeningSettings(true, ListeningEQSettings::flat(), {}, {auSlot()})))
+        EXPECT_LE(std::fabs(s), OverdriveLimiter::ceilingLinear);
+}
+
+TEST(GlobalListeningProcessor, HalvesSplitAroundThePlugins) {
+    const GlobalListeningSettings s(true, oneBell(1000, 6.0), {}, {auSlot()});
+    GlobalListeningProcessor split(s, 48000), whole(s, 48000);
+    auto a = stereo(4800, 48000, 1000, 300), b = a;
+    for (float& x : a)
+        x *= 5.0f;
+    for (float& x : b)
+        x *= 5.0f;
+
+    split.processBeforePlugins(a);
+    float peak = 0;
+    for (float x : a)
+        peak = std::max(peak, std::fabs(x));
+    EXPECT_GT(peak, 1.0f) << "the EQ half has no ceiling";
+    split.processAfterPlugins(a);
+    whole.process(b);
+    EXPECT_EQ(a, b) << "both halves together are the whole treatment";
+    for (float x : a)
+        ASSERT_LE(std::fabs(x), OverdriveLimiter::ceilingLinear);
+}

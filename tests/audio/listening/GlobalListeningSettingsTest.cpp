@@ -1,0 +1,188 @@
+#include "audio/listening/GlobalListeningSettings.hpp"
+#include "audio/chain/ChainSettingsJSON.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <limits>
+#include <tuple>
+
+using namespace kavore;
+using nlohmann::json;
+
+namespace {
+
+EffectSlot auSlot(const std::string& id, const char* type = "aufx", bool bypassed = false) {
+    EffectSlot s;
+    s.id = id;
+    s.kind = EffectKind::audioUnit;
+    s.bypassed = bypassed;
+    s.auComponent =
+        AUComponentKey{fourCharCode(type), fourCharCode("abcd"), fourCharCode("tstm"), "FX", "Maker"};
+    return s;
+}
+
+std::vector<std::string> ids(const std::vector<EffectSlot>& slots) {
+    std::vector<std::string> out;
+    for (const auto& s : slots)
+        out.push_back(s.id);
+    return out;
+}
+
+json band(json extra) {
+    json j = {{"id", "b"}, {"kind", "bell"}};
+    j.update(extra);
+    return j;
+}
+
+} // namespace
+
+TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClamps) {
+    const auto plain = listeningEQBandFromJSON(band(json::object()));
+    EXPECT_EQ(plain, ListeningEQBand("b", ListeningFilterKind::bell, 1000.0, 0.0, 0.707, true));
+
+    const std::vector<std::tuple<json, double ListeningEQBand::*, double>> numbers = {
+        {{{"frequencyHz", 5}}, &ListeningEQBand::frequencyHz, 20.0},
+        {{{"frequencyHz", 30000}}, &ListeningEQBand::frequencyHz, 20000.0},
+        {{{"frequencyHz", "loud"}}, &ListeningEQBand::frequencyHz, 1000.0},
+        {{{"gainDB", 40}}, &ListeningEQBand::gainDB, 12.0},
+        {{{"q", 0.01}}, &ListeningEQBand::q, 0.3},
+    };
+    for (const auto& [extra, field, expected] : numbers)
+        EXPECT_EQ(listeningEQBandFromJSON(band(extra)).*field, expected) << extra;
+    EXPECT_FALSE(listeningEQBandFromJSON(band({{"enabled", false}})).enabled);
+    EXPECT_TRUE(listeningEQBandFromJSON(band({{"enabled", 0}})).enabled);
+
+    const double inf = std::numeric_limits<double>::infinity();
+    const ListeningEQBand fromCode("x", ListeningFilterKind::bell, std::numeric_limits<double>::quiet_NaN(),
+                                   inf, -inf);
+    EXPECT_EQ(fromCode.frequencyHz, 1000.0);
+    EXPECT_EQ(fromCode.gainDB, 0.0);
+    EXPECT_EQ(fromCode.q, 0.707);
+
+    EXPECT_THROW(listeningEQBandFromJSON(json{{"kind", "bell"}}), JSONDecodeError);
+    EXPECT_THROW(listeningEQBandFromJSON(json{{"id", "x"}, {"kind", "notch"}}), JSONDecodeError);
+}
+
+TEST(ListeningEQSettings, BandListReadsWholeAndKeepsSixteen) {
+    json seventeen = json::array();
+    for (int i = 0; i < 17; ++i)
+        seventeen.push_back(band({{"id", std::to_string(i)}, {"gainDB", 1}}));
+    const auto eq = listeningEQSettingsFromJSON(json{{"bands", seventeen}});
+    ASSERT_EQ(eq.bands.size(), 16u);
+    EXPECT_EQ(eq.bands.back().id, "15");
+
+    json withBadBand = json::array({band({{"gainDB", 3}}), json{{"kind", "bell"}}});
+    EXPECT_EQ(listeningEQSettingsFromJSON(json{{"bands", withBadBand}}), ListeningEQSettings::flat());
+    EXPECT_EQ(listeningEQSettingsFromJSON(json{{"bands", 3}}), ListeningEQSettings::flat());
+    EXPECT_TRUE(listeningEQSettingsFromJSON(json{{"bands", json::array()}}).bands.empty());
+}
+
+TEST(ListeningEQSettings, FlatLayoutIsNeutralUntilAPassFilterIsEnabled) {
+    auto eq = ListeningEQSettings::flat();
+    ASSERT_EQ(eq.bands.size(), 8u);
+    EXPECT_EQ(eq.bands.front().id, "high-pass");
+    EXPECT_EQ(eq.bands.front().frequencyHz, 35.0);
+    EXPECT_EQ(eq.bands[4].frequencyHz, 2000.0);
+    EXPECT_EQ(eq.bands.back().id, "low-pass");
+    EXPECT_EQ(eq.bands.back().frequencyHz, 18000.0);
+    EXPECT_TRUE(eq.isNeutral());
+    EXPECT_EQ(eq.responseDB(1000.0, 48000.0), 0.0);
+
+    eq.bands.front().enabled = true;
+    EXPECT_FALSE(eq.isNeutral()) << "a pass filter shapes the sound at 0 dB";
+    eq = ListeningEQSettings::flat();
+    eq.bands[2].gainDB = 0.01;
+    EXPECT_TRUE(eq.isNeutral());
+    eq.bands[2].gainDB = 0.011;
+    EXPECT_FALSE(eq.isNeutral());
+}
+
+TEST(ListeningBalancerSettingsJSON, DefaultsAndClamps) {
+    EXPECT_EQ(listeningBalancerSettingsFromJSON(json::object()), ListeningBalancerSettings::defaults());
+    const auto b = listeningBalancerSettingsFromJSON(
+        json{{"enabled", true}, {"targetDBFS", 0}, {"strengthPercent", 400}});
+    EXPECT_TRUE(b.enabled);
+    EXPECT_EQ(b.targetDBFS, -12.0);
+    EXPECT_EQ(b.strengthPercent, 100.0);
+    EXPECT_EQ(listeningBalancerSettingsFromJSON(json{{"targetDBFS", -90}}).targetDBFS, -32.0);
+    EXPECT_EQ(
+        listeningBalancerSettingsFromJSON(json{{"targetDBFS", "x"}, {"strengthPercent", -1}}).targetDBFS,
+        -20.0);
+    EXPECT_EQ(ListeningBalancerSettings(true, -20, std::numeric_limits<double>::quiet_NaN()).strengthPercent,
+              50.0);
+}
+
+TEST(GlobalListeningSettings, PlugInSlotsAreValidatedInOrder) {
+    EffectSlot notAU = auSlot("eq");
+    notAU.kind = EffectKind::eq10;
+    EffectSlot noComponent = auSlot("none");
+    noComponent.auComponent.reset();
+    const GlobalListeningSettings s(true, ListeningEQSettings::flat(), {},
+                                    {auSlot("1"), notAU, auSlot("inst", "aumu"), noComponent,
+                                     auSlot("1", "aumf"), auSlot("2", "aumf"), auSlot("3")});
+    EXPECT_EQ(ids(s.audioUnitSlots), (std::vector<std::string>{"1", "2"}));
+
+    const GlobalListeningSettings withBypass(true, {}, {}, {auSlot("1", "aufx", true), auSlot("2")});
+    EXPECT_EQ(ids(withBypass.activeAudioUnitSlots()), std::vector<std::string>{"2"});
+    EXPECT_TRUE(withBypass.changesAudio()) << "an active plug-in alone counts";
+
+    GlobalListeningSettings disabled = withBypass;
+    disabled.enabled = false;
+    EXPECT_TRUE(disabled.activeAudioUnitSlots().empty());
+    EXPECT_FALSE(disabled.changesAudio());
+}
+
+TEST(GlobalListeningSettings, ChangesAudioAndDSPMatching) {
+    EXPECT_FALSE(GlobalListeningSettings::off().changesAudio());
+    GlobalListeningSettings s = GlobalListeningSettings::off();
+    s.enabled = true;
+    EXPECT_FALSE(s.changesAudio()) << "flat EQ, balancer off, no plug-ins";
+    s.balancer = ListeningBalancerSettings(true, -20, 0.1);
+    EXPECT_FALSE(s.changesAudio());
+    s.balancer = ListeningBalancerSettings(true, -20, 0.2);
+    EXPECT_TRUE(s.changesAudio());
+
+    GlobalListeningSettings other = s;
+    other.audioUnitSlots = {auSlot("x")};
+    EXPECT_TRUE(s.matchesDSP(other)) << "plug-ins do not count";
+    other.balancer.targetDBFS = -21;
+    EXPECT_FALSE(s.matchesDSP(other));
+}
+
+TEST(GlobalListeningSettingsJSON, TolerantReadingAndRoundTrip) {
+    EXPECT_EQ(globalListeningSettingsFromJSON(json("nonsense")), GlobalListeningSettings::off());
+    EXPECT_EQ(globalListeningSettingsFromJSON(json::object()), GlobalListeningSettings::off());
+
+    const json garbage = {
+        {"enabled", "yes"}, {"equalizer", 4}, {"balancer", "x"}, {"audioUnitSlots", {1, 2}}};
+    EXPECT_EQ(globalListeningSettingsFromJSON(garbage), GlobalListeningSettings::off());
+
+    // One unreadable slot empties the list; the rest of the record survives.
+    json slots = json::array({toJSON(auSlot("1")), json{{"id", "broken"}}});
+    const auto partial = globalListeningSettingsFromJSON(json{{"enabled", true}, {"audioUnitSlots", slots}});
+    EXPECT_TRUE(partial.enabled);
+    EXPECT_TRUE(partial.audioUnitSlots.empty());
+
+    // Reading validates slots too.
+    json three = json::array({toJSON(auSlot("1")), toJSON(auSlot("2")), toJSON(auSlot("3"))});
+    EXPECT_EQ(ids(globalListeningSettingsFromJSON(json{{"audioUnitSlots", three}}).audioUnitSlots),
+              (std::vector<std::string>{"1", "2"}));
+}
+
+TEST(GlobalListeningSettingsJSON, WritesAndReadsTheGoldenDocument) {
+    const json golden = json::parse(R"({"enabled": true,
+        "equalizer": {"bands": [{"id": "lows", "kind": "lowShelf", "frequencyHz": 120.0, "gainDB": -4.5,
+                                 "q": 0.8, "enabled": true}]},
+        "balancer": {"enabled": true, "targetDBFS": -18.0, "strengthPercent": 70.0},
+        "audioUnitSlots": [{"id": "A", "kind": "audioUnit", "nickname": "", "bypassed": false, "settingsJSON": "",
+            "auComponent": {"type": 1635083896, "subtype": 1633837924, "manufacturer": 1953723501,
+                            "name": "FX", "manufacturerName": "Maker"}}]})");
+    const GlobalListeningSettings settings(
+        true,
+        ListeningEQSettings({ListeningEQBand("lows", ListeningFilterKind::lowShelf, 120.0, -4.5, 0.8, true)}),
+        ListeningBalancerSettings(true, -18, 70), {auSlot("A")});
+    EXPECT_EQ(toJSON(settings), golden);
+    EXPECT_EQ(globalListeningSettingsFromJSON(golden), settings);
+}
