@@ -1,7 +1,7 @@
 #pragma once
 // A hosted effect component the catalogue knows about.
 
-#include "audio/AUComponentKey.hpp"
+#include "audio/chain/AUComponentKey.hpp"
 
 #include <nlohmann/json_fwd.hpp>
 #include <string>

@@ -3,7 +3,7 @@
 // Encoders throw WireEncodingError for a number that is not finite; decoders (for clients) throw
 // WireDecodingError.
 
-#include "audio/EQPreset.hpp"
+#include "audio/effects/EQPreset.hpp"
 #include "base/Encoding.hpp"
 #include "core/config/MIDIMapping.hpp"
 #include "core/wire/AudioUnitInfo.hpp"

@@ -4,10 +4,10 @@
 // case's fields ("_0" for a single unlabelled field, {} for none). Decoding is strict: a wrong type, a
 // missing field or an unknown case or enumeration name fails the whole request.
 
-#include "audio/ChainSettings.hpp"
-#include "audio/EQPreset.hpp"
-#include "audio/GlobalListeningSettings.hpp"
-#include "audio/LevelerSettings.hpp"
+#include "audio/chain/ChainSettings.hpp"
+#include "audio/effects/EQPreset.hpp"
+#include "audio/listening/GlobalListeningSettings.hpp"
+#include "audio/effects/LevelerSettings.hpp"
 #include "base/Encoding.hpp"
 #include "core/config/AutoDirectList.hpp"
 #include "core/config/AutoDuckRule.hpp"

@@ -8,9 +8,9 @@
 // Writing: optional fields are left out when absent; `finishText` refuses any number that is not finite,
 // because the library would otherwise write null there.
 
-#include "audio/ChainSettingsJSON.hpp"
-#include "audio/EffectSettingsJSON.hpp"
-#include "audio/GlobalListeningSettingsJSON.hpp"
+#include "audio/chain/ChainSettingsJSON.hpp"
+#include "audio/effects/EffectSettingsJSON.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
 #include "base/Encoding.hpp"
 #include "core/engine/HealthEvent.hpp"
 #include "core/wire/AudioOnset.hpp"

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "audio/LevelMeter.hpp"
+#include "audio/primitives/LevelMeter.hpp"
 #include "core/engine/TapProviding.hpp"
 #include "platform/AudioHardwareTypes.hpp"
 #include "service/taps/TapProcessIdentity.hpp"

@@ -6,8 +6,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "audio/ProcessTapBufferSelector.hpp"
-#include "audio/ProcessTapOutputMapper.hpp"
+#include "audio/tap/ProcessTapBufferSelector.hpp"
+#include "audio/tap/ProcessTapOutputMapper.hpp"
 #include "base/Encoding.hpp"
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"

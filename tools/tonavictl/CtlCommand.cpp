@@ -1,8 +1,8 @@
 #include "tools/tonavictl/CtlCommand.hpp"
 
-#include "audio/ChainSettingsJSON.hpp"
-#include "audio/EQPresets.hpp"
-#include "audio/EffectSettingsJSON.hpp"
+#include "audio/chain/ChainSettingsJSON.hpp"
+#include "audio/effects/EQPresets.hpp"
+#include "audio/effects/EffectSettingsJSON.hpp"
 #include "base/Encoding.hpp"
 #include "core/wire/TonaviStatus.hpp"
 #include "tools/tonavictl/NameResolver.hpp"

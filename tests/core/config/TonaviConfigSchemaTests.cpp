@@ -1,8 +1,8 @@
 // Reading, writing and the methods of the configuration record.
 
-#include "audio/EffectSettingsJSON.hpp"
-#include "audio/GlobalListeningSettingsJSON.hpp"
-#include "audio/HeadphoneProfileJSON.hpp"
+#include "audio/effects/EffectSettingsJSON.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
+#include "audio/headphone/HeadphoneProfileJSON.hpp"
 #include "core/config/ConfigDecodeError.hpp"
 #include "core/config/ConfigEncodeError.hpp"
 #include "core/config/InstallationVersion.hpp"

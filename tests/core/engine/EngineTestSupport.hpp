@@ -3,8 +3,8 @@
 // a manual clock.
 
 #include "FakeTaps.hpp"
-#include "audio/AUComponentKey.hpp"
-#include "audio/EffectSlot.hpp"
+#include "audio/chain/AUComponentKey.hpp"
+#include "audio/chain/EffectSlot.hpp"
 #include "core/engine/EngagementEngine.hpp"
 
 #include <memory>

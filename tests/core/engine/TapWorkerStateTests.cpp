@@ -1,4 +1,4 @@
-#include "audio/GlobalListeningSettingsJSON.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
 #include "core/config/ConfigDecodeError.hpp"
 #include "core/engine/HealthEvent.hpp"
 #include "core/engine/TapWorkerState.hpp"
