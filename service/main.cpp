@@ -5,7 +5,7 @@
 #include "base/Paths.hpp"
 #include "service/TonaviControlServer.hpp"
 #include "service/TonaviRuntime.hpp"
-#include "service/TonaviTapWorkerMain.hpp"
+#include "service/worker/TonaviTapWorkerMain.hpp"
 
 #include <csignal>
 #include <fcntl.h>

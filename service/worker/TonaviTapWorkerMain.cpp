@@ -1,4 +1,4 @@
-#include "service/TonaviTapWorkerMain.hpp"
+#include "service/worker/TonaviTapWorkerMain.hpp"
 
 #include <cstdio>
 #include <cstring>
