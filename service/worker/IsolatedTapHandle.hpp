@@ -4,6 +4,7 @@
 // `protocolLock`; writes to the worker by `writeLock`.
 
 #include "core/engine/TapProviding.hpp"
+#include "service/taps/TapProcessIdentity.hpp"
 #include "service/worker/TapWorkerProcess.hpp"
 
 #include <atomic>
@@ -42,7 +43,7 @@ class IsolatedTapHandle final : public TapHandle {
     std::atomic<bool> intentionalStop{false};
 
     // Set once before the worker starts, then only read.
-    std::vector<std::uint32_t> processObjects;
+    TapProcessIdentity processIdentity;
 
     // Under the provider's `stateLock`.
     float meterLevel = 0.0f;

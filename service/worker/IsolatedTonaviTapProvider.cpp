@@ -4,6 +4,7 @@
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
 #include "platform/AudioHardware.hpp"
+#include "service/taps/TapActivityWindow.hpp"
 #include "service/worker/TapWorkerEnvelope.hpp"
 #include "service/worker/TapWorkerEvent.hpp"
 #include "service/worker/TonaviTapWorkerMain.hpp"
@@ -49,29 +50,16 @@ std::shared_ptr<IsolatedTapHandle> isolated(const TapHandlePtr& handle) {
 
 } // namespace
 
-IsolatedTonaviTapProvider::Environment IsolatedTonaviTapProvider::platformEnvironment(AudioHardware& audio) {
+IsolatedTonaviTapProvider::Environment IsolatedTonaviTapProvider::platformEnvironment(AudioHardware& audio,
+                                                                                    Workspace& workspace) {
     Environment environment;
     environment.mayCapture = [](std::string_view id) { return TonaviTapSafety::mayCapture(id); };
-    environment.defaultOutputUID = [&audio] {
-        AudioObjectID device = 0;
-        std::string uid;
-        if (audio.get(kAudioObjectSystemObject, {kAudioHardwarePropertyDefaultOutputDevice}, device) != 0 ||
-            device == 0 || audio.get(device, {kAudioDevicePropertyDeviceUID}, uid) != 0)
-            return std::string();
-        return uid;
+    environment.processGroup = [&audio, &workspace](const std::string& id) {
+        return TonaviTapProvider::processGroup(audio, workspace, id);
     };
+    environment.defaultOutputUID = [&audio] { return TonaviTapProvider::defaultOutputUID(audio); };
     environment.deviceID = [&audio](const std::string& uid) -> std::uint32_t {
-        if (uid.empty())
-            return 0;
-        std::vector<AudioObjectID> devices;
-        if (audio.get(kAudioObjectSystemObject, {kAudioHardwarePropertyDevices}, devices) != 0)
-            return 0;
-        for (auto device : devices) {
-            std::string candidate;
-            if (audio.get(device, {kAudioDevicePropertyDeviceUID}, candidate) == 0 && candidate == uid)
-                return device;
-        }
-        return 0;
+        return uid.empty() ? 0 : TonaviTapProvider::deviceID(audio, uid);
     };
     environment.now = secondsSince1970;
     environment.uptime = uptimeSeconds;
@@ -107,9 +95,9 @@ TapHandlePtr IsolatedTonaviTapProvider::createTap(const std::string& bundleID) {
     if (!state)
         return nullptr;
     // Nothing of the app plays yet: there is nothing to tap, and that is normal.
-    std::vector<std::uint32_t> objects =
-        environment_.processObjects ? environment_.processObjects(bundleID) : std::vector<std::uint32_t>{};
-    if (objects.empty())
+    TonaviTapProvider::ProcessGroup group =
+        environment_.processGroup ? environment_.processGroup(bundleID) : TonaviTapProvider::ProcessGroup{};
+    if (group.objects.empty())
         return nullptr;
 
     const std::string defaultUID = environment_.defaultOutputUID ? environment_.defaultOutputUID() : "";
@@ -124,7 +112,7 @@ TapHandlePtr IsolatedTonaviTapProvider::createTap(const std::string& bundleID) {
     }
 
     auto handle = std::make_shared<IsolatedTapHandle>(bundleID, environment_.now());
-    handle->processObjects = objects;
+    handle->processIdentity = group.identity;
     std::weak_ptr<IsolatedTonaviTapProvider> weakSelf = weak_from_this();
     std::weak_ptr<IsolatedTapHandle> weakHandle = handle;
     std::string launchError;
@@ -379,10 +367,7 @@ std::optional<bool> IsolatedTonaviTapProvider::recentAudioSignal(const std::stri
         created = handle->createdAt;
         lastIO = handle->lastIOAt;
     }
-    const double now = environment_.now();
-    if (!std::isfinite(lastRaw) || !std::isfinite(created) || !std::isfinite(lastIO) || !std::isfinite(now))
-        return std::nullopt;
-    return now - (lastRaw > 0 ? lastRaw : created) <= 2.0;
+    return TapActivityWindow::recentSignal(lastRaw, created, lastIO, environment_.now(), 2.0);
 }
 
 bool IsolatedTonaviTapProvider::ioStale(const std::string& bundleID, double olderThan) const {
@@ -393,6 +378,18 @@ bool IsolatedTonaviTapProvider::ioStale(const std::string& bundleID, double olde
         return true;
     std::lock_guard guard(stateLock_);
     return environment_.now() - handle->lastIOAt > olderThan;
+}
+
+bool IsolatedTonaviTapProvider::processGroupChanged(const std::string& bundleID,
+                                                    const std::optional<TapProcessIdentity>& current) const {
+    auto handle = liveHandle(bundleID);
+    if (!handle)
+        return false;
+    if (current)
+        return handle->processIdentity.needsRefresh(*current);
+    if (!environment_.processGroup)
+        return false;
+    return handle->processIdentity.needsRefresh(environment_.processGroup(bundleID).identity);
 }
 
 std::optional<std::string> IsolatedTonaviTapProvider::targetDevice(const std::string& bundleID) const {

@@ -10,6 +10,7 @@
 
 #include "core/engine/TapProviding.hpp"
 #include "core/engine/TapWorkerState.hpp"
+#include "service/taps/TonaviTapProvider.hpp"
 #include "service/worker/IsolatedTapHandle.hpp"
 #include "service/worker/TapRecoveryBackoff.hpp"
 
@@ -27,8 +28,6 @@
 
 namespace tonavi {
 
-class AudioHardware;
-class Workspace;
 struct TapWorkerEvent;
 
 class IsolatedTonaviTapProvider final : public TapProviding,
@@ -45,8 +44,8 @@ class IsolatedTonaviTapProvider final : public TapProviding,
     // What the provider asks of the machine, replaceable in tests.
     struct Environment {
         std::function<bool(std::string_view)> mayCapture;
-        // The app's process objects, in tap order; empty when nothing of it plays yet.
-        std::function<std::vector<std::uint32_t>(const std::string&)> processObjects;
+        // The app's process objects with its helpers; no objects when nothing of it plays yet.
+        std::function<TonaviTapProvider::ProcessGroup(const std::string&)> processGroup;
         std::function<std::string()> defaultOutputUID;
         // 0 when the device does not exist.
         std::function<std::uint32_t(const std::string&)> deviceID;
@@ -61,7 +60,7 @@ class IsolatedTonaviTapProvider final : public TapProviding,
     static constexpr const char* executableVariable = "TONAVI_TAP_WORKER_EXECUTABLE";
 
     // The machine's own answers: the platform backend's devices, processes and clocks.
-    static Environment platformEnvironment(AudioHardware& audio);
+    static Environment platformEnvironment(AudioHardware& audio, Workspace& workspace);
     // TONAVI_TAP_WORKER_EXECUTABLE when set and not empty; else this process's first argument, an
     // absolute path as it stands and a relative one against the current directory. A bare name
     // (found on PATH) is this process's executable file.
@@ -91,6 +90,10 @@ class IsolatedTonaviTapProvider final : public TapProviding,
     std::int64_t bufferFrames(const std::string& bundleID) const;
     std::optional<bool> recentAudioSignal(const std::string& bundleID) const;
     bool ioStale(const std::string& bundleID, double olderThan) const;
+    // Whether the app's processes moved away from what its worker's tap covers; without `current`
+    // the group is read now.
+    bool processGroupChanged(const std::string& bundleID,
+                             const std::optional<TapProcessIdentity>& current = std::nullopt) const;
     std::optional<std::string> targetDevice(const std::string& bundleID) const;
     std::optional<std::string> sourceDevice(const std::string& bundleID) const;
     std::shared_ptr<IsolatedTapHandle> liveHandle(const std::string& bundleID) const;
