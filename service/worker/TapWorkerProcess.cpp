@@ -193,6 +193,8 @@ bool TapWorkerProcess::write(std::string_view bytes) {
     return ok;
 }
 
+void TapWorkerProcess::closeInput() { closeFD(inputFD_); }
+
 // The reader thread's own state, shared so that a thread that outlives its process object (a
 // reader cleared from its own handler) touches nothing freed.
 struct TapWorkerProcess::Reader {

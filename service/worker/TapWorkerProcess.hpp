@@ -46,6 +46,8 @@ class TapWorkerProcess {
     // Writes all of `bytes` to the child's stdin; false when the pipe is closed or broken. Never
     // raises SIGPIPE, also in a process that does not ignore it. Callers serialise their writes.
     bool write(std::string_view bytes);
+    // Closes the child's stdin: the end of its input.
+    void closeInput();
     // Starts the reader thread ("tonavi.tap-read"). At most once.
     void startReading(ReadHandler handler);
     // Stops delivering reads; returns when the reader no longer calls the handler (at once when
