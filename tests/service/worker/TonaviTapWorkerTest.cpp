@@ -123,7 +123,9 @@ TEST(TonaviTapWorker, ExitsWith70WhenItsParentIsAlreadyGone) {
 TEST(TonaviTapWorker, DiesWithItsParentEvenWhenTheParentIsKilledOutright) {
     // The shell starts the worker behind `cat`, which keeps the worker's stdin open, so only the
     // parent watch can end it when the shell is killed.
-    const std::string command = "cat | '" + serviceExecutable() + "' --tonavi-tap-worker com.example.player & echo $!; wait";
+    // (A background command's stdin would be /dev/null without the explicit descriptor.)
+    const std::string command = "exec 3<&0; cat <&3 | '" + serviceExecutable() +
+                                "' --tonavi-tap-worker com.example.player & echo $!; wait";
     std::string error;
     auto shell = TapWorkerProcess::launch("/bin/sh", {"-c", command}, DispatchQueue::global(QoS::utility), {}, error);
     ASSERT_TRUE(shell) << error;
