@@ -424,8 +424,11 @@ void ProcessExitSource::resume() {
     if (::pipe2(shared_->wakePipe, O_CLOEXEC) != 0) return;
     int pidFD = openPidFD(shared_->pid);
     if (pidFD < 0 && errno == ESRCH) {
-        ::close(shared_->wakePipe[0]);
-        shared_->wakePipe[0] = -1;
+        // No watch thread: the pipe would only raise SIGPIPE at cancel.
+        for (int& fd : shared_->wakePipe) {
+            ::close(fd);
+            fd = -1;
+        }
         Shared::fire(shared_);
         return;
     }
