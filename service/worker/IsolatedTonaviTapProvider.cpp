@@ -180,6 +180,9 @@ void IsolatedTonaviTapProvider::receive(const std::shared_ptr<IsolatedTapHandle>
             lines.push_back(handle->protocolBuffer.substr(0, at));
             handle->protocolBuffer.erase(0, at + 1);
         }
+        // No event is this long: a worker that never ends its line is talking garbage.
+        if (handle->protocolBuffer.size() > maximumLineBytes)
+            handle->protocolBuffer.clear();
     }
     for (const auto& line : lines) {
         if (auto event = TapWorkerEvent::decode(line))

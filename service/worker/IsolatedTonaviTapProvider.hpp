@@ -57,6 +57,7 @@ class IsolatedTonaviTapProvider final : public TapProviding,
     };
 
     static constexpr double activityLevel = 0.0005;
+    static constexpr std::size_t maximumLineBytes = 1 << 20;
     static constexpr const char* executableVariable = "TONAVI_TAP_WORKER_EXECUTABLE";
 
     // The machine's own answers: the platform backend's devices, processes and clocks.

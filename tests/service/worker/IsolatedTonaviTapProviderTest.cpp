@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
@@ -141,9 +142,12 @@ TEST_F(IsolatedProviderTest, NothingIsLaunchedForAppsThatCannotOrNeedNotBeTapped
 }
 
 TEST_F(IsolatedProviderTest, GarbageFromAWorkerIsSkippedAndSplitOrJoinedLinesStillCount) {
-    // Garbage, a mistyped metric, a metric split over two writes, then two events in one write.
+    // Garbage, a line longer than any event, a mistyped metric, a metric split over two writes,
+    // then two events in one write.
     auto provider = makeProvider(folder.script("worker", R"(read line
-printf 'not json\n\001\002\n{"kind":"metrics","sampleRate":"fast"}\n{"kind":"metr'
+printf 'not json\n\001\002\n'
+head -c 3000000 /dev/zero | tr '\0' x; printf '\n'
+printf '{"kind":"metrics","sampleRate":"fast"}\n{"kind":"metr'
 printf 'ics","level":0.9,"tapBufferFrames":64}\n'
 printf '{"kind":"what"}\n{"kind":"ready","outputBufferFrames":256}\n'
 while read line; do case "$line" in *stop*) exit 0;; esac; done)"));
@@ -256,4 +260,15 @@ read line; printf '{"kind":"ready"}\n'; exec sleep 60)");
     EXPECT_TRUE(eventually([&] { return provider->liveHandle("com.example.player") == nullptr; }, 5s));
     EXPECT_TRUE(eventually([&] { return old->process->terminationStatus().has_value(); }, 5s));
     EXPECT_EQ(failureCount(), 0u);
+}
+
+TEST(IsolatedTonaviTapProvider, TheWorkerExecutableIsTheOverrideUnlessEmptyElseThisProgram) {
+    {
+        ScopedEnvironment set(IsolatedTonaviTapProvider::executableVariable, "/opt/tonavi/worker");
+        EXPECT_EQ(IsolatedTonaviTapProvider::workerExecutableURL(), "/opt/tonavi/worker");
+    }
+    ScopedEnvironment empty(IsolatedTonaviTapProvider::executableVariable, "");
+    const std::string self = IsolatedTonaviTapProvider::workerExecutableURL();
+    EXPECT_EQ(self.front(), '/');
+    EXPECT_TRUE(std::filesystem::equivalent(self, "/proc/self/exe")) << self;
 }

@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <list>
 
 using namespace tonavi;
 using namespace tonavi::testing;
@@ -161,9 +162,10 @@ class WorkerOnSimulatedMachine : public ::testing::Test {
         machine = SimMachine::open(world, error);
         ASSERT_TRUE(machine) << error;
         workspace = std::make_shared<SimWorkspace>(machine);
-        // The workers inherit these and so share this machine.
-        ::setenv("TONAVI_AUDIO_BACKEND", "sim", 1);
-        ::setenv("TONAVI_SIM_WORLD", world.c_str(), 1);
+        // The workers inherit these and so share this machine; their log stays in the scratch folder.
+        environmentOverrides.emplace_back("TONAVI_AUDIO_BACKEND", "sim");
+        environmentOverrides.emplace_back("TONAVI_SIM_WORLD", world);
+        environmentOverrides.emplace_back("XDG_STATE_HOME", folder.path);
         auto environment = IsolatedTonaviTapProvider::platformEnvironment(*machine, *workspace);
         environment.executable = serviceExecutable();
         provider = std::make_shared<IsolatedTonaviTapProvider>(environment);
@@ -178,10 +180,6 @@ class WorkerOnSimulatedMachine : public ::testing::Test {
             active.insert(id);
         };
     }
-    void TearDown() override {
-        ::unsetenv("TONAVI_AUDIO_BACKEND");
-        ::unsetenv("TONAVI_SIM_WORLD");
-    }
     bool audible(const std::string& id) {
         auto ids = machine->directlyAudible(TonaviTapProvider::defaultOutputUID(*machine));
         return std::find(ids.begin(), ids.end(), id) != ids.end();
@@ -192,6 +190,7 @@ class WorkerOnSimulatedMachine : public ::testing::Test {
     }
 
     ScratchFolder folder;
+    std::list<ScopedEnvironment> environmentOverrides;
     std::shared_ptr<SimMachine> machine;
     std::shared_ptr<SimWorkspace> workspace;
     std::shared_ptr<IsolatedTonaviTapProvider> provider;

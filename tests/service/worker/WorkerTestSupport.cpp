@@ -41,6 +41,19 @@ int ScratchFolder::lineCount(const std::string& name) const {
     return lines;
 }
 
+ScopedEnvironment::ScopedEnvironment(std::string variable, const std::string& value) : name(std::move(variable)) {
+    if (const char* old = std::getenv(name.c_str()))
+        previous = old;
+    ::setenv(name.c_str(), value.c_str(), 1);
+}
+
+ScopedEnvironment::~ScopedEnvironment() {
+    if (previous)
+        ::setenv(name.c_str(), previous->c_str(), 1);
+    else
+        ::unsetenv(name.c_str());
+}
+
 std::string serviceExecutable() {
     if (const char* dir = std::getenv("TONAVI_BIN_DIR"); dir && *dir)
         return std::string(dir) + "/tonavi-service";

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace tonavi::testing {
@@ -17,6 +18,14 @@ struct ScratchFolder {
     std::string script(const std::string& name, const std::string& body) const;
     std::string read(const std::string& name) const;
     int lineCount(const std::string& name) const;
+};
+
+// Sets an environment variable for its lifetime, then puts back what was there.
+struct ScopedEnvironment {
+    ScopedEnvironment(std::string name, const std::string& value);
+    ~ScopedEnvironment();
+    std::string name;
+    std::optional<std::string> previous;
 };
 
 // build/bin/tonavi-service (TONAVI_BIN_DIR, else beside this test's own folder).
