@@ -1,6 +1,8 @@
 #include "service/worker/TapWorkerProcess.hpp"
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -22,6 +24,8 @@ void closeFD(int& fd) {
     fd = -1;
 }
 
+constexpr auto lastWordsWait = std::chrono::milliseconds(250);
+
 int statusFrom(int waitStatus) {
     if (WIFEXITED(waitStatus))
         return WEXITSTATUS(waitStatus);
@@ -32,13 +36,38 @@ int statusFrom(int waitStatus) {
 
 } // namespace
 
+// The reader thread's own state, shared so that a thread that outlives its process object (a
+// reader cleared from its own handler) touches nothing freed.
+struct TapWorkerProcess::Reader {
+    int fd = -1;
+    int wake[2] = {-1, -1};
+    std::atomic<bool> cleared{false};
+    std::atomic<bool> started{false};
+    std::mutex mutex;
+    std::condition_variable ended;
+    bool finished = false;
+
+    void finish() {
+        std::lock_guard guard(mutex);
+        finished = true;
+        ended.notify_all();
+    }
+    ~Reader() {
+        closeFD(fd);
+        closeFD(wake[0]);
+        closeFD(wake[1]);
+    }
+};
+
 std::shared_ptr<TapWorkerProcess> TapWorkerProcess::launch(const std::string& executable,
                                                            const std::vector<std::string>& arguments,
                                                            DispatchQueue& queue, TerminationHandler onTermination,
                                                            std::string& error) {
     int input[2] = {-1, -1};
     int output[2] = {-1, -1};
-    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) {
+    auto reader = std::make_shared<Reader>();
+    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0 ||
+        ::pipe2(reader->wake, O_CLOEXEC) != 0) {
         error = std::string("pipe: ") + std::strerror(errno);
         closeFD(input[0]), closeFD(input[1]), closeFD(output[0]), closeFD(output[1]);
         return nullptr;
@@ -87,12 +116,19 @@ std::shared_ptr<TapWorkerProcess> TapWorkerProcess::launch(const std::string& ex
     std::shared_ptr<TapWorkerProcess> process(new TapWorkerProcess());
     process->pid_ = pid;
     process->inputFD_ = input[1];
-    process->outputFD_ = output[0];
+    reader->fd = output[0];
+    process->reader_ = std::move(reader);
     std::weak_ptr<TapWorkerProcess> weak = process;
     process->exitSource_ = std::make_unique<ProcessExitSource>(
         pid, queue, [weak, onTermination = std::move(onTermination), pid] {
             auto self = weak.lock();
             int status = -1;
+            // The child's last words (a "failure" line before its exit) are read before its end
+            // is reported. A grandchild holding the pipe open must not delay that for long.
+            if (self && self->reader_->started.load()) {
+                std::unique_lock guard(self->reader_->mutex);
+                self->reader_->ended.wait_for(guard, lastWordsWait, [&] { return self->reader_->finished; });
+            }
             if (self) {
                 std::lock_guard guard(self->mutex_);
                 self->reapLocked(true);
@@ -121,7 +157,6 @@ TapWorkerProcess::~TapWorkerProcess() {
     if (exitSource_ && !reaped)
         (void)exitSource_.release();
     closeFD(inputFD_);
-    closeFD(outputFD_);
 }
 
 void TapWorkerProcess::reapLocked(bool wait) const {
@@ -195,30 +230,16 @@ bool TapWorkerProcess::write(std::string_view bytes) {
 
 void TapWorkerProcess::closeInput() { closeFD(inputFD_); }
 
-// The reader thread's own state, shared so that a thread that outlives its process object (a
-// reader cleared from its own handler) touches nothing freed.
-struct TapWorkerProcess::Reader {
-    int fd = -1;
-    int wake[2] = {-1, -1};
-    std::atomic<bool> cleared{false};
-    ~Reader() {
-        closeFD(fd);
-        closeFD(wake[0]);
-        closeFD(wake[1]);
-    }
-};
-
 void TapWorkerProcess::startReading(ReadHandler handler) {
-    if (reader_ || outputFD_ < 0)
+    auto reader = reader_;
+    if (reader->started.exchange(true))
         return;
-    auto reader = std::make_shared<Reader>();
-    if (::pipe2(reader->wake, O_CLOEXEC) != 0)
-        return;
-    reader->fd = outputFD_;
-    outputFD_ = -1;
-    reader_ = reader;
     readerThread_ = std::thread([reader, handler = std::move(handler)] {
         pthread_setname_np(pthread_self(), "tonavi.tap-read");
+        struct Finish {
+            Reader& reader;
+            ~Finish() { reader.finish(); }
+        } finish{*reader};
         char buffer[4096];
         for (;;) {
             pollfd fds[2] = {{reader->fd, POLLIN, 0}, {reader->wake[0], POLLIN, 0}};
@@ -242,7 +263,7 @@ void TapWorkerProcess::startReading(ReadHandler handler) {
 }
 
 void TapWorkerProcess::clearReader() {
-    if (!reader_)
+    if (!reader_->started.load())
         return;
     reader_->cleared.store(true);
     char byte = 1;

@@ -62,9 +62,8 @@ class TapWorkerProcess {
 
     int pid_ = -1;
     int inputFD_ = -1;
-    int outputFD_ = -1;
     struct Reader;
-    std::shared_ptr<Reader> reader_;
+    std::shared_ptr<Reader> reader_; // made at launch, owns the stdout pipe
     std::thread readerThread_;
     mutable std::mutex mutex_; // leaf lock around the reaped status and the signals
     mutable std::optional<int> status_;

@@ -46,7 +46,8 @@ Outcome runWorker(const std::string& executable, const std::vector<std::string>&
     process->startReading([output, ended](std::string_view bytes) {
         if (bytes.empty())
             ended->set_value();
-        output->append(bytes);
+        else
+            output->append(bytes);
     });
     process->write(input);
     process->closeInput();
