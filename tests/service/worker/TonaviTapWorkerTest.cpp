@@ -175,10 +175,11 @@ class WorkerOnSimulatedMachine : public ::testing::Test {
         auto environment = IsolatedTonaviTapProvider::platformEnvironment(*machine, *workspace);
         environment.executable = serviceExecutable();
         provider = std::make_shared<IsolatedTonaviTapProvider>(environment);
-        provider->workerStateFor = [](const std::string& id) -> std::optional<TapWorkerState> {
+        provider->workerStateFor = [this](const std::string& id) -> std::optional<TapWorkerState> {
             TapWorkerState state;
             state.app = AppAudioState(id);
-            state.app.volume = 0.5;
+            std::lock_guard guard(mutex);
+            state.app.volume = volume;
             return state;
         };
         provider->onAudioActivity = [this](const std::string& id) {
@@ -189,6 +190,13 @@ class WorkerOnSimulatedMachine : public ::testing::Test {
     bool audible(const std::string& id) {
         auto ids = machine->directlyAudible(TonaviTapProvider::defaultOutputUID(*machine));
         return std::find(ids.begin(), ids.end(), id) != ids.end();
+    }
+    // The level the worker's IO proc plays, as the machine meters it; nothing before a window.
+    std::optional<double> playedRMS(int workerPID) {
+        for (const auto& meter : machine->world()->meters)
+            if (meter.ownerPID == workerPID && meter.cycles > 0)
+                return meter.rmsDB;
+        return std::nullopt;
     }
     bool heardActivity(const std::string& id) {
         std::lock_guard guard(mutex);
@@ -201,6 +209,7 @@ class WorkerOnSimulatedMachine : public ::testing::Test {
     std::shared_ptr<SimWorkspace> workspace;
     std::shared_ptr<IsolatedTonaviTapProvider> provider;
     std::mutex mutex;
+    double volume = 1.0;
     std::set<std::string> active;
 };
 
@@ -213,6 +222,18 @@ TEST_F(WorkerOnSimulatedMachine, AWorkerTapsAPlayingAppReportsItsSoundAndGivesIt
     EXPECT_FALSE(audible("com.apple.Music")) << "muted on its direct path while the worker taps it";
     EXPECT_TRUE(eventually([&] { return heardActivity("com.apple.Music"); }, 3s)) << "metrics carry the tone";
     EXPECT_FALSE(provider->ioStale("com.apple.Music", 6.0));
+
+    // A new state reaches the running worker: volume 0.5 is a gain of 0.25, 12 dB down.
+    std::optional<double> unity;
+    ASSERT_TRUE(eventually([&] { return (unity = playedRMS(handle->pid())) && *unity > -60; }, 3s));
+    {
+        std::lock_guard guard(mutex);
+        volume = 0.5;
+    }
+    provider->syncStates();
+    std::optional<double> lowered;
+    EXPECT_TRUE(eventually([&] { return (lowered = playedRMS(handle->pid())) && *lowered < *unity - 11; }, 3s));
+    EXPECT_GT(lowered.value_or(-120), *unity - 13) << "unity " << *unity;
 
     provider->destroyTap(handle);
     EXPECT_TRUE(eventually([&] { return handle->process->terminationStatus() == 0; }, 3s));
