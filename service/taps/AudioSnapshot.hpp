@@ -27,7 +27,7 @@ struct AudioSnapshot {
     };
 
     std::vector<Process> processes;
-    std::map<std::string, Activity> resolved;             // by owning app
+    std::map<std::string, Activity> resolved;            // by owning app
     std::map<AudioObjectID, std::string> ownersByObject; // process object to owning app
     std::map<std::string, TapProcessIdentity> groups;    // by owning app
 

@@ -149,7 +149,8 @@ TapHandlePtr TonaviTapProvider::createTap(const std::string& id) {
 
     std::string target = routeFor_ ? routeFor_(id) : std::string();
     if (!target.empty() && !deviceExists(hardware_, target)) {
-        Log::info("tonavi: " + id + " target device " + target + " is gone; playing on default until it returns");
+        Log::info("tonavi: " + id + " target device " + target +
+                  " is gone; playing on default until it returns");
         target.clear();
     }
     if (target.empty())
@@ -166,8 +167,8 @@ TapHandlePtr TonaviTapProvider::createTap(const std::string& id) {
     }
     handle->sourceDeviceUID = defaultOutputUID(hardware_);
     if (deviceID(hardware_, handle->sourceDeviceUID) == kAudioObjectUnknown) {
-        Log::info("tonavi: source output device " + handle->sourceDeviceUID + " vanished before tap start for " +
-                  id);
+        Log::info("tonavi: source output device " + handle->sourceDeviceUID +
+                  " vanished before tap start for " + id);
         return nullptr;
     }
 
@@ -234,8 +235,8 @@ TapHandlePtr TonaviTapProvider::createTap(const std::string& id) {
                                      static_cast<std::uint32_t>(std::max(requested, 1))) == noErr;
         std::uint32_t after = 0;
         hardware_.get(aggregateID, frameSizeAddress, after);
-        Log::info("tonavi: " + id + " tap quantum " + std::to_string(before) + " -> " + std::to_string(after) +
-                  " frames (requested " + std::to_string(requested) + ", accepted " +
+        Log::info("tonavi: " + id + " tap quantum " + std::to_string(before) + " -> " +
+                  std::to_string(after) + " frames (requested " + std::to_string(requested) + ", accepted " +
                   (accepted ? "true" : "false") + ")");
     }
     std::uint32_t frames = 0;
@@ -271,8 +272,10 @@ TapHandlePtr TonaviTapProvider::createTap(const std::string& id) {
     handle->ioProcID = procID;
 
     // The aggregate holds a device that may have microphones: only the tap's stream may be read.
-    AudioHardwareIOProcStreamUsage usage{procID, kavore::ProcessTapBufferSelector::inputStreamUsage(inputCounts)};
-    if (hardware_.set(aggregateID, scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput),
+    AudioHardwareIOProcStreamUsage usage{procID,
+                                         kavore::ProcessTapBufferSelector::inputStreamUsage(inputCounts)};
+    if (hardware_.set(aggregateID,
+                      scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput),
                       usage) != noErr)
         return fail("tonavi: could not isolate process-tap input for " + id +
                     "; refusing microphone-capable aggregate");
@@ -286,9 +289,10 @@ TapHandlePtr TonaviTapProvider::createTap(const std::string& id) {
         liveHandles_[id] = handle;
     }
     logStreamFormats(*handle);
-    Log::info("tonavi: engaged " + id + " over " + std::to_string(group.objects.size()) + " process(es) using " +
-              handle->tapForm + ", source " + handle->sourceDeviceUID + " -> target " + target + " (tap " +
-              std::to_string(handle->tapID) + ", aggregate " + std::to_string(aggregateID) + ")");
+    Log::info("tonavi: engaged " + id + " over " + std::to_string(group.objects.size()) +
+              " process(es) using " + handle->tapForm + ", source " + handle->sourceDeviceUID +
+              " -> target " + target + " (tap " + std::to_string(handle->tapID) + ", aggregate " +
+              std::to_string(aggregateID) + ")");
     return handle;
 }
 
@@ -314,8 +318,8 @@ void TonaviTapProvider::destroyTap(const TapHandlePtr& tapHandle) {
     Log::info("tonavi: disengaged " + handle->bundleID + "; direct path restored");
 }
 
-void TonaviTapProvider::ioCycle(TonaviTapHandle& handle, const AudioBufferList& input, AudioBufferList& output,
-                                const AudioTimeStamp& outputTime) {
+void TonaviTapProvider::ioCycle(TonaviTapHandle& handle, const AudioBufferList& input,
+                                AudioBufferList& output, const AudioTimeStamp& outputTime) {
     if (handle.tapInputBufferIndex >= input.mBuffers.size())
         return;
     const AudioBuffer& tapBuffer = input.mBuffers[handle.tapInputBufferIndex];
@@ -381,8 +385,8 @@ void TonaviTapProvider::ioCycle(TonaviTapHandle& handle, const AudioBufferList& 
                 const float right = buffer[f * 2 + 1];
                 // Channels past the first two of the device stay silent.
                 for (int c = 0; c < outChannels && channelBase + c < 2; ++c)
-                    dst[f * stride + static_cast<std::size_t>(c)] =
-                        kavore::ProcessTapOutputMapper::sample(left, right, channelBase + c, destinationChannels);
+                    dst[f * stride + static_cast<std::size_t>(c)] = kavore::ProcessTapOutputMapper::sample(
+                        left, right, channelBase + c, destinationChannels);
             }
             if (out.mDataByteSize > 0)
                 wroteOutput = true;

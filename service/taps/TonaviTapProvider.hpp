@@ -35,8 +35,8 @@ class TonaviTapProvider final : public TapProviding, public std::enable_shared_f
   public:
     // Called on the IO thread with the tapped audio, interleaved stereo, in place. Must not
     // allocate, log or block.
-    using RenderCallback = std::function<void(const std::string& bundleID, std::span<float> buffer, int frames,
-                                              std::uint64_t hostTime)>;
+    using RenderCallback = std::function<void(const std::string& bundleID, std::span<float> buffer,
+                                              int frames, std::uint64_t hostTime)>;
     using TapFailureCallback = std::function<void(const std::string& bundleID, const std::string& message)>;
     // The UID an app is routed to; empty follows the default output.
     using RouteCallback = std::function<std::string(const std::string& bundleID)>;
@@ -95,7 +95,8 @@ class TonaviTapProvider final : public TapProviding, public std::enable_shared_f
     static std::optional<std::vector<AudioProcess>> readAudioProcesses(AudioHardware& hardware);
     static std::vector<AudioObjectID> processOutputDevices(AudioHardware& hardware, AudioObjectID object);
     // The app's processes with its helpers (processes it is responsible for).
-    static ProcessGroup processGroup(AudioHardware& hardware, Workspace& workspace, const std::string& bundleID);
+    static ProcessGroup processGroup(AudioHardware& hardware, Workspace& workspace,
+                                     const std::string& bundleID);
     static std::optional<AudioSnapshot> audioSnapshot(AudioHardware& hardware, Workspace& workspace);
     static std::optional<std::string> bundleID(AudioHardware& hardware, AudioObjectID object);
     // The app that answers for the process, else the process's own bundle ID.
@@ -116,6 +117,12 @@ class TonaviTapProvider final : public TapProviding, public std::enable_shared_f
     static bool preservesTransportBuffer(AudioHardware& hardware, AudioObjectID device);
     static int preferredTapBufferFrameSize(AudioHardware& hardware, AudioObjectID device);
 
+    // One IO cycle of `handle`, exactly as its installed block runs it on the device's IO thread:
+    // tapped input to the render buffer, render, meter, output mapping. No allocation except when
+    // the quantum changes, no logging, no lock.
+    void ioCycle(TonaviTapHandle& handle, const AudioBufferList& input, AudioBufferList& output,
+                 const AudioTimeStamp& outputTime);
+
   private:
     struct Passkey {};
 
@@ -123,9 +130,6 @@ class TonaviTapProvider final : public TapProviding, public std::enable_shared_f
     TonaviTapProvider(Passkey, AudioHardware& hardware, Workspace& workspace, WallClock clock);
 
   private:
-    // One IO cycle: tapped input to render buffer, render, output mapping. Real-time safe.
-    void ioCycle(TonaviTapHandle& handle, const AudioBufferList& input, AudioBufferList& output,
-                 const AudioTimeStamp& outputTime);
     // Creates the tap in the given form; the handle's form and compensation follow it.
     OSStatus makeTap(TonaviTapHandle& handle, const std::vector<AudioObjectID>& objects, bool mixdown,
                      float compensation, std::string& tapUUID);

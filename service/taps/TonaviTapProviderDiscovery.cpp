@@ -23,7 +23,8 @@ bool isRunningInput(AudioHardware& hardware, AudioObjectID object) {
     return running == 1;
 }
 
-void addMember(AudioHardware& hardware, TapProcessIdentity& identity, AudioObjectID object, std::int32_t pid) {
+void addMember(AudioHardware& hardware, TapProcessIdentity& identity, AudioObjectID object,
+               std::int32_t pid) {
     identity.objects.insert(object);
     identity.pids.insert(pid);
     for (auto device : TonaviTapProvider::processOutputDevices(hardware, object))
@@ -61,7 +62,8 @@ TonaviTapProvider::readAudioProcesses(AudioHardware& hardware) {
     return processes;
 }
 
-std::vector<AudioObjectID> TonaviTapProvider::processOutputDevices(AudioHardware& hardware, AudioObjectID object) {
+std::vector<AudioObjectID> TonaviTapProvider::processOutputDevices(AudioHardware& hardware,
+                                                                   AudioObjectID object) {
     std::vector<AudioObjectID> devices;
     if (hardware.get(object, scopedAddress(kAudioProcessPropertyDevices, kAudioObjectPropertyScopeOutput),
                      devices) != noErr)
@@ -140,7 +142,8 @@ std::optional<AudioSnapshot> TonaviTapProvider::audioSnapshot(AudioHardware& har
             auto it = ownerOfPID.find(responsible);
             if (it == ownerOfPID.end()) {
                 std::optional<std::string> found;
-                if (auto app = workspace.runningApplication(responsible); app && !app->bundleIdentifier.empty())
+                if (auto app = workspace.runningApplication(responsible);
+                    app && !app->bundleIdentifier.empty())
                     found = app->bundleIdentifier;
                 it = ownerOfPID.emplace(responsible, found).first;
             }
@@ -176,7 +179,8 @@ AudioObjectID TonaviTapProvider::deviceID(AudioHardware& hardware, const std::st
     if (uid.empty())
         return kAudioObjectUnknown;
     std::vector<AudioObjectID> devices;
-    if (hardware.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices) != noErr)
+    if (hardware.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices) !=
+        noErr)
         return kAudioObjectUnknown;
     for (auto device : devices) {
         std::string candidate;
@@ -193,8 +197,8 @@ bool TonaviTapProvider::deviceExists(AudioHardware& hardware, const std::string&
 
 std::string TonaviTapProvider::defaultOutputUID(AudioHardware& hardware) {
     AudioObjectID device = kAudioObjectUnknown;
-    if (hardware.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), device) !=
-            noErr ||
+    if (hardware.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                     device) != noErr ||
         device == kAudioObjectUnknown)
         return {};
     std::string uid;
@@ -205,7 +209,8 @@ std::string TonaviTapProvider::defaultOutputUID(AudioHardware& hardware) {
 std::vector<int> TonaviTapProvider::streamChannelCounts(AudioHardware& hardware, AudioObjectID device,
                                                         AudioObjectPropertyScope scope) {
     AudioStreamConfiguration configuration;
-    if (hardware.get(device, scopedAddress(kAudioDevicePropertyStreamConfiguration, scope), configuration) != noErr)
+    if (hardware.get(device, scopedAddress(kAudioDevicePropertyStreamConfiguration, scope), configuration) !=
+        noErr)
         return {};
     std::vector<int> counts;
     for (auto channels : configuration.channelsPerBuffer)
