@@ -1,41 +1,533 @@
+// Construction, the warm-up, timers, sleep and wake, tap work and persistence of TonaviRuntime.
+
 #include "service/TonaviRuntime.hpp"
 
+#include "base/Log.hpp"
+#include "service/UnavailableTapProvider.hpp"
+
 #include <cassert>
+#include <chrono>
 #include <cstdlib>
 
 namespace tonavi {
 
-TonaviRuntime::TonaviRuntime(std::string version) : version_(std::move(version)) {}
+namespace {
+
+std::chrono::nanoseconds seconds(double s) {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
+}
+
+double systemSecondsSince1970() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+// Runs `body` with the runtime if it still exists. Every closure handed to another object or queue
+// goes through this, so it holds the runtime weakly.
+template <class Body> void withRuntime(const std::weak_ptr<TonaviRuntime*>& weak, Body&& body) {
+    if (auto anchor = weak.lock())
+        body(**anchor);
+}
+
+} // namespace
 
 std::string TonaviRuntime::versionFromEnvironment() {
     const char* v = std::getenv("TONAVI_APP_VERSION");
     return v ? std::string(v) : std::string("development");
 }
 
-void TonaviRuntime::handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion) {
-    completion(handle(request));
+TonaviRuntime::TonaviRuntime(Environment environment)
+    : version_(std::move(environment.version)), store_(std::move(environment.store)),
+      audio_(std::move(environment.audio)), workspace_(std::move(environment.workspace)),
+      tapProvider_(std::move(environment.tapProvider)), clock_(std::move(environment.clock)),
+      wallClock_(std::move(environment.wallClock)), anchor_(std::make_shared<TonaviRuntime*>(this)),
+      weakSelf_(anchor_) {
+    assert(store_ && audio_ && workspace_);
+    if (!clock_)
+        clock_ = DispatchClock::system();
+    if (!wallClock_)
+        wallClock_ = systemSecondsSince1970;
+
+    // 1. The tap provider. Without an injected one the service takes no taps, and says so.
+    if (!tapProvider_)
+        tapProvider_ = std::make_shared<UnavailableTapProvider>("no tap provider in this build");
+
+    // 2. The queues.
+    serialQueue_ = std::make_unique<DispatchQueue>("tonavi.runtime", clock_);
+    activityListenerQueue_ = std::make_unique<DispatchQueue>("tonavi.activity-events", clock_);
+    tapWorkQueue_ = std::make_unique<DispatchQueue>("tonavi.tap-lifecycle", clock_);
+    warmUpQueue_ = std::make_unique<DispatchQueue>("tonavi.warm-up", clock_);
+
+    // 3. The device manager joins here when it lands.
+
+    // 4. A service never fails to start for want of a configuration; the store has already tried
+    //    to recover whatever it could.
+    TonaviConfig loaded;
+    try {
+        loaded = store_->load();
+    } catch (const std::exception& e) {
+        Log::info(std::string("tonavi: configuration could not be loaded (") + e.what() +
+                  "); starting with first-run defaults");
+        loaded = TonaviConfig::firstRunDefaults();
+    }
+
+    // 5. Recency.
+    recency_ = std::make_unique<RecencyTracker>(loaded.audibleAppLastHeardAt, wallClock_);
+
+    // 6. The auto-direct list and the MIDI mappings.
+    const AutoDirectList autoDirect = store_->loadAutoDirectList();
+    try {
+        midiMappings_ = store_->loadMIDIMappings();
+    } catch (const std::exception&) {
+        midiMappings_.clear();
+    }
+
+    // 7. The engine does not act until told to.
+    engine_ = std::make_unique<EngagementEngine>(loaded, tapProvider_, autoDirect, 48000.0, false, wallClock_);
+
+    // 8, 9. Scheduling hooks; no tap may be created until audio was observed or a control asks.
+    connectEngineHooks();
+    engine_->setCreationEligibility(IDSet{});
+
+    // 10. The tap provider's hooks.
+    connectTapProviderHooks();
+
+    // 11-14. Device manager hooks, MIDI mapper, hosted-effect hooks and slot failure hooks join here
+    //        with their subsystems.
+
+    // 15.
+    syncAUSlots();
+    applyDevicePolicies();
+
+    // 16.
+    readDefaultOutputAtStart();
+
+    // 17.
+    if (engine_->stageMode())
+        Log::info("tonavi: stage mode restored from persisted state");
+
+    // 18. The engine sanitises what it is given; a repaired configuration is written back.
+    if (!(engine_->config() == loaded)) {
+        persist();
+        Log::info("tonavi: repaired protected-host entries in persisted config");
+    }
+
+    // 19-24.
+    startMIDI();
+    startWatchdog();
+    installProcessRegistryListener();
+    startActiveAppTracking();
+    startSmartTimer();
+    observeSleepAndWake();
+
+    // 25. Returns at once.
+    warmUpThenEngagePersistedApps();
+
+    // 26-28. Output topology, Bluetooth output-only and the device listeners, last, so that no
+    //        device hook runs on a half-built runtime.
+    enforceBluetoothOutputOnly();
+    installDeviceListeners();
 }
 
-TonaviReply TonaviRuntime::handle(const TonaviRequest& request) {
-    return serialQueue_.syncResult([&] { return handleLocked(request); });
+TonaviRuntime::~TonaviRuntime() {
+    anchor_.reset();
+    if (watchdogTimer_)
+        watchdogTimer_->cancel();
+    if (smartTimer_)
+        smartTimer_->cancel();
+    for (auto token : workspaceObservers_)
+        workspace_->removeObserver(token);
+    if (processRegistryListener_)
+        audio_->removePropertyListener(kAudioObjectSystemObject,
+                                       globalAddress(kAudioHardwarePropertyProcessObjectList), *serialQueue_,
+                                       processRegistryListener_);
+    // Each queue waits for its running item; pending work is dropped and finds the anchor gone.
+    warmUpQueue_.reset();
+    tapWorkQueue_.reset();
+    activityListenerQueue_.reset();
+    serialQueue_.reset();
 }
 
-TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
-    assert(serialQueue_.isCurrent());
-    return std::visit(
-        [&](const auto& c) -> TonaviReply {
-            using T = std::decay_t<decltype(c)>;
-            if constexpr (std::is_same_v<T, TonaviRequest::Ping>) {
-                // No status: ping must answer while the service is still warming up.
-                return TonaviReply::success("tonavi " + version_);
+// MARK: Start-up steps
+
+void TonaviRuntime::connectEngineHooks() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    engine_->setReconciliationScheduler([weak] {
+        withRuntime(weak, [](TonaviRuntime& rt) { rt.requestReconcile(); });
+    });
+    engine_->setRefreshScheduler([weak](const std::string& bundleID) {
+        withRuntime(weak, [&](TonaviRuntime& rt) { rt.scheduleTapRefresh(bundleID, false); });
+    });
+}
+
+void TonaviRuntime::connectTapProviderHooks() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    ServiceTapProvider::Hooks hooks;
+    hooks.render = [weak](const std::string& bundleID, std::span<float> buffer, int frames,
+                          std::uint64_t hostTime) {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            rt.recency_->noteHeard(bundleID);
+            const double hostSeconds = static_cast<double>(rt.audio_->convertHostTimeToNanos(hostTime)) / 1e9;
+            rt.engine_->advanceDucking(frames, hostSeconds);
+            rt.engine_->render(bundleID, buffer);
+        });
+    };
+    hooks.workerState = [weak](const std::string& bundleID) {
+        TapWorkerState state;
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            if (auto current = rt.engine_->tapWorkerState(bundleID))
+                state = std::move(*current);
+        });
+        return state;
+    };
+    hooks.heard = [weak](const std::string& bundleID) {
+        withRuntime(weak, [&](TonaviRuntime& rt) { rt.recency_->noteHeard(bundleID); });
+    };
+    hooks.route = [weak](const std::string& bundleID) {
+        std::string route;
+        withRuntime(weak, [&](TonaviRuntime& rt) { route = rt.engine_->routeFor(bundleID); });
+        return route;
+    };
+    hooks.tapFailed = [weak](const std::string& bundleID, const std::string& reason, const TapHandlePtr& handle) {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            rt.serialQueue_->async([weak, bundleID, reason, handle] {
+                withRuntime(weak, [&](TonaviRuntime& rt) {
+                    rt.engine_->releaseTap(bundleID, reason, handle);
+                    rt.persist();
+                    rt.engine_->requestReconcile();
+                });
+            });
+        });
+    };
+    tapProvider_->setHooks(std::move(hooks));
+}
+
+void TonaviRuntime::readDefaultOutputAtStart() {
+    AudioObjectID device = kAudioObjectUnknown;
+    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), device) !=
+            noErr ||
+        device == kAudioObjectUnknown)
+        return;
+    std::string uid;
+    if (audio_->get(device, globalAddress(kAudioDevicePropertyDeviceUID), uid) != noErr || uid.empty())
+        return;
+    engine_->defaultOutputChanged(uid, false);
+    Log::info("tonavi: confirmed system output " + lastHandledDefaultOutputUID_ + " -> " + uid);
+    lastHandledDefaultOutputUID_ = uid;
+}
+
+void TonaviRuntime::startWatchdog() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    watchdogTimer_ = std::make_unique<DispatchTimer>(
+        *serialQueue_, seconds(watchdogFirstSeconds), seconds(watchdogIntervalSeconds),
+        [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.watchdogPass(); }); });
+    watchdogTimer_->resume();
+}
+
+void TonaviRuntime::startSmartTimer() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    smartTimer_ = std::make_unique<DispatchTimer>(
+        *serialQueue_, seconds(smartFirstSeconds), seconds(smartIntervalSeconds),
+        [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.smartTick(); }); });
+    smartTimer_->resume();
+}
+
+void TonaviRuntime::installProcessRegistryListener() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    processRegistryListener_ = std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
+        [weak](std::span<const AudioObjectPropertyAddress>) {
+            withRuntime(weak, [](TonaviRuntime& rt) {
+                // While warming, discovery waits for the warm-up's reconcile.
+                if (!rt.coreAudioReady_.load())
+                    return;
+                rt.armOutputRunningListeners();
+                rt.refreshAudioSnapshotsIfNeeded(true);
+                rt.nudgeSmart();
+            });
+        });
+    if (audio_->addPropertyListener(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList),
+                                    *serialQueue_, processRegistryListener_) != noErr) {
+        Log::info("tonavi: process registry listener could not be installed");
+        processRegistryListener_.reset();
+    }
+}
+
+void TonaviRuntime::observeSleepAndWake() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    // Runs on the posting thread and touches only the engine's suspended flag.
+    workspaceObservers_.push_back(workspace_->addWillSleepObserver(
+        [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.engine_->setHardwareSuspended(true); }); }));
+    workspaceObservers_.push_back(workspace_->addDidWakeObserver([weak] {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            rt.serialQueue_->after(seconds(wakeDelaySeconds),
+                                   [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.wakeWork(); }); });
+        });
+    }));
+}
+
+void TonaviRuntime::wakeWork() {
+    assert(serialQueue_->isCurrent());
+    // Before the warm-up has finished the engine stays suspended until the warm-up's reconcile.
+    if (!coreAudioReady_.load())
+        return;
+    tapProvider_->resetCreationBackoff();
+    engine_->setHardwareSuspended(false);
+    reconcileOutputGroups(true);
+    for (const auto& id : engine_->engagedBundleIDs())
+        scheduleTapRefresh(id, true);
+    Log::info("tonavi: rebuilt engaged taps after wake");
+}
+
+// MARK: Warm-up
+
+// Core Audio can be slow right after login; no tap is taken before it answers quickly. The probes
+// run on a queue of their own, and the waits between them are delayed work on that queue's clock.
+void TonaviRuntime::warmUpThenEngagePersistedApps() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    warmUpQueue_->async([weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.warmUpProbe(1); }); });
+}
+
+void TonaviRuntime::warmUpProbe(int attempt) {
+    // How fast the hardware answers is real time, whatever clock drives the waits.
+    const auto start = std::chrono::steady_clock::now();
+    AudioObjectID device = kAudioObjectUnknown;
+    if (audio_->get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), device) ==
+            noErr &&
+        device != kAudioObjectUnknown) {
+        std::string uid;
+        (void)audio_->get(device, globalAddress(kAudioDevicePropertyDeviceUID), uid);
+    }
+    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    auto finish = [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.finishWarmUp(); }); };
+    if (elapsed < warmUpFastProbeSeconds) {
+        warmUpQueue_->after(seconds(warmUpRetrySeconds), finish);
+    } else if (attempt >= warmUpMaxProbes) {
+        // The last slow probe still waits its half second, then the half second everyone waits.
+        warmUpQueue_->after(seconds(2 * warmUpRetrySeconds), finish);
+    } else {
+        warmUpQueue_->after(seconds(warmUpRetrySeconds), [weak, attempt] {
+            withRuntime(weak, [&](TonaviRuntime& rt) { rt.warmUpProbe(attempt + 1); });
+        });
+    }
+    // Counted once the next step is queued, so a test that sees the count can move the clock.
+    warmUpProbes_.fetch_add(1);
+}
+
+void TonaviRuntime::finishWarmUp() {
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    serialQueue_->async([weak] {
+        withRuntime(weak, [](TonaviRuntime& rt) {
+            rt.coreAudioReady_.store(true);
+            rt.reconcileOutputGroups(false);
+            // This is the point at which persisted apps get their taps.
+            rt.engine_->requestReconcile();
+        });
+    });
+}
+
+// MARK: Tap work
+
+void TonaviRuntime::requestReconcile() {
+    // Reconcile passes wait for the warm-up: until the hardware answers quickly no tap is taken,
+    // and the warm-up's own reconcile picks up everything asked for meanwhile.
+    if (!coreAudioReady_.load())
+        return;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    scheduleTapWork(reconcileKey, [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.engine_->reconcile(); }); });
+}
+
+void TonaviRuntime::scheduleTapWork(const std::string& key, std::function<void()> work) {
+    bool start = false;
+    {
+        std::lock_guard guard(tapRefreshStateLock_);
+        start = tapRefreshState_.request(key);
+    }
+    if (!start)
+        return; // the active pass runs again, since the generation moved
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    auto pass = std::make_shared<std::function<void()>>();
+    *pass = [weak, key, work = std::move(work), passWeak = std::weak_ptr<std::function<void()>>(pass)] {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            std::uint64_t generation = 0;
+            {
+                std::lock_guard guard(rt.tapRefreshStateLock_);
+                generation = rt.tapRefreshState_.generationForNextPass(key);
             }
-        },
-        request.value);
+            work();
+            bool again = false;
+            {
+                std::lock_guard guard(rt.tapRefreshStateLock_);
+                again = rt.tapRefreshState_.finishPass(key, generation);
+            }
+            if (again)
+                if (auto next = passWeak.lock())
+                    rt.tapWorkQueue_->async([next] { (*next)(); });
+        });
+    };
+    // The queued closure owns the pass; the pass refers to itself only weakly.
+    tapWorkQueue_->async([pass] { (*pass)(); });
+}
+
+void TonaviRuntime::scheduleTapRefresh(const std::string& bundleID, bool force) {
+    if (force) {
+        std::lock_guard guard(tapRefreshStateLock_);
+        forcedTapRefreshes_.insert(bundleID);
+    }
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    scheduleTapWork(bundleID, [weak, bundleID] {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            bool forced = false;
+            {
+                std::lock_guard guard(rt.tapRefreshStateLock_);
+                forced = rt.forcedTapRefreshes_.erase(bundleID) > 0;
+            }
+            if (rt.routeNeedsRefresh(bundleID, forced))
+                rt.engine_->performTapRefresh(bundleID);
+        });
+    });
+}
+
+bool TonaviRuntime::routeNeedsRefresh(const std::string& bundleID, bool forced) {
+    if (!engine_->hasTap(bundleID))
+        return true;
+    if (forced)
+        return true;
+    const std::string defaultUID = engine_->currentDefaultOutputUID();
+    const std::string route = engine_->routeFor(bundleID);
+    const std::string desiredTarget = route.empty() ? defaultUID : route;
+    // A provider that cannot tell where its tap is bound gets a fresh one; I/O staleness and process
+    // group changes join with process discovery.
+    const auto source = tapProvider_->sourceDevice(bundleID);
+    const auto target = tapProvider_->targetDevice(bundleID);
+    if (!source || !target)
+        return true;
+    return *source != defaultUID || *target != desiredTarget;
+}
+
+// MARK: Watchdog and smart tick
+
+void TonaviRuntime::watchdogPass() {
+    assert(serialQueue_->isCurrent());
+    if (!coreAudioReady_.load())
+        return;
+    enforceDeviceLimits();
+
+    // Self-heal and the release of exited processes need trusted discovery snapshots; until process
+    // and hardware discovery land there are none, so both are skipped, as for untrusted discovery.
+
+    // Idle release: an app without row-level control does not keep a tap for ever.
+    const TonaviConfig config = engine_->config();
+    IDSet playing;
+    for (const auto& [id, activity] : resolvedAudioSnapshot_)
+        if (activity.playing)
+            playing.insert(id);
+    for (const auto& id : engine_->engagedBundleIDs()) {
+        if (const AppAudioState* row = config.app(id))
+            if (EngagementEngine::isEngaged(*row) || row->muteWhileBypassed)
+                continue;
+        if (engine_->isSoloSuppressed(id))
+            continue;
+        const auto idle = tapProvider_->secondsSinceRawAudio(id);
+        if (!idle || *idle <= 20.0)
+            continue;
+        outputEligible_.erase(id);
+        if (playing.contains(id))
+            outputSuppressedUntilPlaybackStops_.insert(id);
+        engine_->releaseTap(id, "output idle");
+        Log::info("tonavi: released idle output tap for " + id);
+    }
+
+    engine_->setCreationEligibility(creationEligibilitySet());
+    engine_->requestReconcile();
+
+    // Timed mutes that ran out are cleared.
+    const double nowSeconds = now();
+    bool cleared = false;
+    for (const auto& app : config.apps) {
+        if (app.timedMuteUntil && *app.timedMuteUntil <= nowSeconds) {
+            AppAudioState row = app;
+            row.timedMuteUntil.reset();
+            engine_->updateApp(row);
+            cleared = true;
+        }
+    }
+    if (cleared)
+        persist();
+}
+
+void TonaviRuntime::smartTick() {
+    // The smart automations (follow-me, loudness guard, auto-duck, microphone follow) join here.
+}
+
+// MARK: Persistence
+
+void TonaviRuntime::persist() {
+    // An immediate save makes the deferred one pointless.
+    if (pendingControlSave_) {
+        pendingControlSave_->cancel();
+        pendingControlSave_.reset();
+    }
+    tapProvider_->syncStates();
+    try {
+        saveConfigToDisk(engine_->config());
+    } catch (const std::exception&) {
+        // The live state stays in memory; the next save tries again.
+    }
+    syncAUSlots();
+}
+
+void TonaviRuntime::persistContinuousControl() {
+    // The audio reacts at once, whatever happens to the save.
+    tapProvider_->syncStates();
+    if (pendingControlSave_)
+        pendingControlSave_->cancel();
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    pendingControlSave_ = std::make_shared<WorkItem>([weak] {
+        withRuntime(weak, [](TonaviRuntime& rt) {
+            rt.pendingControlSave_.reset();
+            try {
+                rt.saveConfigToDisk(rt.engine_->config());
+            } catch (const std::exception&) {
+            }
+        });
+    });
+    serialQueue_->after(seconds(deferredSaveSeconds), pendingControlSave_);
+}
+
+void TonaviRuntime::saveConfigToDisk(const TonaviConfig& config) {
+    // The user interface writes ui, startAtLogin and superVolumeKeys to the same file; the store
+    // takes those from disk under its exclusive lock.
+    store_->saveKeepingAppOwnedSettings(config);
 }
 
 void TonaviRuntime::releaseTapsThenStop() {
-    assert(serialQueue_.isCurrent());
-    // Nothing is held yet: no configuration is loaded and no tap exists in this runtime.
+    assert(serialQueue_->isCurrent());
+    if (pendingControlSave_) {
+        pendingControlSave_->cancel();
+        pendingControlSave_.reset();
+    }
+    // First, so that a drag in its last quarter second survives termination.
+    try {
+        saveConfigToDisk(engine_->config());
+    } catch (const std::exception&) {
+    }
+    engine_->releaseAllTapsForShutdown();
 }
 
-}  // namespace tonavi
+// MARK: Seams of subsystems not in this build
+
+void TonaviRuntime::refreshAudioSnapshotsIfNeeded(bool) {}
+void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool) {}
+void TonaviRuntime::reconcileOutputGroups(bool) {}
+void TonaviRuntime::applyDevicePolicies() {}
+void TonaviRuntime::syncAUSlots() {}
+void TonaviRuntime::startMIDI() {}
+void TonaviRuntime::startActiveAppTracking() {}
+void TonaviRuntime::armOutputRunningListeners() {}
+void TonaviRuntime::nudgeSmart() {}
+void TonaviRuntime::enforceBluetoothOutputOnly() {}
+void TonaviRuntime::installDeviceListeners() {}
+void TonaviRuntime::enforceDeviceLimits() {}
+
+} // namespace tonavi

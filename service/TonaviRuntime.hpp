@@ -1,42 +1,245 @@
 #pragma once
-// The service's one stateful object. Its queue `serialQueue` is the lock of its state: every request
-// runs there. This is the runtime's control-path shell; the engine, store, device manager and timers
-// join it as they are built.
+// The service's one stateful object: the configuration store, the engagement engine, the tap
+// provider, the caches and the timers. Its queue `serialQueue` is the lock of its state: every
+// request, both timers, the process registry listener and the wake work run there, and every field
+// below that is not tied to a lock of its own is touched only there.
+//
+// Construction does the whole start-up and returns with the timers running; it does not wait for
+// the audio hardware. Closures given to other objects hold the runtime weakly (through `anchor_`),
+// so a hook that fires after the runtime is gone does nothing.
+//
+// Subsystems that are not part of this build are absent. Each place that would call one is a
+// private function named after the call, doing nothing (or failing a request plainly) until it lands.
 
 #include "base/Dispatch.hpp"
+#include "core/config/AutoDirectList.hpp"
+#include "core/config/MIDIMapping.hpp"
+#include "core/config/TonaviConfig.hpp"
+#include "core/config/TonaviConfigStore.hpp"
+#include "core/engine/EngagementEngine.hpp"
 #include "core/wire/TonaviReply.hpp"
 #include "core/wire/TonaviRequest.hpp"
+#include "core/wire/TonaviStatus.hpp"
+#include "platform/AudioHardware.hpp"
+#include "platform/Workspace.hpp"
+#include "service/CoalescedRefreshState.hpp"
+#include "service/RecencyTracker.hpp"
+#include "service/ServiceTapProvider.hpp"
 
+#include <atomic>
 #include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <string>
+#include <vector>
 
 namespace tonavi {
 
 class TonaviRuntime {
-public:
-    explicit TonaviRuntime(std::string version);
+  public:
+    using IDSet = EngagementEngine::IDSet;
+
+    // Everything the runtime is built over. Tests inject a private machine, a fake provider, a
+    // temporary store and a manual clock; the entry point uses the process's platform backend.
+    struct Environment {
+        std::string version = versionFromEnvironment();
+        std::shared_ptr<TonaviConfigStore> store;
+        std::shared_ptr<AudioHardware> audio;
+        std::shared_ptr<Workspace> workspace;
+        // Null: a provider that cannot take taps and says so.
+        std::shared_ptr<ServiceTapProvider> tapProvider;
+        // Drives the runtime's queues, timers and the warm-up's waits.
+        std::shared_ptr<DispatchClock> clock = DispatchClock::system();
+        // Seconds since 1970, for timed mutes, recency and records. Null: the system clock.
+        std::function<double()> wallClock;
+    };
+
+    // Cached hardware state: the status reads only this, never the hardware.
+    struct HardwareSnapshot {
+        std::string defaultOutputUID;
+        std::string defaultInputUID;
+        std::string soundEffectsUID;
+        double sampleRate = 48000.0;
+        std::optional<double> outputHardwareVolume;
+        bool outputMuted = false;
+        std::vector<DeviceLiveStatus> devices;
+        std::set<std::string> deviceUIDs;
+    };
+
+    struct ProcessEntry {
+        std::string bundleID;
+        pid_t pid = 0;
+        bool isRunning = false;
+    };
+    struct Activity {
+        bool playing = false;
+        bool capturing = false;
+    };
+
+    // The waits of the warm-up: a probe faster than this ends it; at most this many probes.
+    static constexpr double warmUpFastProbeSeconds = 0.05;
+    static constexpr int warmUpMaxProbes = 40;
+    static constexpr double warmUpRetrySeconds = 0.5;
+    static constexpr double deferredSaveSeconds = 0.25;
+    static constexpr double watchdogFirstSeconds = 2.0;
+    static constexpr double watchdogIntervalSeconds = 2.0;
+    static constexpr double smartFirstSeconds = 4.0;
+    static constexpr double smartIntervalSeconds = 2.0;
+    static constexpr double wakeDelaySeconds = 0.25;
+    static constexpr const char* reconcileKey = "@reconcile";
+
+    explicit TonaviRuntime(Environment environment);
+    // The service never releases its runtime; tests do. Stops timers and queues before the state goes.
+    ~TonaviRuntime();
     TonaviRuntime(const TonaviRuntime&) = delete;
     TonaviRuntime& operator=(const TonaviRuntime&) = delete;
 
-    // The entry from the control server. `completion` may run before this returns or later, on another
-    // thread; every request handled today completes synchronously.
+    // The entry from the control server and from MIDI. `completion` may run before this returns, or
+    // later on another queue.
     void handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
     // Runs handleLocked on serialQueue and waits for it.
     TonaviReply handle(const TonaviRequest& request);
-    // The stop body: flushes what must survive and lets every tap go. Runs on serialQueue.
+
+    // Save now. On serialQueue.
+    void persist();
+    // Save 0.25 s after the last of a stream of calls. On serialQueue.
+    void persistContinuousControl();
+    // The service's save, keeping the user-interface settings on disk. Raises when the save fails.
+    void saveConfigToDisk(const TonaviConfig& config);
+    // The stop body: flushes the configuration, then lets every tap go. On serialQueue.
     void releaseTapsThenStop();
 
+    // Coalesced blocking tap work on tapWorkQueue, by key ("@reconcile" or a bundle ID).
+    void scheduleTapWork(const std::string& key, std::function<void()> work);
+    void scheduleTapRefresh(const std::string& bundleID, bool force);
+    // Whether the tap of this app is bound elsewhere than it should be. On tapWorkQueue.
+    bool routeNeedsRefresh(const std::string& bundleID, bool forced);
+    // The periodic check, every 2 s on serialQueue.
+    void watchdogPass();
+    // The periodic automation pass, every 2 s on serialQueue.
+    void smartTick();
+
+    TonaviStatus buildStatus();
+    Bytes buildDiagnostics();
+    std::string displayName(const std::string& bundleID) const;
+    std::vector<std::string> currentSystemRouteNames(const std::string& uid) const;
+    IDSet audibleAppsNow();
+    IDSet standingControl();
+
     const std::string& version() const { return version_; }
-    DispatchQueue& serialQueue() { return serialQueue_; }
+    DispatchQueue& serialQueue() { return *serialQueue_; }
+    EngagementEngine& engine() { return *engine_; }
+    const TonaviConfigStore& store() const { return *store_; }
+    // Written on serialQueue when the warm-up ends; readable anywhere.
+    bool coreAudioReady() const { return coreAudioReady_.load(); }
+    // Probes the warm-up made; readable anywhere.
+    int warmUpProbes() const { return warmUpProbes_.load(); }
 
     // TONAVI_APP_VERSION, else "development".
     static std::string versionFromEnvironment();
 
-private:
+  private:
     TonaviReply handleLocked(const TonaviRequest& request);
+    TonaviReply success(std::string message = {});
+    TonaviReply failure(std::string message);
+    TonaviReply notAvailable(std::string_view caseName);
 
+    // App requests.
+    TonaviReply mutateApp(const std::string& bundleID, bool continuous,
+                          const std::function<void(AppAudioState&)>& mutation);
+    AppAudioState freshRecord(const std::string& bundleID) const;
+    TonaviReply setAppRedirect(const std::string& bundleID, const std::string& deviceUID);
+    TonaviReply setSoloApps(const std::vector<std::string>& bundleIDs);
+    TonaviReply setAppSolo(const std::string& bundleID, bool soloed);
+    TonaviReply setAppVisible(const std::string& bundleID, bool visible);
+    TonaviReply setAppDisplayOrder(const std::vector<std::string>& bundleIDs);
+    TonaviReply setStageMode(bool on);
+    TonaviReply setManualDuck(bool on);
+    void publishCreationEligibility();
+    IDSet creationEligibilitySet();
+
+    // Start-up steps.
+    void connectEngineHooks();
+    void connectTapProviderHooks();
+    void readDefaultOutputAtStart();
+    void startWatchdog();
+    void installProcessRegistryListener();
+    void startSmartTimer();
+    void observeSleepAndWake();
+    void warmUpThenEngagePersistedApps();
+    void warmUpProbe(int attempt);
+    void finishWarmUp();
+    void wakeWork();
+    void requestReconcile();
+    double now() const { return wallClock_(); }
+
+    // Seams of subsystems that are not part of this build. Each does nothing.
+    void refreshAudioSnapshotsIfNeeded(bool force);
+    void refreshHardwareSnapshotIfNeeded(bool force);
+    void reconcileOutputGroups(bool forceRecreate);
+    void applyDevicePolicies();
+    void syncAUSlots();
+    void startMIDI();
+    void startActiveAppTracking();
+    void armOutputRunningListeners();
+    void nudgeSmart();
+    void enforceBluetoothOutputOnly();
+    void installDeviceListeners();
+    void enforceDeviceLimits();
+    std::vector<AudioOnset> currentAudioOnsets() const;
+
+    // Environment.
     std::string version_;
-    DispatchQueue serialQueue_{"tonavi.runtime"};
+    std::shared_ptr<TonaviConfigStore> store_;
+    std::shared_ptr<AudioHardware> audio_;
+    std::shared_ptr<Workspace> workspace_;
+    std::shared_ptr<ServiceTapProvider> tapProvider_;
+    std::shared_ptr<DispatchClock> clock_;
+    std::function<double()> wallClock_;
+    // Closures handed out hold this weakly, through weakSelf_, which is never written after
+    // construction; the anchor dies first in the destructor.
+    std::shared_ptr<TonaviRuntime*> anchor_;
+    const std::weak_ptr<TonaviRuntime*> weakSelf_;
+
+    std::unique_ptr<RecencyTracker> recency_;
+    std::unique_ptr<EngagementEngine> engine_;
+    std::vector<MIDIMapping> midiMappings_;
+
+    std::unique_ptr<DispatchQueue> serialQueue_;           // "tonavi.runtime"
+    std::unique_ptr<DispatchQueue> activityListenerQueue_; // "tonavi.activity-events"
+    std::unique_ptr<DispatchQueue> tapWorkQueue_;          // "tonavi.tap-lifecycle"
+    std::unique_ptr<DispatchQueue> warmUpQueue_;           // "tonavi.warm-up", the probes' waits
+
+    std::mutex tapRefreshStateLock_; // leaf: guards the next two fields
+    CoalescedRefreshState tapRefreshState_;
+    std::set<std::string> forcedTapRefreshes_;
+
+    std::atomic<bool> coreAudioReady_{false};
+    std::atomic<int> warmUpProbes_{0};
+    std::string lastHandledDefaultOutputUID_;
+    std::unique_ptr<DispatchTimer> watchdogTimer_;
+    WorkItemRef pendingControlSave_;
+    std::unique_ptr<DispatchTimer> smartTimer_;
+
+    // Smart state, read by the status.
+    std::optional<std::string> followMeHeroLast_;
+    std::set<std::string> lastCapturingIDs_;
+    long long lastAutoDuckCount_ = 0;
+    bool loudnessGuardWasOn_ = false;
+    bool manualDuckOn_ = false;
+
+    // Discovery caches. Nothing fills them until process and hardware discovery land.
+    std::vector<ProcessEntry> audioProcessSnapshot_;
+    std::map<std::string, Activity, std::less<>> resolvedAudioSnapshot_;
+    IDSet outputEligible_;
+    IDSet outputSuppressedUntilPlaybackStops_;
+    HardwareSnapshot hardwareSnapshot_;
+
+    AudioObjectPropertyListenerBlock processRegistryListener_;
+    std::vector<Workspace::ObserverToken> workspaceObservers_;
 };
 
-}  // namespace tonavi
+} // namespace tonavi

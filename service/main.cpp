@@ -3,6 +3,8 @@
 #include "base/Dispatch.hpp"
 #include "base/Log.hpp"
 #include "base/Paths.hpp"
+#include "core/config/TonaviConfigStore.hpp"
+#include "platform/PlatformBackend.hpp"
 #include "service/TonaviControlServer.hpp"
 #include "service/TonaviRuntime.hpp"
 #include "service/worker/TonaviTapWorkerMain.hpp"
@@ -39,7 +41,19 @@ int main(int argc, char** argv) {
     std::string version = TonaviRuntime::versionFromEnvironment();
     Log::info("Tonavi service " + version + " starting");
 
-    runtime = new TonaviRuntime(version);
+    TonaviRuntime::Environment environment;
+    environment.version = version;
+    environment.store = std::make_shared<TonaviConfigStore>(TonaviConfigStore::defaultBase());
+    std::string backendError;
+    PlatformBackend* backend = PlatformBackend::current(&backendError);
+    if (!backend) {
+        Log::info("Tonavi service cannot reach the audio system: " + backendError);
+        return 1;
+    }
+    environment.audio = backend->sharedAudio();
+    // The backend lives as long as the process; the runtime borrows its workspace.
+    environment.workspace = std::shared_ptr<Workspace>(std::shared_ptr<Workspace>(), &backend->workspace());
+    runtime = new TonaviRuntime(std::move(environment));
 
     server = std::make_shared<TonaviControlServer>(*runtime, Paths::controlSocketPath());
     try {

@@ -3,6 +3,7 @@
 #include "core/wire/RawSocket.hpp"
 #include "core/wire/TonaviChannel.hpp"
 #include "service/TonaviControlServer.hpp"
+#include "tests/service/RuntimeTestSupport.hpp"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,7 @@
 #include <unistd.h>
 
 using namespace tonavi;
+using tonavi::testing::RuntimeHarness;
 namespace fs = std::filesystem;
 
 namespace {
@@ -52,7 +54,8 @@ protected:
     }
 
     std::string dir, path;
-    TonaviRuntime runtime{"9.9-test"};
+    RuntimeHarness harness;
+    TonaviRuntime& runtime = harness.start();
     std::shared_ptr<TonaviControlServer> server;
 };
 

@@ -1,0 +1,284 @@
+// The status record, the diagnostics dump and the small questions requests ask of TonaviRuntime.
+// Everything here runs on serialQueue and reads cached snapshots only: no hardware call.
+
+#include "service/TonaviRuntime.hpp"
+
+#include "base/Log.hpp"
+#include "core/engine/TonaviTapSafety.hpp"
+#include "core/wire/TonaviPayload.hpp"
+
+#include <algorithm>
+#include <cassert>
+#include <cctype>
+#include <climits>
+#include <sys/utsname.h>
+
+namespace tonavi {
+
+namespace {
+
+constexpr const char* controlIssueText =
+    "Audio control could not attach. Sound is on the direct path; Tonavi is retrying.";
+constexpr std::size_t statusHealthCount = 20;
+
+bool contains(const std::vector<std::string>& list, const std::string& id) {
+    return std::find(list.begin(), list.end(), id) != list.end();
+}
+
+// Display rank ascending with no rank last, then the name, then the identifier.
+void orderApps(std::vector<AppLiveStatus>& apps) {
+    std::stable_sort(apps.begin(), apps.end(), [](const AppLiveStatus& a, const AppLiveStatus& b) {
+        const std::int64_t rankA = a.displayRank.value_or(LLONG_MAX);
+        const std::int64_t rankB = b.displayRank.value_or(LLONG_MAX);
+        if (rankA != rankB)
+            return rankA < rankB;
+        const int byName = localizedCaseInsensitiveCompare(a.displayName, b.displayName);
+        if (byName != 0)
+            return byName < 0;
+        return a.id < b.id;
+    });
+}
+
+std::string operatingSystemVersion() {
+    utsname name{};
+    if (::uname(&name) != 0)
+        return "unknown";
+    return std::string(name.sysname) + " " + name.release + " " + name.version;
+}
+
+} // namespace
+
+std::string TonaviRuntime::displayName(const std::string& bundleID) const {
+    // The application directory's names join here when it lands.
+    std::string last;
+    std::size_t start = 0;
+    while (start <= bundleID.size()) {
+        const std::size_t dot = bundleID.find('.', start);
+        const std::size_t end = dot == std::string::npos ? bundleID.size() : dot;
+        if (end > start)
+            last = bundleID.substr(start, end - start);
+        if (dot == std::string::npos)
+            break;
+        start = dot + 1;
+    }
+    if (last.empty())
+        return bundleID;
+    for (auto& ch : last)
+        ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+    last[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(last[0])));
+    return last;
+}
+
+std::vector<std::string> TonaviRuntime::currentSystemRouteNames(const std::string& uid) const {
+    std::vector<std::string> names;
+    if (uid.empty())
+        return names;
+    if (uid == hardwareSnapshot_.defaultOutputUID)
+        names.emplace_back("system output");
+    if (uid == hardwareSnapshot_.defaultInputUID)
+        names.emplace_back("system input");
+    if (uid == hardwareSnapshot_.soundEffectsUID)
+        names.emplace_back("alert sound");
+    // "active output group" and "active alert-sound group" join with output groups.
+    return names;
+}
+
+TonaviRuntime::IDSet TonaviRuntime::audibleAppsNow() {
+    refreshAudioSnapshotsIfNeeded(false);
+    IDSet out;
+    const TonaviConfig config = engine_->config();
+    for (const auto& [id, activity] : resolvedAudioSnapshot_) {
+        if (!activity.playing || !TonaviTapSafety::mayCapture(id) || contains(config.hiddenAppIDs, id))
+            continue;
+        // The list of known audio apps joins with the application directory; a configured record
+        // counts already.
+        if (!config.app(id))
+            continue;
+        if (workspace_->runningApplications(id).empty())
+            continue;
+        out.insert(id);
+    }
+    return out;
+}
+
+TonaviRuntime::IDSet TonaviRuntime::standingControl() {
+    IDSet out;
+    const TonaviConfig config = engine_->config();
+    for (const auto& app : config.apps)
+        if (EngagementEngine::isEngaged(app) && TonaviTapSafety::mayCapture(app.id))
+            out.insert(app.id);
+    // While a solo is active, the playing apps it silences need taps too.
+    if (engine_->soloActive())
+        for (const auto& id : audibleAppsNow())
+            if (engine_->isSoloSuppressed(id))
+                out.insert(id);
+    return out;
+}
+
+TonaviStatus TonaviRuntime::buildStatus() {
+    assert(serialQueue_->isCurrent());
+    // Fresh data is asked for without waiting; the status uses what is cached now.
+    refreshAudioSnapshotsIfNeeded(false);
+    refreshHardwareSnapshotIfNeeded(false);
+
+    TonaviConfig config = engine_->config();
+    std::map<std::string, const ProcessEntry*> processes;
+    for (const auto& entry : audioProcessSnapshot_)
+        processes.emplace(entry.bundleID, &entry);
+
+    // The apps to show. Processes that count as audio apps join with process discovery, and onsets
+    // with their trail.
+    std::set<std::string> shown;
+    for (const auto& app : config.apps)
+        shown.insert(app.id);
+    for (const auto& entry : audioProcessSnapshot_)
+        if (config.app(entry.bundleID))
+            shown.insert(entry.bundleID);
+    const std::vector<std::string> engaged = engine_->engagedBundleIDs();
+    shown.insert(engaged.begin(), engaged.end());
+    const IDSet soloed = engine_->soloedBundleIDs().value_or(IDSet{});
+    shown.insert(soloed.begin(), soloed.end());
+    for (const auto& id : TonaviTapSafety::blockedBundleIDs())
+        shown.erase(id);
+    for (const auto& id : config.hiddenAppIDs)
+        shown.erase(id);
+
+    // Newly seen apps get a place at the end of the user's order.
+    std::vector<std::pair<std::string, std::string>> named;
+    for (const auto& id : shown) {
+        const AppAudioState* row = config.app(id);
+        named.emplace_back(id, row ? row->displayName : displayName(id));
+    }
+    if (config.appendUnrankedMixerApps(named)) {
+        engine_->setConfigWithoutReconcile(config);
+        try {
+            saveConfigToDisk(config);
+        } catch (const std::exception&) {
+        }
+        Log::info("tonavi: appended newly discovered audio apps to stable My Order");
+        config = engine_->config();
+    }
+
+    TonaviStatus status;
+    for (const auto& id : shown) {
+        const AppAudioState* row = config.app(id);
+        AppLiveStatus live;
+        live.id = id;
+        live.displayName = row && !row->displayName.empty() ? row->displayName : displayName(id);
+        if (auto p = processes.find(id); p != processes.end()) {
+            live.pid = p->second->pid;
+            live.isRunning = p->second->isRunning;
+        }
+        if (auto a = resolvedAudioSnapshot_.find(id); a != resolvedAudioSnapshot_.end()) {
+            live.isPlayingAudio = a->second.playing;
+            live.isCapturingAudio = a->second.capturing;
+        }
+        live.secondsSinceAudio = recency_->secondsSince(id);
+        live.hasRecentAudioSignal = tapProvider_->recentAudioSignal(id);
+        live.engaged = engine_->hasTap(id);
+        if (live.engaged) {
+            live.level = tapProvider_->level(id);
+            if (auto frames = tapProvider_->bufferFrames(id)) {
+                live.addedLatencySamples = engine_->latencySamples(id, frames->tap, frames->output);
+                const double rate = tapProvider_->sampleRate(id);
+                if (rate > 0)
+                    live.addedLatencyMS = static_cast<double>(live.addedLatencySamples) / rate * 1000.0;
+            }
+            live.tapSourceUID = tapProvider_->sourceDevice(id);
+            live.tapOutputUID = tapProvider_->targetDevice(id);
+        }
+        if (row) {
+            live.volume = engine_->effectiveVolume(*row);
+            live.muted = row->muted;
+            live.boost = row->chain.overdrive.multiplier;
+            live.redirectUID = row->redirectUID;
+            live.displayRank = row->displayRank;
+            live.steadyVolume = row->steadyVolume;
+            live.directLocked = row->directLocked;
+            live.userControlled = EngagementEngine::isEngaged(*row);
+        } else {
+            live.volume = 1.0;
+            live.boost = 1.0;
+        }
+        live.isUserApp = true;
+        live.soloed = soloed.contains(id);
+        if (engine_->hasControlFailure(id))
+            live.controlIssue = controlIssueText;
+        status.apps.push_back(std::move(live));
+    }
+    orderApps(status.apps);
+
+    const HardwareSnapshot& hw = hardwareSnapshot_;
+    status.devices = hw.devices;
+    status.defaultOutputUID = hw.defaultOutputUID;
+    status.defaultInputUID = hw.defaultInputUID;
+    status.soundEffectsUID = hw.soundEffectsUID;
+    status.sampleRate = hw.sampleRate;
+    status.outputVolumeIsSoft = !hw.outputHardwareVolume.has_value();
+    if (status.outputVolumeIsSoft) {
+        status.outputVolume = config.softMasterPercent / 100.0;
+        status.outputMuted = config.softMasterMuted;
+    } else {
+        status.outputVolume = *hw.outputHardwareVolume;
+        status.outputMuted = hw.outputMuted;
+    }
+
+    status.recentOnsets = currentAudioOnsets();
+    std::vector<HealthEvent> health = engine_->healthLog();
+    if (health.size() > statusHealthCount)
+        health.erase(health.begin(), health.end() - statusHealthCount);
+    status.health = std::move(health);
+    status.soloAppIDs = std::vector<std::string>(soloed.begin(), soloed.end());
+    std::vector<std::string> unmuted;
+    for (const auto& id : soloed) {
+        const AppAudioState* row = config.app(id);
+        if (!row || !row->muted)
+            unmuted.push_back(id);
+    }
+    status.soloUnmutedAppIDs = std::move(unmuted);
+
+    SmartLiveStatus smart;
+    if (followMeHeroLast_) {
+        smart.followMeHeroID = followMeHeroLast_;
+        smart.followMeHeroName = displayName(*followMeHeroLast_);
+    }
+    smart.loudnessGuardActive = loudnessGuardWasOn_;
+    if (loudnessGuardWasOn_)
+        for (const auto& device : hw.devices)
+            if (device.id == hw.defaultOutputUID)
+                smart.loudnessGuardOutputName = device.name;
+    smart.autoDuckActive = lastAutoDuckCount_ > 0;
+    smart.autoDuckCount = lastAutoDuckCount_;
+    for (const auto& id : lastCapturingIDs_)
+        smart.autoDuckMicNames.push_back(displayName(id));
+    if (config.smart.micFollow)
+        for (const auto& device : hw.devices)
+            if (device.id == hw.defaultInputUID)
+                smart.micFollowName = device.name;
+    status.smartLive = std::move(smart);
+
+    status.stageMode = engine_->stageMode();
+    status.anyEngaged = !engaged.empty();
+    status.engagedCount = static_cast<std::int64_t>(engaged.size());
+    status.manualDuckOn = manualDuckOn_;
+    return status;
+}
+
+std::vector<AudioOnset> TonaviRuntime::currentAudioOnsets() const {
+    // The trail of audio onsets joins with its subsystem.
+    return {};
+}
+
+Bytes TonaviRuntime::buildDiagnostics() {
+    Diagnostics diagnostics;
+    diagnostics.version = version_;
+    diagnostics.timestamp = now();
+    diagnostics.status = buildStatus();
+    diagnostics.config = engine_->config();
+    diagnostics.healthLog = engine_->healthLog();
+    diagnostics.auCount = 0; // no hosted Audio Units in this build
+    diagnostics.os = operatingSystemVersion();
+    return TonaviPayload::encode(diagnostics);
+}
+
+} // namespace tonavi

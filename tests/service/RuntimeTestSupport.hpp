@@ -1,0 +1,103 @@
+#pragma once
+// A runtime over a private simulated machine, a temporary store, a scriptable tap provider and a
+// manual clock. The clock drives the runtime's queues, timers and warm-up waits; the wall clock
+// (seconds since 1970) is a plain number the test sets.
+
+#include "base/Log.hpp"
+#include "core/config/TonaviConfigStore.hpp"
+#include "platform/sim/SimMachine.hpp"
+#include "platform/sim/SimWorkspace.hpp"
+#include "service/TonaviRuntime.hpp"
+#include "tests/core/config/ConfigTestSupport.hpp"
+#include "tests/core/engine/FakeTaps.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace tonavi::testing {
+
+// The fake engine-side provider, seen through the runtime's provider interface.
+class FakeServiceTaps final : public ServiceTapProvider {
+  public:
+    TapHandlePtr createTap(const std::string& id) override { return taps.createTap(id); }
+    void destroyTap(const TapHandlePtr& handle) override { taps.destroyTap(handle); }
+    void setHooks(Hooks h) override { hooks = std::move(h); }
+    void syncStates() override { ++syncs; }
+
+    FakeTaps taps;
+    Hooks hooks;
+    std::atomic<int> syncs{0};
+};
+
+// Waits for a condition another thread makes true; fails the test after five seconds.
+inline bool waitUntil(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+class RuntimeHarness {
+  public:
+    RuntimeHarness() {
+        Log::setFilePathForTesting((folder.path() / "service.log").string());
+        fileSystem->shouldFail = [this](FaultyFileSystem::Op op, const FileSystem::Path& path) {
+            if (op == FaultyFileSystem::Op::writeAtomically && path.filename() == "state.json.tmp")
+                ++stateWrites;
+            return failWrites.load() && op == FaultyFileSystem::Op::writeAtomically;
+        };
+        store = std::make_shared<TonaviConfigStore>(folder.path(), fileSystem);
+    }
+    ~RuntimeHarness() { runtime.reset(); }
+
+    TonaviRuntime& start() {
+        TonaviRuntime::Environment environment;
+        environment.version = "9.9-test";
+        environment.store = store;
+        environment.audio = machine;
+        environment.workspace = workspace;
+        environment.tapProvider = provider;
+        environment.clock = clock;
+        environment.wallClock = [this] { return wall.load(); };
+        runtime = std::make_unique<TonaviRuntime>(std::move(environment));
+        return *runtime;
+    }
+    // Starts and lets the warm-up finish with a fast hardware.
+    TonaviRuntime& startReady() {
+        start();
+        EXPECT_TRUE(waitUntil([&] { return runtime->warmUpProbes() >= 1; }));
+        advance(0.5);
+        EXPECT_TRUE(waitUntil([&] { return runtime->coreAudioReady(); }));
+        return *runtime;
+    }
+    // Moves time on and lets the runtime's queue run everything that fell due.
+    void advance(double seconds) {
+        clock->advance(std::chrono::round<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)));
+        runtime->serialQueue().sync([] {});
+    }
+    TonaviReply send(TonaviRequest::Value value) { return runtime->handle(TonaviRequest{std::move(value)}); }
+    TonaviConfig onDisk() const { return decodeTonaviConfig(readText(store->configURL())); }
+    const AppAudioState* app(const TonaviConfig& config, const std::string& id) const { return config.app(id); }
+
+    TemporaryFolder folder;
+    std::shared_ptr<FaultyFileSystem> fileSystem = std::make_shared<FaultyFileSystem>();
+    std::shared_ptr<TonaviConfigStore> store;
+    std::shared_ptr<SimMachine> machine = std::make_shared<SimMachine>(SimWorld::preset());
+    std::shared_ptr<SimWorkspace> workspace = std::make_shared<SimWorkspace>(machine);
+    std::shared_ptr<FakeServiceTaps> provider = std::make_shared<FakeServiceTaps>();
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    std::atomic<double> wall{1'700'000'000.0};
+    std::atomic<int> stateWrites{0};
+    std::atomic<bool> failWrites{false};
+    std::unique_ptr<TonaviRuntime> runtime;
+};
+
+} // namespace tonavi::testing

@@ -1,0 +1,314 @@
+// The app requests, their refusals and the status they answer with.
+
+#include "core/engine/TonaviTapSafety.hpp"
+#include "core/wire/TonaviPayload.hpp"
+#include "tests/service/RuntimeTestSupport.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace tonavi;
+using namespace tonavi::testing;
+using R = TonaviRequest;
+
+namespace {
+
+const std::string safari = "com.apple.Safari";
+
+const AppLiveStatus* liveApp(const TonaviReply& reply, const std::string& id) {
+    if (!reply.status)
+        return nullptr;
+    for (const auto& app : reply.status->apps)
+        if (app.id == id)
+            return &app;
+    return nullptr;
+}
+
+std::string defaultOutputUID(RuntimeHarness& h) { return h.machine->world()->defaultOutputUID; }
+
+} // namespace
+
+TEST(AppRequests, ValuesAreClampedToTheirRanges) {
+    struct Case {
+        const char* name;
+        R::Value request;
+        std::function<void(RuntimeHarness&, const AppAudioState&)> check;
+    };
+    const Case cases[] = {
+        {"volume above one", R::SetAppVolume{safari, 1.5},
+         [](RuntimeHarness& h, const AppAudioState& a) {
+             EXPECT_DOUBLE_EQ(a.volume, 1.0);
+             EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), 1.0);
+             EXPECT_TRUE(a.controlAttached);
+         }},
+        {"volume below zero", R::SetAppVolume{safari, -1.0},
+         [](RuntimeHarness& h, const AppAudioState& a) {
+             EXPECT_DOUBLE_EQ(a.volume, 0.0);
+             EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), 0.0);
+         }},
+        {"boost below one", R::SetAppBoost{safari, 0.5},
+         [](RuntimeHarness&, const AppAudioState& a) { EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 1.0); }},
+        {"boost above four", R::SetAppBoost{safari, 9.0},
+         [](RuntimeHarness&, const AppAudioState& a) { EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 4.0); }},
+        {"timed mute below a second", R::SetTimedMute{safari, 0.2},
+         [](RuntimeHarness& h, const AppAudioState& a) {
+             EXPECT_DOUBLE_EQ(a.timedMuteUntil.value_or(0), h.wall.load() + 1.0);
+             EXPECT_FALSE(a.muted);
+         }},
+        {"timed mute above a day", R::SetTimedMute{safari, 100000.0},
+         [](RuntimeHarness& h, const AppAudioState& a) {
+             EXPECT_DOUBLE_EQ(a.timedMuteUntil.value_or(0), h.wall.load() + 86400.0);
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        RuntimeHarness h;
+        h.start();
+        const TonaviReply reply = h.send(c.request);
+        ASSERT_TRUE(reply.ok) << reply.message;
+        ASSERT_NE(liveApp(reply, safari), nullptr);
+        c.check(h, *h.runtime->engine().config().app(safari));
+        c.check(h, *h.onDisk().app(safari));
+    }
+}
+
+TEST(AppRequests, MutationsKeepWhatTheyDoNotName) {
+    RuntimeHarness h;
+    h.start();
+    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
+    ASSERT_TRUE(h.send(R::SetTimedMute{safari, 60}).ok);
+    // An explicit mute ends the timed one; the volume stays.
+    ASSERT_TRUE(h.send(R::SetAppMuted{safari, true}).ok);
+    AppAudioState row = *h.runtime->engine().config().app(safari);
+    EXPECT_FALSE(row.timedMuteUntil.has_value());
+    EXPECT_TRUE(row.muted);
+    EXPECT_FALSE(row.muteWhileBypassed); // not direct-locked
+    EXPECT_DOUBLE_EQ(row.volume, 0.5);
+
+    // engageApp on an engaged app changes nothing.
+    ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
+    EXPECT_EQ(*h.runtime->engine().config().app(safari), row);
+
+    // Back to neutral keeps steady volume and the display name.
+    ASSERT_TRUE(h.send(R::SetAppSteadyVolume{safari, true}).ok);
+    ASSERT_TRUE(h.send(R::DisengageApp{safari}).ok);
+    row = *h.runtime->engine().config().app(safari);
+    EXPECT_DOUBLE_EQ(row.volume, 1.0);
+    EXPECT_FALSE(row.muted);
+    EXPECT_TRUE(row.volumePerDevice.empty());
+    EXPECT_FALSE(row.controlAttached);
+    EXPECT_TRUE(row.steadyVolume);
+    EXPECT_EQ(row.displayName, "Safari");
+
+    // A neutral app that is engaged by hand keeps 0.9999, which is still not engaged.
+    ASSERT_TRUE(h.send(R::SetAppSteadyVolume{safari, false}).ok);
+    ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
+    row = *h.runtime->engine().config().app(safari);
+    EXPECT_DOUBLE_EQ(row.volume, 0.9999);
+    EXPECT_FALSE(EngagementEngine::isEngaged(row));
+}
+
+TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
+    const std::string routing = *TonaviTapSafety::blockedBundleIDs().begin();
+    struct Case {
+        const char* name;
+        R::Value request;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"capture of a routing process", R::SetAppVolume{routing, 0.5},
+         "That process is audio-routing infrastructure and cannot be captured."},
+        {"change of a hidden app", R::SetAppMuted{"com.hidden.App", true},
+         "Restore this app from Add App before changing it."},
+        {"solo of a routing process", R::SetSoloApps{{safari, routing}},
+         "Audio-routing infrastructure cannot be soloed."},
+        {"adding a routing process", R::SetAppVisible{routing, true}, "That routing process cannot be added to Tonavi."},
+        {"removing a routing process", R::SetAppVisible{routing, false},
+         "That routing process cannot be added to Tonavi."},
+        {"an order with a duplicate", R::SetAppDisplayOrder{{safari, "com.google.Chrome", safari}},
+         "App order contains duplicate entries."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        RuntimeHarness h;
+        TonaviConfig persisted = TonaviConfig::firstRunDefaults();
+        persisted.hiddenAppIDs.push_back("com.hidden.App");
+        h.store->save(persisted);
+        h.start();
+        h.send(R::Status{});
+        const TonaviConfig before = h.runtime->engine().config();
+        const std::string diskBefore = readText(h.store->configURL());
+        const TonaviReply reply = h.send(c.request);
+        EXPECT_FALSE(reply.ok);
+        EXPECT_EQ(reply.message, c.message);
+        EXPECT_TRUE(reply.status.has_value());
+        EXPECT_EQ(h.runtime->engine().config(), before);
+        EXPECT_EQ(readText(h.store->configURL()), diskBefore);
+        EXPECT_FALSE(h.runtime->engine().soloActive());
+    }
+}
+
+TEST(AppRequests, MuteOnADirectLockedAppKeepsItEligibleForASilencingTap) {
+    RuntimeHarness h;
+    TonaviConfig persisted = TonaviConfig::firstRunDefaults();
+    persisted.app(safari)->directLocked = true;
+    persisted.app("com.google.Chrome")->directLocked = true;
+    h.store->save(persisted);
+    h.startReady();
+
+    ASSERT_TRUE(h.send(R::SetAppMuted{safari, true}).ok);
+    EXPECT_TRUE(h.runtime->engine().config().app(safari)->muteWhileBypassed);
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap(safari); }));
+
+    // Without the mute a direct-locked app stays direct, whatever else its row says.
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.google.Chrome", 0.2}).ok);
+    h.runtime->engine().reconcile();
+    EXPECT_FALSE(h.runtime->engine().hasTap("com.google.Chrome"));
+}
+
+TEST(AppRequests, SoloIsRefusedInStageModeButAnEmptyListClearsIt) {
+    RuntimeHarness h;
+    h.start();
+    ASSERT_TRUE(h.send(R::SetAppSolo{safari, true}).ok);
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{safari});
+
+    const TonaviReply stage = h.send(R::StageMode{true});
+    ASSERT_TRUE(stage.ok);
+    EXPECT_EQ(stage.message, "stage mode ON: every tap released; muted apps are audible until you turn it off");
+    const TonaviReply refused = h.send(R::SetSoloApps{{safari}});
+    EXPECT_FALSE(refused.ok);
+    EXPECT_EQ(refused.message, "Turn off Bypass All before starting Solo.");
+    const TonaviReply cleared = h.send(R::SetSoloApps{{}});
+    EXPECT_TRUE(cleared.ok);
+    EXPECT_FALSE(h.runtime->engine().soloActive());
+    EXPECT_TRUE(h.onDisk().stageModePersisted);
+
+    EXPECT_EQ(h.send(R::StageMode{false}).message, "stage mode off: every setting restored, mutes included");
+}
+
+TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
+    RuntimeHarness h;
+    TonaviConfig persisted;
+    for (const char* id : {"a.One", "b.Two", "c.Three", "d.Four"}) {
+        AppAudioState app(id);
+        app.displayRank = static_cast<std::int64_t>(persisted.apps.size());
+        persisted.apps.push_back(app);
+    }
+    h.store->save(persisted);
+    h.start();
+    // The client shows only Four and Two, swapped, and a new app.
+    ASSERT_TRUE(h.send(R::SetAppDisplayOrder{{"d.Four", "b.Two", "e.Five"}}).ok);
+    std::map<std::string, std::int64_t> ranks;
+    for (const auto& app : h.onDisk().apps)
+        ranks[app.id] = app.displayRank.value_or(-1);
+    const std::map<std::string, std::int64_t> expected{
+        {"a.One", 0}, {"d.Four", 1}, {"c.Three", 2}, {"b.Two", 3}, {"e.Five", 4}};
+    EXPECT_EQ(ranks, expected);
+    EXPECT_EQ(h.runtime->engine().config().app("e.Five")->displayName, "Five");
+}
+
+TEST(AppRequests, RedirectToAnotherAppsLockedLaneIsRefusedAndTheTapStillRefreshed) {
+    RuntimeHarness h;
+    TonaviConfig persisted = TonaviConfig::firstRunDefaults();
+    WorkspaceLane lane;
+    lane.id = "lane-1";
+    lane.appBundleID = "com.google.Chrome";
+    lane.deviceUID = "lane-device";
+    lane.locked = true;
+    persisted.lanes.push_back(lane);
+    h.store->save(persisted);
+    h.startReady();
+    ASSERT_TRUE(h.send(R::SetAppRedirect{safari, "free-device"}).ok);
+    ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) >= 1; }));
+    const int before = h.provider->taps.createCalls(safari);
+
+    const TonaviReply reply = h.send(R::SetAppRedirect{safari, "lane-device"});
+    EXPECT_FALSE(reply.ok);
+    EXPECT_EQ(reply.message, "that device is a locked lane for another app");
+    EXPECT_EQ(h.runtime->engine().config().app(safari)->redirectUID, "free-device");
+    // The refresh was asked for: a provider that cannot say where a tap is bound rebuilds it.
+    ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) > before; }));
+}
+
+TEST(Requests, ThoseWithoutAStatusAndThoseNotAvailableYet) {
+    RuntimeHarness h;
+    h.start();
+    const TonaviReply ping = h.send(R::Ping{});
+    EXPECT_TRUE(ping.ok);
+    EXPECT_EQ(ping.message, "tonavi 9.9-test");
+    EXPECT_FALSE(ping.status.has_value());
+
+    const TonaviReply shutdown = h.send(R::Shutdown{});
+    EXPECT_TRUE(shutdown.ok);
+    EXPECT_EQ(shutdown.message, "audio returned to the OS");
+    EXPECT_FALSE(shutdown.status.has_value());
+
+    for (const R::Value& value : {R::Value{R::SetOutputDevice{"x"}}, R::Value{R::ListDevices{}},
+                                  R::Value{R::LoadConfig{"scene"}}, R::Value{R::SetMIDIMapping{}}}) {
+        const TonaviRequest request{value};
+        SCOPED_TRACE(std::string(request.caseName()));
+        const TonaviReply reply = h.runtime->handle(request);
+        EXPECT_FALSE(reply.ok);
+        EXPECT_NE(reply.message.find("not available yet"), std::string::npos);
+        EXPECT_EQ(reply.message.rfind(std::string(request.caseName()), 0), 0u);
+    }
+}
+
+TEST(Status, BeforeTheFirstSnapshotItComesFromTheConfigurationAlone) {
+    RuntimeHarness h;
+    h.start();
+    const TonaviReply reply = h.send(R::Status{});
+    ASSERT_TRUE(reply.ok);
+    EXPECT_EQ(reply.message, "");
+    const TonaviStatus& status = *reply.status;
+    EXPECT_TRUE(status.devices.empty());
+    EXPECT_DOUBLE_EQ(status.sampleRate, 48000.0);
+    EXPECT_EQ(status.defaultOutputUID, "");
+    EXPECT_TRUE(status.outputVolumeIsSoft);
+    EXPECT_DOUBLE_EQ(status.outputVolume, 1.0);
+    EXPECT_EQ(status.apps.size(), TonaviConfig::firstRunDefaults().apps.size());
+    EXPECT_FALSE(status.anyEngaged);
+    for (const auto& app : status.apps) {
+        EXPECT_FALSE(app.engaged);
+        EXPECT_EQ(app.addedLatencySamples, 0);
+        EXPECT_TRUE(app.displayRank.has_value()); // placed in the user's order
+    }
+    // Ordered by the rank the status just gave, which follows the names.
+    for (std::size_t i = 1; i < status.apps.size(); ++i)
+        EXPECT_LT(*status.apps[i - 1].displayRank, *status.apps[i].displayRank);
+}
+
+TEST(Status, DisplayNamesFallBackToTheLastPieceOfTheIdentifier) {
+    RuntimeHarness h;
+    h.start();
+    const std::pair<const char*, const char*> cases[] = {
+        {"com.apple.Music", "Music"}, {"us.zoom.XOS", "Xos"}, {"single", "Single"}, {"...", "..."}, {"", ""}};
+    for (const auto& [id, name] : cases)
+        EXPECT_EQ(h.runtime->displayName(id), name) << id;
+}
+
+TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
+    RuntimeHarness h;
+    h.provider->taps.failAlways(safari, true);
+    h.startReady();
+    // Every stage toggle logs a health event.
+    for (int i = 0; i < 12; ++i) {
+        h.send(R::StageMode{true});
+        h.send(R::StageMode{false});
+    }
+    const std::vector<HealthEvent> all = h.runtime->engine().healthLog();
+    ASSERT_GT(all.size(), 20u);
+    const TonaviStatus status = *h.send(R::Status{}).status;
+    ASSERT_EQ(status.health.size(), 20u);
+    EXPECT_EQ(status.health.back(), all.back());
+    EXPECT_EQ(status.health.front(), all[all.size() - 20]);
+
+    const TonaviReply diagnostics = h.send(R::Diagnostics{});
+    ASSERT_TRUE(diagnostics.ok);
+    ASSERT_TRUE(diagnostics.payload.has_value());
+    const Diagnostics document = TonaviPayload::decodeDiagnostics(*diagnostics.payload);
+    EXPECT_EQ(document.version, "9.9-test");
+    EXPECT_EQ(document.healthLog, all);
+    EXPECT_EQ(document.status.health.size(), 20u);
+    EXPECT_EQ(document.config, h.runtime->engine().config());
+    EXPECT_EQ(document.auCount, 0);
+}

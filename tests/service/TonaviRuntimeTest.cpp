@@ -1,0 +1,253 @@
+// Start-up, warm-up, timers and persistence of the runtime.
+
+#include "tests/service/RuntimeTestSupport.hpp"
+
+#include <gtest/gtest.h>
+
+using namespace tonavi;
+using namespace tonavi::testing;
+using R = TonaviRequest;
+
+namespace {
+
+std::vector<std::string> appIDs(const TonaviStatus& status) {
+    std::vector<std::string> ids;
+    for (const auto& app : status.apps)
+        ids.push_back(app.id);
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+std::vector<std::string> firstRunIDs() {
+    std::vector<std::string> ids;
+    for (const auto& app : TonaviConfig::firstRunDefaults().apps)
+        ids.push_back(app.id);
+    std::sort(ids.begin(), ids.end());
+    return ids;
+}
+
+} // namespace
+
+TEST(RuntimeStart, AnUnusableConfigurationGivesARunningServiceWithFirstRunDefaults) {
+    struct Case {
+        const char* name;
+        std::function<void(RuntimeHarness&)> damage;
+    };
+    const Case cases[] = {
+        {"garbage in the file", [](RuntimeHarness& h) { writeText(h.store->configURL(), "{\"apps\": [ nonsense"); }},
+        {"no file and no way to write one", [](RuntimeHarness& h) { h.failWrites = true; }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        RuntimeHarness h;
+        c.damage(h);
+        h.start();
+        const TonaviReply reply = h.send(R::Status{});
+        ASSERT_TRUE(reply.ok);
+        ASSERT_TRUE(reply.status.has_value());
+        EXPECT_EQ(appIDs(*reply.status), firstRunIDs());
+        EXPECT_EQ(h.runtime->engine().config().apps.size(), TonaviConfig::firstRunDefaults().apps.size());
+    }
+}
+
+TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEnds) {
+    RuntimeHarness h;
+    TonaviConfig persisted = TonaviConfig::firstRunDefaults();
+    AppAudioState quiet("com.spotify.client");
+    quiet.volume = 0.4; // engaged by its own row
+    persisted.apps.push_back(quiet);
+    h.store->save(persisted);
+    // Every read of the default output stalls: the hardware answers slowly.
+    h.machine->setReadDelay(std::chrono::milliseconds(80), kAudioHardwarePropertyDefaultOutputDevice);
+    h.start();
+
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 1; }));
+    EXPECT_TRUE(h.send(R::Ping{}).ok);
+    EXPECT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.5}).ok);
+    h.advance(0.5); // a second slow probe
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 2; }));
+    EXPECT_FALSE(h.runtime->coreAudioReady());
+    EXPECT_EQ(h.provider->taps.createCalls("com.apple.Safari"), 0);
+    EXPECT_EQ(h.provider->taps.createCalls("com.spotify.client"), 0);
+    EXPECT_TRUE(h.runtime->engine().engagedBundleIDs().empty());
+
+    h.machine->setReadDelay(std::chrono::milliseconds(0));
+    h.advance(0.5); // a fast probe ends the loop
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 3; }));
+    EXPECT_FALSE(h.runtime->coreAudioReady());
+    h.advance(0.5); // the last half second
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->coreAudioReady(); }));
+    // The warm-up's reconcile takes the taps: the controlled app's, and the persisted engaged app's,
+    // which the request's eligibility made standing.
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.apple.Safari"); }));
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.spotify.client"); }));
+}
+
+TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStart) {
+    RuntimeHarness h;
+    TonaviConfig persisted = TonaviConfig::firstRunDefaults();
+    AppAudioState timed("com.spotify.client");
+    timed.timedMuteUntil = h.wall.load() - 1.0; // already over
+    persisted.apps.push_back(timed);
+    h.store->save(persisted);
+    h.startReady(); // 0.5 s after start
+
+    auto timedMute = [&] { return h.runtime->engine().config().app("com.spotify.client")->timedMuteUntil; };
+    h.advance(1.49);
+    EXPECT_TRUE(timedMute().has_value());
+    h.advance(0.01); // 2.0 s: the watchdog clears the expired timer and saves
+    EXPECT_FALSE(timedMute().has_value());
+    EXPECT_FALSE(h.onDisk().app("com.spotify.client")->timedMuteUntil.has_value());
+}
+
+TEST(RuntimeStart, AProviderWithoutTapsLeavesEveryAppDirectAndReportsIt) {
+    RuntimeHarness h;
+    h.provider->taps.failAlways("com.apple.Safari", true);
+    h.startReady();
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.3}).ok);
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasControlFailure("com.apple.Safari"); }));
+    const TonaviStatus status = *h.send(R::Status{}).status;
+    auto safari = std::find_if(status.apps.begin(), status.apps.end(),
+                               [](const AppLiveStatus& a) { return a.id == "com.apple.Safari"; });
+    ASSERT_NE(safari, status.apps.end());
+    EXPECT_FALSE(safari->engaged);
+    EXPECT_DOUBLE_EQ(safari->volume, 0.3);
+    EXPECT_EQ(safari->controlIssue,
+              "Audio control could not attach. Sound is on the direct path; Tonavi is retrying.");
+    EXPECT_DOUBLE_EQ(h.onDisk().app("com.apple.Safari")->volume, 0.3);
+}
+
+TEST(RuntimePersistence, AVolumeStreamIsWrittenOnceAQuarterSecondAfterItsLastUpdate) {
+    RuntimeHarness h;
+    h.startReady();
+    h.send(R::Status{}); // places the first-run apps in the user's order, which saves
+    const int before = h.stateWrites.load();
+    for (int i = 1; i <= 10; ++i) {
+        ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", i / 20.0}).ok);
+        h.advance(0.1);
+    }
+    EXPECT_EQ(h.stateWrites.load(), before); // 0.1 s after the last: nothing yet
+    h.advance(0.14);
+    EXPECT_EQ(h.stateWrites.load(), before);
+    h.advance(0.01);
+    EXPECT_EQ(h.stateWrites.load(), before + 1);
+    EXPECT_DOUBLE_EQ(h.onDisk().app("com.apple.Safari")->volume, 0.5);
+    h.advance(1.0);
+    EXPECT_EQ(h.stateWrites.load(), before + 1);
+}
+
+TEST(RuntimePersistence, StopInsideTheDeferredWindowSavesTheLastValueOnce) {
+    RuntimeHarness h;
+    h.startReady();
+    h.send(R::Status{});
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.2}).ok);
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.7}).ok);
+    const int before = h.stateWrites.load();
+    h.runtime->serialQueue().sync([&] { h.runtime->releaseTapsThenStop(); });
+    EXPECT_EQ(h.stateWrites.load(), before + 1);
+    EXPECT_DOUBLE_EQ(h.onDisk().app("com.apple.Safari")->volume, 0.7);
+    h.advance(1.0); // the cancelled deferred save never runs
+    EXPECT_EQ(h.stateWrites.load(), before + 1);
+}
+
+TEST(RuntimePersistence, AnImmediateSaveCancelsThePendingDeferredOne) {
+    RuntimeHarness h;
+    h.startReady();
+    h.send(R::Status{});
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.6}).ok);
+    const int before = h.stateWrites.load();
+    ASSERT_TRUE(h.send(R::SetAppMuted{"com.apple.Safari", true}).ok); // persists at once
+    EXPECT_EQ(h.stateWrites.load(), before + 1);
+    h.advance(1.0);
+    EXPECT_EQ(h.stateWrites.load(), before + 1);
+    const TonaviConfig disk = h.onDisk();
+    EXPECT_DOUBLE_EQ(disk.app("com.apple.Safari")->volume, 0.6);
+    EXPECT_TRUE(disk.app("com.apple.Safari")->muted);
+}
+
+TEST(RuntimePersistence, ASaveKeepsTheUserInterfaceSettingsOnDiskUnlessTheFileIsUnreadable) {
+    for (const bool unreadable : {false, true}) {
+        SCOPED_TRACE(unreadable ? "unreadable file" : "readable file");
+        RuntimeHarness h;
+        h.startReady();
+        const TonaviConfig memory = h.runtime->engine().config();
+        // The user interface writes its own settings behind the service's back.
+        TonaviConfig edited = h.onDisk();
+        edited.startAtLogin = !memory.startAtLogin;
+        edited.superVolumeKeys = !memory.superVolumeKeys;
+        edited.ui.theme = "chosen-in-the-ui";
+        h.store->save(edited);
+        if (unreadable)
+            writeText(h.store->configURL(), "not json");
+
+        ASSERT_TRUE(h.send(R::SetAppMuted{"com.apple.Safari", true}).ok);
+        const TonaviConfig disk = h.onDisk();
+        EXPECT_TRUE(disk.app("com.apple.Safari")->muted);
+        const TonaviConfig& expected = unreadable ? memory : edited;
+        EXPECT_EQ(disk.startAtLogin, expected.startAtLogin);
+        EXPECT_EQ(disk.superVolumeKeys, expected.superVolumeKeys);
+        EXPECT_EQ(disk.ui, expected.ui);
+    }
+}
+
+TEST(RuntimeTapWork, RequestsForOneKeyDuringAPassGiveExactlyOneMorePass) {
+    RuntimeHarness h;
+    h.start();
+    std::mutex m;
+    std::condition_variable cv;
+    bool release = false;
+    std::atomic<int> passes{0};
+    auto work = [&] {
+        ++passes;
+        std::unique_lock lock(m);
+        cv.wait(lock, [&] { return release; });
+    };
+    h.runtime->scheduleTapWork("k", work);
+    ASSERT_TRUE(waitUntil([&] { return passes.load() == 1; }));
+    for (int i = 0; i < 100; ++i)
+        h.runtime->scheduleTapWork("k", work);
+    {
+        std::lock_guard lock(m);
+        release = true;
+    }
+    cv.notify_all();
+    ASSERT_TRUE(waitUntil([&] { return passes.load() == 2; }));
+    // A new request after the key went idle starts a pass of its own.
+    h.runtime->serialQueue().sync([] {});
+    std::atomic<bool> other{false};
+    h.runtime->scheduleTapWork("other", [&] { other = true; });
+    ASSERT_TRUE(waitUntil([&] { return other.load(); }));
+    EXPECT_EQ(passes.load(), 2);
+}
+
+TEST(RuntimeSleep, WakeBeforeTheWarmUpHasFinishedRebuildsNothing) {
+    RuntimeHarness h;
+    auto setAsleep = [&](bool asleep) {
+        ASSERT_EQ(h.machine->mutate([&](SimWorld& world) {
+            world.asleep = asleep;
+            return std::string();
+        }),
+                  "");
+    };
+    h.start();
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 1; }));
+    setAsleep(true);
+    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
+    setAsleep(false);
+    h.advance(0.25);
+    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
+
+    h.advance(0.25); // the warm-up ends
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->coreAudioReady(); }));
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.5}).ok);
+    EXPECT_FALSE(h.runtime->engine().hasTap("com.apple.Safari")); // still suspended
+
+    // A sleep and wake after the warm-up resumes the engine, and the tap comes back.
+    setAsleep(true);
+    setAsleep(false);
+    h.advance(0.24);
+    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
+    h.advance(0.01);
+    EXPECT_FALSE(h.runtime->engine().hardwareSuspended());
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.apple.Safari"); }));
+}
