@@ -88,6 +88,17 @@ IsolatedTonaviTapProvider::IsolatedTonaviTapProvider(Environment environment)
 
 IsolatedTonaviTapProvider::~IsolatedTonaviTapProvider() = default;
 
+void IsolatedTonaviTapProvider::setHooks(Hooks hooks) {
+    render = std::move(hooks.render);
+    if (hooks.workerState)
+        workerStateFor = [state = std::move(hooks.workerState)](const std::string& id) {
+            return std::optional<TapWorkerState>(state(id));
+        };
+    onAudioActivity = std::move(hooks.heard);
+    routeFor = std::move(hooks.route);
+    onTapFailure = std::move(hooks.tapFailed);
+}
+
 TapHandlePtr IsolatedTonaviTapProvider::createTap(const std::string& bundleID) {
     if (environment_.mayCapture && !environment_.mayCapture(bundleID))
         return nullptr;
@@ -335,45 +346,55 @@ void IsolatedTonaviTapProvider::syncStates() {
     }
 }
 
-std::shared_ptr<IsolatedTapHandle> IsolatedTonaviTapProvider::liveHandle(const std::string& bundleID) const {
+std::shared_ptr<IsolatedTapHandle> IsolatedTonaviTapProvider::liveHandle(std::string_view bundleID) const {
     std::lock_guard guard(stateLock_);
     auto it = liveHandles_.find(bundleID);
     return it == liveHandles_.end() ? nullptr : it->second;
 }
 
-float IsolatedTonaviTapProvider::level(const std::string& bundleID) const {
+float IsolatedTonaviTapProvider::level(std::string_view bundleID) const {
     std::lock_guard guard(stateLock_);
     auto it = liveHandles_.find(bundleID);
     return it == liveHandles_.end() ? 0.0f : it->second->meterLevel;
 }
 
-double IsolatedTonaviTapProvider::sampleRate(const std::string& bundleID) const {
+double IsolatedTonaviTapProvider::sampleRate(std::string_view bundleID) const {
     std::lock_guard guard(stateLock_);
     auto it = liveHandles_.find(bundleID);
     return it == liveHandles_.end() ? 0.0 : it->second->sampleRate;
 }
 
-std::int64_t IsolatedTonaviTapProvider::bufferFrames(const std::string& bundleID) const {
+std::optional<ServiceTapProvider::BufferFrames> IsolatedTonaviTapProvider::bufferFrames(std::string_view bundleID) const {
     std::lock_guard guard(stateLock_);
     auto it = liveHandles_.find(bundleID);
-    return it == liveHandles_.end() ? 0 : it->second->tapBufferFrames;
+    if (it == liveHandles_.end())
+        return std::nullopt;
+    return BufferFrames{static_cast<int>(it->second->tapBufferFrames), static_cast<int>(it->second->outputBufferFrames)};
 }
 
-std::optional<bool> IsolatedTonaviTapProvider::recentAudioSignal(const std::string& bundleID) const {
+std::optional<bool> IsolatedTonaviTapProvider::recentAudioSignal(std::string_view bundleID) const {
     auto handle = liveHandle(bundleID);
     if (!handle || !handle->isRunning())
         return std::nullopt;
-    double lastRaw, created, lastIO;
+    double lastRaw, lastIO;
     {
         std::lock_guard guard(stateLock_);
         lastRaw = handle->lastRawAudioAt;
-        created = handle->createdAt;
         lastIO = handle->lastIOAt;
     }
-    return TapActivityWindow::recentSignal(lastRaw, created, lastIO, environment_.now(), 2.0);
+    return TapActivityWindow::recentSignal(lastRaw, handle->createdAt, lastIO, environment_.now(), 2.0);
 }
 
-bool IsolatedTonaviTapProvider::ioStale(const std::string& bundleID, double olderThan) const {
+std::optional<double> IsolatedTonaviTapProvider::secondsSinceRawAudio(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    if (it == liveHandles_.end())
+        return std::nullopt;
+    const auto& handle = *it->second;
+    return environment_.now() - (handle.lastRawAudioAt > 0 ? handle.lastRawAudioAt : handle.createdAt);
+}
+
+bool IsolatedTonaviTapProvider::ioStale(std::string_view bundleID, double olderThan) const {
     auto handle = liveHandle(bundleID);
     if (!handle)
         return false;
@@ -383,7 +404,7 @@ bool IsolatedTonaviTapProvider::ioStale(const std::string& bundleID, double olde
     return environment_.now() - handle->lastIOAt > olderThan;
 }
 
-bool IsolatedTonaviTapProvider::processGroupChanged(const std::string& bundleID,
+bool IsolatedTonaviTapProvider::processGroupChanged(std::string_view bundleID,
                                                     const std::optional<TapProcessIdentity>& current) const {
     auto handle = liveHandle(bundleID);
     if (!handle)
@@ -392,16 +413,16 @@ bool IsolatedTonaviTapProvider::processGroupChanged(const std::string& bundleID,
         return handle->processIdentity.needsRefresh(*current);
     if (!environment_.processGroup)
         return false;
-    return handle->processIdentity.needsRefresh(environment_.processGroup(bundleID).identity);
+    return handle->processIdentity.needsRefresh(environment_.processGroup(handle->bundleID).identity);
 }
 
-std::optional<std::string> IsolatedTonaviTapProvider::targetDevice(const std::string& bundleID) const {
+std::optional<std::string> IsolatedTonaviTapProvider::targetDevice(std::string_view bundleID) const {
     std::lock_guard guard(stateLock_);
     auto it = liveHandles_.find(bundleID);
     return it == liveHandles_.end() ? std::nullopt : std::optional(it->second->targetDeviceUID);
 }
 
-std::optional<std::string> IsolatedTonaviTapProvider::sourceDevice(const std::string& bundleID) const {
+std::optional<std::string> IsolatedTonaviTapProvider::sourceDevice(std::string_view bundleID) const {
     std::lock_guard guard(stateLock_);
     auto it = liveHandles_.find(bundleID);
     return it == liveHandles_.end() ? std::nullopt : std::optional(it->second->sourceDeviceUID);

@@ -8,8 +8,8 @@
 // tap-lifecycle queue. `stateLock` is never held across a process or pipe operation. Reader and
 // termination callbacks run on other threads; the service's callbacks hop to its own queue.
 
-#include "core/engine/TapProviding.hpp"
 #include "core/engine/TapWorkerState.hpp"
+#include "service/ServiceTapProvider.hpp"
 #include "service/taps/TonaviTapProvider.hpp"
 #include "service/worker/IsolatedTapHandle.hpp"
 #include "service/worker/TapRecoveryBackoff.hpp"
@@ -30,10 +30,10 @@ namespace tonavi {
 
 struct TapWorkerEvent;
 
-class IsolatedTonaviTapProvider final : public TapProviding,
+class IsolatedTonaviTapProvider final : public ServiceTapProvider,
                                         public std::enable_shared_from_this<IsolatedTonaviTapProvider> {
   public:
-    using Render = std::function<void(const std::string&, std::span<float>, long long, std::uint64_t)>;
+    using Render = std::function<void(const std::string&, std::span<float>, int, std::uint64_t)>;
     using TapFailure = std::function<void(const std::string& bundleID, const std::string& message,
                                           const TapHandlePtr& handle)>;
     using AUSlotFailure = std::function<void(const std::string& slotID, const std::string& message)>;
@@ -70,7 +70,8 @@ class IsolatedTonaviTapProvider final : public TapProviding,
     explicit IsolatedTonaviTapProvider(Environment environment);
     ~IsolatedTonaviTapProvider() override;
 
-    // Hooks; set before the first createTap.
+    // Hooks; set before the first createTap. `setHooks` sets all but the plug-in slot failure.
+    void setHooks(Hooks hooks) override;
     Render render; // kept for parity with the in-process provider; never called here
     TapFailure onTapFailure;
     AUSlotFailure onAUSlotFailure;
@@ -85,21 +86,25 @@ class IsolatedTonaviTapProvider final : public TapProviding,
 
     // Sends every live worker its current state. No diffing: a worker applies a same state without
     // an audible change. Write failures are ignored; the watchdog sees the stale IO.
-    void syncStates();
-    float level(const std::string& bundleID) const;
-    double sampleRate(const std::string& bundleID) const;
-    std::int64_t bufferFrames(const std::string& bundleID) const;
-    std::optional<bool> recentAudioSignal(const std::string& bundleID) const;
-    bool ioStale(const std::string& bundleID, double olderThan) const;
+    void syncStates() override;
+    // A fresh series for every app (wake, output topology change).
+    void resetCreationBackoff() override;
+
+    // The mirrors of what each worker reports; the "no worker" answer without one.
+    float level(std::string_view bundleID) const override;
+    double sampleRate(std::string_view bundleID) const override; // 0 without a worker
+    std::optional<BufferFrames> bufferFrames(std::string_view bundleID) const override;
+    std::optional<bool> recentAudioSignal(std::string_view bundleID) const override;
+    std::optional<double> secondsSinceRawAudio(std::string_view bundleID) const override;
+    std::optional<std::string> targetDevice(std::string_view bundleID) const override;
+    std::optional<std::string> sourceDevice(std::string_view bundleID) const override;
+    // The worker's process is gone, or it reported no IO for longer than `olderThan` seconds.
+    bool ioStale(std::string_view bundleID, double olderThan) const;
     // Whether the app's processes moved away from what its worker's tap covers; without `current`
     // the group is read now.
-    bool processGroupChanged(const std::string& bundleID,
+    bool processGroupChanged(std::string_view bundleID,
                              const std::optional<TapProcessIdentity>& current = std::nullopt) const;
-    std::optional<std::string> targetDevice(const std::string& bundleID) const;
-    std::optional<std::string> sourceDevice(const std::string& bundleID) const;
-    std::shared_ptr<IsolatedTapHandle> liveHandle(const std::string& bundleID) const;
-    // A fresh series for every app (wake, output topology change).
-    void resetCreationBackoff();
+    std::shared_ptr<IsolatedTapHandle> liveHandle(std::string_view bundleID) const;
 
     // Waits for a stopping worker, then makes sure it is gone and forgets it.
     void finishStopping(const std::shared_ptr<IsolatedTapHandle>& handle);

@@ -57,18 +57,20 @@ class IsolatedProviderTest : public ::testing::Test {
         environment.executable = executable;
         environment.readyTimeout = readyTimeout;
         auto provider = std::make_shared<IsolatedTonaviTapProvider>(environment);
-        provider->workerStateFor = [this](const std::string& id) -> std::optional<TapWorkerState> {
+        ServiceTapProvider::Hooks hooks;
+        hooks.workerState = [this](const std::string& id) {
             TapWorkerState state;
             state.app = AppAudioState(id);
             std::lock_guard guard(mutex);
             state.app.volume = volume;
             return state;
         };
-        provider->onTapFailure = [this](const std::string& id, const std::string& message, const TapHandlePtr& handle) {
+        hooks.tapFailed = [this](const std::string& id, const std::string& message, const TapHandlePtr& handle) {
             std::lock_guard guard(mutex);
             failures.push_back({id, message, handle});
         };
-        provider->onAudioActivity = [this](const std::string&) { ++activity; };
+        hooks.heard = [this](const std::string&) { ++activity; };
+        provider->setHooks(std::move(hooks));
         return provider;
     }
 
@@ -101,11 +103,14 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     ASSERT_TRUE(handle);
     EXPECT_EQ(provider->liveHandle("com.example.player"), handle);
     EXPECT_EQ(provider->sampleRate("com.example.player"), 48000.0);
-    EXPECT_EQ(provider->bufferFrames("com.example.player"), 128);
+    ASSERT_TRUE(provider->bufferFrames("com.example.player"));
+    EXPECT_EQ(provider->bufferFrames("com.example.player")->tap, 128);
+    EXPECT_EQ(provider->bufferFrames("com.example.player")->output, 512);
     EXPECT_EQ(provider->sourceDevice("com.example.player"), "Speakers");
     EXPECT_EQ(provider->targetDevice("com.example.player"), "Headphones");
     EXPECT_EQ(provider->sampleRate("com.example.other"), 0.0);
     now = 1005.0;
+    EXPECT_EQ(provider->secondsSinceRawAudio("com.example.player"), 5.0) << "no sound yet: counted from creation";
     EXPECT_FALSE(provider->ioStale("com.example.player", 6.0));
     now = 1006.5;
     EXPECT_TRUE(provider->ioStale("com.example.player", 6.0));
@@ -154,7 +159,7 @@ while read line; do case "$line" in *stop*) exit 0;; esac; done)"));
     auto handle = provider->createTap("com.example.player");
     ASSERT_TRUE(handle);
     EXPECT_EQ(provider->sampleRate("com.example.player"), 0.0) << "a mistyped field is not believed";
-    EXPECT_EQ(provider->bufferFrames("com.example.player"), 64);
+    EXPECT_EQ(provider->bufferFrames("com.example.player").value_or(ServiceTapProvider::BufferFrames{}).tap, 64);
     EXPECT_FLOAT_EQ(provider->level("com.example.player"), 0.9f);
     EXPECT_EQ(activity.load(), 1);
     provider->destroyTap(handle);
