@@ -1,0 +1,158 @@
+#include "core/outputs/AudioEndpointResolver.hpp"
+#include "core/outputs/AudioTransportPolicy.hpp"
+#include "core/outputs/AutomaticOutputPolicy.hpp"
+#include "core/outputs/BluetoothEndpointIdentity.hpp"
+#include "core/outputs/OutputTopologyTracker.hpp"
+#include "core/outputs/PreferredOutputPolicy.hpp"
+
+#include <gtest/gtest.h>
+
+namespace tonavi {
+namespace {
+
+using T = DeviceLiveStatus::Transport;
+using Candidate = AutomaticOutputCandidate;
+
+const Candidate speakers{"builtin-speakers", "MacBook Pro Speakers", T::builtin, true, false};
+const Candidate headphonePort{"builtin-port", "External Headphones", T::builtin, true, false};
+const Candidate airpods{"bt-airpods", "AirPods Pro", T::bluetooth, true, false};
+const Candidate buds{"bt-buds", "Earbuds", T::bluetooth, true, false};
+const Candidate dac{"usb-dac", "USB DAC", T::usb, true, false};
+const Candidate interface{"usb-interface", "Studio Interface", T::usb, true, false};
+const Candidate jbl{"usb-jbl", "jBl Quantum", T::usb, true, false};
+const Candidate loopback{"virtual-loop", "Loopback", T::virtual_, true, false};
+const Candidate group{"aggregate-group", "Group", T::aggregate, true, false};
+const Candidate hiddenBuds{"bt-hidden", "Hidden Buds", T::bluetooth, true, true};
+
+TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
+    struct Case {
+        const char* why;
+        std::set<std::string> appeared;
+        std::optional<Candidate> current;
+        std::vector<std::string> preferred;
+        std::optional<std::string> expected;
+    };
+    const std::vector<Candidate> all{speakers, headphonePort, airpods, buds,     dac,
+                                     interface, jbl,          loopback, group, hiddenBuds};
+    const std::vector<Case> cases{
+        {"airpods appear over speakers", {airpods.uid}, speakers, {}, airpods.uid},
+        {"a dac never moves someone on airpods", {dac.uid}, airpods, {}, std::nullopt},
+        {"a dac never moves someone on a headphone port", {dac.uid}, headphonePort, {}, std::nullopt},
+        {"a dac does not replace another usb output", {dac.uid}, interface, {}, std::nullopt},
+        {"unless it is preferred", {dac.uid}, interface, {dac.uid}, dac.uid},
+        {"two personal devices: lower uid", {airpods.uid, buds.uid}, speakers, {}, airpods.uid},
+        {"a preference overrides the uid order", {airpods.uid, buds.uid}, speakers, {buds.uid}, buds.uid},
+        {"virtual never wins, even preferred", {loopback.uid}, speakers, {loopback.uid}, std::nullopt},
+        {"aggregate never wins", {group.uid}, std::nullopt, {group.uid}, std::nullopt},
+        {"hidden never wins", {hiddenBuds.uid}, speakers, {}, std::nullopt},
+        {"no current output: a speaker takes over", {dac.uid}, std::nullopt, {}, dac.uid},
+        {"a usb JBL counts as personal", {jbl.uid}, interface, {}, jbl.uid},
+        {"a dac replaces the built-in speakers", {dac.uid}, speakers, {}, dac.uid},
+        {"nothing appeared", {}, speakers, {}, std::nullopt},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(AutomaticOutputPolicy::pick(c.appeared, c.current, all, c.preferred), c.expected) << c.why;
+}
+
+TEST(AutomaticOutputPolicy, ClassifiesNamesByWordsAndTokens) {
+    struct Case {
+        const char* name;
+        T transport;
+        bool personal;
+        bool room;
+    };
+    const std::vector<Case> cases{
+        {"Living Room TV", T::usb, false, true},    {"Mytvbox", T::usb, false, false},
+        {"BOSE QC45", T::usb, true, false},          {"Speaker", T::bluetooth, true, false},
+        {"Kitchen", T::airplay, false, true},        {"LG HDMI-Monitor", T::other, false, true},
+        {"My Headphones", T::builtin, true, false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(AutomaticOutputPolicy::isPersonalAudio(c.name, c.transport), c.personal) << c.name;
+        EXPECT_EQ(AutomaticOutputPolicy::isRoomAudio(c.name, c.transport), c.room) << c.name;
+    }
+    EXPECT_TRUE(AutomaticOutputPolicy::isProtectedName("Studio Headset"));
+    EXPECT_FALSE(AutomaticOutputPolicy::isProtectedName("JBL Flip"));
+}
+
+TEST(AudioTransportPolicy, OnlyWiredAndUnknownTransportsMayBeRetimed) {
+    for (auto t : {T::bluetooth, T::airplay, T::aggregate, T::virtual_})
+        EXPECT_TRUE(AudioTransportPolicy::preservesNegotiatedTiming(t)) << transportName(t);
+    for (auto t : {T::builtin, T::usb, T::other})
+        EXPECT_FALSE(AudioTransportPolicy::preservesNegotiatedTiming(t)) << transportName(t);
+}
+
+TEST(PreferredOutputPolicy, SessionChoiceStandsWhilePresentThenTheOrderDecides) {
+    const std::set<std::string> available{"a", "b", "c"};
+    EXPECT_EQ(PreferredOutputPolicy::pick(std::string("b"), available, {"c", "a"}), std::nullopt);
+    EXPECT_EQ(PreferredOutputPolicy::pick(std::string("gone"), available, {"x", "c", "a"}), "c");
+    EXPECT_EQ(PreferredOutputPolicy::pick(std::nullopt, available, {"x"}), std::nullopt);
+}
+
+TEST(OutputTopologyTracker, FirstCallIsABaselineThenReportsEveryDifference) {
+    OutputTopologyTracker tracker;
+    const std::map<std::string, OutputRouteSignature> first{{"spk", {10, 48000, 2, true}},
+                                                            {"usb", {11, 44100, 2, true}},
+                                                            {"bt", {12, 48000, 2, true}}};
+    EXPECT_TRUE(tracker.update(first).empty());
+    auto second = first;
+    second.erase("bt");                       // vanished
+    second["usb"].sampleRate = 96000;         // reformatted
+    second["dock"] = {13, 48000, 6, true};    // appeared
+    EXPECT_EQ(tracker.update(second), (std::set<std::string>{"bt", "dock", "usb"}));
+    EXPECT_TRUE(tracker.update(second).empty());
+}
+
+TEST(BluetoothEndpointIdentity, StripsOneEndpointSuffix) {
+    struct Case {
+        const char* a;
+        const char* b;
+        bool same;
+    };
+    for (const auto& c : std::vector<Case>{{"X:input", "X:output", true},
+                                           {"X:input:input", "X", false},
+                                           {"", "", false},
+                                           {"X", "X:output", true},
+                                           {"X:output", "Y:output", false}})
+        EXPECT_EQ(BluetoothEndpointIdentity::sameDevice(c.a, c.b), c.same) << c.a << " / " << c.b;
+}
+
+DeviceLiveStatus device(std::string id, std::string name, std::string nickname, bool out, bool in) {
+    DeviceLiveStatus d;
+    d.id = std::move(id);
+    d.name = std::move(name);
+    d.nickname = std::move(nickname);
+    d.isOutput = out;
+    d.isInput = in;
+    return d;
+}
+
+TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
+    const std::vector<DeviceLiveStatus> devices{
+        device("usb-1", "USB Headphones", "", true, false),
+        device("spk", "Speakers", "desk", true, false),
+        device("mic", "Microphone", "", false, true),
+        device("Speakers", "Other", "", true, false),
+    };
+    struct Case {
+        const char* text;
+        AudioEndpointRole role;
+        std::optional<std::string> expected;
+    };
+    const std::vector<Case> cases{
+        {"Speakers", AudioEndpointRole::output, "Speakers"}, // exact ID on the last beats a name on the first
+        {"speakers", AudioEndpointRole::output, "spk"},
+        {"DESK", AudioEndpointRole::output, "spk"},
+        {"head", AudioEndpointRole::output, "usb-1"},
+        {"mic", AudioEndpointRole::output, std::nullopt},
+        {"micro", AudioEndpointRole::input, "mic"},
+        {"micro", AudioEndpointRole::any, "mic"},
+        {"nothing", AudioEndpointRole::any, std::nullopt},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(AudioEndpointResolver::resolve(c.text, devices, c.role), c.expected) << c.text;
+    EXPECT_EQ(AudioEndpointResolver::resolve("x", {devices[2]}, AudioEndpointRole::output), std::nullopt);
+}
+
+} // namespace
+} // namespace tonavi
