@@ -132,6 +132,7 @@ class SimMachine final : public AudioHardware {
     void stopProcsOn(AudioObjectID device);
     std::optional<OSStatus> takeFault(SimOperation operation, std::uint32_t selector);
     void delayRead(std::uint32_t selector);
+    void settleDefaultOutput();
     // Brings running IO procs in line with the world: tapped tones, stalled or vanished devices.
     void updateIOLocked();
     void stepDueCycles();
