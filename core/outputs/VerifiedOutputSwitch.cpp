@@ -103,4 +103,8 @@ void performNonblocking(const std::string& targetUID, int attempts,
     });
 }
 
+std::string failureText(const std::string& targetName, const std::string& currentName) {
+    return "macOS did not switch to " + targetName + "; output remains on " + currentName;
+}
+
 } // namespace tonavi::VerifiedOutputSwitch

@@ -29,4 +29,7 @@ void performNonblocking(const std::string& targetUID, int attempts,
                         const std::function<bool()>& isCurrent, const Schedule& schedule,
                         const std::function<void(bool)>& completion);
 
+// What a failed switch tells the user: where it was asked to go, and where the output stayed.
+std::string failureText(const std::string& targetName, const std::string& currentName);
+
 } // namespace tonavi::VerifiedOutputSwitch
