@@ -55,24 +55,16 @@ TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
 }
 
 TEST(AutomaticOutputPolicy, ClassifiesNamesByWordsAndTokens) {
-    struct Case {
-        const char* name;
-        T transport;
-        bool personal;
-        bool room;
-    };
-    const std::vector<Case> cases{
-        {"Living Room TV", T::usb, false, true},    {"Mytvbox", T::usb, false, false},
-        {"BOSE QC45", T::usb, true, false},          {"Speaker", T::bluetooth, true, false},
-        {"Kitchen", T::airplay, false, true},        {"LG HDMI-Monitor", T::other, false, true},
-        {"My Headphones", T::builtin, true, false},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(AutomaticOutputPolicy::isPersonalAudio(c.name, c.transport), c.personal) << c.name;
-        EXPECT_EQ(AutomaticOutputPolicy::isRoomAudio(c.name, c.transport), c.room) << c.name;
-    }
-    EXPECT_TRUE(AutomaticOutputPolicy::isProtectedName("Studio Headset"));
-    EXPECT_FALSE(AutomaticOutputPolicy::isProtectedName("JBL Flip"));
+    namespace A = AutomaticOutputPolicy;
+    EXPECT_TRUE(A::isRoomAudio("Living Room TV", T::usb));
+    EXPECT_FALSE(A::isRoomAudio("Mytvbox", T::usb)); // a token, not a substring
+    EXPECT_TRUE(A::isRoomAudio("LG HDMI-Monitor", T::other));
+    EXPECT_TRUE(A::isRoomAudio("Kitchen", T::airplay));
+    EXPECT_TRUE(A::isPersonalAudio("BOSE QC45", T::usb));
+    EXPECT_TRUE(A::isPersonalAudio("Speaker", T::bluetooth));
+    EXPECT_FALSE(A::isPersonalAudio("Living Room TV", T::usb));
+    EXPECT_TRUE(A::isProtectedName("Studio Headset"));
+    EXPECT_FALSE(A::isProtectedName("JBL Flip"));
 }
 
 TEST(AudioTransportPolicy, OnlyWiredAndUnknownTransportsMayBeRetimed) {
@@ -104,17 +96,9 @@ TEST(OutputTopologyTracker, FirstCallIsABaselineThenReportsEveryDifference) {
 }
 
 TEST(BluetoothEndpointIdentity, StripsOneEndpointSuffix) {
-    struct Case {
-        const char* a;
-        const char* b;
-        bool same;
-    };
-    for (const auto& c : std::vector<Case>{{"X:input", "X:output", true},
-                                           {"X:input:input", "X", false},
-                                           {"", "", false},
-                                           {"X", "X:output", true},
-                                           {"X:output", "Y:output", false}})
-        EXPECT_EQ(BluetoothEndpointIdentity::sameDevice(c.a, c.b), c.same) << c.a << " / " << c.b;
+    EXPECT_TRUE(BluetoothEndpointIdentity::sameDevice("X:input", "X:output"));
+    EXPECT_FALSE(BluetoothEndpointIdentity::sameDevice("X:input:input", "X"));
+    EXPECT_FALSE(BluetoothEndpointIdentity::sameDevice("", ""));
 }
 
 DeviceLiveStatus device(std::string id, std::string name, std::string nickname, bool out, bool in) {

@@ -7,167 +7,112 @@
 namespace tonavi {
 namespace {
 
-// A system whose default output becomes the requested one after `settleReads` further reads,
-// and that can ignore the write altogether.
+// A default output that moves to the requested device after `settleReads` further reads, unless
+// the write is refused or silently dropped. Scheduled steps wait until the test drains them.
 struct FakeSystem {
-    std::string current = "speakers";
-    std::string pending;
-    int settleReads = 0;
-    bool acceptWrite = true;
-    bool dropWrite = false;
-    int requests = 0;
-    int reads = 0;
+    std::string current = "speakers", pending;
+    int settleReads = 0, requests = 0, reads = 0;
+    bool refuse = false, drop = false;
+    std::deque<std::function<void()>> steps;
+
+    static FakeSystem of(int settleReads, bool refuse, bool drop) {
+        FakeSystem s;
+        s.settleReads = settleReads;
+        s.refuse = refuse;
+        s.drop = drop;
+        return s;
+    }
 
     bool request(const std::string& target) {
         ++requests;
-        if (!acceptWrite)
-            return false;
-        if (!dropWrite)
+        if (!drop && !refuse)
             pending = target;
-        return true;
+        return !refuse;
     }
     std::optional<std::string> read() {
         ++reads;
-        if (!pending.empty() && settleReads-- <= 0) {
-            current = pending;
-            pending.clear();
-        }
+        if (!pending.empty() && settleReads-- <= 0)
+            current = std::exchange(pending, "");
         return current;
     }
-};
-
-TEST(VerifiedOutputSwitch, BlockingSwitchSucceedsOnlyWhenTheSystemReportsTheTarget) {
-    struct Case {
-        const char* why;
-        std::string target;
-        int attempts;
-        int settleReads;
-        bool accept;
-        bool drop;
-        bool expected;
-        int requests;
-    };
-    const std::vector<Case> cases{
-        {"already there", "speakers", 3, 0, true, false, true, 0},
-        {"immediate", "usb", 3, 0, true, false, true, 1},
-        {"settles within the attempts", "bt", 3, 2, true, false, true, 1},
-        {"settles too late", "bt", 3, 5, true, false, false, 1},
-        {"write dropped", "usb", 3, 0, true, true, false, 1},
-        {"write refused", "usb", 3, 0, false, false, false, 1},
-        {"no attempts", "usb", 0, 0, true, false, false, 0},
-        {"empty target", "", 3, 0, true, false, false, 0},
-    };
-    for (const auto& c : cases) {
-        FakeSystem sys;
-        sys.settleReads = c.settleReads;
-        sys.acceptWrite = c.accept;
-        sys.dropWrite = c.drop;
-        int waits = 0;
-        const bool ok = VerifiedOutputSwitch::perform(
-            c.target, c.attempts, [&] { return sys.request(c.target); }, [&] { return sys.read(); },
-            [&] { ++waits; });
-        EXPECT_EQ(ok, c.expected) << c.why;
-        EXPECT_EQ(sys.requests, c.requests) << c.why;
-        EXPECT_LE(waits, c.attempts) << c.why;
-    }
-}
-
-// Scheduled steps are kept until the test runs them, like a queue stepped by hand.
-struct StepQueue {
-    std::deque<std::function<void()>> steps;
     VerifiedOutputSwitch::Schedule schedule() {
         return [this](std::function<void()> f) { steps.push_back(std::move(f)); };
     }
-    int drain() {
-        int n = 0;
+    void drain() {
         while (!steps.empty()) {
             auto f = std::move(steps.front());
             steps.pop_front();
             f();
-            ++n;
         }
-        return n;
     }
 };
 
-TEST(VerifiedOutputSwitch, AsyncSwitchPollsAndStopsWhenSuperseded) {
-    {
-        FakeSystem sys;
-        sys.settleReads = 3;
-        StepQueue q;
-        std::optional<bool> result;
+struct Case {
+    const char* why;
+    std::string target;
+    int attempts, settleReads;
+    bool refuse, drop, expected;
+    int requests;
+};
+const std::vector<Case> cases{
+    {"already there: nothing requested", "speakers", 3, 0, false, false, true, 0},
+    {"settles within the attempts", "bt", 3, 2, false, false, true, 1},
+    {"settles too late", "bt", 3, 9, false, false, false, 1},
+    {"dropped write", "usb", 3, 0, false, true, false, 1},
+    {"refused write", "usb", 3, 0, true, false, false, 1},
+    {"no attempts", "usb", 0, 0, false, false, false, 0},
+    {"empty target", "", 3, 0, false, false, false, 0},
+};
+
+TEST(VerifiedOutputSwitch, EveryFormSucceedsOnlyWhenTheSystemReportsTheTarget) {
+    for (const auto& c : cases) {
+        FakeSystem blocking = FakeSystem::of(c.settleReads, c.refuse, c.drop);
+        EXPECT_EQ(VerifiedOutputSwitch::perform(
+                      c.target, c.attempts, [&] { return blocking.request(c.target); },
+                      [&] { return blocking.read(); }, [] {}),
+                  c.expected)
+            << c.why;
+        EXPECT_EQ(blocking.requests, c.requests) << c.why;
+
+        FakeSystem async = FakeSystem::of(c.settleReads, c.refuse, c.drop);
+        std::optional<bool> asyncResult;
         VerifiedOutputSwitch::performAsync(
-            "bt", 5, [&] { return sys.request("bt"); }, [&] { return sys.read(); }, [] { return true; },
-            q.schedule(), [&](bool ok) { result = ok; });
-        EXPECT_FALSE(result);
-        q.drain();
-        EXPECT_EQ(result, true);
-    }
-    {
-        FakeSystem sys;
-        sys.dropWrite = true;
-        StepQueue q;
-        std::optional<bool> result;
-        VerifiedOutputSwitch::performAsync(
-            "usb", 4, [&] { return sys.request("usb"); }, [&] { return sys.read(); }, [] { return true; },
-            q.schedule(), [&](bool ok) { result = ok; });
-        EXPECT_EQ(q.drain(), 4); // polls with 4, 3, 2, 1 remaining
-        EXPECT_EQ(result, false);
-    }
-    {
-        FakeSystem sys;
-        sys.settleReads = 100;
-        StepQueue q;
-        bool current = true;
-        std::optional<bool> result;
-        VerifiedOutputSwitch::performAsync(
-            "bt", 50, [&] { return sys.request("bt"); }, [&] { return sys.read(); }, [&] { return current; },
-            q.schedule(), [&](bool ok) { result = ok; });
-        current = false;
-        EXPECT_EQ(q.drain(), 1);
-        EXPECT_EQ(result, false);
+            c.target, c.attempts, [&] { return async.request(c.target); }, [&] { return async.read(); },
+            [] { return true; }, async.schedule(), [&](bool ok) { asyncResult = ok; });
+        async.drain();
+        EXPECT_EQ(asyncResult, c.expected) << c.why;
+
+        // The non-blocking request finds an already-current target itself and writes nothing.
+        FakeSystem nb = FakeSystem::of(c.settleReads, c.refuse, c.drop);
+        std::optional<bool> nbResult;
+        VerifiedOutputSwitch::performNonblocking(
+            c.target, c.attempts,
+            [&](auto done) { nb.steps.push_back([&, done] { done(nb.current == c.target || nb.request(c.target)); }); },
+            [&](auto done) { nb.steps.push_back([&, done] { done(nb.read()); }); }, [] { return true; },
+            nb.schedule(), [&](bool ok) { nbResult = ok; });
+        nb.drain();
+        EXPECT_EQ(nbResult, c.expected) << c.why;
+        EXPECT_EQ(nb.requests, c.requests) << c.why;
+        if (c.drop) { // attempts delays mean attempts + 1 reads
+            EXPECT_EQ(nb.reads, c.attempts + 1) << c.why;
+        }
     }
 }
 
-TEST(VerifiedOutputSwitch, NonblockingSwitchReadsAttemptsPlusOneTimes) {
-    struct Case {
-        const char* why;
-        std::string target;
-        int attempts;
-        int settleReads;
-        bool drop;
-        bool expected;
-        int reads;
-    };
-    const std::vector<Case> cases{
-        {"already there: request reports true, first poll succeeds", "speakers", 3, 0, false, true, 1},
-        {"settles on the last read", "bt", 3, 3, false, true, 4},
-        {"dropped write fails after attempts + 1 reads", "usb", 3, 0, true, false, 4},
-        {"zero attempts touches nothing", "usb", 0, 0, false, false, 0},
-        {"empty target touches nothing", "", 3, 0, false, false, 0},
-    };
-    for (const auto& c : cases) {
-        FakeSystem sys;
-        sys.settleReads = c.settleReads;
-        sys.dropWrite = c.drop;
-        StepQueue q;
-        std::optional<bool> result;
-        VerifiedOutputSwitch::performNonblocking(
-            c.target, c.attempts,
-            [&](std::function<void(bool)> done) {
-                // Like the device manager: a target that is already current needs no write.
-                q.steps.push_back([&, done] { done(sys.current == c.target || sys.request(c.target)); });
-            },
-            [&](std::function<void(std::optional<std::string>)> done) {
-                q.steps.push_back([&, done] { done(sys.read()); });
-            },
-            [] { return true; }, q.schedule(), [&](bool ok) { result = ok; });
-        q.drain();
-        EXPECT_EQ(result, c.expected) << c.why;
-        EXPECT_EQ(sys.reads, c.reads) << c.why;
-        const bool writes = c.attempts > 0 && !c.target.empty() && c.target != "speakers";
-        EXPECT_EQ(sys.requests, writes ? 1 : 0) << c.why;
-    }
+TEST(VerifiedOutputSwitch, ASupersededSwitchStopsAtTheNextPoll) {
+    FakeSystem sys = FakeSystem::of(100, false, false);
+    bool current = true;
+    std::optional<bool> result;
+    VerifiedOutputSwitch::performAsync(
+        "bt", 50, [&] { return sys.request("bt"); }, [&] { return sys.read(); }, [&] { return current; },
+        sys.schedule(), [&](bool ok) { result = ok; });
+    EXPECT_FALSE(result);
+    current = false;
+    sys.drain();
+    EXPECT_EQ(result, false);
+    EXPECT_EQ(sys.reads, 2); // before the request and after it; the poll read nothing
+    EXPECT_EQ(VerifiedOutputSwitch::failureText("USB Headphones", "Speakers"),
+              "macOS did not switch to USB Headphones; output remains on Speakers");
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <condition_variable>
-#include <memory>
 #include <mutex>
 
 #include "platform/sim/SimMachine.hpp"
@@ -23,7 +22,6 @@ inline SimDevice simDevice(std::string uid, std::string name, std::uint32_t tran
     if (outputs > 0) {
         d.outputStreams = {outputs};
         d.volumeElements = {{0, 0.5f}};
-        d.hasVirtualMainVolume = true;
         d.hasMute = true;
     }
     if (inputs > 0)
@@ -37,11 +35,7 @@ inline SimWorld worldOf(std::vector<SimDevice> devices, const std::string& defau
         d.id = w.allocateID();
         w.devices.push_back(d);
     }
-    w.defaultOutputUID = defaultOutput;
-    w.systemOutputUID = defaultOutput;
-    for (const auto& d : w.devices)
-        if (!d.inputStreams.empty() && w.defaultInputUID.empty())
-            w.defaultInputUID = d.uid;
+    w.defaultOutputUID = w.systemOutputUID = defaultOutput;
     return w;
 }
 
@@ -53,23 +47,19 @@ inline DeviceSettings deviceSettings(std::string uid, double maxPercent = 100, b
     return s;
 }
 
+inline const TonaviDeviceManager::BluetoothInfo noBluetooth = [](const std::string&) {
+    return TonaviDeviceManager::BluetoothDetails{};
+};
+
 class DeviceHarness {
   public:
     explicit DeviceHarness(SimWorld world = SimWorld::preset())
-        : machine(std::move(world)),
-          manager(TonaviDeviceManager::make(machine, queue, {.verifiedWait = [] {}})) {
-        manager->setOnDevicesChanged([this] {
-            std::lock_guard<std::mutex> guard(mutex);
-            ++devicesChanged;
-            changed.notify_all();
-        });
+        : machine(std::move(world)), manager(TonaviDeviceManager::make(machine, queue, {.verifiedWait = [] {}})) {
+        manager->setOnDevicesChanged([this] { signal([&] { ++devicesChanged; }); });
     }
     ~DeviceHarness() { queue.sync([this] { manager.reset(); }); }
 
-    AudioObjectID id(const std::string& uid) {
-        const auto* d = machine.world()->deviceByUID(uid);
-        return d ? d->id : 0;
-    }
+    AudioObjectID id(const std::string& uid) { return machine.world()->deviceByUID(uid)->id; }
     std::string defaultOutput() { return machine.world()->defaultOutputUID; }
     // Runs on the state queue, where the manager's policy state lives.
     template <class F> auto onQueue(F&& f) { return queue.syncResult(std::forward<F>(f)); }
@@ -77,11 +67,34 @@ class DeviceHarness {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] { return devicesChanged >= count; });
     }
+    // A non-blocking switch from the state queue, the manual clock advanced poll by poll.
+    std::optional<bool> switchAsync(const std::string& uid) {
+        std::optional<bool> result;
+        queue.async([&] {
+            manager->setDefaultOutputVerifiedAsync(uid, [] { return true; },
+                                                   [&](bool ok) { signal([&] { result = ok; }); });
+        });
+        std::unique_lock<std::mutex> lock(mutex);
+        for (int i = 0; i < 2000 && !result; ++i) {
+            lock.unlock();
+            clock->advance(TonaviDeviceManager::asyncSwitchInterval);
+            lock.lock();
+            changed.wait_for(lock, std::chrono::milliseconds(2), [&] { return result.has_value(); });
+        }
+        return result;
+    }
 
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     SimMachine machine;
     DispatchQueue queue{"tonavi.test.devices", clock};
     std::shared_ptr<TonaviDeviceManager> manager;
+
+  private:
+    template <class F> void signal(F&& f) {
+        std::lock_guard<std::mutex> guard(mutex);
+        f();
+        changed.notify_all();
+    }
     std::mutex mutex;
     std::condition_variable changed;
     int devicesChanged = 0;
