@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace tonavi {
 namespace {
 
@@ -32,8 +34,7 @@ TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
         std::vector<std::string> preferred;
         std::optional<std::string> expected;
     };
-    const std::vector<Candidate> all{speakers, headphonePort, airpods, buds,     dac,
-                                     interface, jbl,          loopback, group, hiddenBuds};
+    const std::vector<Candidate> all{speakers, headphonePort, airpods, buds, dac, interface, jbl, loopback, group, hiddenBuds};
     const std::vector<Case> cases{
         {"airpods appear over speakers", {airpods.uid}, speakers, {}, airpods.uid},
         {"a dac never moves someone on airpods", {dac.uid}, airpods, {}, std::nullopt},
@@ -101,23 +102,17 @@ TEST(BluetoothEndpointIdentity, StripsOneEndpointSuffix) {
     EXPECT_FALSE(BluetoothEndpointIdentity::sameDevice("", ""));
 }
 
-DeviceLiveStatus device(std::string id, std::string name, std::string nickname, bool out, bool in) {
+DeviceLiveStatus device(std::string id, std::string name, std::string nickname, bool out) {
     DeviceLiveStatus d;
-    d.id = std::move(id);
-    d.name = std::move(name);
-    d.nickname = std::move(nickname);
-    d.isOutput = out;
-    d.isInput = in;
+    std::tie(d.id, d.name, d.nickname, d.isOutput, d.isInput) = std::tuple(id, name, nickname, out, !out);
     return d;
 }
 
 TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
-    const std::vector<DeviceLiveStatus> devices{
-        device("usb-1", "USB Headphones", "", true, false),
-        device("spk", "Speakers", "desk", true, false),
-        device("mic", "Microphone", "", false, true),
-        device("Speakers", "Other", "", true, false),
-    };
+    const std::vector<DeviceLiveStatus> devices{device("usb-1", "USB Headphones", "", true),
+                                                device("spk", "Speakers", "desk", true),
+                                                device("mic", "Microphone", "", false),
+                                                device("Speakers", "Other", "", true)};
     struct Case {
         const char* text;
         AudioEndpointRole role;
