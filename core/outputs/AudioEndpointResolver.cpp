@@ -14,7 +14,9 @@ std::string lowered(std::string_view text) {
     return out;
 }
 
-bool equalIgnoringCase(std::string_view a, std::string_view b) { return lowered(a) == lowered(b); }
+bool equalIgnoringCase(std::string_view a, std::string_view b) {
+    return lowered(a) == lowered(b);
+}
 
 bool containsIgnoringCase(std::string_view haystack, std::string_view needle) {
     return lowered(haystack).find(lowered(needle)) != std::string::npos;
@@ -36,7 +38,8 @@ std::optional<std::string> resolve(std::string_view text, const std::vector<Devi
         if (d->id == text)
             return d->id;
     for (const auto* d : pool)
-        if (equalIgnoringCase(d->name, text) || (!d->nickname.empty() && equalIgnoringCase(d->nickname, text)))
+        if (equalIgnoringCase(d->name, text) ||
+            (!d->nickname.empty() && equalIgnoringCase(d->nickname, text)))
             return d->id;
     for (const auto* d : pool)
         if (containsIgnoringCase(d->name, text) ||

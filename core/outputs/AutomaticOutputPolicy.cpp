@@ -10,8 +10,8 @@ namespace {
 
 using Transport = DeviceLiveStatus::Transport;
 
-constexpr std::array<std::string_view, 7> personalWords{"airpod", "headphone", "earphone", "earbud",
-                                                        "headset", "bose",     "jbl"};
+constexpr std::array<std::string_view, 7> personalWords{"airpod",  "headphone", "earphone", "earbud",
+                                                        "headset", "bose",      "jbl"};
 constexpr std::array<std::string_view, 8> roomWords{"tv",      "television", "display",    "hdmi",
                                                     "monitor", "projector",  "chromecast", "airplay"};
 constexpr std::array<std::string_view, 5> protectedWords{"headphone", "headset", "airpod", "earphone",
@@ -24,7 +24,8 @@ std::string lowered(std::string_view text) {
     return out;
 }
 
-template <std::size_t N> bool containsAny(std::string_view name, const std::array<std::string_view, N>& words) {
+template <std::size_t N>
+bool containsAny(std::string_view name, const std::array<std::string_view, N>& words) {
     const std::string lower = lowered(name);
     return std::any_of(words.begin(), words.end(),
                        [&](std::string_view w) { return lower.find(w) != std::string::npos; });
@@ -44,7 +45,8 @@ std::optional<std::string> firstPreferred(const std::vector<std::string>& prefer
 }
 
 std::string lowestUID(const std::vector<AutomaticOutputCandidate>& pool) {
-    return std::min_element(pool.begin(), pool.end(), [](const auto& a, const auto& b) { return a.uid < b.uid; })
+    return std::min_element(pool.begin(), pool.end(),
+                            [](const auto& a, const auto& b) { return a.uid < b.uid; })
         ->uid;
 }
 
@@ -75,7 +77,9 @@ bool isRoomAudio(std::string_view name, Transport transport) {
     return matches();
 }
 
-bool isProtectedName(std::string_view name) { return containsAny(name, protectedWords); }
+bool isProtectedName(std::string_view name) {
+    return containsAny(name, protectedWords);
+}
 
 std::optional<std::string> pick(const std::set<std::string>& appearedUIDs,
                                 const std::optional<AutomaticOutputCandidate>& current,

@@ -15,7 +15,9 @@ inline constexpr std::string_view aggregateUIDPrefix = "com.brelmoor.tonavi.outp
 
 // The prefix followed by the 64-bit FNV-1a hash of the ID's UTF-8 bytes, upper-case hex, unpadded.
 std::string aggregateDeviceUID(std::string_view groupID);
-inline std::string aggregateDeviceUID(const OutputGroup& group) { return aggregateDeviceUID(group.id); }
+inline std::string aggregateDeviceUID(const OutputGroup& group) {
+    return aggregateDeviceUID(group.id);
+}
 
 // The member UIDs in order; throws OutputGroupValidationError on the first failed test.
 std::vector<std::string> validatedMemberUIDs(const OutputGroup& group);

@@ -2,7 +2,8 @@
 
 namespace tonavi {
 
-std::set<std::string> OutputTopologyTracker::update(const std::map<std::string, OutputRouteSignature>& current) {
+std::set<std::string>
+OutputTopologyTracker::update(const std::map<std::string, OutputRouteSignature>& current) {
     if (!previous) {
         previous = current;
         return {};

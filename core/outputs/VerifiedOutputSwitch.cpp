@@ -73,8 +73,8 @@ bool perform(const std::string& targetUID, int attempts, const std::function<boo
 }
 
 void performAsync(const std::string& targetUID, int attempts, const std::function<bool()>& request,
-                  const CurrentUID& currentUID, const std::function<bool()>& isCurrent, const Schedule& schedule,
-                  const std::function<void(bool)>& completion) {
+                  const CurrentUID& currentUID, const std::function<bool()>& isCurrent,
+                  const Schedule& schedule, const std::function<void(bool)>& completion) {
     if (targetUID.empty() || attempts < 1 || !isCurrent())
         return completion(false);
     if (isTarget(currentUID(), targetUID))
@@ -83,15 +83,16 @@ void performAsync(const std::string& targetUID, int attempts, const std::functio
         return completion(false);
     if (isTarget(currentUID(), targetUID))
         return completion(true);
-    auto s = std::make_shared<AsyncSwitch>(AsyncSwitch{targetUID, request, currentUID, isCurrent, schedule, completion});
+    auto s = std::make_shared<AsyncSwitch>(
+        AsyncSwitch{targetUID, request, currentUID, isCurrent, schedule, completion});
     schedule([s, attempts] { pollAsync(s, attempts); });
 }
 
-void performNonblocking(const std::string& targetUID, int attempts,
-                        const std::function<void(std::function<void(bool)>)>& request,
-                        const std::function<void(std::function<void(std::optional<std::string>)>)>& currentUID,
-                        const std::function<bool()>& isCurrent, const Schedule& schedule,
-                        const std::function<void(bool)>& completion) {
+void performNonblocking(
+    const std::string& targetUID, int attempts, const std::function<void(std::function<void(bool)>)>& request,
+    const std::function<void(std::function<void(std::optional<std::string>)>)>& currentUID,
+    const std::function<bool()>& isCurrent, const Schedule& schedule,
+    const std::function<void(bool)>& completion) {
     if (targetUID.empty() || attempts < 1 || !isCurrent())
         return completion(false);
     auto s = std::make_shared<NonblockingSwitch>(

@@ -18,16 +18,16 @@ bool perform(const std::string& targetUID, int attempts, const std::function<boo
 
 // Polls by rescheduling itself; ends with completion(false) as soon as isCurrent() turns false.
 void performAsync(const std::string& targetUID, int attempts, const std::function<bool()>& request,
-                  const CurrentUID& currentUID, const std::function<bool()>& isCurrent, const Schedule& schedule,
-                  const std::function<void(bool)>& completion);
+                  const CurrentUID& currentUID, const std::function<bool()>& isCurrent,
+                  const Schedule& schedule, const std::function<void(bool)>& completion);
 
 // Both hardware touches answer by continuation, so the caller never blocks. `attempts` delays give
 // attempts + 1 reads of the current UID.
-void performNonblocking(const std::string& targetUID, int attempts,
-                        const std::function<void(std::function<void(bool)>)>& request,
-                        const std::function<void(std::function<void(std::optional<std::string>)>)>& currentUID,
-                        const std::function<bool()>& isCurrent, const Schedule& schedule,
-                        const std::function<void(bool)>& completion);
+void performNonblocking(
+    const std::string& targetUID, int attempts, const std::function<void(std::function<void(bool)>)>& request,
+    const std::function<void(std::function<void(std::optional<std::string>)>)>& currentUID,
+    const std::function<bool()>& isCurrent, const Schedule& schedule,
+    const std::function<void(bool)>& completion);
 
 // What a failed switch tells the user: where it was asked to go, and where the output stayed.
 std::string failureText(const std::string& targetName, const std::string& currentName);

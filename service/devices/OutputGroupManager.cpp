@@ -55,7 +55,8 @@ std::vector<std::string> OutputGroupManager::validateLiveMembers(const OutputGro
     return uids;
 }
 
-AudioObjectID OutputGroupManager::create(const OutputGroup& group, const std::vector<std::string>& memberUIDs) {
+AudioObjectID OutputGroupManager::create(const OutputGroup& group,
+                                         const std::vector<std::string>& memberUIDs) {
     AggregateDeviceDescription description;
     description.uid = OutputGroupIdentity::aggregateDeviceUID(group);
     description.name = "Tonavi Group — " + group.name;
@@ -102,7 +103,8 @@ void OutputGroupManager::save(const OutputGroup& group) {
     installed_[group.id] = device;
     applyMemberLevels(group);
     devices_->invalidateDeviceCache();
-    Log::info("tonavi: output group " + group.name + " installed as " + OutputGroupIdentity::aggregateDeviceUID(group));
+    Log::info("tonavi: output group " + group.name + " installed as " +
+              OutputGroupIdentity::aggregateDeviceUID(group));
 }
 
 void OutputGroupManager::remove(const std::string& groupID) {
@@ -136,7 +138,8 @@ void OutputGroupManager::reconcile(const std::vector<OutputGroup>& groups, bool 
         if (const OSStatus status = hardware_.destroyAggregateDevice(id); status == noErr)
             Log::info("tonavi: removed output group " + *uid);
         else
-            Log::info("tonavi: could not remove stale output group " + *uid + " (" + statusText(status) + ")");
+            Log::info("tonavi: could not remove stale output group " + *uid + " (" + statusText(status) +
+                      ")");
     }
 
     std::set<std::string> seen;

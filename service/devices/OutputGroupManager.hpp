@@ -19,7 +19,13 @@ class OutputGroupManager {
   public:
     class GroupError : public std::runtime_error {
       public:
-        enum class Kind { memberUnavailable, memberHasNoOutput, memberIsNotPhysical, createFailed, destroyFailed };
+        enum class Kind {
+            memberUnavailable,
+            memberHasNoOutput,
+            memberIsNotPhysical,
+            createFailed,
+            destroyFailed
+        };
         static GroupError memberUnavailable(const std::string& uid);
         static GroupError memberHasNoOutput(const std::string& name);
         static GroupError memberIsNotPhysical(const std::string& name);

@@ -10,12 +10,15 @@ namespace tonavi {
 
 namespace {
 
-AudioObjectPropertyAddress outputAddress(AudioObjectPropertySelector selector,
-                                         AudioObjectPropertyElement element = kAudioObjectPropertyElementMain) {
+AudioObjectPropertyAddress
+outputAddress(AudioObjectPropertySelector selector,
+              AudioObjectPropertyElement element = kAudioObjectPropertyElementMain) {
     return scopedAddress(selector, kAudioObjectPropertyScopeOutput, element);
 }
 
-bool isTapAggregate(const std::string& uid) { return uid.starts_with(TonaviDeviceManager::tapAggregateUIDPrefix); }
+bool isTapAggregate(const std::string& uid) {
+    return uid.starts_with(TonaviDeviceManager::tapAggregateUIDPrefix);
+}
 
 // "AC-DE-48-00-11-22:output" -> "ac:de:48:00:11:22".
 std::string bluetoothAddress(const std::string& uid) {
@@ -51,9 +54,10 @@ bool replaces(const DeviceLiveStatus& next, const DeviceLiveStatus& kept) {
 
 } // namespace
 
-std::shared_ptr<TonaviDeviceManager> TonaviDeviceManager::make(AudioHardware& hardware, DispatchQueue& stateQueue,
-                                                               Options options) {
-    return std::shared_ptr<TonaviDeviceManager>(new TonaviDeviceManager(hardware, stateQueue, std::move(options)));
+std::shared_ptr<TonaviDeviceManager> TonaviDeviceManager::make(AudioHardware& hardware,
+                                                               DispatchQueue& stateQueue, Options options) {
+    return std::shared_ptr<TonaviDeviceManager>(
+        new TonaviDeviceManager(hardware, stateQueue, std::move(options)));
 }
 
 TonaviDeviceManager::TonaviDeviceManager(AudioHardware& hardware, DispatchQueue& stateQueue, Options options)
@@ -98,7 +102,8 @@ std::optional<AudioObjectID> TonaviDeviceManager::deviceID(const std::string& ui
 
 std::optional<AudioObjectID> TonaviDeviceManager::defaultDevice(bool input) {
     AudioObjectID id = 0;
-    const auto selector = input ? kAudioHardwarePropertyDefaultInputDevice : kAudioHardwarePropertyDefaultOutputDevice;
+    const auto selector =
+        input ? kAudioHardwarePropertyDefaultInputDevice : kAudioHardwarePropertyDefaultOutputDevice;
     if (hardware_.get(kAudioObjectSystemObject, globalAddress(selector), id) != noErr || id == 0)
         return std::nullopt;
     return id;
@@ -106,8 +111,8 @@ std::optional<AudioObjectID> TonaviDeviceManager::defaultDevice(bool input) {
 
 std::optional<AudioObjectID> TonaviDeviceManager::systemSoundEffectsDevice() {
     AudioObjectID id = 0;
-    if (hardware_.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultSystemOutputDevice), id) !=
-            noErr ||
+    if (hardware_.get(kAudioObjectSystemObject,
+                      globalAddress(kAudioHardwarePropertyDefaultSystemOutputDevice), id) != noErr ||
         id == 0)
         return std::nullopt;
     return id;
@@ -145,8 +150,9 @@ TonaviDeviceManager::Transport TonaviDeviceManager::transport(AudioObjectID devi
 }
 
 int TonaviDeviceManager::channelCount(AudioObjectID device, bool input) {
-    const auto address = scopedAddress(kAudioDevicePropertyStreamConfiguration,
-                                       input ? kAudioObjectPropertyScopeInput : kAudioObjectPropertyScopeOutput);
+    const auto address =
+        scopedAddress(kAudioDevicePropertyStreamConfiguration,
+                      input ? kAudioObjectPropertyScopeInput : kAudioObjectPropertyScopeOutput);
     std::uint32_t size = 0;
     if (hardware_.getPropertyDataSize(device, address, size) != noErr || size == 0)
         return 0;
@@ -213,8 +219,8 @@ bool TonaviDeviceManager::setVolume(AudioObjectID device, double value) {
     value = clampToMax(device, std::isfinite(value) ? std::clamp(value, 0.0, 1.0) : 0.0);
     bool wrote = false;
     for (auto e : volumeScalarElements(device))
-        wrote = hardware_.set(device, outputAddress(kAudioDevicePropertyVolumeScalar, e), static_cast<float>(value)) ==
-                    noErr ||
+        wrote = hardware_.set(device, outputAddress(kAudioDevicePropertyVolumeScalar, e),
+                              static_cast<float>(value)) == noErr ||
                 wrote;
     if (wrote)
         return true;
@@ -233,7 +239,8 @@ std::optional<bool> TonaviDeviceManager::muted(AudioObjectID device) {
 
 bool TonaviDeviceManager::setMuted(AudioObjectID device, bool muted) {
     invalidateDeviceCache();
-    return hardware_.set(device, outputAddress(kAudioDevicePropertyMute), std::uint32_t(muted ? 1 : 0)) == noErr;
+    return hardware_.set(device, outputAddress(kAudioDevicePropertyMute), std::uint32_t(muted ? 1 : 0)) ==
+           noErr;
 }
 
 std::optional<double> TonaviDeviceManager::sampleRate(AudioObjectID device) {
@@ -252,7 +259,8 @@ bool TonaviDeviceManager::setDefaultDevice(AudioObjectID device, bool input) {
     if (auto uid = deviceUID(device); uid && isHidden(*uid))
         return false;
     invalidateDeviceCache();
-    const auto selector = input ? kAudioHardwarePropertyDefaultInputDevice : kAudioHardwarePropertyDefaultOutputDevice;
+    const auto selector =
+        input ? kAudioHardwarePropertyDefaultInputDevice : kAudioHardwarePropertyDefaultOutputDevice;
     return hardware_.set(kAudioObjectSystemObject, globalAddress(selector), device) == noErr;
 }
 
@@ -260,8 +268,8 @@ bool TonaviDeviceManager::setSystemSoundEffectsDevice(AudioObjectID device) {
     if (auto uid = deviceUID(device); uid && isHidden(*uid))
         return false;
     invalidateDeviceCache();
-    return hardware_.set(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultSystemOutputDevice),
-                         device) == noErr;
+    return hardware_.set(kAudioObjectSystemObject,
+                         globalAddress(kAudioHardwarePropertyDefaultSystemOutputDevice), device) == noErr;
 }
 
 void TonaviDeviceManager::invalidateDeviceCache() {
@@ -286,11 +294,13 @@ std::map<std::string, OutputRouteSignature> TonaviDeviceManager::outputTopology(
     return topology;
 }
 
-std::vector<DeviceLiveStatus> TonaviDeviceManager::liveStatus(const BluetoothInfo& bluetoothInfo,
-                                                              const std::optional<std::vector<AudioObjectID>>& ids) {
+std::vector<DeviceLiveStatus>
+TonaviDeviceManager::liveStatus(const BluetoothInfo& bluetoothInfo,
+                                const std::optional<std::vector<AudioObjectID>>& ids) {
     {
         std::lock_guard<std::mutex> guard(cacheLock_);
-        if (!cachedDeviceStatus_.empty() && stateQueue_.clock().now() < cachedDeviceStatusAt_ + statusCacheLifetime)
+        if (!cachedDeviceStatus_.empty() &&
+            stateQueue_.clock().now() < cachedDeviceStatusAt_ + statusCacheLifetime)
             return cachedDeviceStatus_;
     }
     const auto settings = settingsSnapshot();
@@ -323,8 +333,9 @@ std::vector<DeviceLiveStatus> TonaviDeviceManager::liveStatus(const BluetoothInf
         s.muted = muted(id).value_or(false);
         s.sampleRate = sampleRate(id).value_or(0);
         s.channels = std::max(outputChannels, inputChannels);
-        s.hasVolume = !volumeScalarElements(id).empty() ||
-                      hardware_.hasProperty(id, outputAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume));
+        s.hasVolume =
+            !volumeScalarElements(id).empty() ||
+            hardware_.hasProperty(id, outputAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume));
         s.isInput = inputChannels > 0;
         s.isOutput = outputChannels > 0;
         s.level = 0;
@@ -337,7 +348,8 @@ std::vector<DeviceLiveStatus> TonaviDeviceManager::liveStatus(const BluetoothInf
             continue;
         }
         // One physical output can surface as several objects of one name.
-        auto same = std::find_if(outputs.begin(), outputs.end(), [&](const auto& o) { return o.name == s.name; });
+        auto same =
+            std::find_if(outputs.begin(), outputs.end(), [&](const auto& o) { return o.name == s.name; });
         if (same == outputs.end())
             outputs.push_back(std::move(s));
         else if (replaces(s, *same))

@@ -129,7 +129,8 @@ class TonaviDeviceManager : public std::enable_shared_from_this<TonaviDeviceMana
     const std::vector<std::string>& preferredOrder() const { return preferredOrder_; }
     const std::optional<double>& lockedVolume() const { return lockedVolume_; }
     const std::map<std::string, double>& lockedSampleRate() const { return lockedSampleRate_; }
-    const std::map<AudioObjectID, std::pair<std::string, std::vector<OutputListener>>>& outputListeners() const {
+    const std::map<AudioObjectID, std::pair<std::string, std::vector<OutputListener>>>&
+    outputListeners() const {
         return outputListeners_;
     }
 

@@ -71,11 +71,14 @@ void TonaviDeviceManager::apply(const std::vector<DeviceSettings>& settings, con
     enforcePreferredOrder();
 }
 
-void TonaviDeviceManager::rememberSampleRateLock(const std::string& uid, double rate) { lockedSampleRate_[uid] = rate; }
+void TonaviDeviceManager::rememberSampleRateLock(const std::string& uid, double rate) {
+    lockedSampleRate_[uid] = rate;
+}
 
 void TonaviDeviceManager::enforceMaxVolumes() {
     const auto settings = settingsSnapshot();
-    if (std::none_of(settings.begin(), settings.end(), [](const auto& e) { return e.second.maxVolumePercent < 100; }))
+    if (std::none_of(settings.begin(), settings.end(),
+                     [](const auto& e) { return e.second.maxVolumePercent < 100; }))
         return;
     for (auto id : readDeviceIDs().value_or(std::vector<AudioObjectID>{})) {
         auto uid = deviceUID(id);
@@ -198,7 +201,8 @@ void TonaviDeviceManager::onDefaultOutputChangedProperty() {
 void TonaviDeviceManager::installListeners() {
     const std::pair<AudioObjectPropertySelector, std::function<void(TonaviDeviceManager&)>> reactions[] = {
         {kAudioHardwarePropertyDevices, [](TonaviDeviceManager& m) { m.onDeviceListChanged(); }},
-        {kAudioHardwarePropertyDefaultOutputDevice, [](TonaviDeviceManager& m) { m.onDefaultOutputChangedProperty(); }},
+        {kAudioHardwarePropertyDefaultOutputDevice,
+         [](TonaviDeviceManager& m) { m.onDefaultOutputChangedProperty(); }},
         {kAudioHardwarePropertyDefaultInputDevice,
          [](TonaviDeviceManager& m) {
              if (m.onDevicesChanged_)
@@ -232,9 +236,10 @@ void TonaviDeviceManager::refreshOutputListeners() {
         if (outputListeners_.count(id))
             continue;
         std::vector<OutputListener> installed;
-        for (const auto& address : {globalAddress(kAudioDevicePropertyNominalSampleRate),
-                                    globalAddress(kAudioDevicePropertyDeviceIsAlive),
-                                    scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeOutput)}) {
+        for (const auto& address :
+             {globalAddress(kAudioDevicePropertyNominalSampleRate),
+              globalAddress(kAudioDevicePropertyDeviceIsAlive),
+              scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeOutput)}) {
             OutputListener l{address, makeBlock([](TonaviDeviceManager& m) {
                                  m.invalidateDeviceCache();
                                  if (m.onDevicesChanged_)
@@ -277,7 +282,8 @@ bool TonaviDeviceManager::setDefaultOutputVerified(const std::string& uid) {
         });
 }
 
-void TonaviDeviceManager::setDefaultOutputVerifiedAsync(const std::string& uid, std::function<bool()> isCurrent,
+void TonaviDeviceManager::setDefaultOutputVerifiedAsync(const std::string& uid,
+                                                        std::function<bool()> isCurrent,
                                                         std::function<void(bool)> completion) {
     if (isHidden(uid))
         return completion(false);
@@ -300,7 +306,8 @@ void TonaviDeviceManager::setDefaultOutputVerifiedAsync(const std::string& uid, 
                 } else if (id && self->channelCount(*id, false) >= 1) {
                     // Direct, not setDefaultDevice: the hidden refusal was made before the switch.
                     result = self->hardware_.set(kAudioObjectSystemObject,
-                                                 globalAddress(kAudioHardwarePropertyDefaultOutputDevice), *id) == noErr;
+                                                 globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                                                 *id) == noErr;
                 }
                 self->stateQueue_.async([weak, done, result] {
                     if (auto self = weak.lock()) {

@@ -18,8 +18,10 @@ OutputGroup group(std::string id, std::string name, std::vector<std::string> mem
 }
 
 TEST(OutputGroupIdentity, AggregateUIDIsTheFNV1aHashOfTheID) {
-    EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID(""), "com.brelmoor.tonavi.output-group.CBF29CE484222325");
-    EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID("a"), "com.brelmoor.tonavi.output-group.AF63DC4C8601EC8C");
+    EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID(""),
+              "com.brelmoor.tonavi.output-group.CBF29CE484222325");
+    EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID("a"),
+              "com.brelmoor.tonavi.output-group.AF63DC4C8601EC8C");
     EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID(group("g1", "One", {})),
               OutputGroupIdentity::aggregateDeviceUID(group("g1", "Renamed", {})));
 }
@@ -42,7 +44,8 @@ TEST(OutputGroupIdentity, ValidationNamesTheFirstFailedRule) {
     };
     for (const auto& c : cases) {
         try {
-            EXPECT_EQ(OutputGroupIdentity::validatedMemberUIDs(c.group), (std::vector<std::string>{"a", "b"}));
+            EXPECT_EQ(OutputGroupIdentity::validatedMemberUIDs(c.group),
+                      (std::vector<std::string>{"a", "b"}));
             EXPECT_FALSE(c.expected) << "passed: " << c.group.name;
         } catch (const OutputGroupValidationError& e) {
             ASSERT_TRUE(c.expected) << e.what();

@@ -20,7 +20,7 @@ const Candidate headphonePort{"builtin-port", "External Headphones", T::builtin,
 const Candidate airpods{"bt-airpods", "AirPods Pro", T::bluetooth, true, false};
 const Candidate buds{"bt-buds", "Earbuds", T::bluetooth, true, false};
 const Candidate dac{"usb-dac", "USB DAC", T::usb, true, false};
-const Candidate interface{"usb-interface", "Studio Interface", T::usb, true, false};
+const Candidate interface { "usb-interface", "Studio Interface", T::usb, true, false };
 const Candidate jbl{"usb-jbl", "jBl Quantum", T::usb, true, false};
 const Candidate loopback{"virtual-loop", "Loopback", T::virtual_, true, false};
 const Candidate group{"aggregate-group", "Group", T::aggregate, true, false};
@@ -34,7 +34,8 @@ TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
         std::vector<std::string> preferred;
         std::optional<std::string> expected;
     };
-    const std::vector<Candidate> all{speakers, headphonePort, airpods, buds, dac, interface, jbl, loopback, group, hiddenBuds};
+    const std::vector<Candidate> all{speakers,  headphonePort, airpods,  buds,  dac,
+                                     interface, jbl,           loopback, group, hiddenBuds};
     const std::vector<Case> cases{
         {"airpods appear over speakers", {airpods.uid}, speakers, {}, airpods.uid},
         {"a dac never moves someone on airpods", {dac.uid}, airpods, {}, std::nullopt},
@@ -84,14 +85,13 @@ TEST(PreferredOutputPolicy, SessionChoiceStandsWhilePresentThenTheOrderDecides) 
 
 TEST(OutputTopologyTracker, FirstCallIsABaselineThenReportsEveryDifference) {
     OutputTopologyTracker tracker;
-    const std::map<std::string, OutputRouteSignature> first{{"spk", {10, 48000, 2, true}},
-                                                            {"usb", {11, 44100, 2, true}},
-                                                            {"bt", {12, 48000, 2, true}}};
+    const std::map<std::string, OutputRouteSignature> first{
+        {"spk", {10, 48000, 2, true}}, {"usb", {11, 44100, 2, true}}, {"bt", {12, 48000, 2, true}}};
     EXPECT_TRUE(tracker.update(first).empty());
     auto second = first;
-    second.erase("bt");                       // vanished
-    second["usb"].sampleRate = 96000;         // reformatted
-    second["dock"] = {13, 48000, 6, true};    // appeared
+    second.erase("bt");                    // vanished
+    second["usb"].sampleRate = 96000;      // reformatted
+    second["dock"] = {13, 48000, 6, true}; // appeared
     EXPECT_EQ(tracker.update(second), (std::set<std::string>{"bt", "dock", "usb"}));
     EXPECT_TRUE(tracker.update(second).empty());
 }
@@ -109,10 +109,9 @@ DeviceLiveStatus device(std::string id, std::string name, std::string nickname, 
 }
 
 TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
-    const std::vector<DeviceLiveStatus> devices{device("usb-1", "USB Headphones", "", true),
-                                                device("spk", "Speakers", "desk", true),
-                                                device("mic", "Microphone", "", false),
-                                                device("Speakers", "Other", "", true)};
+    const std::vector<DeviceLiveStatus> devices{
+        device("usb-1", "USB Headphones", "", true), device("spk", "Speakers", "desk", true),
+        device("mic", "Microphone", "", false), device("Speakers", "Other", "", true)};
     struct Case {
         const char* text;
         AudioEndpointRole role;
@@ -120,12 +119,9 @@ TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
     };
     const std::vector<Case> cases{
         {"Speakers", AudioEndpointRole::output, "Speakers"}, // exact ID on the last beats a name on the first
-        {"speakers", AudioEndpointRole::output, "spk"},
-        {"DESK", AudioEndpointRole::output, "spk"},
-        {"head", AudioEndpointRole::output, "usb-1"},
-        {"mic", AudioEndpointRole::output, std::nullopt},
-        {"micro", AudioEndpointRole::input, "mic"},
-        {"micro", AudioEndpointRole::any, "mic"},
+        {"speakers", AudioEndpointRole::output, "spk"},      {"DESK", AudioEndpointRole::output, "spk"},
+        {"head", AudioEndpointRole::output, "usb-1"},        {"mic", AudioEndpointRole::output, std::nullopt},
+        {"micro", AudioEndpointRole::input, "mic"},          {"micro", AudioEndpointRole::any, "mic"},
         {"nothing", AudioEndpointRole::any, std::nullopt},
     };
     for (const auto& c : cases)

@@ -87,7 +87,9 @@ TEST(VerifiedOutputSwitch, EveryFormSucceedsOnlyWhenTheSystemReportsTheTarget) {
         std::optional<bool> nbResult;
         VerifiedOutputSwitch::performNonblocking(
             c.target, c.attempts,
-            [&](auto done) { nb.steps.push_back([&, done] { done(nb.current == c.target || nb.request(c.target)); }); },
+            [&](auto done) {
+                nb.steps.push_back([&, done] { done(nb.current == c.target || nb.request(c.target)); });
+            },
             [&](auto done) { nb.steps.push_back([&, done] { done(nb.read()); }); }, [] { return true; },
             nb.schedule(), [&](bool ok) { nbResult = ok; });
         nb.drain();

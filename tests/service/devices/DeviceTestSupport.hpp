@@ -54,10 +54,13 @@ inline const TonaviDeviceManager::BluetoothInfo noBluetooth = [](const std::stri
 class DeviceHarness {
   public:
     explicit DeviceHarness(SimWorld world = SimWorld::preset())
-        : machine(std::move(world)), manager(TonaviDeviceManager::make(machine, queue, {.verifiedWait = [] {}})) {
+        : machine(std::move(world)),
+          manager(TonaviDeviceManager::make(machine, queue, {.verifiedWait = [] {}})) {
         manager->setOnDevicesChanged([this] { signal([&] { ++devicesChanged; }); });
     }
-    ~DeviceHarness() { queue.sync([this] { manager.reset(); }); }
+    ~DeviceHarness() {
+        queue.sync([this] { manager.reset(); });
+    }
 
     AudioObjectID id(const std::string& uid) { return machine.world()->deviceByUID(uid)->id; }
     std::string defaultOutput() { return machine.world()->defaultOutputUID; }
@@ -71,8 +74,8 @@ class DeviceHarness {
     std::optional<bool> switchAsync(const std::string& uid) {
         std::optional<bool> result;
         queue.async([&] {
-            manager->setDefaultOutputVerifiedAsync(uid, [] { return true; },
-                                                   [&](bool ok) { signal([&] { result = ok; }); });
+            manager->setDefaultOutputVerifiedAsync(
+                uid, [] { return true; }, [&](bool ok) { signal([&] { result = ok; }); });
         });
         std::unique_lock<std::mutex> lock(mutex);
         for (int i = 0; i < 2000 && !result; ++i) {

@@ -25,7 +25,8 @@ OutputGroup desk(std::vector<OutputGroupMember> members) {
 class OutputGroupManagerTest : public ::testing::Test {
   protected:
     OutputGroupManagerTest() {
-        Log::setFilePathForTesting((std::filesystem::temp_directory_path() / "tonavi-output-groups-test.log").string());
+        Log::setFilePathForTesting(
+            (std::filesystem::temp_directory_path() / "tonavi-output-groups-test.log").string());
     }
     const SimDevice* aggregate(const std::string& groupID) {
         return h.machine.world()->deviceByUID(OutputGroupIdentity::aggregateDeviceUID(groupID));
@@ -53,7 +54,8 @@ TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateAndSetsMemberL
     EXPECT_FALSE(d->aggregate.isStacked);
     EXPECT_EQ(d->aggregate.mainSubDevice, usb);
     ASSERT_EQ(d->aggregate.subDevices.size(), 3u);
-    EXPECT_TRUE(!d->aggregate.subDevices[0].driftCompensation && d->aggregate.subDevices[2].driftCompensation);
+    EXPECT_TRUE(!d->aggregate.subDevices[0].driftCompensation &&
+                d->aggregate.subDevices[2].driftCompensation);
     EXPECT_EQ(groups.installed().at("desk"), d->id);
 
     const auto& w = *h.machine.world(); // member levels
@@ -85,7 +87,9 @@ TEST_F(OutputGroupManagerTest, RefusedGroupsLeaveTheInstalledAggregateAlone) {
     }
 
     h.machine.failNext(SimOperation::createAggregate, 1, kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(expectThrow([&] { groups.save(desk({{usb, 1, false}, {speakers, 1, false}})); }),
+    EXPECT_EQ(expectThrow([&] {
+                  groups.save(desk({{usb, 1, false}, {speakers, 1, false}}));
+              }),
               "Core Audio could not create the output group ('nope')");
     EXPECT_FALSE(aggregate("desk")); // the old one is gone and not restored
     EXPECT_FALSE(groups.installed().count("desk"));
@@ -93,7 +97,8 @@ TEST_F(OutputGroupManagerTest, RefusedGroupsLeaveTheInstalledAggregateAlone) {
 
 TEST_F(OutputGroupManagerTest, ReconcileSweepsItsOwnStaleAggregatesOnlyAndKeepsLiveOnes) {
     // Left behind by a crash, and another program's multi-output device.
-    for (const auto& uid : {OutputGroupIdentity::aggregateDeviceUID("deleted"), std::string("com.other.multi")}) {
+    for (const auto& uid :
+         {OutputGroupIdentity::aggregateDeviceUID("deleted"), std::string("com.other.multi")}) {
         AggregateDeviceDescription d;
         d.uid = uid;
         d.subDevices = {{usb, false}, {speakers, true}};

@@ -47,7 +47,8 @@ TEST(TonaviDeviceManager, OutputsNamedAlikeShowOnce) {
 TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayInvisible) {
     auto connecting = simDevice(buds, "Earbuds", kAudioDeviceTransportTypeBluetooth, 0);
     auto tap = simDevice("com.brelmoor.tonavi.agg.1", "Tap", kAudioDeviceTransportTypeAggregate, 2);
-    DeviceHarness h(worldOf({connecting, tap, simDevice("out", "Out", kAudioDeviceTransportTypeUSB, 2)}, "out"));
+    DeviceHarness h(
+        worldOf({connecting, tap, simDevice("out", "Out", kAudioDeviceTransportTypeUSB, 2)}, "out"));
     std::vector<std::string> asked;
     const auto status = h.manager->liveStatus([&](const std::string& address) {
         asked.push_back(address);
@@ -74,7 +75,8 @@ TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
     EXPECT_NE(second, first);
     ASSERT_TRUE(h.manager->setVolume(h.id(usb), 0.25));
     const auto after = h.manager->liveStatus(noBluetooth);
-    EXPECT_NEAR(std::find_if(after.begin(), after.end(), [](auto& s) { return s.id == usb; })->volume, 0.25, 1e-6);
+    EXPECT_NEAR(std::find_if(after.begin(), after.end(), [](auto& s) { return s.id == usb; })->volume, 0.25,
+                1e-6);
 }
 
 TEST(TonaviDeviceManager, VolumeWritesReachEveryChannelAndRespectTheMaximum) {
@@ -130,7 +132,7 @@ TEST(TonaviDeviceManager, HiddenDevicesNeverHoldASystemRole) {
             h.manager->updateSettingsOnly({deviceSettings(speakers, 100, true)});
             h.manager->enforceHiddenDevices();
         });
-        EXPECT_EQ(h.defaultOutput(), usb);                   // the first visible output
+        EXPECT_EQ(h.defaultOutput(), usb);                  // the first visible output
         EXPECT_EQ(h.machine.world()->systemOutputUID, usb); // alerts follow the default output
     }
     {
@@ -203,11 +205,13 @@ TEST(TonaviDeviceManager, BlockingSwitchGivesBluetoothLongerAndSeesADroppedWrite
         bool dropWrite, expected;
     };
     // 45 reads are beyond a wired switch's 20 polls and within Bluetooth's 50.
-    for (const auto& c : std::vector<Case>{{buds, 45, false, true}, {usb, 45, false, false}, {usb, 0, true, false}}) {
+    for (const auto& c :
+         std::vector<Case>{{buds, 45, false, true}, {usb, 45, false, false}, {usb, 0, true, false}}) {
         DeviceHarness h;
         h.machine.mutate([&](SimWorld& w) {
             w.deviceByUID(c.uid)->settleReads = c.settleReads;
-            return c.dropWrite ? w.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice)
+            return c.dropWrite ? w.failNext(SimOperation::setProperty, 1, noErr,
+                                            kAudioHardwarePropertyDefaultOutputDevice)
                                : std::string();
         });
         EXPECT_EQ(h.manager->setDefaultOutputVerified(c.uid), c.expected) << c.uid;
@@ -230,7 +234,8 @@ TEST(TonaviDeviceManager, NonblockingSwitchConfirmsOrNamesWhereTheOutputStayed) 
         h.machine.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice);
         EXPECT_EQ(h.switchAsync(usb), false);
         const auto status = h.manager->liveStatus(noBluetooth);
-        const auto stayed = std::find_if(status.begin(), status.end(), [](auto& s) { return s.isDefaultOutput; });
+        const auto stayed =
+            std::find_if(status.begin(), status.end(), [](auto& s) { return s.isDefaultOutput; });
         EXPECT_EQ(VerifiedOutputSwitch::failureText("USB Headphones", stayed->name),
                   "macOS did not switch to USB Headphones; output remains on MacBook Pro Speakers");
     }
