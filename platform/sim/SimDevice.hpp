@@ -34,6 +34,9 @@ struct SimDevice {
     std::vector<std::string> relatedUIDs;
     // Selectors (four characters) whose writes this device refuses, though it has the property.
     std::vector<std::string> readOnly;
+    // Reads of the default output that pass before a switch to this device shows: a Bluetooth
+    // route takes a while to settle after the write was accepted. 0 switches at once.
+    std::uint32_t settleReads = 0;
 
     // Aggregates: their description, the process that made them (its death removes them), and
     // how many IO procs run on them now.

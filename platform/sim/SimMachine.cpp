@@ -294,6 +294,16 @@ std::optional<OSStatus> SimMachine::takeFault(SimOperation operation, std::uint3
     return taken;
 }
 
+void SimMachine::settleDefaultOutput() {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (!world_->pendingDefaultOutput)
+            return;
+    }
+    // Through the world, so that the switch lands once and every process's listeners hear it.
+    mutate([](SimWorld& w) { return w.settlePendingDefaultOutput() ? std::string() : std::string(refused); });
+}
+
 void SimMachine::delayRead(std::uint32_t selector) {
     std::uint32_t ms = 0;
     {
@@ -312,6 +322,8 @@ OSStatus SimMachine::getPropertyData(AudioObjectID object, const AudioObjectProp
     if (auto fault = takeFault(SimOperation::getProperty, address.mSelector))
         return *fault;
     delayRead(address.mSelector);
+    if (object == kAudioObjectSystemObject && address.mSelector == kAudioHardwarePropertyDefaultOutputDevice)
+        settleDefaultOutput();
     std::lock_guard<std::mutex> guard(mutex_);
     if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage)
         return streamUsageLocked(object, address, &value, nullptr);

@@ -142,6 +142,7 @@ class SimMachine final : public AudioHardware {
     OSStatus createInWorld(SimOperation operation, AudioObjectID& created,
                            const std::function<Creation(SimWorld&)>& build);
     void delayRead(std::uint32_t selector);
+    void settleDefaultOutput();
     // Brings running IO procs in line with the world: tapped tones, stalled or vanished devices.
     void updateIOLocked();
     void stepDueCycles();

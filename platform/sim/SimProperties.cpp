@@ -340,6 +340,13 @@ OSStatus SimProperties::write(SimWorld& w, pid_t viewer, AudioObjectID object,
                                     : a.mSelector == kAudioHardwarePropertyDefaultOutputDevice
                                         ? SimDefaultRole::output
                                         : SimDefaultRole::systemOutput;
+        if (role == SimDefaultRole::output) {
+            w.pendingDefaultOutput.reset();
+            if (d->settleReads > 0 && d->uid != w.defaultOutputUID) {
+                w.pendingDefaultOutput = SimWorld::PendingDefault{d->uid, d->settleReads};
+                return noErr;
+            }
+        }
         (role == SimDefaultRole::output  ? w.defaultOutputUID
          : role == SimDefaultRole::input ? w.defaultInputUID
                                          : w.systemOutputUID) = d->uid;

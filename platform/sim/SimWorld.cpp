@@ -325,7 +325,23 @@ std::string SimWorld::setDefault(SimDefaultRole role, const std::string& uid) {
     (role == SimDefaultRole::output  ? defaultOutputUID
      : role == SimDefaultRole::input ? defaultInputUID
                                      : systemOutputUID) = uid;
+    if (role == SimDefaultRole::output)
+        pendingDefaultOutput.reset();
     return {};
+}
+
+bool SimWorld::settlePendingDefaultOutput() {
+    if (!pendingDefaultOutput)
+        return false;
+    if (pendingDefaultOutput->readsLeft > 1) {
+        pendingDefaultOutput->readsLeft -= 1;
+        return true;
+    }
+    const auto* d = deviceByUID(pendingDefaultOutput->uid);
+    if (d && hasStreams(*d, false))
+        defaultOutputUID = d->uid;
+    pendingDefaultOutput.reset();
+    return true;
 }
 
 std::string SimWorld::setVolume(const std::string& uid, float volume) {

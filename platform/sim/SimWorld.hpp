@@ -86,6 +86,12 @@ struct SimWorld {
     std::string defaultOutputUID;
     std::string defaultInputUID;
     std::string systemOutputUID;
+    // A default-output switch accepted but not yet shown (see SimDevice::settleReads).
+    struct PendingDefault {
+        std::string uid;
+        std::uint32_t readsLeft = 0;
+    };
+    std::optional<PendingDefault> pendingDefaultOutput;
     pid_t frontmostPID = 0;
     std::vector<Window> windows; // front to back
     bool windowListAvailable = true;
@@ -132,6 +138,9 @@ struct SimWorld {
     std::string unplug(const std::string& uid);
     std::string rename(const std::string& uid, const std::string& name);
     std::string setDefault(SimDefaultRole role, const std::string& uid);
+    // One read of the default output passes: a pending switch counts down and lands when due, or is
+    // dropped when its device has gone. True if the world changed.
+    bool settlePendingDefaultOutput();
     std::string setVolume(const std::string& uid, float volume);
     // `who` is a bundle ID or a pid; the first matching process object.
     std::string setPlaying(const std::string& who, bool playing, std::optional<SimProcess::Signal> signal);

@@ -46,6 +46,8 @@ json deviceToJSON(const SimDevice& d) {
     j["alive"] = d.alive;
     j["relatedUIDs"] = d.relatedUIDs;
     j["readOnly"] = d.readOnly;
+    if (d.settleReads > 0)
+        j["settleReads"] = d.settleReads;
     if (d.isAggregate) {
         const auto& a = d.aggregate;
         json agg;
@@ -94,6 +96,7 @@ SimDevice deviceFromJSON(const json& j) {
     d.alive = j.value("alive", true);
     d.relatedUIDs = j.value("relatedUIDs", std::vector<std::string>{});
     d.readOnly = j.value("readOnly", std::vector<std::string>{});
+    d.settleReads = j.value("settleReads", 0u);
     if (j.contains("aggregate")) {
         const auto& agg = j.at("aggregate");
         d.isAggregate = true;
@@ -205,6 +208,9 @@ json simWorldToJSON(const SimWorld& w) {
         j["taps"].push_back(tapToJSON(t));
     j["defaults"] = {
         {"output", w.defaultOutputUID}, {"input", w.defaultInputUID}, {"system", w.systemOutputUID}};
+    if (w.pendingDefaultOutput)
+        j["pendingDefaultOutput"] = {{"uid", w.pendingDefaultOutput->uid},
+                                     {"readsLeft", w.pendingDefaultOutput->readsLeft}};
     j["frontmostPID"] = w.frontmostPID;
     j["windows"] = json::array();
     for (auto& win : w.windows)
@@ -262,6 +268,11 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
         w.defaultOutputUID = defaults.value("output", std::string());
         w.defaultInputUID = defaults.value("input", std::string());
         w.systemOutputUID = defaults.value("system", std::string());
+        if (j.contains("pendingDefaultOutput")) {
+            const auto& p = j.at("pendingDefaultOutput");
+            w.pendingDefaultOutput =
+                SimWorld::PendingDefault{p.at("uid").get<std::string>(), p.value("readsLeft", 1u)};
+        }
         w.frontmostPID = j.value("frontmostPID", 0);
         for (auto& win : j.value("windows", json::array()))
             w.windows.push_back({win.at("ownerPID").get<pid_t>(), win.value("layer", 0)});

@@ -1,0 +1,8 @@
+#pragma once
+// Which side of a device a client's text may name.
+
+namespace tonavi {
+
+enum class AudioEndpointRole { output, input, any };
+
+} // namespace tonavi

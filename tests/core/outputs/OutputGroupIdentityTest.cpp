@@ -1,0 +1,61 @@
+#include "core/outputs/OutputGroupIdentity.hpp"
+#include "core/outputs/OutputGroupValidationError.hpp"
+
+#include <gtest/gtest.h>
+
+namespace tonavi {
+namespace {
+
+using Kind = OutputGroupValidationError::Kind;
+
+OutputGroup group(std::string id, std::string name, std::vector<std::string> members) {
+    OutputGroup g;
+    g.id = std::move(id);
+    g.name = std::move(name);
+    for (auto& m : members)
+        g.members.push_back({m, 1.0, false});
+    return g;
+}
+
+TEST(OutputGroupIdentity, AggregateUIDIsTheFNV1aHashOfTheID) {
+    EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID(""),
+              "com.brelmoor.tonavi.output-group.CBF29CE484222325");
+    EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID("a"),
+              "com.brelmoor.tonavi.output-group.AF63DC4C8601EC8C");
+    EXPECT_EQ(OutputGroupIdentity::aggregateDeviceUID(group("g1", "One", {})),
+              OutputGroupIdentity::aggregateDeviceUID(group("g1", "Renamed", {})));
+}
+
+TEST(OutputGroupIdentity, ValidationNamesTheFirstFailedRule) {
+    const std::string self = OutputGroupIdentity::aggregateDeviceUID("g");
+    struct Case {
+        OutputGroup group;
+        std::optional<Kind> expected;
+    };
+    const std::vector<Case> cases{
+        {group("g", " \n\t", {"a", "b"}), Kind::emptyName},
+        {group("g", "", {}), Kind::emptyName},
+        {group("g", "Desk", {"a"}), Kind::tooFewMembers},
+        {group("g", "Desk", {"a", ""}), Kind::emptyMemberUID},
+        {group("g", "Desk", {"a", "b", "a"}), Kind::duplicateMemberUID},
+        {group("g", "Desk", {"a", self}), Kind::recursiveGroup},
+        {group("g", "Desk", {"a", "com.brelmoor.tonavi.output-group.NOSUCH"}), Kind::recursiveGroup},
+        {group("g", "Desk", {"a", "b"}), std::nullopt},
+    };
+    for (const auto& c : cases) {
+        try {
+            EXPECT_EQ(OutputGroupIdentity::validatedMemberUIDs(c.group),
+                      (std::vector<std::string>{"a", "b"}));
+            EXPECT_FALSE(c.expected) << "passed: " << c.group.name;
+        } catch (const OutputGroupValidationError& e) {
+            ASSERT_TRUE(c.expected) << e.what();
+            EXPECT_EQ(e.kind(), *c.expected) << e.what();
+            EXPECT_STREQ(e.what(), OutputGroupValidationError::errorDescription(*c.expected));
+        }
+    }
+    EXPECT_STREQ(OutputGroupValidationError(Kind::recursiveGroup).what(),
+                 "output groups cannot contain another Tonavi output group");
+}
+
+} // namespace
+} // namespace tonavi

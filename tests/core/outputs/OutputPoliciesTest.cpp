@@ -1,0 +1,133 @@
+#include "core/outputs/AudioEndpointResolver.hpp"
+#include "core/outputs/AudioTransportPolicy.hpp"
+#include "core/outputs/AutomaticOutputPolicy.hpp"
+#include "core/outputs/BluetoothEndpointIdentity.hpp"
+#include "core/outputs/OutputTopologyTracker.hpp"
+#include "core/outputs/PreferredOutputPolicy.hpp"
+
+#include <gtest/gtest.h>
+
+#include <tuple>
+
+namespace tonavi {
+namespace {
+
+using T = DeviceLiveStatus::Transport;
+using Candidate = AutomaticOutputCandidate;
+
+const Candidate speakers{"builtin-speakers", "MacBook Pro Speakers", T::builtin, true, false};
+const Candidate headphonePort{"builtin-port", "External Headphones", T::builtin, true, false};
+const Candidate airpods{"bt-airpods", "AirPods Pro", T::bluetooth, true, false};
+const Candidate buds{"bt-buds", "Earbuds", T::bluetooth, true, false};
+const Candidate dac{"usb-dac", "USB DAC", T::usb, true, false};
+const Candidate interface { "usb-interface", "Studio Interface", T::usb, true, false };
+const Candidate jbl{"usb-jbl", "jBl Quantum", T::usb, true, false};
+const Candidate loopback{"virtual-loop", "Loopback", T::virtual_, true, false};
+const Candidate group{"aggregate-group", "Group", T::aggregate, true, false};
+const Candidate hiddenBuds{"bt-hidden", "Hidden Buds", T::bluetooth, true, true};
+
+TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
+    struct Case {
+        const char* why;
+        std::set<std::string> appeared;
+        std::optional<Candidate> current;
+        std::vector<std::string> preferred;
+        std::optional<std::string> expected;
+    };
+    const std::vector<Candidate> all{speakers,  headphonePort, airpods,  buds,  dac,
+                                     interface, jbl,           loopback, group, hiddenBuds};
+    const std::vector<Case> cases{
+        {"airpods appear over speakers", {airpods.uid}, speakers, {}, airpods.uid},
+        {"a dac never moves someone on airpods", {dac.uid}, airpods, {}, std::nullopt},
+        {"a dac never moves someone on a headphone port", {dac.uid}, headphonePort, {}, std::nullopt},
+        {"a dac does not replace another usb output", {dac.uid}, interface, {}, std::nullopt},
+        {"unless it is preferred", {dac.uid}, interface, {dac.uid}, dac.uid},
+        {"two personal devices: lower uid", {airpods.uid, buds.uid}, speakers, {}, airpods.uid},
+        {"a preference overrides the uid order", {airpods.uid, buds.uid}, speakers, {buds.uid}, buds.uid},
+        {"virtual never wins, even preferred", {loopback.uid}, speakers, {loopback.uid}, std::nullopt},
+        {"aggregate never wins", {group.uid}, std::nullopt, {group.uid}, std::nullopt},
+        {"hidden never wins", {hiddenBuds.uid}, speakers, {}, std::nullopt},
+        {"no current output: a speaker takes over", {dac.uid}, std::nullopt, {}, dac.uid},
+        {"a usb JBL counts as personal", {jbl.uid}, interface, {}, jbl.uid},
+        {"a dac replaces the built-in speakers", {dac.uid}, speakers, {}, dac.uid},
+        {"nothing appeared", {}, speakers, {}, std::nullopt},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(AutomaticOutputPolicy::pick(c.appeared, c.current, all, c.preferred), c.expected) << c.why;
+}
+
+TEST(AutomaticOutputPolicy, ClassifiesNamesByWordsAndTokens) {
+    namespace A = AutomaticOutputPolicy;
+    EXPECT_TRUE(A::isRoomAudio("Living Room TV", T::usb));
+    EXPECT_FALSE(A::isRoomAudio("Mytvbox", T::usb)); // a token, not a substring
+    EXPECT_TRUE(A::isRoomAudio("LG HDMI-Monitor", T::other));
+    EXPECT_TRUE(A::isRoomAudio("Kitchen", T::airplay));
+    EXPECT_TRUE(A::isPersonalAudio("BOSE QC45", T::usb));
+    EXPECT_TRUE(A::isPersonalAudio("Speaker", T::bluetooth));
+    EXPECT_FALSE(A::isPersonalAudio("Living Room TV", T::usb));
+    EXPECT_TRUE(A::isProtectedName("Studio Headset"));
+    EXPECT_FALSE(A::isProtectedName("JBL Flip"));
+}
+
+TEST(AudioTransportPolicy, OnlyWiredAndUnknownTransportsMayBeRetimed) {
+    for (auto t : {T::bluetooth, T::airplay, T::aggregate, T::virtual_})
+        EXPECT_TRUE(AudioTransportPolicy::preservesNegotiatedTiming(t)) << transportName(t);
+    for (auto t : {T::builtin, T::usb, T::other})
+        EXPECT_FALSE(AudioTransportPolicy::preservesNegotiatedTiming(t)) << transportName(t);
+}
+
+TEST(PreferredOutputPolicy, SessionChoiceStandsWhilePresentThenTheOrderDecides) {
+    const std::set<std::string> available{"a", "b", "c"};
+    EXPECT_EQ(PreferredOutputPolicy::pick(std::string("b"), available, {"c", "a"}), std::nullopt);
+    EXPECT_EQ(PreferredOutputPolicy::pick(std::string("gone"), available, {"x", "c", "a"}), "c");
+    EXPECT_EQ(PreferredOutputPolicy::pick(std::nullopt, available, {"x"}), std::nullopt);
+}
+
+TEST(OutputTopologyTracker, FirstCallIsABaselineThenReportsEveryDifference) {
+    OutputTopologyTracker tracker;
+    const std::map<std::string, OutputRouteSignature> first{
+        {"spk", {10, 48000, 2, true}}, {"usb", {11, 44100, 2, true}}, {"bt", {12, 48000, 2, true}}};
+    EXPECT_TRUE(tracker.update(first).empty());
+    auto second = first;
+    second.erase("bt");                    // vanished
+    second["usb"].sampleRate = 96000;      // reformatted
+    second["dock"] = {13, 48000, 6, true}; // appeared
+    EXPECT_EQ(tracker.update(second), (std::set<std::string>{"bt", "dock", "usb"}));
+    EXPECT_TRUE(tracker.update(second).empty());
+}
+
+TEST(BluetoothEndpointIdentity, StripsOneEndpointSuffix) {
+    EXPECT_TRUE(BluetoothEndpointIdentity::sameDevice("X:input", "X:output"));
+    EXPECT_FALSE(BluetoothEndpointIdentity::sameDevice("X:input:input", "X"));
+    EXPECT_FALSE(BluetoothEndpointIdentity::sameDevice("", ""));
+}
+
+DeviceLiveStatus device(std::string id, std::string name, std::string nickname, bool out) {
+    DeviceLiveStatus d;
+    std::tie(d.id, d.name, d.nickname, d.isOutput, d.isInput) = std::tuple(id, name, nickname, out, !out);
+    return d;
+}
+
+TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
+    const std::vector<DeviceLiveStatus> devices{
+        device("usb-1", "USB Headphones", "", true), device("spk", "Speakers", "desk", true),
+        device("mic", "Microphone", "", false), device("Speakers", "Other", "", true)};
+    struct Case {
+        const char* text;
+        AudioEndpointRole role;
+        std::optional<std::string> expected;
+    };
+    const std::vector<Case> cases{
+        {"Speakers", AudioEndpointRole::output, "Speakers"}, // exact ID on the last beats a name on the first
+        {"speakers", AudioEndpointRole::output, "spk"},      {"DESK", AudioEndpointRole::output, "spk"},
+        {"head", AudioEndpointRole::output, "usb-1"},        {"mic", AudioEndpointRole::output, std::nullopt},
+        {"micro", AudioEndpointRole::input, "mic"},          {"micro", AudioEndpointRole::any, "mic"},
+        {"nothing", AudioEndpointRole::any, std::nullopt},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(AudioEndpointResolver::resolve(c.text, devices, c.role), c.expected) << c.text;
+    EXPECT_EQ(AudioEndpointResolver::resolve("x", {devices[2]}, AudioEndpointRole::output), std::nullopt);
+}
+
+} // namespace
+} // namespace tonavi

@@ -1,0 +1,121 @@
+#include "core/outputs/VerifiedOutputSwitch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+
+namespace tonavi {
+namespace {
+
+// A default output that moves to the requested device after `settleReads` further reads, unless
+// the write is refused or silently dropped. Scheduled steps wait until the test drains them.
+struct FakeSystem {
+    std::string current = "speakers", pending;
+    int settleReads = 0, requests = 0, reads = 0;
+    bool refuse = false, drop = false;
+    std::deque<std::function<void()>> steps;
+
+    static FakeSystem of(int settleReads, bool refuse, bool drop) {
+        FakeSystem s;
+        s.settleReads = settleReads;
+        s.refuse = refuse;
+        s.drop = drop;
+        return s;
+    }
+
+    bool request(const std::string& target) {
+        ++requests;
+        if (!drop && !refuse)
+            pending = target;
+        return !refuse;
+    }
+    std::optional<std::string> read() {
+        ++reads;
+        if (!pending.empty() && settleReads-- <= 0)
+            current = std::exchange(pending, "");
+        return current;
+    }
+    VerifiedOutputSwitch::Schedule schedule() {
+        return [this](std::function<void()> f) { steps.push_back(std::move(f)); };
+    }
+    void drain() {
+        while (!steps.empty()) {
+            auto f = std::move(steps.front());
+            steps.pop_front();
+            f();
+        }
+    }
+};
+
+struct Case {
+    const char* why;
+    std::string target;
+    int attempts, settleReads;
+    bool refuse, drop, expected;
+    int requests;
+};
+const std::vector<Case> cases{
+    {"already there: nothing requested", "speakers", 3, 0, false, false, true, 0},
+    {"settles within the attempts", "bt", 3, 2, false, false, true, 1},
+    {"settles too late", "bt", 3, 9, false, false, false, 1},
+    {"dropped write", "usb", 3, 0, false, true, false, 1},
+    {"refused write", "usb", 3, 0, true, false, false, 1},
+    {"no attempts", "usb", 0, 0, false, false, false, 0},
+    {"empty target", "", 3, 0, false, false, false, 0},
+};
+
+TEST(VerifiedOutputSwitch, EveryFormSucceedsOnlyWhenTheSystemReportsTheTarget) {
+    for (const auto& c : cases) {
+        FakeSystem blocking = FakeSystem::of(c.settleReads, c.refuse, c.drop);
+        EXPECT_EQ(VerifiedOutputSwitch::perform(
+                      c.target, c.attempts, [&] { return blocking.request(c.target); },
+                      [&] { return blocking.read(); }, [] {}),
+                  c.expected)
+            << c.why;
+        EXPECT_EQ(blocking.requests, c.requests) << c.why;
+
+        FakeSystem async = FakeSystem::of(c.settleReads, c.refuse, c.drop);
+        std::optional<bool> asyncResult;
+        VerifiedOutputSwitch::performAsync(
+            c.target, c.attempts, [&] { return async.request(c.target); }, [&] { return async.read(); },
+            [] { return true; }, async.schedule(), [&](bool ok) { asyncResult = ok; });
+        async.drain();
+        EXPECT_EQ(asyncResult, c.expected) << c.why;
+
+        // The non-blocking request finds an already-current target itself and writes nothing.
+        FakeSystem nb = FakeSystem::of(c.settleReads, c.refuse, c.drop);
+        std::optional<bool> nbResult;
+        VerifiedOutputSwitch::performNonblocking(
+            c.target, c.attempts,
+            [&](auto done) {
+                nb.steps.push_back([&, done] { done(nb.current == c.target || nb.request(c.target)); });
+            },
+            [&](auto done) { nb.steps.push_back([&, done] { done(nb.read()); }); }, [] { return true; },
+            nb.schedule(), [&](bool ok) { nbResult = ok; });
+        nb.drain();
+        EXPECT_EQ(nbResult, c.expected) << c.why;
+        EXPECT_EQ(nb.requests, c.requests) << c.why;
+        if (c.drop) { // attempts delays mean attempts + 1 reads
+            EXPECT_EQ(nb.reads, c.attempts + 1) << c.why;
+        }
+    }
+}
+
+TEST(VerifiedOutputSwitch, ASupersededSwitchStopsAtTheNextPoll) {
+    FakeSystem sys = FakeSystem::of(100, false, false);
+    bool current = true;
+    std::optional<bool> result;
+    VerifiedOutputSwitch::performAsync(
+        "bt", 50, [&] { return sys.request("bt"); }, [&] { return sys.read(); }, [&] { return current; },
+        sys.schedule(), [&](bool ok) { result = ok; });
+    EXPECT_FALSE(result);
+    current = false;
+    sys.drain();
+    EXPECT_EQ(result, false);
+    EXPECT_EQ(sys.reads, 2); // before the request and after it; the poll read nothing
+    EXPECT_EQ(VerifiedOutputSwitch::failureText("USB Headphones", "Speakers"),
+              "macOS did not switch to USB Headphones; output remains on Speakers");
+}
+
+} // namespace
+} // namespace tonavi

@@ -1,0 +1,106 @@
+#pragma once
+// A device manager over a private simulated machine. The state queue runs on a manual clock, so the
+// status cache's age and the non-blocking switch's polls move only when a test advances time; the
+// blocking switch's pause is a no-op.
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "platform/sim/SimMachine.hpp"
+#include "service/devices/TonaviDeviceManager.hpp"
+
+namespace tonavi::testing {
+
+inline SimDevice simDevice(std::string uid, std::string name, std::uint32_t transport, std::uint32_t outputs,
+                           std::uint32_t inputs = 0) {
+    SimDevice d;
+    d.uid = std::move(uid);
+    d.name = std::move(name);
+    d.transport = transport;
+    if (outputs > 0) {
+        d.outputStreams = {outputs};
+        d.volumeElements = {{0, 0.5f}};
+        d.hasMute = true;
+    }
+    if (inputs > 0)
+        d.inputStreams = {inputs};
+    return d;
+}
+
+inline SimWorld worldOf(std::vector<SimDevice> devices, const std::string& defaultOutput) {
+    SimWorld w;
+    for (auto& d : devices) {
+        d.id = w.allocateID();
+        w.devices.push_back(d);
+    }
+    w.defaultOutputUID = w.systemOutputUID = defaultOutput;
+    return w;
+}
+
+inline DeviceSettings deviceSettings(std::string uid, double maxPercent = 100, bool hidden = false) {
+    DeviceSettings s;
+    s.id = std::move(uid);
+    s.maxVolumePercent = maxPercent;
+    s.hidden = hidden;
+    return s;
+}
+
+inline const TonaviDeviceManager::BluetoothInfo noBluetooth = [](const std::string&) {
+    return TonaviDeviceManager::BluetoothDetails{};
+};
+
+class DeviceHarness {
+  public:
+    explicit DeviceHarness(SimWorld world = SimWorld::preset())
+        : machine(std::move(world)),
+          manager(TonaviDeviceManager::make(machine, queue, {.verifiedWait = [] {}})) {
+        manager->setOnDevicesChanged([this] { signal([&] { ++devicesChanged; }); });
+    }
+    ~DeviceHarness() {
+        queue.sync([this] { manager.reset(); });
+    }
+
+    AudioObjectID id(const std::string& uid) { return machine.world()->deviceByUID(uid)->id; }
+    std::string defaultOutput() { return machine.world()->defaultOutputUID; }
+    // Runs on the state queue, where the manager's policy state lives.
+    template <class F> auto onQueue(F&& f) { return queue.syncResult(std::forward<F>(f)); }
+    bool waitForDevicesChanged(int count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return devicesChanged >= count; });
+    }
+    // A non-blocking switch from the state queue, the manual clock advanced poll by poll.
+    std::optional<bool> switchAsync(const std::string& uid) {
+        std::optional<bool> result;
+        queue.async([&] {
+            manager->setDefaultOutputVerifiedAsync(
+                uid, [] { return true; }, [&](bool ok) { signal([&] { result = ok; }); });
+        });
+        std::unique_lock<std::mutex> lock(mutex);
+        for (int i = 0; i < 2000 && !result; ++i) {
+            lock.unlock();
+            clock->advance(TonaviDeviceManager::asyncSwitchInterval);
+            lock.lock();
+            changed.wait_for(lock, std::chrono::milliseconds(2), [&] { return result.has_value(); });
+        }
+        return result;
+    }
+
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+    SimMachine machine;
+    DispatchQueue queue{"tonavi.test.devices", clock};
+    std::shared_ptr<TonaviDeviceManager> manager;
+
+  private:
+    template <class F> void signal(F&& f) {
+        std::lock_guard<std::mutex> guard(mutex);
+        f();
+        changed.notify_all();
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    int devicesChanged = 0;
+};
+
+} // namespace tonavi::testing

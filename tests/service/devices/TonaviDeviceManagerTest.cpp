@@ -1,0 +1,251 @@
+#include "tests/service/devices/DeviceTestSupport.hpp"
+
+#include <algorithm>
+
+#include "core/outputs/VerifiedOutputSwitch.hpp"
+
+namespace tonavi::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* speakers = "BuiltInSpeakerDevice";
+constexpr const char* usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
+constexpr const char* buds = "AC-DE-48-00-11-22:output";
+
+TEST(TonaviDeviceManager, OutputsNamedAlikeShowOnce) {
+    auto a = simDevice("a", "Display", kAudioDeviceTransportTypeUSB, 2);
+    auto b = simDevice("b", "Display", kAudioDeviceTransportTypeUSB, 8);
+    auto noVolume = simDevice("c", "Display", kAudioDeviceTransportTypeUSB, 8);
+    noVolume.volumeElements.clear();
+    noVolume.hasVirtualMainVolume = false;
+    const auto mic = simDevice("mic", "Display", kAudioDeviceTransportTypeUSB, 0, 1);
+    struct Case {
+        const char* why;
+        std::vector<SimDevice> devices;
+        std::string defaultOutput;
+        bool hideB;
+        std::vector<std::string> shown;
+    };
+    const std::vector<Case> cases{
+        {"the default wins, listed second", {a, b, mic}, "b", false, {"mic", "b"}},
+        {"the default wins, listed first", {a, b, mic}, "a", false, {"mic", "a"}},
+        {"the visible one wins over more channels", {a, b}, "", true, {"a"}},
+        {"volume control wins over more channels", {a, noVolume}, "", false, {"a"}},
+        {"otherwise more channels win", {a, b}, "", false, {"b"}},
+    };
+    for (const auto& c : cases) {
+        DeviceHarness h(worldOf(c.devices, c.defaultOutput));
+        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings("b", 100, c.hideB)}); });
+        std::vector<std::string> shown;
+        for (const auto& s : h.manager->liveStatus(noBluetooth))
+            shown.push_back(s.id);
+        EXPECT_EQ(shown, c.shown) << c.why;
+    }
+}
+
+TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayInvisible) {
+    auto connecting = simDevice(buds, "Earbuds", kAudioDeviceTransportTypeBluetooth, 0);
+    auto tap = simDevice("com.brelmoor.tonavi.agg.1", "Tap", kAudioDeviceTransportTypeAggregate, 2);
+    DeviceHarness h(
+        worldOf({connecting, tap, simDevice("out", "Out", kAudioDeviceTransportTypeUSB, 2)}, "out"));
+    std::vector<std::string> asked;
+    const auto status = h.manager->liveStatus([&](const std::string& address) {
+        asked.push_back(address);
+        return TonaviDeviceManager::BluetoothDetails{80, "AAC", "good"};
+    });
+    ASSERT_EQ(status.size(), 2u);
+    EXPECT_EQ(asked, std::vector<std::string>{"ac:de:48:00:11:22"});
+    EXPECT_FALSE(status[0].isOutput); // no streams yet, but present as an output route
+    EXPECT_EQ(status[0].batteryPercent, 80);
+    EXPECT_FALSE(status[1].batteryPercent);
+    const auto topology = h.manager->outputTopology();
+    EXPECT_EQ(topology.size(), 2u);
+    EXPECT_TRUE(topology.count(buds));
+}
+
+TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
+    DeviceHarness h;
+    const auto first = h.manager->liveStatus(noBluetooth);
+    h.machine.mutate([](SimWorld& w) { return w.rename(usb, "Renamed"); });
+    h.clock->advance(499ms);
+    EXPECT_EQ(h.manager->liveStatus(noBluetooth), first);
+    h.clock->advance(1ms); // the half second is strict
+    const auto second = h.manager->liveStatus(noBluetooth);
+    EXPECT_NE(second, first);
+    ASSERT_TRUE(h.manager->setVolume(h.id(usb), 0.25));
+    const auto after = h.manager->liveStatus(noBluetooth);
+    EXPECT_NEAR(std::find_if(after.begin(), after.end(), [](auto& s) { return s.id == usb; })->volume, 0.25,
+                1e-6);
+}
+
+TEST(TonaviDeviceManager, VolumeWritesReachEveryChannelAndRespectTheMaximum) {
+    DeviceHarness h;
+    // The speakers have a stereo pair and no main element; one failing channel still succeeds.
+    h.machine.failNext(SimOperation::setProperty, 1, kAudioHardwareIllegalOperationError,
+                       kAudioDevicePropertyVolumeScalar);
+    EXPECT_TRUE(h.manager->setVolume(h.id(speakers), 0.3));
+    EXPECT_FLOAT_EQ(h.machine.world()->deviceByUID(speakers)->volumeElements.at(2), 0.3f);
+
+    struct Case {
+        double maxPercent;
+        float volume, enforced;
+    };
+    for (const auto& c : std::vector<Case>{{100, 1.0f, 1.0f}, {50, 0.501f, 0.501f}, {50, 0.52f, 0.5f}}) {
+        h.machine.mutate([&](SimWorld& w) { return w.setVolume(usb, c.volume); });
+        h.onQueue([&] {
+            h.manager->updateSettingsOnly({deviceSettings(usb, c.maxPercent)});
+            h.manager->enforceMaxVolumes();
+        });
+        EXPECT_NEAR(*h.manager->volume(h.id(usb)), c.enforced, 1e-6) << c.maxPercent << " " << c.volume;
+    }
+    EXPECT_TRUE(h.manager->setVolume(h.id(usb), 0.8));
+    EXPECT_NEAR(*h.manager->volume(h.id(usb)), 0.5, 1e-6);
+}
+
+TEST(TonaviDeviceManager, ADeviceArrivingAboveItsMaximumIsBroughtDownByTheListener) {
+    DeviceHarness h;
+    h.onQueue([&] {
+        h.manager->apply({deviceSettings("dock", 50)}, {}, {});
+        h.manager->installListeners();
+    });
+    auto dock = simDevice("dock", "Desk Dock", kAudioDeviceTransportTypeUSB, 2);
+    dock.volumeElements = {{0, 0.8f}};
+    h.machine.mutate([&](SimWorld& w) { return w.plug(dock); });
+    ASSERT_TRUE(h.waitForDevicesChanged(1));
+    EXPECT_NEAR(h.machine.world()->deviceByUID("dock")->volumeElements.at(0), 0.5, 1e-6);
+    // Listeners on every output route: four outputs, the streamless Bluetooth input, the dock.
+    EXPECT_EQ(h.onQueue([&] { return h.manager->outputListeners().size(); }), 6u);
+}
+
+TEST(TonaviDeviceManager, HiddenDevicesNeverHoldASystemRole) {
+    {
+        DeviceHarness h;
+        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings(usb, 100, true)}); });
+        EXPECT_FALSE(h.manager->setDefaultDevice(h.id(usb), false));
+        EXPECT_FALSE(h.manager->setSystemSoundEffectsDevice(h.id(usb)));
+        EXPECT_EQ(h.defaultOutput(), speakers);
+    }
+    {
+        DeviceHarness h;
+        h.onQueue([&] {
+            h.manager->updateSettingsOnly({deviceSettings(speakers, 100, true)});
+            h.manager->enforceHiddenDevices();
+        });
+        EXPECT_EQ(h.defaultOutput(), usb);                  // the first visible output
+        EXPECT_EQ(h.machine.world()->systemOutputUID, usb); // alerts follow the default output
+    }
+    {
+        DeviceHarness h(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"));
+        h.onQueue([&] {
+            h.manager->updateSettingsOnly({deviceSettings("a", 100, true)});
+            h.manager->enforceHiddenDevices();
+        });
+        EXPECT_EQ(h.defaultOutput(), "a"); // nowhere visible to go
+    }
+}
+
+TEST(TonaviDeviceManager, LocksCaptureOnceAndOnlyEverRestore) {
+    DeviceHarness h; // speakers are the default, at 0.5 and unmuted
+    GlobalLocks locks;
+    locks.volume = locks.sampleRate = locks.mute = true;
+    auto lockedVolume = [&] { return h.onQueue([&] { return h.manager->lockedVolume(); }); };
+    h.onQueue([&] { h.manager->apply({}, locks, {}); });
+    EXPECT_EQ(lockedVolume(), 0.5);
+    EXPECT_EQ(h.onQueue([&] { return h.manager->lockedSampleRate().size(); }), 3u); // wired devices only
+
+    h.machine.mutate([](SimWorld& w) { return w.setVolume(speakers, 0.9f); });
+    h.machine.setPropertyData(h.id(usb), globalAddress(kAudioDevicePropertyNominalSampleRate), 96000.0);
+    h.onQueue([&] { h.manager->apply({}, locks, {}); });
+    EXPECT_EQ(lockedVolume(), 0.5); // not re-captured
+    h.onQueue([&] { h.manager->enforceLocks(); });
+    EXPECT_NEAR(*h.manager->volume(h.id(speakers)), 0.5, 1e-6);
+    EXPECT_EQ(h.machine.world()->deviceByUID(usb)->sampleRate, 48000);
+    EXPECT_EQ(h.manager->muted(h.id(speakers)), false); // the mute lock never mutes
+    h.manager->setMuted(h.id(speakers), true);
+    h.onQueue([&] { h.manager->enforceLocks(); });
+    EXPECT_EQ(h.manager->muted(h.id(speakers)), false);
+
+    h.onQueue([&] { h.manager->apply({}, GlobalLocks{}, {}); });
+    h.machine.mutate([](SimWorld& w) { return w.setVolume(speakers, 0.9f); });
+    h.onQueue([&] { h.manager->apply({}, locks, {}); });
+    EXPECT_NEAR(*lockedVolume(), 0.9, 1e-6); // off and on again captures anew
+}
+
+TEST(TonaviDeviceManager, PreferredOrderIsEnforcedUnlessTheUserIsSwitchingOrChoseThisSession) {
+    struct Case {
+        const char* why;
+        bool pending;
+        std::optional<std::string> session;
+        bool hideUSB;
+        std::string expected;
+    };
+    const std::vector<Case> cases{
+        {"moves to the first available preference", false, std::nullopt, false, usb},
+        {"a user's switch in flight suppresses it", true, std::nullopt, false, speakers},
+        {"the session's choice stands", false, std::string(speakers), false, speakers},
+        {"a vanished session choice falls through", false, std::string("gone"), false, usb},
+        {"hidden preferences are skipped", false, std::nullopt, true, buds},
+    };
+    for (const auto& c : cases) {
+        DeviceHarness h;
+        h.onQueue([&] {
+            h.manager->setManualOutputSelectionPending(c.pending);
+            h.manager->setSessionOutputUID(c.session);
+            h.manager->apply({deviceSettings(usb, 100, c.hideUSB)}, {}, {"missing", usb, buds});
+        });
+        EXPECT_EQ(h.defaultOutput(), c.expected) << c.why;
+    }
+}
+
+TEST(TonaviDeviceManager, BlockingSwitchGivesBluetoothLongerAndSeesADroppedWrite) {
+    struct Case {
+        const char* uid;
+        std::uint32_t settleReads;
+        bool dropWrite, expected;
+    };
+    // 45 reads are beyond a wired switch's 20 polls and within Bluetooth's 50.
+    for (const auto& c :
+         std::vector<Case>{{buds, 45, false, true}, {usb, 45, false, false}, {usb, 0, true, false}}) {
+        DeviceHarness h;
+        h.machine.mutate([&](SimWorld& w) {
+            w.deviceByUID(c.uid)->settleReads = c.settleReads;
+            return c.dropWrite ? w.failNext(SimOperation::setProperty, 1, noErr,
+                                            kAudioHardwarePropertyDefaultOutputDevice)
+                               : std::string();
+        });
+        EXPECT_EQ(h.manager->setDefaultOutputVerified(c.uid), c.expected) << c.uid;
+        EXPECT_EQ(h.defaultOutput(), c.expected ? c.uid : speakers) << c.uid;
+    }
+}
+
+TEST(TonaviDeviceManager, NonblockingSwitchConfirmsOrNamesWhereTheOutputStayed) {
+    {
+        DeviceHarness h;
+        h.machine.mutate([](SimWorld& w) {
+            w.deviceByUID(buds)->settleReads = 120;
+            return std::string();
+        });
+        EXPECT_EQ(h.switchAsync(buds), true);
+        EXPECT_EQ(h.defaultOutput(), buds);
+    }
+    {
+        DeviceHarness h;
+        h.machine.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice);
+        EXPECT_EQ(h.switchAsync(usb), false);
+        const auto status = h.manager->liveStatus(noBluetooth);
+        const auto stayed =
+            std::find_if(status.begin(), status.end(), [](auto& s) { return s.isDefaultOutput; });
+        EXPECT_EQ(VerifiedOutputSwitch::failureText("USB Headphones", stayed->name),
+                  "macOS did not switch to USB Headphones; output remains on MacBook Pro Speakers");
+    }
+    {
+        DeviceHarness h;
+        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings(usb, 100, true)}); });
+        EXPECT_EQ(h.switchAsync(usb), false);
+        EXPECT_EQ(h.defaultOutput(), speakers);
+    }
+}
+
+} // namespace
+} // namespace tonavi::testing
