@@ -3,28 +3,14 @@
 
 #include "core/config/TonaviConfigStore.hpp"
 #include "tests/core/config/ConfigSamples.hpp"
+#include "tests/support/TempFolder.hpp"
 
 #include <benchmark/benchmark.h>
-#include <cstdlib>
 #include <filesystem>
 
 namespace {
 
-class BenchFolder {
-  public:
-    BenchFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-bench-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
-    }
-    ~BenchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
+using BenchFolder = tonavi::test::TempFolder;
 
 void BM_ConfigLoad(benchmark::State& state) {
     BenchFolder folder;

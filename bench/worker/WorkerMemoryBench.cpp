@@ -8,6 +8,7 @@
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
 #include "platform/sim/SimWorldFile.hpp"
+#include "tests/support/TempFolder.hpp"
 
 #include <benchmark/benchmark.h>
 
@@ -30,10 +31,9 @@ long residentKilobytes(int pid) {
 }
 
 void BM_IdleWorkerResidentMemory(benchmark::State& state) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-bench-XXXXXX").string();
-    const std::string folder = ::mkdtemp(pattern.data());
-    const std::string world = folder + "/world.json";
-    Log::setFilePathForTesting(folder + "/service.log");
+    const tonavi::test::TempFolder folder;
+    const std::string world = folder.file("world.json");
+    Log::setFilePathForTesting(folder.file("service.log"));
     SimWorldFile(world).create(SimWorld::preset(), false);
     std::string error;
     auto machine = SimMachine::open(world, error);
@@ -44,7 +44,7 @@ void BM_IdleWorkerResidentMemory(benchmark::State& state) {
     auto workspace = std::make_shared<SimWorkspace>(machine);
     ::setenv("TONAVI_AUDIO_BACKEND", "sim", 1);
     ::setenv("TONAVI_SIM_WORLD", world.c_str(), 1);
-    ::setenv("XDG_STATE_HOME", folder.c_str(), 1);
+    ::setenv("XDG_STATE_HOME", folder.path().c_str(), 1);
 
     auto environment = IsolatedTonaviTapProvider::platformEnvironment(*machine, *workspace);
     environment.executable =
@@ -70,7 +70,6 @@ void BM_IdleWorkerResidentMemory(benchmark::State& state) {
     }
     state.counters["VmRSS_kB"] = static_cast<double>(kilobytes);
     provider->destroyTap(handle);
-    std::filesystem::remove_all(folder);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "base/Log.hpp"
 #include "base/Paths.hpp"
+#include "tests/support/TempFolder.hpp"
 
 #include <gtest/gtest.h>
 
@@ -15,15 +16,7 @@ namespace fs = std::filesystem;
 namespace {
 class LogFile : public ::testing::Test {
 protected:
-    void SetUp() override {
-        dir = fs::temp_directory_path() / ("tonavi-log-" + std::to_string(::getpid()) + "-" +
-                                           ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-        path = (dir / "Tonavi-service.log").string();
-        Log::setFilePathForTesting(path);
-    }
-    void TearDown() override { fs::remove_all(dir); }
+    void SetUp() override { Log::setFilePathForTesting(path); }
 
     static std::string read(const std::string& p) {
         std::ifstream in(p);
@@ -37,8 +30,9 @@ protected:
         out << chunk;
     }
 
-    fs::path dir;
-    std::string path;
+    test::TempFolder folder;
+    fs::path dir = folder.path();
+    std::string path = folder.file("Tonavi-service.log");
 };
 }  // namespace
 

@@ -1,12 +1,10 @@
 #pragma once
-// Shared pieces of the platform tests: a private temporary folder, a listener that records what it
+// Shared pieces of the platform tests: a listener that records what it
 // heard and on which queue, and a waiter on a condition with a generous time-out.
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -14,24 +12,9 @@
 
 #include "base/Dispatch.hpp"
 #include "platform/AudioHardware.hpp"
+#include "tests/support/TempFolder.hpp"
 
 namespace tonavi::test {
-
-class TempFolder {
-  public:
-    TempFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-platform-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data()) ? pattern : std::string();
-    }
-    ~TempFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
 
 // Records each delivery: the addresses, and whether it ran on the queue it was registered with.
 class RecordingListener {

@@ -5,8 +5,8 @@
 #include "core/config/RealFileSystem.hpp"
 #include "core/config/TonaviConfig.hpp"
 #include "tests/core/config/ConfigSamples.hpp"
+#include "tests/support/TempFolder.hpp"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -17,21 +17,7 @@
 
 namespace tonavi::testing {
 
-class TemporaryFolder {
-  public:
-    TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-config-XXXXXX").string();
-        path_ = ::mkdtemp(pattern.data());
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
+using TemporaryFolder = test::TempFolder;
 
 inline std::string readText(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
