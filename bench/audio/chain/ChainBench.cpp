@@ -3,6 +3,9 @@
 
 #include "audio/chain/RenderChain.hpp"
 #include "audio/effects/EQ10.hpp"
+#include "audio/effects/NoiseSuppressor.hpp"
+#include "audio/effects/SteadyVolume.hpp"
+#include "audio/headphone/HeadphoneEQ.hpp"
 #include "audio/effects/MagicLeveler.hpp"
 #include "audio/effects/OneKnobCompressor.hpp"
 #include "audio/effects/OverdriveLimiter.hpp"
@@ -29,6 +32,13 @@ StereoBuffer programme() {
     return b;
 }
 
+StereoBuffer tone(double amplitude) {
+    StereoBuffer b{};
+    for (std::size_t i = 0; i < b.size(); ++i)
+        b[i] = static_cast<float>(amplitude * std::sin(2.0 * 3.141592653589793 * 997.0 * double(i / 2) / kRate));
+    return b;
+}
+
 void countFrames(benchmark::State& state) {
     const double frames = static_cast<double>(state.iterations()) * kFrames;
     state.SetItemsProcessed(static_cast<std::int64_t>(frames));
@@ -36,8 +46,8 @@ void countFrames(benchmark::State& state) {
 }
 
 // Each iteration starts from the same programme material, so that gains never run away.
-template <typename Process> void runProcessor(benchmark::State& state, Process process) {
-    const StereoBuffer source = programme();
+template <typename Process>
+void runProcessor(benchmark::State& state, Process process, const StereoBuffer& source = programme()) {
     StereoBuffer buffer;
     for (auto _ : state) {
         std::memcpy(buffer.data(), source.data(), sizeof buffer);
@@ -77,6 +87,51 @@ static void BM_OverdriveLimiter(benchmark::State& state) {
     runProcessor(state, [&](std::span<float> b) { lim.process(b); });
 }
 BENCHMARK(BM_OverdriveLimiter);
+
+// A quiet signal that sits in the expansion range, so the gain is computed for every frame, with the
+// hiss shelf on.
+static void BM_NoiseSuppressor(benchmark::State& state) {
+    NoiseSuppressor ns;
+    ns.configure(NoiseSuppressorSettings(0.8, true), kRate);
+    runProcessor(state, [&](std::span<float> b) { ns.process(b); }, tone(0.003));
+}
+BENCHMARK(BM_NoiseSuppressor);
+
+// The largest bundled profile: preamp and five filters over both channels.
+static void BM_HeadphoneEQ(benchmark::State& state) {
+    HeadphoneEQ eq;
+    eq.configure(&BundledHeadphoneProfiles::all()[2], kRate, true);
+    runProcessor(state, [&](std::span<float> b) { eq.process(b); }, tone(0.3));
+}
+BENCHMARK(BM_HeadphoneEQ);
+
+// Worst case: a level well above the learned baseline keeps the per-sample gain loop running. Over a
+// long run the baseline creeps up to the loud level; it is learned again before it gets there.
+static void BM_SteadyVolume(benchmark::State& state) {
+    SteadyVolume sv;
+    const auto relearn = [&] {
+        sv.configure(kRate);
+        for (int i = 0; i < 2000; ++i) {
+            auto b = tone(0.01);
+            sv.process(b);
+        }
+    };
+    relearn();
+    std::int64_t count = 0;
+    runProcessor(
+        state,
+        [&](std::span<float> b) {
+            if (++count % 100000 == 0 && sv.reductionDB() < 6.0) {
+                state.PauseTiming();
+                relearn();
+                state.ResumeTiming();
+            }
+            sv.process(b);
+        },
+        tone(0.2));
+    state.counters["reductionDB"] = sv.reductionDB();
+}
+BENCHMARK(BM_SteadyVolume);
 
 static void BM_FullChain(benchmark::State& state) {
     RenderChain chain;
