@@ -253,52 +253,31 @@ TEST(TonaviPayloadJSON, GoldenListsAndStrictReading) {
 TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const double inf = std::numeric_limits<double>::infinity();
+    const auto status = [](std::function<void(TonaviStatus&)> damage) {
+        return [damage] {
+            TonaviStatus s = fullStatus();
+            damage(s);
+            encodeStatus(s);
+        };
+    };
+    const auto diagnostics = [](std::function<void(Diagnostics&)> damage) {
+        return [damage] {
+            Diagnostics d;
+            damage(d);
+            TonaviPayload::encode(d);
+        };
+    };
     const struct {
         const char* where;
         std::function<void()> encode;
     } cases[] = {
-        {"outputVolume",
-         [&] {
-             TonaviReply r = TonaviReply::success();
-             r.status = fullStatus();
-             r.status->outputVolume = nan;
-             encodeReply(r);
-         }},
-        {"status.apps[0].level",
-         [&] {
-             TonaviReply r = TonaviReply::success();
-             r.status = fullStatus();
-             r.status->apps[0].level = std::numeric_limits<float>::infinity();
-             encodeReply(r);
-         }},
-        {"devices[0].lastUsedAt",
-         [&] {
-             auto s = fullStatus();
-             s.devices[0].lastUsedAt = -inf;
-             encodeStatus(s);
-         }},
-        {"health[0].at",
-         [&] {
-             auto s = fullStatus();
-             s.health[0].at = nan;
-             encodeStatus(s);
-         }},
-        {"timestamp",
-         [&] {
-             Diagnostics d;
-             d.timestamp = inf;
-             TonaviPayload::encode(d);
-         }},
-        {"config.softMasterPercent",
-         [&] {
-             Diagnostics d;
-             d.config.softMasterPercent = nan;
-             TonaviPayload::encode(d);
-         }},
-        {"[0].secondsSinceAudio",
-         [&] {
-             TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
-         }},
+        {"outputVolume", status([&](TonaviStatus& s) { s.outputVolume = nan; })},
+        {"apps[0].level", status([](TonaviStatus& s) { s.apps[0].level = std::numeric_limits<float>::infinity(); })},
+        {"devices[0].lastUsedAt", status([&](TonaviStatus& s) { s.devices[0].lastUsedAt = -inf; })},
+        {"health[0].at", status([&](TonaviStatus& s) { s.health[0].at = nan; })},
+        {"timestamp", diagnostics([&](Diagnostics& d) { d.timestamp = inf; })},
+        {"config.softMasterPercent", diagnostics([&](Diagnostics& d) { d.config.softMasterPercent = nan; })},
+        {"[0].secondsSinceAudio", [&] { TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}}); }},
     };
     TonaviReply unwritable = TonaviReply::success();
     unwritable.status = fullStatus();
