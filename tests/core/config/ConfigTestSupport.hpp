@@ -19,6 +19,12 @@ namespace tonavi::testing {
 
 using TemporaryFolder = test::TempFolder;
 
+inline void removeFiles(const std::filesystem::path& folder) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        if (entry.is_regular_file())
+            std::filesystem::remove(entry.path());
+}
+
 inline std::string readText(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream out;

@@ -444,20 +444,6 @@ TEST(TonaviConfigMethods, AppendUnrankedMixerAppsOrdersByNameThenId) {
     EXPECT_EQ(fresh.apps[0].displayRank, 0);
 }
 
-TEST(TonaviConfigMethods, AdoptAppOwnedSettingsCopiesOnlyThree) {
-    TonaviConfig mine = testing::sampleConfig(0);
-    TonaviConfig theirs = testing::sampleConfig(3);
-    theirs.startAtLogin = true;
-    theirs.superVolumeKeys = true;
-    theirs.ui.theme = "light";
-    TonaviConfig expected = mine;
-    expected.ui = theirs.ui;
-    expected.startAtLogin = true;
-    expected.superVolumeKeys = true;
-    mine.adoptAppOwnedSettings(theirs);
-    EXPECT_EQ(mine, expected);
-}
-
 TEST(InstallationVersionTest, ParsesOrdersAndReplaces) {
     EXPECT_EQ(InstallationVersion("1.2.x.3", "7").components, (std::vector<std::int64_t>{1, 2, 3}));
     EXPECT_EQ(InstallationVersion("1..2", "x").components, (std::vector<std::int64_t>{1, 2}));

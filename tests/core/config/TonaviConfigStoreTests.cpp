@@ -88,9 +88,7 @@ TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
          withDevice, "Nothing in it could be read."},
     };
     for (const auto& c : cases) {
-        for (const auto& entry : fs::directory_iterator(folder.path()))
-            if (entry.is_regular_file())
-                fs::remove(entry.path());
+        testing::removeFiles(folder.path());
         if (c.previous)
             writeText(store.previousURL(), *c.previous);
         writeText(store.configURL(), c.damaged);
@@ -267,6 +265,7 @@ TEST_F(ConfigStoreTest, ExclusiveAccessHoldsTheLockAndRunsWithoutIt) {
     EXPECT_TRUE(ran);
 }
 
+// Only the three settings the user interface owns come from the disk; everything else is memory's.
 TEST_F(ConfigStoreTest, ServiceSaveKeepsTheSettingsTheUserInterfaceOwns) {
     TonaviConfig onDisk = testing::sampleConfig(1);
     onDisk.ui.theme = "from the interface";
