@@ -14,12 +14,7 @@ class SimPropertiesTest : public ::testing::Test {
     SimMachine machine{SimWorld::preset()};
 
     AudioObjectID idOf(const std::string& uid) { return machine.world()->deviceByUID(uid)->id; }
-    AudioObjectID processOf(const std::string& bundleID) {
-        for (const auto& p : machine.world()->processes)
-            if (p.bundleID == bundleID)
-                return p.id;
-        return 0;
-    }
+    AudioObjectID processOf(const std::string& bundleID) { return test::processOf(machine, bundleID); }
     AudioObjectID defaultOutput() {
         std::uint32_t id = 0;
         EXPECT_EQ(machine.get(kAudioObjectSystemObject,

@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
-#include <numbers>
 #include <thread>
 
 #include "SimTestSupport.hpp"
@@ -18,17 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Amplitude of the `frequency` component of `samples`, by correlation with a sine and a cosine.
-double amplitudeAt(const std::vector<float>& samples, double frequency, double rate) {
-    double s = 0, c = 0;
-    for (std::size_t i = 0; i < samples.size(); ++i) {
-        const double phase = 2.0 * std::numbers::pi * frequency * static_cast<double>(i) / rate;
-        s += samples[i] * std::sin(phase);
-        c += samples[i] * std::cos(phase);
-    }
-    return 2.0 * std::sqrt(s * s + c * c) / static_cast<double>(samples.size());
-}
-
 class SimTapTest : public ::testing::Test {
   protected:
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
@@ -37,12 +25,7 @@ class SimTapTest : public ::testing::Test {
     const std::string speakers = "BuiltInSpeakerDevice";
     const std::string usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 
-    AudioObjectID processOf(const std::string& bundleID) {
-        for (const auto& p : machine.world()->processes)
-            if (p.bundleID == bundleID)
-                return p.id;
-        return 0;
-    }
+    AudioObjectID processOf(const std::string& bundleID) { return test::processOf(machine, bundleID); }
     AudioObjectID makeAggregate(const std::string& uid, std::vector<std::string> subDevices,
                                 const std::string& tapUUID) {
         AggregateDeviceDescription d;
@@ -109,8 +92,8 @@ TEST_F(SimTapTest, TapMutesItsProcessWhileReadAndDeliversItsTone) {
     EXPECT_EQ(cycles, 18);
     ASSERT_EQ(left.size(), 18u * 512u);
     const double expected = std::pow(10.0, -12.0 / 20.0); // Music's tone: 440 Hz at -12 dBFS
-    EXPECT_NEAR(amplitudeAt(left, 440.0, 48000.0), expected, expected * 0.02);
-    EXPECT_LT(amplitudeAt(left, 1000.0, 48000.0), 0.005); // nothing of Safari's tone
+    EXPECT_NEAR(test::amplitudeAt(left.data(), left.size(), 440.0, 48000.0), expected, expected * 0.02);
+    EXPECT_LT(test::amplitudeAt(left.data(), left.size(), 1000.0, 48000.0), 0.005); // nothing of Safari's tone
 
     const auto meter = machine.ioMeter(proc);
     ASSERT_TRUE(meter.has_value());
@@ -180,14 +163,14 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOneDeviceAndStreamUsageHidesTheMicrophone
     clock->advance(20ms);
     EXPECT_EQ(framesSeen, 128u);
     EXPECT_EQ(micWithData, 0);
-    EXPECT_LT(amplitudeAt(tapLeft, 440.0, 48000.0), 1e-6);
+    EXPECT_LT(test::amplitudeAt(tapLeft.data(), tapLeft.size(), 440.0, 48000.0), 1e-6);
 
     // Routed to the headphones, Music reaches the tap and leaves the headphones' direct path.
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.routeProcess("com.apple.Music", usb); }), "");
     EXPECT_TRUE(machine.directlyAudible(usb).empty());
     tapLeft.clear();
     clock->advance(100ms);
-    EXPECT_NEAR(amplitudeAt(tapLeft, 440.0, 48000.0), std::pow(10.0, -12.0 / 20.0), 0.01);
+    EXPECT_NEAR(test::amplitudeAt(tapLeft.data(), tapLeft.size(), 440.0, 48000.0), std::pow(10.0, -12.0 / 20.0), 0.01);
     EXPECT_EQ(machine.deviceStop(aggregate, proc), noErr);
 }
 

@@ -1,20 +1,42 @@
 #pragma once
-// Shared pieces of the platform tests: a listener that records what it
-// heard and on which queue, and a waiter on a condition with a generous time-out.
+// Shared pieces of the platform tests: a tone detector, process lookup on the simulated machine, a
+// listener that records what it heard and on which queue, and a waiter on a condition.
 
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <numbers>
 #include <string>
 #include <vector>
 
 #include "base/Dispatch.hpp"
 #include "platform/AudioHardware.hpp"
+#include "platform/sim/SimMachine.hpp"
 #include "tests/support/TempFolder.hpp"
 
 namespace tonavi::test {
+
+// Amplitude of the `frequency` component of mono samples, by correlation with a sine and a cosine.
+inline double amplitudeAt(const float* samples, std::size_t count, double frequency, double rate) {
+    double s = 0, c = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        const double phase = 2.0 * std::numbers::pi * frequency * static_cast<double>(i) / rate;
+        s += samples[i] * std::sin(phase);
+        c += samples[i] * std::cos(phase);
+    }
+    return count ? 2.0 * std::sqrt(s * s + c * c) / static_cast<double>(count) : 0.0;
+}
+
+// The process object of a running application on a simulated machine, or 0.
+inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID) {
+    for (const auto& p : machine.world()->processes)
+        if (p.bundleID == bundleID)
+            return p.id;
+    return 0;
+}
 
 // Records each delivery: the addresses, and whether it ran on the queue it was registered with.
 class RecordingListener {

@@ -44,7 +44,6 @@ TEST(AutoDuckPolicy, DucksAudibleAppsThatNeitherCaptureNorAreLeftAlone) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(AutoDuckPolicy::ducked(c.audible, c.capturing, leaveAlone), c.ducked);
-    EXPECT_EQ(AutoDuckPolicy::duckDB, -12.0);
 }
 
 TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
