@@ -93,7 +93,8 @@ TEST_F(SimTapTest, TapMutesItsProcessWhileReadAndDeliversItsTone) {
     ASSERT_EQ(left.size(), 18u * 512u);
     const double expected = std::pow(10.0, -12.0 / 20.0); // Music's tone: 440 Hz at -12 dBFS
     EXPECT_NEAR(test::amplitudeAt(left.data(), left.size(), 440.0, 48000.0), expected, expected * 0.02);
-    EXPECT_LT(test::amplitudeAt(left.data(), left.size(), 1000.0, 48000.0), 0.005); // nothing of Safari's tone
+    EXPECT_LT(test::amplitudeAt(left.data(), left.size(), 1000.0, 48000.0),
+              0.005); // nothing of Safari's tone
 
     const auto meter = machine.ioMeter(proc);
     ASSERT_TRUE(meter.has_value());
@@ -170,7 +171,8 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOneDeviceAndStreamUsageHidesTheMicrophone
     EXPECT_TRUE(machine.directlyAudible(usb).empty());
     tapLeft.clear();
     clock->advance(100ms);
-    EXPECT_NEAR(test::amplitudeAt(tapLeft.data(), tapLeft.size(), 440.0, 48000.0), std::pow(10.0, -12.0 / 20.0), 0.01);
+    EXPECT_NEAR(test::amplitudeAt(tapLeft.data(), tapLeft.size(), 440.0, 48000.0),
+                std::pow(10.0, -12.0 / 20.0), 0.01);
     EXPECT_EQ(machine.deviceStop(aggregate, proc), noErr);
 }
 

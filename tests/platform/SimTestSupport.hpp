@@ -3,8 +3,8 @@
 // listener that records what it heard and on which queue, and a waiter on a condition.
 
 #include <atomic>
-#include <cmath>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <functional>
 #include <mutex>

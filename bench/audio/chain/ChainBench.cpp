@@ -3,12 +3,12 @@
 
 #include "audio/chain/RenderChain.hpp"
 #include "audio/effects/EQ10.hpp"
-#include "audio/effects/NoiseSuppressor.hpp"
-#include "audio/effects/SteadyVolume.hpp"
-#include "audio/headphone/HeadphoneEQ.hpp"
 #include "audio/effects/MagicLeveler.hpp"
+#include "audio/effects/NoiseSuppressor.hpp"
 #include "audio/effects/OneKnobCompressor.hpp"
 #include "audio/effects/OverdriveLimiter.hpp"
+#include "audio/effects/SteadyVolume.hpp"
+#include "audio/headphone/HeadphoneEQ.hpp"
 #include "bench/audio/FullChainSettings.hpp"
 
 #include <benchmark/benchmark.h>
@@ -35,7 +35,8 @@ StereoBuffer programme() {
 StereoBuffer tone(double amplitude) {
     StereoBuffer b{};
     for (std::size_t i = 0; i < b.size(); ++i)
-        b[i] = static_cast<float>(amplitude * std::sin(2.0 * 3.141592653589793 * 997.0 * double(i / 2) / kRate));
+        b[i] =
+            static_cast<float>(amplitude * std::sin(2.0 * 3.141592653589793 * 997.0 * double(i / 2) / kRate));
     return b;
 }
 
@@ -93,7 +94,8 @@ BENCHMARK(BM_OverdriveLimiter);
 static void BM_NoiseSuppressor(benchmark::State& state) {
     NoiseSuppressor ns;
     ns.configure(NoiseSuppressorSettings(0.8, true), kRate);
-    runProcessor(state, [&](std::span<float> b) { ns.process(b); }, tone(0.003));
+    runProcessor(
+        state, [&](std::span<float> b) { ns.process(b); }, tone(0.003));
 }
 BENCHMARK(BM_NoiseSuppressor);
 
@@ -101,7 +103,8 @@ BENCHMARK(BM_NoiseSuppressor);
 static void BM_HeadphoneEQ(benchmark::State& state) {
     HeadphoneEQ eq;
     eq.configure(&BundledHeadphoneProfiles::all()[2], kRate, true);
-    runProcessor(state, [&](std::span<float> b) { eq.process(b); }, tone(0.3));
+    runProcessor(
+        state, [&](std::span<float> b) { eq.process(b); }, tone(0.3));
 }
 BENCHMARK(BM_HeadphoneEQ);
 

@@ -272,19 +272,24 @@ TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
         std::function<void()> encode;
     } cases[] = {
         {"outputVolume", status([&](TonaviStatus& s) { s.outputVolume = nan; })},
-        {"apps[0].level", status([](TonaviStatus& s) { s.apps[0].level = std::numeric_limits<float>::infinity(); })},
+        {"apps[0].level",
+         status([](TonaviStatus& s) { s.apps[0].level = std::numeric_limits<float>::infinity(); })},
         {"devices[0].lastUsedAt", status([&](TonaviStatus& s) { s.devices[0].lastUsedAt = -inf; })},
         {"health[0].at", status([&](TonaviStatus& s) { s.health[0].at = nan; })},
         {"timestamp", diagnostics([&](Diagnostics& d) { d.timestamp = inf; })},
         {"config.softMasterPercent", diagnostics([&](Diagnostics& d) { d.config.softMasterPercent = nan; })},
-        {"[0].secondsSinceAudio", [&] { TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}}); }},
+        {"[0].secondsSinceAudio",
+         [&] {
+             TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
+         }},
     };
     TonaviReply unwritable = TonaviReply::success();
     unwritable.status = fullStatus();
     unwritable.status->sampleRate = nan;
-    EXPECT_EQ(decodeReply(encodeReplyOrFailure(unwritable)),
-              TonaviReply::failure("The reply could not be encoded: cannot encode a number that is not finite at "
-                                   "status.sampleRate"));
+    EXPECT_EQ(
+        decodeReply(encodeReplyOrFailure(unwritable)),
+        TonaviReply::failure("The reply could not be encoded: cannot encode a number that is not finite at "
+                             "status.sampleRate"));
 
     for (const auto& c : cases) {
         try {
