@@ -715,7 +715,19 @@ void PipeWireAudioHardware::routeLocked() {
         std::string target;
     };
     std::vector<Move> moves;
+    std::vector<std::uint32_t> stale;
     connection_->read([&](const PipeWireGraph& g) {
+        std::set<std::string> present;
+        for (const auto& [global, n] : g.nodes)
+            if (isOurs(n) && isSink(n) && !n.prop("object.serial").empty())
+                present.insert(n.prop("object.serial"));
+        tapSinkSerials_.insert(present.begin(), present.end());
+        for (const auto& [subject, entries] : g.nodeMetadata) {
+            auto target = entries.find("target.object");
+            if (target != entries.end() && tapSinkSerials_.count(target->second) && !present.count(target->second))
+                stale.push_back(subject);
+        }
+        std::erase_if(tapSinkSerials_, [&](const std::string& serial) { return !present.count(serial); });
         for (auto& [id, tap] : taps_) {
             if (!tap.routing)
                 continue;
@@ -738,6 +750,8 @@ void PipeWireAudioHardware::routeLocked() {
         }
         return 0;
     });
+    for (std::uint32_t node : stale)
+        connection_->setMetadata("default", node, "target.object", nullptr, nullptr);
     for (const auto& m : moves) {
         if (connection_->setMetadata("default", m.node, "target.object", "Spa:Id", m.target.c_str()))
             taps_[m.tap].movedNodes.insert(m.node);
@@ -828,6 +842,8 @@ OSStatus PipeWireAudioHardware::destroyProcessTap(AudioObjectID tapID) {
     unrouteLocked(it->second);
     taps_.erase(it);
     guard.unlock();
+    // Done when the server has handled it: a process that ends right after leaves nothing behind.
+    connection_->roundTrip();
     scheduleDiff();
     return noErr;
 }

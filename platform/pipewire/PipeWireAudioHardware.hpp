@@ -120,6 +120,9 @@ class PipeWireAudioHardware : public AudioHardware,
     std::map<AudioObjectID, Aggregate> aggregates_;
     std::map<AudioDeviceIOProcID, IOProc> procs_;
     std::vector<Listener> listeners_;
+    // object.serial of every tap sink in the graph, whichever process made it: an application left
+    // pointing at one that vanished (its maker was killed) is sent back to its own path.
+    std::set<std::string> tapSinkSerials_;
     AudioDeviceIOProcID nextProcID_ = 1;
 };
 
