@@ -45,15 +45,16 @@ CONF
     export XDG_CONFIG_HOME="$folder/config" XDG_STATE_HOME="$folder/state" XDG_DATA_HOME="$folder/data"
     export DBUS_SESSION_BUS_ADDRESS="unix:path=$folder/run/bus"
     unset PIPEWIRE_REMOTE PULSE_SERVER
-    dbus-daemon --session --nofork --address="$DBUS_SESSION_BUS_ADDRESS" >"$folder/logs/dbus.log" 2>&1 &
+    # Each in a session of its own, so that Ctrl-C reaches only the script, which stops them in order.
+    setsid dbus-daemon --session --nofork --address="$DBUS_SESSION_BUS_ADDRESS" >"$folder/logs/dbus.log" 2>&1 &
     PW_PRIVATE_PIDS+=($!)
     _pw_wait 5 test -S "$folder/run/bus" || { echo "the session bus did not start" >&2; return 1; }
-    pipewire >"$folder/logs/pipewire.log" 2>&1 &
+    setsid pipewire >"$folder/logs/pipewire.log" 2>&1 &
     PW_PRIVATE_PIDS+=($!)
     _pw_wait 5 test -S "$folder/run/pipewire-0" || { echo "pipewire did not start (see $folder/logs)" >&2; return 1; }
-    wireplumber >"$folder/logs/wireplumber.log" 2>&1 &
+    setsid wireplumber >"$folder/logs/wireplumber.log" 2>&1 &
     PW_PRIVATE_PIDS+=($!)
-    pipewire-pulse >"$folder/logs/pipewire-pulse.log" 2>&1 &
+    setsid pipewire-pulse >"$folder/logs/pipewire-pulse.log" 2>&1 &
     PW_PRIVATE_PIDS+=($!)
     _pw_wait 10 _pw_sinks_ready || { echo "the session manager or pipewire-pulse did not come up (see $folder/logs)" >&2; return 1; }
 }
