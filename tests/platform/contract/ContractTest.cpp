@@ -13,6 +13,7 @@
 #include <spawn.h>
 
 #include "ContractRig.hpp"
+#include "platform/pipewire/PipeWireConnection.hpp"
 
 extern char** environ;
 
@@ -405,6 +406,15 @@ TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     // Killed hard, as a crash would: its taps die with it.
     PrivatePipeWireServer::terminate(holder, SIGKILL);
     EXPECT_TRUE(eventually([&] { return rig->heard(output, app); }));
+    // Nothing is left pointing at the dead tap's sink: a process that saw it vanish cleared the target.
+    if (auto* pw = dynamic_cast<PipeWireRig*>(rig.get())) {
+        EXPECT_TRUE(eventually([&]() -> bool {
+            return pw->pipewire().connection().read([](const PipeWireGraph& g) {
+                return std::none_of(g.nodeMetadata.begin(), g.nodeMetadata.end(),
+                                    [](const auto& entry) { return entry.second.count("target.object") > 0; });
+            });
+        }));
+    }
     rig->stopApp(app);
 }
 
