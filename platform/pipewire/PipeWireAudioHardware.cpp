@@ -394,7 +394,8 @@ OSStatus PipeWireAudioHardware::getPropertyDataSize(AudioObjectID object,
         std::lock_guard<std::mutex> guard(stateMutex_);
         auto agg = aggregates_.find(object);
         status = agg == aggregates_.end() ? read(object, address, value)
-                 : address.mScope == kAudioObjectPropertyScopeInput || address.mScope == kAudioObjectPropertyScopeOutput
+                 : address.mScope == kAudioObjectPropertyScopeInput ||
+                         address.mScope == kAudioObjectPropertyScopeOutput
                      ? noErr
                      : kAudioHardwareUnknownPropertyError;
         if (status == noErr)
@@ -724,7 +725,8 @@ void PipeWireAudioHardware::routeLocked() {
         tapSinkSerials_.insert(present.begin(), present.end());
         for (const auto& [subject, entries] : g.nodeMetadata) {
             auto target = entries.find("target.object");
-            if (target != entries.end() && tapSinkSerials_.count(target->second) && !present.count(target->second))
+            if (target != entries.end() && tapSinkSerials_.count(target->second) &&
+                !present.count(target->second))
                 stale.push_back(subject);
         }
         std::erase_if(tapSinkSerials_, [&](const std::string& serial) { return !present.count(serial); });
@@ -898,7 +900,8 @@ OSStatus PipeWireAudioHardware::createIOProcIDWithBlock(AudioObjectID device, Di
                    ? kAudioHardwareUnsupportedOperationError // IO on a plain device is not needed by taps
                    : kAudioHardwareBadObjectError;
     procID = nextProcID_++;
-    procs_.emplace(procID, IOProc{device, std::make_unique<PipeWireIOProc>(*connection_, std::move(block)), {}});
+    procs_.emplace(procID,
+                   IOProc{device, std::make_unique<PipeWireIOProc>(*connection_, std::move(block)), {}});
     return noErr;
 }
 

@@ -102,8 +102,8 @@ class PipeWireAudioHardware : public AudioHardware,
     OSStatus read(AudioObjectID object, const AudioObjectPropertyAddress& a, AudioPropertyValue& v);
     std::size_t inputStreamCountLocked(const Aggregate& agg) const;
     // Stream usage of an IO proc on a tap aggregate: read when `write` is null, else written.
-    OSStatus streamUsageLocked(AudioObjectID object, const AudioObjectPropertyAddress& a, AudioPropertyValue* read,
-                               const AudioPropertyValue* write);
+    OSStatus streamUsageLocked(AudioObjectID object, const AudioObjectPropertyAddress& a,
+                               AudioPropertyValue* read, const AudioPropertyValue* write);
     OSStatus writeVolume(const PipeWireGraph::Node& node, const AudioObjectPropertyAddress& a, float scalar);
     void scheduleDiff();
     void diffAndRoute(); // listener queue

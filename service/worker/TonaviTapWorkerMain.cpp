@@ -13,8 +13,8 @@
 #include <csignal>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <semaphore>
 #include <sys/prctl.h>

@@ -46,8 +46,10 @@ constexpr double bass = 120, treble = 4000, high = 880;
 class MonitorRecording {
   public:
     explicit MonitorRecording(const std::string& sink) {
-        const std::vector<std::string> argv = {"parec", "--latency-msec=10", "--device=" + sink + ".monitor",
-                                               "--raw", "--format=float32le", "--rate=48000", "--channels=1"};
+        const std::vector<std::string> argv = {
+            "parec",       "--latency-msec=10",  "--device=" + sink + ".monitor",
+            "--raw",       "--format=float32le", "--rate=48000",
+            "--channels=1"};
         std::vector<char*> args;
         for (const auto& a : argv)
             args.push_back(const_cast<char*>(a.c_str()));
@@ -98,7 +100,8 @@ class MonitorRecording {
         std::lock_guard guard(lock_);
         std::vector<double> out;
         for (double f : frequencies)
-            out.push_back(samples_.size() >= from + count ? levelAt(samples_.data() + from, count, f, rate) : -120);
+            out.push_back(samples_.size() >= from + count ? levelAt(samples_.data() + from, count, f, rate)
+                                                          : -120);
         return out;
     }
     // Measures until the levels satisfy `wanted` or the time runs out; the last levels either way.
@@ -114,7 +117,8 @@ class MonitorRecording {
     // Seconds from `from` to the end of the first 50 ms window (10 ms steps) recorded after it in
     // which the frequency's level satisfies `wanted`; nullopt when none does within the time-out.
     std::optional<double> secondsUntil(Clock::time_point from, double frequency,
-                                       const std::function<bool(double)>& wanted, std::chrono::seconds timeout) {
+                                       const std::function<bool(double)>& wanted,
+                                       std::chrono::seconds timeout) {
         std::size_t at = 0;
         {
             std::lock_guard guard(lock_);
@@ -169,7 +173,8 @@ std::vector<pid_t> workersOf(pid_t parent) {
         std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid);
         std::ifstream cmdFile(entry.path() / "cmdline");
         const std::string cmdline((std::istreambuf_iterator<char>(cmdFile)), {});
-        if (state != 'Z' && (parent == 0 || ppid == parent) && cmdline.find("--tonavi-tap-worker") != std::string::npos)
+        if (state != 'Z' && (parent == 0 || ppid == parent) &&
+            cmdline.find("--tonavi-tap-worker") != std::string::npos)
             out.push_back(std::stoi(name));
     }
     return out;
@@ -282,7 +287,8 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     // Low is configured at half volume before it plays: its first sound is direct, then its tap takes over.
     const auto started = Clock::now();
     play("org.tonavi.Low", "Low", "120+4000");
-    const auto firstSound = speakers.secondsUntil(started, treble, [](double l) { return l > -40; }, 5s);
+    const auto firstSound = speakers.secondsUntil(
+        started, treble, [](double l) { return l > -40; }, 5s);
     const auto live = speakers.secondsUntil(
         started, treble, [&](double l) { return l > -40 && l < reference - 11; }, 10s);
     ASSERT_TRUE(firstSound && live);
@@ -294,13 +300,15 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     service.signal(SIGSTOP);
     const auto killed = Clock::now();
     ::kill(workers[0], SIGKILL);
-    const auto direct = speakers.secondsUntil(killed, treble, [&](double l) { return l > reference - 1.5; }, 3s);
+    const auto direct = speakers.secondsUntil(
+        killed, treble, [&](double l) { return l > reference - 1.5; }, 3s);
     service.signal(SIGCONT);
     ASSERT_TRUE(direct.has_value()) << "Low never came back on its own path";
     EXPECT_LT(*direct, 1.0);
     std::cout << "worker killed to direct path: " << *direct * 1000 << " ms\n";
     // Running again, the service taps it again.
-    EXPECT_LT(speakers.settle({treble}, [&](const auto& l) { return l[0] < reference - 11; })[0], reference - 11);
+    EXPECT_LT(speakers.settle({treble}, [&](const auto& l) { return l[0] < reference - 11; })[0],
+              reference - 11);
 
     const auto replacements = workersOf(service.pid);
     ASSERT_EQ(replacements.size(), 1u);
@@ -322,7 +330,8 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
         3000ms);
     EXPECT_TRUE(clean) << "a tap sink, IO stream or target outlived the service";
     EXPECT_TRUE(waitUntil([&] { return !alive(replacements[0]); }, 3s)) << "the worker outlived the service";
-    EXPECT_NEAR(speakers.settle({treble}, [&](const auto& l) { return l[0] > reference - 1; })[0], reference, 1.0);
+    EXPECT_NEAR(speakers.settle({treble}, [&](const auto& l) { return l[0] > reference - 1; })[0], reference,
+                1.0);
 }
 
 } // namespace

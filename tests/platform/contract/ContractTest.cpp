@@ -330,7 +330,8 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     AudioDeviceIOProcID proc = 0;
     ASSERT_EQ(audio().createIOProcIDWithBlock(device, &queue, probe.block(), proc), noErr);
     // Only the tap's stream is read, as the tap provider asks: every other input switched off.
-    const auto usageAddress = scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput);
+    const auto usageAddress =
+        scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput);
     AudioHardwareIOProcStreamUsage usage{proc, {}};
     ASSERT_EQ(audio().get(device, usageAddress, usage), noErr);
     EXPECT_EQ(usage.mStreamIsOn, std::vector<std::uint32_t>(inputs.channelsPerBuffer.size(), 1));
@@ -410,8 +411,9 @@ TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     if (auto* pw = dynamic_cast<PipeWireRig*>(rig.get())) {
         EXPECT_TRUE(eventually([&]() -> bool {
             return pw->pipewire().connection().read([](const PipeWireGraph& g) {
-                return std::none_of(g.nodeMetadata.begin(), g.nodeMetadata.end(),
-                                    [](const auto& entry) { return entry.second.count("target.object") > 0; });
+                return std::none_of(g.nodeMetadata.begin(), g.nodeMetadata.end(), [](const auto& entry) {
+                    return entry.second.count("target.object") > 0;
+                });
             });
         }));
     }

@@ -1,7 +1,8 @@
 // A small PipeWire application for the platform tests: plays a stereo sine until it is killed,
 // with the application properties it is given. Several frequencies joined by '+' play together,
 // each at the level.
-//   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1] [target node]
+//   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1] [target
+//   node]
 
 #include <cmath>
 #include <csignal>
@@ -38,8 +39,9 @@ void process(void* data) {
         double v = 0;
         for (std::size_t k = 0; k < tone.frequencies.size(); ++k) {
             v += tone.level * std::sin(tone.phases[k]);
-            tone.phases[k] = std::fmod(tone.phases[k] + 2.0 * std::numbers::pi * tone.frequencies[k] / 48000.0,
-                                       2.0 * std::numbers::pi);
+            tone.phases[k] =
+                std::fmod(tone.phases[k] + 2.0 * std::numbers::pi * tone.frequencies[k] / 48000.0,
+                          2.0 * std::numbers::pi);
         }
         samples[2 * i] = static_cast<float>(v);
         samples[2 * i + 1] = static_cast<float>(v);
