@@ -314,6 +314,7 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     ASSERT_EQ(replacements.size(), 1u);
     service.signal(SIGKILL);
     EXPECT_EQ(service.wait(5s), std::optional<int>(128 + SIGKILL));
+    service.pid = -1; // reaped: nothing for the tear-down to stop
     PipeWireConnection graph;
     std::string error;
     ASSERT_TRUE(graph.start(error)) << error;
