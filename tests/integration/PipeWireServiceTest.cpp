@@ -318,8 +318,11 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     PipeWireConnection graph;
     std::string error;
     ASSERT_TRUE(graph.start(error)) << error;
+    ASSERT_TRUE(graph.roundTrip()); // the metadata's entries are in
     const bool clean = graph.waitUntil(
         [](const PipeWireGraph& g) {
+            if (g.defaultNodeName("default.audio.sink").empty())
+                return false;
             for (const auto& [id, node] : g.nodes)
                 if (node.prop("node.name").rfind("tonavi.", 0) == 0)
                     return false;
