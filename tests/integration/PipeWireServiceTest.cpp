@@ -104,14 +104,24 @@ class MonitorRecording {
                                                           : -120);
         return out;
     }
-    // Measures until the levels satisfy `wanted` or the time runs out; the last levels either way.
+    // Measures until two measurements in a row satisfy `wanted` and agree within 0.3 dB (a change in
+    // progress does neither), or the time runs out; the last levels either way.
     std::vector<double> settle(const std::vector<double>& frequencies,
                                const std::function<bool(const std::vector<double>&)>& wanted,
-                               std::chrono::milliseconds timeout = 5s) {
+                               std::chrono::milliseconds timeout = 10s) {
         const auto deadline = Clock::now() + timeout;
+        auto before = levels(frequencies);
         auto now = levels(frequencies);
-        while (!wanted(now) && Clock::now() < deadline)
+        auto steady = [&] {
+            for (std::size_t i = 0; i < now.size(); ++i)
+                if (std::abs(now[i] - before[i]) > 0.3)
+                    return false;
+            return wanted(before) && wanted(now);
+        };
+        while (!steady() && Clock::now() < deadline) {
+            before = now;
             now = levels(frequencies);
+        }
         return now;
     }
     // Seconds from `from` to the end of the first 50 ms window (10 ms steps) recorded after it in
