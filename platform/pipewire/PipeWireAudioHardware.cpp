@@ -373,6 +373,10 @@ OSStatus PipeWireAudioHardware::read(AudioObjectID object, const AudioObjectProp
 OSStatus PipeWireAudioHardware::getPropertyData(AudioObjectID object,
                                                 const AudioObjectPropertyAddress& address,
                                                 AudioPropertyValue& value) {
+    if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
+        std::lock_guard<std::mutex> guard(stateMutex_);
+        return streamUsageLocked(object, address, &value, nullptr);
+    }
     AudioPropertyValue out;
     const OSStatus status = read(object, address, out);
     if (status == noErr)
@@ -384,19 +388,49 @@ OSStatus PipeWireAudioHardware::getPropertyDataSize(AudioObjectID object,
                                                     const AudioObjectPropertyAddress& address,
                                                     std::uint32_t& size) {
     AudioPropertyValue value;
-    const OSStatus status = read(object, address, value);
+    OSStatus status;
+    if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
+        // Sized by the streams of the scope; no proc is needed for that.
+        std::lock_guard<std::mutex> guard(stateMutex_);
+        auto agg = aggregates_.find(object);
+        status = agg == aggregates_.end() ? read(object, address, value)
+                 : address.mScope == kAudioObjectPropertyScopeInput ||
+                         address.mScope == kAudioObjectPropertyScopeOutput
+                     ? noErr
+                     : kAudioHardwareUnknownPropertyError;
+        if (status == noErr)
+            value = AudioHardwareIOProcStreamUsage{
+                0, std::vector<std::uint32_t>(address.mScope == kAudioObjectPropertyScopeInput
+                                                  ? inputStreamCountLocked(agg->second)
+                                                  : 1,
+                                              0)};
+    } else {
+        status = read(object, address, value);
+    }
     if (status == noErr)
         size = sizeOf(value);
     return status;
 }
 
 bool PipeWireAudioHardware::hasProperty(AudioObjectID object, const AudioObjectPropertyAddress& address) {
+    if (address.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
+        std::lock_guard<std::mutex> guard(stateMutex_);
+        return aggregates_.count(object) && (address.mScope == kAudioObjectPropertyScopeInput ||
+                                             address.mScope == kAudioObjectPropertyScopeOutput);
+    }
     AudioPropertyValue value;
     return read(object, address, value) == noErr;
 }
 
 OSStatus PipeWireAudioHardware::isPropertySettable(AudioObjectID object, const AudioObjectPropertyAddress& a,
                                                    bool& settable) {
+    if (a.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
+        std::unique_lock<std::mutex> guard(stateMutex_);
+        if (aggregates_.count(object)) {
+            settable = true;
+            return noErr;
+        }
+    }
     AudioPropertyValue value;
     if (const OSStatus status = read(object, a, value); status != noErr)
         return status;
@@ -454,6 +488,11 @@ OSStatus PipeWireAudioHardware::writeVolume(const PipeWireGraph::Node& node,
 
 OSStatus PipeWireAudioHardware::setPropertyData(AudioObjectID object, const AudioObjectPropertyAddress& a,
                                                 const AudioPropertyValue& value) {
+    if (a.mSelector == kAudioDevicePropertyIOProcStreamUsage) {
+        std::unique_lock<std::mutex> guard(stateMutex_);
+        if (aggregates_.count(object))
+            return streamUsageLocked(object, a, nullptr, &value);
+    }
     bool canSet = false;
     if (const OSStatus status = isPropertySettable(object, a, canSet); status != noErr)
         return status;
@@ -622,6 +661,52 @@ void PipeWireAudioHardware::diffAndRoute() {
     routeLocked();
 }
 
+std::size_t PipeWireAudioHardware::inputStreamCountLocked(const Aggregate& agg) const {
+    std::size_t count = 0;
+    for (const auto& sub : agg.description.taps)
+        count += static_cast<std::size_t>(std::count_if(
+            taps_.begin(), taps_.end(), [&](const auto& t) { return t.second.description.uuid == sub.uid; }));
+    return count;
+}
+
+OSStatus PipeWireAudioHardware::streamUsageLocked(AudioObjectID object, const AudioObjectPropertyAddress& a,
+                                                  AudioPropertyValue* read, const AudioPropertyValue* write) {
+    auto agg = aggregates_.find(object);
+    if (agg == aggregates_.end()) {
+        // Plain devices run no IO procs here: the property does not exist on them.
+        AudioPropertyValue ignored;
+        const OSStatus status = this->read(object, globalAddress(kAudioDevicePropertyDeviceUID), ignored);
+        return status == noErr ? kAudioHardwareUnknownPropertyError : status;
+    }
+    const bool input = a.mScope == kAudioObjectPropertyScopeInput;
+    if (!input && a.mScope != kAudioObjectPropertyScopeOutput)
+        return kAudioHardwareUnknownPropertyError;
+    const auto* usage = std::get_if<AudioHardwareIOProcStreamUsage>(read ? read : write);
+    if (!usage)
+        return kAudioHardwareBadPropertySizeError;
+    auto proc = procs_.find(usage->mIOProc);
+    if (proc == procs_.end() || proc->second.device != object)
+        return kAudioHardwareIllegalOperationError;
+    // Inputs are the taps' streams, the output the main device's one stream; only inputs can be
+    // switched off (the output is what the proc plays).
+    const std::size_t streams = input ? inputStreamCountLocked(agg->second) : 1;
+    if (read) {
+        std::vector<std::uint32_t> flags(streams, 1);
+        if (input)
+            for (std::size_t i = 0; i < streams && i < proc->second.inputUsage.size(); ++i)
+                flags[i] = proc->second.inputUsage[i] != 0 ? 1 : 0;
+        *read = AudioHardwareIOProcStreamUsage{usage->mIOProc, std::move(flags)};
+        return noErr;
+    }
+    if (usage->mStreamIsOn.size() != streams)
+        return kAudioHardwareBadPropertySizeError;
+    if (input)
+        proc->second.inputUsage = usage->mStreamIsOn;
+    else if (usage->mStreamIsOn[0] == 0)
+        return kAudioHardwareIllegalOperationError;
+    return noErr;
+}
+
 // ---- taps ----
 
 void PipeWireAudioHardware::routeLocked() {
@@ -631,7 +716,20 @@ void PipeWireAudioHardware::routeLocked() {
         std::string target;
     };
     std::vector<Move> moves;
+    std::vector<std::uint32_t> stale;
     connection_->read([&](const PipeWireGraph& g) {
+        std::set<std::string> present;
+        for (const auto& [global, n] : g.nodes)
+            if (isOurs(n) && isSink(n) && !n.prop("object.serial").empty())
+                present.insert(n.prop("object.serial"));
+        tapSinkSerials_.insert(present.begin(), present.end());
+        for (const auto& [subject, entries] : g.nodeMetadata) {
+            auto target = entries.find("target.object");
+            if (target != entries.end() && tapSinkSerials_.count(target->second) &&
+                !present.count(target->second))
+                stale.push_back(subject);
+        }
+        std::erase_if(tapSinkSerials_, [&](const std::string& serial) { return !present.count(serial); });
         for (auto& [id, tap] : taps_) {
             if (!tap.routing)
                 continue;
@@ -654,6 +752,8 @@ void PipeWireAudioHardware::routeLocked() {
         }
         return 0;
     });
+    for (std::uint32_t node : stale)
+        connection_->setMetadata("default", node, "target.object", nullptr, nullptr);
     for (const auto& m : moves) {
         if (connection_->setMetadata("default", m.node, "target.object", "Spa:Id", m.target.c_str()))
             taps_[m.tap].movedNodes.insert(m.node);
@@ -744,6 +844,8 @@ OSStatus PipeWireAudioHardware::destroyProcessTap(AudioObjectID tapID) {
     unrouteLocked(it->second);
     taps_.erase(it);
     guard.unlock();
+    // Done when the server has handled it: a process that ends right after leaves nothing behind.
+    connection_->roundTrip();
     scheduleDiff();
     return noErr;
 }
@@ -798,7 +900,8 @@ OSStatus PipeWireAudioHardware::createIOProcIDWithBlock(AudioObjectID device, Di
                    ? kAudioHardwareUnsupportedOperationError // IO on a plain device is not needed by taps
                    : kAudioHardwareBadObjectError;
     procID = nextProcID_++;
-    procs_.emplace(procID, IOProc{device, std::make_unique<PipeWireIOProc>(*connection_, std::move(block))});
+    procs_.emplace(procID,
+                   IOProc{device, std::make_unique<PipeWireIOProc>(*connection_, std::move(block)), {}});
     return noErr;
 }
 
@@ -844,7 +947,7 @@ OSStatus PipeWireAudioHardware::deviceStart(AudioObjectID device, AudioDeviceIOP
     // The IO stream is scheduled with the first tap's sink, so both run in the same cycle.
     target.group = sinks.front()->group();
     std::string why;
-    if (!it->second.io->start(target, sinks, why)) {
+    if (!it->second.io->start(target, sinks, it->second.inputUsage, why)) {
         Log::info("pipewire: IO not started: " + why);
         return kAudioHardwareUnspecifiedError;
     }

@@ -83,6 +83,7 @@ class PipeWireAudioHardware : public AudioHardware,
     struct IOProc {
         AudioObjectID device = 0;
         std::unique_ptr<PipeWireIOProc> io;
+        std::vector<std::uint32_t> inputUsage; // per tap stream, 1 on; empty: all on
     };
     struct Listener {
         AudioObjectID object;
@@ -99,6 +100,10 @@ class PipeWireAudioHardware : public AudioHardware,
     OSStatus readAggregateLocked(const PipeWireGraph& g, const Aggregate& agg,
                                  const AudioObjectPropertyAddress& a, AudioPropertyValue& v) const;
     OSStatus read(AudioObjectID object, const AudioObjectPropertyAddress& a, AudioPropertyValue& v);
+    std::size_t inputStreamCountLocked(const Aggregate& agg) const;
+    // Stream usage of an IO proc on a tap aggregate: read when `write` is null, else written.
+    OSStatus streamUsageLocked(AudioObjectID object, const AudioObjectPropertyAddress& a,
+                               AudioPropertyValue* read, const AudioPropertyValue* write);
     OSStatus writeVolume(const PipeWireGraph::Node& node, const AudioObjectPropertyAddress& a, float scalar);
     void scheduleDiff();
     void diffAndRoute(); // listener queue
@@ -115,6 +120,9 @@ class PipeWireAudioHardware : public AudioHardware,
     std::map<AudioObjectID, Aggregate> aggregates_;
     std::map<AudioDeviceIOProcID, IOProc> procs_;
     std::vector<Listener> listeners_;
+    // object.serial of every tap sink in the graph, whichever process made it: an application left
+    // pointing at one that vanished (its maker was killed) is sent back to its own path.
+    std::set<std::string> tapSinkSerials_;
     AudioDeviceIOProcID nextProcID_ = 1;
 };
 

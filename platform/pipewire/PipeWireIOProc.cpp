@@ -55,10 +55,12 @@ void PipeWireIOProc::process(void* data) {
         auto& data = self.inputData_[i];
         const std::uint32_t channels = self.taps_[i]->channels();
         std::uint32_t copied = 0;
+        const bool on = self.inputBuffers_[i].mData != nullptr;
         if (pw_stream* capture = self.taps_[i]->stream()) {
+            // A stream switched off is still drained, so that its sink never backs up.
             if (pw_buffer* in = newestBuffer(capture)) {
                 const spa_data& id = in->buffer->datas[0];
-                if (id.data && id.chunk) {
+                if (on && id.data && id.chunk) {
                     const std::uint32_t offset = std::min(id.chunk->offset, id.maxsize);
                     const std::uint32_t bytes = std::min(id.chunk->size, id.maxsize - offset);
                     copied = std::min(frames, bytes / (channels * static_cast<std::uint32_t>(sizeof(float))));
@@ -70,6 +72,8 @@ void PipeWireIOProc::process(void* data) {
                 self.lateInputs_.fetch_add(1, std::memory_order_relaxed);
             }
         }
+        if (!on)
+            continue;
         std::fill(data.begin() + copied * channels, data.begin() + frames * channels, 0.0f);
         self.inputBuffers_[i].mDataByteSize = frames * channels * sizeof(float);
     }
@@ -93,7 +97,8 @@ void PipeWireIOProc::process(void* data) {
     self.cycles_.fetch_add(1, std::memory_order_relaxed);
 }
 
-bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>& taps, std::string& error) {
+bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>& taps,
+                           const std::vector<std::uint32_t>& inputUsage, std::string& error) {
     if (stream_)
         return true;
     taps_ = taps;
@@ -107,7 +112,8 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
         inputBuffers_.push_back(AudioBuffer{tap->channels(), 0, nullptr});
     }
     for (std::size_t i = 0; i < taps_.size(); ++i)
-        inputBuffers_[i].mData = inputData_[i].data();
+        if (i >= inputUsage.size() || inputUsage[i] != 0)
+            inputBuffers_[i].mData = inputData_[i].data();
     outputBuffer_ = AudioBuffer{outputChannels_, 0, nullptr};
     sampleTime_ = 0;
     nodeName_ = target.group + ".io";

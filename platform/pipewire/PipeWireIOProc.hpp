@@ -34,8 +34,10 @@ class PipeWireIOProc {
     PipeWireIOProc(const PipeWireIOProc&) = delete;
     PipeWireIOProc& operator=(const PipeWireIOProc&) = delete;
 
-    // Taps are read in order, one input buffer each; they must outlive the running proc.
-    bool start(const Target& target, const std::vector<PipeWireTap*>& taps, std::string& error);
+    // Taps are read in order, one input buffer each; they must outlive the running proc. A tap whose
+    // usage flag is 0 gives an input buffer without data (no flags: all on).
+    bool start(const Target& target, const std::vector<PipeWireTap*>& taps,
+               const std::vector<std::uint32_t>& inputUsage, std::string& error);
     void stop();
     bool isRunning() const { return stream_ != nullptr; }
     std::uint64_t cycles() const { return cycles_.load(std::memory_order_relaxed); }

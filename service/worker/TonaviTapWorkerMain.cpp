@@ -12,7 +12,9 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <semaphore>
 #include <sys/prctl.h>
@@ -56,14 +58,36 @@ double secondsSince1970() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
+// How the worker ends once its tap exists: the tap is released first, so that the application is
+// not left pointing at a sink that dies with us. Whoever ends the worker first (the stop message, the
+// end of input, the parent's death) takes the lock for good; the others wait there for the end.
+std::mutex leaveLock;
+std::mutex releaseLock;
+std::function<void()> releaseTap; // guarded by releaseLock; empty until the tap exists
+
+[[noreturn]] void leave(int status) {
+    leaveLock.lock();
+    // A release that hangs must not keep the worker alive: the alarm's default action ends it.
+    ::alarm(2);
+    std::function<void()> release;
+    {
+        std::lock_guard guard(releaseLock);
+        release = releaseTap;
+    }
+    if (release)
+        release();
+    _exit(status);
+}
+
 // The parent watch. The kernel's parent-death signal reaches us even when the parent is killed
 // outright; it is also sent when merely the thread that started us ends, so the handler checks that
-// the parent really changed before it ends the process. The exit source is the second, slower path.
+// the parent really changed. The exit source releases the tap and ends the process; the signal only
+// arms the alarm, in case the exit source never gets to run.
 pid_t watchedParent = 0;
 
 extern "C" void onParentDeathSignal(int) {
     if (::getppid() != watchedParent)
-        _exit(exitNormal);
+        ::alarm(2);
 }
 
 std::unique_ptr<ProcessExitSource> watchParent(pid_t parent) {
@@ -75,7 +99,7 @@ std::unique_ptr<ProcessExitSource> watchParent(pid_t parent) {
     ::sigaction(SIGUSR2, &action, nullptr);
     ::prctl(PR_SET_PDEATHSIG, SIGUSR2);
     auto source = std::make_unique<ProcessExitSource>(parent, DispatchQueue::global(QoS::userInitiated),
-                                                      [] { _exit(exitNormal); });
+                                                      [] { leave(exitNormal); });
     source->resume();
     // Gone between the first look and the watch: neither would fire any more.
     if (::getppid() != parent)
@@ -164,6 +188,11 @@ int run(const std::string& bundleID, const std::string& routeUID) {
         return exitNoTap;
     }
 
+    {
+        std::lock_guard guard(releaseLock);
+        releaseTap = [provider, handle] { provider->destroyTap(handle); };
+    }
+
     // Sent before plug-ins load, so the service's wait does not include their loading.
     writer.send(readyEvent(*provider, *handle));
     renderer.load()->enableAudioUnits();
@@ -208,9 +237,8 @@ int run(const std::string& bundleID, const std::string& routeUID) {
 
     stopped.acquire();
     metrics.cancel();
-    provider->destroyTap(handle);
     parentWatch->cancel();
-    return exitNormal;
+    leave(exitNormal);
 }
 
 void runIfRequested(int argc, char** argv) {

@@ -15,6 +15,7 @@
 
 #include "../SimTestSupport.hpp"
 #include "PrivatePipeWireServer.hpp"
+#include "ToneLevel.hpp"
 #include "platform/pipewire/PipeWireAudioHardware.hpp"
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorldFile.hpp"

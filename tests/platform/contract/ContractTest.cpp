@@ -14,6 +14,7 @@
 #include <spawn.h>
 
 #include "ContractRig.hpp"
+#include "platform/pipewire/PipeWireConnection.hpp"
 
 extern char** environ;
 
@@ -336,6 +337,17 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     IOProbe probe;
     AudioDeviceIOProcID proc = 0;
     ASSERT_EQ(audio().createIOProcIDWithBlock(device, &queue, probe.block(), proc), noErr);
+    // Only the tap's stream is read, as the tap provider asks: every other input switched off.
+    const auto usageAddress =
+        scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput);
+    AudioHardwareIOProcStreamUsage usage{proc, {}};
+    ASSERT_EQ(audio().get(device, usageAddress, usage), noErr);
+    EXPECT_EQ(usage.mStreamIsOn, std::vector<std::uint32_t>(inputs.channelsPerBuffer.size(), 1));
+    usage.mStreamIsOn.push_back(1);
+    EXPECT_EQ(audio().set(device, usageAddress, usage), kAudioHardwareBadPropertySizeError);
+    usage.mStreamIsOn.assign(inputs.channelsPerBuffer.size(), 0);
+    usage.mStreamIsOn.back() = 1;
+    EXPECT_EQ(audio().set(device, usageAddress, usage), noErr);
     ASSERT_EQ(audio().deviceStart(device, proc), noErr);
     EXPECT_TRUE(eventually([&] { return probe.loudCycles.load() >= 20; }));
     // The block passes the tap on, so the device still plays the app, now through the IO proc; the
@@ -347,13 +359,19 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     IOProbe silent;
     ASSERT_EQ(audio().createIOProcIDWithBlock(
                   device, &queue,
-                  [&silent](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {
+                  [&silent](const AudioBufferList& input, AudioBufferList&, const AudioTimeStamp&) {
                       silent.cycles.fetch_add(1);
+                      if (!input.mBuffers.empty() && input.mBuffers.back().mData)
+                          silent.loudCycles.fetch_add(1);
                   },
                   proc),
               noErr);
+    // With the tap's stream switched off too, the block gets no data at all.
+    usage = {proc, std::vector<std::uint32_t>(inputs.channelsPerBuffer.size(), 0)};
+    EXPECT_EQ(audio().set(device, usageAddress, usage), noErr);
     ASSERT_EQ(audio().deviceStart(device, proc), noErr);
     EXPECT_TRUE(eventually([&] { return silent.cycles.load() >= 20 && !rig->heard(output, app); }));
+    EXPECT_EQ(silent.loudCycles.load(), 0);
     EXPECT_TRUE(rig->heard(output, other));
 
     ASSERT_EQ(audio().deviceStop(device, proc), noErr);
@@ -397,6 +415,16 @@ TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     // Killed hard, as a crash would: its taps die with it.
     PrivatePipeWireServer::terminate(holder, SIGKILL);
     EXPECT_TRUE(eventually([&] { return rig->heard(output, app); }));
+    // Nothing is left pointing at the dead tap's sink: a process that saw it vanish cleared the target.
+    if (auto* pw = dynamic_cast<PipeWireRig*>(rig.get())) {
+        EXPECT_TRUE(eventually([&]() -> bool {
+            return pw->pipewire().connection().read([](const PipeWireGraph& g) {
+                return std::none_of(g.nodeMetadata.begin(), g.nodeMetadata.end(), [](const auto& entry) {
+                    return entry.second.count("target.object") > 0;
+                });
+            });
+        }));
+    }
     rig->stopApp(app);
 }
 

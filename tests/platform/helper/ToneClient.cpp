@@ -1,12 +1,15 @@
 // A small PipeWire application for the platform tests: plays a stereo sine until it is killed,
-// with the application properties it is given.
-//   platform_tone_client <application.id> <application.name> <frequency Hz> [level 0..1] [target node]
+// with the application properties it is given. Several frequencies joined by '+' play together,
+// each at the level.
+//   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1] [target
+//   node]
 
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <numbers>
 #include <string>
+#include <vector>
 
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
@@ -15,9 +18,9 @@ namespace {
 struct Tone {
     pw_main_loop* loop = nullptr;
     pw_stream* stream = nullptr;
-    double frequency = 440;
+    std::vector<double> frequencies;
+    std::vector<double> phases;
     double level = 0.5;
-    double phase = 0;
 };
 
 void process(void* data) {
@@ -32,12 +35,16 @@ void process(void* data) {
     std::uint32_t frames = d.maxsize / (2 * sizeof(float));
     if (b->requested)
         frames = std::min<std::uint32_t>(frames, static_cast<std::uint32_t>(b->requested));
-    const double step = 2.0 * std::numbers::pi * tone.frequency / 48000.0;
     for (std::uint32_t i = 0; i < frames; ++i) {
-        const float v = static_cast<float>(tone.level * std::sin(tone.phase));
-        samples[2 * i] = v;
-        samples[2 * i + 1] = v;
-        tone.phase = std::fmod(tone.phase + step, 2.0 * std::numbers::pi);
+        double v = 0;
+        for (std::size_t k = 0; k < tone.frequencies.size(); ++k) {
+            v += tone.level * std::sin(tone.phases[k]);
+            tone.phases[k] =
+                std::fmod(tone.phases[k] + 2.0 * std::numbers::pi * tone.frequencies[k] / 48000.0,
+                          2.0 * std::numbers::pi);
+        }
+        samples[2 * i] = static_cast<float>(v);
+        samples[2 * i + 1] = static_cast<float>(v);
     }
     d.chunk->offset = 0;
     d.chunk->stride = 2 * sizeof(float);
@@ -57,7 +64,14 @@ int main(int argc, char** argv) {
         return 64;
     pw_init(&argc, &argv);
     Tone tone;
-    tone.frequency = std::atof(argv[3]);
+    for (const char* f = argv[3]; *f;) {
+        char* end = nullptr;
+        tone.frequencies.push_back(std::strtod(f, &end));
+        if (end == f)
+            return 64;
+        f = *end == '+' ? end + 1 : end;
+    }
+    tone.phases.assign(tone.frequencies.size(), 0.0);
     tone.level = argc > 4 ? std::atof(argv[4]) : 0.5;
     tone.loop = pw_main_loop_new(nullptr);
     running = &tone;

@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Figures of the service on a private PipeWire server, printed for the record:
+#   - the latency PipeWire reports for a tapped application's nodes (its tap sink and IO stream);
+#   - CPU of the tap worker at quantum 256, from /proc/<pid>/stat over 20 s;
+#   - tonavictl status with 30 applications playing.
+# Assumes a built tree (build/); takes about a minute.
+set -euo pipefail
+here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+root="$(cd "$here/../.." && pwd)"
+source "$here/private-pipewire.sh"
+bin="$root/build/bin"
+tone="$root/build/tests/platform_tone_client"
+
+folder="$(mktemp -d /tmp/tonavi-pipewire-figures-XXXXXX)"
+pids=()
+cleanup() {
+    for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true; done
+    pw_private_stop
+    rm -rf "$folder"
+}
+trap cleanup EXIT
+pw_private_start "$folder"
+export HOME="$folder/home"
+mkdir -p "$HOME" "$XDG_DATA_HOME/Tonavi"
+{
+    printf '{"apps":[{"id":"org.tonavi.fig.App0","displayName":"App0","volume":0.5}'
+    for i in $(seq 1 29); do printf ',{"id":"org.tonavi.fig.App%d","displayName":"App%d"}' "$i" "$i"; done
+    printf ']}\n'
+} >"$XDG_DATA_HOME/Tonavi/state.json"
+
+pw-metadata -n settings 0 clock.force-quantum 256 >/dev/null
+setsid "$tone" org.tonavi.fig.App0 App0 440 0.25 >/dev/null 2>&1 &
+pids+=($!)
+TONAVI_AUDIO_BACKEND=pipewire setsid "$bin/tonavi-service" >/dev/null 2>&1 &
+service=$!
+pids=("$service" "${pids[@]}")
+_pw_wait 20 "$bin/tonavictl" ping
+_pw_wait 10 pgrep -P "$service" -f -- --tonavi-tap-worker
+worker="$(pgrep -P "$service" -f -- --tonavi-tap-worker)"
+sleep 1
+
+echo "== latency PipeWire reports for the tapped application's nodes (quantum 256 at 48 kHz)"
+# Port Latency params (quantum, rate and ns parts, as PipeWire adds them up along a path).
+pw-dump | python3 -c '
+import json, sys
+objs = json.load(sys.stdin)
+names = {o["id"]: o["info"]["props"].get("node.name", "") for o in objs if o.get("type") == "PipeWire:Interface:Node"}
+for o in objs:
+    if o.get("type") != "PipeWire:Interface:Port":
+        continue
+    name = names.get(o["info"]["props"].get("node.id"), "")
+    if name.startswith("tonavi.tap."):
+        for p in o["info"].get("params", {}).get("Latency", []):
+            print("  %-10s %-14s %-6s quantum %s..%s rate %s..%s ns %s..%s" % ("io stream" if name.endswith(".io") else "tap sink",
+                  o["info"]["props"].get("port.name"), p["direction"], p["minQuantum"], p["maxQuantum"],
+                  p["minRate"], p["maxRate"], p["minNs"], p["maxNs"]))
+'
+
+echo "== CPU of the worker (pid $worker) over 20 s at quantum 256"
+ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
+t0=$(ticks "$worker"); s0=$SECONDS
+sleep 20
+t1=$(ticks "$worker")
+hz=$(getconf CLK_TCK)
+python3 -c "print('  %.2f %% of one core' % (100.0 * ($t1 - $t0) / $hz / ($SECONDS - $s0)))"
+
+echo "== tonavictl status with 30 applications playing"
+for i in $(seq 1 29); do
+    setsid "$tone" "org.tonavi.fig.App$i" "App$i" $((300 + 10 * i)) 0.01 >/dev/null 2>&1 &
+    pids+=($!)
+done
+sleep 2
+"$bin/tonavictl" status >/dev/null
+start=$(date +%s%N)
+for _ in $(seq 1 10); do "$bin/tonavictl" status --json >/dev/null; done
+echo "  $(( ($(date +%s%N) - start) / 10000000 )) ms a status read (tonavictl process included, mean of 10)"
+echo "  $("$bin/tonavictl" status | grep -c 'org.tonavi.fig') applications listed"

@@ -1,0 +1,357 @@
+// The service on a private PipeWire server, end to end: two tone clients play on the speakers,
+// tonavictl changes one of them, and the speakers' and headphones' monitors say what each
+// application sounds like there. Killing a worker or the service must leave the application on its
+// own path, with nothing of Tonavi left in the graph.
+
+#include "core/wire/TonaviChannel.hpp"
+#include "platform/pipewire/PipeWireConnection.hpp"
+#include "tests/integration/ChildProcess.hpp"
+
+#include "PrivatePipeWireServer.hpp"
+#include "ToneLevel.hpp"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <mutex>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+extern char** environ;
+
+using namespace tonavi;
+using namespace tonavi::testing;
+using namespace tonavi::test;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr double rate = 48000;
+constexpr std::size_t window = 2400; // 50 ms: every tone below fits whole periods in it
+// "Low" plays a bass and a treble tone, "High" one tone; each tone at the same amplitude, so High's
+// level is also what Low's tones measure on their own path.
+constexpr double bass = 120, treble = 4000, high = 880;
+
+// A device's monitor, recorded without pause (mono) from construction; a pipe reader thread keeps
+// the samples and when each chunk arrived.
+class MonitorRecording {
+  public:
+    explicit MonitorRecording(const std::string& sink) {
+        const std::vector<std::string> argv = {
+            "parec",       "--latency-msec=10",  "--device=" + sink + ".monitor",
+            "--raw",       "--format=float32le", "--rate=48000",
+            "--channels=1"};
+        std::vector<char*> args;
+        for (const auto& a : argv)
+            args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        int fds[2];
+        if (::pipe(fds) != 0)
+            return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addclose(&actions, fds[0]);
+        if (posix_spawnp(&pid_, "parec", &actions, nullptr, args.data(), environ) != 0)
+            pid_ = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(fds[1]);
+        reader_ = std::thread([this, fd = fds[0]] {
+            std::vector<char> pending;
+            char chunk[4096];
+            ssize_t n;
+            while ((n = ::read(fd, chunk, sizeof chunk)) > 0) {
+                pending.insert(pending.end(), chunk, chunk + n);
+                const std::size_t whole = pending.size() / sizeof(float);
+                std::lock_guard guard(lock_);
+                const std::size_t at = samples_.size();
+                samples_.resize(at + whole);
+                std::memcpy(samples_.data() + at, pending.data(), whole * sizeof(float));
+                pending.erase(pending.begin(), pending.begin() + static_cast<long>(whole * sizeof(float)));
+                arrivals_.emplace_back(samples_.size(), Clock::now());
+            }
+            ::close(fd);
+        });
+    }
+    ~MonitorRecording() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGTERM);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        if (reader_.joinable())
+            reader_.join();
+    }
+
+    // The levels (dBFS) of the frequencies over `seconds` recorded from now on.
+    std::vector<double> levels(const std::vector<double>& frequencies, double seconds = 0.3) {
+        const std::size_t from = size();
+        const auto count = static_cast<std::size_t>(seconds * rate);
+        waitUntil([&] { return size() >= from + count; }, 5s);
+        std::lock_guard guard(lock_);
+        std::vector<double> out;
+        for (double f : frequencies)
+            out.push_back(samples_.size() >= from + count ? levelAt(samples_.data() + from, count, f, rate)
+                                                          : -120);
+        return out;
+    }
+    // Measures until two measurements in a row satisfy `wanted` and agree within 0.3 dB (a change in
+    // progress does neither), or the time runs out; the last levels either way.
+    std::vector<double> settle(const std::vector<double>& frequencies,
+                               const std::function<bool(const std::vector<double>&)>& wanted,
+                               std::chrono::milliseconds timeout = 10s) {
+        const auto deadline = Clock::now() + timeout;
+        auto before = levels(frequencies);
+        auto now = levels(frequencies);
+        auto steady = [&] {
+            for (std::size_t i = 0; i < now.size(); ++i)
+                if (std::abs(now[i] - before[i]) > 0.3)
+                    return false;
+            return wanted(before) && wanted(now);
+        };
+        while (!steady() && Clock::now() < deadline) {
+            before = now;
+            now = levels(frequencies);
+        }
+        return now;
+    }
+    // Seconds from `from` to the end of the first 50 ms window (10 ms steps) recorded after it in
+    // which the frequency's level satisfies `wanted`; nullopt when none does within the time-out.
+    std::optional<double> secondsUntil(Clock::time_point from, double frequency,
+                                       const std::function<bool(double)>& wanted,
+                                       std::chrono::seconds timeout) {
+        std::size_t at = 0;
+        {
+            std::lock_guard guard(lock_);
+            at = startOf(from);
+        }
+        const std::size_t start = at;
+        const auto deadline = from + timeout;
+        while (Clock::now() < deadline + 200ms) {
+            waitUntil([&] { return size() >= at + window; }, 1s);
+            std::lock_guard guard(lock_);
+            for (; at + window <= samples_.size(); at += window / 5)
+                if (wanted(levelAt(samples_.data() + at, window, frequency, rate)))
+                    return static_cast<double>(at + window - start) / rate;
+        }
+        return std::nullopt;
+    }
+
+  private:
+    std::size_t size() {
+        std::lock_guard guard(lock_);
+        return samples_.size();
+    }
+    // lock_ held: the first sample that arrived at or after `when`.
+    std::size_t startOf(Clock::time_point when) const {
+        std::size_t at = 0;
+        for (const auto& [end, arrived] : arrivals_)
+            if (arrived < when)
+                at = end;
+        return at;
+    }
+    pid_t pid_ = -1;
+    std::thread reader_;
+    std::mutex lock_;
+    std::vector<float> samples_;
+    std::vector<std::pair<std::size_t, Clock::time_point>> arrivals_;
+};
+
+// Live processes whose parent is `parent` and whose command line holds the worker flag.
+std::vector<pid_t> workersOf(pid_t parent) {
+    std::vector<pid_t> out;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        std::ifstream statFile(entry.path() / "stat");
+        std::string stat((std::istreambuf_iterator<char>(statFile)), {});
+        const auto close = stat.rfind(')');
+        if (close == std::string::npos)
+            continue;
+        char state = 0;
+        int ppid = 0;
+        std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid);
+        std::ifstream cmdFile(entry.path() / "cmdline");
+        const std::string cmdline((std::istreambuf_iterator<char>(cmdFile)), {});
+        if (state != 'Z' && (parent == 0 || ppid == parent) &&
+            cmdline.find("--tonavi-tap-worker") != std::string::npos)
+            out.push_back(std::stoi(name));
+    }
+    return out;
+}
+
+bool alive(pid_t pid) {
+    std::ifstream statFile("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat((std::istreambuf_iterator<char>(statFile)), {});
+    const auto close = stat.rfind(')');
+    return close != std::string::npos && stat[close + 2] != 'Z';
+}
+
+class PipeWireServiceTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string why;
+        server = PrivatePipeWireServer::shared(&why);
+        if (!server && PrivatePipeWireServer::programsMissing())
+            GTEST_SKIP() << "no private PipeWire server: " << why;
+        ASSERT_NE(server, nullptr) << "the private PipeWire server did not start: " << why;
+    }
+    void TearDown() override {
+        if (service.pid > 0 && service.wait(0ms) == std::nullopt) {
+            service.signal(SIGTERM);
+            service.wait(20s);
+        }
+        for (pid_t pid : tones)
+            PrivatePipeWireServer::terminate(pid);
+    }
+    // Rows for both applications, so that the service lists them by name.
+    void seedConfig(double lowVolume) {
+        std::filesystem::create_directories(home.supportDir());
+        std::ofstream(home.supportDir() + "/state.json")
+            << R"({"apps":[{"id":"org.tonavi.Low","displayName":"Low","volume":)" << lowVolume
+            << R"(},{"id":"org.tonavi.High","displayName":"High"}]})";
+    }
+    void play(const std::string& id, const std::string& name, const std::string& frequencies) {
+        tones.push_back(server->spawn({TONAVI_TONE_CLIENT, id, name, frequencies, "0.25"}, "tone-" + name));
+    }
+    void startService() {
+        auto env = home.env();
+        env["TONAVI_AUDIO_BACKEND"] = "pipewire";
+        service = ChildProcess::spawn({binPath("tonavi-service")}, env);
+        ASSERT_TRUE(waitUntil(
+            [&] {
+                try {
+                    return TonaviChannel::send(home.socketPath(), TonaviRequest::ping(), 2).ok;
+                } catch (const std::exception&) {
+                    return false;
+                }
+            },
+            20s));
+    }
+    int ctl(std::vector<std::string> args) {
+        args.insert(args.begin(), binPath("tonavictl"));
+        auto [status, out] = run(args, home.env());
+        EXPECT_EQ(status, 0) << out;
+        return status;
+    }
+
+    PrivatePipeWireServer* server = nullptr;
+    PrivateHome home{"pipewire"};
+    ChildProcess service;
+    std::vector<pid_t> tones;
+};
+
+TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication) {
+    seedConfig(1.0);
+    play("org.tonavi.Low", "Low", "120+4000");
+    play("org.tonavi.High", "High", "880");
+    startService();
+    MonitorRecording speakers("speakers");
+    MonitorRecording headphones("headphones");
+    const std::vector<double> tones3 = {bass, treble, high};
+    const auto direct = speakers.settle(tones3, [](const auto& l) { return l[0] > -20 && l[2] > -20; });
+    ASSERT_GT(direct[0], -20) << "Low does not play on the speakers";
+
+    // Half the volume is a quarter of the gain (the cubic law): -12 dB on both of Low's tones.
+    ctl({"volume", "Low", "0.5"});
+    const auto lowered = speakers.settle(tones3, [&](const auto& l) { return l[1] < direct[1] - 11; });
+    EXPECT_NEAR(lowered[0] - direct[0], -12.04, 0.5);
+    EXPECT_NEAR(lowered[1] - direct[1], -12.04, 0.5);
+    EXPECT_NEAR(lowered[2], direct[2], 0.5) << "High is untouched";
+
+    // The bass reducer cuts 120 Hz and leaves 4 kHz alone: the spectrum's shape changes.
+    ctl({"eq", "Low", "bass-reducer"});
+    const auto equalised = speakers.settle(tones3, [&](const auto& l) { return l[0] < lowered[0] - 2; });
+    EXPECT_LT(equalised[0], lowered[0] - 2);
+    EXPECT_NEAR(equalised[1], lowered[1], 1.0);
+    EXPECT_NEAR(equalised[2], direct[2], 0.5);
+
+    // Devices are named by UID here: the service's status does not list devices yet.
+    ctl({"send", R"({"setAppRedirect":{"bundleID":"org.tonavi.Low","deviceUID":"headphones"}})"});
+    const auto moved = headphones.settle(tones3, [&](const auto& l) { return l[1] > lowered[1] - 1; });
+    EXPECT_NEAR(moved[1], lowered[1], 1.0);
+    EXPECT_LT(moved[2], -60) << "High stays on the speakers";
+    const auto left = speakers.settle(tones3, [](const auto& l) { return l[1] < -60; });
+    EXPECT_LT(left[1], -60) << "Low left the speakers";
+    EXPECT_NEAR(left[2], direct[2], 0.5);
+}
+
+TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPath) {
+    seedConfig(0.5);
+    play("org.tonavi.High", "High", "880");
+    startService();
+    MonitorRecording speakers("speakers");
+    const double reference = speakers.settle({high}, [](const auto& l) { return l[0] > -20; })[0];
+    ASSERT_GT(reference, -20);
+
+    // Low is configured at half volume before it plays: its first sound is direct, then its tap takes over.
+    const auto started = Clock::now();
+    play("org.tonavi.Low", "Low", "120+4000");
+    const auto firstSound = speakers.secondsUntil(
+        started, treble, [](double l) { return l > -40; }, 5s);
+    ASSERT_TRUE(firstSound.has_value()) << "Low never played";
+    // From one full window past the onset, so that a window only partly filled is not taken for a quieter
+    // one.
+    const auto settled =
+        started + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*firstSound)) +
+        60ms;
+    const auto live = speakers.secondsUntil(
+        settled, treble, [&](double l) { return std::abs(l - (reference - 12.04)) < 0.5; }, 10s);
+    ASSERT_TRUE(live.has_value()) << "Low was never tapped";
+    std::cout << "first sound to tap live: " << (*live + 0.06) * 1000 << " ms\n";
+
+    // The service, held still, cannot replace the worker: the session manager alone brings Low back.
+    std::vector<pid_t> workers;
+    ASSERT_TRUE(waitUntil([&] { return (workers = workersOf(service.pid)).size() == 1; }, 5s));
+    service.signal(SIGSTOP);
+    const auto killed = Clock::now();
+    ::kill(workers[0], SIGKILL);
+    const auto direct = speakers.secondsUntil(
+        killed, treble, [&](double l) { return l > reference - 1.5; }, 3s);
+    service.signal(SIGCONT);
+    ASSERT_TRUE(direct.has_value()) << "Low never came back on its own path";
+    EXPECT_LT(*direct, 1.0);
+    std::cout << "worker killed to direct path: " << *direct * 1000 << " ms\n";
+    // Running again, the service taps it again.
+    EXPECT_LT(speakers.settle({treble}, [&](const auto& l) { return l[0] < reference - 11; })[0],
+              reference - 11);
+
+    std::vector<pid_t> replacements;
+    ASSERT_TRUE(waitUntil([&] { return (replacements = workersOf(service.pid)).size() == 1; }, 5s));
+    service.signal(SIGKILL);
+    EXPECT_EQ(service.wait(5s), std::optional<int>(128 + SIGKILL));
+    service.pid = -1; // reaped: nothing for the tear-down to stop
+    PipeWireConnection graph;
+    std::string error;
+    ASSERT_TRUE(graph.start(error)) << error;
+    ASSERT_TRUE(graph.roundTrip()); // the metadata's entries are in
+    const bool clean = graph.waitUntil(
+        [](const PipeWireGraph& g) {
+            if (g.defaultNodeName("default.audio.sink").empty())
+                return false;
+            for (const auto& [id, node] : g.nodes)
+                if (node.prop("node.name").rfind("tonavi.", 0) == 0)
+                    return false;
+            for (const auto& [id, entries] : g.nodeMetadata)
+                if (entries.count("target.object"))
+                    return false;
+            return true;
+        },
+        3000ms);
+    EXPECT_TRUE(clean) << "a tap sink, IO stream or target outlived the service";
+    EXPECT_TRUE(waitUntil([&] { return !alive(replacements[0]); }, 3s)) << "the worker outlived the service";
+    EXPECT_NEAR(speakers.settle({treble}, [&](const auto& l) { return l[0] > reference - 1; })[0], reference,
+                1.0);
+}
+
+} // namespace
