@@ -57,7 +57,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     tapWorkQueue_ = std::make_unique<DispatchQueue>("tonavi.tap-lifecycle", clock_);
     warmUpQueue_ = std::make_unique<DispatchQueue>("tonavi.warm-up", clock_);
 
-    // 3. The device manager joins here when it lands.
+    // 3. The device manager, on serialQueue as its state queue.
+    createDeviceManager();
 
     // 4. A service never fails to start for want of a configuration; the store has already tried
     //    to recover whatever it could.
@@ -131,6 +132,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
 
 TonaviRuntime::~TonaviRuntime() {
     anchor_.reset();
+    if (hardwareProbeQueue_)
+        hardwareProbeQueue_.reset();
     if (watchdogTimer_)
         watchdogTimer_->cancel();
     if (smartTimer_)
@@ -145,6 +148,10 @@ TonaviRuntime::~TonaviRuntime() {
     warmUpQueue_.reset();
     tapWorkQueue_.reset();
     activityListenerQueue_.reset();
+    // The device manager unregisters against serialQueue, so it goes while the queue still exists.
+    serialQueue_->sync([] {});
+    outputGroups_.reset();
+    devices_.reset();
     serialQueue_.reset();
 }
 
@@ -522,16 +529,11 @@ void TonaviRuntime::releaseTapsThenStop() {
 // MARK: Seams of subsystems not in this build
 
 void TonaviRuntime::refreshAudioSnapshotsIfNeeded(bool) {}
-void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool) {}
-void TonaviRuntime::reconcileOutputGroups(bool) {}
-void TonaviRuntime::applyDevicePolicies() {}
 void TonaviRuntime::syncAUSlots() {}
 void TonaviRuntime::startMIDI() {}
 void TonaviRuntime::startActiveAppTracking() {}
 void TonaviRuntime::armOutputRunningListeners() {}
 void TonaviRuntime::nudgeSmart() {}
 void TonaviRuntime::enforceBluetoothOutputOnly() {}
-void TonaviRuntime::installDeviceListeners() {}
-void TonaviRuntime::enforceDeviceLimits() {}
 
 } // namespace tonavi
