@@ -171,4 +171,36 @@ std::string StatusTable::render(const TonaviStatus& status) {
     return out;
 }
 
+std::string StatusTable::renderDevices(const TonaviStatus& status, const GlobalLocks& locks) {
+    if (status.devices.empty())
+        return "  (no devices)\n";
+    Table table({"NAME", "TRANSPORT", "DEFAULT", "VOLUME", "MUTED", "HIDDEN", "LOCKS"});
+    for (const auto& d : status.devices) {
+        std::vector<std::string> defaults;
+        if (d.isDefaultOutput)
+            defaults.push_back("output");
+        if (d.isDefaultInput)
+            defaults.push_back("input");
+        if (d.id == status.soundEffectsUID)
+            defaults.push_back("alerts");
+        std::vector<std::string> held;
+        if (d.isDefaultOutput && locks.volume)
+            held.push_back("volume");
+        if (d.isDefaultOutput && locks.mute)
+            held.push_back("mute");
+        if (locks.sampleRate)
+            held.push_back("rate");
+        std::string name = d.nickname.empty() ? d.name : d.nickname + " (" + d.name + ")";
+        table.add({name, std::string(transportName(d.transport)), join(defaults, ", "),
+                   d.hasVolume ? percent(d.volume) : "-", d.muted ? "yes" : "no", d.hidden.value_or(false) ? "yes" : "no",
+                   held.empty() ? "-" : join(held, ", ")});
+    }
+    return table.text();
+}
+
+std::string StatusTable::outputLine(const TonaviStatus& status) {
+    return "output is on " +
+           (status.defaultOutputUID.empty() ? std::string("no device") : deviceName(status, status.defaultOutputUID));
+}
+
 } // namespace tonavi

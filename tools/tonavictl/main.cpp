@@ -2,8 +2,10 @@
 // Exit status: 0 on an ok reply, 1 on a failure reply or a name that matches nothing, 2 when the service
 // cannot be reached or answers with something that is not a reply, 64 for wrong arguments.
 
+#include "core/wire/Diagnostics.hpp"
 #include "core/wire/RawSocket.hpp"
 #include "core/wire/TonaviChannel.hpp"
+#include "core/wire/TonaviPayload.hpp"
 #include "core/wire/TonaviStatus.hpp"
 #include "core/wire/TransportError.hpp"
 #include "core/wire/WireError.hpp"
@@ -59,7 +61,14 @@ int run(const CtlCommand& command) {
                            (reply.message.empty() ? std::string() : ": " + reply.message));
         status = std::move(reply.status);
     }
-    auto built = command.toRequest(status ? &*status : nullptr);
+    std::optional<GlobalLocks> locks;
+    if (command.needsLocks() || command.verb == Verb::devices) {
+        TonaviReply reply = TonaviChannel::send({TonaviRequest::Diagnostics{}}, clientTimeoutSeconds);
+        if (!reply.ok || !reply.payload)
+            return refused("the service gave no configuration to read the locks from");
+        locks = TonaviPayload::decodeDiagnostics(*reply.payload).config.locks;
+    }
+    auto built = command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr);
     if (!built.request)
         return refused(built.error);
 
@@ -71,6 +80,15 @@ int run(const CtlCommand& command) {
         if (!reply.status)
             return refused("the reply holds no status");
         std::fputs(StatusTable::render(*reply.status).c_str(), stdout);
+        break;
+    case Verb::devices:
+        if (!reply.status)
+            return refused("the reply holds no status");
+        std::fputs(StatusTable::renderDevices(*reply.status, locks.value_or(GlobalLocks{})).c_str(), stdout);
+        break;
+    case Verb::output:
+        if (reply.status)
+            std::printf("%s\n", StatusTable::outputLine(*reply.status).c_str());
         break;
     case Verb::diagnostics: {
         if (!reply.payload)
