@@ -10,6 +10,7 @@
 #include "core/outputs/OutputGroupIdentity.hpp"
 #include "core/outputs/OutputGroupValidationError.hpp"
 #include "core/outputs/VerifiedOutputSwitch.hpp"
+#include "core/wire/TonaviPayload.hpp"
 
 #include <algorithm>
 #include <cassert>
@@ -457,9 +458,20 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
         [&](const auto& c) -> std::optional<TonaviReply> {
             using T = std::decay_t<decltype(c)>;
             auto unknown = [&](const std::string& uid) { return failure("no device with uid " + uid); };
-            if constexpr (std::is_same_v<T, R::ListDevices>) {
-                applyHardwareSnapshot(captureHardwareSnapshot());
-                return success();
+            if constexpr (std::is_same_v<T, R::ListDevices> || std::is_same_v<T, R::ListBluetooth>) {
+                // A list carries its payload and no status.
+                auto list = devices_->liveStatus(noBluetooth);
+                if constexpr (std::is_same_v<T, R::ListBluetooth>)
+                    std::erase_if(list, [](const DeviceLiveStatus& d) {
+                        return d.transport != DeviceLiveStatus::Transport::bluetooth;
+                    });
+                try {
+                    TonaviReply reply = TonaviReply::success();
+                    reply.payload = TonaviPayload::encode(list);
+                    return reply;
+                } catch (const std::exception& e) {
+                    return TonaviReply::failure(e.what());
+                }
             } else if constexpr (std::is_same_v<T, R::SetOutputDevice>) {
                 return setOutputDeviceLocked(c.uid);
             } else if constexpr (std::is_same_v<T, R::SetOutputDeviceOrdered>) {
@@ -680,23 +692,48 @@ TonaviReply TonaviRuntime::setDeviceDisplayOrder(const std::vector<std::string>&
     return success();
 }
 
+// A group exists twice, as a record in the configuration and as an aggregate in the system: both
+// change, or neither.
 TonaviReply TonaviRuntime::saveGroup(const OutputGroup& group) {
+    const TonaviConfig kept = engine_->config();
+    const auto found = std::find_if(kept.groups.begin(), kept.groups.end(),
+                                    [&](const OutputGroup& g) { return g.id == group.id; });
+    const std::optional<OutputGroup> previous =
+        found == kept.groups.end() ? std::nullopt : std::optional<OutputGroup>(*found);
+    // Puts the hardware back as it was; the text says what that rollback could not do.
+    auto rollBack = [&](bool deleteNew) -> std::string {
+        try {
+            if (previous)
+                outputGroups().save(*previous);
+            else if (deleteNew)
+                outputGroups().remove(group.id);
+        } catch (const std::exception& r) {
+            return std::string(previous ? "; previous group restore also failed: "
+                                        : "; hardware rollback also failed: ") +
+                   r.what();
+        }
+        return {};
+    };
     try {
         outputGroups().save(group);
-    } catch (const OutputGroupValidationError& e) {
-        return failure(e.what());
-    } catch (const OutputGroupManager::GroupError& e) {
-        return failure(e.what());
+    } catch (const std::exception& e) {
+        const std::string suffix = previous ? rollBack(false) : std::string();
+        return failure(std::string("could not create output group: ") + e.what() + suffix);
     }
-    TonaviConfig config = engine_->config();
-    auto existing = std::find_if(config.groups.begin(), config.groups.end(),
-                                 [&](const OutputGroup& g) { return g.id == group.id; });
-    if (existing != config.groups.end())
+    TonaviConfig config = kept;
+    if (auto existing = std::find_if(config.groups.begin(), config.groups.end(),
+                                     [&](const OutputGroup& g) { return g.id == group.id; });
+        existing != config.groups.end())
         *existing = group;
     else
         config.groups.push_back(group);
     engine_->apply(config);
-    persist();
+    try {
+        saveConfigToDisk(engine_->config());
+    } catch (const std::exception& e) {
+        engine_->apply(kept);
+        return failure(std::string("could not save output group: ") + e.what() + rollBack(true));
+    }
     // The status lists the new aggregate as an output at once.
     devices_->invalidateDeviceCache();
     applyHardwareSnapshot(captureHardwareSnapshot());
@@ -704,15 +741,31 @@ TonaviReply TonaviRuntime::saveGroup(const OutputGroup& group) {
 }
 
 TonaviReply TonaviRuntime::deleteGroup(const std::string& id) {
+    const TonaviConfig kept = engine_->config();
+    const auto found =
+        std::find_if(kept.groups.begin(), kept.groups.end(), [&](const OutputGroup& g) { return g.id == id; });
     try {
         outputGroups().remove(id);
-    } catch (const OutputGroupManager::GroupError& e) {
-        return failure(e.what());
+    } catch (const std::exception& e) {
+        return failure(std::string("could not remove output group: ") + e.what());
     }
-    TonaviConfig config = engine_->config();
+    TonaviConfig config = kept;
     std::erase_if(config.groups, [&](const OutputGroup& g) { return g.id == id; });
     engine_->apply(config);
-    persist();
+    try {
+        saveConfigToDisk(engine_->config());
+    } catch (const std::exception& e) {
+        engine_->apply(kept);
+        std::string suffix;
+        if (found != kept.groups.end()) {
+            try {
+                outputGroups().save(*found);
+            } catch (const std::exception& r) {
+                suffix = std::string("; hardware rollback also failed: ") + r.what();
+            }
+        }
+        return failure(std::string("could not save group deletion: ") + e.what() + suffix);
+    }
     devices_->invalidateDeviceCache();
     applyHardwareSnapshot(captureHardwareSnapshot());
     return success();

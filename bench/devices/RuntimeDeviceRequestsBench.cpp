@@ -6,6 +6,7 @@
 
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
+#include "core/wire/TonaviPayload.hpp"
 #include "service/TonaviRuntime.hpp"
 
 #include <condition_variable>
@@ -97,7 +98,7 @@ void BM_ListDevicesFiftyFromCache(benchmark::State& state) {
     Service service(fiftyDevices());
     for (auto _ : state) {
         const auto reply = service.ask(TonaviRequest{TonaviRequest::ListDevices{}});
-        if (!reply.status || reply.status->devices.size() != 50)
+        if (!reply.payload || TonaviPayload::decodeDevices(*reply.payload).size() != 50)
             state.SkipWithError("the device list is incomplete");
     }
 }

@@ -1,6 +1,7 @@
 // Devices and outputs through the runtime's requests, over the simulated machine.
 
 #include "core/outputs/OutputGroupIdentity.hpp"
+#include "core/wire/TonaviPayload.hpp"
 #include "tests/service/RuntimeTestSupport.hpp"
 
 #include <mutex>
@@ -143,8 +144,15 @@ TEST(DeviceRequests, ASavedGroupIsAnOutputThatCanBeChosenAndDeleted) {
     EXPECT_EQ(defaultOutput(h), uid);
 
     group.members.resize(1);
-    EXPECT_FALSE(h.send(R::SaveGroup{group}).ok); // one member is no group; the old one stays
+    const TonaviReply refused = h.send(R::SaveGroup{group}); // one member is no group; the old one stays
+    EXPECT_FALSE(refused.ok);
+    EXPECT_EQ(refused.message.rfind("could not create output group: ", 0), 0u) << refused.message;
     EXPECT_EQ(h.onDisk().groups[0].members.size(), 2u);
+
+    const TonaviReply listed = h.send(R::ListDevices{});
+    ASSERT_TRUE(listed.payload);
+    EXPECT_FALSE(listed.status);
+    EXPECT_EQ(TonaviPayload::decodeDevices(*listed.payload).size(), 7u);
 }
 
 } // namespace

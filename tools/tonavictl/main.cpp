@@ -61,13 +61,15 @@ int run(const CtlCommand& command) {
                            (reply.message.empty() ? std::string() : ": " + reply.message));
         status = std::move(reply.status);
     }
-    std::optional<GlobalLocks> locks;
+    // The locks and the system roles live in the configuration and the status: the support dump has both.
+    std::optional<Diagnostics> dump;
     if (command.needsLocks() || command.verb == Verb::devices) {
         TonaviReply reply = TonaviChannel::send({TonaviRequest::Diagnostics{}}, clientTimeoutSeconds);
         if (!reply.ok || !reply.payload)
             return refused("the service gave no configuration to read the locks from");
-        locks = TonaviPayload::decodeDiagnostics(*reply.payload).config.locks;
+        dump = TonaviPayload::decodeDiagnostics(*reply.payload);
     }
+    const std::optional<GlobalLocks> locks = dump ? std::optional<GlobalLocks>(dump->config.locks) : std::nullopt;
     auto built = command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr);
     if (!built.request)
         return refused(built.error);
@@ -81,11 +83,14 @@ int run(const CtlCommand& command) {
             return refused("the reply holds no status");
         std::fputs(StatusTable::render(*reply.status).c_str(), stdout);
         break;
-    case Verb::devices:
-        if (!reply.status)
-            return refused("the reply holds no status");
-        std::fputs(StatusTable::renderDevices(*reply.status, locks.value_or(GlobalLocks{})).c_str(), stdout);
+    case Verb::devices: {
+        if (!reply.payload)
+            return refused("the reply holds no device list");
+        TonaviStatus view = dump->status;
+        view.devices = TonaviPayload::decodeDevices(*reply.payload);
+        std::fputs(StatusTable::renderDevices(view, *locks).c_str(), stdout);
         break;
+    }
     case Verb::output:
         if (reply.status)
             std::printf("%s\n", StatusTable::outputLine(*reply.status).c_str());
