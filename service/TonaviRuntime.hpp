@@ -210,7 +210,8 @@ class TonaviRuntime {
     // Devices and outputs (TonaviRuntimeDevices.cpp).
     std::optional<TonaviReply> handleDeviceRequestLocked(const TonaviRequest& request);
     // Takes the two output selection requests, which reply later; false for any other request.
-    bool handleOutputSelectionAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
+    bool handleOutputSelectionAsync(const TonaviRequest& request,
+                                    std::function<void(TonaviReply)> completion);
     void createDeviceManager();
     OutputGroupManager& outputGroups();
     void handleDevicesChanged();
@@ -286,7 +287,7 @@ class TonaviRuntime {
 
     // Devices and outputs, all of serialQueue. The manager lives while serialQueue does.
     std::shared_ptr<TonaviDeviceManager> devices_;
-    std::unique_ptr<OutputGroupManager> outputGroups_; // made on first use
+    std::unique_ptr<OutputGroupManager> outputGroups_;  // made on first use
     std::unique_ptr<DispatchQueue> hardwareProbeQueue_; // "tonavi.hardware-probe"
     DispatchTime hardwareSnapshotAt_ = DispatchTime::min();
     std::uint64_t hardwareSnapshotGeneration_ = 0;

@@ -35,7 +35,9 @@ std::chrono::nanoseconds seconds(double s) {
 
 // Bluetooth facts come from their own subsystem; until it lands the list carries none, which is
 // also what the reconnection pass asks for so that it never probes slowly.
-TonaviDeviceManager::BluetoothDetails noBluetooth(const std::string&) { return {}; }
+TonaviDeviceManager::BluetoothDetails noBluetooth(const std::string&) {
+    return {};
+}
 
 DeviceSettings& settingsEntry(TonaviConfig& config, const std::string& uid) {
     for (auto& d : config.devices)
@@ -185,7 +187,9 @@ void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool force) {
 
 // MARK: Output selection
 
-std::optional<AudioObjectID> TonaviRuntime::defaultOutputID() { return devices_->defaultDevice(false); }
+std::optional<AudioObjectID> TonaviRuntime::defaultOutputID() {
+    return devices_->defaultDevice(false);
+}
 
 bool TonaviRuntime::handleOutputSelectionAsync(const TonaviRequest& request,
                                                std::function<void(TonaviReply)> completion) {
@@ -201,7 +205,8 @@ bool TonaviRuntime::handleOutputSelectionAsync(const TonaviRequest& request,
                     return completion(rt.failure(supersededText));
                 return rt.selectOutputAsync(o->uid, true, completion);
             }
-            rt.selectOutputAsync(std::get<TonaviRequest::SetOutputDevice>(request.value).uid, true, completion);
+            rt.selectOutputAsync(std::get<TonaviRequest::SetOutputDevice>(request.value).uid, true,
+                                 completion);
         });
     });
     return true;
@@ -215,7 +220,8 @@ void TonaviRuntime::selectOutputAsync(const std::string& query, bool rememberPre
     manualOutputIntentPending_ = false;
     devices_->setManualOutputSelectionPending(false);
 
-    const auto uid = AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
+    const auto uid =
+        AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
     const auto settings = devices_->settingsSnapshot();
     if (!uid || (settings.contains(*uid) && settings.at(*uid).hidden))
         return completion(failure("no available output device matching " + query));
@@ -260,7 +266,8 @@ void TonaviRuntime::completeOutputSelection(std::uint64_t generation, const std:
     hardwareProbeInFlight_ = true;
     devices_->invalidateDeviceCache();
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
-    hardwareProbeQueue_->async([weak, probe, generation, name, succeeded, completion = std::move(completion)] {
+    hardwareProbeQueue_->async([weak, probe, generation, name, succeeded,
+                                completion = std::move(completion)] {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             auto snapshot = rt.captureHardwareSnapshot();
             rt.serialQueue_->async([weak, probe, generation, name, succeeded, completion,
@@ -291,8 +298,9 @@ void TonaviRuntime::completeOutputSelection(std::uint64_t generation, const std:
                             current = d.name;
                             break;
                         }
-                    TonaviReply reply = succeeded ? rt.success()
-                                                  : rt.failure(VerifiedOutputSwitch::failureText(name, current));
+                    TonaviReply reply = succeeded
+                                            ? rt.success()
+                                            : rt.failure(VerifiedOutputSwitch::failureText(name, current));
                     completion(std::move(reply));
                 });
             });
@@ -407,7 +415,8 @@ void TonaviRuntime::handleReconnectedDevices() {
             current = c;
         candidates.push_back(std::move(c));
     }
-    const auto target = AutomaticOutputPolicy::pick(appeared, current, candidates, devices_->preferredOrder());
+    const auto target =
+        AutomaticOutputPolicy::pick(appeared, current, candidates, devices_->preferredOrder());
     if (!target || (current && *target == current->uid))
         return;
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
@@ -437,8 +446,8 @@ void TonaviRuntime::handleOutputTopologyChange() {
     for (const auto& id : engine_->engagedBundleIDs()) {
         const auto source = tapProvider_->sourceDevice(id);
         const auto target = tapProvider_->targetDevice(id);
-        if (defaultChanged || (source && changed.contains(*source)) || (target && changed.contains(*target)) ||
-            changed.contains(engine_->routeFor(id)))
+        if (defaultChanged || (source && changed.contains(*source)) ||
+            (target && changed.contains(*target)) || changed.contains(engine_->routeFor(id)))
             affected.push_back(id);
     }
     if (affected.empty())
@@ -561,7 +570,8 @@ TonaviReply TonaviRuntime::setOutputVolume(double volume) {
         return failure("no default output");
     if (devices_->volume(*id)) {
         // The lock keeps what the user set here, not what it was when the lock came on.
-        devices_->setLockedVolume(engine_->config().locks.volume ? std::optional<double>(volume) : std::nullopt);
+        devices_->setLockedVolume(engine_->config().locks.volume ? std::optional<double>(volume)
+                                                                 : std::nullopt);
         const bool ok = devices_->setVolume(*id, volume);
         return ok ? success() : failure("");
     }
@@ -742,8 +752,8 @@ TonaviReply TonaviRuntime::saveGroup(const OutputGroup& group) {
 
 TonaviReply TonaviRuntime::deleteGroup(const std::string& id) {
     const TonaviConfig kept = engine_->config();
-    const auto found =
-        std::find_if(kept.groups.begin(), kept.groups.end(), [&](const OutputGroup& g) { return g.id == id; });
+    const auto found = std::find_if(kept.groups.begin(), kept.groups.end(),
+                                    [&](const OutputGroup& g) { return g.id == id; });
     try {
         outputGroups().remove(id);
     } catch (const std::exception& e) {

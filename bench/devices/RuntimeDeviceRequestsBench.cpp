@@ -4,9 +4,9 @@
 
 #include <benchmark/benchmark.h>
 
+#include "core/wire/TonaviPayload.hpp"
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
-#include "core/wire/TonaviPayload.hpp"
 #include "service/TonaviRuntime.hpp"
 
 #include <condition_variable>
@@ -64,16 +64,20 @@ void switchTo(benchmark::State& state, const char* target) {
     Service service(SimWorld::preset());
     bool toTarget = true;
     for (auto _ : state) {
-        const auto reply = service.ask(TonaviRequest{TonaviRequest::SetOutputDevice{
-            toTarget ? target : "MacBook Pro Speakers"}});
+        const auto reply = service.ask(
+            TonaviRequest{TonaviRequest::SetOutputDevice{toTarget ? target : "MacBook Pro Speakers"}});
         if (!reply.ok)
             state.SkipWithError(reply.message.c_str());
         toTarget = !toTarget;
     }
 }
 
-void BM_OutputSwitchWired(benchmark::State& state) { switchTo(state, "USB Headphones"); }
-void BM_OutputSwitchBluetooth(benchmark::State& state) { switchTo(state, "Earbuds"); }
+void BM_OutputSwitchWired(benchmark::State& state) {
+    switchTo(state, "USB Headphones");
+}
+void BM_OutputSwitchBluetooth(benchmark::State& state) {
+    switchTo(state, "Earbuds");
+}
 BENCHMARK(BM_OutputSwitchWired)->Unit(benchmark::kMillisecond)->Iterations(40);
 BENCHMARK(BM_OutputSwitchBluetooth)->Unit(benchmark::kMillisecond)->Iterations(40);
 

@@ -44,7 +44,9 @@ bool advanceUntil(RuntimeHarness& h, const std::function<bool()>& done) {
     return true;
 }
 
-std::string defaultOutput(RuntimeHarness& h) { return h.machine->world()->defaultOutputUID; }
+std::string defaultOutput(RuntimeHarness& h) {
+    return h.machine->world()->defaultOutputUID;
+}
 
 TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     RuntimeHarness h;
@@ -58,7 +60,8 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     h.startReady();
     LateReply first, second;
     h.runtime->handleAsync(TonaviRequest{R::SetOutputDevice{"Earbuds"}}, first.sink());
-    h.runtime->handleAsync(TonaviRequest{R::SetOutputDeviceOrdered{"USB Headphones", "ui", 1}}, second.sink());
+    h.runtime->handleAsync(TonaviRequest{R::SetOutputDeviceOrdered{"USB Headphones", "ui", 1}},
+                           second.sink());
     ASSERT_TRUE(advanceUntil(h, [&] { return first.arrived() && second.arrived(); }));
 
     EXPECT_FALSE(first.reply->ok);
@@ -67,7 +70,8 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     EXPECT_EQ(second.reply->status->defaultOutputUID, usb);
     EXPECT_EQ(defaultOutput(h), usb);
     // The newer choice is remembered as the one preferred output.
-    const TonaviConfig live = h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().config(); });
+    const TonaviConfig live =
+        h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().config(); });
     ASSERT_EQ(live.devices.size(), 1u);
     EXPECT_EQ(live.devices[0].id, usb);
     EXPECT_EQ(live.devices[0].preferredRank, 0);
@@ -91,7 +95,8 @@ TEST(OutputSelection, ADroppedWriteFailsNamingTheOutputThatStayed) {
     h.runtime->handleAsync(TonaviRequest{R::SetOutputDevice{"USB Headphones"}}, reply.sink());
     ASSERT_TRUE(advanceUntil(h, [&] { return reply.arrived(); }));
     EXPECT_FALSE(reply.reply->ok);
-    EXPECT_EQ(reply.reply->message, "macOS did not switch to USB Headphones; output remains on MacBook Pro Speakers");
+    EXPECT_EQ(reply.reply->message,
+              "macOS did not switch to USB Headphones; output remains on MacBook Pro Speakers");
     EXPECT_EQ(defaultOutput(h), speakers);
     EXPECT_TRUE(h.onDisk().devices.empty()); // no preference learnt from a failure
 }
@@ -116,7 +121,8 @@ TEST(DeviceRequests, HiddenDevicesAreRefusedAndTheDefaultCannotBeHidden) {
 
     EXPECT_EQ(h.send(R::SetDeviceHidden{usb, false}).message, "Device restored to Tonavi.");
     EXPECT_EQ(h.send(R::SetDeviceVolume{"nope", 0.3}).message, "no device with uid nope");
-    EXPECT_EQ(h.send(R::SetPreferredOrder{{usb, usb}}).message, "Preferred-device order contains duplicates.");
+    EXPECT_EQ(h.send(R::SetPreferredOrder{{usb, usb}}).message,
+              "Preferred-device order contains duplicates.");
     EXPECT_TRUE(h.send(R::SetDeviceDisplayOrder{{usb, usb}}).ok);
 }
 
@@ -131,7 +137,8 @@ TEST(DeviceRequests, ASavedGroupIsAnOutputThatCanBeChosenAndDeleted) {
     ASSERT_TRUE(saved.ok) << saved.message;
     const std::string uid = OutputGroupIdentity::aggregateDeviceUID(group);
     const auto& devices = saved.status->devices;
-    const auto found = std::find_if(devices.begin(), devices.end(), [&](const auto& d) { return d.id == uid; });
+    const auto found =
+        std::find_if(devices.begin(), devices.end(), [&](const auto& d) { return d.id == uid; });
     ASSERT_NE(found, devices.end());
     EXPECT_TRUE(found->isOutput);
     EXPECT_EQ(found->transport, DeviceLiveStatus::Transport::aggregate);

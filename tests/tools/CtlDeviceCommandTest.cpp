@@ -58,7 +58,8 @@ TEST(CtlDeviceCommand, DeviceLinesBecomeTheirRequestsWithNamesResolved) {
     const Case cases[] = {
         {{"devices"}, R{R::ListDevices{}}},
         {{"output", "desk cans"}, R{R::SetOutputDevice{"USB-HP"}}},
-        {{"output", "Living"}, R{R::SetOutputDevice{std::string(OutputGroupIdentity::aggregateUIDPrefix) + "g-1"}}},
+        {{"output", "Living"},
+         R{R::SetOutputDevice{std::string(OutputGroupIdentity::aggregateUIDPrefix) + "g-1"}}},
         {{"device-volume", "usb headphones", "40%"}, R{R::SetDeviceVolume{"USB-HP", 0.4}}},
         {{"device-mute", "macbook pro microphone"}, R{R::SetDeviceMuted{"Mic", true}}},
         {{"device-unmute", "BuiltIn"}, R{R::SetDeviceMuted{"BuiltIn", false}}},
@@ -79,8 +80,9 @@ TEST(CtlDeviceCommand, DeviceLinesBecomeTheirRequestsWithNamesResolved) {
     }
 
     // A group gets a fresh identifier and its members in the order given.
-    const auto built = CtlCommand::parse(std::vector<std::string>{"group", "create", "Desk", "BuiltIn", "desk cans"})
-                           .command->toRequest(&status);
+    const auto built =
+        CtlCommand::parse(std::vector<std::string>{"group", "create", "Desk", "BuiltIn", "desk cans"})
+            .command->toRequest(&status);
     const auto& saved = std::get<R::SaveGroup>(built.request->value)._0;
     EXPECT_EQ(saved.name, "Desk");
     EXPECT_FALSE(saved.id.empty());
@@ -107,11 +109,14 @@ TEST(CtlDeviceCommand, WrongDeviceWordsAreRefusedBeforeAnythingIsSent) {
 
     const auto status = deviceStatus();
     // Only outputs can be the output; an input named there is no match.
-    EXPECT_EQ(CtlCommand::parse(std::vector<std::string>{"output", "MacBook Pro Microphone"}).command->toRequest(&status).error,
+    EXPECT_EQ(CtlCommand::parse(std::vector<std::string>{"output", "MacBook Pro Microphone"})
+                  .command->toRequest(&status)
+                  .error,
               "no output device matches \"MacBook Pro Microphone\" (tonavictl status lists them)");
     EXPECT_TRUE(CtlCommand::parse(std::vector<std::string>{"lock", "rate", "on"}).command->needsLocks());
-    EXPECT_EQ(CtlCommand::parse(std::vector<std::string>{"lock", "rate", "on"}).command->toRequest(&status).error,
-              "no locks to change");
+    EXPECT_EQ(
+        CtlCommand::parse(std::vector<std::string>{"lock", "rate", "on"}).command->toRequest(&status).error,
+        "no locks to change");
 }
 
 TEST(StatusTable, DevicesTableMarksDefaultsHiddenDevicesAndTheLocksThatHoldThem) {

@@ -25,7 +25,8 @@ const char* const ctlUsageText =
     "  solo [APP...]              hear only these applications; with none, end the solo\n"
     "  stage on|off               release every tap (on) or restore every setting (off)\n"
     "  boost APP FACTOR           amplify an application 1...4 times\n"
-    "  redirect APP DEVICE        play an application on another output; DEVICE 'default' follows the system\n"
+    "  redirect APP DEVICE        play an application on another output; DEVICE 'default' follows the "
+    "system\n"
     "  eq APP PRESET              equalise an application with a built-in preset; PRESET 'off' removes it\n"
     "  reset APP                  forget every setting of an application\n"
     "  diagnostics                print the service's support dump (JSON)\n"
@@ -56,13 +57,30 @@ struct VerbName {
 };
 
 constexpr VerbName verbNames[] = {
-    {"help", Verb::help},   {"ping", Verb::ping},       {"send", Verb::send},         {"status", Verb::status},
-    {"volume", Verb::volume}, {"mute", Verb::mute},     {"unmute", Verb::unmute},     {"solo", Verb::solo},
-    {"stage", Verb::stage}, {"boost", Verb::boost},     {"redirect", Verb::redirect}, {"eq", Verb::eq},
-    {"reset", Verb::reset}, {"diagnostics", Verb::diagnostics}, {"devices", Verb::devices},
-    {"output", Verb::output}, {"device-volume", Verb::deviceVolume}, {"device-mute", Verb::deviceMute},
-    {"device-unmute", Verb::deviceUnmute}, {"hide", Verb::hide}, {"show", Verb::show},
-    {"prefer", Verb::prefer}, {"lock", Verb::lock}, {"group", Verb::groupCreate},
+    {"help", Verb::help},
+    {"ping", Verb::ping},
+    {"send", Verb::send},
+    {"status", Verb::status},
+    {"volume", Verb::volume},
+    {"mute", Verb::mute},
+    {"unmute", Verb::unmute},
+    {"solo", Verb::solo},
+    {"stage", Verb::stage},
+    {"boost", Verb::boost},
+    {"redirect", Verb::redirect},
+    {"eq", Verb::eq},
+    {"reset", Verb::reset},
+    {"diagnostics", Verb::diagnostics},
+    {"devices", Verb::devices},
+    {"output", Verb::output},
+    {"device-volume", Verb::deviceVolume},
+    {"device-mute", Verb::deviceMute},
+    {"device-unmute", Verb::deviceUnmute},
+    {"hide", Verb::hide},
+    {"show", Verb::show},
+    {"prefer", Verb::prefer},
+    {"lock", Verb::lock},
+    {"group", Verb::groupCreate},
 };
 
 // Every device of a status, inputs too, by UID, name and nickname.
@@ -99,7 +117,9 @@ std::optional<double> number(const std::string& word, bool allowPercent) {
     return percent ? value / 100.0 : value;
 }
 
-CtlCommand::Parsed fail(std::string error) { return {std::nullopt, std::move(error)}; }
+CtlCommand::Parsed fail(std::string error) {
+    return {std::nullopt, std::move(error)};
+}
 
 std::string joinWords(std::span<const std::string> words) {
     std::string out;
@@ -140,10 +160,10 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
                                      [&](const VerbName& v) { return word == v.word; });
     if (named == std::end(verbNames)) {
         std::string error = "unknown command \"" + word + "\"";
-        const auto* closest = std::min_element(std::begin(verbNames), std::end(verbNames),
-                                               [&](const VerbName& a, const VerbName& b) {
-                                                   return editDistance(word, a.word) < editDistance(word, b.word);
-                                               });
+        const auto* closest = std::min_element(
+            std::begin(verbNames), std::end(verbNames), [&](const VerbName& a, const VerbName& b) {
+                return editDistance(word, a.word) < editDistance(word, b.word);
+            });
         if (editDistance(word, closest->word) <= 2)
             error += "; did you mean " + std::string(closest->word) + "?";
         return fail(error + " (tonavictl help lists the commands)");
@@ -227,7 +247,8 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
         break;
     case Verb::deviceVolume: {
         if (rest.size() != 2)
-            return fail("device-volume takes a device and a level, e.g. device-volume Headphones 0.4" + usageHint);
+            return fail("device-volume takes a device and a level, e.g. device-volume Headphones 0.4" +
+                        usageHint);
         const auto level = number(rest[1], true);
         if (!level || *level < 0 || *level > 1)
             return fail("device volume \"" + rest[1] + "\" is not a level; give 0...1 or 0%...100%");
@@ -370,7 +391,7 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
     default: {
         if (!status)
             return {std::nullopt, "no status to resolve names in"};
-        const NameResolver resolver = verb == Verb::output ? NameResolver::outputDevices(*status)
+        const NameResolver resolver = verb == Verb::output        ? NameResolver::outputDevices(*status)
                                       : verb == Verb::groupCreate ? NameResolver::outputDevices(*status)
                                                                   : allDevices(*status);
         std::vector<std::string> uids;

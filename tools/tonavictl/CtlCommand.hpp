@@ -47,13 +47,13 @@ struct CtlCommand {
     struct Built;
 
     Verb verb = Verb::help;
-    std::vector<std::string> apps; // application words as typed
-    std::string device;            // a device word as typed, or "default" for no redirect
-    double amount = 0;             // volume 0...1, boost multiplier 1...4
-    bool on = false;               // stage on|off
-    bool json = false;             // status --json
-    std::string text;              // send: the request JSON; eq: the preset name, or "off";
-                                   // lock: volume|mute|rate; group: the group's name
+    std::vector<std::string> apps;    // application words as typed
+    std::string device;               // a device word as typed, or "default" for no redirect
+    double amount = 0;                // volume 0...1, boost multiplier 1...4
+    bool on = false;                  // stage on|off
+    bool json = false;                // status --json
+    std::string text;                 // send: the request JSON; eq: the preset name, or "off";
+                                      // lock: volume|mute|rate; group: the group's name
     std::vector<std::string> devices; // device words as typed: prefer, group create
 
     // args excludes the program name. The error says what is wrong with the words.

@@ -34,7 +34,8 @@ constexpr int exitUsage = 64;
 // Sends JSON text as it is and prints the reply's text as it came.
 int sendRaw(const std::string& requestJSON) {
     auto* bytes = reinterpret_cast<const std::uint8_t*>(requestJSON.data());
-    Bytes raw = RawSocket::roundTrip(TonaviChannel::socketPath(), {bytes, requestJSON.size()}, clientTimeoutSeconds);
+    Bytes raw =
+        RawSocket::roundTrip(TonaviChannel::socketPath(), {bytes, requestJSON.size()}, clientTimeoutSeconds);
     std::string text(raw.begin(), raw.end());
     TonaviReply reply = decodeReply(text);
     std::printf("%s\n", text.c_str());
@@ -69,7 +70,8 @@ int run(const CtlCommand& command) {
             return refused("the service gave no configuration to read the locks from");
         dump = TonaviPayload::decodeDiagnostics(*reply.payload);
     }
-    const std::optional<GlobalLocks> locks = dump ? std::optional<GlobalLocks>(dump->config.locks) : std::nullopt;
+    const std::optional<GlobalLocks> locks =
+        dump ? std::optional<GlobalLocks>(dump->config.locks) : std::nullopt;
     auto built = command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr);
     if (!built.request)
         return refused(built.error);
