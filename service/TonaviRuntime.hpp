@@ -217,6 +217,8 @@ class TonaviRuntime {
     void handleDevicesChanged();
     void handleReconnectedDevices();
     void handleOutputTopologyChange();
+    // Lanes locked to a device that has come back get their taps back on it.
+    void restoreLanes(const std::string& reconnectedUID);
     std::optional<HardwareSnapshot> captureHardwareSnapshot();
     void applyHardwareSnapshot(std::optional<HardwareSnapshot> snapshot);
     void completeOutputSelection(std::uint64_t generation, const std::string& name, bool succeeded,

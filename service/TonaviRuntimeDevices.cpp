@@ -83,11 +83,16 @@ void TonaviRuntime::installDeviceListeners() {
         devices_->setOnDefaultOutputChanged([weak](const std::string& uid) {
             withRuntime(weak, [&](TonaviRuntime& rt) { rt.handleConfirmedDefaultOutput(uid); });
         });
-        devices_->installListeners();
-        devices_->refreshOutputListeners();
+        // What is connected now is the baseline: only later arrivals count as reconnections.
+        const auto topology = devices_->outputTopology();
+        for (const auto& [uid, signature] : topology)
+            if (signature.alive)
+                lastConnectedUIDs_.insert(uid);
+        (void)outputTopology_.update(topology);
         // The first status already lists the devices; later ones come from background probes.
         applyHardwareSnapshot(captureHardwareSnapshot());
-        (void)outputTopology_.update(devices_->outputTopology()); // the baseline
+        devices_->installListeners();
+        devices_->refreshOutputListeners();
     });
 }
 
@@ -325,7 +330,8 @@ void TonaviRuntime::handleConfirmedDefaultOutput(const std::string& uid) {
         if (auto id = devices_->deviceID(uid))
             devices_->setSystemSoundEffectsDevice(*id);
     engine_->refreshTaps(engaged);
-    // Bluetooth memories and workspace lanes are recalled here when their subsystem lands.
+    // Bluetooth memories are recalled here when their subsystem lands.
+    restoreLanes(uid);
 
     // Helper processes often attach to the old route a moment after a switch; catch them.
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
@@ -396,6 +402,8 @@ void TonaviRuntime::handleReconnectedDevices() {
     lastConnectedUIDs_ = keys;
     if (appeared.empty())
         return;
+    for (const auto& uid : appeared)
+        restoreLanes(uid); // Bluetooth memories join here with their subsystem
     const TonaviConfig config = engine_->config();
     const std::string& effectsUID = config.systemRows.soundEffectsDeviceUID;
     if (!effectsUID.empty() && appeared.contains(effectsUID))
@@ -419,6 +427,9 @@ void TonaviRuntime::handleReconnectedDevices() {
         AutomaticOutputPolicy::pick(appeared, current, candidates, devices_->preferredOrder());
     if (!target || (current && *target == current->uid))
         return;
+    // The selection resolves against the snapshot, whose background refresh may not have landed yet;
+    // the list just read is fresh, so the snapshot is taken now from the same cache.
+    applyHardwareSnapshot(captureHardwareSnapshot());
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     selectOutputAsync(*target, false, [weak, uid = *target](TonaviReply reply) {
         withRuntime(weak, [&](TonaviRuntime&) {
@@ -429,6 +440,14 @@ void TonaviRuntime::handleReconnectedDevices() {
             // The trail of output moves joins with audio onsets.
         });
     });
+}
+
+void TonaviRuntime::restoreLanes(const std::string& reconnectedUID) {
+    const std::vector<std::string> waiting = engine_->deviceReconnected(reconnectedUID);
+    for (const auto& id : waiting)
+        Log::info("tonavi: lane restored, " + id + " back on " + reconnectedUID);
+    if (!waiting.empty())
+        engine_->refreshTaps(waiting);
 }
 
 void TonaviRuntime::handleOutputTopologyChange() {
