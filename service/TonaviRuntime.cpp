@@ -132,8 +132,6 @@ TonaviRuntime::TonaviRuntime(Environment environment)
 
 TonaviRuntime::~TonaviRuntime() {
     anchor_.reset();
-    if (hardwareProbeQueue_)
-        hardwareProbeQueue_.reset();
     if (watchdogTimer_)
         watchdogTimer_->cancel();
     if (smartTimer_)
@@ -144,12 +142,16 @@ TonaviRuntime::~TonaviRuntime() {
         audio_->removePropertyListener(kAudioObjectSystemObject,
                                        globalAddress(kAudioHardwarePropertyProcessObjectList), *serialQueue_,
                                        processRegistryListener_);
-    // Each queue waits for its running item; pending work is dropped and finds the anchor gone.
+    // Only items running now still hold the anchor, and they may queue work on any queue. Each queue
+    // is drained while all of them exist; whatever is queued after that finds the anchor gone.
+    for (auto* queue : {serialQueue_.get(), hardwareProbeQueue_.get(), warmUpQueue_.get(),
+                        tapWorkQueue_.get(), activityListenerQueue_.get()})
+        queue->sync([] {});
+    hardwareProbeQueue_.reset();
     warmUpQueue_.reset();
     tapWorkQueue_.reset();
     activityListenerQueue_.reset();
     // The device manager unregisters against serialQueue, so it goes while the queue still exists.
-    serialQueue_->sync([] {});
     outputGroups_.reset();
     devices_.reset();
     serialQueue_.reset();
