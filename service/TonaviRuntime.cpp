@@ -57,7 +57,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     tapWorkQueue_ = std::make_unique<DispatchQueue>("tonavi.tap-lifecycle", clock_);
     warmUpQueue_ = std::make_unique<DispatchQueue>("tonavi.warm-up", clock_);
 
-    // 3. The device manager joins here when it lands.
+    // 3. The device manager, on serialQueue as its state queue.
+    createDeviceManager();
 
     // 4. A service never fails to start for want of a configuration; the store has already tried
     //    to recover whatever it could.
@@ -141,10 +142,18 @@ TonaviRuntime::~TonaviRuntime() {
         audio_->removePropertyListener(kAudioObjectSystemObject,
                                        globalAddress(kAudioHardwarePropertyProcessObjectList), *serialQueue_,
                                        processRegistryListener_);
-    // Each queue waits for its running item; pending work is dropped and finds the anchor gone.
+    // Only items running now still hold the anchor, and they may queue work on any queue. Each queue
+    // is drained while all of them exist; whatever is queued after that finds the anchor gone.
+    for (auto* queue : {serialQueue_.get(), hardwareProbeQueue_.get(), warmUpQueue_.get(),
+                        tapWorkQueue_.get(), activityListenerQueue_.get()})
+        queue->sync([] {});
+    hardwareProbeQueue_.reset();
     warmUpQueue_.reset();
     tapWorkQueue_.reset();
     activityListenerQueue_.reset();
+    // The device manager unregisters against serialQueue, so it goes while the queue still exists.
+    outputGroups_.reset();
+    devices_.reset();
     serialQueue_.reset();
 }
 
@@ -522,16 +531,11 @@ void TonaviRuntime::releaseTapsThenStop() {
 // MARK: Seams of subsystems not in this build
 
 void TonaviRuntime::refreshAudioSnapshotsIfNeeded(bool) {}
-void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool) {}
-void TonaviRuntime::reconcileOutputGroups(bool) {}
-void TonaviRuntime::applyDevicePolicies() {}
 void TonaviRuntime::syncAUSlots() {}
 void TonaviRuntime::startMIDI() {}
 void TonaviRuntime::startActiveAppTracking() {}
 void TonaviRuntime::armOutputRunningListeners() {}
 void TonaviRuntime::nudgeSmart() {}
 void TonaviRuntime::enforceBluetoothOutputOnly() {}
-void TonaviRuntime::installDeviceListeners() {}
-void TonaviRuntime::enforceDeviceLimits() {}
 
 } // namespace tonavi

@@ -17,6 +17,8 @@
 #include "core/config/TonaviConfig.hpp"
 #include "core/config/TonaviConfigStore.hpp"
 #include "core/engine/EngagementEngine.hpp"
+#include "core/outputs/OutputSelectionOrder.hpp"
+#include "core/outputs/OutputTopologyTracker.hpp"
 #include "core/wire/TonaviReply.hpp"
 #include "core/wire/TonaviRequest.hpp"
 #include "core/wire/TonaviStatus.hpp"
@@ -25,6 +27,8 @@
 #include "service/CoalescedRefreshState.hpp"
 #include "service/RecencyTracker.hpp"
 #include "service/ServiceTapProvider.hpp"
+#include "service/devices/OutputGroupManager.hpp"
+#include "service/devices/TonaviDeviceManager.hpp"
 
 #include <atomic>
 #include <functional>
@@ -90,6 +94,10 @@ class TonaviRuntime {
     static constexpr double smartIntervalSeconds = 2.0;
     static constexpr double wakeDelaySeconds = 0.25;
     static constexpr const char* reconcileKey = "@reconcile";
+    // A hardware snapshot younger than this answers the status without a new probe.
+    static constexpr double hardwareSnapshotLifetimeSeconds = 1.0;
+    static constexpr double settlingPassSeconds = 0.75;
+    static constexpr double deviceUseDebounceSeconds = 30.0;
 
     explicit TonaviRuntime(Environment environment);
     // The service never releases its runtime; tests do. Stops timers and queues before the state goes.
@@ -128,6 +136,15 @@ class TonaviRuntime {
     std::vector<std::string> currentSystemRouteNames(const std::string& uid) const;
     IDSet audibleAppsNow();
     IDSet standingControl();
+
+    // Output selection, on serialQueue. `completion` gets the reply, on serialQueue, once the system
+    // was seen to report the device or the attempt ended; a newer selection supersedes this one.
+    void selectOutputAsync(const std::string& query, bool rememberPreference,
+                           std::function<void(TonaviReply)> completion);
+    void handleConfirmedDefaultOutput(const std::string& uid);
+    void promotePreferredOutput(const std::string& uid);
+    bool recordDeviceUse(const std::string& uid, double at);
+    TonaviDeviceManager& devices() { return *devices_; }
 
     const std::string& version() const { return version_; }
     DispatchQueue& serialQueue() { return *serialQueue_; }
@@ -189,6 +206,36 @@ class TonaviRuntime {
     void enforceBluetoothOutputOnly();
     void installDeviceListeners();
     void enforceDeviceLimits();
+
+    // Devices and outputs (TonaviRuntimeDevices.cpp).
+    std::optional<TonaviReply> handleDeviceRequestLocked(const TonaviRequest& request);
+    // Takes the two output selection requests, which reply later; false for any other request.
+    bool handleOutputSelectionAsync(const TonaviRequest& request,
+                                    std::function<void(TonaviReply)> completion);
+    void createDeviceManager();
+    OutputGroupManager& outputGroups();
+    void handleDevicesChanged();
+    void handleReconnectedDevices();
+    void handleOutputTopologyChange();
+    // Lanes locked to a device that has come back get their taps back on it.
+    void restoreLanes(const std::string& reconnectedUID);
+    std::optional<HardwareSnapshot> captureHardwareSnapshot();
+    void applyHardwareSnapshot(std::optional<HardwareSnapshot> snapshot);
+    void completeOutputSelection(std::uint64_t generation, const std::string& name, bool succeeded,
+                                 std::function<void(TonaviReply)> completion);
+    void settleDefaultRoute(std::uint64_t generation, const std::string& uid);
+    std::optional<AudioObjectID> defaultOutputID();
+    TonaviReply setOutputVolume(double volume);
+    TonaviReply setOutputMuted(bool muted);
+    TonaviReply setInputDevice(const std::string& uid);
+    TonaviReply setSoundEffectsDevice(const std::string& uid);
+    TonaviReply setDeviceHidden(const std::string& uid, bool hidden);
+    TonaviReply setDeviceSettings(const DeviceSettings& settings);
+    TonaviReply setPreferredOrder(const std::vector<std::string>& uids);
+    TonaviReply setDeviceDisplayOrder(const std::vector<std::string>& uids);
+    TonaviReply setOutputDeviceLocked(const std::string& query);
+    TonaviReply saveGroup(const OutputGroup& group);
+    TonaviReply deleteGroup(const std::string& id);
     std::vector<AudioOnset> currentAudioOnsets() const;
 
     // Environment.
@@ -239,6 +286,21 @@ class TonaviRuntime {
     HardwareSnapshot hardwareSnapshot_;
 
     AudioObjectPropertyListenerBlock processRegistryListener_;
+
+    // Devices and outputs, all of serialQueue. The manager lives while serialQueue does.
+    std::shared_ptr<TonaviDeviceManager> devices_;
+    std::unique_ptr<OutputGroupManager> outputGroups_;  // made on first use
+    std::unique_ptr<DispatchQueue> hardwareProbeQueue_; // "tonavi.hardware-probe"
+    DispatchTime hardwareSnapshotAt_ = DispatchTime::min();
+    std::uint64_t hardwareSnapshotGeneration_ = 0;
+    bool hardwareProbeInFlight_ = false;
+    std::uint64_t outputSelectionGeneration_ = 0;
+    bool manualOutputIntentPending_ = false;
+    OutputSelectionOrder outputSelectionOrder_;
+    std::uint64_t defaultOutputGeneration_ = 0;
+    std::map<std::string, double> lastRecordedDeviceUse_;
+    std::set<std::string> lastConnectedUIDs_;
+    OutputTopologyTracker outputTopology_;
     std::vector<Workspace::ObserverToken> workspaceObservers_;
 };
 

@@ -44,8 +44,10 @@ std::vector<std::string> mergingVisibleOrder(const std::vector<std::string>& exi
 // MARK: Entry
 
 void TonaviRuntime::handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion) {
-    // Output selection and scene loads wait for the operating system and complete later; until the
-    // device manager and scenes land they answer at once, like every other request.
+    // Output selection waits for the operating system and completes later; scene loads join it
+    // when scenes land.
+    if (handleOutputSelectionAsync(request, completion))
+        return;
     completion(handle(request));
 }
 
@@ -176,8 +178,10 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
                 return setStageMode(c.on);
             } else if constexpr (std::is_same_v<T, R::SetManualDuck>) {
                 return setManualDuck(c.on);
+            } else if (auto reply = handleDeviceRequestLocked(request)) {
+                return std::move(*reply);
             } else {
-                // Devices, outputs, groups, scenes, lists, MIDI, plug-ins, lanes and rules: their
+                // Scenes, lists, MIDI, plug-ins, lanes and rules: their
                 // subsystems are not part of this service yet.
                 return notAvailable(request.caseName());
             }

@@ -128,6 +128,8 @@ class TonaviDeviceManager : public std::enable_shared_from_this<TonaviDeviceMana
     const GlobalLocks& locks() const { return locks_; }
     const std::vector<std::string>& preferredOrder() const { return preferredOrder_; }
     const std::optional<double>& lockedVolume() const { return lockedVolume_; }
+    // A user's own change of the output volume is what the volume lock keeps from then on.
+    void setLockedVolume(std::optional<double> volume) { lockedVolume_ = volume; }
     const std::map<std::string, double>& lockedSampleRate() const { return lockedSampleRate_; }
     const std::map<AudioObjectID, std::pair<std::string, std::vector<OutputListener>>>&
     outputListeners() const {

@@ -250,8 +250,7 @@ TEST(Requests, ThoseWithoutAStatusAndThoseNotAvailableYet) {
     EXPECT_EQ(shutdown.message, "audio returned to the OS");
     EXPECT_FALSE(shutdown.status.has_value());
 
-    for (const R::Value& value : {R::Value{R::SetOutputDevice{"x"}}, R::Value{R::ListDevices{}},
-                                  R::Value{R::LoadConfig{"scene"}}, R::Value{R::SetMIDIMapping{}}}) {
+    for (const R::Value& value : {R::Value{R::LoadConfig{"scene"}}, R::Value{R::SetMIDIMapping{}}}) {
         const TonaviRequest request{value};
         SCOPED_TRACE(std::string(request.caseName()));
         const TonaviReply reply = h.runtime->handle(request);
@@ -261,18 +260,18 @@ TEST(Requests, ThoseWithoutAStatusAndThoseNotAvailableYet) {
     }
 }
 
-TEST(Status, BeforeTheFirstSnapshotItComesFromTheConfigurationAlone) {
+TEST(Status, BeforeTheFirstProcessSnapshotAppsComeFromTheConfigurationAndDevicesFromStartUp) {
     RuntimeHarness h;
     h.start();
     const TonaviReply reply = h.send(R::Status{});
     ASSERT_TRUE(reply.ok);
     EXPECT_EQ(reply.message, "");
     const TonaviStatus& status = *reply.status;
-    EXPECT_TRUE(status.devices.empty());
+    EXPECT_EQ(status.devices.size(), 6u);
     EXPECT_DOUBLE_EQ(status.sampleRate, 48000.0);
-    EXPECT_EQ(status.defaultOutputUID, "");
-    EXPECT_TRUE(status.outputVolumeIsSoft);
-    EXPECT_DOUBLE_EQ(status.outputVolume, 1.0);
+    EXPECT_EQ(status.defaultOutputUID, "BuiltInSpeakerDevice");
+    EXPECT_FALSE(status.outputVolumeIsSoft);
+    EXPECT_DOUBLE_EQ(status.outputVolume, 0.5);
     EXPECT_EQ(status.apps.size(), TonaviConfig::firstRunDefaults().apps.size());
     EXPECT_FALSE(status.anyEngaged);
     for (const auto& app : status.apps) {

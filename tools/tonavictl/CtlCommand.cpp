@@ -4,6 +4,7 @@
 #include "audio/effects/EQPresets.hpp"
 #include "audio/effects/EffectSettingsJSON.hpp"
 #include "base/Encoding.hpp"
+#include "core/outputs/OutputGroupIdentity.hpp"
 #include "core/wire/TonaviStatus.hpp"
 #include "tools/tonavictl/NameResolver.hpp"
 
@@ -24,10 +25,20 @@ const char* const ctlUsageText =
     "  solo [APP...]              hear only these applications; with none, end the solo\n"
     "  stage on|off               release every tap (on) or restore every setting (off)\n"
     "  boost APP FACTOR           amplify an application 1...4 times\n"
-    "  redirect APP DEVICE        play an application on another output; DEVICE 'default' follows the system\n"
+    "  redirect APP DEVICE        play an application on another output; DEVICE 'default' follows the "
+    "system\n"
     "  eq APP PRESET              equalise an application with a built-in preset; PRESET 'off' removes it\n"
     "  reset APP                  forget every setting of an application\n"
     "  diagnostics                print the service's support dump (JSON)\n"
+    "  devices                    the audio devices as a table\n"
+    "  output DEVICE              make DEVICE the system output; prints where the output really is\n"
+    "  device-volume DEVICE LEVEL set a device's volume: 0...1 or 0%...100%\n"
+    "  device-mute DEVICE | device-unmute DEVICE\n"
+    "  hide DEVICE | show DEVICE  remove a device from Tonavi, or restore it\n"
+    "  prefer DEVICE...           the preferred outputs, most preferred first\n"
+    "  lock volume|mute|rate on|off  hold the output's volume, mute or the sample rates\n"
+    "  group create NAME DEVICE DEVICE...  play several outputs as one\n"
+    "  group delete NAME          remove an output group\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
     "  sim <command> ...          drive the simulated machine (tonavictl sim help)\n"
@@ -46,11 +57,49 @@ struct VerbName {
 };
 
 constexpr VerbName verbNames[] = {
-    {"help", Verb::help},   {"ping", Verb::ping},       {"send", Verb::send},         {"status", Verb::status},
-    {"volume", Verb::volume}, {"mute", Verb::mute},     {"unmute", Verb::unmute},     {"solo", Verb::solo},
-    {"stage", Verb::stage}, {"boost", Verb::boost},     {"redirect", Verb::redirect}, {"eq", Verb::eq},
-    {"reset", Verb::reset}, {"diagnostics", Verb::diagnostics},
+    {"help", Verb::help},
+    {"ping", Verb::ping},
+    {"send", Verb::send},
+    {"status", Verb::status},
+    {"volume", Verb::volume},
+    {"mute", Verb::mute},
+    {"unmute", Verb::unmute},
+    {"solo", Verb::solo},
+    {"stage", Verb::stage},
+    {"boost", Verb::boost},
+    {"redirect", Verb::redirect},
+    {"eq", Verb::eq},
+    {"reset", Verb::reset},
+    {"diagnostics", Verb::diagnostics},
+    {"devices", Verb::devices},
+    {"output", Verb::output},
+    {"device-volume", Verb::deviceVolume},
+    {"device-mute", Verb::deviceMute},
+    {"device-unmute", Verb::deviceUnmute},
+    {"hide", Verb::hide},
+    {"show", Verb::show},
+    {"prefer", Verb::prefer},
+    {"lock", Verb::lock},
+    {"group", Verb::groupCreate},
 };
+
+// Every device of a status, inputs too, by UID, name and nickname.
+NameResolver allDevices(const TonaviStatus& status) {
+    std::vector<NameResolver::Candidate> candidates;
+    for (const auto& device : status.devices)
+        candidates.push_back({device.id, device.name, device.nickname});
+    return NameResolver("device", std::move(candidates));
+}
+
+// The output groups of a status: the aggregates carrying the group prefix, by group ID and name.
+NameResolver groups(const TonaviStatus& status) {
+    std::vector<NameResolver::Candidate> candidates;
+    const std::string_view prefix = OutputGroupIdentity::aggregateUIDPrefix;
+    for (const auto& device : status.devices)
+        if (device.id.starts_with(prefix))
+            candidates.push_back({device.id.substr(prefix.size()), device.name, {}});
+    return NameResolver("output group", std::move(candidates));
+}
 
 std::optional<double> number(const std::string& word, bool allowPercent) {
     std::string digits = word;
@@ -68,7 +117,9 @@ std::optional<double> number(const std::string& word, bool allowPercent) {
     return percent ? value / 100.0 : value;
 }
 
-CtlCommand::Parsed fail(std::string error) { return {std::nullopt, std::move(error)}; }
+CtlCommand::Parsed fail(std::string error) {
+    return {std::nullopt, std::move(error)};
+}
 
 std::string joinWords(std::span<const std::string> words) {
     std::string out;
@@ -109,10 +160,10 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
                                      [&](const VerbName& v) { return word == v.word; });
     if (named == std::end(verbNames)) {
         std::string error = "unknown command \"" + word + "\"";
-        const auto* closest = std::min_element(std::begin(verbNames), std::end(verbNames),
-                                               [&](const VerbName& a, const VerbName& b) {
-                                                   return editDistance(word, a.word) < editDistance(word, b.word);
-                                               });
+        const auto* closest = std::min_element(
+            std::begin(verbNames), std::end(verbNames), [&](const VerbName& a, const VerbName& b) {
+                return editDistance(word, a.word) < editDistance(word, b.word);
+            });
         if (editDistance(word, closest->word) <= 2)
             error += "; did you mean " + std::string(closest->word) + "?";
         return fail(error + " (tonavictl help lists the commands)");
@@ -124,6 +175,7 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
     case Verb::help:
     case Verb::ping:
     case Verb::diagnostics:
+    case Verb::devices:
         if (!rest.empty())
             return fail(word + " takes no arguments");
         break;
@@ -184,6 +236,51 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
         c.apps = {rest[0]};
         c.device = rest[1];
         break;
+    case Verb::output:
+    case Verb::deviceMute:
+    case Verb::deviceUnmute:
+    case Verb::hide:
+    case Verb::show:
+        if (rest.size() != 1)
+            return fail(word + " takes one device" + usageHint);
+        c.device = rest[0];
+        break;
+    case Verb::deviceVolume: {
+        if (rest.size() != 2)
+            return fail("device-volume takes a device and a level, e.g. device-volume Headphones 0.4" +
+                        usageHint);
+        const auto level = number(rest[1], true);
+        if (!level || *level < 0 || *level > 1)
+            return fail("device volume \"" + rest[1] + "\" is not a level; give 0...1 or 0%...100%");
+        c.device = rest[0];
+        c.amount = *level;
+        break;
+    }
+    case Verb::prefer:
+        if (rest.empty())
+            return fail("prefer takes one or more devices, most preferred first" + usageHint);
+        c.devices.assign(rest.begin(), rest.end());
+        break;
+    case Verb::lock:
+        if (rest.size() != 2 || (rest[0] != "volume" && rest[0] != "mute" && rest[0] != "rate") ||
+            (rest[1] != "on" && rest[1] != "off"))
+            return fail("lock takes volume, mute or rate, then on or off");
+        c.text = rest[0];
+        c.on = rest[1] == "on";
+        break;
+    case Verb::groupCreate:
+        if (rest.size() >= 4 && rest[0] == "create") {
+            c.text = rest[1];
+            c.devices.assign(rest.begin() + 2, rest.end());
+        } else if (rest.size() == 2 && rest[0] == "delete") {
+            c.verb = Verb::groupDelete;
+            c.text = rest[1];
+        } else {
+            return fail("group takes create NAME DEVICE DEVICE... or delete NAME");
+        }
+        break;
+    case Verb::groupDelete:
+        break;
     case Verb::eq: {
         if (rest.size() < 2)
             return fail("eq takes an application and a preset name, or 'off'" + usageHint);
@@ -207,9 +304,11 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
     return {c, {}};
 }
 
-bool CtlCommand::needsStatus() const { return !apps.empty(); }
+bool CtlCommand::needsStatus() const {
+    return !apps.empty() || !device.empty() || !devices.empty() || verb == Verb::groupDelete;
+}
 
-CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status) const {
+CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const GlobalLocks* locks) const {
     using R = TonaviRequest;
     std::vector<std::string> ids;
     if (!apps.empty()) {
@@ -271,9 +370,66 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status) const {
         }
         return {R{R::SetAppChain{ids[0], std::move(chain)}}, {}};
     }
+    case Verb::devices:
+        return {R{R::ListDevices{}}, {}};
+    case Verb::lock: {
+        if (!locks)
+            return {std::nullopt, "no locks to change"};
+        GlobalLocks next = *locks;
+        (text == "volume" ? next.volume : text == "mute" ? next.mute : next.sampleRate) = on;
+        return {R{R::SetLocks{next}}, {}};
+    }
+    case Verb::groupDelete: {
+        auto resolved = groups(*status).resolve(text);
+        if (!resolved.id)
+            return {std::nullopt, resolved.error};
+        return {R{R::DeleteGroup{*resolved.id}}, {}};
+    }
     case Verb::help:
     case Verb::send:
         break;
+    default: {
+        if (!status)
+            return {std::nullopt, "no status to resolve names in"};
+        const NameResolver resolver = verb == Verb::output        ? NameResolver::outputDevices(*status)
+                                      : verb == Verb::groupCreate ? NameResolver::outputDevices(*status)
+                                                                  : allDevices(*status);
+        std::vector<std::string> uids;
+        for (const auto& word : device.empty() ? devices : std::vector<std::string>{device}) {
+            auto resolved = resolver.resolve(word);
+            // A hidden device is not listed; show takes its UID as it is.
+            if (!resolved.id && verb == Verb::show)
+                resolved.id = word;
+            if (!resolved.id)
+                return {std::nullopt, resolved.error};
+            uids.push_back(*resolved.id);
+        }
+        switch (verb) {
+        case Verb::output:
+            return {R{R::SetOutputDevice{uids[0]}}, {}};
+        case Verb::deviceVolume:
+            return {R{R::SetDeviceVolume{uids[0], amount}}, {}};
+        case Verb::deviceMute:
+        case Verb::deviceUnmute:
+            return {R{R::SetDeviceMuted{uids[0], verb == Verb::deviceMute}}, {}};
+        case Verb::hide:
+        case Verb::show:
+            return {R{R::SetDeviceHidden{uids[0], verb == Verb::hide}}, {}};
+        case Verb::prefer:
+            return {R{R::SetPreferredOrder{uids}}, {}};
+        case Verb::groupCreate: {
+            OutputGroup group;
+            group.id = makeUUID();
+            group.name = text;
+            for (const auto& uid : uids)
+                group.members.push_back({uid, 1.0, false});
+            return {R{R::SaveGroup{std::move(group)}}, {}};
+        }
+        default:
+            break;
+        }
+        break;
+    }
     }
     return {std::nullopt, "this command sends no request of its own"};
 }

@@ -30,26 +30,42 @@ struct CtlCommand {
         eq,
         reset,
         diagnostics,
+        devices,
+        output,
+        deviceVolume,
+        deviceMute,
+        deviceUnmute,
+        hide,
+        show,
+        prefer,
+        lock,
+        groupCreate,
+        groupDelete,
     };
 
     struct Parsed;
     struct Built;
 
     Verb verb = Verb::help;
-    std::vector<std::string> apps; // application words as typed
-    std::string device;            // a device word as typed, or "default" for no redirect
-    double amount = 0;             // volume 0...1, boost multiplier 1...4
-    bool on = false;               // stage on|off
-    bool json = false;             // status --json
-    std::string text;              // send: the request JSON; eq: the preset name, or "off"
+    std::vector<std::string> apps;    // application words as typed
+    std::string device;               // a device word as typed, or "default" for no redirect
+    double amount = 0;                // volume 0...1, boost multiplier 1...4
+    bool on = false;                  // stage on|off
+    bool json = false;                // status --json
+    std::string text;                 // send: the request JSON; eq: the preset name, or "off";
+                                      // lock: volume|mute|rate; group: the group's name
+    std::vector<std::string> devices; // device words as typed: prefer, group create
 
     // args excludes the program name. The error says what is wrong with the words.
     static Parsed parse(std::span<const std::string> args);
 
     bool needsStatus() const;
+    // lock changes one flag of the global locks, so it needs the others as they are now.
+    bool needsLocks() const { return verb == Verb::lock; }
 
-    // status is required when needsStatus(). The error names the word that resolves to nothing.
-    Built toRequest(const TonaviStatus* status) const;
+    // status is required when needsStatus(), locks when needsLocks(). The error names the word that
+    // resolves to nothing.
+    Built toRequest(const TonaviStatus* status, const GlobalLocks* locks = nullptr) const;
 };
 
 struct CtlCommand::Parsed {

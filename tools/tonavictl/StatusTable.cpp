@@ -16,8 +16,8 @@ constexpr std::size_t healthLines = 3;
 
 // Width on a terminal, counting each UTF-8 sequence as one column.
 std::size_t columns(const std::string& text) {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
+    return static_cast<std::size_t>(std::count_if(
+        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
 }
 
 std::string percent(double value) {
@@ -95,10 +95,11 @@ std::string StatusTable::render(const TonaviStatus& status) {
     std::string out;
 
     std::vector<std::string> summary;
-    summary.push_back("output " +
-                      (status.defaultOutputUID.empty() ? std::string("none")
-                                                       : deviceName(status, status.defaultOutputUID)));
-    summary.push_back("volume " + percent(status.outputVolume) + (status.outputVolumeIsSoft ? " (software)" : "") +
+    summary.push_back("output " + (status.defaultOutputUID.empty()
+                                       ? std::string("none")
+                                       : deviceName(status, status.defaultOutputUID)));
+    summary.push_back("volume " + percent(status.outputVolume) +
+                      (status.outputVolumeIsSoft ? " (software)" : "") +
                       (status.outputMuted ? " muted" : ""));
     char rate[32];
     std::snprintf(rate, sizeof rate, "%.0f Hz", status.sampleRate);
@@ -156,8 +157,9 @@ std::string StatusTable::render(const TonaviStatus& status) {
             if (d.id == status.soundEffectsUID)
                 defaults.push_back("alerts");
             std::string name = d.nickname.empty() ? d.name : d.nickname + " (" + d.name + ")";
-            devices.add({name, d.id, std::string(transportName(d.transport)), join(io, "/"), join(defaults, ", "),
-                         d.hasVolume ? percent(d.volume) : "-", d.muted ? "yes" : "no"});
+            devices.add({name, d.id, std::string(transportName(d.transport)), join(io, "/"),
+                         join(defaults, ", "), d.hasVolume ? percent(d.volume) : "-",
+                         d.muted ? "yes" : "no"});
         }
         out += devices.text();
     }
@@ -169,6 +171,38 @@ std::string StatusTable::render(const TonaviStatus& status) {
             out += "  " + status.health[i].kind + ": " + status.health[i].detail + "\n";
     }
     return out;
+}
+
+std::string StatusTable::renderDevices(const TonaviStatus& status, const GlobalLocks& locks) {
+    if (status.devices.empty())
+        return "  (no devices)\n";
+    Table table({"NAME", "TRANSPORT", "DEFAULT", "VOLUME", "MUTED", "HIDDEN", "LOCKS"});
+    for (const auto& d : status.devices) {
+        std::vector<std::string> defaults;
+        if (d.isDefaultOutput)
+            defaults.push_back("output");
+        if (d.isDefaultInput)
+            defaults.push_back("input");
+        if (d.id == status.soundEffectsUID)
+            defaults.push_back("alerts");
+        std::vector<std::string> held;
+        if (d.isDefaultOutput && locks.volume)
+            held.push_back("volume");
+        if (d.isDefaultOutput && locks.mute)
+            held.push_back("mute");
+        if (locks.sampleRate)
+            held.push_back("rate");
+        std::string name = d.nickname.empty() ? d.name : d.nickname + " (" + d.name + ")";
+        table.add({name, std::string(transportName(d.transport)), join(defaults, ", "),
+                   d.hasVolume ? percent(d.volume) : "-", d.muted ? "yes" : "no",
+                   d.hidden.value_or(false) ? "yes" : "no", held.empty() ? "-" : join(held, ", ")});
+    }
+    return table.text();
+}
+
+std::string StatusTable::outputLine(const TonaviStatus& status) {
+    return "output is on " + (status.defaultOutputUID.empty() ? std::string("no device")
+                                                              : deviceName(status, status.defaultOutputUID));
 }
 
 } // namespace tonavi

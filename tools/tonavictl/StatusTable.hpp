@@ -2,6 +2,8 @@
 // The text `tonavictl status` prints: a summary line of the system output, a table of applications
 // (volume, mute, engaged, level, output, issues), a table of devices, and the newest health events.
 
+#include "core/config/GlobalLocks.hpp"
+
 #include <string>
 
 namespace tonavi {
@@ -11,6 +13,11 @@ struct TonaviStatus;
 class StatusTable {
   public:
     static std::string render(const TonaviStatus& status);
+    // `tonavictl devices`: one row per device with its transport, default marks, volume, mute, whether
+    // it is hidden and the global locks that hold it (volume and mute hold the output, rate all).
+    static std::string renderDevices(const TonaviStatus& status, const GlobalLocks& locks);
+    // Where the system output is, by name: what `tonavictl output` prints after a switch.
+    static std::string outputLine(const TonaviStatus& status);
 
     // A ten-character meter for a level in 0...1: "#" for each tenth reached, "." for the rest.
     static std::string levelBar(double level);

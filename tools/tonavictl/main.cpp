@@ -2,8 +2,10 @@
 // Exit status: 0 on an ok reply, 1 on a failure reply or a name that matches nothing, 2 when the service
 // cannot be reached or answers with something that is not a reply, 64 for wrong arguments.
 
+#include "core/wire/Diagnostics.hpp"
 #include "core/wire/RawSocket.hpp"
 #include "core/wire/TonaviChannel.hpp"
+#include "core/wire/TonaviPayload.hpp"
 #include "core/wire/TonaviStatus.hpp"
 #include "core/wire/TransportError.hpp"
 #include "core/wire/WireError.hpp"
@@ -32,7 +34,8 @@ constexpr int exitUsage = 64;
 // Sends JSON text as it is and prints the reply's text as it came.
 int sendRaw(const std::string& requestJSON) {
     auto* bytes = reinterpret_cast<const std::uint8_t*>(requestJSON.data());
-    Bytes raw = RawSocket::roundTrip(TonaviChannel::socketPath(), {bytes, requestJSON.size()}, clientTimeoutSeconds);
+    Bytes raw =
+        RawSocket::roundTrip(TonaviChannel::socketPath(), {bytes, requestJSON.size()}, clientTimeoutSeconds);
     std::string text(raw.begin(), raw.end());
     TonaviReply reply = decodeReply(text);
     std::printf("%s\n", text.c_str());
@@ -59,7 +62,17 @@ int run(const CtlCommand& command) {
                            (reply.message.empty() ? std::string() : ": " + reply.message));
         status = std::move(reply.status);
     }
-    auto built = command.toRequest(status ? &*status : nullptr);
+    // The locks and the system roles live in the configuration and the status: the support dump has both.
+    std::optional<Diagnostics> dump;
+    if (command.needsLocks() || command.verb == Verb::devices) {
+        TonaviReply reply = TonaviChannel::send({TonaviRequest::Diagnostics{}}, clientTimeoutSeconds);
+        if (!reply.ok || !reply.payload)
+            return refused("the service gave no configuration to read the locks from");
+        dump = TonaviPayload::decodeDiagnostics(*reply.payload);
+    }
+    const std::optional<GlobalLocks> locks =
+        dump ? std::optional<GlobalLocks>(dump->config.locks) : std::nullopt;
+    auto built = command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr);
     if (!built.request)
         return refused(built.error);
 
@@ -71,6 +84,18 @@ int run(const CtlCommand& command) {
         if (!reply.status)
             return refused("the reply holds no status");
         std::fputs(StatusTable::render(*reply.status).c_str(), stdout);
+        break;
+    case Verb::devices: {
+        if (!reply.payload)
+            return refused("the reply holds no device list");
+        TonaviStatus view = dump->status;
+        view.devices = TonaviPayload::decodeDevices(*reply.payload);
+        std::fputs(StatusTable::renderDevices(view, *locks).c_str(), stdout);
+        break;
+    }
+    case Verb::output:
+        if (reply.status)
+            std::printf("%s\n", StatusTable::outputLine(*reply.status).c_str());
         break;
     case Verb::diagnostics: {
         if (!reply.payload)
