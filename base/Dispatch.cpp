@@ -8,6 +8,9 @@
 #include <thread>
 #include <unistd.h>
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/syscall.h>
 
 namespace tonavi {
 
@@ -371,5 +374,93 @@ void SignalSource::resume() {
 }
 
 void SignalSource::cancel() { shared_->cancelled.store(true); }
+
+// ---- Process exit source ----
+
+struct ProcessExitSource::Shared {
+    int pid = -1;
+    DispatchQueue* queue = nullptr;
+    Closure handler;
+    std::atomic<bool> cancelled{false};
+    std::atomic<bool> fired{false};
+    int wakePipe[2] = {-1, -1};
+    std::thread watcher;
+
+    static void fire(const std::shared_ptr<Shared>& self) {
+        if (self->cancelled.load() || self->fired.exchange(true)) return;
+        self->queue->async([self] {
+            if (!self->cancelled.load()) self->handler();
+        });
+    }
+};
+
+namespace {
+int openPidFD(int pid) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+#else
+    errno = ENOSYS;
+    return -1;
+#endif
+}
+}  // namespace
+
+ProcessExitSource::ProcessExitSource(int pid, DispatchQueue& queue, Closure handler)
+    : shared_(std::make_shared<Shared>()) {
+    shared_->pid = pid;
+    shared_->queue = &queue;
+    shared_->handler = std::move(handler);
+}
+
+ProcessExitSource::~ProcessExitSource() {
+    cancel();
+    if (shared_->watcher.joinable()) shared_->watcher.join();
+    for (int fd : shared_->wakePipe)
+        if (fd >= 0) ::close(fd);
+}
+
+void ProcessExitSource::resume() {
+    if (shared_->watcher.joinable() || shared_->cancelled.load()) return;
+    if (::pipe2(shared_->wakePipe, O_CLOEXEC) != 0) return;
+    int pidFD = openPidFD(shared_->pid);
+    if (pidFD < 0 && errno == ESRCH) {
+        // No watch thread: the pipe would only raise SIGPIPE at cancel.
+        for (int& fd : shared_->wakePipe) {
+            ::close(fd);
+            fd = -1;
+        }
+        Shared::fire(shared_);
+        return;
+    }
+    if (pidFD >= 0) ::fcntl(pidFD, F_SETFD, FD_CLOEXEC);
+    shared_->watcher = std::thread([s = shared_, pidFD] {
+        pthread_setname_np(pthread_self(), "tonavi.pidwatch");
+        for (;;) {
+            pollfd fds[2] = {{s->wakePipe[0], POLLIN, 0}, {pidFD, POLLIN, 0}};
+            // Without a pid descriptor (an old kernel) the process is looked at ten times a second.
+            int n = ::poll(fds, pidFD >= 0 ? 2 : 1, pidFD >= 0 ? -1 : 100);
+            if (n < 0 && errno == EINTR) continue;
+            if (s->cancelled.load() || (n > 0 && fds[0].revents != 0)) break;
+            const bool gone = pidFD >= 0 ? (n > 0 && fds[1].revents != 0)
+                                         : (::kill(s->pid, 0) != 0 && errno == ESRCH);
+            if (gone) {
+                Shared::fire(s);
+                break;
+            }
+        }
+        if (pidFD >= 0) ::close(pidFD);
+    });
+}
+
+void ProcessExitSource::cancel() {
+    if (shared_->cancelled.exchange(true)) return;
+    if (shared_->wakePipe[1] >= 0) {
+        char byte = 1;
+        ssize_t ignored = ::write(shared_->wakePipe[1], &byte, 1);
+        (void)ignored;
+    }
+}
+
+bool ProcessExitSource::isCancelled() const { return shared_->cancelled.load(); }
 
 }  // namespace tonavi

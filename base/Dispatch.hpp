@@ -147,4 +147,25 @@ private:
     std::shared_ptr<Shared> shared_;
 };
 
+// Runs a handler on a queue once a process has ended: a child, or any other process this one may see
+// (a worker watches its parent this way). A process that is already gone when the source resumes
+// fires at once. For a child, the handler still has to reap it. The wait happens on one thread per
+// source, named "tonavi.pidwatch", which ends when the process does or the source is cancelled.
+class ProcessExitSource {
+public:
+    ProcessExitSource(int pid, DispatchQueue& queue, Closure handler);
+    ~ProcessExitSource();  // cancels and waits for the watch thread
+    ProcessExitSource(const ProcessExitSource&) = delete;
+    ProcessExitSource& operator=(const ProcessExitSource&) = delete;
+    void resume();
+    // The handler does not run after this returns, unless it is already running.
+    void cancel();
+    bool isCancelled() const;
+
+    struct Shared;
+
+private:
+    std::shared_ptr<Shared> shared_;
+};
+
 }  // namespace tonavi

@@ -7,7 +7,8 @@
 #include "platform/PlatformBackend.hpp"
 #include "service/TonaviControlServer.hpp"
 #include "service/TonaviRuntime.hpp"
-#include "service/TonaviTapWorkerMain.hpp"
+#include "service/worker/IsolatedTonaviTapProvider.hpp"
+#include "service/worker/TonaviTapWorkerMain.hpp"
 
 #include <csignal>
 #include <fcntl.h>
@@ -53,6 +54,9 @@ int main(int argc, char** argv) {
     environment.audio = backend->sharedAudio();
     // The backend lives as long as the process; the runtime borrows its workspace.
     environment.workspace = std::shared_ptr<Workspace>(std::shared_ptr<Workspace>(), &backend->workspace());
+    // Every tap lives in a worker process of its own; the runtime connects the provider's hooks.
+    environment.tapProvider = std::make_shared<IsolatedTonaviTapProvider>(
+        IsolatedTonaviTapProvider::platformEnvironment(backend->audio(), backend->workspace()));
     runtime = new TonaviRuntime(std::move(environment));
 
     server = std::make_shared<TonaviControlServer>(*runtime, Paths::controlSocketPath());

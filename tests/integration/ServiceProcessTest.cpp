@@ -76,9 +76,12 @@ TEST(ServiceProcess, WorkerFlagNeverTakesTheLockOrOpensTheSocket) {
     PrivateHome home;
     auto [usage, usageOut] = run({binPath("tonavi-service"), "--tonavi-tap-worker"}, home.env());
     EXPECT_EQ(usage, 64);
-    auto [unavailable, out] = run({binPath("tonavi-service"), "--tonavi-tap-worker", "com.apple.Safari"}, home.env());
-    EXPECT_NE(unavailable, 0);
-    EXPECT_NE(out.find("not available"), std::string::npos) << out;
+    // Without a first state on its stdin a worker gives up with 65.
+    auto [noState, out] = run({"/bin/sh", "-c",
+                               "exec '" + binPath("tonavi-service") + "' --tonavi-tap-worker com.apple.Safari </dev/null"},
+                              home.env());
+    EXPECT_EQ(noState, 65);
+    EXPECT_NE(out.find("missing initial render state"), std::string::npos) << out;
     EXPECT_FALSE(fs::exists(home.supportDir() + "/service.lock"));
     EXPECT_FALSE(fs::exists(home.socketPath()));
 }

@@ -1,0 +1,436 @@
+#include "service/worker/IsolatedTonaviTapProvider.hpp"
+
+#include "base/Dispatch.hpp"
+#include "base/Log.hpp"
+#include "core/engine/TonaviTapSafety.hpp"
+#include "platform/AudioHardware.hpp"
+#include "service/taps/TapActivityWindow.hpp"
+#include "service/worker/TapWorkerEnvelope.hpp"
+#include "service/worker/TapWorkerEvent.hpp"
+#include "service/worker/TonaviTapWorkerMain.hpp"
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <unistd.h>
+
+namespace tonavi {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+double secondsSince1970() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+double uptimeSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Polls until the worker has ended or `limit` has passed; true when it ended.
+bool waitForExit(const IsolatedTapHandle& handle, std::chrono::milliseconds step, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (handle.isRunning()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(step);
+    }
+    return true;
+}
+
+std::shared_ptr<IsolatedTapHandle> isolated(const TapHandlePtr& handle) {
+    return std::dynamic_pointer_cast<IsolatedTapHandle>(handle);
+}
+
+} // namespace
+
+IsolatedTonaviTapProvider::Environment IsolatedTonaviTapProvider::platformEnvironment(AudioHardware& audio,
+                                                                                    Workspace& workspace) {
+    Environment environment;
+    environment.mayCapture = [](std::string_view id) { return TonaviTapSafety::mayCapture(id); };
+    environment.processGroup = [&audio, &workspace](const std::string& id) {
+        return TonaviTapProvider::processGroup(audio, workspace, id);
+    };
+    environment.defaultOutputUID = [&audio] { return TonaviTapProvider::defaultOutputUID(audio); };
+    environment.deviceID = [&audio](const std::string& uid) -> std::uint32_t {
+        return uid.empty() ? 0 : TonaviTapProvider::deviceID(audio, uid);
+    };
+    environment.now = secondsSince1970;
+    environment.uptime = uptimeSeconds;
+    return environment;
+}
+
+std::string IsolatedTonaviTapProvider::workerExecutableURL() {
+    if (const char* override = std::getenv(executableVariable); override && *override)
+        return override;
+    std::string first;
+    std::ifstream cmdline("/proc/self/cmdline", std::ios::binary);
+    std::getline(cmdline, first, '\0');
+    if (first.find('/') == std::string::npos) {
+        std::error_code error;
+        auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+        return error ? first : self.string();
+    }
+    std::filesystem::path path(first);
+    if (path.is_absolute())
+        return first;
+    return (std::filesystem::current_path() / path).lexically_normal().string();
+}
+
+IsolatedTonaviTapProvider::IsolatedTonaviTapProvider(Environment environment)
+    : environment_(std::move(environment)) {}
+
+IsolatedTonaviTapProvider::~IsolatedTonaviTapProvider() = default;
+
+void IsolatedTonaviTapProvider::setHooks(Hooks hooks) {
+    render = std::move(hooks.render);
+    if (hooks.workerState)
+        workerStateFor = [state = std::move(hooks.workerState)](const std::string& id) {
+            return std::optional<TapWorkerState>(state(id));
+        };
+    onAudioActivity = std::move(hooks.heard);
+    routeFor = std::move(hooks.route);
+    onTapFailure = std::move(hooks.tapFailed);
+}
+
+TapHandlePtr IsolatedTonaviTapProvider::createTap(const std::string& bundleID) {
+    if (environment_.mayCapture && !environment_.mayCapture(bundleID))
+        return nullptr;
+    std::optional<TapWorkerState> state = workerStateFor ? workerStateFor(bundleID) : std::nullopt;
+    if (!state)
+        return nullptr;
+    // Nothing of the app plays yet: there is nothing to tap, and that is normal.
+    TonaviTapProvider::ProcessGroup group =
+        environment_.processGroup ? environment_.processGroup(bundleID) : TonaviTapProvider::ProcessGroup{};
+    if (group.objects.empty())
+        return nullptr;
+
+    const std::string defaultUID = environment_.defaultOutputUID ? environment_.defaultOutputUID() : "";
+    const std::string routeUID = routeFor ? routeFor(bundleID) : "";
+    auto deviceID = [&](const std::string& uid) { return environment_.deviceID ? environment_.deviceID(uid) : 0u; };
+    const std::string issue = defaultUID + ":" + std::to_string(deviceID(defaultUID)) + "|" + routeUID + ":" +
+                              std::to_string(deviceID(routeUID));
+    {
+        std::lock_guard guard(stateLock_);
+        if (!creationBackoff_.permit(bundleID, issue, environment_.uptime()))
+            return nullptr;
+    }
+
+    auto handle = std::make_shared<IsolatedTapHandle>(bundleID, environment_.now());
+    handle->processIdentity = group.identity;
+    std::weak_ptr<IsolatedTonaviTapProvider> weakSelf = weak_from_this();
+    std::weak_ptr<IsolatedTapHandle> weakHandle = handle;
+    std::string launchError;
+    const std::string executable = environment_.executable.empty() ? workerExecutableURL() : environment_.executable;
+    handle->process = TapWorkerProcess::launch(
+        executable, {TonaviTapWorkerMain::flag, bundleID, routeUID}, DispatchQueue::global(QoS::utility),
+        [weakSelf, weakHandle](int status) {
+            auto self = weakSelf.lock();
+            auto handle = weakHandle.lock();
+            if (self && handle)
+                self->onTermination(handle, status);
+            else if (handle)
+                handle->signalReady("tap helper exited with status " + std::to_string(status));
+        },
+        launchError);
+    if (!handle->process) {
+        Log::info("tonavi: could not launch isolated tap helper for " + bundleID + ": " + launchError);
+        return nullptr;
+    }
+    handle->process->startReading([weakSelf, weakHandle](std::string_view bytes) {
+        auto self = weakSelf.lock();
+        auto handle = weakHandle.lock();
+        if (self && handle)
+            self->receive(handle, bytes);
+    });
+
+    // A state that cannot be written fails the start without waiting.
+    if (handle->send(TapWorkerEnvelope::makeState(*state))) {
+        const bool signalled = handle->ready.try_acquire_for(environment_.readyTimeout);
+        std::optional<std::string> error;
+        {
+            std::lock_guard guard(handle->protocolLock);
+            error = handle->readyError;
+        }
+        if (signalled && !error && handle->isRunning()) {
+            {
+                std::lock_guard guard(stateLock_);
+                liveHandles_[bundleID] = handle;
+                creationBackoff_.reset(bundleID);
+            }
+            // A change made during the start-up is not lost.
+            if (auto latest = workerStateFor ? workerStateFor(bundleID) : std::nullopt; latest && *latest != *state)
+                handle->send(TapWorkerEnvelope::makeState(*latest));
+            Log::info("tonavi: isolated tap helper " + std::to_string(handle->pid()) + " owns " + bundleID);
+            return handle;
+        }
+        Log::info("tonavi: isolated tap helper failed for " + bundleID + ": " +
+                  error.value_or("tap helper start timed out"));
+    }
+    handle->intentionalStop.store(true);
+    forceStop(handle);
+    handle->process->clearReader();
+    return nullptr;
+}
+
+void IsolatedTonaviTapProvider::receive(const std::shared_ptr<IsolatedTapHandle>& handle, std::string_view bytes) {
+    if (bytes.empty())
+        return;
+    std::vector<std::string> lines;
+    {
+        std::lock_guard guard(handle->protocolLock);
+        handle->protocolBuffer.append(bytes);
+        std::size_t at;
+        while ((at = handle->protocolBuffer.find('\n')) != std::string::npos) {
+            lines.push_back(handle->protocolBuffer.substr(0, at));
+            handle->protocolBuffer.erase(0, at + 1);
+        }
+        // No event is this long: a worker that never ends its line is talking garbage.
+        if (handle->protocolBuffer.size() > maximumLineBytes)
+            handle->protocolBuffer.clear();
+    }
+    for (const auto& line : lines) {
+        if (auto event = TapWorkerEvent::decode(line))
+            consume(handle, *event);
+    }
+}
+
+void IsolatedTonaviTapProvider::consume(const std::shared_ptr<IsolatedTapHandle>& handle,
+                                        const TapWorkerEvent& event) {
+    if (event.kind == TapWorkerEvent::ready) {
+        updateMetrics(*handle, event);
+        handle->signalReady(std::nullopt);
+    } else if (event.kind == TapWorkerEvent::metrics) {
+        updateMetrics(*handle, event);
+        if (event.level && *event.level > activityLevel && onAudioActivity)
+            onAudioActivity(handle->bundleID);
+    } else if (event.kind == TapWorkerEvent::auFailure) {
+        if (event.slotID && onAUSlotFailure)
+            onAUSlotFailure(*event.slotID, event.message.value_or("Audio Unit failed in tap helper"));
+    } else if (event.kind == TapWorkerEvent::failure) {
+        handle->signalReady(event.message.value_or("tap helper failed"));
+    }
+}
+
+void IsolatedTonaviTapProvider::updateMetrics(IsolatedTapHandle& handle, const TapWorkerEvent& event) {
+    std::lock_guard guard(stateLock_);
+    if (event.level)
+        handle.meterLevel = *event.level;
+    if (event.sampleRate)
+        handle.sampleRate = *event.sampleRate;
+    if (event.tapBufferFrames)
+        handle.tapBufferFrames = *event.tapBufferFrames;
+    if (event.outputBufferFrames)
+        handle.outputBufferFrames = *event.outputBufferFrames;
+    if (event.sourceDeviceUID)
+        handle.sourceDeviceUID = *event.sourceDeviceUID;
+    if (event.targetDeviceUID)
+        handle.targetDeviceUID = *event.targetDeviceUID;
+    if (event.lastIOAt)
+        handle.lastIOAt = *event.lastIOAt;
+    if (event.lastRawAudioAt)
+        handle.lastRawAudioAt = *event.lastRawAudioAt;
+}
+
+void IsolatedTonaviTapProvider::onTermination(const std::shared_ptr<IsolatedTapHandle>& handle, int status) {
+    handle->signalReady("tap helper exited with status " + std::to_string(status));
+    bool unexpected;
+    {
+        std::lock_guard guard(stateLock_);
+        auto it = liveHandles_.find(handle->bundleID);
+        unexpected = it != liveHandles_.end() && it->second == handle && !handle->intentionalStop.load();
+    }
+    if (unexpected && onTapFailure)
+        onTapFailure(handle->bundleID,
+                     "isolated tap helper exited (status " + std::to_string(status) + "); direct audio restored",
+                     handle);
+}
+
+void IsolatedTonaviTapProvider::requestStop(IsolatedTapHandle& handle) {
+    handle.intentionalStop.store(true);
+    handle.send(TapWorkerEnvelope::makeStop());
+}
+
+void IsolatedTonaviTapProvider::destroyTap(const TapHandlePtr& handle) {
+    auto worker = isolated(handle);
+    if (!worker)
+        return;
+    requestStop(*worker);
+    finishStopping(worker);
+}
+
+void IsolatedTonaviTapProvider::destroyTaps(const std::vector<TapHandlePtr>& handles) {
+    std::vector<std::shared_ptr<IsolatedTapHandle>> workers;
+    for (const auto& handle : handles)
+        if (auto worker = isolated(handle))
+            workers.push_back(std::move(worker));
+    for (const auto& worker : workers)
+        requestStop(*worker);
+    // A concurrent loop: the calling thread takes part, so N workers stop in the time of one.
+    struct Loop {
+        std::atomic<std::size_t> next{0};
+        std::atomic<std::size_t> done{0};
+        std::mutex mutex;
+        std::condition_variable finished;
+    };
+    auto loop = std::make_shared<Loop>();
+    auto self = shared_from_this();
+    auto drain = [loop, self, workers] {
+        for (std::size_t i; (i = loop->next.fetch_add(1)) < workers.size();) {
+            self->finishStopping(workers[i]);
+            if (loop->done.fetch_add(1) + 1 == workers.size()) {
+                std::lock_guard guard(loop->mutex);
+                loop->finished.notify_all();
+            }
+        }
+    };
+    for (std::size_t i = 1; i < workers.size(); ++i)
+        DispatchQueue::global(QoS::userInitiated).async(drain);
+    drain();
+    std::unique_lock guard(loop->mutex);
+    loop->finished.wait(guard, [&] { return loop->done.load() == workers.size(); });
+}
+
+void IsolatedTonaviTapProvider::retireReplacedTap(const TapHandlePtr& handle) {
+    auto worker = isolated(handle);
+    if (!worker)
+        return;
+    requestStop(*worker);
+    // The replacement already plays, so nobody waits for the old worker to go.
+    DispatchQueue::global(QoS::userInitiated).async([self = shared_from_this(), worker] { self->finishStopping(worker); });
+}
+
+void IsolatedTonaviTapProvider::finishStopping(const std::shared_ptr<IsolatedTapHandle>& handle) {
+    if (!waitForExit(*handle, 25ms, 1500ms))
+        forceStop(handle);
+    if (handle->process)
+        handle->process->clearReader();
+    bool remains;
+    {
+        std::lock_guard guard(stateLock_);
+        auto it = liveHandles_.find(handle->bundleID);
+        if (it != liveHandles_.end() && it->second == handle)
+            liveHandles_.erase(it);
+        remains = liveHandles_.contains(handle->bundleID);
+    }
+    Log::info("tonavi: isolated tap helper released " + handle->bundleID + "; " +
+              (remains ? "replacement remains active" : "direct path restored"));
+}
+
+void IsolatedTonaviTapProvider::forceStop(const std::shared_ptr<IsolatedTapHandle>& handle) {
+    if (!handle->process || !handle->isRunning())
+        return;
+    handle->process->terminate();
+    if (!waitForExit(*handle, 20ms, 400ms))
+        handle->process->kill();
+}
+
+void IsolatedTonaviTapProvider::syncStates() {
+    std::vector<std::shared_ptr<IsolatedTapHandle>> handles;
+    {
+        std::lock_guard guard(stateLock_);
+        for (const auto& [id, handle] : liveHandles_)
+            handles.push_back(handle);
+    }
+    if (!workerStateFor)
+        return;
+    for (const auto& handle : handles) {
+        if (auto state = workerStateFor(handle->bundleID))
+            handle->send(TapWorkerEnvelope::makeState(*state));
+    }
+}
+
+std::shared_ptr<IsolatedTapHandle> IsolatedTonaviTapProvider::liveHandle(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    return it == liveHandles_.end() ? nullptr : it->second;
+}
+
+float IsolatedTonaviTapProvider::level(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    return it == liveHandles_.end() ? 0.0f : it->second->meterLevel;
+}
+
+double IsolatedTonaviTapProvider::sampleRate(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    return it == liveHandles_.end() ? 0.0 : it->second->sampleRate;
+}
+
+std::optional<ServiceTapProvider::BufferFrames> IsolatedTonaviTapProvider::bufferFrames(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    if (it == liveHandles_.end())
+        return std::nullopt;
+    return BufferFrames{static_cast<int>(it->second->tapBufferFrames), static_cast<int>(it->second->outputBufferFrames)};
+}
+
+std::optional<bool> IsolatedTonaviTapProvider::recentAudioSignal(std::string_view bundleID) const {
+    auto handle = liveHandle(bundleID);
+    if (!handle || !handle->isRunning())
+        return std::nullopt;
+    double lastRaw, lastIO;
+    {
+        std::lock_guard guard(stateLock_);
+        lastRaw = handle->lastRawAudioAt;
+        lastIO = handle->lastIOAt;
+    }
+    return TapActivityWindow::recentSignal(lastRaw, handle->createdAt, lastIO, environment_.now(), 2.0);
+}
+
+std::optional<double> IsolatedTonaviTapProvider::secondsSinceRawAudio(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    if (it == liveHandles_.end())
+        return std::nullopt;
+    const auto& handle = *it->second;
+    return environment_.now() - (handle.lastRawAudioAt > 0 ? handle.lastRawAudioAt : handle.createdAt);
+}
+
+bool IsolatedTonaviTapProvider::ioStale(std::string_view bundleID, double olderThan) const {
+    auto handle = liveHandle(bundleID);
+    if (!handle)
+        return false;
+    if (!handle->isRunning())
+        return true;
+    std::lock_guard guard(stateLock_);
+    return environment_.now() - handle->lastIOAt > olderThan;
+}
+
+bool IsolatedTonaviTapProvider::processGroupChanged(std::string_view bundleID,
+                                                    const std::optional<TapProcessIdentity>& current) const {
+    auto handle = liveHandle(bundleID);
+    if (!handle)
+        return false;
+    if (current)
+        return handle->processIdentity.needsRefresh(*current);
+    if (!environment_.processGroup)
+        return false;
+    return handle->processIdentity.needsRefresh(environment_.processGroup(handle->bundleID).identity);
+}
+
+std::optional<std::string> IsolatedTonaviTapProvider::targetDevice(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    return it == liveHandles_.end() ? std::nullopt : std::optional(it->second->targetDeviceUID);
+}
+
+std::optional<std::string> IsolatedTonaviTapProvider::sourceDevice(std::string_view bundleID) const {
+    std::lock_guard guard(stateLock_);
+    auto it = liveHandles_.find(bundleID);
+    return it == liveHandles_.end() ? std::nullopt : std::optional(it->second->sourceDeviceUID);
+}
+
+void IsolatedTonaviTapProvider::resetCreationBackoff() {
+    std::lock_guard guard(stateLock_);
+    creationBackoff_ = TapRecoveryBackoff(2.0, 30.0);
+}
+
+} // namespace tonavi

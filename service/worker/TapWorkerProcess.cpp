@@ -1,0 +1,280 @@
+#include "service/worker/TapWorkerProcess.hpp"
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace tonavi {
+
+namespace {
+
+void closeFD(int& fd) {
+    if (fd >= 0)
+        ::close(fd);
+    fd = -1;
+}
+
+constexpr auto lastWordsWait = std::chrono::milliseconds(250);
+
+int statusFrom(int waitStatus) {
+    if (WIFEXITED(waitStatus))
+        return WEXITSTATUS(waitStatus);
+    if (WIFSIGNALED(waitStatus))
+        return WTERMSIG(waitStatus);
+    return -1;
+}
+
+} // namespace
+
+// The reader thread's own state, shared so that a thread that outlives its process object (a
+// reader cleared from its own handler) touches nothing freed.
+struct TapWorkerProcess::Reader {
+    int fd = -1;
+    int wake[2] = {-1, -1};
+    std::atomic<bool> cleared{false};
+    std::atomic<bool> started{false};
+    std::mutex mutex;
+    std::condition_variable ended;
+    bool finished = false;
+
+    void finish() {
+        std::lock_guard guard(mutex);
+        finished = true;
+        ended.notify_all();
+    }
+    ~Reader() {
+        closeFD(fd);
+        closeFD(wake[0]);
+        closeFD(wake[1]);
+    }
+};
+
+std::shared_ptr<TapWorkerProcess> TapWorkerProcess::launch(const std::string& executable,
+                                                           const std::vector<std::string>& arguments,
+                                                           DispatchQueue& queue, TerminationHandler onTermination,
+                                                           std::string& error) {
+    int input[2] = {-1, -1};
+    int output[2] = {-1, -1};
+    auto reader = std::make_shared<Reader>();
+    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0 ||
+        ::pipe2(reader->wake, O_CLOEXEC) != 0) {
+        error = std::string("pipe: ") + std::strerror(errno);
+        closeFD(input[0]), closeFD(input[1]), closeFD(output[0]), closeFD(output[1]);
+        return nullptr;
+    }
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, input[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, output[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+
+    // The service ignores SIGTERM until its own source takes it over; a worker must die of it.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGTERM);
+    sigset_t emptyMask;
+    sigemptyset(&emptyMask);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setsigmask(&attributes, &emptyMask);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+
+    std::vector<std::string> argvStrings;
+    argvStrings.push_back(executable);
+    argvStrings.insert(argvStrings.end(), arguments.begin(), arguments.end());
+    std::vector<char*> argv;
+    for (auto& argument : argvStrings)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    pid_t pid = -1;
+    int rc = ::posix_spawn(&pid, executable.c_str(), &actions, &attributes, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+    closeFD(input[0]);
+    closeFD(output[1]);
+    if (rc != 0) {
+        error = std::strerror(rc);
+        closeFD(input[1]);
+        closeFD(output[0]);
+        return nullptr;
+    }
+
+    std::shared_ptr<TapWorkerProcess> process(new TapWorkerProcess());
+    process->pid_ = pid;
+    process->inputFD_ = input[1];
+    reader->fd = output[0];
+    process->reader_ = std::move(reader);
+    std::weak_ptr<TapWorkerProcess> weak = process;
+    process->exitSource_ = std::make_unique<ProcessExitSource>(
+        pid, queue, [weak, onTermination = std::move(onTermination), pid] {
+            auto self = weak.lock();
+            int status = -1;
+            // The child's last words (a "failure" line before its exit) are read before its end
+            // is reported. A grandchild holding the pipe open must not delay that for long.
+            if (self && self->reader_->started.load()) {
+                std::unique_lock guard(self->reader_->mutex);
+                self->reader_->ended.wait_for(guard, lastWordsWait, [&] { return self->reader_->finished; });
+            }
+            if (self) {
+                std::lock_guard guard(self->mutex_);
+                self->reapLocked(true);
+                status = self->status_.value_or(-1);
+            } else {
+                int waitStatus = 0;
+                if (::waitpid(pid, &waitStatus, 0) == pid)
+                    status = statusFrom(waitStatus);
+            }
+            if (onTermination)
+                onTermination(status);
+        });
+    process->exitSource_->resume();
+    return process;
+}
+
+TapWorkerProcess::~TapWorkerProcess() {
+    clearReader();
+    bool reaped;
+    {
+        std::lock_guard guard(mutex_);
+        reapLocked(false);
+        reaped = status_.has_value();
+    }
+    // A child still running keeps its watch, whose handler reaps it by pid, so no zombie is left.
+    if (exitSource_ && !reaped)
+        (void)exitSource_.release();
+    closeFD(inputFD_);
+}
+
+void TapWorkerProcess::reapLocked(bool wait) const {
+    if (status_)
+        return;
+    int waitStatus = 0;
+    pid_t rc;
+    do {
+        rc = ::waitpid(pid_, &waitStatus, wait ? 0 : WNOHANG);
+    } while (rc < 0 && errno == EINTR);
+    if (rc == pid_)
+        status_ = statusFrom(waitStatus);
+    else if (rc < 0 && errno == ECHILD)
+        status_ = -1; // reaped by somebody else; it is gone all the same
+}
+
+bool TapWorkerProcess::isRunning() const {
+    std::lock_guard guard(mutex_);
+    if (status_)
+        return false;
+    // Looks without reaping, so that the exit source's handler still gets the status.
+    siginfo_t info{};
+    if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+        return false;
+    return info.si_pid == 0;
+}
+
+std::optional<int> TapWorkerProcess::terminationStatus() const {
+    std::lock_guard guard(mutex_);
+    return status_;
+}
+
+void TapWorkerProcess::signal(int signalNumber) const {
+    // Under the lock and before reaping, the pid cannot belong to another process yet.
+    std::lock_guard guard(mutex_);
+    if (!status_)
+        ::kill(pid_, signalNumber);
+}
+
+bool TapWorkerProcess::write(std::string_view bytes) {
+    if (inputFD_ < 0)
+        return false;
+    // A worker that died leaves a broken pipe; keep its SIGPIPE on this thread and swallow it.
+    sigset_t pipeOnly, previous;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous);
+    bool ok = true;
+    while (!bytes.empty()) {
+        ssize_t n = ::write(inputFD_, bytes.data(), bytes.size());
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+    if (!ok && errno == EPIPE) {
+        sigset_t pending;
+        sigpending(&pending);
+        if (sigismember(&pending, SIGPIPE) && !sigismember(&previous, SIGPIPE)) {
+            timespec zero{0, 0};
+            while (sigtimedwait(&pipeOnly, nullptr, &zero) < 0 && errno == EINTR) {
+            }
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return ok;
+}
+
+void TapWorkerProcess::closeInput() { closeFD(inputFD_); }
+
+void TapWorkerProcess::startReading(ReadHandler handler) {
+    auto reader = reader_;
+    if (reader->started.exchange(true))
+        return;
+    readerThread_ = std::thread([reader, handler = std::move(handler)] {
+        pthread_setname_np(pthread_self(), "tonavi.tap-read");
+        struct Finish {
+            Reader& reader;
+            ~Finish() { reader.finish(); }
+        } finish{*reader};
+        char buffer[4096];
+        for (;;) {
+            pollfd fds[2] = {{reader->fd, POLLIN, 0}, {reader->wake[0], POLLIN, 0}};
+            int n = ::poll(fds, 2, -1);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n < 0 || reader->cleared.load() || fds[1].revents != 0)
+                return;
+            ssize_t got = ::read(reader->fd, buffer, sizeof buffer);
+            if (got < 0 && (errno == EINTR || errno == EAGAIN))
+                continue;
+            if (reader->cleared.load())
+                return;
+            if (got <= 0) {
+                handler({});
+                return;
+            }
+            handler(std::string_view(buffer, static_cast<std::size_t>(got)));
+        }
+    });
+}
+
+void TapWorkerProcess::clearReader() {
+    if (!reader_->started.load())
+        return;
+    reader_->cleared.store(true);
+    char byte = 1;
+    ssize_t ignored = ::write(reader_->wake[1], &byte, 1);
+    (void)ignored;
+    if (!readerThread_.joinable())
+        return;
+    if (readerThread_.get_id() == std::this_thread::get_id())
+        readerThread_.detach();
+    else
+        readerThread_.join();
+}
+
+} // namespace tonavi

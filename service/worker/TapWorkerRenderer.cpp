@@ -1,0 +1,52 @@
+#include "service/worker/TapWorkerRenderer.hpp"
+
+#include "service/worker/TapWorkerEventWriter.hpp"
+#include "service/worker/WorkerDummyTaps.hpp"
+
+namespace tonavi {
+
+TapWorkerRenderer::TapWorkerRenderer(const TapWorkerState& state, TapWorkerEventWriter& writer, double sampleRate)
+    : bundleID_(state.app.id), writer_(writer), latestState_(state), renderSampleRate_(sampleRate) {
+    TonaviConfig config;
+    config.apps.clear();
+    engine_ = std::make_unique<EngagementEngine>(config, std::make_shared<WorkerDummyTaps>(), AutoDirectList{},
+                                                 sampleRate, /*autoReconcile=*/false);
+    apply(state);
+}
+
+void TapWorkerRenderer::apply(const TapWorkerState& state) {
+    {
+        std::lock_guard guard(stateLock_);
+        latestState_ = state;
+    }
+    TonaviConfig config;
+    config.apps = {state.app};
+    config.duckRules = state.duckRules;
+    config.globalListening = state.globalListening;
+    engine_->apply(config);
+    engine_->setForceEngaged({state.app.id}, {{state.app.id, state.app.displayName}});
+    engine_->setStageMode(state.stageMode);
+    engine_->defaultOutputChanged(state.currentDefaultOutputUID);
+    engine_->setFollowMe(state.followMeHero, state.followMeBackgroundGain);
+    engine_->setSoftMasterGain(state.softMasterGain);
+    engine_->setManualDuckDB(state.manualDuckDB);
+    engine_->setAutoDuck(EngagementEngine::IDSet(state.autoDuckApps.begin(), state.autoDuckApps.end()),
+                         state.autoDuckDB);
+    engine_->setLoudnessGuard(state.loudnessGuardActive, state.loudnessGuardCeilingDBFS);
+    engine_->setActiveTriggers(EngagementEngine::IDSet(state.activeDuckTriggers.begin(),
+                                                       state.activeDuckTriggers.end()));
+}
+
+void TapWorkerRenderer::render(std::span<float> buffer, long long frames, double hostTimeSeconds) {
+    engine_->advanceDucking(frames, hostTimeSeconds);
+    engine_->render(bundleID_, buffer);
+}
+
+void TapWorkerRenderer::enableAudioUnits() { audioUnitsEnabled_.store(true); }
+
+TapWorkerState TapWorkerRenderer::latestState() const {
+    std::lock_guard guard(stateLock_);
+    return latestState_;
+}
+
+} // namespace tonavi
