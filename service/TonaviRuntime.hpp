@@ -25,6 +25,9 @@
 #include "service/CoalescedRefreshState.hpp"
 #include "service/RecencyTracker.hpp"
 #include "service/ServiceTapProvider.hpp"
+#include "service/taps/AudioSnapshot.hpp"
+#include "service/taps/TapProcessIdentity.hpp"
+#include "service/worker/TapRecoveryBackoff.hpp"
 
 #include <atomic>
 #include <functional>
@@ -78,6 +81,12 @@ class TonaviRuntime {
         bool playing = false;
         bool capturing = false;
     };
+    // How far a discovery cache can be trusted: the watchdog rebuilds nothing on stale or failed reads.
+    struct DiscoveryHealth {
+        double lastSuccessfulRead = 0; // seconds since 1970; 0: never
+        double lastAttempt = 0;
+        bool latestReadSucceeded = false;
+    };
 
     // The waits of the warm-up: a probe faster than this ends it; at most this many probes.
     static constexpr double warmUpFastProbeSeconds = 0.05;
@@ -90,6 +99,17 @@ class TonaviRuntime {
     static constexpr double smartIntervalSeconds = 2.0;
     static constexpr double wakeDelaySeconds = 0.25;
     static constexpr const char* reconcileKey = "@reconcile";
+    // Discovery pacing: the least age of a snapshot before another probe, and the pause after a
+    // failed one.
+    static constexpr double audioSnapshotFastInterval = 0.35;
+    static constexpr double audioSnapshotInterval = 1.5;
+    static constexpr double audioSnapshotRetryAfterFailure = 0.5;
+    static constexpr double hardwareSnapshotInterval = 1.0;
+    // The watchdog's limits: discovery older than this is not trusted, IO older than this is dead,
+    // and a tap of an app without row-level control that carried no sound for this long goes.
+    static constexpr double trustedDiscoverySeconds = 6.0;
+    static constexpr double ioStaleSeconds = 6.0;
+    static constexpr double idleReleaseSeconds = 20.0;
 
     explicit TonaviRuntime(Environment environment);
     // The service never releases its runtime; tests do. Stops timers and queues before the state goes.
@@ -128,6 +148,18 @@ class TonaviRuntime {
     std::vector<std::string> currentSystemRouteNames(const std::string& uid) const;
     IDSet audibleAppsNow();
     IDSet standingControl();
+    // Discovery, on serialQueue. A probe runs off the queue; its result comes back to it.
+    void refreshAudioSnapshotsIfNeeded(bool force);
+    void refreshHardwareSnapshotIfNeeded(bool force);
+    void applyAudioSnapshot(AudioSnapshot snapshot);
+    void armOutputRunningListeners();
+    void publishCreationEligibility();
+    // Read on serialQueue (tests look through sync).
+    const DiscoveryHealth& audioDiscoveryHealth() const { return audioDiscoveryHealth_; }
+    const DiscoveryHealth& hardwareDiscoveryHealth() const { return hardwareDiscoveryHealth_; }
+    const IDSet& outputEligible() const { return outputEligible_; }
+    const IDSet& outputSuppressedUntilPlaybackStops() const { return outputSuppressedUntilPlaybackStops_; }
+    std::size_t armedOutputListenerCount() const { return armedOutputListeners_.size(); }
 
     const std::string& version() const { return version_; }
     DispatchQueue& serialQueue() { return *serialQueue_; }
@@ -158,8 +190,15 @@ class TonaviRuntime {
     TonaviReply setAppDisplayOrder(const std::vector<std::string>& bundleIDs);
     TonaviReply setStageMode(bool on);
     TonaviReply setManualDuck(bool on);
-    void publishCreationEligibility();
     IDSet creationEligibilitySet();
+    void onRunningOutputEdge(AudioObjectID object);
+    void finishAudioProbe(std::optional<AudioSnapshot> snapshot);
+    void finishHardwareProbe(std::optional<HardwareSnapshot> snapshot);
+    std::optional<HardwareSnapshot> captureHardwareSnapshot() const;
+    bool discoveryTrusted(double nowSeconds) const;
+    std::optional<std::string> selfHealReason(const std::string& bundleID, const IDSet& connected,
+                                              const std::string& defaultUID);
+    void removeOutputRunningListeners();
 
     // Start-up steps.
     void connectEngineHooks();
@@ -177,14 +216,11 @@ class TonaviRuntime {
     double now() const { return wallClock_(); }
 
     // Seams of subsystems that are not part of this build. Each does nothing.
-    void refreshAudioSnapshotsIfNeeded(bool force);
-    void refreshHardwareSnapshotIfNeeded(bool force);
     void reconcileOutputGroups(bool forceRecreate);
     void applyDevicePolicies();
     void syncAUSlots();
     void startMIDI();
     void startActiveAppTracking();
-    void armOutputRunningListeners();
     void nudgeSmart();
     void enforceBluetoothOutputOnly();
     void installDeviceListeners();
@@ -212,10 +248,12 @@ class TonaviRuntime {
     std::unique_ptr<DispatchQueue> activityListenerQueue_; // "tonavi.activity-events"
     std::unique_ptr<DispatchQueue> tapWorkQueue_;          // "tonavi.tap-lifecycle"
     std::unique_ptr<DispatchQueue> warmUpQueue_;           // "tonavi.warm-up", the probes' waits
+    std::unique_ptr<DispatchQueue> discoveryQueue_;        // "tonavi.discovery", process and hardware probes
 
     std::mutex tapRefreshStateLock_; // leaf: guards the next two fields
     CoalescedRefreshState tapRefreshState_;
     std::set<std::string> forcedTapRefreshes_;
+    TapRecoveryBackoff tapRecoveryBackoff_{2.0, 30.0}; // paces self-heal; serialQueue
 
     std::atomic<bool> coreAudioReady_{false};
     std::atomic<int> warmUpProbes_{0};
@@ -231,12 +269,23 @@ class TonaviRuntime {
     bool loudnessGuardWasOn_ = false;
     bool manualDuckOn_ = false;
 
-    // Discovery caches. Nothing fills them until process and hardware discovery land.
+    // Discovery caches, filled by the probes.
+    bool audioSnapshotProbeInFlight_ = false;
+    bool audioSnapshotRefreshRequested_ = false;
+    double audioSnapshotAt_ = 0; // seconds since 1970; 0: never
+    DiscoveryHealth audioDiscoveryHealth_;
     std::vector<ProcessEntry> audioProcessSnapshot_;
     std::map<std::string, Activity, std::less<>> resolvedAudioSnapshot_;
+    std::map<std::string, TapProcessIdentity, std::less<>> audioGroups_;
+    std::map<AudioObjectID, std::string> audioOwnersByObject_;
+    // Process objects that carry a running-output listener, with the block that removes it.
+    std::map<AudioObjectID, AudioObjectPropertyListenerBlock> armedOutputListeners_;
     IDSet outputEligible_;
     IDSet outputSuppressedUntilPlaybackStops_;
     HardwareSnapshot hardwareSnapshot_;
+    double hardwareSnapshotAt_ = 0;
+    DiscoveryHealth hardwareDiscoveryHealth_;
+    bool hardwareProbeInFlight_ = false;
 
     AudioObjectPropertyListenerBlock processRegistryListener_;
     std::vector<Workspace::ObserverToken> workspaceObservers_;
