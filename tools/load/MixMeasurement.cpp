@@ -119,7 +119,7 @@ std::vector<pid_t> children(pid_t parent) {
     return found;
 }
 
-std::string appID(int i) { return "com.tonavi.mix.app" + std::to_string(i + 1); }
+std::string appID(int i) { return i < 0 ? "com.tonavi.mix.warmup" : "com.tonavi.mix.app" + std::to_string(i + 1); }
 
 } // namespace
 
@@ -142,14 +142,20 @@ int MixMeasurement::run() {
     bool ok = waitFor([] { return status().has_value(); }, std::chrono::seconds(20));
 
     // First sound to live tap: the row asks for control before the app exists; then it starts and plays.
+    // The first app (index -1) only waits out the service's warm-up, which takes no tap before the
+    // hardware answers quickly; it is not counted and goes again.
     std::vector<double> firstSound;
-    for (int i = 0; ok && i < appCount; ++i) {
+    for (int i = -1; ok && i < appCount; ++i) {
         const std::string id = appID(i);
         ok = send(TonaviRequest::SetAppVolume{id, 0.5});
         const auto t0 = Clock::now();
         ok = ok && runQuietly({ctl, "sim", "launch", id, "--pid", std::to_string(6000 + i)}) &&
              runQuietly({ctl, "sim", "play", id, "--freq", std::to_string(300 + 100 * i), "--level", "-18"}) &&
              waitFor([&] { return engaged(id); }, std::chrono::seconds(15));
+        if (i < 0) {
+            ok = ok && send(TonaviRequest::ResetApp{id}) && waitFor([&] { return !engaged(id); }, std::chrono::seconds(20));
+            continue;
+        }
         firstSound.push_back(millisecondsSince(t0));
     }
     std::vector<double> sorted = firstSound;
