@@ -13,6 +13,8 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <cstring>
+#include <span>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -165,6 +167,39 @@ std::vector<int> Mix::workers(const std::string& bundleID) const {
     return found;
 }
 
+// The samples of a 32-bit float WAV file, interleaved; empty when it cannot be read.
+std::vector<float> readWav(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    std::vector<float> samples;
+    for (std::size_t at = 12; at + 8 <= bytes.size();) {
+        std::uint32_t size = 0;
+        std::memcpy(&size, bytes.data() + at + 4, 4);
+        if (bytes.compare(at, 4, "data") == 0 && at + 8 + size <= bytes.size()) {
+            samples.resize(size / sizeof(float));
+            std::memcpy(samples.data(), bytes.data() + at + 8, samples.size() * sizeof(float));
+            break;
+        }
+        at += 8 + size + (size & 1);
+    }
+    return samples;
+}
+
+float peak(std::span<const float> samples) {
+    float p = 0;
+    for (float x : samples)
+        p = std::max(p, std::abs(x));
+    return p;
+}
+
+// The largest step between neighbouring samples of one channel of interleaved stereo.
+float largestStep(const std::vector<float>& samples) {
+    float step = 0;
+    for (std::size_t i = 2; i < samples.size(); ++i)
+        step = std::max(step, std::abs(samples[i] - samples[i - 2]));
+    return step;
+}
+
 // The gain of a built-in preset's curve at one frequency, as the equaliser is configured.
 double presetGainDB(const std::string& name, double frequency) {
     kavore::EQ10 eq;
@@ -204,9 +239,23 @@ TEST(MixingEndToEnd, VolumeMuteEqualiserRedirectAndResetActOnOneAppOnly) {
     mix.ctlOK({"eq", "Safari", "off"});
     mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
 
-    // Mute ramps down to silence.
+    // Mute ramps down to silence without a click: recorded across the mute, no step between
+    // neighbouring samples is larger than the tone's own steepest one allows.
+    const std::string recording = mix.worldPath() + ".mute.wav";
+    const auto cyclesBefore = mix.meterOf(safari)->cycles;
+    mix.ctlOK({"sim", "record", speakers, recording, "1.5"});
+    // A worker that published a new meter since has seen the request, and records.
+    ASSERT_TRUE(waitUntil([&] { return mix.meterOf(safari)->cycles != cyclesBefore; }, 5s));
     mix.ctlOK({"mute", "Safari"});
     EXPECT_TRUE(mix.waitForLevel(safari, -120.0, 1.0));
+    ASSERT_TRUE(waitUntil([&] { return mix.world().recordings.empty() && std::filesystem::exists(recording); }, 10s));
+    const std::vector<float> samples = readWav(recording);
+    ASSERT_GT(samples.size(), 9600u);
+    const float amplitude = std::pow(10.0f, (-12.0f - 12.0f) / 20.0f);
+    const std::span<const float> all(samples);
+    EXPECT_NEAR(peak(all.first(960)), amplitude, amplitude * 0.12f); // sound before ...
+    EXPECT_LT(peak(all.last(960)), 1e-4f);                            // ... silence after
+    EXPECT_LT(largestStep(samples), amplitude * 2.0f * std::sin(3.14159f * 1000.0f / 48000.0f) * 1.5f);
     mix.ctlOK({"unmute", "Safari"});
     EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0, 0.5));
 
