@@ -123,13 +123,6 @@ TonaviRuntime::TonaviRuntime(Environment environment)
 
     // 25. Returns at once.
     warmUpThenEngagePersistedApps();
-    // The first discovery probes start now, so that the first clients see devices and players.
-    serialQueue_->async([weak = std::weak_ptr<TonaviRuntime*>(weakSelf_)] {
-        withRuntime(weak, [](TonaviRuntime& rt) {
-            rt.refreshHardwareSnapshotIfNeeded(true);
-            rt.refreshAudioSnapshotsIfNeeded(true);
-        });
-    });
 
     // 26-28. Output topology, Bluetooth output-only and the device listeners, last, so that no
     //        device hook runs on a half-built runtime.

@@ -192,13 +192,15 @@ class TonaviRuntime {
     TonaviReply setManualDuck(bool on);
     IDSet creationEligibilitySet();
     void onRunningOutputEdge(AudioObjectID object);
-    void finishAudioProbe(std::optional<AudioSnapshot> snapshot);
-    void finishHardwareProbe(std::optional<HardwareSnapshot> snapshot);
+    // `readAt`: when the probe began, seconds since 1970.
+    void finishAudioProbe(std::optional<AudioSnapshot> snapshot, double readAt);
+    void finishHardwareProbe(std::optional<HardwareSnapshot> snapshot, double readAt);
     std::optional<HardwareSnapshot> captureHardwareSnapshot() const;
     bool discoveryTrusted(double nowSeconds) const;
     std::optional<std::string> selfHealReason(const std::string& bundleID, const IDSet& connected,
                                               const std::string& defaultUID);
     void removeOutputRunningListeners();
+    void withdrawEligibility(const std::string& bundleID);
 
     // Start-up steps.
     void connectEngineHooks();

@@ -88,19 +88,19 @@ void TonaviRuntime::refreshAudioSnapshotsIfNeeded(bool force) {
     audioSnapshotProbeInFlight_ = true;
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     // The probe holds the machine, not the runtime: a slow audio daemon stalls only this queue.
-    discoveryQueue_->async([weak, audio = audio_, workspace = workspace_] {
+    // The health records when the probe began: data is as old as its reading, not its arrival.
+    discoveryQueue_->async([weak, t, audio = audio_, workspace = workspace_] {
         std::optional<AudioSnapshot> snapshot = TonaviTapProvider::audioSnapshot(*audio, *workspace);
         withRuntime(weak, [&](TonaviRuntime& rt) {
-            rt.serialQueue_->async([weak, snapshot = std::move(snapshot)]() mutable {
-                withRuntime(weak, [&](TonaviRuntime& rt) { rt.finishAudioProbe(std::move(snapshot)); });
+            rt.serialQueue_->async([weak, t, snapshot = std::move(snapshot)]() mutable {
+                withRuntime(weak, [&](TonaviRuntime& rt) { rt.finishAudioProbe(std::move(snapshot), t); });
             });
         });
     });
 }
 
-void TonaviRuntime::finishAudioProbe(std::optional<AudioSnapshot> snapshot) {
+void TonaviRuntime::finishAudioProbe(std::optional<AudioSnapshot> snapshot, double t) {
     audioSnapshotProbeInFlight_ = false;
-    const double t = now();
     audioDiscoveryHealth_.lastAttempt = t;
     audioDiscoveryHealth_.latestReadSucceeded = snapshot.has_value();
     if (!snapshot)
@@ -124,7 +124,7 @@ void TonaviRuntime::applyAudioSnapshot(AudioSnapshot snapshot) {
         resolvedAudioSnapshot_[id] = Activity{activity.playing, activity.capturing};
     audioGroups_ = {snapshot.groups.begin(), snapshot.groups.end()};
     audioOwnersByObject_ = std::move(snapshot.ownersByObject);
-    audioSnapshotAt_ = now();
+    audioSnapshotAt_ = audioDiscoveryHealth_.lastSuccessfulRead;
     armOutputRunningListeners();
 }
 
@@ -291,24 +291,24 @@ void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool force) {
     assert(serialQueue_->isCurrent());
     if (hardwareProbeInFlight_)
         return;
-    const double age = now() - hardwareSnapshotAt_;
+    const double t = now();
+    const double age = t - hardwareSnapshotAt_;
     if (!force && age >= 0 && age < hardwareSnapshotInterval)
         return;
     hardwareProbeInFlight_ = true;
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
-    discoveryQueue_->async([weak] {
+    discoveryQueue_->async([weak, t] {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             auto snapshot = rt.captureHardwareSnapshot();
-            rt.serialQueue_->async([weak, snapshot = std::move(snapshot)]() mutable {
-                withRuntime(weak, [&](TonaviRuntime& rt) { rt.finishHardwareProbe(std::move(snapshot)); });
+            rt.serialQueue_->async([weak, t, snapshot = std::move(snapshot)]() mutable {
+                withRuntime(weak, [&](TonaviRuntime& rt) { rt.finishHardwareProbe(std::move(snapshot), t); });
             });
         });
     });
 }
 
-void TonaviRuntime::finishHardwareProbe(std::optional<HardwareSnapshot> snapshot) {
+void TonaviRuntime::finishHardwareProbe(std::optional<HardwareSnapshot> snapshot, double t) {
     hardwareProbeInFlight_ = false;
-    const double t = now();
     hardwareDiscoveryHealth_.lastAttempt = t;
     hardwareDiscoveryHealth_.latestReadSucceeded = snapshot.has_value();
     if (!snapshot)
@@ -332,6 +332,15 @@ bool TonaviRuntime::routeNeedsRefresh(const std::string& bundleID, bool forced) 
     return RouteRefreshPolicy::requiresRefresh({boundSource, boundTarget}, {defaultUID, desiredTarget},
                                                !tapProvider_->ioStale(bundleID, ioStaleSeconds),
                                                tapProvider_->processGroupChanged(bundleID), forced);
+}
+
+// The engine learns that an app lost its eligibility before its tap goes: a reconcile running on the
+// tap-lifecycle queue meanwhile must not find it eligible and without a tap, and take a new one.
+void TonaviRuntime::withdrawEligibility(const std::string& bundleID) {
+    IDSet set = creationEligibilitySet();
+    if (!standingControl().contains(bundleID))
+        set.erase(bundleID);
+    engine_->setCreationEligibility(std::move(set));
 }
 
 bool TonaviRuntime::discoveryTrusted(double t) const {
@@ -411,6 +420,7 @@ void TonaviRuntime::watchdogPass() {
         // It still "plays" (digital silence): held back until it really stopped once.
         if (playing.contains(id))
             outputSuppressedUntilPlaybackStops_.insert(id);
+        withdrawEligibility(id);
         engine_->releaseTap(id, "output idle");
         Log::info("tonavi: released idle output tap for " + id);
     }
@@ -430,9 +440,10 @@ void TonaviRuntime::watchdogPass() {
             auto group = audioGroups_.find(id);
             if (group != audioGroups_.end() && !group->second.objects.empty())
                 continue;
-            engine_->releaseTap(id, "process exited");
             outputEligible_.erase(id);
             outputSuppressedUntilPlaybackStops_.erase(id);
+            withdrawEligibility(id);
+            engine_->releaseTap(id, "process exited");
         }
     }
 

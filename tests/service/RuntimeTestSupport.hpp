@@ -110,8 +110,9 @@ class RuntimeHarness {
         EXPECT_TRUE(waitUntil([&] {
             bool done = false;
             runtime->serialQueue().sync([&] {
-                done = runtime->audioDiscoveryHealth().latestReadSucceeded &&
-                       runtime->hardwareDiscoveryHealth().latestReadSucceeded;
+                // Both probes read at the wall clock's present time.
+                done = runtime->audioDiscoveryHealth().lastSuccessfulRead == wall.load() &&
+                       runtime->hardwareDiscoveryHealth().lastSuccessfulRead == wall.load();
             });
             return done;
         }));

@@ -188,3 +188,32 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
         EXPECT_EQ(occurrences(logText(), line), 2);
     }
 }
+
+TEST(Watchdog, ATapWhoseProcessesAreGoneIsReleasedOnlyOnTrustedDiscovery) {
+    RuntimeHarness h;
+    h.startReady();
+    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
+    h.settleDiscovery();
+    drainTapWork(h);
+    ASSERT_TRUE(h.runtime->engine().hasTap(safari));
+    h.provider->source[safari] = h.provider->target[safari] = speakers;
+    const TapHandlePtr handle = h.runtime->engine().tapHandle(safari);
+    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.quit(safari); }), "");
+    auto pass = [&] { h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); }); };
+
+    // The last trusted snapshot still has Safari's processes; a stale one is no basis for a release.
+    h.wall = h.wall + 7.0;
+    pass();
+    drainTapWork(h);
+    EXPECT_EQ(h.provider->taps.destroyCount(handle), 0);
+
+    // (This fake provider taps an app without processes again at once; the real one cannot.)
+    h.settleDiscovery();
+    pass();
+    drainTapWork(h);
+    EXPECT_EQ(h.provider->taps.destroyCount(handle), 1);
+    const auto health = h.runtime->engine().healthLog();
+    EXPECT_TRUE(std::any_of(health.begin(), health.end(), [](const HealthEvent& e) {
+        return e.kind == "tap-released" && e.detail.find("process exited") != std::string::npos;
+    }));
+}
