@@ -124,13 +124,16 @@ TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence)
     drainTapWork(h);
     EXPECT_FALSE(rt.engine().hasTap(agent)) << logText();
     EXPECT_EQ(occurrences(logText(), "tonavi: released idle output tap for " + agent), 1);
-    EXPECT_EQ(h.provider->taps.createCalls(agent), 1);
+    // (A reconcile that was under way may still have made one, which the engine let go at once.)
+    EXPECT_EQ(h.provider->taps.liveCount(), 0);
+    const int calls = h.provider->taps.createCalls(agent);
 
     // It still reports running output, so the next snapshot does not tap it again ...
     h.wall = h.wall + 2.0;
     h.settleDiscovery();
     drainTapWork(h);
-    EXPECT_EQ(h.provider->taps.createCalls(agent), 1);
+    EXPECT_EQ(h.provider->taps.createCalls(agent), calls);
+    EXPECT_EQ(h.provider->taps.liveCount(), 0);
     EXPECT_TRUE(onQueue<bool>(rt, [&] { return rt.outputSuppressedUntilPlaybackStops().contains(agent); }));
 
     // ... until it stopped once.
