@@ -70,8 +70,9 @@ class ServiceTapProvider : public TapProviding {
     virtual bool ioStale(std::string_view /*bundleID*/, double /*olderThan*/) const { return false; }
     // Whether the app's processes moved away from what its tap covers; without `current` the
     // provider reads the group itself.
-    virtual bool processGroupChanged(std::string_view /*bundleID*/,
-                                     const std::optional<TapProcessIdentity>& /*current*/ = std::nullopt) const {
+    virtual bool
+    processGroupChanged(std::string_view /*bundleID*/,
+                        const std::optional<TapProcessIdentity>& /*current*/ = std::nullopt) const {
         return false;
     }
 };

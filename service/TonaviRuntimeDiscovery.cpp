@@ -44,7 +44,8 @@ DeviceLiveStatus::Transport transportOf(std::uint32_t word) {
 
 std::string deviceUIDOf(AudioHardware& audio, AudioObjectID device) {
     std::string uid;
-    if (device == kAudioObjectUnknown || audio.get(device, globalAddress(kAudioDevicePropertyDeviceUID), uid) != noErr)
+    if (device == kAudioObjectUnknown ||
+        audio.get(device, globalAddress(kAudioDevicePropertyDeviceUID), uid) != noErr)
         return {};
     return uid;
 }
@@ -76,7 +77,8 @@ void TonaviRuntime::refreshAudioSnapshotsIfNeeded(bool force) {
     const double t = now();
     if (!force) {
         const SmartSettings& smart = engine_->config().smart;
-        const double interval = smart.autoDuck || smart.micFollow ? audioSnapshotFastInterval : audioSnapshotInterval;
+        const double interval =
+            smart.autoDuck || smart.micFollow ? audioSnapshotFastInterval : audioSnapshotInterval;
         const double age = t - audioSnapshotAt_;
         if (age >= 0 && age < interval)
             return;
@@ -164,7 +166,8 @@ void TonaviRuntime::removeOutputRunningListeners() {
 // without waiting for the next snapshot.
 void TonaviRuntime::onRunningOutputEdge(AudioObjectID object) {
     std::uint32_t running = 0;
-    if (audio_->get(object, globalAddress(kAudioProcessPropertyIsRunningOutput), running) != noErr || running != 1)
+    if (audio_->get(object, globalAddress(kAudioProcessPropertyIsRunningOutput), running) != noErr ||
+        running != 1)
         return;
     const auto owner = TonaviTapProvider::ownerBundleID(*audio_, *workspace_, object);
     if (!owner)
@@ -191,7 +194,8 @@ void TonaviRuntime::publishCreationEligibility() {
             playing.insert(id);
     // An app that stopped playing is forgiven; the others that play become eligible, and a live tap
     // never loses eligibility here.
-    std::erase_if(outputSuppressedUntilPlaybackStops_, [&](const std::string& id) { return !playing.contains(id); });
+    std::erase_if(outputSuppressedUntilPlaybackStops_,
+                  [&](const std::string& id) { return !playing.contains(id); });
     for (const auto& id : playing)
         if (!outputSuppressedUntilPlaybackStops_.contains(id))
             outputEligible_.insert(id);
@@ -224,8 +228,7 @@ TonaviRuntime::IDSet TonaviRuntime::standingControl() {
         return false;
     };
     IDSet standing;
-    for (const auto& id : OutputEligibility::standingControl(
-             config.apps, soloed, snapshot, runningRegular))
+    for (const auto& id : OutputEligibility::standingControl(config.apps, soloed, snapshot, runningRegular))
         if (TonaviTapSafety::mayCapture(id))
             standing.insert(id);
     return standing;
@@ -263,16 +266,17 @@ std::optional<TonaviRuntime::HardwareSnapshot> TonaviRuntime::captureHardwareSna
         device.isDefaultInput = device.id == snapshot.defaultInputUID;
         audio.get(id, globalAddress(kAudioDevicePropertyNominalSampleRate), device.sampleRate);
         float volume = 0;
-        if (device.isOutput &&
-            audio.get(id, scopedAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume,
-                                        kAudioObjectPropertyScopeOutput),
-                      volume) == noErr) {
+        if (device.isOutput && audio.get(id,
+                                         scopedAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume,
+                                                       kAudioObjectPropertyScopeOutput),
+                                         volume) == noErr) {
             device.hasVolume = true;
             device.volume = volume;
         }
         std::uint32_t muted = 0;
         if (device.isOutput &&
-            audio.get(id, scopedAddress(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput), muted) == noErr)
+            audio.get(id, scopedAddress(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput), muted) ==
+                noErr)
             device.muted = muted != 0;
         if (device.isDefaultOutput) {
             if (device.sampleRate > 0)
@@ -345,7 +349,8 @@ void TonaviRuntime::withdrawEligibility(const std::string& bundleID) {
 
 bool TonaviRuntime::discoveryTrusted(double t) const {
     const auto fresh = [t](const DiscoveryHealth& h) {
-        return h.latestReadSucceeded && h.lastSuccessfulRead <= t && t - h.lastSuccessfulRead < trustedDiscoverySeconds;
+        return h.latestReadSucceeded && h.lastSuccessfulRead <= t &&
+               t - h.lastSuccessfulRead < trustedDiscoverySeconds;
     };
     return fresh(audioDiscoveryHealth_) && fresh(hardwareDiscoveryHealth_);
 }
@@ -426,7 +431,8 @@ void TonaviRuntime::watchdogPass() {
     }
 
     // Eligibility as after a snapshot, without its reconcile.
-    std::erase_if(outputSuppressedUntilPlaybackStops_, [&](const std::string& id) { return !playing.contains(id); });
+    std::erase_if(outputSuppressedUntilPlaybackStops_,
+                  [&](const std::string& id) { return !playing.contains(id); });
     for (const auto& id : playing)
         if (!outputSuppressedUntilPlaybackStops_.contains(id))
             outputEligible_.insert(id);

@@ -146,8 +146,9 @@ TonaviStatus TonaviRuntime::buildStatus() {
         const AppAudioState* row = config.app(id);
         auto running = runningNames.find(id);
         named.emplace_back(id, row ? row->displayName
-                                   : (running != runningNames.end() && !running->second.empty() ? running->second
-                                                                                                 : displayName(id)));
+                                   : (running != runningNames.end() && !running->second.empty()
+                                          ? running->second
+                                          : displayName(id)));
     }
     if (config.appendUnrankedMixerApps(named)) {
         engine_->setConfigWithoutReconcile(config);
@@ -165,9 +166,9 @@ TonaviStatus TonaviRuntime::buildStatus() {
         AppLiveStatus live;
         live.id = id;
         auto running = runningNames.find(id);
-        live.displayName = row && !row->displayName.empty() ? row->displayName
+        live.displayName = row && !row->displayName.empty()                            ? row->displayName
                            : running != runningNames.end() && !running->second.empty() ? running->second
-                                                                                         : displayName(id);
+                                                                                       : displayName(id);
         if (auto p = processes.find(id); p != processes.end()) {
             live.pid = p->second->pid;
             live.isRunning = p->second->isRunning;

@@ -13,11 +13,11 @@
 #include <nlohmann/json.hpp>
 
 #include <cmath>
-#include <cstring>
-#include <span>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <span>
 #include <sstream>
 
 using namespace tonavi;
@@ -233,8 +233,10 @@ TEST(MixingEndToEnd, VolumeMuteEqualiserRedirectAndResetActOnOneAppOnly) {
     mix.ctlOK({"eq", "Safari", "Bass Booster"});
     for (double frequency : {1000.0, 100.0}) {
         SCOPED_TRACE(frequency);
-        mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", std::to_string(int(frequency)), "--level", "-12"});
-        EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0 + presetGainDB("Bass Booster", frequency), 0.75));
+        mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", std::to_string(int(frequency)), "--level",
+                   "-12"});
+        EXPECT_TRUE(
+            mix.waitForLevel(safari, unity->rmsDB - 12.0 + presetGainDB("Bass Booster", frequency), 0.75));
     }
     mix.ctlOK({"eq", "Safari", "off"});
     mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
@@ -248,13 +250,14 @@ TEST(MixingEndToEnd, VolumeMuteEqualiserRedirectAndResetActOnOneAppOnly) {
     ASSERT_TRUE(waitUntil([&] { return mix.meterOf(safari)->cycles != cyclesBefore; }, 5s));
     mix.ctlOK({"mute", "Safari"});
     EXPECT_TRUE(mix.waitForLevel(safari, -120.0, 1.0));
-    ASSERT_TRUE(waitUntil([&] { return mix.world().recordings.empty() && std::filesystem::exists(recording); }, 10s));
+    ASSERT_TRUE(
+        waitUntil([&] { return mix.world().recordings.empty() && std::filesystem::exists(recording); }, 10s));
     const std::vector<float> samples = readWav(recording);
     ASSERT_GT(samples.size(), 9600u);
     const float amplitude = std::pow(10.0f, (-12.0f - 12.0f) / 20.0f);
     const std::span<const float> all(samples);
     EXPECT_NEAR(peak(all.first(960)), amplitude, amplitude * 0.12f); // sound before ...
-    EXPECT_LT(peak(all.last(960)), 1e-4f);                            // ... silence after
+    EXPECT_LT(peak(all.last(960)), 1e-4f);                           // ... silence after
     EXPECT_LT(largestStep(samples), amplitude * 2.0f * std::sin(3.14159f * 1000.0f / 48000.0f) * 1.5f);
     mix.ctlOK({"unmute", "Safari"});
     EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0, 0.5));
@@ -294,13 +297,15 @@ TEST(MixingEndToEnd, AKilledWorkerSendsItsAppDirectAndTheNextAttemptWaitsForTheB
 
 TEST(MixingEndToEnd, AnUnpluggedRedirectTargetIsRebuiltOnTheDefaultOutput) {
     Mix mix;
-    ASSERT_TRUE(waitUntil([&] { return !mix.status().value("devices", nlohmann::json::array()).empty(); }, 10s));
+    ASSERT_TRUE(
+        waitUntil([&] { return !mix.status().value("devices", nlohmann::json::array()).empty(); }, 10s));
     mix.ctlOK({"redirect", "Safari", "USB Headphones"});
     ASSERT_TRUE(mix.waitForLevel(safari, toneRMS, 0.5, headphones)) << mix.log();
     mix.ctlOK({"sim", "unplug", headphones});
     EXPECT_TRUE(mix.waitForLevel(safari, toneRMS, 0.5, speakers)) << mix.log();
-    EXPECT_NE(mix.log().find("tonavi: self-heal rebuilding com.apple.Safari (device vanished, bounded retry)"),
-              std::string::npos)
+    EXPECT_NE(
+        mix.log().find("tonavi: self-heal rebuilding com.apple.Safari (device vanished, bounded retry)"),
+        std::string::npos)
         << mix.log();
 }
 
@@ -311,7 +316,8 @@ TEST(MixingEndToEnd, AKilledServiceTakesEveryWorkerDownWithinASecond) {
     mix.ctlOK({"volume", "Safari", "0.5"});
     ASSERT_TRUE(mix.waitForLevel(safari, toneRMS - 12.0, 0.5)) << mix.log();
     ASSERT_TRUE(waitUntil([&] { return mix.meterOf(music).has_value(); }, 10s)) << mix.log();
-    ASSERT_TRUE(waitUntil([&] { return mix.workers(safari).size() == 1 && mix.workers(music).size() == 1; }, 10s));
+    ASSERT_TRUE(
+        waitUntil([&] { return mix.workers(safari).size() == 1 && mix.workers(music).size() == 1; }, 10s));
     const int workers[] = {mix.workers(safari)[0], mix.workers(music)[0]};
 
     mix.service().signal(SIGKILL);

@@ -37,7 +37,9 @@ class FakeServiceTaps final : public ServiceTapProvider {
     std::optional<std::string> targetDevice(std::string_view id) const override { return find(target, id); }
     std::optional<double> secondsSinceRawAudio(std::string_view id) const override { return find(idle, id); }
     bool ioStale(std::string_view id, double) const override { return stale.count(std::string(id)) > 0; }
-    float level(std::string_view id) const override { return static_cast<float>(find(levels, id).value_or(0.0)); }
+    float level(std::string_view id) const override {
+        return static_cast<float>(find(levels, id).value_or(0.0));
+    }
 
     FakeTaps taps;
     Hooks hooks;

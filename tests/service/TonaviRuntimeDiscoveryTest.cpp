@@ -74,7 +74,8 @@ TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndTheLevelOfEachTap) {
     };
     for (const auto& row : expected) {
         SCOPED_TRACE(row.id);
-        auto it = std::find_if(status.apps.begin(), status.apps.end(), [&](auto& a) { return a.id == row.id; });
+        auto it =
+            std::find_if(status.apps.begin(), status.apps.end(), [&](auto& a) { return a.id == row.id; });
         ASSERT_EQ(it != status.apps.end(), row.shown);
         if (!row.shown)
             continue;
@@ -83,7 +84,8 @@ TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndTheLevelOfEachTap) {
         EXPECT_EQ(it->engaged, row.engaged);
         EXPECT_FLOAT_EQ(it->level, row.level);
     }
-    auto music = std::find_if(status.apps.begin(), status.apps.end(), [](auto& a) { return a.id == "com.apple.Music"; });
+    auto music = std::find_if(status.apps.begin(), status.apps.end(),
+                              [](auto& a) { return a.id == "com.apple.Music"; });
     EXPECT_EQ(music->displayName, "Music");
     EXPECT_EQ(music->pid, 4103);
     EXPECT_EQ(status.defaultOutputUID, speakers);
@@ -99,9 +101,11 @@ TEST(Discovery, ARunningOutputEdgeMakesItsOwnerEligibleAtOnce) {
     EXPECT_FALSE(onQueue<bool>(rt, [&] { return rt.outputEligible().contains(safari); }));
 
     // The helper starts: the browser becomes eligible without waiting for a snapshot.
-    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.setPlaying("com.apple.WebKit.GPU", true, std::nullopt); }),
+    ASSERT_EQ(h.machine->mutate(
+                  [](SimWorld& w) { return w.setPlaying("com.apple.WebKit.GPU", true, std::nullopt); }),
               "");
-    EXPECT_TRUE(waitUntil([&] { return onQueue<bool>(rt, [&] { return rt.outputEligible().contains(safari); }); }));
+    EXPECT_TRUE(
+        waitUntil([&] { return onQueue<bool>(rt, [&] { return rt.outputEligible().contains(safari); }); }));
 }
 
 TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence) {
@@ -115,7 +119,7 @@ TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence)
     ASSERT_TRUE(rt.engine().hasTap(agent));
 
     h.provider->source[agent] = h.provider->target[agent] = speakers; // nothing to heal
-    h.provider->idle[agent] = 20.0; // not yet
+    h.provider->idle[agent] = 20.0;                                   // not yet
     rt.serialQueue().sync([&] { rt.watchdogPass(); });
     EXPECT_TRUE(rt.engine().hasTap(agent));
 
@@ -173,7 +177,8 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
         if (c.stale)
             h.provider->stale.insert(safari);
 
-        const std::string line = "tonavi: self-heal rebuilding " + safari + " (" + c.reason + ", bounded retry)";
+        const std::string line =
+            "tonavi: self-heal rebuilding " + safari + " (" + c.reason + ", bounded retry)";
         auto pass = [&] { h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); }); };
         pass();
         pass(); // the same issue at the same moment waits for its delay

@@ -119,7 +119,9 @@ std::vector<pid_t> children(pid_t parent) {
     return found;
 }
 
-std::string appID(int i) { return i < 0 ? "com.tonavi.mix.warmup" : "com.tonavi.mix.app" + std::to_string(i + 1); }
+std::string appID(int i) {
+    return i < 0 ? "com.tonavi.mix.warmup" : "com.tonavi.mix.app" + std::to_string(i + 1);
+}
 
 } // namespace
 
@@ -149,11 +151,13 @@ int MixMeasurement::run() {
         const std::string id = appID(i);
         ok = send(TonaviRequest::SetAppVolume{id, 0.5});
         const auto t0 = Clock::now();
-        ok = ok && runQuietly({ctl, "sim", "launch", id, "--pid", std::to_string(6000 + i)}) &&
-             runQuietly({ctl, "sim", "play", id, "--freq", std::to_string(300 + 100 * i), "--level", "-18"}) &&
-             waitFor([&] { return engaged(id); }, std::chrono::seconds(15));
+        ok =
+            ok && runQuietly({ctl, "sim", "launch", id, "--pid", std::to_string(6000 + i)}) &&
+            runQuietly({ctl, "sim", "play", id, "--freq", std::to_string(300 + 100 * i), "--level", "-18"}) &&
+            waitFor([&] { return engaged(id); }, std::chrono::seconds(15));
         if (i < 0) {
-            ok = ok && send(TonaviRequest::ResetApp{id}) && waitFor([&] { return !engaged(id); }, std::chrono::seconds(20));
+            ok = ok && send(TonaviRequest::ResetApp{id}) &&
+                 waitFor([&] { return !engaged(id); }, std::chrono::seconds(20));
             continue;
         }
         firstSound.push_back(millisecondsSince(t0));
@@ -176,7 +180,8 @@ int MixMeasurement::run() {
     double stageMS = 0;
     if (ok) {
         const auto t0 = Clock::now();
-        ok = send(TonaviRequest::StageMode{true}) && waitFor([] { return engagedCount() == 0; }, std::chrono::seconds(20));
+        ok = send(TonaviRequest::StageMode{true}) &&
+             waitFor([] { return engagedCount() == 0; }, std::chrono::seconds(20));
         stageMS = millisecondsSince(t0);
         ok = ok && send(TonaviRequest::StageMode{false}) &&
              waitFor([] { return engagedCount() == appCount; }, std::chrono::seconds(60));
@@ -187,7 +192,8 @@ int MixMeasurement::run() {
         const auto t0 = Clock::now();
         for (int i = 0; ok && i < appCount; ++i) {
             const std::string id = appID(i);
-            ok = send(TonaviRequest::ResetApp{id}) && waitFor([&] { return !engaged(id); }, std::chrono::seconds(20));
+            ok = send(TonaviRequest::ResetApp{id}) &&
+                 waitFor([&] { return !engaged(id); }, std::chrono::seconds(20));
         }
         sequentialMS = millisecondsSince(t0);
     }
