@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <map>
 #include <poll.h>
 #include <pthread.h>
 #include <spawn.h>
@@ -25,6 +26,42 @@ void closeFD(int& fd) {
 }
 
 constexpr auto lastWordsWait = std::chrono::milliseconds(250);
+
+// Exit watches of children whose process object went away first. The watch's own handler, which
+// reaps the child, releases it; a handler that ran before the adoption marks the child finished, and
+// the adoption then drops the watch at once.
+class AdoptedWatches {
+  public:
+    void adopt(const std::shared_ptr<TapWorkerProcess::Adoption>& child, std::unique_ptr<ProcessExitSource> watch) {
+        std::unique_lock guard(mutex_);
+        if (child->finished) {
+            guard.unlock();
+            return; // `watch` goes here; its thread has ended
+        }
+        child->adopted = true;
+        watches_[child.get()] = std::move(watch);
+    }
+    void finish(const std::shared_ptr<TapWorkerProcess::Adoption>& child) {
+        std::unique_ptr<ProcessExitSource> done;
+        {
+            std::lock_guard guard(mutex_);
+            child->finished = true;
+            if (auto it = watches_.find(child.get()); it != watches_.end()) {
+                done = std::move(it->second);
+                watches_.erase(it);
+            }
+        }
+    }
+
+  private:
+    std::mutex mutex_;
+    std::map<const TapWorkerProcess::Adoption*, std::unique_ptr<ProcessExitSource>> watches_;
+};
+
+AdoptedWatches& adoptedWatches() {
+    static auto* watches = new AdoptedWatches();
+    return *watches;
+}
 
 int statusFrom(int waitStatus) {
     if (WIFEXITED(waitStatus))
@@ -119,8 +156,9 @@ std::shared_ptr<TapWorkerProcess> TapWorkerProcess::launch(const std::string& ex
     reader->fd = output[0];
     process->reader_ = std::move(reader);
     std::weak_ptr<TapWorkerProcess> weak = process;
+    auto adoption = process->adoption_ = std::make_shared<Adoption>();
     process->exitSource_ = std::make_unique<ProcessExitSource>(
-        pid, queue, [weak, onTermination = std::move(onTermination), pid] {
+        pid, queue, [weak, onTermination = std::move(onTermination), pid, adoption] {
             auto self = weak.lock();
             int status = -1;
             // The child's last words (a "failure" line before its exit) are read before its end
@@ -137,6 +175,8 @@ std::shared_ptr<TapWorkerProcess> TapWorkerProcess::launch(const std::string& ex
                 int waitStatus = 0;
                 if (::waitpid(pid, &waitStatus, 0) == pid)
                     status = statusFrom(waitStatus);
+                // Its process object is gone: this watch has done its last work.
+                adoptedWatches().finish(adoption);
             }
             if (onTermination)
                 onTermination(status);
@@ -155,7 +195,7 @@ TapWorkerProcess::~TapWorkerProcess() {
     }
     // A child still running keeps its watch, whose handler reaps it by pid, so no zombie is left.
     if (exitSource_ && !reaped)
-        (void)exitSource_.release();
+        adoptedWatches().adopt(adoption_, std::move(exitSource_));
     closeFD(inputFD_);
 }
 

@@ -54,6 +54,12 @@ class TapWorkerProcess {
     // called from the handler itself).
     void clearReader();
 
+    // Whether the exit watch outlived this object; see the adoption in the .cpp.
+    struct Adoption {
+        bool adopted = false;
+        bool finished = false;
+    };
+
   private:
     TapWorkerProcess() = default;
     void signal(int signalNumber) const;
@@ -68,6 +74,7 @@ class TapWorkerProcess {
     mutable std::mutex mutex_; // leaf lock around the reaped status and the signals
     mutable std::optional<int> status_;
     std::unique_ptr<ProcessExitSource> exitSource_;
+    std::shared_ptr<Adoption> adoption_;
 };
 
 } // namespace tonavi

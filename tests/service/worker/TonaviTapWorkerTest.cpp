@@ -193,7 +193,8 @@ class WorkerOnSimulatedMachine : public ::testing::Test {
     }
     // The level the worker's IO proc plays, as the machine meters it; nothing before a window.
     std::optional<double> playedRMS(int workerPID) {
-        for (const auto& meter : machine->world()->meters)
+        const auto world = machine->world(); // held: the range below must not outlive it
+        for (const auto& meter : world->meters)
             if (meter.ownerPID == workerPID && meter.cycles > 0)
                 return meter.rmsDB;
         return std::nullopt;
