@@ -6,6 +6,7 @@
 
 #include "core/engine/TapProviding.hpp"
 #include "core/engine/TapWorkerState.hpp"
+#include "service/taps/TapProcessIdentity.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -63,6 +64,16 @@ class ServiceTapProvider : public TapProviding {
     // which keeps the tap from being released as idle.
     virtual std::optional<double> secondsSinceRawAudio(std::string_view /*bundleID*/) const {
         return std::nullopt;
+    }
+    // The tap's process is gone, or it carried no IO for longer than `olderThan` seconds. A provider
+    // that cannot tell says no, which keeps the watchdog from rebuilding on a guess.
+    virtual bool ioStale(std::string_view /*bundleID*/, double /*olderThan*/) const { return false; }
+    // Whether the app's processes moved away from what its tap covers; without `current` the
+    // provider reads the group itself.
+    virtual bool
+    processGroupChanged(std::string_view /*bundleID*/,
+                        const std::optional<TapProcessIdentity>& /*current*/ = std::nullopt) const {
+        return false;
     }
 };
 

@@ -56,6 +56,7 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     activityListenerQueue_ = std::make_unique<DispatchQueue>("tonavi.activity-events", clock_);
     tapWorkQueue_ = std::make_unique<DispatchQueue>("tonavi.tap-lifecycle", clock_);
     warmUpQueue_ = std::make_unique<DispatchQueue>("tonavi.warm-up", clock_);
+    discoveryQueue_ = std::make_unique<DispatchQueue>("tonavi.discovery", clock_);
 
     // 3. The device manager, on serialQueue as its state queue.
     createDeviceManager();
@@ -142,12 +143,15 @@ TonaviRuntime::~TonaviRuntime() {
         audio_->removePropertyListener(kAudioObjectSystemObject,
                                        globalAddress(kAudioHardwarePropertyProcessObjectList), *serialQueue_,
                                        processRegistryListener_);
+    // No listener may fire into a queue that is going away.
+    serialQueue_->sync([this] { removeOutputRunningListeners(); });
     // Only items running now still hold the anchor, and they may queue work on any queue. Each queue
     // is drained while all of them exist; whatever is queued after that finds the anchor gone.
-    for (auto* queue : {serialQueue_.get(), hardwareProbeQueue_.get(), warmUpQueue_.get(),
+    for (auto* queue : {serialQueue_.get(), hardwareProbeQueue_.get(), discoveryQueue_.get(), warmUpQueue_.get(),
                         tapWorkQueue_.get(), activityListenerQueue_.get()})
         queue->sync([] {});
     hardwareProbeQueue_.reset();
+    discoveryQueue_.reset();
     warmUpQueue_.reset();
     tapWorkQueue_.reset();
     activityListenerQueue_.reset();
@@ -401,73 +405,7 @@ void TonaviRuntime::scheduleTapRefresh(const std::string& bundleID, bool force) 
     });
 }
 
-bool TonaviRuntime::routeNeedsRefresh(const std::string& bundleID, bool forced) {
-    if (!engine_->hasTap(bundleID))
-        return true;
-    if (forced)
-        return true;
-    const std::string defaultUID = engine_->currentDefaultOutputUID();
-    const std::string route = engine_->routeFor(bundleID);
-    const std::string desiredTarget = route.empty() ? defaultUID : route;
-    // A provider that cannot tell where its tap is bound gets a fresh one; I/O staleness and process
-    // group changes join with process discovery.
-    const auto source = tapProvider_->sourceDevice(bundleID);
-    const auto target = tapProvider_->targetDevice(bundleID);
-    if (!source || !target)
-        return true;
-    return *source != defaultUID || *target != desiredTarget;
-}
-
-// MARK: Watchdog and smart tick
-
-void TonaviRuntime::watchdogPass() {
-    assert(serialQueue_->isCurrent());
-    if (!coreAudioReady_.load())
-        return;
-    enforceDeviceLimits();
-
-    // Self-heal and the release of exited processes need trusted discovery snapshots; until process
-    // and hardware discovery land there are none, so both are skipped, as for untrusted discovery.
-
-    // Idle release: an app without row-level control does not keep a tap for ever.
-    const TonaviConfig config = engine_->config();
-    IDSet playing;
-    for (const auto& [id, activity] : resolvedAudioSnapshot_)
-        if (activity.playing)
-            playing.insert(id);
-    for (const auto& id : engine_->engagedBundleIDs()) {
-        if (const AppAudioState* row = config.app(id))
-            if (EngagementEngine::isEngaged(*row) || row->muteWhileBypassed)
-                continue;
-        if (engine_->isSoloSuppressed(id))
-            continue;
-        const auto idle = tapProvider_->secondsSinceRawAudio(id);
-        if (!idle || *idle <= 20.0)
-            continue;
-        outputEligible_.erase(id);
-        if (playing.contains(id))
-            outputSuppressedUntilPlaybackStops_.insert(id);
-        engine_->releaseTap(id, "output idle");
-        Log::info("tonavi: released idle output tap for " + id);
-    }
-
-    engine_->setCreationEligibility(creationEligibilitySet());
-    engine_->requestReconcile();
-
-    // Timed mutes that ran out are cleared.
-    const double nowSeconds = now();
-    bool cleared = false;
-    for (const auto& app : config.apps) {
-        if (app.timedMuteUntil && *app.timedMuteUntil <= nowSeconds) {
-            AppAudioState row = app;
-            row.timedMuteUntil.reset();
-            engine_->updateApp(row);
-            cleared = true;
-        }
-    }
-    if (cleared)
-        persist();
-}
+// MARK: Smart tick
 
 void TonaviRuntime::smartTick() {
     // The smart automations (follow-me, loudness guard, auto-duck, microphone follow) join here.
@@ -530,11 +468,9 @@ void TonaviRuntime::releaseTapsThenStop() {
 
 // MARK: Seams of subsystems not in this build
 
-void TonaviRuntime::refreshAudioSnapshotsIfNeeded(bool) {}
 void TonaviRuntime::syncAUSlots() {}
 void TonaviRuntime::startMIDI() {}
 void TonaviRuntime::startActiveAppTracking() {}
-void TonaviRuntime::armOutputRunningListeners() {}
 void TonaviRuntime::nudgeSmart() {}
 void TonaviRuntime::enforceBluetoothOutputOnly() {}
 

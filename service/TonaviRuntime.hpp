@@ -29,6 +29,9 @@
 #include "service/ServiceTapProvider.hpp"
 #include "service/devices/OutputGroupManager.hpp"
 #include "service/devices/TonaviDeviceManager.hpp"
+#include "service/taps/AudioSnapshot.hpp"
+#include "service/taps/TapProcessIdentity.hpp"
+#include "service/worker/TapRecoveryBackoff.hpp"
 
 #include <atomic>
 #include <functional>
@@ -82,6 +85,12 @@ class TonaviRuntime {
         bool playing = false;
         bool capturing = false;
     };
+    // How far a discovery cache can be trusted: the watchdog rebuilds nothing on stale or failed reads.
+    struct DiscoveryHealth {
+        double lastSuccessfulRead = 0; // seconds since 1970; 0: never
+        double lastAttempt = 0;
+        bool latestReadSucceeded = false;
+    };
 
     // The waits of the warm-up: a probe faster than this ends it; at most this many probes.
     static constexpr double warmUpFastProbeSeconds = 0.05;
@@ -98,6 +107,16 @@ class TonaviRuntime {
     static constexpr double hardwareSnapshotLifetimeSeconds = 1.0;
     static constexpr double settlingPassSeconds = 0.75;
     static constexpr double deviceUseDebounceSeconds = 30.0;
+    // Discovery pacing: the least age of a snapshot before another probe, and the pause after a
+    // failed one.
+    static constexpr double audioSnapshotFastInterval = 0.35;
+    static constexpr double audioSnapshotInterval = 1.5;
+    static constexpr double audioSnapshotRetryAfterFailure = 0.5;
+    // The watchdog's limits: discovery older than this is not trusted, IO older than this is dead,
+    // and a tap of an app without row-level control that carried no sound for this long goes.
+    static constexpr double trustedDiscoverySeconds = 6.0;
+    static constexpr double ioStaleSeconds = 6.0;
+    static constexpr double idleReleaseSeconds = 20.0;
 
     explicit TonaviRuntime(Environment environment);
     // The service never releases its runtime; tests do. Stops timers and queues before the state goes.
@@ -136,6 +155,18 @@ class TonaviRuntime {
     std::vector<std::string> currentSystemRouteNames(const std::string& uid) const;
     IDSet audibleAppsNow();
     IDSet standingControl();
+    // Discovery, on serialQueue. A probe runs off the queue; its result comes back to it.
+    void refreshAudioSnapshotsIfNeeded(bool force);
+    void refreshHardwareSnapshotIfNeeded(bool force);
+    void applyAudioSnapshot(AudioSnapshot snapshot);
+    void armOutputRunningListeners();
+    void publishCreationEligibility();
+    // Read on serialQueue (tests look through sync).
+    const DiscoveryHealth& audioDiscoveryHealth() const { return audioDiscoveryHealth_; }
+    const DiscoveryHealth& hardwareDiscoveryHealth() const { return hardwareDiscoveryHealth_; }
+    const IDSet& outputEligible() const { return outputEligible_; }
+    const IDSet& outputSuppressedUntilPlaybackStops() const { return outputSuppressedUntilPlaybackStops_; }
+    std::size_t armedOutputListenerCount() const { return armedOutputListeners_.size(); }
 
     // Output selection, on serialQueue. `completion` gets the reply, on serialQueue, once the system
     // was seen to report the device or the attempt ended; a newer selection supersedes this one.
@@ -175,8 +206,15 @@ class TonaviRuntime {
     TonaviReply setAppDisplayOrder(const std::vector<std::string>& bundleIDs);
     TonaviReply setStageMode(bool on);
     TonaviReply setManualDuck(bool on);
-    void publishCreationEligibility();
     IDSet creationEligibilitySet();
+    void onRunningOutputEdge(AudioObjectID object);
+    // `readAt`: when the probe began, seconds since 1970.
+    void finishAudioProbe(std::optional<AudioSnapshot> snapshot, double readAt);
+    bool discoveryTrusted(double nowSeconds) const;
+    std::optional<std::string> selfHealReason(const std::string& bundleID, const IDSet& connected,
+                                              const std::string& defaultUID);
+    void removeOutputRunningListeners();
+    void withdrawEligibility(const std::string& bundleID);
 
     // Start-up steps.
     void connectEngineHooks();
@@ -193,15 +231,12 @@ class TonaviRuntime {
     void requestReconcile();
     double now() const { return wallClock_(); }
 
-    // Seams of subsystems that are not part of this build. Each does nothing.
-    void refreshAudioSnapshotsIfNeeded(bool force);
-    void refreshHardwareSnapshotIfNeeded(bool force);
     void reconcileOutputGroups(bool forceRecreate);
     void applyDevicePolicies();
+    // Seams of subsystems that are not part of this build. Each does nothing.
     void syncAUSlots();
     void startMIDI();
     void startActiveAppTracking();
-    void armOutputRunningListeners();
     void nudgeSmart();
     void enforceBluetoothOutputOnly();
     void installDeviceListeners();
@@ -259,10 +294,12 @@ class TonaviRuntime {
     std::unique_ptr<DispatchQueue> activityListenerQueue_; // "tonavi.activity-events"
     std::unique_ptr<DispatchQueue> tapWorkQueue_;          // "tonavi.tap-lifecycle"
     std::unique_ptr<DispatchQueue> warmUpQueue_;           // "tonavi.warm-up", the probes' waits
+    std::unique_ptr<DispatchQueue> discoveryQueue_;        // "tonavi.discovery", process and hardware probes
 
     std::mutex tapRefreshStateLock_; // leaf: guards the next two fields
     CoalescedRefreshState tapRefreshState_;
     std::set<std::string> forcedTapRefreshes_;
+    TapRecoveryBackoff tapRecoveryBackoff_{2.0, 30.0}; // paces self-heal; serialQueue
 
     std::atomic<bool> coreAudioReady_{false};
     std::atomic<int> warmUpProbes_{0};
@@ -278,12 +315,21 @@ class TonaviRuntime {
     bool loudnessGuardWasOn_ = false;
     bool manualDuckOn_ = false;
 
-    // Discovery caches. Nothing fills them until process and hardware discovery land.
+    // Discovery caches, filled by the probes.
+    bool audioSnapshotProbeInFlight_ = false;
+    bool audioSnapshotRefreshRequested_ = false;
+    double audioSnapshotAt_ = 0; // seconds since 1970; 0: never
+    DiscoveryHealth audioDiscoveryHealth_;
     std::vector<ProcessEntry> audioProcessSnapshot_;
     std::map<std::string, Activity, std::less<>> resolvedAudioSnapshot_;
+    std::map<std::string, TapProcessIdentity, std::less<>> audioGroups_;
+    std::map<AudioObjectID, std::string> audioOwnersByObject_;
+    // Process objects that carry a running-output listener, with the block that removes it.
+    std::map<AudioObjectID, AudioObjectPropertyListenerBlock> armedOutputListeners_;
     IDSet outputEligible_;
     IDSet outputSuppressedUntilPlaybackStops_;
     HardwareSnapshot hardwareSnapshot_;
+    DiscoveryHealth hardwareDiscoveryHealth_;
 
     AudioObjectPropertyListenerBlock processRegistryListener_;
 

@@ -3,6 +3,7 @@
 // except the hardware probe, which runs on its own queue and hands its result back.
 
 #include "service/TonaviRuntime.hpp"
+#include "service/taps/TonaviTapProvider.hpp"
 
 #include "base/Log.hpp"
 #include "core/outputs/AudioEndpointResolver.hpp"
@@ -160,8 +161,18 @@ std::optional<TonaviRuntime::HardwareSnapshot> TonaviRuntime::captureHardwareSna
 }
 
 void TonaviRuntime::applyHardwareSnapshot(std::optional<HardwareSnapshot> snapshot) {
+    // The watchdog trusts the picture only while reads succeed and are recent.
+    const double t = now();
+    hardwareDiscoveryHealth_.lastAttempt = t;
+    hardwareDiscoveryHealth_.latestReadSucceeded = snapshot.has_value();
     if (!snapshot)
         return; // a failed probe keeps the last good picture
+    hardwareDiscoveryHealth_.lastSuccessfulRead = t;
+    // Our own tap aggregates are plumbing, not devices anybody picks.
+    std::erase_if(snapshot->devices,
+                  [](const DeviceLiveStatus& d) { return d.id.starts_with(TonaviTapProvider::aggregateUIDPrefix); });
+    std::erase_if(snapshot->deviceUIDs,
+                  [](const std::string& uid) { return uid.starts_with(TonaviTapProvider::aggregateUIDPrefix); });
     hardwareSnapshot_ = std::move(*snapshot);
     hardwareSnapshotAt_ = clock_->now();
 }
@@ -170,7 +181,10 @@ void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool force) {
     assert(serialQueue_->isCurrent());
     if (hardwareProbeInFlight_ && !force)
         return;
-    if (!force && clock_->now() - hardwareSnapshotAt_ < seconds(hardwareSnapshotLifetimeSeconds))
+    // Young by both clocks: the queue's (which tests drive) and the wall's (which dates discovery health).
+    const double wallAge = now() - hardwareDiscoveryHealth_.lastSuccessfulRead;
+    if (!force && clock_->now() - hardwareSnapshotAt_ < seconds(hardwareSnapshotLifetimeSeconds) &&
+        wallAge >= 0 && wallAge < hardwareSnapshotLifetimeSeconds)
         return;
     const std::uint64_t generation = ++hardwareSnapshotGeneration_;
     hardwareProbeInFlight_ = true;

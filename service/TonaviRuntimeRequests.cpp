@@ -218,27 +218,13 @@ TonaviReply TonaviRuntime::mutateApp(const std::string& bundleID, bool continuou
         if (!playing)
             outputEligible_.erase(bundleID);
     }
-    publishCreationEligibility();
+    engine_->setCreationEligibility(creationEligibilitySet());
     engine_->updateApp(record);
     if (continuous)
         persistContinuousControl();
     else
         persist();
     return success();
-}
-
-TonaviRuntime::IDSet TonaviRuntime::creationEligibilitySet() {
-    IDSet set;
-    for (auto& id : engine_->engagedBundleIDs())
-        set.insert(std::move(id));
-    set.insert(outputEligible_.begin(), outputEligible_.end());
-    const IDSet standing = standingControl();
-    set.insert(standing.begin(), standing.end());
-    return set;
-}
-
-void TonaviRuntime::publishCreationEligibility() {
-    engine_->setCreationEligibility(creationEligibilitySet());
 }
 
 TonaviReply TonaviRuntime::setAppRedirect(const std::string& bundleID, const std::string& deviceUID) {

@@ -101,20 +101,6 @@ TonaviRuntime::IDSet TonaviRuntime::audibleAppsNow() {
     return out;
 }
 
-TonaviRuntime::IDSet TonaviRuntime::standingControl() {
-    IDSet out;
-    const TonaviConfig config = engine_->config();
-    for (const auto& app : config.apps)
-        if (EngagementEngine::isEngaged(app) && TonaviTapSafety::mayCapture(app.id))
-            out.insert(app.id);
-    // While a solo is active, the playing apps it silences need taps too.
-    if (engine_->soloActive())
-        for (const auto& id : audibleAppsNow())
-            if (engine_->isSoloSuppressed(id))
-                out.insert(id);
-    return out;
-}
-
 TonaviStatus TonaviRuntime::buildStatus() {
     assert(serialQueue_->isCurrent());
     // Fresh data is asked for without waiting; the status uses what is cached now.
@@ -134,6 +120,17 @@ TonaviStatus TonaviRuntime::buildStatus() {
     for (const auto& entry : audioProcessSnapshot_)
         if (config.app(entry.bundleID))
             shown.insert(entry.bundleID);
+    // An audio app is a regular running application whose processes play or record.
+    std::map<std::string, std::string> runningNames;
+    for (const auto& [id, activity] : resolvedAudioSnapshot_) {
+        if (!activity.playing && !activity.capturing)
+            continue;
+        for (const auto& app : workspace_->runningApplications(id))
+            if (app.activationPolicy == ActivationPolicy::regular) {
+                shown.insert(id);
+                runningNames.emplace(id, app.localizedName);
+            }
+    }
     const std::vector<std::string> engaged = engine_->engagedBundleIDs();
     shown.insert(engaged.begin(), engaged.end());
     const IDSet soloed = engine_->soloedBundleIDs().value_or(IDSet{});
@@ -147,7 +144,11 @@ TonaviStatus TonaviRuntime::buildStatus() {
     std::vector<std::pair<std::string, std::string>> named;
     for (const auto& id : shown) {
         const AppAudioState* row = config.app(id);
-        named.emplace_back(id, row ? row->displayName : displayName(id));
+        auto running = runningNames.find(id);
+        named.emplace_back(id, row ? row->displayName
+                                   : (running != runningNames.end() && !running->second.empty()
+                                          ? running->second
+                                          : displayName(id)));
     }
     if (config.appendUnrankedMixerApps(named)) {
         engine_->setConfigWithoutReconcile(config);
@@ -164,7 +165,10 @@ TonaviStatus TonaviRuntime::buildStatus() {
         const AppAudioState* row = config.app(id);
         AppLiveStatus live;
         live.id = id;
-        live.displayName = row && !row->displayName.empty() ? row->displayName : displayName(id);
+        auto running = runningNames.find(id);
+        live.displayName = row && !row->displayName.empty()                            ? row->displayName
+                           : running != runningNames.end() && !running->second.empty() ? running->second
+                                                                                       : displayName(id);
         if (auto p = processes.find(id); p != processes.end()) {
             live.pid = p->second->pid;
             live.isRunning = p->second->isRunning;

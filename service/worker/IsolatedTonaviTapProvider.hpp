@@ -99,11 +99,11 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
     std::optional<std::string> targetDevice(std::string_view bundleID) const override;
     std::optional<std::string> sourceDevice(std::string_view bundleID) const override;
     // The worker's process is gone, or it reported no IO for longer than `olderThan` seconds.
-    bool ioStale(std::string_view bundleID, double olderThan) const;
+    bool ioStale(std::string_view bundleID, double olderThan) const override;
     // Whether the app's processes moved away from what its worker's tap covers; without `current`
     // the group is read now.
     bool processGroupChanged(std::string_view bundleID,
-                             const std::optional<TapProcessIdentity>& current = std::nullopt) const;
+                             const std::optional<TapProcessIdentity>& current = std::nullopt) const override;
     std::shared_ptr<IsolatedTapHandle> liveHandle(std::string_view bundleID) const;
 
     // Waits for a stopping worker, then makes sure it is gone and forgets it.

@@ -16,7 +16,10 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <thread>
 
 namespace tonavi::testing {
@@ -29,9 +32,28 @@ class FakeServiceTaps final : public ServiceTapProvider {
     void setHooks(Hooks h) override { hooks = std::move(h); }
     void syncStates() override { ++syncs; }
 
+    // Scripted answers of the live counters, by app; set them while the runtime's queue is idle.
+    std::optional<std::string> sourceDevice(std::string_view id) const override { return find(source, id); }
+    std::optional<std::string> targetDevice(std::string_view id) const override { return find(target, id); }
+    std::optional<double> secondsSinceRawAudio(std::string_view id) const override { return find(idle, id); }
+    bool ioStale(std::string_view id, double) const override { return stale.count(std::string(id)) > 0; }
+    float level(std::string_view id) const override {
+        return static_cast<float>(find(levels, id).value_or(0.0));
+    }
+
     FakeTaps taps;
     Hooks hooks;
     std::atomic<int> syncs{0};
+    std::map<std::string, std::string> source, target;
+    std::map<std::string, double> idle, levels;
+    std::set<std::string> stale;
+
+  private:
+    template <class T>
+    static std::optional<T> find(const std::map<std::string, T>& map, std::string_view id) {
+        auto it = map.find(std::string(id));
+        return it == map.end() ? std::nullopt : std::optional<T>(it->second);
+    }
 };
 
 // Waits for a condition another thread makes true; fails the test after five seconds.
@@ -82,6 +104,21 @@ class RuntimeHarness {
     void advance(double seconds) {
         clock->advance(std::chrono::round<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)));
         runtime->serialQueue().sync([] {});
+    }
+    // Lets one process and hardware discovery probe finish on a status request, so that their
+    // results (and the apps they place in the user's order) are in before the test goes on.
+    void settleDiscovery() {
+        send(TonaviRequest::Status{});
+        EXPECT_TRUE(waitUntil([&] {
+            bool done = false;
+            runtime->serialQueue().sync([&] {
+                // Both probes read at the wall clock's present time.
+                done = runtime->audioDiscoveryHealth().lastSuccessfulRead == wall.load() &&
+                       runtime->hardwareDiscoveryHealth().lastSuccessfulRead == wall.load();
+            });
+            return done;
+        }));
+        send(TonaviRequest::Status{});
     }
     TonaviReply send(TonaviRequest::Value value) { return runtime->handle(TonaviRequest{std::move(value)}); }
     TonaviConfig onDisk() const { return decodeTonaviConfig(readText(store->configURL())); }

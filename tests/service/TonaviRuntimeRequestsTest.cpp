@@ -141,7 +141,7 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         persisted.hiddenAppIDs.push_back("com.hidden.App");
         h.store->save(persisted);
         h.start();
-        h.send(R::Status{});
+        h.settleDiscovery();
         const TonaviConfig before = h.runtime->engine().config();
         const std::string diskBefore = readText(h.store->configURL());
         const TonaviReply reply = h.send(c.request);

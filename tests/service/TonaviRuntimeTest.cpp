@@ -139,7 +139,7 @@ TEST(RuntimeStart, AProviderWithoutTapsLeavesEveryAppDirectAndReportsIt) {
 TEST(RuntimePersistence, AVolumeStreamIsWrittenOnceAQuarterSecondAfterItsLastUpdate) {
     RuntimeHarness h;
     h.startReady();
-    h.send(R::Status{}); // places the first-run apps in the user's order, which saves
+    h.settleDiscovery(); // places the first-run and discovered apps in the user's order, which saves
     const int before = h.stateWrites.load();
     for (int i = 1; i <= 10; ++i) {
         ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", i / 20.0}).ok);
@@ -158,7 +158,7 @@ TEST(RuntimePersistence, AVolumeStreamIsWrittenOnceAQuarterSecondAfterItsLastUpd
 TEST(RuntimePersistence, StopInsideTheDeferredWindowSavesTheLastValueOnce) {
     RuntimeHarness h;
     h.startReady();
-    h.send(R::Status{});
+    h.settleDiscovery();
     ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.2}).ok);
     ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.7}).ok);
     const int before = h.stateWrites.load();
@@ -172,7 +172,7 @@ TEST(RuntimePersistence, StopInsideTheDeferredWindowSavesTheLastValueOnce) {
 TEST(RuntimePersistence, AnImmediateSaveCancelsThePendingDeferredOne) {
     RuntimeHarness h;
     h.startReady();
-    h.send(R::Status{});
+    h.settleDiscovery();
     ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.6}).ok);
     const int before = h.stateWrites.load();
     ASSERT_TRUE(h.send(R::SetAppMuted{"com.apple.Safari", true}).ok); // persists at once

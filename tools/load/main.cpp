@@ -5,12 +5,16 @@
 //     Sets up 30 configured applications, then N clients poll `status` while one more client streams
 //     `setAppVolume` at 100 updates a second; afterwards it waits for the configuration to go quiet and
 //     counts the writes of "state.json" since the stream began (one is the target: the deferred save).
+//   tonavi-load mix
+//     Starts its own service on a simulated machine and measures per-application mixing: first sound
+//     to live tap, stage mode against sequential releases, resident memory (see MixMeasurement.hpp).
 // The last line printed is one JSON object: requests_per_second, p50_ms, p99_ms, failures, requests,
 // clients, and for status also config_writes, volume_updates and volume_p99_ms. Exit status 0 when no
 // request failed (and, for status, exactly one configuration write was seen), 1 otherwise, 2 usage.
 
 #include "core/wire/TonaviChannel.hpp"
 #include "tools/load/ConfigWriteWatcher.hpp"
+#include "tools/load/MixMeasurement.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -35,7 +39,8 @@ constexpr auto quietLimit = std::chrono::seconds(10);
 constexpr double requestTimeoutSeconds = 10;
 
 int usage() {
-    std::fprintf(stderr, "usage: tonavi-load ping|status --clients N --seconds S [--socket PATH]\n");
+    std::fprintf(stderr, "usage: tonavi-load ping|status --clients N --seconds S [--socket PATH]\n"
+                         "       tonavi-load mix\n");
     return 2;
 }
 
@@ -179,6 +184,8 @@ int main(int argc, char** argv) {
     if (argc < 2)
         return usage();
     const std::string mode = argv[1];
+    if (mode == "mix" && argc == 2)
+        return MixMeasurement(std::filesystem::absolute(argv[0]).parent_path().string()).run();
     if (mode != "ping" && mode != "status")
         return usage();
     int clients = 1;

@@ -1,0 +1,332 @@
+// Per-application mixing on the simulated laptop with real processes: the service, its tap workers
+// and tonavictl. Safari (through its helper) plays a 1 kHz tone at -12 dBFS, Music a 440 Hz tone. What
+// a tap renders is read from the meters that the machine publishes in its world file.
+
+#include "audio/effects/EQ10.hpp"
+#include "audio/effects/EQPresets.hpp"
+#include "core/wire/TonaviChannel.hpp"
+#include "platform/sim/SimWorld.hpp"
+#include "tests/integration/ChildProcess.hpp"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <span>
+#include <sstream>
+
+using namespace tonavi;
+using namespace tonavi::testing;
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string safari = "com.apple.Safari";
+const std::string music = "com.apple.Music";
+const std::string speakers = "BuiltInSpeakerDevice";
+const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
+constexpr double toneRMS = -12.0 - 3.0103; // a sine's RMS lies 3 dB under its peak
+
+bool isWorker(int pid, const std::string& bundleID);
+
+// A private world and home, the service running on them, and tonavictl to drive both.
+class Mix {
+  public:
+    Mix() {
+        env_ = home_.env();
+        env_["TONAVI_SIM_WORLD"] = worldPath();
+        ctlOK({"sim", "init"});
+        ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
+        service_ = ChildProcess::spawn({binPath("tonavi-service")}, env_);
+        running_ = true;
+        EXPECT_TRUE(waitUntil(
+            [&] {
+                try {
+                    return TonaviChannel::send(home_.socketPath(), TonaviRequest::ping(), 2).ok;
+                } catch (const std::exception&) {
+                    return false;
+                }
+            },
+            20s));
+    }
+    ~Mix() {
+        if (running_) {
+            service_.signal(SIGTERM);
+            if (!service_.wait(20s)) {
+                service_.signal(SIGKILL);
+                service_.wait(5s);
+            }
+        }
+    }
+
+    std::pair<int, std::string> ctl(std::vector<std::string> args) {
+        args.insert(args.begin(), binPath("tonavictl"));
+        return run(args, env_);
+    }
+    void ctlOK(const std::vector<std::string>& args) {
+        auto [status, out] = ctl(args);
+        ASSERT_EQ(status, 0) << out;
+    }
+    std::string worldPath() const { return home_.home + "/world.json"; }
+    SimWorld world() const {
+        std::ifstream in(worldPath());
+        std::string error;
+        auto parsed = simWorldFromJSON(nlohmann::json::parse(in), error);
+        EXPECT_TRUE(parsed) << error;
+        return parsed.value_or(SimWorld{});
+    }
+    // What the app's tap plays, from the newest published meter.
+    std::optional<SimWorld::Meter> meterOf(const std::string& bundleID) const {
+        for (const auto& m : world().meters)
+            if (m.aggregateUID.starts_with("com.brelmoor.tonavi.agg." + bundleID + ".") && m.cycles > 0)
+                return m;
+        return std::nullopt;
+    }
+    // Waits until the app's tap plays at `rmsDB` on `device`, within `tolerance`.
+    bool waitForLevel(const std::string& bundleID, double rmsDB, double tolerance,
+                      const std::string& device = speakers) {
+        return waitUntil(
+            [&] {
+                auto m = meterOf(bundleID);
+                return m && m->deviceUID == device && std::abs(m->rmsDB - rmsDB) <= tolerance;
+            },
+            10s);
+    }
+    bool tapped(const std::string& bundleID) const {
+        const SimWorld w = world();
+        for (const auto& p : w.processes)
+            if ((p.bundleID == bundleID || (bundleID == safari && p.bundleID == "com.apple.WebKit.GPU")) &&
+                w.isMutedByTap(p, w.effectiveDeviceUID(p, false)))
+                return true;
+        return false;
+    }
+    std::string log() const { return home_.logText(); }
+    nlohmann::json status() {
+        auto [code, out] = ctl({"status", "--json"});
+        return code == 0 ? nlohmann::json::parse(out).at("status") : nlohmann::json::object();
+    }
+    bool hasHealth(const std::string& kind) {
+        for (const auto& event : status().value("health", nlohmann::json::array()))
+            if (event.value("kind", "") == kind)
+                return true;
+        return false;
+    }
+    // The live tap workers of the app, children of this service.
+    std::vector<int> workers(const std::string& bundleID) const;
+    ChildProcess& service() { return service_; }
+    void forget() { running_ = false; }
+
+  private:
+    PrivateHome home_{"mix"};
+    std::map<std::string, std::string> env_;
+    ChildProcess service_;
+    bool running_ = false;
+};
+
+// A zombie that nobody reaped has ended too.
+bool alive(int pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat(std::istreambuf_iterator<char>(in), {});
+    const auto close = stat.rfind(')');
+    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
+bool isWorker(int pid, const std::string& bundleID) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline");
+    std::string cmdline(std::istreambuf_iterator<char>(in), {});
+    for (auto& c : cmdline)
+        if (c == '\0')
+            c = ' ';
+    return cmdline.find("--tonavi-tap-worker " + bundleID) != std::string::npos;
+}
+
+std::vector<int> Mix::workers(const std::string& bundleID) const {
+    std::vector<int> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        const int pid = std::stoi(name);
+        std::ifstream in("/proc/" + name + "/stat");
+        std::string stat(std::istreambuf_iterator<char>(in), {});
+        const auto close = stat.rfind(')');
+        if (close == std::string::npos)
+            continue;
+        std::istringstream rest(stat.substr(close + 2));
+        char state = 0;
+        int parent = 0;
+        rest >> state >> parent;
+        if (parent == service_.pid && state != 'Z' && isWorker(pid, bundleID))
+            found.push_back(pid);
+    }
+    return found;
+}
+
+// The samples of a 32-bit float WAV file, interleaved; empty when it cannot be read.
+std::vector<float> readWav(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    std::vector<float> samples;
+    for (std::size_t at = 12; at + 8 <= bytes.size();) {
+        std::uint32_t size = 0;
+        std::memcpy(&size, bytes.data() + at + 4, 4);
+        if (bytes.compare(at, 4, "data") == 0 && at + 8 + size <= bytes.size()) {
+            samples.resize(size / sizeof(float));
+            std::memcpy(samples.data(), bytes.data() + at + 8, samples.size() * sizeof(float));
+            break;
+        }
+        at += 8 + size + (size & 1);
+    }
+    return samples;
+}
+
+float peak(std::span<const float> samples) {
+    float p = 0;
+    for (float x : samples)
+        p = std::max(p, std::abs(x));
+    return p;
+}
+
+// The largest step between neighbouring samples of one channel of interleaved stereo.
+float largestStep(const std::vector<float>& samples) {
+    float step = 0;
+    for (std::size_t i = 2; i < samples.size(); ++i)
+        step = std::max(step, std::abs(samples[i] - samples[i - 2]));
+    return step;
+}
+
+// The gain of a built-in preset's curve at one frequency, as the equaliser is configured.
+double presetGainDB(const std::string& name, double frequency) {
+    kavore::EQ10 eq;
+    eq.configure(kavore::EQPresets::named(name)->settings, 48000.0);
+    double db = 20.0 * std::log10(eq.preampLinear());
+    for (const auto& band : eq.bands())
+        db += band.magnitudeDB(frequency, 48000.0);
+    return db;
+}
+
+} // namespace
+
+TEST(MixingEndToEnd, VolumeMuteEqualiserRedirectAndResetActOnOneAppOnly) {
+    Mix mix;
+    // Control at unity first: the tap renders the tone as it is.
+    mix.ctlOK({"send", R"({"setAppMuted":{"bundleID":"com.apple.Safari","muted":false}})"});
+    ASSERT_TRUE(mix.waitForLevel(safari, toneRMS, 0.5)) << mix.log();
+    const auto unity = mix.meterOf(safari);
+    ASSERT_TRUE(unity);
+    EXPECT_NE(unity->ownerPID, mix.service().pid);
+    EXPECT_EQ(mix.workers(safari), std::vector<int>{unity->ownerPID});
+
+    // Half volume is a quarter of the gain: 12 dB down. Music is neither tapped nor touched.
+    mix.ctlOK({"volume", "Safari", "0.5"});
+    EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0, 0.5));
+    EXPECT_FALSE(mix.meterOf(music));
+    EXPECT_FALSE(mix.tapped(music));
+    EXPECT_TRUE(mix.tapped(safari));
+
+    // The equaliser bends the level at the tone's frequency the way the preset's curve says.
+    mix.ctlOK({"eq", "Safari", "Bass Booster"});
+    for (double frequency : {1000.0, 100.0}) {
+        SCOPED_TRACE(frequency);
+        mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", std::to_string(int(frequency)), "--level",
+                   "-12"});
+        EXPECT_TRUE(
+            mix.waitForLevel(safari, unity->rmsDB - 12.0 + presetGainDB("Bass Booster", frequency), 0.75));
+    }
+    mix.ctlOK({"eq", "Safari", "off"});
+    mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
+
+    // Mute ramps down to silence without a click: recorded across the mute, no step between
+    // neighbouring samples is larger than the tone's own steepest one allows.
+    const std::string recording = mix.worldPath() + ".mute.wav";
+    const auto cyclesBefore = mix.meterOf(safari)->cycles;
+    mix.ctlOK({"sim", "record", speakers, recording, "1.5"});
+    // A worker that published a new meter since has seen the request, and records.
+    ASSERT_TRUE(waitUntil([&] { return mix.meterOf(safari)->cycles != cyclesBefore; }, 5s));
+    mix.ctlOK({"mute", "Safari"});
+    EXPECT_TRUE(mix.waitForLevel(safari, -120.0, 1.0));
+    ASSERT_TRUE(
+        waitUntil([&] { return mix.world().recordings.empty() && std::filesystem::exists(recording); }, 10s));
+    const std::vector<float> samples = readWav(recording);
+    ASSERT_GT(samples.size(), 9600u);
+    const float amplitude = std::pow(10.0f, (-12.0f - 12.0f) / 20.0f);
+    const std::span<const float> all(samples);
+    EXPECT_NEAR(peak(all.first(960)), amplitude, amplitude * 0.12f); // sound before ...
+    EXPECT_LT(peak(all.last(960)), 1e-4f);                           // ... silence after
+    EXPECT_LT(largestStep(samples), amplitude * 2.0f * std::sin(3.14159f * 1000.0f / 48000.0f) * 1.5f);
+    mix.ctlOK({"unmute", "Safari"});
+    EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0, 0.5));
+
+    // A redirect moves the rendered sound to the headphones.
+    mix.ctlOK({"redirect", "Safari", "USB Headphones"});
+    EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0, 0.5, headphones)) << mix.log();
+
+    // Reset lets the tap go: Safari is heard on its direct path again.
+    mix.ctlOK({"reset", "Safari"});
+    EXPECT_TRUE(waitUntil([&] { return !mix.tapped(safari) && !mix.meterOf(safari); }, 10s));
+}
+
+TEST(MixingEndToEnd, AKilledWorkerSendsItsAppDirectAndTheNextAttemptWaitsForTheBackoff) {
+    Mix mix;
+    mix.ctlOK({"volume", "Safari", "0.5"});
+    ASSERT_TRUE(mix.waitForLevel(safari, toneRMS - 12.0, 0.5)) << mix.log();
+    const auto first = mix.workers(safari);
+    ASSERT_EQ(first.size(), 1u);
+
+    // The first attempt to replace it fails; the next waits out the backoff's first delay.
+    mix.ctlOK({"sim", "fail", "create-tap", "1", "nope"});
+    const auto killedAt = std::chrono::steady_clock::now();
+    ::kill(first[0], SIGKILL);
+    EXPECT_TRUE(waitUntil([&] { return mix.hasHealth("tap-released"); }, 10s)) << mix.log();
+    EXPECT_TRUE(waitUntil([&] { return !mix.tapped(safari); }, 5s));
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            auto m = mix.meterOf(safari);
+            return m && m->ownerPID != first[0] && mix.workers(safari) == std::vector<int>{m->ownerPID};
+        },
+        20s))
+        << mix.log();
+    EXPECT_GE(std::chrono::steady_clock::now() - killedAt, 1900ms);
+    EXPECT_TRUE(mix.waitForLevel(safari, toneRMS - 12.0, 0.5));
+}
+
+TEST(MixingEndToEnd, AnUnpluggedRedirectTargetIsRebuiltOnTheDefaultOutput) {
+    Mix mix;
+    ASSERT_TRUE(
+        waitUntil([&] { return !mix.status().value("devices", nlohmann::json::array()).empty(); }, 10s));
+    mix.ctlOK({"redirect", "Safari", "USB Headphones"});
+    ASSERT_TRUE(mix.waitForLevel(safari, toneRMS, 0.5, headphones)) << mix.log();
+    mix.ctlOK({"sim", "unplug", headphones});
+    EXPECT_TRUE(mix.waitForLevel(safari, toneRMS, 0.5, speakers)) << mix.log();
+    // The device listeners usually see the topology change first; the watchdog catches it otherwise.
+    const std::string log = mix.log();
+    EXPECT_TRUE(log.find("tonavi: output format/topology changed; refreshing 1 affected tap(s)") !=
+                    std::string::npos ||
+                log.find("tonavi: self-heal rebuilding com.apple.Safari (device vanished, bounded retry)") !=
+                    std::string::npos)
+        << log;
+}
+
+TEST(MixingEndToEnd, AKilledServiceTakesEveryWorkerDownWithinASecond) {
+    Mix mix;
+    // Music is known by name once the service has looked at who plays.
+    ASSERT_TRUE(waitUntil([&] { return mix.ctl({"volume", "Music", "0.5"}).first == 0; }, 10s));
+    mix.ctlOK({"volume", "Safari", "0.5"});
+    ASSERT_TRUE(mix.waitForLevel(safari, toneRMS - 12.0, 0.5)) << mix.log();
+    ASSERT_TRUE(waitUntil([&] { return mix.meterOf(music).has_value(); }, 10s)) << mix.log();
+    ASSERT_TRUE(
+        waitUntil([&] { return mix.workers(safari).size() == 1 && mix.workers(music).size() == 1; }, 10s));
+    const int workers[] = {mix.workers(safari)[0], mix.workers(music)[0]};
+
+    mix.service().signal(SIGKILL);
+    ASSERT_TRUE(mix.service().wait(5s));
+    mix.forget();
+    const auto killedAt = std::chrono::steady_clock::now();
+    EXPECT_TRUE(waitUntil([&] { return !alive(workers[0]) && !alive(workers[1]); }, 5s));
+    EXPECT_LT(std::chrono::steady_clock::now() - killedAt, 1000ms);
+}

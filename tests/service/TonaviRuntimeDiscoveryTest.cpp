@@ -1,0 +1,227 @@
+// Process discovery, eligibility and the watchdog of the runtime, on the simulated laptop: Music
+// plays, Zoom records, Safari and its helper are quiet, a background agent "plays" digital silence.
+
+#include "tests/service/RuntimeTestSupport.hpp"
+
+#include <fstream>
+#include <sstream>
+
+using namespace tonavi;
+using namespace tonavi::testing;
+using R = TonaviRequest;
+
+namespace {
+
+const std::string safari = "com.apple.Safari";
+const std::string agent = "com.example.SyncAgent";
+const std::string speakers = "BuiltInSpeakerDevice";
+const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
+
+std::string logText() {
+    std::ifstream in(Log::filePath());
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+int occurrences(const std::string& text, const std::string& line) {
+    int n = 0;
+    for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+        ++n;
+    return n;
+}
+
+template <class T> T onQueue(TonaviRuntime& rt, const std::function<T()>& read) {
+    T value{};
+    rt.serialQueue().sync([&] { value = read(); });
+    return value;
+}
+
+// Runs everything queued for tap work, then what that queued on the runtime's queue, then the tap work
+// that queued in turn. Each drain has a key of its own, so it is never folded into another pass.
+void drainTapWork(RuntimeHarness& h) {
+    static std::atomic<int> drains{0};
+    for (int round = 0; round < 2; ++round) {
+        auto ran = std::make_shared<std::atomic<bool>>(false);
+        h.runtime->scheduleTapWork("@drain-" + std::to_string(drains++), [ran] { ran->store(true); });
+        ASSERT_TRUE(waitUntil([&] { return ran->load(); }));
+        h.runtime->serialQueue().sync([] {});
+    }
+}
+
+} // namespace
+
+TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndTheLevelOfEachTap) {
+    RuntimeHarness h;
+    h.provider->levels[safari] = 0.3;
+    h.startReady();
+    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
+    h.settleDiscovery();
+    drainTapWork(h);
+    const TonaviStatus status = *h.send(R::Status{}).status;
+
+    struct Row {
+        std::string id;
+        bool shown, playing, capturing, engaged;
+        float level;
+    };
+    const Row expected[] = {
+        {"com.apple.Music", true, true, false, false, 0.0f},
+        {"us.zoom.xos", true, false, true, false, 0.0f},
+        {safari, true, false, false, true, 0.3f}, // its helper is folded into it
+        {"com.apple.WebKit.GPU", false, false, false, false, 0.0f},
+        {agent, false, false, false, false, 0.0f}, // a background agent is no audio app
+    };
+    for (const auto& row : expected) {
+        SCOPED_TRACE(row.id);
+        auto it =
+            std::find_if(status.apps.begin(), status.apps.end(), [&](auto& a) { return a.id == row.id; });
+        ASSERT_EQ(it != status.apps.end(), row.shown);
+        if (!row.shown)
+            continue;
+        EXPECT_EQ(it->isPlayingAudio, row.playing);
+        EXPECT_EQ(it->isCapturingAudio, row.capturing);
+        EXPECT_EQ(it->engaged, row.engaged);
+        EXPECT_FLOAT_EQ(it->level, row.level);
+    }
+    auto music = std::find_if(status.apps.begin(), status.apps.end(),
+                              [](auto& a) { return a.id == "com.apple.Music"; });
+    EXPECT_EQ(music->displayName, "Music");
+    EXPECT_EQ(music->pid, 4103);
+    EXPECT_EQ(status.defaultOutputUID, speakers);
+    EXPECT_EQ(status.devices.size(), 6u);
+}
+
+TEST(Discovery, ARunningOutputEdgeMakesItsOwnerEligibleAtOnce) {
+    RuntimeHarness h;
+    h.startReady();
+    h.settleDiscovery();
+    TonaviRuntime& rt = *h.runtime;
+    EXPECT_EQ(onQueue<std::size_t>(rt, [&] { return rt.armedOutputListenerCount(); }), 5u);
+    EXPECT_FALSE(onQueue<bool>(rt, [&] { return rt.outputEligible().contains(safari); }));
+
+    // The helper starts: the browser becomes eligible without waiting for a snapshot.
+    ASSERT_EQ(h.machine->mutate(
+                  [](SimWorld& w) { return w.setPlaying("com.apple.WebKit.GPU", true, std::nullopt); }),
+              "");
+    EXPECT_TRUE(
+        waitUntil([&] { return onQueue<bool>(rt, [&] { return rt.outputEligible().contains(safari); }); }));
+}
+
+TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence) {
+    RuntimeHarness h;
+    h.startReady();
+    ASSERT_TRUE(h.send(R::SetAppVisible{agent, true}).ok); // a row that asks for nothing
+    h.settleDiscovery();
+    TonaviRuntime& rt = *h.runtime;
+    rt.serialQueue().sync([&] { rt.engine().setForceEngaged({agent}, {}); });
+    drainTapWork(h);
+    ASSERT_TRUE(rt.engine().hasTap(agent));
+
+    h.provider->source[agent] = h.provider->target[agent] = speakers; // nothing to heal
+    h.provider->idle[agent] = 20.0;                                   // not yet
+    rt.serialQueue().sync([&] { rt.watchdogPass(); });
+    EXPECT_TRUE(rt.engine().hasTap(agent));
+
+    h.provider->idle[agent] = 20.5;
+    rt.serialQueue().sync([&] { rt.watchdogPass(); });
+    drainTapWork(h);
+    EXPECT_FALSE(rt.engine().hasTap(agent)) << logText();
+    EXPECT_EQ(occurrences(logText(), "tonavi: released idle output tap for " + agent), 1);
+    // (A reconcile that was under way may still have made one, which the engine let go at once.)
+    EXPECT_EQ(h.provider->taps.liveCount(), 0);
+    const int calls = h.provider->taps.createCalls(agent);
+
+    // It still reports running output, so the next snapshot does not tap it again ...
+    h.wall = h.wall + 2.0;
+    h.settleDiscovery();
+    drainTapWork(h);
+    EXPECT_EQ(h.provider->taps.createCalls(agent), calls);
+    EXPECT_EQ(h.provider->taps.liveCount(), 0);
+    EXPECT_TRUE(onQueue<bool>(rt, [&] { return rt.outputSuppressedUntilPlaybackStops().contains(agent); }));
+
+    // ... until it stopped once.
+    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.setPlaying(agent, false, std::nullopt); }), "");
+    h.wall = h.wall + 2.0;
+    h.settleDiscovery();
+    EXPECT_FALSE(onQueue<bool>(rt, [&] { return rt.outputSuppressedUntilPlaybackStops().contains(agent); }));
+}
+
+TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
+    struct Case {
+        const char* name;
+        std::string source, target, redirect;
+        bool stale;
+        std::string reason; // empty: nothing to heal
+    };
+    const Case cases[] = {
+        {"dead io first", speakers, "Gone:1", "", true, "io path stale"},
+        {"target unplugged", speakers, "Gone:1", "", false, "device vanished"},
+        {"redirect is back", speakers, speakers, headphones, false, "device returned"},
+        {"default moved", headphones, speakers, "", false, "default output moved"},
+        {"all in place", speakers, speakers, "", false, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        RuntimeHarness h;
+        h.startReady();
+        ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
+        if (!c.redirect.empty()) {
+            ASSERT_TRUE(h.send(R::SetAppRedirect{safari, c.redirect}).ok);
+        }
+        h.settleDiscovery();
+        drainTapWork(h);
+        ASSERT_TRUE(h.runtime->engine().hasTap(safari));
+        h.provider->source[safari] = c.source;
+        h.provider->target[safari] = c.target;
+        if (c.stale)
+            h.provider->stale.insert(safari);
+
+        const std::string line =
+            "tonavi: self-heal rebuilding " + safari + " (" + c.reason + ", bounded retry)";
+        auto pass = [&] { h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); }); };
+        pass();
+        pass(); // the same issue at the same moment waits for its delay
+        EXPECT_EQ(occurrences(logText(), "self-heal rebuilding"), c.reason.empty() ? 0 : 1);
+        if (c.reason.empty())
+            continue;
+        EXPECT_EQ(occurrences(logText(), line), 1);
+
+        h.wall = h.wall + 2.0; // the first delay is over
+        pass();
+        EXPECT_EQ(occurrences(logText(), line), 2);
+
+        h.wall = h.wall + 7.0; // discovery older than six seconds is no basis for rebuilding
+        pass();
+        EXPECT_EQ(occurrences(logText(), line), 2);
+    }
+}
+
+TEST(Watchdog, ATapWhoseProcessesAreGoneIsReleasedOnlyOnTrustedDiscovery) {
+    RuntimeHarness h;
+    h.startReady();
+    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
+    h.settleDiscovery();
+    drainTapWork(h);
+    ASSERT_TRUE(h.runtime->engine().hasTap(safari));
+    h.provider->source[safari] = h.provider->target[safari] = speakers;
+    const TapHandlePtr handle = h.runtime->engine().tapHandle(safari);
+    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.quit(safari); }), "");
+    auto pass = [&] { h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); }); };
+
+    // The last trusted snapshot still has Safari's processes; a stale one is no basis for a release.
+    h.wall = h.wall + 7.0;
+    pass();
+    drainTapWork(h);
+    EXPECT_EQ(h.provider->taps.destroyCount(handle), 0);
+
+    // (This fake provider taps an app without processes again at once; the real one cannot.)
+    h.settleDiscovery();
+    pass();
+    drainTapWork(h);
+    EXPECT_EQ(h.provider->taps.destroyCount(handle), 1);
+    const auto health = h.runtime->engine().healthLog();
+    EXPECT_TRUE(std::any_of(health.begin(), health.end(), [](const HealthEvent& e) {
+        return e.kind == "tap-released" && e.detail.find("process exited") != std::string::npos;
+    }));
+}
