@@ -26,6 +26,9 @@ using AudioPropertyValue = std::variant<std::monostate, std::uint32_t, std::int3
                                         std::string, std::vector<AudioObjectID>, AudioStreamConfiguration,
                                         AudioValueRange, AudioHardwareIOProcStreamUsage>;
 
+// The byte size Core Audio would report for a value: what a property-size query answers.
+std::uint32_t propertyDataSize(const AudioPropertyValue& value);
+
 // A listener is identified by its block: removal must hand over the same block and queue.
 using AudioObjectPropertyListenerBlock =
     std::shared_ptr<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>;

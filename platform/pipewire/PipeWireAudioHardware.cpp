@@ -80,27 +80,6 @@ AudioValueRange quantumRange(const PipeWireGraph& g) {
             static_cast<double>(g.setting("clock.max-quantum", 2048))};
 }
 
-std::uint32_t sizeOf(const AudioPropertyValue& v) {
-    struct Visitor {
-        std::uint32_t operator()(std::monostate) const { return 0; }
-        std::uint32_t operator()(std::uint32_t) const { return 4; }
-        std::uint32_t operator()(std::int32_t) const { return 4; }
-        std::uint32_t operator()(float) const { return 4; }
-        std::uint32_t operator()(double) const { return 8; }
-        std::uint32_t operator()(const std::string&) const { return sizeof(void*); }
-        std::uint32_t operator()(const std::vector<AudioObjectID>& ids) const {
-            return static_cast<std::uint32_t>(ids.size() * sizeof(AudioObjectID));
-        }
-        std::uint32_t operator()(const AudioStreamConfiguration& c) const {
-            return static_cast<std::uint32_t>(8 + 16 * c.channelsPerBuffer.size());
-        }
-        std::uint32_t operator()(const AudioValueRange&) const { return 16; }
-        std::uint32_t operator()(const AudioHardwareIOProcStreamUsage& u) const {
-            return static_cast<std::uint32_t>(sizeof(void*) + 4 + 4 * u.mStreamIsOn.size());
-        }
-    };
-    return std::visit(Visitor{}, v);
-}
 
 std::string tapNodeNameOf(const TapDescription& d) {
     return "tonavi.tap." + d.uuid;
@@ -408,7 +387,7 @@ OSStatus PipeWireAudioHardware::getPropertyDataSize(AudioObjectID object,
         status = read(object, address, value);
     }
     if (status == noErr)
-        size = sizeOf(value);
+        size = propertyDataSize(value);
     return status;
 }
 

@@ -23,28 +23,6 @@ std::uint64_t steadyNanos() {
                                           .count());
 }
 
-std::uint32_t sizeOf(const AudioPropertyValue& v) {
-    struct Visitor {
-        std::uint32_t operator()(std::monostate) const { return 0; }
-        std::uint32_t operator()(std::uint32_t) const { return 4; }
-        std::uint32_t operator()(std::int32_t) const { return 4; }
-        std::uint32_t operator()(float) const { return 4; }
-        std::uint32_t operator()(double) const { return 8; }
-        std::uint32_t operator()(const std::string&) const { return sizeof(void*); } // a CFStringRef
-        std::uint32_t operator()(const std::vector<AudioObjectID>& ids) const {
-            return static_cast<std::uint32_t>(ids.size() * sizeof(AudioObjectID));
-        }
-        std::uint32_t operator()(const AudioStreamConfiguration& c) const {
-            // AudioBufferList: the count, padded, then 16 bytes per AudioBuffer.
-            return static_cast<std::uint32_t>(8 + 16 * c.channelsPerBuffer.size());
-        }
-        std::uint32_t operator()(const AudioValueRange&) const { return 16; }
-        std::uint32_t operator()(const AudioHardwareIOProcStreamUsage& u) const {
-            return static_cast<std::uint32_t>(sizeof(void*) + 4 + 4 * u.mStreamIsOn.size());
-        }
-    };
-    return std::visit(Visitor{}, v);
-}
 
 bool faultMatches(const SimWorld::Fault& f, SimOperation operation, std::uint32_t selector) {
     return f.operation == operation && f.remaining > 0 && (f.selector == 0 || f.selector == selector);
@@ -358,7 +336,7 @@ OSStatus SimMachine::getPropertyDataSize(AudioObjectID object, const AudioObject
         status = SimProperties::read(*world_, viewer_, object, address, value);
     }
     if (status == noErr)
-        size = sizeOf(value);
+        size = propertyDataSize(value);
     return status;
 }
 
