@@ -219,23 +219,20 @@ void IsolatedTonaviTapProvider::consume(const std::shared_ptr<IsolatedTapHandle>
 }
 
 void IsolatedTonaviTapProvider::updateMetrics(IsolatedTapHandle& handle, const TapWorkerEvent& event) {
+    // A metrics event carries only what changed; absent fields keep their mirrored value.
+    auto take = [](auto& field, const auto& value) {
+        if (value)
+            field = *value;
+    };
     std::lock_guard guard(stateLock_);
-    if (event.level)
-        handle.meterLevel = *event.level;
-    if (event.sampleRate)
-        handle.sampleRate = *event.sampleRate;
-    if (event.tapBufferFrames)
-        handle.tapBufferFrames = *event.tapBufferFrames;
-    if (event.outputBufferFrames)
-        handle.outputBufferFrames = *event.outputBufferFrames;
-    if (event.sourceDeviceUID)
-        handle.sourceDeviceUID = *event.sourceDeviceUID;
-    if (event.targetDeviceUID)
-        handle.targetDeviceUID = *event.targetDeviceUID;
-    if (event.lastIOAt)
-        handle.lastIOAt = *event.lastIOAt;
-    if (event.lastRawAudioAt)
-        handle.lastRawAudioAt = *event.lastRawAudioAt;
+    take(handle.meterLevel, event.level);
+    take(handle.sampleRate, event.sampleRate);
+    take(handle.tapBufferFrames, event.tapBufferFrames);
+    take(handle.outputBufferFrames, event.outputBufferFrames);
+    take(handle.sourceDeviceUID, event.sourceDeviceUID);
+    take(handle.targetDeviceUID, event.targetDeviceUID);
+    take(handle.lastIOAt, event.lastIOAt);
+    take(handle.lastRawAudioAt, event.lastRawAudioAt);
 }
 
 void IsolatedTonaviTapProvider::onTermination(const std::shared_ptr<IsolatedTapHandle>& handle, int status) {
