@@ -80,6 +80,23 @@ AudioValueRange quantumRange(const PipeWireGraph& g) {
             static_cast<double>(g.setting("clock.max-quantum", 2048))};
 }
 
+// Rate and quantum are the graph's, the same for every device and aggregate: true when `selector` is one.
+bool readGraphClock(AudioObjectPropertySelector selector, const PipeWireGraph& g, AudioPropertyValue& v) {
+    switch (selector) {
+    case kAudioDevicePropertyNominalSampleRate:
+        v = rateOf(g);
+        return true;
+    case kAudioDevicePropertyBufferFrameSize:
+        v = quantumOf(g);
+        return true;
+    case kAudioDevicePropertyBufferFrameSizeRange:
+        v = quantumRange(g);
+        return true;
+    default:
+        return false;
+    }
+}
+
 
 std::string tapNodeNameOf(const TapDescription& d) {
     return "tonavi.tap." + d.uuid;
@@ -116,6 +133,8 @@ OSStatus PipeWireAudioHardware::readAggregateLocked(const PipeWireGraph& g, cons
     if (a.mElement != kAudioObjectPropertyElementMain)
         return kAudioHardwareUnknownPropertyError;
     const Node* main = g.nodeByName(agg.description.mainSubDevice);
+    if (readGraphClock(a.mSelector, g, v))
+        return noErr;
     switch (a.mSelector) {
     case kAudioDevicePropertyDeviceUID:
         v = agg.description.uid;
@@ -142,15 +161,6 @@ OSStatus PipeWireAudioHardware::readAggregateLocked(const PipeWireGraph& g, cons
         v = config;
         return noErr;
     }
-    case kAudioDevicePropertyNominalSampleRate:
-        v = rateOf(g);
-        return noErr;
-    case kAudioDevicePropertyBufferFrameSize:
-        v = quantumOf(g);
-        return noErr;
-    case kAudioDevicePropertyBufferFrameSizeRange:
-        v = quantumRange(g);
-        return noErr;
     case kAudioDevicePropertyDeviceIsAlive:
         v = static_cast<std::uint32_t>(main ? 1 : 0);
         return noErr;
@@ -284,6 +294,8 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
     }
     if (a.mElement != kAudioObjectPropertyElementMain)
         return kAudioHardwareUnknownPropertyError;
+    if (readGraphClock(a.mSelector, g, v))
+        return noErr;
     switch (a.mSelector) {
     case kAudioDevicePropertyDeviceUID:
         v = n->prop("node.name");
@@ -301,15 +313,6 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
             return kAudioHardwareUnknownPropertyError;
         v = AudioStreamConfiguration{ownScope ? std::vector<std::uint32_t>{n->channelCount()}
                                               : std::vector<std::uint32_t>{}};
-        return noErr;
-    case kAudioDevicePropertyNominalSampleRate:
-        v = rateOf(g);
-        return noErr;
-    case kAudioDevicePropertyBufferFrameSize:
-        v = quantumOf(g);
-        return noErr;
-    case kAudioDevicePropertyBufferFrameSizeRange:
-        v = quantumRange(g);
         return noErr;
     case kAudioDevicePropertyDeviceIsAlive:
         v = static_cast<std::uint32_t>(n->failed ? 0 : 1);
