@@ -145,6 +145,14 @@ void TonaviConfigStore::removeQuietly(const Path& path) const {
 }
 
 void TonaviConfigStore::removeLeftoverTemporaries() const {
+    // Another process's save in progress holds the lock and owns its temporary files: sweep only
+    // when the lock is ours, and leave the sweep to a later load or save when it is not.
+    std::optional<StateFileLock> lock;
+    if (exclusiveDepth == 0) {
+        lock.emplace(lockURL(), StateFileLock::Wait::never);
+        if (lock->isContended())
+            return;
+    }
     removeQuietly(temporaryURL());
     // A writer killed inside an atomic write leaves that write's own sibling behind.
     try {

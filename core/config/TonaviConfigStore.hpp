@@ -62,6 +62,7 @@ class TonaviConfigStore {
     // lock file cannot be opened, body runs anyway.
     template <class Body> auto withExclusiveAccess(Body&& body) const -> decltype(body()) {
         const StateFileLock lock(lockURL());
+        const ExclusiveScope scope;
         return body();
     }
 
@@ -95,6 +96,15 @@ class TonaviConfigStore {
     void setClockForTesting(std::function<double()> clock) { clock_ = std::move(clock); }
 
   private:
+    // Marks this thread as inside withExclusiveAccess, so that the leftover sweep knows the lock is
+    // already its own (a second flock of the same file from this process would wait for itself).
+    struct ExclusiveScope {
+        ExclusiveScope() { ++exclusiveDepth; }
+        ~ExclusiveScope() { --exclusiveDepth; }
+        ExclusiveScope(const ExclusiveScope&) = delete;
+        ExclusiveScope& operator=(const ExclusiveScope&) = delete;
+    };
+    static inline thread_local int exclusiveDepth = 0;
     // save, with the current file's bytes when the caller has already read and decoded them.
     void saveReplacing(const TonaviConfig& config, const std::string* verifiedCurrent) const;
     void removeQuietly(const Path& path) const;

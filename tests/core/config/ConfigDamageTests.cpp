@@ -154,7 +154,8 @@ int leftoverCount(const fs::path& folder) {
     int count = 0;
     for (const auto& entry : fs::directory_iterator(folder)) {
         const std::string name = entry.path().filename().string();
-        count += entry.is_regular_file() && name != "state.json" && name != "state.previous.json";
+        count += entry.is_regular_file() && name != "state.json" && name != "state.previous.json" &&
+                 name != "state.lock";
     }
     return count;
 }
