@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
 
 #include "base/Log.hpp"
@@ -97,6 +98,11 @@ bool readGraphClock(AudioObjectPropertySelector selector, const PipeWireGraph& g
     }
 }
 
+
+std::uint64_t serialNumber(const std::string& serial) {
+    return std::strtoull(serial.c_str(), nullptr, 10);
+}
+constexpr auto pendingTimeout = std::chrono::milliseconds(500);
 
 std::string tapNodeNameOf(const TapDescription& d) {
     return "tonavi.tap." + d.uuid;
@@ -726,19 +732,38 @@ void PipeWireAudioHardware::routeLocked() {
                 if (std::find(tap.pids.begin(), tap.pids.end(), pid) == tap.pids.end())
                     continue;
                 auto meta = g.nodeMetadata.find(global);
-                const bool there = meta != g.nodeMetadata.end() && meta->second.count("target.object") &&
-                                   meta->second.at("target.object") == serial;
-                if (!there)
-                    moves.push_back({id, global, serial});
+                const std::string current = meta != g.nodeMetadata.end() && meta->second.count("target.object")
+                                                ? meta->second.at("target.object")
+                                                : std::string();
+                // A stream goes to one sink only: when two taps hold the same process (a tap being
+                // replaced, in this process or another), the newest sink keeps it. Taking it back
+                // would make both makers rewrite the entry in turn, and the session manager relink
+                // the stream on every write, for as long as both live.
+                if (current == serial || (present.count(current) && serialNumber(current) > serialNumber(serial)))
+                    continue;
+                if (auto pending = pendingTargets_.find(global);
+                    pending != pendingTargets_.end() && pending->second.serial == serial &&
+                    std::chrono::steady_clock::now() - pending->second.at < pendingTimeout)
+                    continue; // written, and the entry has not come back yet
+                moves.push_back({id, global, serial});
             }
         }
+        // A write is done when the entry shows it; one that never shows is retried after a while.
+        std::erase_if(pendingTargets_, [&](const auto& p) {
+            auto meta = g.nodeMetadata.find(p.first);
+            return !g.nodes.count(p.first) ||
+                   (meta != g.nodeMetadata.end() && meta->second.count("target.object") &&
+                    meta->second.at("target.object") == p.second.serial);
+        });
         return 0;
     });
     for (std::uint32_t node : stale)
         connection_->setMetadata("default", node, "target.object", nullptr, nullptr);
     for (const auto& m : moves) {
-        if (connection_->setMetadata("default", m.node, "target.object", "Spa:Id", m.target.c_str()))
+        if (connection_->setMetadata("default", m.node, "target.object", "Spa:Id", m.target.c_str())) {
             taps_[m.tap].movedNodes.insert(m.node);
+            pendingTargets_[m.node] = {m.target, std::chrono::steady_clock::now()};
+        }
     }
 }
 
@@ -756,6 +781,7 @@ void PipeWireAudioHardware::unrouteLocked(Tap& tap) {
         });
         if (ours)
             connection_->setMetadata("default", node, "target.object", nullptr, nullptr);
+        pendingTargets_.erase(node);
     }
     tap.movedNodes.clear();
     tap.routing = false;

@@ -5,6 +5,7 @@
 // graph after every change, on the queue "tonavi.pipewire.listeners", which also keeps the
 // tapped applications' streams routed into their taps.
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -123,6 +124,13 @@ class PipeWireAudioHardware : public AudioHardware,
     // object.serial of every tap sink in the graph, whichever process made it: an application left
     // pointing at one that vanished (its maker was killed) is sent back to its own path.
     std::set<std::string> tapSinkSerials_;
+    // target.object entries written by this process that the graph does not show yet, so that a
+    // burst of diff passes writes each once.
+    struct PendingTarget {
+        std::string serial;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::map<std::uint32_t, PendingTarget> pendingTargets_;
     AudioDeviceIOProcID nextProcID_ = 1;
 };
 
