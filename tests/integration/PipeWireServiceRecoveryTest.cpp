@@ -2,6 +2,7 @@
 // new server and the service taps them again, so their settings apply there as before.
 
 #include "core/wire/TonaviChannel.hpp"
+#include "platform/pipewire/PipeWireConnection.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
 #include "PrivatePipeWireServer.hpp"
@@ -11,6 +12,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -99,6 +101,12 @@ TEST(PipeWireServiceRecoveryTest, AfterTheServerReturnsTheApplicationIsTappedAga
     service.wait(20s);
     for (pid_t pid : tones)
         PrivatePipeWireServer::terminate(pid);
+    // The server is shared with the tests that follow: the speakers are the default again.
+    EXPECT_EQ(std::system("pactl set-default-sink speakers"), 0);
+    PipeWireConnection graph;
+    ASSERT_TRUE(graph.start(why)) << why;
+    EXPECT_TRUE(graph.waitUntil(
+        [](const PipeWireGraph& g) { return g.defaultNodeName("default.audio.sink") == "speakers"; }, 3000ms));
 }
 
 } // namespace

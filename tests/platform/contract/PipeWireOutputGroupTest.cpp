@@ -78,8 +78,17 @@ TEST(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) {
     posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
     posix_spawn_file_actions_addclose(&actions, fds[0]);
     const char* argv[] = {TONAVI_TAP_HOLDER, "--group", groupUID, "speakers", "headphones", nullptr};
+    // The holder picks its backend from the environment, which the test binary sets to the simulator.
+    std::vector<std::string> variables = {"TONAVI_AUDIO_BACKEND=pipewire"};
+    for (char** v = environ; *v; ++v)
+        if (std::string(*v).rfind("TONAVI_AUDIO_BACKEND=", 0) != 0)
+            variables.emplace_back(*v);
+    std::vector<char*> envp;
+    for (auto& v : variables)
+        envp.push_back(v.data());
+    envp.push_back(nullptr);
     pid_t holder = -1;
-    ASSERT_EQ(::posix_spawn(&holder, argv[0], &actions, nullptr, const_cast<char**>(argv), environ), 0);
+    ASSERT_EQ(::posix_spawn(&holder, argv[0], &actions, nullptr, const_cast<char**>(argv), envp.data()), 0);
     posix_spawn_file_actions_destroy(&actions);
     ::close(fds[1]);
     FILE* out = ::fdopen(fds[0], "r");
