@@ -48,17 +48,6 @@ struct TappedPath {
     }
 };
 
-AudioObjectID processObjectOf(AudioHardware& audio, pid_t pid) {
-    std::vector<AudioObjectID> processes;
-    audio.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList), processes);
-    for (AudioObjectID id : processes) {
-        std::int32_t value = 0;
-        if (audio.get(id, globalAddress(kAudioProcessPropertyPID), value) == noErr && value == pid)
-            return id;
-    }
-    return kAudioObjectUnknown;
-}
-
 // The target.object of the application's stream, and the serial of the tap's sink.
 struct Routing {
     std::string target, sink;
@@ -83,14 +72,14 @@ TEST(PipeWireTapHandoverTest, TheNewestTapOfAnApplicationKeepsItsStream) {
     ASSERT_NE(server, nullptr) << why;
     PipeWireRig rig(*server);
     ASSERT_TRUE(rig.connected());
-    auto successor = PipeWireAudioHardware::connect(why);
-    ASSERT_NE(successor, nullptr) << why;
+    PipeWireRig successor(*server); // another connection: the worker that replaces the first
+    ASSERT_TRUE(successor.connected());
     PipeWireConnection observer;
     ASSERT_TRUE(observer.start(why)) << why;
 
     const App app = rig.startApp("org.tonavi.Handover", 660, AppKind::toneClient);
     TappedPath old{rig.pipewire()};
-    ASSERT_TRUE(old.start(processObjectOf(rig.audio(), app.pid), "speakers", "org.tonavi.handover.old"));
+    ASSERT_TRUE(old.start(rig.processObject(app.pid), "speakers", "org.tonavi.handover.old"));
     const std::string oldSink = old.audio.tapNodeName(old.tap);
     ASSERT_TRUE(observer.waitUntil(
         [&](const PipeWireGraph& g) {
@@ -99,9 +88,9 @@ TEST(PipeWireTapHandoverTest, TheNewestTapOfAnApplicationKeepsItsStream) {
         },
         5000ms));
 
-    TappedPath next{*successor};
-    ASSERT_TRUE(next.start(processObjectOf(*successor, app.pid), "headphones", "org.tonavi.handover.new"));
-    const std::string newSink = successor->tapNodeName(next.tap);
+    TappedPath next{successor.pipewire()};
+    ASSERT_TRUE(next.start(successor.processObject(app.pid), "headphones", "org.tonavi.handover.new"));
+    const std::string newSink = next.audio.tapNodeName(next.tap);
     auto onNewest = [&](const PipeWireGraph& g) {
         const auto r = routingOf(g, app.pid, newSink);
         return !r.sink.empty() && r.target == r.sink;
