@@ -236,8 +236,7 @@ OSStatus PipeWireAudioHardware::readLocked(const PipeWireGraph& g, AudioObjectID
         auto streams = [&](const char* mediaClass) {
             std::vector<const Node*> out;
             for (const auto& [global, n] : g.nodes)
-                // Tonavi's own plumbing (tap IO, output group members) is not the process playing.
-                if (n.mediaClass() == mediaClass && pidOfNode(g, n) == *pid && !isOurs(n))
+                if (n.mediaClass() == mediaClass && pidOfNode(g, n) == *pid)
                     out.push_back(&n);
             return out;
         };
