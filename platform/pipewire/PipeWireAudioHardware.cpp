@@ -925,8 +925,9 @@ OSStatus PipeWireAudioHardware::createCombinedSink(const AggregateDeviceDescript
     });
     if (status != noErr)
         return status;
-    // Every member plays the same channels (a mirror, never stacked); the streams to the members
-    // are plumbing, so they carry the tap mark and never count as this process playing.
+    // Every member plays the same channels (a mirror, never stacked), as stereo unless the main
+    // member is mono; the streams to the members are plumbing and carry the tap mark, so no tap
+    // ever moves them.
     std::string matches;
     for (const auto& sub : description.subDevices)
         matches += "{ media.class = \"Audio/Sink\" node.name = " + quoted(sub.uid) + " } ";
