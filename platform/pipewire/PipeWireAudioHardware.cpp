@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <ctime>
+#include <unistd.h>
 
 #include "base/Log.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
@@ -97,6 +99,11 @@ bool readGraphClock(AudioObjectPropertySelector selector, const PipeWireGraph& g
     }
 }
 
+
+std::uint64_t serialNumber(const std::string& serial) {
+    return std::strtoull(serial.c_str(), nullptr, 10);
+}
+constexpr auto pendingTimeout = std::chrono::milliseconds(500);
 
 std::string tapNodeNameOf(const TapDescription& d) {
     return "tonavi.tap." + d.uuid;
@@ -726,19 +733,38 @@ void PipeWireAudioHardware::routeLocked() {
                 if (std::find(tap.pids.begin(), tap.pids.end(), pid) == tap.pids.end())
                     continue;
                 auto meta = g.nodeMetadata.find(global);
-                const bool there = meta != g.nodeMetadata.end() && meta->second.count("target.object") &&
-                                   meta->second.at("target.object") == serial;
-                if (!there)
-                    moves.push_back({id, global, serial});
+                const std::string current = meta != g.nodeMetadata.end() && meta->second.count("target.object")
+                                                ? meta->second.at("target.object")
+                                                : std::string();
+                // A stream goes to one sink only: when two taps hold the same process (a tap being
+                // replaced, in this process or another), the newest sink keeps it. Taking it back
+                // would make both makers rewrite the entry in turn, and the session manager relink
+                // the stream on every write, for as long as both live.
+                if (current == serial || (present.count(current) && serialNumber(current) > serialNumber(serial)))
+                    continue;
+                if (auto pending = pendingTargets_.find(global);
+                    pending != pendingTargets_.end() && pending->second.serial == serial &&
+                    std::chrono::steady_clock::now() - pending->second.at < pendingTimeout)
+                    continue; // written, and the entry has not come back yet
+                moves.push_back({id, global, serial});
             }
         }
+        // A write is done when the entry shows it; one that never shows is retried after a while.
+        std::erase_if(pendingTargets_, [&](const auto& p) {
+            auto meta = g.nodeMetadata.find(p.first);
+            return !g.nodes.count(p.first) ||
+                   (meta != g.nodeMetadata.end() && meta->second.count("target.object") &&
+                    meta->second.at("target.object") == p.second.serial);
+        });
         return 0;
     });
     for (std::uint32_t node : stale)
         connection_->setMetadata("default", node, "target.object", nullptr, nullptr);
     for (const auto& m : moves) {
-        if (connection_->setMetadata("default", m.node, "target.object", "Spa:Id", m.target.c_str()))
+        if (connection_->setMetadata("default", m.node, "target.object", "Spa:Id", m.target.c_str())) {
             taps_[m.tap].movedNodes.insert(m.node);
+            pendingTargets_[m.node] = {m.target, std::chrono::steady_clock::now()};
+        }
     }
 }
 
@@ -756,6 +782,7 @@ void PipeWireAudioHardware::unrouteLocked(Tap& tap) {
         });
         if (ours)
             connection_->setMetadata("default", node, "target.object", nullptr, nullptr);
+        pendingTargets_.erase(node);
     }
     tap.movedNodes.clear();
     tap.routing = false;
@@ -836,9 +863,8 @@ OSStatus PipeWireAudioHardware::createAggregateDevice(const AggregateDeviceDescr
                                                       AudioObjectID& device) {
     if (description.uid.empty())
         return kAudio_ParamError;
-    // Output groups (public aggregates of devices) would be combined sinks: not made here yet.
     if (description.taps.empty())
-        return kAudioHardwareUnsupportedOperationError;
+        return createCombinedSink(description, device);
     std::unique_lock<std::mutex> guard(stateMutex_);
     for (const auto& [id, agg] : aggregates_)
         if (agg.description.uid == description.uid)
@@ -860,10 +886,113 @@ OSStatus PipeWireAudioHardware::createAggregateDevice(const AggregateDeviceDescr
     return noErr;
 }
 
+namespace {
+// A string of SPA JSON, quoted.
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\')
+            out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+} // namespace
+
+OSStatus PipeWireAudioHardware::createCombinedSink(const AggregateDeviceDescription& description,
+                                                   AudioObjectID& device) {
+    if (description.subDevices.empty())
+        return kAudio_ParamError;
+    // The combined sink mirrors one set of channels on every member; channels that add up across
+    // members have no counterpart.
+    if (description.isStacked)
+        return kAudioHardwareUnsupportedOperationError;
+    std::lock_guard<std::mutex> guard(stateMutex_);
+    std::uint32_t channels = 2;
+    const OSStatus status = connection_->read([&](const PipeWireGraph& g) -> OSStatus {
+        if (g.nodeByName(description.uid))
+            return kAudioHardwareIllegalOperationError; // one device per UID
+        for (const auto& sub : description.subDevices) {
+            const Node* n = g.nodeByName(sub.uid);
+            if (!n || !isSink(*n) || isOurs(*n))
+                return kAudioHardwareBadDeviceError;
+        }
+        const std::string& main =
+            description.mainSubDevice.empty() ? description.subDevices.front().uid : description.mainSubDevice;
+        if (const Node* n = g.nodeByName(main))
+            channels = n->channelCount();
+        return noErr;
+    });
+    if (status != noErr)
+        return status;
+    // Every member plays the same channels (a mirror, never stacked), as stereo unless the main
+    // member is mono; the streams to the members are plumbing and carry the tap mark, so no tap
+    // ever moves them.
+    std::string matches;
+    for (const auto& sub : description.subDevices)
+        matches += "{ media.class = \"Audio/Sink\" node.name = " + quoted(sub.uid) + " } ";
+    const std::string position = channels == 1 ? "[ MONO ]" : "[ FL FR ]";
+    const std::string arguments =
+        "{ combine.mode = sink node.name = " + quoted(description.uid) +
+        " node.description = " + quoted(description.name.empty() ? description.uid : description.name) +
+        " combine.props = { audio.position = " + position + " tonavi.group = true }" +
+        " stream.props = { tonavi.tap = true node.dont-reconnect = true }" +
+        " stream.rules = [ { matches = [ " + matches + "] actions = { create-stream = { } } } ] }";
+    std::string why;
+    const std::uint64_t module = connection_->loadModule("libpipewire-module-combine-stream", arguments, why);
+    if (!module) {
+        Log::info("pipewire: output group not made: " + why);
+        return kAudioHardwareUnspecifiedError;
+    }
+    const std::size_t members = description.subDevices.size();
+    const std::string& name = description.uid;
+    // Ready when the sink is there and linked to every member.
+    const bool ready = connection_->waitUntil(
+        [&](const PipeWireGraph& g) {
+            const Node* sink = g.nodeByName(name);
+            // Its own properties (from the node's info) and a link to every member.
+            if (!sink || sink->prop("tonavi.group") != "true" || sink->prop("node.group").empty())
+                return false;
+            std::set<std::uint32_t> linked;
+            for (const auto& [id, link] : g.links) {
+                auto from = g.nodes.find(link.outputNode);
+                auto to = g.nodes.find(link.inputNode);
+                if (from != g.nodes.end() && to != g.nodes.end() && from->second.pid == ::getpid() &&
+                    from->second.prop("node.group") == sink->prop("node.group") && isSink(to->second))
+                    linked.insert(to->second.globalID);
+            }
+            device = sink->objectID;
+            return linked.size() >= members;
+        },
+        writeTimeout);
+    if (!ready) {
+        connection_->unloadModule(module);
+        return kAudioHardwareUnspecifiedError;
+    }
+    combinedSinks_[name] = module;
+    scheduleDiff();
+    return noErr;
+}
+
 OSStatus PipeWireAudioHardware::destroyAggregateDevice(AudioObjectID device) {
     std::unique_lock<std::mutex> guard(stateMutex_);
-    if (!aggregates_.erase(device))
-        return kAudioHardwareBadObjectError;
+    if (!aggregates_.count(device)) {
+        const std::string name = connection_->read([&](const PipeWireGraph& g) {
+            const Node* n = deviceNode(g, device);
+            return n ? n->prop("node.name") : std::string();
+        });
+        auto group = combinedSinks_.find(name);
+        if (group == combinedSinks_.end())
+            return name.empty() ? kAudioHardwareBadObjectError : kAudioHardwareIllegalOperationError;
+        connection_->unloadModule(group->second);
+        combinedSinks_.erase(group);
+        guard.unlock();
+        // Done when the sink has left the graph.
+        return connection_->waitUntil([&](const PipeWireGraph& g) { return !g.nodeByName(name); }, writeTimeout)
+                   ? noErr
+                   : kAudioHardwareUnspecifiedError;
+    }
+    aggregates_.erase(device);
     for (auto it = procs_.begin(); it != procs_.end();)
         it = it->second.device == device ? procs_.erase(it) : std::next(it);
     guard.unlock();

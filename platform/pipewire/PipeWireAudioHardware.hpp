@@ -5,6 +5,7 @@
 // graph after every change, on the queue "tonavi.pipewire.listeners", which also keeps the
 // tapped applications' streams routed into their taps.
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -109,6 +110,9 @@ class PipeWireAudioHardware : public AudioHardware,
     void diffAndRoute(); // listener queue
     void routeLocked();  // stateMutex_ held, listener queue or a caller that made a change
     void unrouteLocked(Tap& tap);
+    // Output groups: a combined sink of the members, made by the combine-stream module in this
+    // process, so it ends with the process.
+    OSStatus createCombinedSink(const AggregateDeviceDescription& description, AudioObjectID& device);
 
     std::shared_ptr<PipeWireConnection> connection_;
     DispatchQueue listenerQueue_{"tonavi.pipewire.listeners"};
@@ -119,10 +123,18 @@ class PipeWireAudioHardware : public AudioHardware,
     std::map<AudioObjectID, Tap> taps_;
     std::map<AudioObjectID, Aggregate> aggregates_;
     std::map<AudioDeviceIOProcID, IOProc> procs_;
+    std::map<std::string, std::uint64_t> combinedSinks_; // node.name (the group's UID) -> module
     std::vector<Listener> listeners_;
     // object.serial of every tap sink in the graph, whichever process made it: an application left
     // pointing at one that vanished (its maker was killed) is sent back to its own path.
     std::set<std::string> tapSinkSerials_;
+    // target.object entries written by this process that the graph does not show yet, so that a
+    // burst of diff passes writes each once.
+    struct PendingTarget {
+        std::string serial;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::map<std::uint32_t, PendingTarget> pendingTargets_;
     AudioDeviceIOProcID nextProcID_ = 1;
 };
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include <pipewire/extensions/metadata.h>
+#include <pipewire/impl-module.h>
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/raw.h>
 #include <spa/param/props.h>
@@ -259,7 +260,9 @@ struct PipeWireEvents {
 
     static void coreError(void* data, std::uint32_t id, int, int res, const char* message) {
         auto& self = *static_cast<PipeWireConnection*>(data);
-        if (id != PW_ID_CORE || res != -EPIPE)
+        // The socket closing reads as EPIPE, a reset (a server that went away while it still had
+        // our first messages unread) as ECONNRESET: either way this connection is over.
+        if (id != PW_ID_CORE || (res != -EPIPE && res != -ECONNRESET && res != -ENOTCONN && res != -EIO))
             return;
         Log::info(std::string("pipewire: connection lost: ") + (message ? message : spa_strerror(res)));
         {
@@ -272,6 +275,13 @@ struct PipeWireEvents {
     }
 };
 
+struct PipeWireConnection::Module {
+    PipeWireConnection* owner = nullptr;
+    std::uint64_t handle = 0;
+    pw_impl_module* module = nullptr;
+    spa_hook hook{};
+};
+
 PipeWireConnection::PipeWireConnection() : hooks_(std::make_unique<Hooks>()) {
     initOnce();
     loop_ = pw_thread_loop_new("tonavi-pipewire", nullptr);
@@ -282,6 +292,8 @@ PipeWireConnection::PipeWireConnection() : hooks_(std::make_unique<Hooks>()) {
 PipeWireConnection::~PipeWireConnection() {
     pw_thread_loop_lock(loop_);
     stopping_ = true;
+    while (!modules_.empty())
+        pw_impl_module_destroy(modules_.begin()->second->module);
     disconnectLocked();
     pw_thread_loop_unlock(loop_);
     // A running retry sees stopping_ and does nothing; a pending one is dropped with the queue.
@@ -389,6 +401,8 @@ void PipeWireConnection::scheduleReconnect(std::chrono::milliseconds delay) {
             // Scheduled under the loop lock: the destructor sets stopping_ under it before the
             // queue goes, so no retry is ever posted to a queue being destroyed.
             const auto next = backoff_;
+            Log::info("pipewire: not reconnected (" + why + "); next try in " + std::to_string(next.count()) +
+                      " ms");
             backoff_ = std::min(backoff_ * 2, std::chrono::milliseconds(5000));
             scheduleReconnect(next);
         }
@@ -481,6 +495,50 @@ bool PipeWireConnection::setMetadata(const std::string& metadataName, std::uint3
                                  key.c_str(), value ? type : nullptr, value);
     pw_thread_loop_unlock(loop_);
     return found;
+}
+
+std::uint64_t PipeWireConnection::loadModule(const std::string& name, const std::string& arguments,
+                                             std::string& error) {
+    pw_thread_loop_lock(loop_);
+    pw_impl_module* module = pw_context_load_module(context_, name.c_str(), arguments.c_str(), nullptr);
+    std::uint64_t handle = 0;
+    if (!module) {
+        error = name + " did not load: " + std::strerror(errno);
+    } else {
+        auto entry = std::make_unique<Module>();
+        entry->owner = this;
+        entry->handle = handle = nextModule_++;
+        entry->module = module;
+        static const pw_impl_module_events events = [] {
+            pw_impl_module_events e{};
+            e.version = PW_VERSION_IMPL_MODULE_EVENTS;
+            // The module ends itself when its connection to the server breaks.
+            e.destroy = [](void* data) {
+                auto* m = static_cast<Module*>(data);
+                spa_hook_remove(&m->hook);
+                m->owner->modules_.erase(m->handle);
+            };
+            return e;
+        }();
+        pw_impl_module_add_listener(module, &entry->hook, &events, entry.get());
+        modules_.emplace(handle, std::move(entry));
+    }
+    pw_thread_loop_unlock(loop_);
+    return handle;
+}
+
+void PipeWireConnection::unloadModule(std::uint64_t handle) {
+    pw_thread_loop_lock(loop_);
+    if (auto it = modules_.find(handle); it != modules_.end())
+        pw_impl_module_destroy(it->second->module); // the destroy event forgets it
+    pw_thread_loop_unlock(loop_);
+}
+
+bool PipeWireConnection::moduleLoaded(std::uint64_t handle) const {
+    pw_thread_loop_lock(loop_);
+    const bool loaded = modules_.count(handle) != 0;
+    pw_thread_loop_unlock(loop_);
+    return loaded;
 }
 
 void PipeWireConnection::withCore(const std::function<void(pw_core*)>& f) {

@@ -60,6 +60,13 @@ class PipeWireConnection {
     bool setMetadata(const std::string& metadataName, std::uint32_t subject, const std::string& key,
                      const char* type, const char* value);
 
+    // Loads a module into this process's context (so it ends with the process) and answers a
+    // handle, 0 when the module refused the arguments. A module that ends by itself (its own link
+    // to the server lost) is forgotten; unloading an unknown handle does nothing.
+    std::uint64_t loadModule(const std::string& name, const std::string& arguments, std::string& error);
+    void unloadModule(std::uint64_t handle);
+    bool moduleLoaded(std::uint64_t handle) const;
+
     // Runs f on the caller's thread with the loop locked and the core of this connection
     // (nullptr while disconnected): streams are made and destroyed in there.
     void withCore(const std::function<void(pw_core*)>& f);
@@ -83,6 +90,9 @@ class PipeWireConnection {
     std::unique_ptr<Hooks> hooks_;
     std::map<std::uint32_t, std::unique_ptr<Bound>> bound_; // loop thread
     std::map<std::string, std::uint32_t> metadataByName_;   // loop thread
+    struct Module;
+    std::map<std::uint64_t, std::unique_ptr<Module>> modules_; // loop lock held
+    std::uint64_t nextModule_ = 1;
 
     mutable std::mutex graphMutex_;
     std::condition_variable graphChanged_;

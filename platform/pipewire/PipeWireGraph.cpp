@@ -57,7 +57,8 @@ std::uint32_t PipeWireGraph::transportOf(const Node& n) const {
         return kAudioDeviceTransportTypeBluetooth;
     if (name.rfind("raop_", 0) == 0 || factory.find("raop") != std::string::npos || api == "raop")
         return kAudioDeviceTransportTypeAirPlay;
-    if (name.rfind("combine", 0) == 0 || factory.find("combine") != std::string::npos)
+    if (name.rfind("combine", 0) == 0 || factory.find("combine") != std::string::npos ||
+        n.prop("tonavi.group") == "true")
         return kAudioDeviceTransportTypeAggregate;
     if (bus == "usb")
         return kAudioDeviceTransportTypeUSB;

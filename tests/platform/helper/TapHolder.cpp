@@ -1,6 +1,7 @@
 // Holds a tap of one application in its own process, on whichever backend the environment names,
 // until it is killed: the tests kill it to see the application come back on its own path.
 //   platform_tap_holder <bundle-id>    prints "ready" once the tap's IO runs
+//   platform_tap_holder --group <uid> <member-uid>...   holds an output group of the members instead
 
 #include <csignal>
 #include <iostream>
@@ -12,7 +13,7 @@
 using namespace tonavi;
 
 int main(int argc, char** argv) {
-    if (argc != 2)
+    if (argc < 2 || (std::string(argv[1]) == "--group" ? argc < 4 : argc != 2))
         return 64;
     std::string error;
     auto* backend = PlatformBackend::current(&error);
@@ -21,6 +22,20 @@ int main(int argc, char** argv) {
         return 69;
     }
     auto& audio = backend->audio();
+    if (std::string(argv[1]) == "--group") {
+        AggregateDeviceDescription group;
+        group.uid = argv[2];
+        group.name = "Held group";
+        group.mainSubDevice = argv[3];
+        for (int i = 3; i < argc; ++i)
+            group.subDevices.push_back({argv[i], i > 3});
+        AudioObjectID device = 0;
+        if (audio.createAggregateDevice(group, device) != noErr)
+            return 5;
+        std::cout << "ready" << std::endl;
+        ::pause();
+        return 0;
+    }
     std::vector<AudioObjectID> processes, tapped;
     audio.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList), processes);
     for (AudioObjectID p : processes) {
