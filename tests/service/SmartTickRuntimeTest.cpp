@@ -208,5 +208,19 @@ TEST_F(SmartTickRuntimeTest, TheTrailShowsNewPlayersAndAlertsButNotWhatPlayedAtS
     EXPECT_EQ(onsets[1].startedAt, now - 2.0);
 }
 
+TEST_F(SmartTickRuntimeTest, SmartRequestsPersistAndMicFollowStartsFromTheMicInUse) {
+    h.startReady();
+    const std::vector<std::string> nine{"a", "b", "c", "d", "e", "f", "g", "h", "i"};
+    ASSERT_TRUE(h.send(TonaviRequest::SetPreferredMics{nine}).ok);
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, std::vector<std::string>(nine.begin(), nine.begin() + 8));
+
+    turnOn([](SmartSettings& s) { s.micFollow = true; });
+    const std::vector<std::string> expected{builtInMic, "a", "b", "c", "d", "e", "f", "g"};
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected);
+    EXPECT_TRUE(h.onDisk().smart.micFollow);
+    turnOn([](SmartSettings& s) { s.micFollow = true; });
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected) << "only the switch turning on takes the mic";
+}
+
 } // namespace
 } // namespace tonavi::testing
