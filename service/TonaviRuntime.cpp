@@ -237,14 +237,6 @@ void TonaviRuntime::startWatchdog() {
     watchdogTimer_->resume();
 }
 
-void TonaviRuntime::startSmartTimer() {
-    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
-    smartTimer_ = std::make_unique<DispatchTimer>(
-        *serialQueue_, seconds(smartFirstSeconds), seconds(smartIntervalSeconds),
-        [weak] { withRuntime(weak, [](TonaviRuntime& rt) { rt.smartTick(); }); });
-    smartTimer_->resume();
-}
-
 void TonaviRuntime::installProcessRegistryListener() {
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     processRegistryListener_ =
@@ -405,12 +397,6 @@ void TonaviRuntime::scheduleTapRefresh(const std::string& bundleID, bool force) 
     });
 }
 
-// MARK: Smart tick
-
-void TonaviRuntime::smartTick() {
-    // The smart automations (follow-me, loudness guard, auto-duck, microphone follow) join here.
-}
-
 // MARK: Persistence
 
 void TonaviRuntime::persist() {
@@ -470,8 +456,6 @@ void TonaviRuntime::releaseTapsThenStop() {
 
 void TonaviRuntime::syncAUSlots() {}
 void TonaviRuntime::startMIDI() {}
-void TonaviRuntime::startActiveAppTracking() {}
-void TonaviRuntime::nudgeSmart() {}
 void TonaviRuntime::enforceBluetoothOutputOnly() {}
 
 } // namespace tonavi

@@ -19,6 +19,8 @@
 #include "core/engine/EngagementEngine.hpp"
 #include "core/outputs/OutputSelectionOrder.hpp"
 #include "core/outputs/OutputTopologyTracker.hpp"
+#include "core/smart/AudioOnsetTrail.hpp"
+#include "core/smart/SmartTickState.hpp"
 #include "core/wire/TonaviReply.hpp"
 #include "core/wire/TonaviRequest.hpp"
 #include "core/wire/TonaviStatus.hpp"
@@ -146,8 +148,22 @@ class TonaviRuntime {
     bool routeNeedsRefresh(const std::string& bundleID, bool forced);
     // The periodic check, every 2 s on serialQueue.
     void watchdogPass();
-    // The periodic automation pass, every 2 s on serialQueue.
+    // The automation pass (TonaviRuntimeSmart.cpp), on serialQueue: every 2 s, after every audio
+    // snapshot, and soon after a nudge.
     void smartTick();
+    // Asks for a pass 0.06 s from now; any thread. Nudges within that window cost one pass.
+    void nudgeSmart();
+    // The app in front: the last activation seen, else the front window. Any thread.
+    std::optional<std::string> frontmostBundleID();
+    // The front window's app; the workspace's frontmost app when the window list cannot be had.
+    std::optional<std::string> currentFrontmostBundleID();
+    // What the automations remember between passes; read on serialQueue.
+    const SmartTickState& smartState() const { return smartState_; }
+    // The trail of onsets, on serialQueue. `current` is every app playing in the latest snapshot.
+    void recordPlaybackOnsets(const IDSet& current);
+    void noteSoundOnset(const std::string& id);
+    void noteOutputMove(const std::string& uid, const std::string& name);
+    std::vector<AudioOnset> currentAudioOnsets() const;
 
     TonaviStatus buildStatus();
     Bytes buildDiagnostics();
@@ -223,6 +239,7 @@ class TonaviRuntime {
     void startWatchdog();
     void installProcessRegistryListener();
     void startSmartTimer();
+    void startActiveAppTracking();
     void observeSleepAndWake();
     void warmUpThenEngagePersistedApps();
     void warmUpProbe(int attempt);
@@ -236,8 +253,6 @@ class TonaviRuntime {
     // Seams of subsystems that are not part of this build. Each does nothing.
     void syncAUSlots();
     void startMIDI();
-    void startActiveAppTracking();
-    void nudgeSmart();
     void enforceBluetoothOutputOnly();
     void installDeviceListeners();
     void enforceDeviceLimits();
@@ -271,7 +286,13 @@ class TonaviRuntime {
     TonaviReply setOutputDeviceLocked(const std::string& query);
     TonaviReply saveGroup(const OutputGroup& group);
     TonaviReply deleteGroup(const std::string& id);
-    std::vector<AudioOnset> currentAudioOnsets() const;
+
+    // Smart automation (TonaviRuntimeSmart.cpp).
+    TonaviReply setSmartSettings(SmartSettings settings);
+    TonaviReply setPreferredMics(const std::vector<std::string>& uids);
+    void applyMicFollow(const TonaviConfig& config);
+    void noteActiveApp(const RunningApplication& app);
+    SmartLiveStatus smartLiveStatus(const TonaviConfig& config) const;
 
     // Environment.
     std::string version_;
@@ -308,12 +329,15 @@ class TonaviRuntime {
     WorkItemRef pendingControlSave_;
     std::unique_ptr<DispatchTimer> smartTimer_;
 
-    // Smart state, read by the status.
-    std::optional<std::string> followMeHeroLast_;
-    std::set<std::string> lastCapturingIDs_;
-    long long lastAutoDuckCount_ = 0;
-    bool loudnessGuardWasOn_ = false;
     bool manualDuckOn_ = false;
+
+    // Smart automation, all of serialQueue but the active app, which the workspace's activation
+    // events write under its own leaf lock.
+    SmartTickState smartState_;
+    bool smartNudgeScheduled_ = false;
+    AudioOnsetTrail onsetTrail_;
+    std::mutex activeAppLock_; // leaf: guards activeAppBundleID_
+    std::optional<std::string> activeAppBundleID_;
 
     // Discovery caches, filled by the probes.
     bool audioSnapshotProbeInFlight_ = false;

@@ -446,12 +446,15 @@ void TonaviRuntime::handleReconnectedDevices() {
     applyHardwareSnapshot(captureHardwareSnapshot());
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     selectOutputAsync(*target, false, [weak, uid = *target](TonaviReply reply) {
-        withRuntime(weak, [&](TonaviRuntime&) {
-            if (!reply.ok)
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            if (!reply.ok) {
                 Log::info("tonavi: reconnected output did not settle: " + reply.message);
-            else
-                Log::info("tonavi: automatically switched output to reconnected device " + uid);
-            // The trail of output moves joins with audio onsets.
+                return;
+            }
+            Log::info("tonavi: automatically switched output to reconnected device " + uid);
+            for (const auto& device : rt.hardwareSnapshot_.devices)
+                if (device.id == uid)
+                    rt.noteOutputMove(uid, device.name);
         });
     });
 }
@@ -640,7 +643,12 @@ TonaviReply TonaviRuntime::setInputDevice(const std::string& uid) {
     if (!devices_->setDefaultDevice(*id, true))
         return failure("device refused or hidden");
     recordDeviceUse(uid, now());
-    // Microphone follow learns the user's choice when smart automation lands.
+    // The user's choice wins over microphone follow.
+    if (TonaviConfig config = engine_->config(); config.smart.micFollow) {
+        config.smart.preferMic(uid);
+        engine_->apply(config);
+        persist();
+    }
     return success();
 }
 

@@ -65,7 +65,14 @@ void TonaviRuntime::finishAudioProbe(std::optional<AudioSnapshot> snapshot, doub
         return; // the last good tables stay; the watchdog stops trusting them
     audioDiscoveryHealth_.lastSuccessfulRead = t;
     applyAudioSnapshot(std::move(*snapshot));
+    IDSet playing;
+    for (const auto& [id, activity] : resolvedAudioSnapshot_)
+        if (activity.playing)
+            playing.insert(playing.end(), id);
+    recordPlaybackOnsets(playing);
     publishCreationEligibility();
+    // The automations act on every fresh view of who plays and who records.
+    smartTick();
     if (audioSnapshotRefreshRequested_) {
         audioSnapshotRefreshRequested_ = false;
         refreshAudioSnapshotsIfNeeded(true);
@@ -135,6 +142,7 @@ void TonaviRuntime::onRunningOutputEdge(AudioObjectID object) {
             if (rt.outputSuppressedUntilPlaybackStops_.contains(owner))
                 return;
             rt.recency_->noteHeard(owner);
+            rt.noteSoundOnset(owner);
             rt.outputEligible_.insert(owner);
             rt.engine_->setCreationEligibility(rt.creationEligibilitySet());
             rt.engine_->requestReconcile();

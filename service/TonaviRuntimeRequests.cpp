@@ -178,6 +178,10 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
                 return setStageMode(c.on);
             } else if constexpr (std::is_same_v<T, R::SetManualDuck>) {
                 return setManualDuck(c.on);
+            } else if constexpr (std::is_same_v<T, R::SetSmartSettings>) {
+                return setSmartSettings(c._0);
+            } else if constexpr (std::is_same_v<T, R::SetPreferredMics>) {
+                return setPreferredMics(c.uids);
             } else if (auto reply = handleDeviceRequestLocked(request)) {
                 return std::move(*reply);
             } else {

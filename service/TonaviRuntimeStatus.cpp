@@ -5,6 +5,7 @@
 
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
+#include "core/smart/AudioOnsetPolicy.hpp"
 #include "core/wire/TonaviPayload.hpp"
 
 #include <algorithm>
@@ -112,8 +113,7 @@ TonaviStatus TonaviRuntime::buildStatus() {
     for (const auto& entry : audioProcessSnapshot_)
         processes.emplace(entry.bundleID, &entry);
 
-    // The apps to show. Processes that count as audio apps join with process discovery, and onsets
-    // with their trail.
+    // The apps to show. Processes that count as audio apps join with process discovery.
     std::set<std::string> shown;
     for (const auto& app : config.apps)
         shown.insert(app.id);
@@ -135,6 +135,12 @@ TonaviStatus TonaviRuntime::buildStatus() {
     shown.insert(engaged.begin(), engaged.end());
     const IDSet soloed = engine_->soloedBundleIDs().value_or(IDSet{});
     shown.insert(soloed.begin(), soloed.end());
+    // An app that just began to sound is shown even before a snapshot lists it as an audio app.
+    const double t = now();
+    for (const auto& onset : currentAudioOnsets())
+        if (onset.kind.value_or(AudioOnset::Kind::app) == AudioOnset::Kind::app &&
+            t - onset.startedAt <= AudioOnsetPolicy::attentionWindow)
+            shown.insert(onset.id);
     for (const auto& id : TonaviTapSafety::blockedBundleIDs())
         shown.erase(id);
     for (const auto& id : config.hiddenAppIDs)
@@ -241,36 +247,13 @@ TonaviStatus TonaviRuntime::buildStatus() {
     }
     status.soloUnmutedAppIDs = std::move(unmuted);
 
-    SmartLiveStatus smart;
-    if (followMeHeroLast_) {
-        smart.followMeHeroID = followMeHeroLast_;
-        smart.followMeHeroName = displayName(*followMeHeroLast_);
-    }
-    smart.loudnessGuardActive = loudnessGuardWasOn_;
-    if (loudnessGuardWasOn_)
-        for (const auto& device : hw.devices)
-            if (device.id == hw.defaultOutputUID)
-                smart.loudnessGuardOutputName = device.name;
-    smart.autoDuckActive = lastAutoDuckCount_ > 0;
-    smart.autoDuckCount = lastAutoDuckCount_;
-    for (const auto& id : lastCapturingIDs_)
-        smart.autoDuckMicNames.push_back(displayName(id));
-    if (config.smart.micFollow)
-        for (const auto& device : hw.devices)
-            if (device.id == hw.defaultInputUID)
-                smart.micFollowName = device.name;
-    status.smartLive = std::move(smart);
+    status.smartLive = smartLiveStatus(config);
 
     status.stageMode = engine_->stageMode();
     status.anyEngaged = !engaged.empty();
     status.engagedCount = static_cast<std::int64_t>(engaged.size());
     status.manualDuckOn = manualDuckOn_;
     return status;
-}
-
-std::vector<AudioOnset> TonaviRuntime::currentAudioOnsets() const {
-    // The trail of audio onsets joins with its subsystem.
-    return {};
 }
 
 Bytes TonaviRuntime::buildDiagnostics() {

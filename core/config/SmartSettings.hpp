@@ -23,6 +23,17 @@ struct SmartSettings {
 
     static SmartSettings defaults() { return SmartSettings(); }
 
+    // The user's own choice of microphone goes first, so Mic follow keeps it while it is there; the
+    // others keep their order, and the list keeps its bound.
+    void preferMic(const std::string& uid) {
+        if (uid.empty())
+            return;
+        std::erase(preferredMicUIDs, uid);
+        preferredMicUIDs.insert(preferredMicUIDs.begin(), uid);
+        if (preferredMicUIDs.size() > maxPreferredMics)
+            preferredMicUIDs.resize(maxPreferredMics);
+    }
+
     bool operator==(const SmartSettings&) const = default;
 };
 

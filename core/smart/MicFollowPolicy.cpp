@@ -1,5 +1,7 @@
 #include "core/smart/MicFollowPolicy.hpp"
 
+#include "core/outputs/BluetoothEndpointIdentity.hpp"
+
 #include <algorithm>
 #include <initializer_list>
 
@@ -9,24 +11,11 @@ namespace {
 
 using Transport = DeviceLiveStatus::Transport;
 
-std::string_view endpointStem(std::string_view uid) {
-    for (std::string_view suffix : {std::string_view(":input"), std::string_view(":output")}) {
-        if (uid.ends_with(suffix))
-            return uid.substr(0, uid.size() - suffix.size());
-    }
-    return uid;
-}
-
-// A headset shows up as two endpoints, "X:input" and "X:output", of one device.
-bool sameHeadset(std::string_view a, std::string_view b) {
-    return !a.empty() && !b.empty() && endpointStem(a) == endpointStem(b);
-}
-
 bool isOutputOnly(const InputCandidate& candidate, const BundleIDSet& outputOnlyUIDs) {
     const bool bluetooth = candidate.transport == Transport::bluetooth;
     return std::any_of(outputOnlyUIDs.begin(), outputOnlyUIDs.end(), [&](const std::string& o) {
-        return candidate.uid == o ||
-               (bluetooth && (candidate.relatedUIDs.contains(o) || sameHeadset(candidate.uid, o)));
+        return candidate.uid == o || (bluetooth && (candidate.relatedUIDs.contains(o) ||
+                                                    BluetoothEndpointIdentity::sameDevice(candidate.uid, o)));
     });
 }
 

@@ -39,6 +39,9 @@ const char* const ctlUsageText =
     "  lock volume|mute|rate on|off  hold the output's volume, mute or the sample rates\n"
     "  group create NAME DEVICE DEVICE...  play several outputs as one\n"
     "  group delete NAME          remove an output group\n"
+    "  smart [--json]             what follow-me, loudness guard, auto-duck and mic follow are doing\n"
+    "  smart follow-me|guard|duck|mic-follow on|off  turn one automation on or off\n"
+    "  recent [--json]            which apps began to sound, alerts and output moves, newest first\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
     "  sim <command> ...          drive the simulated machine (tonavictl sim help)\n"
@@ -81,7 +84,11 @@ constexpr VerbName verbNames[] = {
     {"prefer", Verb::prefer},
     {"lock", Verb::lock},
     {"group", Verb::groupCreate},
+    {"smart", Verb::smart},
+    {"recent", Verb::recent},
 };
+
+constexpr const char* smartFeatures[] = {"follow-me", "guard", "duck", "mic-follow"};
 
 // Every device of a status, inputs too, by UID, name and nickname.
 NameResolver allDevices(const TonaviStatus& status) {
@@ -185,11 +192,28 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
         c.text = rest[0];
         break;
     case Verb::status:
+    case Verb::recent:
         for (const auto& option : rest) {
             if (option != "--json")
-                return fail("status takes only --json, not \"" + option + "\"");
+                return fail(word + " takes only --json, not \"" + option + "\"");
             c.json = true;
         }
+        break;
+    case Verb::smart:
+        if (rest.size() == 1 && rest[0] == "--json") {
+            c.json = true;
+        } else if (rest.size() == 2 &&
+                   std::find(std::begin(smartFeatures), std::end(smartFeatures), rest[0]) !=
+                       std::end(smartFeatures) &&
+                   (rest[1] == "on" || rest[1] == "off")) {
+            c.verb = Verb::smartSet;
+            c.text = rest[0];
+            c.on = rest[1] == "on";
+        } else if (!rest.empty()) {
+            return fail("smart takes --json, or follow-me, guard, duck or mic-follow, then on or off");
+        }
+        break;
+    case Verb::smartSet:
         break;
     case Verb::volume: {
         if (rest.size() != 2)
@@ -308,7 +332,8 @@ bool CtlCommand::needsStatus() const {
     return !apps.empty() || !device.empty() || !devices.empty() || verb == Verb::groupDelete;
 }
 
-CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const GlobalLocks* locks) const {
+CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const GlobalLocks* locks,
+                                        const SmartSettings* smart) const {
     using R = TonaviRequest;
     std::vector<std::string> ids;
     if (!apps.empty()) {
@@ -378,6 +403,21 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         GlobalLocks next = *locks;
         (text == "volume" ? next.volume : text == "mute" ? next.mute : next.sampleRate) = on;
         return {R{R::SetLocks{next}}, {}};
+    }
+    case Verb::smart:
+        // The dump carries both the settings and what the automations are doing.
+        return {R{R::Diagnostics{}}, {}};
+    case Verb::recent:
+        return {R{R::Status{}}, {}};
+    case Verb::smartSet: {
+        if (!smart)
+            return {std::nullopt, "no smart settings to change"};
+        SmartSettings next = *smart;
+        (text == "follow-me" ? next.followMe
+         : text == "guard"   ? next.loudnessGuard
+         : text == "duck"    ? next.autoDuck
+                             : next.micFollow) = on;
+        return {R{R::SetSmartSettings{std::move(next)}}, {}};
     }
     case Verb::groupDelete: {
         auto resolved = groups(*status).resolve(text);

@@ -3,6 +3,7 @@
 // Parsing needs no service; turning application and device names into identifiers needs a status reply,
 // which the caller fetches only for commands that name something (needsStatus).
 
+#include "core/config/SmartSettings.hpp"
 #include "core/wire/TonaviRequest.hpp"
 
 #include <optional>
@@ -41,6 +42,9 @@ struct CtlCommand {
         lock,
         groupCreate,
         groupDelete,
+        smart,
+        smartSet,
+        recent,
     };
 
     struct Parsed;
@@ -51,9 +55,10 @@ struct CtlCommand {
     std::string device;               // a device word as typed, or "default" for no redirect
     double amount = 0;                // volume 0...1, boost multiplier 1...4
     bool on = false;                  // stage on|off
-    bool json = false;                // status --json
+    bool json = false;                // status, smart and recent --json
     std::string text;                 // send: the request JSON; eq: the preset name, or "off";
-                                      // lock: volume|mute|rate; group: the group's name
+                                      // lock: volume|mute|rate; group: the group's name;
+                                      // smart: follow-me|guard|duck|mic-follow
     std::vector<std::string> devices; // device words as typed: prefer, group create
 
     // args excludes the program name. The error says what is wrong with the words.
@@ -62,10 +67,13 @@ struct CtlCommand {
     bool needsStatus() const;
     // lock changes one flag of the global locks, so it needs the others as they are now.
     bool needsLocks() const { return verb == Verb::lock; }
+    // smart on|off changes one switch of the smart settings and keeps the rest as they are now.
+    bool needsSmartSettings() const { return verb == Verb::smartSet; }
 
-    // status is required when needsStatus(), locks when needsLocks(). The error names the word that
-    // resolves to nothing.
-    Built toRequest(const TonaviStatus* status, const GlobalLocks* locks = nullptr) const;
+    // status is required when needsStatus(), locks when needsLocks(), smart when needsSmartSettings().
+    // The error names the word that resolves to nothing.
+    Built toRequest(const TonaviStatus* status, const GlobalLocks* locks = nullptr,
+                    const SmartSettings* smart = nullptr) const;
 };
 
 struct CtlCommand::Parsed {

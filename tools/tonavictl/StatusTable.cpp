@@ -1,5 +1,6 @@
 #include "tools/tonavictl/StatusTable.hpp"
 
+#include "core/smart/AudioOnsetPolicy.hpp"
 #include "core/wire/TonaviStatus.hpp"
 
 #include <algorithm>
@@ -203,6 +204,70 @@ std::string StatusTable::renderDevices(const TonaviStatus& status, const GlobalL
 std::string StatusTable::outputLine(const TonaviStatus& status) {
     return "output is on " + (status.defaultOutputUID.empty() ? std::string("no device")
                                                               : deviceName(status, status.defaultOutputUID));
+}
+
+std::string StatusTable::renderSmart(const TonaviStatus& status, const SmartSettings& settings) {
+    const SmartLiveStatus live = status.smartLive.value_or(SmartLiveStatus{});
+    const auto onOff = [](bool on) { return std::string(on ? "on" : "off"); };
+    char number[64];
+
+    std::string followMe = "-";
+    if (settings.followMe) {
+        std::snprintf(number, sizeof number, "%.0f%%", settings.followMeBackgroundPercent);
+        followMe = live.followMeHeroID ? "hero " + live.followMeHeroName.value_or(*live.followMeHeroID) +
+                                             "; others at " + number
+                                       : "no hero: nothing audible in front";
+    }
+    std::string guard = "-";
+    if (settings.loudnessGuard) {
+        std::snprintf(number, sizeof number, "%.0f dBFS", settings.loudnessGuardCeilingDBFS);
+        guard = live.loudnessGuardActive ? std::string("holding ") + number + " on " +
+                                               live.loudnessGuardOutputName.value_or("headphones")
+                                         : "idle: the output is not headphones";
+    }
+    std::string duck = "-";
+    if (settings.autoDuck) {
+        std::snprintf(number, sizeof number, "%.0f dB", settings.autoDuckDepthDB);
+        if (!live.autoDuckMicNames.empty())
+            duck = "easing " + std::to_string(live.autoDuckCount) + " app(s) by " + number +
+                   "; mic live in " + join(live.autoDuckMicNames, ", ");
+        else
+            duck = "idle: no microphone in use";
+    }
+    std::string mic = "-";
+    if (settings.micFollow)
+        mic = "input " + live.micFollowName.value_or(deviceName(status, status.defaultInputUID));
+
+    Table table({"FEATURE", "SETTING", "NOW"});
+    table.add({"follow-me", onOff(settings.followMe), followMe});
+    table.add({"guard", onOff(settings.loudnessGuard), guard});
+    table.add({"duck", onOff(settings.autoDuck), duck});
+    table.add({"mic-follow", onOff(settings.micFollow), mic});
+    return table.text();
+}
+
+std::string StatusTable::renderRecent(const TonaviStatus& status, double now) {
+    const std::vector<AudioOnset> onsets = status.recentOnsets.value_or(std::vector<AudioOnset>{});
+    if (onsets.empty())
+        return "  (nothing has started to sound in the last 5 minutes)\n";
+    std::string out;
+    for (const auto& onset : AudioOnsetPolicy::trail(onsets, now)) {
+        const std::string ago = AudioOnsetPolicy::agoText(now - onset.startedAt);
+        switch (onset.kind.value_or(AudioOnset::Kind::app)) {
+        case AudioOnset::Kind::app:
+            out += "  " + appName(status, onset.id) + " started playing " + ago + "\n";
+            break;
+        case AudioOnset::Kind::alert:
+            out += "  " + onset.label.value_or("alert sound") + " " + ago + ", while " +
+                   (onset.frontmostAppID ? appName(status, *onset.frontmostAppID) : std::string("unknown")) +
+                   " was in front\n";
+            break;
+        case AudioOnset::Kind::output:
+            out += "  output moved to " + onset.label.value_or(onset.id) + " " + ago + "\n";
+            break;
+        }
+    }
+    return out;
 }
 
 } // namespace tonavi

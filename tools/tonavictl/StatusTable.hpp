@@ -3,6 +3,7 @@
 // (volume, mute, engaged, level, output, issues), a table of devices, and the newest health events.
 
 #include "core/config/GlobalLocks.hpp"
+#include "core/config/SmartSettings.hpp"
 
 #include <string>
 
@@ -16,6 +17,10 @@ class StatusTable {
     // `tonavictl devices`: one row per device with its transport, default marks, volume, mute, whether
     // it is hidden and the global locks that hold it (volume and mute hold the output, rate all).
     static std::string renderDevices(const TonaviStatus& status, const GlobalLocks& locks);
+    // `tonavictl smart`: one row per automation, whether it is switched on and what it does now.
+    static std::string renderSmart(const TonaviStatus& status, const SmartSettings& settings);
+    // `tonavictl recent`: the trail of onsets, newest first, aged against `now` (seconds since 1970).
+    static std::string renderRecent(const TonaviStatus& status, double now);
     // Where the system output is, by name: what `tonavictl output` prints after a switch.
     static std::string outputLine(const TonaviStatus& status);
 

@@ -16,6 +16,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -64,7 +65,7 @@ int run(const CtlCommand& command) {
     }
     // The locks and the system roles live in the configuration and the status: the support dump has both.
     std::optional<Diagnostics> dump;
-    if (command.needsLocks() || command.verb == Verb::devices) {
+    if (command.needsLocks() || command.needsSmartSettings() || command.verb == Verb::devices) {
         TonaviReply reply = TonaviChannel::send({TonaviRequest::Diagnostics{}}, clientTimeoutSeconds);
         if (!reply.ok || !reply.payload)
             return refused("the service gave no configuration to read the locks from");
@@ -72,7 +73,10 @@ int run(const CtlCommand& command) {
     }
     const std::optional<GlobalLocks> locks =
         dump ? std::optional<GlobalLocks>(dump->config.locks) : std::nullopt;
-    auto built = command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr);
+    const std::optional<SmartSettings> smart =
+        dump ? std::optional<SmartSettings>(dump->config.smart) : std::nullopt;
+    auto built =
+        command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr, smart ? &*smart : nullptr);
     if (!built.request)
         return refused(built.error);
 
@@ -97,6 +101,35 @@ int run(const CtlCommand& command) {
         if (reply.status)
             std::printf("%s\n", StatusTable::outputLine(*reply.status).c_str());
         break;
+    case Verb::smart: {
+        if (!reply.payload)
+            return refused("the reply holds no smart settings");
+        const Diagnostics current = TonaviPayload::decodeDiagnostics(*reply.payload);
+        if (command.json) {
+            nlohmann::json out = {{"settings", current.config.smart},
+                                  {"live", current.status.smartLive.value_or(SmartLiveStatus{})}};
+            std::printf("%s\n", out.dump(2).c_str());
+        } else {
+            std::fputs(StatusTable::renderSmart(current.status, current.config.smart).c_str(), stdout);
+        }
+        break;
+    }
+    case Verb::smartSet:
+        std::printf("%s %s\n", command.text.c_str(), command.on ? "on" : "off");
+        break;
+    case Verb::recent: {
+        if (!reply.status)
+            return refused("the reply holds no status");
+        if (command.json) {
+            nlohmann::json out = reply.status->recentOnsets.value_or(std::vector<AudioOnset>{});
+            std::printf("%s\n", out.dump(2).c_str());
+        } else {
+            const double now =
+                std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+            std::fputs(StatusTable::renderRecent(*reply.status, now).c_str(), stdout);
+        }
+        break;
+    }
     case Verb::diagnostics: {
         if (!reply.payload)
             return refused("the reply holds no diagnostics");

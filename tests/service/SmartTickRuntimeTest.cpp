@@ -1,0 +1,226 @@
+// The smart automations in the runtime on the simulated laptop: which apps they tap, at what gain
+// the engine then renders them, and the trail of onsets. Music plays from the start; Safari plays
+// through its helper when a test starts it.
+
+#include "tests/service/RuntimeTestSupport.hpp"
+
+#include <cmath>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace tonavi::testing {
+namespace {
+
+const std::string safari = "com.apple.Safari";
+const std::string music = "com.apple.Music";
+const std::string zoom = "us.zoom.xos";
+const std::string logic = "com.apple.logic10";
+const std::string usbHeadphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
+const std::string budsIn = "AC-DE-48-00-11-22:input";
+const std::string budsOut = "AC-DE-48-00-11-22:output";
+const std::string builtInMic = "BuiltInMicrophoneDevice";
+
+class SmartTickRuntimeTest : public ::testing::Test {
+  protected:
+    void edit(const std::function<std::string(SimWorld&)>& change) {
+        ASSERT_EQ(h.machine->mutate(change), "");
+    }
+    void play(const std::string& who, bool on) {
+        edit([&](SimWorld& w) { return w.setPlaying(who, on, std::nullopt); });
+    }
+    void turnOn(const std::function<void(SmartSettings&)>& change) {
+        SmartSettings settings = h.runtime->engine().config().smart;
+        change(settings);
+        ASSERT_TRUE(h.send(TonaviRequest::SetSmartSettings{settings}).ok);
+    }
+    // Two seconds on: fresh snapshots, each followed by a pass, then the timer's own pass.
+    void pass() {
+        h.wall.store(h.wall.load() + 2.0);
+        h.settleDiscovery();
+        h.advance(2.0);
+    }
+    // The app comes to the front; the activation alone brings a pass forward, 60 ms later.
+    void activate(const std::string& id) {
+        edit([&](SimWorld& w) { return w.activate(id); });
+        h.runtime->serialQueue().sync([] {}); // the activation handler, which nudges
+        h.runtime->serialQueue().sync([] {}); // the nudge, which schedules the pass
+        h.advance(0.06);
+    }
+    bool tapped(const std::string& id) { return h.runtime->engine().hasTap(id); }
+    // Taps come and go on the tap-lifecycle queue.
+    bool waitTapped(const std::string& id, bool on) {
+        return waitUntil([&] { return tapped(id) == on; });
+    }
+    // The gain the engine renders the app with once its smoother has settled, from a steady input.
+    double renderedGain(const std::string& id, float input = 0.5f) {
+        std::vector<float> buffer(1024);
+        for (int cycle = 0; cycle < 40; ++cycle) {
+            std::fill(buffer.begin(), buffer.end(), input);
+            h.runtime->engine().advanceDucking(512);
+            h.runtime->engine().render(id, buffer);
+        }
+        return buffer.back() / input;
+    }
+    std::string log() const {
+        std::ifstream in(h.folder.path() / "service.log");
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+
+    RuntimeHarness h;
+};
+
+TEST_F(SmartTickRuntimeTest, FollowMeLowersEveryoneButTheAppInFrontAndRestoresThemWhenFocusMoves) {
+    play("com.apple.WebKit.GPU", true);
+    h.startReady();
+    turnOn([](SmartSettings& s) {
+        s.followMe = true;
+        s.followMeBackgroundPercent = 25;
+    });
+    pass();
+    // Safari is in front from the start; then the activations alone bring each pass forward. The
+    // hero is held under control too, at unity, so that it plays on while the others are lowered.
+    for (const auto& [front, background] : {std::pair{safari, music}, {music, safari}, {safari, music}}) {
+        SCOPED_TRACE("front: " + front);
+        if (h.runtime->smartState().followMeHeroLast != front)
+            activate(front);
+        EXPECT_EQ(h.runtime->smartState().followMeHeroLast, front);
+        ASSERT_TRUE(waitTapped(background, true));
+        ASSERT_TRUE(waitTapped(front, true));
+        EXPECT_NEAR(renderedGain(background), 0.25, 1e-3);
+        EXPECT_NEAR(renderedGain(front), 1.0, 1e-6);
+    }
+    const auto live = h.send(TonaviRequest::Status{}).status->smartLive;
+    ASSERT_TRUE(live);
+    EXPECT_EQ(live->followMeHeroName, "Safari");
+    EXPECT_NE(log().find("tonavi: follow-me hero -> com.apple.Music"), std::string::npos);
+
+    turnOn([](SmartSettings& s) { s.followMe = false; });
+    EXPECT_TRUE(waitTapped(music, false)) << "untouched apps are released with the feature";
+    EXPECT_TRUE(waitTapped(safari, false));
+}
+
+TEST_F(SmartTickRuntimeTest, AutoDuckEasesOtherPlayersWhileAMicIsLiveButSparesTheLeftAlone) {
+    play("com.apple.WebKit.GPU", true);
+    edit([](SimWorld& w) { return w.setCapturing(zoom, false); });
+    edit([](SimWorld& w) { return w.launch({logic, "Logic Pro", 4200, ActivationPolicy::regular}, true); });
+    play(logic, true);
+    h.startReady();
+    turnOn([](SmartSettings& s) {
+        s.autoDuck = true;
+        s.autoDuckDepthDB = -12;
+        s.leaveAloneBundleIDs = {safari};
+    });
+    pass();
+    EXPECT_FALSE(tapped(music)) << "nothing is ducked while no microphone is live";
+
+    edit([](SimWorld& w) { return w.setCapturing(zoom, true); });
+    pass();
+    ASSERT_TRUE(waitTapped(music, true));
+    EXPECT_NEAR(renderedGain(music), std::pow(10.0, -12.0 / 20.0), 1e-3);
+    EXPECT_FALSE(tapped(safari)) << "left alone by the user";
+    EXPECT_FALSE(tapped(logic)) << "a music tool is protected";
+    EXPECT_FALSE(tapped(zoom)) << "the app in the call is not ducked";
+    EXPECT_EQ(h.send(TonaviRequest::Status{}).status->smartLive->autoDuckCount, 1);
+    EXPECT_NE(log().find("tonavi: auto-duck ON, mic live in us.zoom.xos; easing 1 app(s)"),
+              std::string::npos);
+
+    edit([](SimWorld& w) { return w.setCapturing(zoom, false); });
+    pass();
+    EXPECT_TRUE(waitTapped(music, false)) << "the ducked app recovers on its direct path";
+    EXPECT_NE(log().find("tonavi: auto-duck released, mic quiet"), std::string::npos);
+}
+
+TEST_F(SmartTickRuntimeTest, LoudnessGuardHoldsTheCeilingOnHeadphonesOnly) {
+    h.startReady();
+    turnOn([](SmartSettings& s) {
+        s.loudnessGuard = true;
+        s.loudnessGuardCeilingDBFS = -6;
+    });
+    pass();
+    EXPECT_FALSE(tapped(music)) << "the speakers are not protected";
+    EXPECT_FALSE(h.send(TonaviRequest::Status{}).status->smartLive->loudnessGuardActive);
+
+    edit([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, usbHeadphones); });
+    pass();
+    pass();
+    ASSERT_TRUE(waitTapped(music, true));
+    const double ceiling = std::pow(10.0, -6.0 / 20.0);
+    EXPECT_NEAR(renderedGain(music, 0.9f) * 0.9, ceiling, 0.01);
+    const auto live = h.send(TonaviRequest::Status{}).status->smartLive;
+    EXPECT_TRUE(live->loudnessGuardActive);
+    EXPECT_EQ(live->loudnessGuardOutputName, "USB Headphones");
+    EXPECT_NE(log().find("tonavi: loudness guard ON, ceiling -6 dBFS on headphones"), std::string::npos);
+}
+
+TEST_F(SmartTickRuntimeTest, MicFollowTakesNewEarbudsUnlessTheyAreForOutputOnly) {
+    for (const bool outputOnly : {false, true}) {
+        SCOPED_TRACE(outputOnly ? "output-only earbuds" : "earbuds");
+        RuntimeHarness fresh;
+        TonaviConfig config = TonaviConfig::firstRunDefaults();
+        config.smart.micFollow = true;
+        if (outputOnly) {
+            BluetoothDeviceMemory memory;
+            memory.id = budsOut;
+            memory.outputOnlyMode = true;
+            config.bluetooth.push_back(memory);
+        }
+        fresh.store->save(config);
+        ASSERT_EQ(fresh.machine->mutate([](SimWorld& w) {
+            const std::string a = w.unplug(budsIn);
+            return a.empty() ? w.unplug(budsOut) : a;
+        }),
+                  "");
+        fresh.startReady();
+        fresh.advance(4.0);
+        EXPECT_EQ(fresh.machine->world()->defaultInputUID, builtInMic);
+
+        ASSERT_EQ(fresh.machine->mutate([](SimWorld& w) {
+            const std::string a = w.replug(budsOut);
+            return a.empty() ? w.replug(budsIn) : a;
+        }),
+                  "");
+        fresh.advance(2.0);
+        EXPECT_EQ(fresh.machine->world()->defaultInputUID, outputOnly ? builtInMic : budsIn);
+    }
+}
+
+TEST_F(SmartTickRuntimeTest, TheTrailShowsNewPlayersAndAlertsButNotWhatPlayedAtStart) {
+    h.startReady();
+    h.settleDiscovery();
+    play("com.apple.WebKit.GPU", true);
+    edit([](SimWorld& w) {
+        return w.launch({"systemsoundserverd", "", 4300, ActivationPolicy::prohibited}, true);
+    });
+    pass();
+    play("systemsoundserverd", true);
+    pass();
+    const double now = h.wall.load();
+    const auto onsets = h.send(TonaviRequest::Status{}).status->recentOnsets.value();
+    ASSERT_EQ(onsets.size(), 2u) << "Music played before the service started";
+    EXPECT_EQ(onsets[0].id, "alert:macos");
+    EXPECT_EQ(onsets[0].kind, AudioOnset::Kind::alert);
+    EXPECT_EQ(onsets[0].frontmostAppID, safari);
+    EXPECT_EQ(onsets[0].startedAt, now);
+    EXPECT_EQ(onsets[1].id, safari);
+    EXPECT_EQ(onsets[1].startedAt, now - 2.0);
+}
+
+TEST_F(SmartTickRuntimeTest, SmartRequestsPersistAndMicFollowStartsFromTheMicInUse) {
+    h.startReady();
+    const std::vector<std::string> nine{"a", "b", "c", "d", "e", "f", "g", "h", "i"};
+    ASSERT_TRUE(h.send(TonaviRequest::SetPreferredMics{nine}).ok);
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, std::vector<std::string>(nine.begin(), nine.begin() + 8));
+
+    turnOn([](SmartSettings& s) { s.micFollow = true; });
+    const std::vector<std::string> expected{builtInMic, "a", "b", "c", "d", "e", "f", "g"};
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected);
+    EXPECT_TRUE(h.onDisk().smart.micFollow);
+    turnOn([](SmartSettings& s) { s.micFollow = true; });
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected) << "only the switch turning on takes the mic";
+}
+
+} // namespace
+} // namespace tonavi::testing
