@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
 
 #include "core/engine/TonaviTapSafety.hpp"
 #include "tests/service/taps/TapTestSupport.hpp"
@@ -244,27 +243,6 @@ TEST_F(TonaviTapProviderTest, IOCycleMapsTheTapPairOntoEveryOutputLayout) {
     provider->ioCycle(*handle, n, o, {});
     EXPECT_EQ(handle->ioCallbackCount.load(), 6u);
     EXPECT_EQ(handle->rawAudioCallbackCount.load(), 6u);
-}
-
-// The product's arrangement: cycles on the device's own thread while the control side reads.
-TEST(TonaviTapProviderThreads, IOOnTheDeviceThreadIsCountedAndStopsWithTheTap) {
-    SimLaptop laptop(false);
-    auto provider = laptop.makeProvider();
-    std::atomic<std::uint64_t> renders{0};
-    provider->setRender(
-        [&](const std::string&, std::span<float>, int, std::uint64_t) { renders.fetch_add(1); });
-    auto handle = std::dynamic_pointer_cast<TonaviTapHandle>(provider->createTap(music));
-    ASSERT_TRUE(handle);
-    std::mutex m;
-    std::unique_lock<std::mutex> lock(m);
-    for (int i = 0; i < 2000 && handle->ioCallbackCount.load() < 5; ++i)
-        std::condition_variable().wait_for(lock, 5ms);
-    EXPECT_GT(provider->level(music), 0.0f);
-    EXPECT_TRUE(laptop.machine->directlyAudible(SimLaptop::speakers).empty());
-    provider->destroyTap(handle);
-    EXPECT_GE(handle->ioCallbackCount.load(), 5u);
-    EXPECT_EQ(renders.load(), handle->ioCallbackCount.load());
-    EXPECT_EQ(laptop.machine->directlyAudible(SimLaptop::speakers), Heard{music});
 }
 
 } // namespace
