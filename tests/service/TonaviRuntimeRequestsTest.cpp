@@ -272,15 +272,6 @@ TEST(Status, BeforeTheFirstProcessSnapshotAppsComeFromTheConfigurationAndDevices
         EXPECT_LT(*status.apps[i - 1].displayRank, *status.apps[i].displayRank);
 }
 
-TEST(Status, DisplayNamesFallBackToTheLastPieceOfTheIdentifier) {
-    RuntimeHarness h;
-    h.start();
-    const std::pair<const char*, const char*> cases[] = {
-        {"com.apple.Music", "Music"}, {"us.zoom.XOS", "Xos"}, {"single", "Single"}, {"...", "..."}, {"", ""}};
-    for (const auto& [id, name] : cases)
-        EXPECT_EQ(h.runtime->displayName(id), name) << id;
-}
-
 TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     RuntimeHarness h;
     h.provider->taps.failAlways(safari, true);

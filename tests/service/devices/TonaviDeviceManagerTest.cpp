@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "core/outputs/VerifiedOutputSwitch.hpp"
-
 namespace tonavi::testing {
 namespace {
 
@@ -219,7 +217,7 @@ TEST(TonaviDeviceManager, BlockingSwitchGivesBluetoothLongerAndSeesADroppedWrite
     }
 }
 
-TEST(TonaviDeviceManager, NonblockingSwitchConfirmsOrNamesWhereTheOutputStayed) {
+TEST(TonaviDeviceManager, NonblockingSwitchWaitsOutASlowRouteAndRefusesAHiddenOne) {
     {
         DeviceHarness h;
         h.machine.mutate([](SimWorld& w) {
@@ -228,16 +226,6 @@ TEST(TonaviDeviceManager, NonblockingSwitchConfirmsOrNamesWhereTheOutputStayed) 
         });
         EXPECT_EQ(h.switchAsync(buds), true);
         EXPECT_EQ(h.defaultOutput(), buds);
-    }
-    {
-        DeviceHarness h;
-        h.machine.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice);
-        EXPECT_EQ(h.switchAsync(usb), false);
-        const auto status = h.manager->liveStatus(noBluetooth);
-        const auto stayed =
-            std::find_if(status.begin(), status.end(), [](auto& s) { return s.isDefaultOutput; });
-        EXPECT_EQ(VerifiedOutputSwitch::failureText("USB Headphones", stayed->name),
-                  "macOS did not switch to USB Headphones; output remains on MacBook Pro Speakers");
     }
     {
         DeviceHarness h;

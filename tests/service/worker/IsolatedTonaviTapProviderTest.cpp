@@ -258,14 +258,3 @@ read line; printf '{"kind":"ready"}\n'; exec sleep 60)");
     EXPECT_TRUE(eventually([&] { return old->process->terminationStatus().has_value(); }, 5s));
     EXPECT_EQ(failureCount(), 0u);
 }
-
-TEST(IsolatedTonaviTapProvider, TheWorkerExecutableIsTheOverrideUnlessEmptyElseThisProgram) {
-    {
-        ScopedEnvironment set(IsolatedTonaviTapProvider::executableVariable, "/opt/tonavi/worker");
-        EXPECT_EQ(IsolatedTonaviTapProvider::workerExecutableURL(), "/opt/tonavi/worker");
-    }
-    ScopedEnvironment empty(IsolatedTonaviTapProvider::executableVariable, "");
-    const std::string self = IsolatedTonaviTapProvider::workerExecutableURL();
-    EXPECT_EQ(self.front(), '/');
-    EXPECT_TRUE(std::filesystem::equivalent(self, "/proc/self/exe")) << self;
-}

@@ -41,7 +41,8 @@ int ScratchFolder::lineCount(const std::string& name) const {
     return lines;
 }
 
-ScopedEnvironment::ScopedEnvironment(std::string variable, const std::string& value) : name(std::move(variable)) {
+ScopedEnvironment::ScopedEnvironment(std::string variable, const std::string& value)
+    : name(std::move(variable)) {
     if (const char* old = std::getenv(name.c_str()))
         previous = old;
     ::setenv(name.c_str(), value.c_str(), 1);
@@ -57,7 +58,8 @@ ScopedEnvironment::~ScopedEnvironment() {
 std::string serviceExecutable() {
     if (const char* dir = std::getenv("TONAVI_BIN_DIR"); dir && *dir)
         return std::string(dir) + "/tonavi-service";
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "bin/tonavi-service")
+    return (std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() /
+            "bin/tonavi-service")
         .string();
 }
 
