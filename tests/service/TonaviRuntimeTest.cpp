@@ -77,24 +77,6 @@ TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEn
     ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.spotify.client"); }));
 }
 
-TEST(RuntimeStart, AHardwareThatStaysSlowIsProbedFortyTimesThenTheServiceGoesOn) {
-    RuntimeHarness h;
-    h.machine->setReadDelay(std::chrono::milliseconds(55), kAudioHardwarePropertyDefaultOutputDevice);
-    h.start();
-    for (int probe = 1; probe < TonaviRuntime::warmUpMaxProbes; ++probe) {
-        ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= probe; }));
-        h.advance(0.5);
-    }
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 40; }));
-    // The fortieth slow probe still waits its half second, then the last half second.
-    h.advance(0.5);
-    h.runtime->serialQueue().sync([] {});
-    EXPECT_FALSE(h.runtime->coreAudioReady());
-    h.advance(0.5);
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->coreAudioReady(); }));
-    EXPECT_EQ(h.runtime->warmUpProbes(), 40);
-}
-
 TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStart) {
     RuntimeHarness h;
     TonaviConfig persisted = TonaviConfig::firstRunDefaults();

@@ -196,27 +196,6 @@ TEST(TonaviDeviceManager, PreferredOrderIsEnforcedUnlessTheUserIsSwitchingOrChos
     }
 }
 
-TEST(TonaviDeviceManager, BlockingSwitchGivesBluetoothLongerAndSeesADroppedWrite) {
-    struct Case {
-        const char* uid;
-        std::uint32_t settleReads;
-        bool dropWrite, expected;
-    };
-    // 45 reads are beyond a wired switch's 20 polls and within Bluetooth's 50.
-    for (const auto& c :
-         std::vector<Case>{{buds, 45, false, true}, {usb, 45, false, false}, {usb, 0, true, false}}) {
-        DeviceHarness h;
-        h.machine.mutate([&](SimWorld& w) {
-            w.deviceByUID(c.uid)->settleReads = c.settleReads;
-            return c.dropWrite ? w.failNext(SimOperation::setProperty, 1, noErr,
-                                            kAudioHardwarePropertyDefaultOutputDevice)
-                               : std::string();
-        });
-        EXPECT_EQ(h.manager->setDefaultOutputVerified(c.uid), c.expected) << c.uid;
-        EXPECT_EQ(h.defaultOutput(), c.expected ? c.uid : speakers) << c.uid;
-    }
-}
-
 TEST(TonaviDeviceManager, NonblockingSwitchWaitsOutASlowRouteAndRefusesAHiddenOne) {
     {
         DeviceHarness h;

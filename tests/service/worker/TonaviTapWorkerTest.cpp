@@ -1,5 +1,5 @@
-// The real worker executable: its exit statuses and its parent watch. (A whole tap through a worker is
-// the end-to-end mixing test's.)
+// The real worker executable's exit statuses. (A whole tap through a worker, and workers ending with a
+// killed service, are the end-to-end mixing test's.)
 
 #include "service/worker/TapWorkerEnvelope.hpp"
 #include "service/worker/TapWorkerProcess.hpp"
@@ -11,9 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <future>
 
 using namespace tonavi;
@@ -64,18 +61,6 @@ std::string stateLine(const std::string& bundleID) {
     return TapWorkerEnvelope::makeState(state).line();
 }
 
-bool hasThreadNamed(int pid, const std::string& name) {
-    std::error_code error;
-    for (const auto& task :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", error)) {
-        std::ifstream comm(task.path() / "comm");
-        std::string line;
-        if (std::getline(comm, line) && line == name)
-            return true;
-    }
-    return false;
-}
-
 const std::string failureLine = "{\"kind\":\"failure\",\"message\":\"missing initial render state\"}\n";
 
 } // namespace
@@ -110,57 +95,4 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
         EXPECT_EQ(outcome.status, c.status) << c.input;
         EXPECT_EQ(outcome.output, c.output) << c.input;
     }
-}
-
-TEST(TonaviTapWorker, ExitsWith70WhenItsParentIsAlreadyGone) {
-    // As the first process of a new process namespace, the worker sees no parent at all.
-    auto unshare = [](std::vector<std::string> command) {
-        command.insert(command.begin(), {"--pid", "--fork", "--user", "--map-root-user"});
-        return command;
-    };
-    if (runWorker("/usr/bin/unshare", unshare({"/bin/true"}), "").status != 0)
-        GTEST_SKIP() << "no unprivileged process namespaces here";
-    auto outcome = runWorker("/usr/bin/unshare",
-                             unshare({serviceExecutable(), "--tonavi-tap-worker", "com.example.player"}),
-                             stateLine("com.example.player"));
-    EXPECT_EQ(outcome.status, 70);
-    EXPECT_EQ(outcome.output, "");
-}
-
-TEST(TonaviTapWorker, DiesWithItsParentEvenWhenTheParentIsKilledOutright) {
-    // The shell starts the worker behind `cat`, which keeps the worker's stdin open, so only the
-    // parent watch can end it when the shell is killed.
-    // (A background command's stdin would be /dev/null without the explicit descriptor.)
-    const std::string command = "exec 3<&0; cat <&3 | '" + serviceExecutable() +
-                                "' --tonavi-tap-worker com.example.player & echo $!; wait";
-    std::string error;
-    auto shell =
-        TapWorkerProcess::launch("/bin/sh", {"-c", command}, DispatchQueue::global(QoS::utility), {}, error);
-    ASSERT_TRUE(shell) << error;
-    auto pid = std::make_shared<std::promise<int>>();
-    auto text = std::make_shared<std::string>();
-    shell->startReading([pid, text](std::string_view bytes) {
-        if (text->find('\n') != std::string::npos)
-            return;
-        text->append(bytes);
-        if (text->find('\n') != std::string::npos)
-            pid->set_value(std::stoi(*text));
-    });
-    auto future = pid->get_future();
-    ASSERT_EQ(future.wait_for(5s), std::future_status::ready);
-    const int worker = future.get();
-    // Waiting for its first state, with its parent watch in place.
-    ASSERT_TRUE(eventually([&] { return hasThreadNamed(worker, "tonavi.pidwatch"); }, 5s));
-
-    shell->kill();
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-    const auto limit = 5s; // an instrumented exit writes its reports first
-#else
-    const auto limit = 1s;
-#endif
-    EXPECT_TRUE(eventually([&] { return processEnded(worker); }, limit))
-        << "worker " << worker << " outlived its parent";
-    shell->closeInput(); // ends `cat`
-    if (!processEnded(worker))
-        ::kill(worker, SIGKILL);
 }
