@@ -96,32 +96,6 @@ TEST(OutputSelection, ADroppedWriteFailsNamingTheOutputThatStayed) {
     EXPECT_TRUE(h.onDisk().devices.empty()); // no preference learnt from a failure
 }
 
-TEST(OutputSelection, HeadphonesThatArriveTakeTheOutputWithoutBecomingThePreference) {
-    RuntimeHarness h;
-    h.startReady();
-    h.machine->mutate([](SimWorld& w) {
-        SimDevice phones;
-        phones.id = w.allocateID();
-        phones.uid = "11-22-33-44-55-66:output";
-        phones.name = "Studio Headphones";
-        phones.transport = kAudioDeviceTransportTypeBluetooth;
-        phones.outputStreams = {2};
-        w.devices.push_back(phones);
-        return std::string();
-    });
-    ASSERT_TRUE(advanceUntil(h, [&] { return defaultOutput(h) == "11-22-33-44-55-66:output"; }))
-        << readText(h.folder.path() / "service.log");
-    EXPECT_TRUE(waitUntil([&] {
-        return readText(h.folder.path() / "service.log")
-                   .find("tonavi: automatically switched output to reconnected device "
-                         "11-22-33-44-55-66:output") != std::string::npos;
-    }));
-    const TonaviConfig live =
-        h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().config(); });
-    for (const auto& d : live.devices)
-        EXPECT_FALSE(d.preferredRank.has_value()) << d.id;
-}
-
 TEST(DeviceRequests, HiddenDevicesAreRefusedAndTheDefaultCannotBeHidden) {
     RuntimeHarness h;
     h.startReady();

@@ -146,31 +146,6 @@ TEST(RuntimePersistence, AVolumeStreamIsWrittenOnceAQuarterSecondAfterItsLastUpd
     EXPECT_EQ(writes(), 3);
 }
 
-TEST(RuntimePersistence, ASaveKeepsTheUserInterfaceSettingsOnDiskUnlessTheFileIsUnreadable) {
-    for (const bool unreadable : {false, true}) {
-        SCOPED_TRACE(unreadable ? "unreadable file" : "readable file");
-        RuntimeHarness h;
-        h.startReady();
-        const TonaviConfig memory = h.runtime->engine().config();
-        // The user interface writes its own settings behind the service's back.
-        TonaviConfig edited = h.onDisk();
-        edited.startAtLogin = !memory.startAtLogin;
-        edited.superVolumeKeys = !memory.superVolumeKeys;
-        edited.ui.theme = "chosen-in-the-ui";
-        h.store->save(edited);
-        if (unreadable)
-            writeText(h.store->configURL(), "not json");
-
-        ASSERT_TRUE(h.send(R::SetAppMuted{"com.apple.Safari", true}).ok);
-        const TonaviConfig disk = h.onDisk();
-        EXPECT_TRUE(disk.app("com.apple.Safari")->muted);
-        const TonaviConfig& expected = unreadable ? memory : edited;
-        EXPECT_EQ(disk.startAtLogin, expected.startAtLogin);
-        EXPECT_EQ(disk.superVolumeKeys, expected.superVolumeKeys);
-        EXPECT_EQ(disk.ui, expected.ui);
-    }
-}
-
 TEST(RuntimeTapWork, RequestsForOneKeyDuringAPassGiveExactlyOneMorePass) {
     RuntimeHarness h;
     h.start();
