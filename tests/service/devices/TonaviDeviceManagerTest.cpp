@@ -196,23 +196,5 @@ TEST(TonaviDeviceManager, PreferredOrderIsEnforcedUnlessTheUserIsSwitchingOrChos
     }
 }
 
-TEST(TonaviDeviceManager, NonblockingSwitchWaitsOutASlowRouteAndRefusesAHiddenOne) {
-    {
-        DeviceHarness h;
-        h.machine.mutate([](SimWorld& w) {
-            w.deviceByUID(buds)->settleReads = 120;
-            return std::string();
-        });
-        EXPECT_EQ(h.switchAsync(buds), true);
-        EXPECT_EQ(h.defaultOutput(), buds);
-    }
-    {
-        DeviceHarness h;
-        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings(usb, 100, true)}); });
-        EXPECT_EQ(h.switchAsync(usb), false);
-        EXPECT_EQ(h.defaultOutput(), speakers);
-    }
-}
-
 } // namespace
 } // namespace tonavi::testing
