@@ -175,35 +175,3 @@ TEST(RuntimeTapWork, RequestsForOneKeyDuringAPassGiveExactlyOneMorePass) {
     ASSERT_TRUE(waitUntil([&] { return other.load(); }));
     EXPECT_EQ(passes.load(), 2);
 }
-
-TEST(RuntimeSleep, WakeBeforeTheWarmUpHasFinishedRebuildsNothing) {
-    RuntimeHarness h;
-    auto setAsleep = [&](bool asleep) {
-        ASSERT_EQ(h.machine->mutate([&](SimWorld& world) {
-            world.asleep = asleep;
-            return std::string();
-        }),
-                  "");
-    };
-    h.start();
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 1; }));
-    setAsleep(true);
-    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
-    setAsleep(false);
-    h.advance(0.25);
-    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
-
-    h.advance(0.25); // the warm-up ends
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->coreAudioReady(); }));
-    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.5}).ok);
-    EXPECT_FALSE(h.runtime->engine().hasTap("com.apple.Safari")); // still suspended
-
-    // A sleep and wake after the warm-up resumes the engine, and the tap comes back.
-    setAsleep(true);
-    setAsleep(false);
-    h.advance(0.24);
-    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
-    h.advance(0.01);
-    EXPECT_FALSE(h.runtime->engine().hardwareSuspended());
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.apple.Safari"); }));
-}
