@@ -76,22 +76,6 @@ TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndTheLevelOfEachTap) {
     EXPECT_EQ(status.devices.size(), 6u);
 }
 
-TEST(Discovery, ARunningOutputEdgeMakesItsOwnerEligibleAtOnce) {
-    RuntimeHarness h;
-    h.startReady();
-    h.settleDiscovery();
-    TonaviRuntime& rt = *h.runtime;
-    EXPECT_EQ(onQueue<std::size_t>(rt, [&] { return rt.armedOutputListenerCount(); }), 5u);
-    EXPECT_FALSE(onQueue<bool>(rt, [&] { return rt.outputEligible().contains(safari); }));
-
-    // The helper starts: the browser becomes eligible without waiting for a snapshot.
-    ASSERT_EQ(h.machine->mutate(
-                  [](SimWorld& w) { return w.setPlaying("com.apple.WebKit.GPU", true, std::nullopt); }),
-              "");
-    EXPECT_TRUE(
-        waitUntil([&] { return onQueue<bool>(rt, [&] { return rt.outputEligible().contains(safari); }); }));
-}
-
 TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence) {
     RuntimeHarness h;
     h.startReady();

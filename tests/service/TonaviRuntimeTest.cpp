@@ -145,33 +145,3 @@ TEST(RuntimePersistence, AVolumeStreamIsWrittenOnceAQuarterSecondAfterItsLastUpd
     h.advance(1.0);
     EXPECT_EQ(writes(), 3);
 }
-
-TEST(RuntimeTapWork, RequestsForOneKeyDuringAPassGiveExactlyOneMorePass) {
-    RuntimeHarness h;
-    h.start();
-    std::mutex m;
-    std::condition_variable cv;
-    bool release = false;
-    std::atomic<int> passes{0};
-    auto work = [&] {
-        ++passes;
-        std::unique_lock lock(m);
-        cv.wait(lock, [&] { return release; });
-    };
-    h.runtime->scheduleTapWork("k", work);
-    ASSERT_TRUE(waitUntil([&] { return passes.load() == 1; }));
-    for (int i = 0; i < 100; ++i)
-        h.runtime->scheduleTapWork("k", work);
-    {
-        std::lock_guard lock(m);
-        release = true;
-    }
-    cv.notify_all();
-    ASSERT_TRUE(waitUntil([&] { return passes.load() == 2; }));
-    // A new request after the key went idle starts a pass of its own.
-    h.runtime->serialQueue().sync([] {});
-    std::atomic<bool> other{false};
-    h.runtime->scheduleTapWork("other", [&] { other = true; });
-    ASSERT_TRUE(waitUntil([&] { return other.load(); }));
-    EXPECT_EQ(passes.load(), 2);
-}
