@@ -94,12 +94,7 @@ TEST(AppRequests, MutationsKeepWhatTheyDoNotName) {
 
 TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
     const std::string routing = *TonaviTapSafety::blockedBundleIDs().begin();
-    struct Case {
-        const char* name;
-        R::Value request;
-        const char* message;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, R::Value, const char*> cases[] = {
         {"capture of a routing process", R::SetAppVolume{routing, 0.5},
          "That process is audio-routing infrastructure and cannot be captured."},
         {"change of a hidden app", R::SetAppMuted{"com.hidden.App", true},
@@ -113,8 +108,8 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         {"an order with a duplicate", R::SetAppDisplayOrder{{safari, "com.google.Chrome", safari}},
          "App order contains duplicate entries."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, request, message] : cases) {
+        SCOPED_TRACE(name);
         RuntimeHarness h;
         TonaviConfig persisted = TonaviConfig::firstRunDefaults();
         persisted.hiddenAppIDs.push_back("com.hidden.App");
@@ -123,9 +118,9 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         h.settleDiscovery();
         const TonaviConfig before = h.runtime->engine().config();
         const std::string diskBefore = readText(h.store->configURL());
-        const TonaviReply reply = h.send(c.request);
+        const TonaviReply reply = h.send(request);
         EXPECT_FALSE(reply.ok);
-        EXPECT_EQ(reply.message, c.message);
+        EXPECT_EQ(reply.message, message);
         EXPECT_TRUE(reply.status.has_value());
         EXPECT_EQ(h.runtime->engine().config(), before);
         EXPECT_EQ(readText(h.store->configURL()), diskBefore);

@@ -70,17 +70,16 @@ TEST(TonaviDeviceManager, VolumeWritesReachEveryChannelAndRespectTheMaximum) {
     EXPECT_TRUE(h.manager->setVolume(h.id(speakers), 0.3));
     EXPECT_FLOAT_EQ(h.machine.world()->deviceByUID(speakers)->volumeElements.at(2), 0.3f);
 
-    struct Case {
-        double maxPercent;
-        float volume, enforced;
-    };
-    for (const auto& c : std::vector<Case>{{100, 1.0f, 1.0f}, {50, 0.501f, 0.501f}, {50, 0.52f, 0.5f}}) {
-        h.machine.mutate([&](SimWorld& w) { return w.setVolume(usb, c.volume); });
+    // Maximum percent, volume found, volume enforced.
+    for (const auto& c :
+         std::vector<std::array<float, 3>>{{100, 1.0f, 1.0f}, {50, 0.501f, 0.501f}, {50, 0.52f, 0.5f}}) {
+        const auto [maxPercent, volume, enforced] = c;
+        h.machine.mutate([&](SimWorld& w) { return w.setVolume(usb, volume); });
         h.onQueue([&] {
-            h.manager->updateSettingsOnly({deviceSettings(usb, c.maxPercent)});
+            h.manager->updateSettingsOnly({deviceSettings(usb, maxPercent)});
             h.manager->enforceMaxVolumes();
         });
-        EXPECT_NEAR(*h.manager->volume(h.id(usb)), c.enforced, 1e-6) << c.maxPercent << " " << c.volume;
+        EXPECT_NEAR(*h.manager->volume(h.id(usb)), enforced, 1e-6) << maxPercent << " " << volume;
     }
     EXPECT_TRUE(h.manager->setVolume(h.id(usb), 0.8));
     EXPECT_NEAR(*h.manager->volume(h.id(usb)), 0.5, 1e-6);

@@ -74,6 +74,7 @@ class IsolatedProviderTest : public ::testing::Test {
         return provider;
     }
     std::string log() const { return folder.read("service.log"); }
+    bool logged(const std::string& line) const { return log().find(line) != std::string::npos; }
     std::size_t failureCount() {
         return locked([&] { return failures.size(); });
     }
@@ -109,9 +110,8 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     EXPECT_FALSE(provider->ioStale("com.example.player", 6.0));
     now = 1006.5;
     EXPECT_TRUE(provider->ioStale("com.example.player", 6.0));
-    EXPECT_NE(log().find("tonavi: isolated tap helper " + std::to_string(handle->pid()) +
-                         " owns com.example.player"),
-              std::string::npos);
+    EXPECT_TRUE(
+        logged("tonavi: isolated tap helper " + std::to_string(handle->pid()) + " owns com.example.player"));
 
     locked([&] { volume = 0.8; });
     provider->syncStates();
@@ -125,8 +125,7 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     EXPECT_EQ(provider->liveHandle("com.example.player"), nullptr);
     EXPECT_TRUE(eventually([&] { return handle->process->terminationStatus() == 0; }, 5s));
     EXPECT_NE(folder.read("received-com.example.player").find("{\"action\":\"stop\"}"), std::string::npos);
-    EXPECT_NE(log().find("tonavi: isolated tap helper released com.example.player; direct path restored"),
-              std::string::npos);
+    EXPECT_TRUE(logged("tonavi: isolated tap helper released com.example.player; direct path restored"));
     EXPECT_EQ(failureCount(), 0u) << "a worker that exits on stop is no failure";
 }
 
@@ -151,11 +150,7 @@ while read line; do case "$line" in *stop*) exit 0;; esac; done)"));
 }
 
 TEST_F(IsolatedProviderTest, AStartThatFailsOrNeedNotHappenLeavesNoWorkerAndSaysWhy) {
-    struct Case {
-        const char* script;
-        const char* cause;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {R"(read line; printf '{"kind":"failure","message":"Core Audio tap creation failed"}\n'; exit 66)",
          "Core Audio tap creation failed"},
         {R"(read line; printf '{"kind":"failure"}\n'; read line)", "tap helper failed"},
@@ -164,14 +159,12 @@ TEST_F(IsolatedProviderTest, AStartThatFailsOrNeedNotHappenLeavesNoWorkerAndSays
         {"trap '' TERM; read line; exec sleep 30", "tap helper start timed out"},
     };
     int n = 0;
-    for (const auto& c : cases) {
+    for (const auto& [script, cause] : cases) {
         const std::string id = "com.example.app" + std::to_string(n);
-        auto provider = makeProvider(folder.script("worker" + std::to_string(n++), c.script), 400ms);
-        EXPECT_EQ(provider->createTap(id), nullptr) << c.script;
-        EXPECT_NE(log().find("tonavi: isolated tap helper failed for " + id + ": " + c.cause),
-                  std::string::npos)
-            << c.script << "\n"
-            << log();
+        auto provider = makeProvider(folder.script("worker" + std::to_string(n++), script), 400ms);
+        EXPECT_EQ(provider->createTap(id), nullptr) << script;
+        EXPECT_TRUE(logged("tonavi: isolated tap helper failed for " + id + ": " + cause)) << script << "\n"
+                                                                                           << log();
         EXPECT_EQ(provider->liveHandle(id), nullptr);
     }
     // Nothing is launched for an app that may not or need not be tapped.
@@ -184,10 +177,8 @@ TEST_F(IsolatedProviderTest, AStartThatFailsOrNeedNotHappenLeavesNoWorkerAndSays
 
     auto missing = makeProvider(folder.path + "/no-such-worker");
     EXPECT_EQ(missing->createTap("com.example.player"), nullptr);
-    EXPECT_NE(
-        log().find(
-            "tonavi: could not launch isolated tap helper for com.example.player: No such file or directory"),
-        std::string::npos);
+    EXPECT_TRUE(logged(
+        "tonavi: could not launch isolated tap helper for com.example.player: No such file or directory"));
     EXPECT_EQ(failureCount(), 0u);
 }
 
@@ -207,19 +198,15 @@ TEST_F(IsolatedProviderTest, AKilledWorkerIsReportedOnceAndFailingRestartsFollow
 
     std::ofstream(folder.path + "/fail") << "1";
     const double start = uptime.load();
-    struct Attempt {
-        double at;
-        bool launches;
-    };
     // Same cause: 2, 4, 8 s apart. The first attempt after a success goes at once.
-    const Attempt attempts[] = {{0, true},   {1.9, false},  {2.0, true}, {5.9, false},
-                                {6.0, true}, {13.9, false}, {14.0, true}};
+    const std::pair<double, bool> attempts[] = {{0, true},   {1.9, false},  {2.0, true}, {5.9, false},
+                                                {6.0, true}, {13.9, false}, {14.0, true}};
     int launches = folder.lineCount("launches");
-    for (const auto& attempt : attempts) {
-        uptime = start + attempt.at;
+    for (const auto& [at, launched] : attempts) {
+        uptime = start + at;
         EXPECT_EQ(provider->createTap("com.example.player"), nullptr);
-        launches += attempt.launches;
-        EXPECT_EQ(folder.lineCount("launches"), launches) << "at +" << attempt.at;
+        launches += launched;
+        EXPECT_EQ(folder.lineCount("launches"), launches) << "at +" << at;
     }
     locked([&] { defaultOutput = "Headphones"; });
     EXPECT_EQ(provider->createTap("com.example.player"), nullptr);
