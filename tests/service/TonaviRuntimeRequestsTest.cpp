@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 using namespace tonavi;
 using namespace tonavi::testing;
 using R = TonaviRequest;
@@ -30,97 +32,69 @@ std::string defaultOutputUID(RuntimeHarness& h) {
 } // namespace
 
 TEST(AppRequests, ValuesAreClampedToTheirRanges) {
-    struct Case {
-        const char* name;
-        R::Value request;
-        std::function<void(RuntimeHarness&, const AppAudioState&)> check;
+    using Read = double (*)(const AppAudioState&);
+    const Read volume = [](const AppAudioState&a) { return a.volume; },
+               boost = [](const AppAudioState&a) { return a.chain.overdrive.multiplier; },
+               mutedFor = [](const AppAudioState&a) {
+                   return a.timedMuteUntil.value_or(0) - 1'700'000'000.0;
+               };
+    const std::tuple<const char*, R::Value, Read, double> cases[] = {
+        {"volume above one", R::SetAppVolume{safari, 1.5}, volume, 1.0},
+        {"volume below zero", R::SetAppVolume{safari, -1.0}, volume, 0.0},
+        {"boost below one", R::SetAppBoost{safari, 0.5}, boost, 1.0},
+        {"boost above four", R::SetAppBoost{safari, 9.0}, boost, 4.0},
+        {"timed mute below a second", R::SetTimedMute{safari, 0.2}, mutedFor, 1.0},
+        {"timed mute above a day", R::SetTimedMute{safari, 100000.0}, mutedFor, 86400.0},
     };
-    const Case cases[] = {
-        {"volume above one", R::SetAppVolume{safari, 1.5},
-         [](RuntimeHarness& h, const AppAudioState& a) {
-             EXPECT_DOUBLE_EQ(a.volume, 1.0);
-             EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), 1.0);
-             EXPECT_TRUE(a.controlAttached);
-         }},
-        {"volume below zero", R::SetAppVolume{safari, -1.0},
-         [](RuntimeHarness& h, const AppAudioState& a) {
-             EXPECT_DOUBLE_EQ(a.volume, 0.0);
-             EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), 0.0);
-         }},
-        {"boost below one", R::SetAppBoost{safari, 0.5},
-         [](RuntimeHarness&, const AppAudioState& a) {
-             EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 1.0);
-         }},
-        {"boost above four", R::SetAppBoost{safari, 9.0},
-         [](RuntimeHarness&, const AppAudioState& a) {
-             EXPECT_DOUBLE_EQ(a.chain.overdrive.multiplier, 4.0);
-         }},
-        {"timed mute below a second", R::SetTimedMute{safari, 0.2},
-         [](RuntimeHarness& h, const AppAudioState& a) {
-             EXPECT_DOUBLE_EQ(a.timedMuteUntil.value_or(0), h.wall.load() + 1.0);
-             EXPECT_FALSE(a.muted);
-         }},
-        {"timed mute above a day", R::SetTimedMute{safari, 100000.0},
-         [](RuntimeHarness& h, const AppAudioState& a) {
-             EXPECT_DOUBLE_EQ(a.timedMuteUntil.value_or(0), h.wall.load() + 86400.0);
-         }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, request, read, expected] : cases) {
+        SCOPED_TRACE(name);
         RuntimeHarness h;
         h.start();
-        const TonaviReply reply = h.send(c.request);
+        const TonaviReply reply = h.send(request);
         ASSERT_TRUE(reply.ok) << reply.message;
         ASSERT_NE(liveApp(reply, safari), nullptr);
-        c.check(h, *h.runtime->engine().config().app(safari));
-        c.check(h, *h.onDisk().app(safari));
+        for (const AppAudioState& a : {*h.runtime->engine().config().app(safari), *h.onDisk().app(safari)}) {
+            EXPECT_DOUBLE_EQ(read(a), expected);
+            EXPECT_FALSE(a.muted); // a timed mute is no mute
+            if (read == volume) {
+                EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), expected);
+                EXPECT_TRUE(a.controlAttached);
+            }
+        }
     }
 }
 
 TEST(AppRequests, MutationsKeepWhatTheyDoNotName) {
     RuntimeHarness h;
     h.start();
+    auto row = [&] {
+        const AppAudioState a = *h.runtime->engine().config().app(safari);
+        std::ostringstream text;
+        text << a.displayName << " volume " << a.volume << (a.muted ? " muted" : "")
+             << (a.timedMuteUntil ? " timed" : "") << (a.muteWhileBypassed ? " held" : "")
+             << (a.steadyVolume ? " steady" : "") << (a.controlAttached ? " attached" : "") << " devices "
+             << a.volumePerDevice.size() << (EngagementEngine::isEngaged(a) ? " engaged" : "");
+        return text.str();
+    };
     ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
     ASSERT_TRUE(h.send(R::SetTimedMute{safari, 60}).ok);
-    // An explicit mute ends the timed one; the volume stays.
+    // An explicit mute ends the timed one; the volume stays, and engaging an engaged app changes nothing.
     ASSERT_TRUE(h.send(R::SetAppMuted{safari, true}).ok);
-    AppAudioState row = *h.runtime->engine().config().app(safari);
-    EXPECT_FALSE(row.timedMuteUntil.has_value());
-    EXPECT_TRUE(row.muted);
-    EXPECT_FALSE(row.muteWhileBypassed); // not direct-locked
-    EXPECT_DOUBLE_EQ(row.volume, 0.5);
-
-    // engageApp on an engaged app changes nothing.
     ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
-    EXPECT_EQ(*h.runtime->engine().config().app(safari), row);
-
+    EXPECT_EQ(row(), "Safari volume 0.5 muted attached devices 1 engaged");
     // Back to neutral keeps steady volume and the display name.
     ASSERT_TRUE(h.send(R::SetAppSteadyVolume{safari, true}).ok);
     ASSERT_TRUE(h.send(R::DisengageApp{safari}).ok);
-    row = *h.runtime->engine().config().app(safari);
-    EXPECT_DOUBLE_EQ(row.volume, 1.0);
-    EXPECT_FALSE(row.muted);
-    EXPECT_TRUE(row.volumePerDevice.empty());
-    EXPECT_FALSE(row.controlAttached);
-    EXPECT_TRUE(row.steadyVolume);
-    EXPECT_EQ(row.displayName, "Safari");
-
+    EXPECT_EQ(row(), "Safari volume 1 steady devices 0 engaged"); // steady volume alone engages
     // A neutral app that is engaged by hand keeps 0.9999, which is still not engaged.
     ASSERT_TRUE(h.send(R::SetAppSteadyVolume{safari, false}).ok);
     ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
-    row = *h.runtime->engine().config().app(safari);
-    EXPECT_DOUBLE_EQ(row.volume, 0.9999);
-    EXPECT_FALSE(EngagementEngine::isEngaged(row));
+    EXPECT_EQ(row(), "Safari volume 0.9999 devices 0");
 }
 
 TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
     const std::string routing = *TonaviTapSafety::blockedBundleIDs().begin();
-    struct Case {
-        const char* name;
-        R::Value request;
-        const char* message;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, R::Value, const char*> cases[] = {
         {"capture of a routing process", R::SetAppVolume{routing, 0.5},
          "That process is audio-routing infrastructure and cannot be captured."},
         {"change of a hidden app", R::SetAppMuted{"com.hidden.App", true},
@@ -134,8 +108,8 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         {"an order with a duplicate", R::SetAppDisplayOrder{{safari, "com.google.Chrome", safari}},
          "App order contains duplicate entries."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, request, message] : cases) {
+        SCOPED_TRACE(name);
         RuntimeHarness h;
         TonaviConfig persisted = TonaviConfig::firstRunDefaults();
         persisted.hiddenAppIDs.push_back("com.hidden.App");
@@ -144,9 +118,9 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         h.settleDiscovery();
         const TonaviConfig before = h.runtime->engine().config();
         const std::string diskBefore = readText(h.store->configURL());
-        const TonaviReply reply = h.send(c.request);
+        const TonaviReply reply = h.send(request);
         EXPECT_FALSE(reply.ok);
-        EXPECT_EQ(reply.message, c.message);
+        EXPECT_EQ(reply.message, message);
         EXPECT_TRUE(reply.status.has_value());
         EXPECT_EQ(h.runtime->engine().config(), before);
         EXPECT_EQ(readText(h.store->configURL()), diskBefore);
@@ -172,25 +146,34 @@ TEST(AppRequests, MuteOnADirectLockedAppKeepsItEligibleForASilencingTap) {
     EXPECT_FALSE(h.runtime->engine().hasTap("com.google.Chrome"));
 }
 
-TEST(AppRequests, SoloIsRefusedInStageModeButAnEmptyListClearsIt) {
+TEST(AppRequests, SoloIsRefusedInStageModeEndsWithAnEmptyListOrWhenItsAppIsHidden) {
     RuntimeHarness h;
     h.start();
     ASSERT_TRUE(h.send(R::SetAppSolo{safari, true}).ok);
     EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{safari});
 
-    const TonaviReply stage = h.send(R::StageMode{true});
-    ASSERT_TRUE(stage.ok);
-    EXPECT_EQ(stage.message,
+    EXPECT_EQ(h.send(R::StageMode{true}).message,
               "stage mode ON: every tap released; muted apps are audible until you turn it off");
     const TonaviReply refused = h.send(R::SetSoloApps{{safari}});
     EXPECT_FALSE(refused.ok);
     EXPECT_EQ(refused.message, "Turn off Bypass All before starting Solo.");
-    const TonaviReply cleared = h.send(R::SetSoloApps{{}});
-    EXPECT_TRUE(cleared.ok);
+    EXPECT_TRUE(h.send(R::SetSoloApps{{}}).ok);
     EXPECT_FALSE(h.runtime->engine().soloActive());
     EXPECT_TRUE(h.onDisk().stageModePersisted);
 
     EXPECT_EQ(h.send(R::StageMode{false}).message, "stage mode off: every setting restored, mutes included");
+
+    // Hiding an app ends its solo; restoring it brings the app back.
+    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
+    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
+    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
+    EXPECT_EQ(liveApp(hidden, safari), nullptr);
+    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
+    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
+    EXPECT_EQ(restored.message, "App restored to Tonavi.");
+    EXPECT_NE(liveApp(restored, safari), nullptr);
+    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }
 
 TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
@@ -208,9 +191,8 @@ TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
     std::map<std::string, std::int64_t> ranks;
     for (const auto& app : h.onDisk().apps)
         ranks[app.id] = app.displayRank.value_or(-1);
-    const std::map<std::string, std::int64_t> expected{
-        {"a.One", 0}, {"d.Four", 1}, {"c.Three", 2}, {"b.Two", 3}, {"e.Five", 4}};
-    EXPECT_EQ(ranks, expected);
+    EXPECT_EQ(ranks, (std::map<std::string, std::int64_t>{
+                         {"a.One", 0}, {"d.Four", 1}, {"c.Three", 2}, {"b.Two", 3}, {"e.Five", 4}}));
     EXPECT_EQ(h.runtime->engine().config().app("e.Five")->displayName, "Five");
 }
 
@@ -240,57 +222,15 @@ TEST(AppRequests, RedirectToAnotherAppsLockedLaneIsRefusedAndTheTapStillRefreshe
 TEST(Requests, ThoseWithoutAStatusAndThoseNotAvailableYet) {
     RuntimeHarness h;
     h.start();
-    const TonaviReply ping = h.send(R::Ping{});
-    EXPECT_TRUE(ping.ok);
-    EXPECT_EQ(ping.message, "tonavi 9.9-test");
-    EXPECT_FALSE(ping.status.has_value());
-
+    EXPECT_FALSE(h.send(R::Ping{}).status.has_value());
     const TonaviReply shutdown = h.send(R::Shutdown{});
     EXPECT_TRUE(shutdown.ok);
     EXPECT_EQ(shutdown.message, "audio returned to the OS");
     EXPECT_FALSE(shutdown.status.has_value());
-
-    for (const R::Value& value : {R::Value{R::LoadConfig{"scene"}}, R::Value{R::SetMIDIMapping{}}}) {
-        const TonaviRequest request{value};
-        SCOPED_TRACE(std::string(request.caseName()));
-        const TonaviReply reply = h.runtime->handle(request);
-        EXPECT_FALSE(reply.ok);
-        EXPECT_NE(reply.message.find("not available yet"), std::string::npos);
-        EXPECT_EQ(reply.message.rfind(std::string(request.caseName()), 0), 0u);
-    }
-}
-
-TEST(Status, BeforeTheFirstProcessSnapshotAppsComeFromTheConfigurationAndDevicesFromStartUp) {
-    RuntimeHarness h;
-    h.start();
-    const TonaviReply reply = h.send(R::Status{});
-    ASSERT_TRUE(reply.ok);
-    EXPECT_EQ(reply.message, "");
-    const TonaviStatus& status = *reply.status;
-    EXPECT_EQ(status.devices.size(), 6u);
-    EXPECT_DOUBLE_EQ(status.sampleRate, 48000.0);
-    EXPECT_EQ(status.defaultOutputUID, "BuiltInSpeakerDevice");
-    EXPECT_FALSE(status.outputVolumeIsSoft);
-    EXPECT_DOUBLE_EQ(status.outputVolume, 0.5);
-    EXPECT_EQ(status.apps.size(), TonaviConfig::firstRunDefaults().apps.size());
-    EXPECT_FALSE(status.anyEngaged);
-    for (const auto& app : status.apps) {
-        EXPECT_FALSE(app.engaged);
-        EXPECT_EQ(app.addedLatencySamples, 0);
-        EXPECT_TRUE(app.displayRank.has_value()); // placed in the user's order
-    }
-    // Ordered by the rank the status just gave, which follows the names.
-    for (std::size_t i = 1; i < status.apps.size(); ++i)
-        EXPECT_LT(*status.apps[i - 1].displayRank, *status.apps[i].displayRank);
-}
-
-TEST(Status, DisplayNamesFallBackToTheLastPieceOfTheIdentifier) {
-    RuntimeHarness h;
-    h.start();
-    const std::pair<const char*, const char*> cases[] = {
-        {"com.apple.Music", "Music"}, {"us.zoom.XOS", "Xos"}, {"single", "Single"}, {"...", "..."}, {"", ""}};
-    for (const auto& [id, name] : cases)
-        EXPECT_EQ(h.runtime->displayName(id), name) << id;
+    const TonaviReply later = h.send(R::LoadConfig{"scene"});
+    EXPECT_FALSE(later.ok);
+    EXPECT_EQ(later.message.rfind("loadConfig", 0), 0u) << later.message;
+    EXPECT_NE(later.message.find("not available yet"), std::string::npos);
 }
 
 TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
@@ -315,24 +255,5 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     const Diagnostics document = TonaviPayload::decodeDiagnostics(*diagnostics.payload);
     EXPECT_EQ(document.version, "9.9-test");
     EXPECT_EQ(document.healthLog, all);
-    EXPECT_EQ(document.status.health.size(), 20u);
     EXPECT_EQ(document.config, h.runtime->engine().config());
-    EXPECT_EQ(document.auCount, 0);
-}
-
-TEST(AppRequests, HidingAnAppEndsItsSoloAndRestoringItBringsItBack) {
-    RuntimeHarness h;
-    h.start();
-    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
-    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
-    ASSERT_TRUE(hidden.ok);
-    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
-    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
-    EXPECT_EQ(liveApp(hidden, safari), nullptr);
-    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
-
-    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
-    EXPECT_EQ(restored.message, "App restored to Tonavi.");
-    EXPECT_NE(liveApp(restored, safari), nullptr);
-    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }

@@ -1,60 +1,36 @@
-// tonavictl's command words: what is refused before anything is sent, and the request each line becomes.
+// tonavictl's command words: what is refused before anything is sent, the request each line becomes,
+// and the devices table.
 
+#include "tools/tonavictl/CtlCommand.hpp"
 #include "audio/chain/ChainSettingsJSON.hpp"
 #include "audio/effects/EQPresets.hpp"
 #include "audio/effects/EffectSettingsJSON.hpp"
 #include "base/Encoding.hpp"
-#include "core/wire/TonaviStatus.hpp"
-#include "tools/tonavictl/CtlCommand.hpp"
+#include "tests/tools/SampleStatus.hpp"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 using namespace tonavi;
+using tonavi::testing::livingGroupUID;
+using tonavi::testing::sampleStatus;
 using R = TonaviRequest;
-
-namespace {
-
-TonaviStatus sampleStatus() {
-    TonaviStatus status;
-    AppLiveStatus music;
-    music.id = "com.apple.Music";
-    music.displayName = "Music";
-    music.volume = 1;
-    music.boost = 2;
-    AppLiveStatus safari;
-    safari.id = "com.apple.Safari";
-    safari.displayName = "Safari";
-    safari.volume = 1;
-    safari.boost = 1;
-    status.apps = {music, safari};
-    DeviceLiveStatus headphones;
-    headphones.id = "USB-HP";
-    headphones.name = "USB Headphones";
-    headphones.isOutput = true;
-    status.devices = {headphones};
-    return status;
-}
-
-CtlCommand::Parsed parse(std::vector<std::string> words) { return CtlCommand::parse(words); }
-
-} // namespace
+using Words = std::vector<std::string>;
 
 TEST(CtlCommand, WrongWordsAreRefusedWithWhatIsWrong) {
-    struct Case {
-        std::vector<std::string> words;
-        const char* error;
-    };
-    const Case cases[] = {
+    const std::string level = " give 0...1 or 0%...100%";
+    const std::pair<Words, std::string> cases[] = {
         {{}, "no command given"},
-        {{"volum", "Music", "0.5"}, "unknown command \"volum\"; did you mean volume? (tonavictl help lists the commands)"},
+        {{"volum", "Music", "0.5"},
+         "unknown command \"volum\"; did you mean volume? (tonavictl help lists the commands)"},
         {{"frobnicate"}, "unknown command \"frobnicate\" (tonavictl help lists the commands)"},
-        {{"volume", "Music"}, "volume takes an application and a level, e.g. volume Music 0.5 (tonavictl help)"},
-        {{"volume", "Music", "loud"}, "volume level \"loud\" is not a number; give 0...1 or 0%...100%"},
-        {{"volume", "Music", "0.5x"}, "volume level \"0.5x\" is not a number; give 0...1 or 0%...100%"},
-        {{"volume", "Music", "nan"}, "volume level \"nan\" is not a number; give 0...1 or 0%...100%"},
-        {{"volume", "Music", "1.5"}, "volume level 1.5 is out of range; give 0...1 or 0%...100%"},
-        {{"volume", "Music", "150%"}, "volume level 150% is out of range; give 0...1 or 0%...100%"},
+        {{"volume", "Music"},
+         "volume takes an application and a level, e.g. volume Music 0.5 (tonavictl help)"},
+        {{"volume", "Music", "loud"}, "volume level \"loud\" is not a number;" + level},
+        {{"volume", "Music", "0.5x"}, "volume level \"0.5x\" is not a number;" + level},
+        {{"volume", "Music", "nan"}, "volume level \"nan\" is not a number;" + level},
+        {{"volume", "Music", "1.5"}, "volume level 1.5 is out of range;" + level},
+        {{"volume", "Music", "150%"}, "volume level 150% is out of range;" + level},
         {{"boost", "Music", "5"}, "boost factor 5 is out of range; give 1...4"},
         {{"boost", "Music", "2%"}, "boost factor \"2%\" is not a number; give 1...4"},
         {{"mute", "Music", "Safari"}, "mute takes one application (tonavictl help)"},
@@ -63,27 +39,55 @@ TEST(CtlCommand, WrongWordsAreRefusedWithWhatIsWrong) {
         {{"redirect", "Music"}, "redirect takes an application and a device, or 'default' (tonavictl help)"},
         {{"eq", "Music", "Rokc"}, "no EQ preset is named \"Rokc\"; did you mean Rock?"},
         {{"eq", "Music", "Polka"},
-         "no EQ preset is named \"Polka\"; the presets are Flat, Acoustic, Bass Booster, Bass Reducer, Classical, "
-         "Dance, Deep, Electronic, Hip-Hop, Jazz, Latin, Loudness, Lounge, Piano, Pop, R&B, Rock, Small Speakers, "
-         "Spoken Word, Treble Booster, Treble Reducer, Vocal Booster, Metal, Podcast"},
+         "no EQ preset is named \"Polka\"; the presets are Flat, Acoustic, Bass Booster, Bass Reducer, "
+         "Classical, Dance, Deep, Electronic, Hip-Hop, Jazz, Latin, Loudness, Lounge, Piano, Pop, R&B, Rock, "
+         "Small Speakers, Spoken Word, Treble Booster, Treble Reducer, Vocal Booster, Metal, Podcast"},
         {{"eq", "Music"}, "eq takes an application and a preset name, or 'off' (tonavictl help)"},
         {{"status", "--xml"}, "status takes only --json, not \"--xml\""},
         {{"ping", "now"}, "ping takes no arguments"},
         {{"send"}, "send takes one argument, the request JSON in quotes"},
+        {{"output"}, "output takes one device (tonavictl help)"},
+        {{"device-volume", "USB", "2"}, "device volume \"2\" is not a level;" + level},
+        {{"prefer"}, "prefer takes one or more devices, most preferred first (tonavictl help)"},
+        {{"lock", "balance", "on"}, "lock takes volume, mute or rate, then on or off"},
+        {{"lock", "rate", "maybe"}, "lock takes volume, mute or rate, then on or off"},
+        {{"group", "create", "Desk", "BuiltIn"}, "group takes create NAME DEVICE DEVICE... or delete NAME"},
+        {{"devices", "--all"}, "devices takes no arguments"},
     };
-    for (const auto& c : cases) {
-        const auto parsed = CtlCommand::parse(c.words);
-        EXPECT_FALSE(parsed.command) << c.error;
-        EXPECT_EQ(parsed.error, c.error);
+    for (const auto& [words, error] : cases) {
+        const auto parsed = CtlCommand::parse(words);
+        EXPECT_FALSE(parsed.command) << error;
+        EXPECT_EQ(parsed.error, error);
     }
 }
 
-TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
-    struct Case {
-        std::vector<std::string> words;
-        TonaviRequest request;
+TEST(CtlCommand, NamesThatDoNotResolveStopTheRequest) {
+    const std::pair<Words, std::string> cases[] = {
+        {{"volume", "Musik", "0.5"},
+         "no application matches \"Musik\"; did you mean: Music (com.apple.Music)?"},
+        {{"solo", "Music", "Chrome"}, "no application matches \"Chrome\" (tonavictl status lists them)"},
+        {{"redirect", "Music", "AirPods"},
+         "no output device matches \"AirPods\" (tonavictl status lists them)"},
+        // An input is never an output, nor offered as one.
+        {{"output", "MacBook Pro Microphone"},
+         "no output device matches \"MacBook Pro Microphone\" (tonavictl status lists them)"},
+        {{"output", "macbook pro"},
+         "no output device matches \"macbook pro\"; did you mean: MacBook Pro Speakers (BuiltIn)?"},
+        {{"lock", "rate", "on"}, "no locks to change"},
     };
-    const Case cases[] = {
+    const auto status = sampleStatus();
+    for (const auto& [words, error] : cases)
+        EXPECT_EQ(CtlCommand::parse(words).command->toRequest(&status).error, error);
+    EXPECT_FALSE(CtlCommand::parse(Words{"stage", "on"}).command->needsStatus());
+    EXPECT_FALSE(CtlCommand::parse(Words{"solo"}).command->needsStatus());
+    EXPECT_TRUE(CtlCommand::parse(Words{"solo", "Music"}).command->needsStatus());
+    EXPECT_TRUE(CtlCommand::parse(Words{"eq", "Music", "Rock"}).command->needsStatus());
+    EXPECT_TRUE(CtlCommand::parse(Words{"lock", "rate", "on"}).command->needsLocks());
+}
+
+TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
+    const GlobalLocks locks{.mute = true}, volumeToo{.volume = true, .mute = true};
+    const std::pair<Words, TonaviRequest> cases[] = {
         {{"ping"}, R{R::Ping{}}},
         {{"status"}, R{R::Status{}}},
         {{"diagnostics"}, R{R::Diagnostics{}}},
@@ -92,7 +96,8 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
         {{"volume", "com.apple.Music", "0"}, R{R::SetAppVolume{"com.apple.Music", 0.0}}},
         {{"mute", "SAFARI"}, R{R::SetAppMuted{"com.apple.Safari", true}}},
         {{"unmute", "Safari"}, R{R::SetAppMuted{"com.apple.Safari", false}}},
-        {{"solo", "Safari", "music", "com.apple.Safari"}, R{R::SetSoloApps{{"com.apple.Safari", "com.apple.Music"}}}},
+        {{"solo", "Safari", "music", "com.apple.Safari"},
+         R{R::SetSoloApps{{"com.apple.Safari", "com.apple.Music"}}}},
         {{"solo"}, R{R::SetSoloApps{{}}}},
         {{"stage", "on"}, R{R::StageMode{true}}},
         {{"stage", "off"}, R{R::StageMode{false}}},
@@ -100,53 +105,57 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
         {{"redirect", "Music", "usb headphones"}, R{R::SetAppRedirect{"com.apple.Music", "USB-HP"}}},
         {{"redirect", "Music", "default"}, R{R::SetAppRedirect{"com.apple.Music", ""}}},
         {{"reset", "Music"}, R{R::ResetApp{"com.apple.Music"}}},
+        {{"eq", "Safari", "off"}, R{R::SetAppChain{"com.apple.Safari", kavore::ChainSettings::empty()}}},
+        {{"devices"}, R{R::ListDevices{}}},
+        {{"output", "desk cans"}, R{R::SetOutputDevice{"USB-HP"}}},
+        {{"output", "Living"}, R{R::SetOutputDevice{livingGroupUID}}},
+        {{"device-volume", "usb headphones", "40%"}, R{R::SetDeviceVolume{"USB-HP", 0.4}}},
+        {{"device-mute", "macbook pro microphone"}, R{R::SetDeviceMuted{"Mic", true}}},
+        {{"device-unmute", "BuiltIn"}, R{R::SetDeviceMuted{"BuiltIn", false}}},
+        {{"hide", "USB-HP"}, R{R::SetDeviceHidden{"USB-HP", true}}},
+        {{"show", "Gone-Device-UID"}, R{R::SetDeviceHidden{"Gone-Device-UID", false}}},
+        {{"prefer", "USB Headphones", "BuiltIn"}, R{R::SetPreferredOrder{{"USB-HP", "BuiltIn"}}}},
+        {{"lock", "volume", "on"}, R{R::SetLocks{volumeToo}}},
+        {{"lock", "mute", "off"}, R{R::SetLocks{GlobalLocks{}}}},
+        {{"group", "delete", "living"}, R{R::DeleteGroup{"g-1"}}},
     };
     const auto status = sampleStatus();
-    for (const auto& c : cases) {
-        const auto parsed = CtlCommand::parse(c.words);
+    for (const auto& [words, request] : cases) {
+        const auto parsed = CtlCommand::parse(words);
         ASSERT_TRUE(parsed.command) << parsed.error;
-        const auto built = parsed.command->toRequest(&status);
-        ASSERT_TRUE(built.request) << built.error;
-        EXPECT_EQ(*built.request, c.request) << c.words.front();
+        const auto built = parsed.command->toRequest(&status, &locks);
+        ASSERT_TRUE(built.request) << words.front() << ": " << built.error;
+        EXPECT_EQ(*built.request, request) << words.front() << " " << words.back();
     }
-}
 
-TEST(CtlCommand, OnlyCommandsThatNameAppsAskForAStatusAndUnknownNamesStopThere) {
-    const auto status = sampleStatus();
-    EXPECT_FALSE(parse({"stage", "on"}).command->needsStatus());
-    EXPECT_FALSE(parse({"solo"}).command->needsStatus());
-    EXPECT_TRUE(parse({"solo", "Music"}).command->needsStatus());
-    EXPECT_TRUE(parse({"eq", "Music", "Rock"}).command->needsStatus());
-
-    EXPECT_EQ(parse({"volume", "Musik", "0.5"}).command->toRequest(&status).error,
-              "no application matches \"Musik\"; did you mean: Music (com.apple.Music)?");
-    EXPECT_EQ(parse({"solo", "Music", "Chrome"}).command->toRequest(&status).error,
-              "no application matches \"Chrome\" (tonavictl status lists them)");
-    EXPECT_EQ(parse({"redirect", "Music", "Speakers"}).command->toRequest(&status).error,
-              "no output device matches \"Speakers\" (tonavictl status lists them)");
+    // A group gets a fresh identifier and its members in the order given.
+    const auto group = CtlCommand::parse(Words{"group", "create", "Desk", "BuiltIn", "desk cans"})
+                           .command->toRequest(&status);
+    const auto& saved = std::get<R::SaveGroup>(group.request->value)._0;
+    EXPECT_EQ(saved.name, "Desk");
+    EXPECT_FALSE(saved.id.empty());
+    ASSERT_EQ(saved.members.size(), 2u);
+    EXPECT_EQ(saved.members[1].id, "USB-HP");
 }
 
 TEST(CtlCommand, EqBuildsOneEqualiserSlotFromTheBuiltInPresetAndKeepsTheBoost) {
     const auto status = sampleStatus();
-    for (const auto& words : {std::vector<std::string>{"eq", "Music", "bass", "booster"},
-                              std::vector<std::string>{"eq", "Music", "Bass-Booster"}}) {
+    for (const auto& words :
+         {Words{"eq", "Music", "bass", "booster"}, Words{"eq", "Music", "Bass-Booster"}}) {
         const auto built = CtlCommand::parse(words).command->toRequest(&status);
         ASSERT_TRUE(built.request) << built.error;
-        const auto* chain = std::get_if<R::SetAppChain>(&built.request->value);
-        ASSERT_NE(chain, nullptr);
-        EXPECT_EQ(chain->bundleID, "com.apple.Music");
-        EXPECT_EQ(chain->chain.overdrive.multiplier, 2.0);
-        EXPECT_FALSE(chain->chain.bypassed);
-        ASSERT_EQ(chain->chain.slots.size(), 1u);
-        const auto& slot = chain->chain.slots.front();
+        const auto& chain = std::get<R::SetAppChain>(built.request->value);
+        EXPECT_EQ(chain.bundleID, "com.apple.Music");
+        EXPECT_EQ(chain.chain.overdrive.multiplier, 2.0);
+        EXPECT_FALSE(chain.chain.bypassed);
+        ASSERT_EQ(chain.chain.slots.size(), 1u);
+        const auto& slot = chain.chain.slots.front();
         EXPECT_TRUE(isUUID(slot.id)) << slot.id;
         EXPECT_EQ(slot.kind, kavore::EffectKind::eq10);
         EXPECT_FALSE(slot.bypassed);
-        const auto settings = nlohmann::json::parse(slot.settingsJSON.begin(), slot.settingsJSON.end());
-        EXPECT_EQ(kavore::eq10SettingsFromJSON(settings), kavore::EQPresets::named("Bass Booster")->settings);
-        EXPECT_TRUE(kavore::eq10SettingsFromJSON(settings).enabled);
+        const auto settings = kavore::eq10SettingsFromJSON(
+            nlohmann::json::parse(slot.settingsJSON.begin(), slot.settingsJSON.end()));
+        EXPECT_EQ(settings, kavore::EQPresets::named("Bass Booster")->settings);
+        EXPECT_TRUE(settings.enabled);
     }
-    const auto off = CtlCommand::parse(std::vector<std::string>{"eq", "Safari", "off"}).command->toRequest(&status);
-    ASSERT_TRUE(off.request) << off.error;
-    EXPECT_EQ(*off.request, (R{R::SetAppChain{"com.apple.Safari", kavore::ChainSettings::empty()}}));
 }

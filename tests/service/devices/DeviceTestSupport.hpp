@@ -1,7 +1,6 @@
 #pragma once
 // A device manager over a private simulated machine. The state queue runs on a manual clock, so the
-// status cache's age and the non-blocking switch's polls move only when a test advances time; the
-// blocking switch's pause is a no-op.
+// status cache's age moves only when a test advances time; the blocking switch's pause is a no-op.
 
 #include <gtest/gtest.h>
 
@@ -70,23 +69,6 @@ class DeviceHarness {
         std::unique_lock<std::mutex> lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] { return devicesChanged >= count; });
     }
-    // A non-blocking switch from the state queue, the manual clock advanced poll by poll.
-    std::optional<bool> switchAsync(const std::string& uid) {
-        std::optional<bool> result;
-        queue.async([&] {
-            manager->setDefaultOutputVerifiedAsync(
-                uid, [] { return true; }, [&](bool ok) { signal([&] { result = ok; }); });
-        });
-        std::unique_lock<std::mutex> lock(mutex);
-        for (int i = 0; i < 2000 && !result; ++i) {
-            lock.unlock();
-            clock->advance(TonaviDeviceManager::asyncSwitchInterval);
-            lock.lock();
-            changed.wait_for(lock, std::chrono::milliseconds(2), [&] { return result.has_value(); });
-        }
-        return result;
-    }
-
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     SimMachine machine;
     DispatchQueue queue{"tonavi.test.devices", clock};

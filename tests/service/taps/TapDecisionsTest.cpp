@@ -1,5 +1,5 @@
 // The pure decisions around a live tap: when its process group has drifted, when it has gone quiet,
-// and which apps may get a tap, including the app that plays digital silence.
+// and which apps hold a standing claim to one. (The app that plays digital silence is the watchdog's test.)
 
 #include <gtest/gtest.h>
 
@@ -7,12 +7,11 @@
 
 #include "service/taps/OutputEligibility.hpp"
 #include "service/taps/TapActivityWindow.hpp"
-#include "tests/service/taps/TapTestSupport.hpp"
+#include "service/taps/TapProcessIdentity.hpp"
 
 namespace tonavi {
 namespace {
 
-using namespace std::chrono_literals;
 using IDSet = OutputEligibility::IDSet;
 
 TEST(TapProcessIdentity, NeedsRefreshFollowsTheFirstRuleThatApplies) {
@@ -66,47 +65,12 @@ TEST(OutputEligibility, StandingControlNeedsNoSound) {
               (IDSet{"a.half", "c.held"}));
     EXPECT_EQ(OutputEligibility::standingControl(apps, IDSet{"b.unity"}, snapshot, regular),
               (IDSet{"a.half", "c.held", "e.other"}));
-}
 
-// An app that reports running output but plays digital silence keeps its tap no longer than the
-// idle limit, and is not tapped again until it has stopped playing once.
-TEST(OutputEligibility, SilentAppIsHeldBackUntilItStopsPlaying) {
-    test::SimLaptop laptop;
-    auto provider = laptop.makeProvider();
-    const std::string agent = "com.example.SyncAgent", music = "com.apple.Music";
     OutputEligibility eligibility;
-    auto snapshotPass = [&](std::vector<std::string> engaged) {
-        const auto playing =
-            TonaviTapProvider::audioSnapshot(*laptop.machine, laptop.workspace)->playingBundleIDs();
-        eligibility.publish(IDSet(playing.begin(), playing.end()), engaged);
-        return std::count(playing.begin(), playing.end(), agent) > 0;
-    };
-    snapshotPass({});
-    ASSERT_EQ(eligibility.creationEligibility({}), (IDSet{agent, music}));
-    auto silent = std::dynamic_pointer_cast<TonaviTapHandle>(provider->createTap(agent));
-    auto tone = std::dynamic_pointer_cast<TonaviTapHandle>(provider->createTap(music));
-    ASSERT_TRUE(silent && tone);
-    laptop.clock->advance(21s);
-    EXPECT_GT(silent->ioCallbackCount.load(), 7000u);
-    EXPECT_EQ(silent->rawAudioCallbackCount.load(), 0u);
-    EXPECT_EQ(tone->rawAudioCallbackCount.load(), tone->ioCallbackCount.load());
-    ASSERT_TRUE(TapActivityWindow::isRawAudioInactive(silent->lastRawAudioAt, silent->createdAt,
-                                                      laptop.wallNow(), 20));
-
-    // The idle release, as the watchdog makes it: the agent still "plays", so it is held back.
-    eligibility.releaseIdle(agent, snapshotPass({agent, music}));
-    provider->destroyTap(silent);
-    snapshotPass({music});
-    EXPECT_FALSE(eligibility.noteRunningOutput(agent)) << "a running-output edge does not bring it back";
-    EXPECT_EQ(eligibility.creationEligibility({}), (IDSet{music}));
-
-    laptop.edit([&](SimWorld& w) { return w.setPlaying(agent, false, std::nullopt); });
-    snapshotPass({music});
-    EXPECT_TRUE(eligibility.outputSuppressedUntilPlaybackStops().empty()) << "stopped: forgiven";
-    EXPECT_TRUE(eligibility.noteRunningOutput(agent));
-    EXPECT_EQ(eligibility.creationEligibility({"x.standing"}), (IDSet{agent, music, "x.standing"}));
-    eligibility.processExited(agent);
-    EXPECT_EQ(eligibility.outputEligible(), (IDSet{music}));
+    eligibility.publish({"a.half", "e.other"}, {});
+    EXPECT_EQ(eligibility.creationEligibility({"x.standing"}), (IDSet{"a.half", "e.other", "x.standing"}));
+    eligibility.processExited("a.half");
+    EXPECT_EQ(eligibility.outputEligible(), IDSet{"e.other"});
 }
 
 } // namespace

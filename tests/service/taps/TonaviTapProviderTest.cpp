@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <condition_variable>
 
 #include "core/engine/TonaviTapSafety.hpp"
 #include "tests/service/taps/TapTestSupport.hpp"
@@ -162,7 +161,7 @@ TEST_F(TonaviTapProviderTest, QuantumAndInputStreamFollowTheTarget) {
     }
 }
 
-TEST_F(TonaviTapProviderTest, RefusalsAbsencesAndVanishedTargets) {
+TEST_F(TonaviTapProviderTest, RoutingInfrastructureIsRefusedAndAnAppWithoutAudioIsDeferredSayingSoOnce) {
     const std::string blocked = *TonaviTapSafety::blockedBundleIDs().begin();
     EXPECT_FALSE(provider->createTap(blocked));
     EXPECT_TRUE(laptop.logged("tonavi: refused to tap audio-routing infrastructure " + blocked));
@@ -171,13 +170,6 @@ TEST_F(TonaviTapProviderTest, RefusalsAbsencesAndVanishedTargets) {
     EXPECT_EQ(
         laptop.timesLogged("tonavi: no running audio process for com.example.Quiet; engagement deferred"),
         1u);
-
-    route = "gone";
-    auto handle = create();
-    ASSERT_TRUE(handle);
-    EXPECT_EQ(handle->targetDeviceUID, SimLaptop::speakers);
-    EXPECT_TRUE(laptop.logged(
-        "tonavi: com.apple.Music target device gone is gone; playing on default until it returns"));
 }
 
 TEST_F(TonaviTapProviderTest, EveryPartialFailureReleasesWhatWasMade) {
@@ -244,27 +236,6 @@ TEST_F(TonaviTapProviderTest, IOCycleMapsTheTapPairOntoEveryOutputLayout) {
     provider->ioCycle(*handle, n, o, {});
     EXPECT_EQ(handle->ioCallbackCount.load(), 6u);
     EXPECT_EQ(handle->rawAudioCallbackCount.load(), 6u);
-}
-
-// The product's arrangement: cycles on the device's own thread while the control side reads.
-TEST(TonaviTapProviderThreads, IOOnTheDeviceThreadIsCountedAndStopsWithTheTap) {
-    SimLaptop laptop(false);
-    auto provider = laptop.makeProvider();
-    std::atomic<std::uint64_t> renders{0};
-    provider->setRender(
-        [&](const std::string&, std::span<float>, int, std::uint64_t) { renders.fetch_add(1); });
-    auto handle = std::dynamic_pointer_cast<TonaviTapHandle>(provider->createTap(music));
-    ASSERT_TRUE(handle);
-    std::mutex m;
-    std::unique_lock<std::mutex> lock(m);
-    for (int i = 0; i < 2000 && handle->ioCallbackCount.load() < 5; ++i)
-        std::condition_variable().wait_for(lock, 5ms);
-    EXPECT_GT(provider->level(music), 0.0f);
-    EXPECT_TRUE(laptop.machine->directlyAudible(SimLaptop::speakers).empty());
-    provider->destroyTap(handle);
-    EXPECT_GE(handle->ioCallbackCount.load(), 5u);
-    EXPECT_EQ(renders.load(), handle->ioCallbackCount.load());
-    EXPECT_EQ(laptop.machine->directlyAudible(SimLaptop::speakers), Heard{music});
 }
 
 } // namespace

@@ -36,21 +36,22 @@ class IsolatedProviderTest : public ::testing::Test {
   protected:
     void SetUp() override { Log::setFilePathForTesting(folder.path + "/service.log"); }
 
+    template <class F> auto locked(F&& f) {
+        std::lock_guard guard(mutex);
+        return f();
+    }
     std::shared_ptr<IsolatedTonaviTapProvider> makeProvider(const std::string& executable,
-                                                             std::chrono::milliseconds readyTimeout = 10s) {
+                                                            std::chrono::milliseconds readyTimeout = 10s) {
         IsolatedTonaviTapProvider::Environment environment;
         environment.mayCapture = [](std::string_view id) { return id != "com.rogueamoeba.Loopback"; };
         environment.processGroup = [](const std::string& id) {
             TonaviTapProvider::ProcessGroup group;
+            group.identity.objects = {41};
             if (id != "com.example.silent")
                 group.objects = {41};
-            group.identity.objects = {41};
             return group;
         };
-        environment.defaultOutputUID = [this] {
-            std::lock_guard guard(mutex);
-            return defaultOutput;
-        };
+        environment.defaultOutputUID = [this] { return locked([&] { return defaultOutput; }); };
         environment.deviceID = [](const std::string& uid) { return uid.empty() ? 0u : 7u; };
         environment.now = [this] { return now.load(); };
         environment.uptime = [this] { return uptime.load(); };
@@ -61,35 +62,28 @@ class IsolatedProviderTest : public ::testing::Test {
         hooks.workerState = [this](const std::string& id) {
             TapWorkerState state;
             state.app = AppAudioState(id);
-            std::lock_guard guard(mutex);
-            state.app.volume = volume;
+            state.app.volume = locked([&] { return volume; });
             return state;
         };
-        hooks.tapFailed = [this](const std::string& id, const std::string& message, const TapHandlePtr& handle) {
-            std::lock_guard guard(mutex);
-            failures.push_back({id, message, handle});
+        hooks.tapFailed = [this](const std::string& id, const std::string& message,
+                                 const TapHandlePtr& handle) {
+            locked([&] { failures.push_back({id, message, handle}); });
         };
         hooks.heard = [this](const std::string&) { ++activity; };
         provider->setHooks(std::move(hooks));
         return provider;
     }
-
     std::string log() const { return folder.read("service.log"); }
+    bool logged(const std::string& line) const { return log().find(line) != std::string::npos; }
     std::size_t failureCount() {
-        std::lock_guard guard(mutex);
-        return failures.size();
+        return locked([&] { return failures.size(); });
     }
 
-    struct Failure {
-        std::string bundleID;
-        std::string message;
-        TapHandlePtr handle;
-    };
     ScratchFolder folder;
     std::mutex mutex;
     std::string defaultOutput = "Speakers";
     double volume = 0.5;
-    std::vector<Failure> failures;
+    std::vector<std::tuple<std::string, std::string, TapHandlePtr>> failures;
     std::atomic<double> now{1000.0};
     std::atomic<double> uptime{50.0};
     std::atomic<int> activity{0};
@@ -103,24 +97,23 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     ASSERT_TRUE(handle);
     EXPECT_EQ(provider->liveHandle("com.example.player"), handle);
     EXPECT_EQ(provider->sampleRate("com.example.player"), 48000.0);
-    ASSERT_TRUE(provider->bufferFrames("com.example.player"));
-    EXPECT_EQ(provider->bufferFrames("com.example.player")->tap, 128);
-    EXPECT_EQ(provider->bufferFrames("com.example.player")->output, 512);
-    EXPECT_EQ(provider->sourceDevice("com.example.player"), "Speakers");
-    EXPECT_EQ(provider->targetDevice("com.example.player"), "Headphones");
+    const auto frames =
+        provider->bufferFrames("com.example.player").value_or(ServiceTapProvider::BufferFrames{});
+    EXPECT_EQ(std::pair(frames.tap, frames.output), std::pair(128, 512));
+    EXPECT_EQ(provider->sourceDevice("com.example.player").value_or("") + " " +
+                  provider->targetDevice("com.example.player").value_or(""),
+              "Speakers Headphones");
     EXPECT_EQ(provider->sampleRate("com.example.other"), 0.0);
     now = 1005.0;
-    EXPECT_EQ(provider->secondsSinceRawAudio("com.example.player"), 5.0) << "no sound yet: counted from creation";
+    EXPECT_EQ(provider->secondsSinceRawAudio("com.example.player"), 5.0)
+        << "no sound yet: counted from creation";
     EXPECT_FALSE(provider->ioStale("com.example.player", 6.0));
     now = 1006.5;
     EXPECT_TRUE(provider->ioStale("com.example.player", 6.0));
-    EXPECT_NE(log().find("tonavi: isolated tap helper " + std::to_string(handle->pid()) + " owns com.example.player"),
-              std::string::npos);
+    EXPECT_TRUE(
+        logged("tonavi: isolated tap helper " + std::to_string(handle->pid()) + " owns com.example.player"));
 
-    {
-        std::lock_guard guard(mutex);
-        volume = 0.8;
-    }
+    locked([&] { volume = 0.8; });
     provider->syncStates();
     ASSERT_TRUE(eventually([&] { return folder.lineCount("received-com.example.player") == 2; }, 5s));
     const std::string received = folder.read("received-com.example.player");
@@ -132,18 +125,8 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     EXPECT_EQ(provider->liveHandle("com.example.player"), nullptr);
     EXPECT_TRUE(eventually([&] { return handle->process->terminationStatus() == 0; }, 5s));
     EXPECT_NE(folder.read("received-com.example.player").find("{\"action\":\"stop\"}"), std::string::npos);
-    EXPECT_NE(log().find("tonavi: isolated tap helper released com.example.player; direct path restored"),
-              std::string::npos);
+    EXPECT_TRUE(logged("tonavi: isolated tap helper released com.example.player; direct path restored"));
     EXPECT_EQ(failureCount(), 0u) << "a worker that exits on stop is no failure";
-}
-
-TEST_F(IsolatedProviderTest, NothingIsLaunchedForAppsThatCannotOrNeedNotBeTapped) {
-    auto provider = makeProvider(folder.script("worker", readyWorker));
-    EXPECT_EQ(provider->createTap("com.rogueamoeba.Loopback"), nullptr);
-    EXPECT_EQ(provider->createTap("com.example.silent"), nullptr);
-    provider->workerStateFor = [](const std::string&) { return std::nullopt; };
-    EXPECT_EQ(provider->createTap("com.example.player"), nullptr);
-    EXPECT_EQ(folder.lineCount("launches"), 0);
 }
 
 TEST_F(IsolatedProviderTest, GarbageFromAWorkerIsSkippedAndSplitOrJoinedLinesStillCount) {
@@ -159,18 +142,15 @@ while read line; do case "$line" in *stop*) exit 0;; esac; done)"));
     auto handle = provider->createTap("com.example.player");
     ASSERT_TRUE(handle);
     EXPECT_EQ(provider->sampleRate("com.example.player"), 0.0) << "a mistyped field is not believed";
-    EXPECT_EQ(provider->bufferFrames("com.example.player").value_or(ServiceTapProvider::BufferFrames{}).tap, 64);
+    EXPECT_EQ(provider->bufferFrames("com.example.player").value_or(ServiceTapProvider::BufferFrames{}).tap,
+              64);
     EXPECT_FLOAT_EQ(provider->level("com.example.player"), 0.9f);
     EXPECT_EQ(activity.load(), 1);
     provider->destroyTap(handle);
 }
 
-TEST_F(IsolatedProviderTest, AStartThatFailsIsLoggedWithItsCauseAndLeavesNoWorker) {
-    struct Case {
-        const char* script;
-        const char* cause;
-    };
-    const Case cases[] = {
+TEST_F(IsolatedProviderTest, AStartThatFailsOrNeedNotHappenLeavesNoWorkerAndSaysWhy) {
+    const std::pair<const char*, const char*> cases[] = {
         {R"(read line; printf '{"kind":"failure","message":"Core Audio tap creation failed"}\n'; exit 66)",
          "Core Audio tap creation failed"},
         {R"(read line; printf '{"kind":"failure"}\n'; read line)", "tap helper failed"},
@@ -179,18 +159,26 @@ TEST_F(IsolatedProviderTest, AStartThatFailsIsLoggedWithItsCauseAndLeavesNoWorke
         {"trap '' TERM; read line; exec sleep 30", "tap helper start timed out"},
     };
     int n = 0;
-    for (const auto& c : cases) {
+    for (const auto& [script, cause] : cases) {
         const std::string id = "com.example.app" + std::to_string(n);
-        auto provider = makeProvider(folder.script("worker" + std::to_string(n++), c.script), 400ms);
-        EXPECT_EQ(provider->createTap(id), nullptr) << c.script;
-        EXPECT_NE(log().find("tonavi: isolated tap helper failed for " + id + ": " + c.cause), std::string::npos)
-            << c.script << "\n" << log();
+        auto provider = makeProvider(folder.script("worker" + std::to_string(n++), script), 400ms);
+        EXPECT_EQ(provider->createTap(id), nullptr) << script;
+        EXPECT_TRUE(logged("tonavi: isolated tap helper failed for " + id + ": " + cause)) << script << "\n"
+                                                                                           << log();
         EXPECT_EQ(provider->liveHandle(id), nullptr);
     }
+    // Nothing is launched for an app that may not or need not be tapped.
+    auto refusing = makeProvider(folder.script("worker", readyWorker));
+    EXPECT_EQ(refusing->createTap("com.rogueamoeba.Loopback"), nullptr);
+    EXPECT_EQ(refusing->createTap("com.example.silent"), nullptr);
+    refusing->workerStateFor = [](const std::string&) { return std::nullopt; };
+    EXPECT_EQ(refusing->createTap("com.example.player"), nullptr);
+    EXPECT_EQ(folder.lineCount("launches"), 0);
+
     auto missing = makeProvider(folder.path + "/no-such-worker");
     EXPECT_EQ(missing->createTap("com.example.player"), nullptr);
-    EXPECT_NE(log().find("tonavi: could not launch isolated tap helper for com.example.player: No such file or directory"),
-              std::string::npos);
+    EXPECT_TRUE(logged(
+        "tonavi: could not launch isolated tap helper for com.example.player: No such file or directory"));
     EXPECT_EQ(failureCount(), 0u);
 }
 
@@ -201,79 +189,41 @@ TEST_F(IsolatedProviderTest, AKilledWorkerIsReportedOnceAndFailingRestartsFollow
     ASSERT_TRUE(worker);
     ::kill(worker->pid(), SIGKILL);
     ASSERT_TRUE(eventually([&] { return failureCount() == 1; }, 5s));
-    {
-        std::lock_guard guard(mutex);
-        EXPECT_EQ(failures[0].bundleID, "com.example.player");
-        EXPECT_EQ(failures[0].message, "isolated tap helper exited (status 9); direct audio restored");
-        EXPECT_EQ(failures[0].handle, handle);
-    }
+    EXPECT_EQ(locked([&] { return failures[0]; }),
+              std::make_tuple(std::string("com.example.player"),
+                              std::string("isolated tap helper exited (status 9); direct audio restored"),
+                              handle));
     EXPECT_TRUE(provider->ioStale("com.example.player", 6.0)) << "a dead worker's IO is stale at once";
     provider->destroyTap(handle); // what the engine's release does with the failure
 
     std::ofstream(folder.path + "/fail") << "1";
     const double start = uptime.load();
-    struct Attempt {
-        double at;
-        bool launches;
-    };
     // Same cause: 2, 4, 8 s apart. The first attempt after a success goes at once.
-    const Attempt attempts[] = {{0, true},   {1.9, false}, {2.0, true},  {5.9, false},
-                                {6.0, true}, {13.9, false}, {14.0, true}};
+    const std::pair<double, bool> attempts[] = {{0, true},   {1.9, false},  {2.0, true}, {5.9, false},
+                                                {6.0, true}, {13.9, false}, {14.0, true}};
     int launches = folder.lineCount("launches");
-    for (const auto& attempt : attempts) {
-        uptime = start + attempt.at;
+    for (const auto& [at, launched] : attempts) {
+        uptime = start + at;
         EXPECT_EQ(provider->createTap("com.example.player"), nullptr);
-        launches += attempt.launches;
-        EXPECT_EQ(folder.lineCount("launches"), launches) << "at +" << attempt.at;
+        launches += launched;
+        EXPECT_EQ(folder.lineCount("launches"), launches) << "at +" << at;
     }
-    {
-        std::lock_guard guard(mutex);
-        defaultOutput = "Headphones";
-    }
+    locked([&] { defaultOutput = "Headphones"; });
     EXPECT_EQ(provider->createTap("com.example.player"), nullptr);
     EXPECT_EQ(folder.lineCount("launches"), launches + 1) << "a moved default output is a new cause";
     EXPECT_EQ(failureCount(), 1u) << "failed starts are not live failures";
 }
 
-TEST_F(IsolatedProviderTest, StoppingManyWorkersTakesTheTimeOfOneAndARetiredOneIsNotWaitedFor) {
-    // Workers that ignore "stop" and SIGTERM: each needs the full wait and then SIGKILL.
-    const std::string stubborn = folder.script("stubborn", R"(trap '' TERM
-read line; printf '{"kind":"ready"}\n'; exec sleep 60)");
-    auto provider = makeProvider(stubborn);
-    std::vector<TapHandlePtr> handles;
-    for (int i = 0; i < 4; ++i)
-        handles.push_back(provider->createTap("com.example.app" + std::to_string(i)));
-    for (const auto& handle : handles)
-        ASSERT_TRUE(handle);
-
-    const auto begin = std::chrono::steady_clock::now();
-    provider->destroyTaps(handles);
-    const auto took = std::chrono::steady_clock::now() - begin;
-    // One stubborn worker takes 1.5 + 0.4 s; four in a row would take four times that.
-    EXPECT_LT(took, 4s);
-    for (const auto& handle : handles) {
-        auto worker = std::dynamic_pointer_cast<IsolatedTapHandle>(handle);
-        EXPECT_TRUE(eventually([&] { return worker->process->terminationStatus() == SIGKILL; }, 5s));
-        EXPECT_EQ(provider->liveHandle(worker->bundleID), nullptr);
-    }
-
-    auto old = std::dynamic_pointer_cast<IsolatedTapHandle>(provider->createTap("com.example.player"));
-    ASSERT_TRUE(old);
-    const auto retireBegin = std::chrono::steady_clock::now();
-    provider->retireReplacedTap(old);
-    EXPECT_LT(std::chrono::steady_clock::now() - retireBegin, 1s) << "the caller does not wait";
+TEST_F(IsolatedProviderTest, AWorkerThatIgnoresStopAndTermIsKilledAndAReplacedOneIsRetiredInTheBackground) {
+    auto provider = makeProvider(folder.script(
+        "stubborn", "trap '' TERM\nread line; printf '{\"kind\":\"ready\"}\\n'; exec sleep 60"));
+    auto stubborn = std::dynamic_pointer_cast<IsolatedTapHandle>(provider->createTap("com.example.app"));
+    auto replaced = std::dynamic_pointer_cast<IsolatedTapHandle>(provider->createTap("com.example.player"));
+    ASSERT_TRUE(stubborn && replaced);
+    provider->retireReplacedTap(replaced);
+    provider->destroyTaps({stubborn});
+    EXPECT_TRUE(eventually([&] { return stubborn->process->terminationStatus() == SIGKILL; }, 5s));
+    EXPECT_TRUE(eventually([&] { return replaced->process->terminationStatus().has_value(); }, 5s));
     EXPECT_TRUE(eventually([&] { return provider->liveHandle("com.example.player") == nullptr; }, 5s));
-    EXPECT_TRUE(eventually([&] { return old->process->terminationStatus().has_value(); }, 5s));
     EXPECT_EQ(failureCount(), 0u);
-}
-
-TEST(IsolatedTonaviTapProvider, TheWorkerExecutableIsTheOverrideUnlessEmptyElseThisProgram) {
-    {
-        ScopedEnvironment set(IsolatedTonaviTapProvider::executableVariable, "/opt/tonavi/worker");
-        EXPECT_EQ(IsolatedTonaviTapProvider::workerExecutableURL(), "/opt/tonavi/worker");
-    }
-    ScopedEnvironment empty(IsolatedTonaviTapProvider::executableVariable, "");
-    const std::string self = IsolatedTonaviTapProvider::workerExecutableURL();
-    EXPECT_EQ(self.front(), '/');
-    EXPECT_TRUE(std::filesystem::equivalent(self, "/proc/self/exe")) << self;
 }

@@ -1,24 +1,12 @@
 #include "WorkerTestSupport.hpp"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <signal.h>
-#include <sstream>
 #include <thread>
-#include <unistd.h>
 
 namespace tonavi::testing {
-
-ScratchFolder::ScratchFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-worker-XXXXXX").string();
-    path = ::mkdtemp(pattern.data());
-}
-
-ScratchFolder::~ScratchFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
 
 std::string ScratchFolder::script(const std::string& name, const std::string& body) const {
     const std::string file = path + "/" + name;
@@ -29,19 +17,16 @@ std::string ScratchFolder::script(const std::string& name, const std::string& bo
 
 std::string ScratchFolder::read(const std::string& name) const {
     std::ifstream in(path + "/" + name);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 int ScratchFolder::lineCount(const std::string& name) const {
-    int lines = 0;
-    for (char c : read(name))
-        lines += c == '\n';
-    return lines;
+    const std::string text = read(name);
+    return static_cast<int>(std::count(text.begin(), text.end(), '\n'));
 }
 
-ScopedEnvironment::ScopedEnvironment(std::string variable, const std::string& value) : name(std::move(variable)) {
+ScopedEnvironment::ScopedEnvironment(std::string variable, const std::string& value)
+    : name(std::move(variable)) {
     if (const char* old = std::getenv(name.c_str()))
         previous = old;
     ::setenv(name.c_str(), value.c_str(), 1);
@@ -57,7 +42,8 @@ ScopedEnvironment::~ScopedEnvironment() {
 std::string serviceExecutable() {
     if (const char* dir = std::getenv("TONAVI_BIN_DIR"); dir && *dir)
         return std::string(dir) + "/tonavi-service";
-    return (std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "bin/tonavi-service")
+    return (std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() /
+            "bin/tonavi-service")
         .string();
 }
 
@@ -69,15 +55,6 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
-}
-
-bool processEnded(int pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text;
-    if (!std::getline(stat, text))
-        return true;
-    auto close = text.rfind(')');
-    return close != std::string::npos && close + 2 < text.size() && text[close + 2] == 'Z';
 }
 
 } // namespace tonavi::testing

@@ -2,6 +2,8 @@
 // Helpers for tests that start real worker processes: scripts that play a worker's part, the
 // built service executable, and a bounded wait on a condition that another process makes true.
 
+#include "tests/support/TempFolder.hpp"
+
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -11,9 +13,8 @@ namespace tonavi::testing {
 
 // A private folder, removed at the end.
 struct ScratchFolder {
-    ScratchFolder();
-    ~ScratchFolder();
-    std::string path;
+    test::TempFolder folder;
+    std::string path = folder.path().string();
     // Writes an executable /bin/sh script with `body`; "$DIR" in it is this folder.
     std::string script(const std::string& name, const std::string& body) const;
     std::string read(const std::string& name) const;
@@ -33,8 +34,5 @@ std::string serviceExecutable();
 
 // Checks `condition` every few milliseconds until it holds or `limit` passes.
 bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit);
-
-// Whether `pid` is gone or a zombie.
-bool processEnded(int pid);
 
 } // namespace tonavi::testing
