@@ -62,6 +62,21 @@ TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayI
     EXPECT_TRUE(topology.count(buds));
 }
 
+TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
+    DeviceHarness h;
+    const auto first = h.manager->liveStatus(noBluetooth);
+    h.machine.mutate([](SimWorld& w) { return w.rename(usb, "Renamed"); });
+    h.clock->advance(499ms);
+    EXPECT_EQ(h.manager->liveStatus(noBluetooth), first);
+    h.clock->advance(1ms); // the half second is strict
+    const auto second = h.manager->liveStatus(noBluetooth);
+    EXPECT_NE(second, first);
+    ASSERT_TRUE(h.manager->setVolume(h.id(usb), 0.25));
+    const auto after = h.manager->liveStatus(noBluetooth);
+    EXPECT_NEAR(std::find_if(after.begin(), after.end(), [](auto& s) { return s.id == usb; })->volume, 0.25,
+                1e-6);
+}
+
 TEST(TonaviDeviceManager, VolumeWritesReachEveryChannelAndRespectTheMaximum) {
     DeviceHarness h;
     // The speakers have a stereo pair and no main element; one failing channel still succeeds.
