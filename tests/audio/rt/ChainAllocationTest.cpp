@@ -1,72 +1,74 @@
-// The equaliser, the dynamics, the effect chain and global listening must run their audio path
-// without touching the heap, every buffer, however their settings ask them to work.
+// Every processor of the audio library must run its audio path without touching the heap, every
+// buffer, however its settings ask it to work.
 
-#include "audio/chain/ChainSettingsJSON.hpp"
 #include "audio/chain/RenderChain.hpp"
-#include "audio/effects/BalancePanSettingsJSON.hpp"
+#include "audio/effects/BalancePan.hpp"
 #include "audio/effects/EQ10.hpp"
+#include "audio/effects/BalancePanSettingsJSON.hpp"
 #include "audio/effects/EQPresets.hpp"
 #include "audio/effects/EffectSettingsJSON.hpp"
 #include "audio/effects/MagicLeveler.hpp"
+#include "audio/effects/NoiseSuppressor.hpp"
 #include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
 #include "audio/effects/OneKnobCompressor.hpp"
-#include "audio/effects/OverdriveLimiter.hpp"
+#include "audio/effects/SteadyVolume.hpp"
 #include "audio/headphone/BundledHeadphoneProfiles.hpp"
+#include "audio/headphone/HeadphoneEQ.hpp"
 #include "audio/headphone/HeadphoneProfileJSON.hpp"
 #include "audio/listening/GlobalListeningProcessor.hpp"
+#include "audio/primitives/LevelMeter.hpp"
+#include "audio/primitives/RingBuffer.hpp"
 
+#include "tests/audio/Slots.hpp"
 #include "tests/audio/rt/AllocationCounter.hpp"
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <cmath>
-#include <vector>
+#include <memory>
 
 using namespace kavore;
-using kavore::test::AllocationCounter;
+using namespace kavore::test;
 
 namespace {
 
 constexpr double rate = 48000.0;
+constexpr std::size_t blocks = 200, samples = 256; // 128-frame stereo buffers, past a leveler window
 
-std::vector<float> stereoBuffer(std::size_t block, float amplitude) {
-    std::vector<float> b(256);
-    for (std::size_t i = 0; i < b.size(); ++i)
-        b[i] = amplitude * static_cast<float>(std::sin(0.03 * static_cast<double>(block * 128 + i / 2)));
-    return b;
-}
-
-// Runs enough 128-frame buffers to pass a leveler window, counting allocations inside process
-// only. Returns how many samples changed, so that a processor that quietly did nothing fails.
+// Runs the buffers through `process`, counting allocations inside it only. Returns the share of
+// samples it changed, so that a processor that quietly did nothing fails its check.
 template <typename Process>
-std::size_t runBlocks(Process process, std::size_t& allocations, float amplitude = 0.8f) {
+double runBlocks(Process process, std::size_t& allocations, float amplitude = 0.8f) {
     std::size_t changed = 0;
-    for (std::size_t block = 0; block < 200; ++block) {
-        auto buf = stereoBuffer(block, amplitude);
+    for (std::size_t block = 0; block < blocks; ++block) {
+        std::vector<float> buf(samples);
+        for (std::size_t i = 0; i < samples; ++i)
+            buf[i] = amplitude * static_cast<float>(std::sin(0.03 * double(block * 128 + i / 2)));
         const auto original = buf;
         {
             AllocationCounter counter;
-            process(buf);
+            process(std::span<float>(buf));
             allocations += counter.count();
         }
-        for (std::size_t i = 0; i < buf.size(); ++i)
+        for (std::size_t i = 0; i < samples; ++i)
             changed += buf[i] != original[i];
     }
-    return changed;
-}
-
-EffectSlot slot(const char* id, EffectKind kind, const nlohmann::json& settings) {
-    EffectSlot s;
-    s.id = id;
-    s.kind = kind;
-    s.settingsJSON = settingsJSONBytes(settings);
-    return s;
+    return double(changed) / double(blocks * samples);
 }
 
 } // namespace
 
-TEST(ChainRealtimeAllocations, BuiltInProcessorsNeverAllocate) {
+TEST(RealtimeAllocations, CounterSeesHeapUseOnItsThread) {
+    AllocationCounter counter;
+    auto p = std::make_unique<int>(3);
+    std::vector<float> v(100);
+    auto* q = new (std::nothrow) double[4];
+    EXPECT_EQ(counter.count(), 3u) << "the replaced operator new must be linked in";
+    EXPECT_EQ(*p + static_cast<int>(v.size()), 103);
+    delete[] q;
+}
+
+TEST(RealtimeAllocations, PrimitivesAndProcessorsNeverAllocate) {
     EQ10 eq;
     eq.configure(EQPresets::named("Rock")->settings, rate);
     OneKnobCompressor comp;
@@ -75,13 +77,50 @@ TEST(ChainRealtimeAllocations, BuiltInProcessorsNeverAllocate) {
     lim.configure(OverdriveSettings(4.0), rate, 3.0, false);
     MagicLeveler lev;
     lev.configure(LevelerSettings(1.0, true), rate);
+    NoiseSuppressor noise;
+    noise.configure(NoiseSuppressorSettings(0.9, true), rate);
+    HeadphoneEQ headphones;
+    headphones.configure(&BundledHeadphoneProfiles::all()[2], rate, true);
+    BalancePan pan;
+    pan.configure(BalancePanSettings(0.4, true));
+    Biquad biquad;
+    biquad.setPeaking(1000.0, rate, 6.0, 1.0);
+    LevelMeter meter(0.6f, 0.08f);
+    RingBuffer ring(1024);
 
     std::size_t allocations = 0;
-    EXPECT_GT(runBlocks([&](std::span<float> b) { eq.process(b); }, allocations), 0u);
-    EXPECT_GT(runBlocks([&](std::span<float> b) { comp.process(b); }, allocations), 0u);
-    EXPECT_GT(runBlocks([&](std::span<float> b) { lim.process(b); }, allocations), 0u);
-    EXPECT_GT(runBlocks([&](std::span<float> b) { lev.process(b); }, allocations, 0.02f), 0u);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { eq.process(b); }, allocations), 0.9);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { comp.process(b); }, allocations), 0.9);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { lim.process(b); }, allocations), 0.9);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { lev.process(b); }, allocations, 0.02f), 0.9);
     EXPECT_GT(lev.currentGainDB(), 0.0) << "the leveler passed at least one window";
+    EXPECT_GT(runBlocks([&](std::span<float> b) { noise.process(b); }, allocations, 0.002f), 0.9);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { headphones.process(b); }, allocations), 0.9);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { pan.processInterleavedStereo(b); }, allocations), 0.9);
+    const double filtered = runBlocks(
+        [&](std::span<float> b) {
+            for (float& s : b)
+                s = static_cast<float>(biquad.process(s));
+            meter.process(b);
+            ring.write(b.data(), std::int64_t(b.size()));
+            ring.read(b.data(), std::int64_t(b.size()));
+            noise.reset();
+        },
+        allocations);
+    EXPECT_GT(filtered, 0.9);
+    EXPECT_GT(meter.peak(), 0.5f);
+    EXPECT_EQ(allocations, 0u);
+}
+
+TEST(RealtimeAllocations, SteadyVolumeGainLoopNeverAllocates) {
+    SteadyVolume steady;
+    steady.configure(rate);
+    std::size_t allocations = 0;
+    // It learns a quiet baseline; a loud stretch then forces its per-sample gain path.
+    runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.05f);
+    runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.05f);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.5f), 0.5);
+    EXPECT_GT(steady.reductionDB(), 1.0);
     EXPECT_EQ(allocations, 0u);
 }
 
@@ -106,15 +145,14 @@ TEST(ChainRealtimeAllocations, FullChainProcessAndLatencyNeverAllocate) {
 
     std::size_t allocations = 0;
     int latency = 0;
-    const std::size_t changed = runBlocks(
+    const double changed = runBlocks(
         [&](std::span<float> b) {
             chain.process(b);
             latency = chain.latencySamples();
             chain.configure(settings, rate); // unchanged settings: a comparison only
         },
         allocations);
-    // The equaliser alone alters nearly every sample.
-    EXPECT_GT(changed, 200u * 256u * 9u / 10u);
+    EXPECT_GT(changed, 0.9);
     EXPECT_EQ(bridged, 200);
     EXPECT_EQ(latency, 96 + 64);
     EXPECT_EQ(chain.rebuildCount(), 1);
@@ -125,21 +163,14 @@ TEST(ChainRealtimeAllocations, GlobalListeningNeverAllocates) {
     auto eq = ListeningEQSettings::flat();
     for (auto& band : eq.bands)
         band.enabled = true, band.gainDB = 3.0;
-    EffectSlot au;
-    au.id = "au";
-    au.kind = EffectKind::audioUnit;
-    au.auComponent = AUComponentKey{fourCharCode("aufx"), 1, 2, "FX", "Maker"};
-    const GlobalListeningSettings settings(true, eq, ListeningBalancerSettings(true, -14, 80), {au});
+    const GlobalListeningSettings settings(true, eq, ListeningBalancerSettings(true, -14, 80), {auSlot("au")});
     GlobalListeningProcessor whole(settings, rate), split(settings, rate);
-
     std::size_t allocations = 0;
-    EXPECT_GT(runBlocks([&](std::span<float> b) { whole.process(b); }, allocations), 0u);
-    EXPECT_GT(runBlocks(
-                  [&](std::span<float> b) {
-                      split.processBeforePlugins(b);
-                      split.processAfterPlugins(b);
-                  },
-                  allocations),
-              0u);
+    EXPECT_GT(runBlocks([&](std::span<float> b) { whole.process(b); }, allocations), 0.9);
+    const auto halves = [&](std::span<float> b) {
+        split.processBeforePlugins(b);
+        split.processAfterPlugins(b);
+    };
+    EXPECT_GT(runBlocks(halves, allocations), 0.9);
     EXPECT_EQ(allocations, 0u);
 }
