@@ -23,6 +23,14 @@ inline std::vector<float> stereoSine(double hz, double amplitude, double sampleR
     return buffer;
 }
 
+// samples of a sine as one stream, for processors that do not tell channels apart.
+inline std::vector<float> monoSine(double hz, double amplitude, double sampleRate, std::size_t samples) {
+    std::vector<float> v(samples);
+    for (std::size_t i = 0; i < samples; ++i)
+        v[i] = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * hz * double(i) / sampleRate));
+    return v;
+}
+
 // A square wave of constant magnitude, flipping every two samples: its level is the same at every
 // sample, on both channels.
 inline std::vector<float> square(std::size_t samples, float amplitude) {
