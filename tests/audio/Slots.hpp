@@ -10,7 +10,8 @@
 namespace kavore::test {
 
 // A slot whose settings bytes are given as they are stored.
-inline EffectSlot rawSlot(const std::string& id, EffectKind kind, const std::string& bytes, bool bypassed = false) {
+inline EffectSlot rawSlot(const std::string& id, EffectKind kind, const std::string& bytes,
+                          bool bypassed = false) {
     EffectSlot s;
     s.id = id;
     s.kind = kind;
@@ -27,7 +28,8 @@ inline EffectSlot slot(const std::string& id, EffectKind kind, const nlohmann::j
 // A plug-in slot of the given component type ("aufx" is an effect).
 inline EffectSlot auSlot(const std::string& id, const char* type = "aufx", bool bypassed = false) {
     EffectSlot s = rawSlot(id, EffectKind::audioUnit, "", bypassed);
-    s.auComponent = AUComponentKey{fourCharCode(type), fourCharCode("abcd"), fourCharCode("tstm"), "FX", "Maker"};
+    s.auComponent =
+        AUComponentKey{fourCharCode(type), fourCharCode("abcd"), fourCharCode("tstm"), "FX", "Maker"};
     return s;
 }
 

@@ -55,22 +55,20 @@ TEST(ChainSettingsJSON, WritesAndReadsTheGoldenDocument) {
 
 // One bad field anywhere fails the whole chain.
 TEST(ChainSettingsJSON, ReadsStrictly) {
-    const std::vector<std::pair<std::string, json>> breaks = {
-        {"/slots/0/id", nullptr},
-        {"/slots/0/kind", nullptr},
-        {"/slots/0/nickname", nullptr},
-        {"/slots/0/bypassed", nullptr},
-        {"/slots/0/settingsJSON", nullptr},
-        {"/slots", nullptr},
-        {"/overdrive", nullptr},
-        {"/bypassed", nullptr},
-        {"/slots/0/kind", "reverb"},
-        {"/slots/0/settingsJSON", "not base64!"},
-        {"/slots/0/bypassed", "false"},
-        {"/overdrive", json::object()},
-        {"/slots/1/auComponent/type", 4294967296ull},
-        {"/slots/1/auComponent/name", nullptr},
-    };
+    const std::vector<std::pair<std::string, json>> breaks = {{"/slots/0/id", nullptr},
+                                                              {"/slots/0/kind", nullptr},
+                                                              {"/slots/0/nickname", nullptr},
+                                                              {"/slots/0/bypassed", nullptr},
+                                                              {"/slots/0/settingsJSON", nullptr},
+                                                              {"/slots", nullptr},
+                                                              {"/overdrive", nullptr},
+                                                              {"/bypassed", nullptr},
+                                                              {"/slots/0/kind", "reverb"},
+                                                              {"/slots/0/settingsJSON", "not base64!"},
+                                                              {"/slots/0/bypassed", "false"},
+                                                              {"/overdrive", json::object()},
+                                                              {"/slots/1/auComponent/type", 4294967296ull},
+                                                              {"/slots/1/auComponent/name", nullptr}};
     for (const auto& [pointer, value] : breaks) {
         json j = json::parse(goldenChain);
         if (value.is_null())
@@ -87,14 +85,12 @@ TEST(ChainSettings, NeutralWhenNothingCanChangeTheAudio) {
         std::vector<EffectSlot> slots;
         double overdrive;
         bool bypassed, neutral;
-    } cases[] = {
-        {{flat("a", true), flat("b", true)}, 1.0, false, true},
-        {{flat("a", true), flat("b", true)}, 2.0, false, false},
-        {{flat("a", true), flat("b", true)}, 2.0, true, true},
-        {{}, 1.001, false, true},
-        {{}, 1.0011, false, false},
-        {{flat("a", true), flat("b")}, 1.0, false, false},
-    };
+    } cases[] = {{{flat("a", true), flat("b", true)}, 1.0, false, true},
+                 {{flat("a", true), flat("b", true)}, 2.0, false, false},
+                 {{flat("a", true), flat("b", true)}, 2.0, true, true},
+                 {{}, 1.001, false, true},
+                 {{}, 1.0011, false, false},
+                 {{flat("a", true), flat("b")}, 1.0, false, false}};
     for (const auto& c : cases) {
         ChainSettings chain;
         chain.slots = c.slots;
@@ -127,7 +123,8 @@ TEST(EffectSettingsJSON, EqualiserRecordIsNormalisedHoweverItIsBuilt) {
         eq10SettingsFromJSON(json{{"bandGainsDB", {20, -20, 1.5}}, {"preampDB", 0}, {"enabled", false}});
     EXPECT_EQ(three, EQ10Settings({12, -12, 1.5}, 0.0, false));
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_EQ(EQ10Settings({nan, std::numeric_limits<double>::infinity()}, nan, true), EQ10Settings({}, 0.0, true));
+    EXPECT_EQ(EQ10Settings({nan, std::numeric_limits<double>::infinity()}, nan, true),
+              EQ10Settings({}, 0.0, true));
 
     EXPECT_TRUE(EQ10Settings({0.005, -0.005}, 0.0, true).isNeutral());
     EXPECT_FALSE(EQ10Settings({0.0, 0.01}, 0.0, true).isNeutral());

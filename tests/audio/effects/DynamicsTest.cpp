@@ -68,7 +68,8 @@ TEST(OneKnobCompressor, MatchesTheExactFormulaOverTheSignalRange) {
         return v;
     };
     const auto sweep = levelSweep();
-    for (const auto voicing : {CompressorVoicing::music, CompressorVoicing::voice, CompressorVoicing::podcast})
+    for (const auto voicing :
+         {CompressorVoicing::music, CompressorVoicing::voice, CompressorVoicing::podcast})
         for (const double amount : {0.2, 0.6, 1.0}) {
             OneKnobCompressor c;
             c.configure(CompressorSettings(amount, voicing, true), 48000);

@@ -23,8 +23,8 @@ TEST(EQ10, RenderedSineShowsTheBandGainAtItsCentre) {
         const auto in = test::monoSine(c.freq, 0.25, 48000, 48000);
         auto out = in;
         eq.process(out);
-        const double gain = test::dbRatio(test::rms(std::span(out).subspan(24000)),
-                                          test::rms(std::span(in).subspan(24000)));
+        const double gain =
+            test::dbRatio(test::rms(std::span(out).subspan(24000)), test::rms(std::span(in).subspan(24000)));
         EXPECT_GT(gain, c.lowDB) << c.freq;
         EXPECT_LT(gain, c.highDB) << c.freq;
     }
@@ -65,7 +65,8 @@ TEST(EQPresets, TableSpotChecks) {
     EXPECT_EQ(all.front().name, "Flat");
     EXPECT_EQ(all[22].name, "Metal");
     for (const auto& p : all)
-        EXPECT_EQ(std::make_tuple(p.builtin, p.settings.enabled, p.settings.preampDB), std::make_tuple(true, true, 0.0));
+        EXPECT_EQ(std::make_tuple(p.builtin, p.settings.enabled, p.settings.preampDB),
+                  std::make_tuple(true, true, 0.0));
     // Look-up ignores case; ids are built from the names.
     const std::vector<std::tuple<const char*, const char*, const char*, std::size_t, double>> spots = {
         {"r&b", "builtin-r&b", "R&B", 1, 7.0},

@@ -29,7 +29,8 @@ double steadyGainDB(NoiseSuppressor& ns, double levelDB) {
 TEST(NoiseSuppressor, ExpandsBelowThresholdDownToTheFloorAndPassesLoudSignal) {
     NoiseSuppressor full;
     full.configure(NoiseSuppressorSettings(1.0, true), rate);
-    EXPECT_EQ(std::make_tuple(full.thresholdDB(), full.floorDB(), full.slope()), std::make_tuple(-30.0, -40.0, 4.0));
+    EXPECT_EQ(std::make_tuple(full.thresholdDB(), full.floorDB(), full.slope()),
+              std::make_tuple(-30.0, -40.0, 4.0));
     EXPECT_NEAR(full.hissLeft().magnitudeDB(rate / 2.0, rate), -6.0, 0.01);
     NoiseSuppressor off;
     off.configure(NoiseSuppressorSettings(0.8, false), rate);

@@ -1,5 +1,5 @@
-#include "audio/headphone/BundledHeadphoneProfiles.hpp"
 #include "audio/headphone/HeadphoneEQ.hpp"
+#include "audio/headphone/BundledHeadphoneProfiles.hpp"
 
 #include "tests/audio/SignalProbe.hpp"
 

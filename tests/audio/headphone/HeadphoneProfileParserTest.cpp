@@ -38,9 +38,10 @@ TEST(HeadphoneProfileParser, ReadsPublishedParametricText) {
     EXPECT_TRUE(tonavi::isUUID(profile.id));
     EXPECT_NE(profile.id, Parser::parse(text, "My Phones").id);
     EXPECT_DOUBLE_EQ(profile.preampDB, -6.5) << "the last preamp line wins";
-    EXPECT_EQ(profile.filters, (std::vector<kavore::ParametricFilter>{{Kind::peaking, 105.0, -3.2, 0.71},
-                                                                      {Kind::lowShelf, 80.0, 5.5, 0.70},
-                                                                      {Kind::highShelf, 9000.0, -2.0, 0.707}}));
+    EXPECT_EQ(profile.filters,
+              (std::vector<kavore::ParametricFilter>{{Kind::peaking, 105.0, -3.2, 0.71},
+                                                     {Kind::lowShelf, 80.0, 5.5, 0.70},
+                                                     {Kind::highShelf, 9000.0, -2.0, 0.707}}));
 
     EXPECT_DOUBLE_EQ(Parser::parse("Filter 1: ON PK Fc 100 Hz Gain 1 dB", "n").preampDB, 0.0);
 }
@@ -48,7 +49,8 @@ TEST(HeadphoneProfileParser, ReadsPublishedParametricText) {
 TEST(HeadphoneProfileParser, BadLinesAndEmptyProfilesAreErrors) {
     EXPECT_STREQ(parseError("Preamp: -1 dB\nFilter 1: ON XX Fc 100 Hz").what(),
                  "cannot parse line: Filter 1: ON XX Fc 100 Hz");
-    const auto oneNumber = parseError("Filter 1: ON PK Fc 105 Hz Gain -3 dB Q 1\n  Filter 2: ON PK Fc 100 Hz\n");
+    const auto oneNumber =
+        parseError("Filter 1: ON PK Fc 105 Hz Gain -3 dB Q 1\n  Filter 2: ON PK Fc 100 Hz\n");
     EXPECT_EQ(oneNumber.kind(), Parser::ParseError::Kind::badLine);
     EXPECT_EQ(oneNumber.line(), "Filter 2: ON PK Fc 100 Hz");
 

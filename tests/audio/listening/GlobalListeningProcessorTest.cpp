@@ -54,8 +54,8 @@ TEST(GlobalListeningEQ, EachChannelKeepsItsOwnFilters) {
     EXPECT_NEAR(channelRmsDB(out, 1, 24000) - channelRmsDB(in, 1, 24000), 0.0, 0.1);
 
     GlobalListeningEQ neutral(ListeningEQSettings::flat(), rate, 0);
-    EXPECT_EQ(neutral.channelCount(), 1);
-    EXPECT_TRUE(neutral.filters().empty());
+    EXPECT_EQ(std::make_pair(neutral.channelCount(), neutral.filters().size()),
+              std::make_pair(1, std::size_t{0}));
 }
 
 TEST(GlobalListeningEQ, EveryKindIsLimitedToBelowNyquist) {
@@ -71,8 +71,7 @@ TEST(GlobalListeningEQ, EveryKindIsLimitedToBelowNyquist) {
     ListeningEQSettings two({ListeningEQBand("a", ListeningFilterKind::bell, 1000, 4.0, 8.0),
                              ListeningEQBand("b", ListeningFilterKind::bell, 10000, 3.0, 8.0),
                              ListeningEQBand("c", ListeningFilterKind::bell, 1000, 9.0, 8.0, false)});
-    EXPECT_NEAR(two.responseDB(1000, 48000), 4.0, 0.01);
-    EXPECT_NEAR(two.responseDB(10000, 48000), 3.0, 0.01);
+    EXPECT_NEAR(two.responseDB(1000, 48000) + two.responseDB(10000, 48000), 7.0, 0.02);
 }
 
 TEST(GlobalListeningBalancer, BoostsSlowlyCutsFastAndStaysInRange) {
@@ -93,10 +92,9 @@ TEST(GlobalListeningBalancer, BoostsSlowlyCutsFastAndStaysInRange) {
         g = step(0.01f), ++n;
     ASSERT_GT(g, 1.0);
     const double top = std::pow(10.0, 9.0 / 20.0);
-    double after = 0;
-    for (int i = 0; i < 600; ++i)
-        after = step(0.01f);
-    EXPECT_NEAR(after, top - (top - g) * std::exp(-1.0), 1e-3);
+    for (int i = 0; i < 599; ++i)
+        step(0.01f);
+    EXPECT_NEAR(step(0.01f), top - (top - g) * std::exp(-1.0), 1e-3);
     for (int i = 0; i < 12000; ++i) {
         step(0.01f);
         ASSERT_LE(bal.gain(), top + 1e-12);
@@ -110,24 +108,17 @@ TEST(GlobalListeningBalancer, BoostsSlowlyCutsFastAndStaysInRange) {
     while (held >= previous && n < 10000)
         previous = held, held = step(0.001f), ++n;
     ASSERT_LT(held, top);
-    double back = 0;
-    for (int i = 0; i < 75; ++i)
-        back = step(0.001f);
-    EXPECT_NEAR(back, 1.0 + (held - 1.0) * std::exp(-1.0), 1e-3);
+    for (int i = 0; i < 74; ++i)
+        step(0.001f);
+    EXPECT_NEAR(step(0.001f), 1.0 + (held - 1.0) * std::exp(-1.0), 1e-3);
 
     // Full scale against a -32 dB target wants -32 dB, held to -18.
-    GlobalListeningBalancer cut(ListeningBalancerSettings(true, -32, 100), rate);
-    std::vector<float> buf;
-    for (int i = 0; i < 5000; ++i) {
-        buf = square(frames * 2, 1.0f);
-        cut.process(buf, 2);
-    }
-    EXPECT_NEAR(20 * std::log10(std::fabs(buf.back())), -18.0, 1e-3);
-
-    GlobalListeningBalancer weak(ListeningBalancerSettings(true, -32, 0.1), rate);
-    buf = square(64, 1.0f);
-    weak.process(buf, 2);
-    EXPECT_EQ(buf, square(64, 1.0f));
+    bal = GlobalListeningBalancer(ListeningBalancerSettings(true, -32, 100), rate);
+    for (int i = 0; i < 5000; ++i)
+        step(1.0f);
+    EXPECT_NEAR(20 * std::log10(step(1.0f)), -18.0, 1e-3);
+    bal = GlobalListeningBalancer(ListeningBalancerSettings(true, -32, 0.1), rate);
+    EXPECT_EQ(step(1.0f), 1.0) << "too weak to act";
 }
 
 TEST(GlobalListeningProcessor, DoesNothingUnlessSomethingChangesAudio) {

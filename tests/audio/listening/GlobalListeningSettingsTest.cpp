@@ -38,8 +38,7 @@ TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClamps) {
         {{{"gainDB", 40}}, ListeningEQBand("b", bell, 1000.0, 12.0)},
         {{{"q", 0.01}}, ListeningEQBand("b", bell, 1000.0, 0.0, 0.3)},
         {{{"enabled", false}}, ListeningEQBand("b", bell, 1000.0, 0.0, 0.707, false)},
-        {{{"enabled", 0}}, ListeningEQBand("b", bell)},
-    };
+        {{{"enabled", 0}}, ListeningEQBand("b", bell)}};
     for (const auto& [extra, expected] : cases)
         EXPECT_EQ(listeningEQBandFromJSON(band(extra)), expected) << extra;
     const double inf = std::numeric_limits<double>::infinity();
@@ -66,7 +65,8 @@ TEST(ListeningEQSettings, BandListReadsWholeAndKeepsSixteen) {
 TEST(ListeningEQSettings, FlatLayoutIsNeutralUntilAPassFilterIsEnabled) {
     auto eq = ListeningEQSettings::flat();
     ASSERT_EQ(eq.bands.size(), 8u);
-    EXPECT_EQ(eq.bands.front(), ListeningEQBand("high-pass", ListeningFilterKind::highPass, 35.0, 0.0, 0.707, false));
+    EXPECT_EQ(eq.bands.front(),
+              ListeningEQBand("high-pass", ListeningFilterKind::highPass, 35.0, 0.0, 0.707, false));
     EXPECT_EQ(eq.bands[4].frequencyHz, 2000.0);
     EXPECT_EQ(eq.bands.back().id, "low-pass");
     EXPECT_EQ(eq.bands.back().frequencyHz, 18000.0);
@@ -86,10 +86,10 @@ TEST(ListeningBalancerSettingsJSON, DefaultsAndClamps) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const std::vector<std::pair<json, ListeningBalancerSettings>> cases = {
         {json::object(), ListeningBalancerSettings::defaults()},
-        {{{"enabled", true}, {"targetDBFS", 0}, {"strengthPercent", 400}}, ListeningBalancerSettings(true, -12, 100)},
+        {{{"enabled", true}, {"targetDBFS", 0}, {"strengthPercent", 400}},
+         ListeningBalancerSettings(true, -12, 100)},
         {{{"targetDBFS", -90}}, ListeningBalancerSettings(false, -32, 50)},
-        {{{"targetDBFS", "x"}, {"strengthPercent", -1}}, ListeningBalancerSettings(false, -20, 0)},
-    };
+        {{{"targetDBFS", "x"}, {"strengthPercent", -1}}, ListeningBalancerSettings(false, -20, 0)}};
     for (const auto& [j, expected] : cases)
         EXPECT_EQ(listeningBalancerSettingsFromJSON(j), expected) << j;
     EXPECT_EQ(ListeningBalancerSettings(true, -20, nan).strengthPercent, 50.0);
@@ -131,8 +131,10 @@ TEST(GlobalListeningSettings, ChangesAudioAndDSPMatching) {
 }
 
 TEST(GlobalListeningSettingsJSON, TolerantReadingAndValidation) {
-    const json off[] = {json("nonsense"), json::object(),
-                        {{"enabled", "yes"}, {"equalizer", 4}, {"balancer", "x"}, {"audioUnitSlots", {1, 2}}}};
+    const json off[] = {
+        json("nonsense"),
+        json::object(),
+        {{"enabled", "yes"}, {"equalizer", 4}, {"balancer", "x"}, {"audioUnitSlots", {1, 2}}}};
     for (const auto& j : off)
         EXPECT_EQ(globalListeningSettingsFromJSON(j), GlobalListeningSettings::off()) << j;
 

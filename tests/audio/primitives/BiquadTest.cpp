@@ -55,9 +55,11 @@ TEST(Biquad, DesignsHaveTheirGainWhereItMatters) {
     for (std::size_t i = 0; i < std::size(cases); ++i) {
         Biquad f;
         cases[i].design(f);
-        EXPECT_NEAR(f.magnitudeDB(cases[i].hz, rate), cases[i].expectedDB, cases[i].tolerance) << "case " << i;
+        EXPECT_NEAR(f.magnitudeDB(cases[i].hz, rate), cases[i].expectedDB, cases[i].tolerance)
+            << "case " << i;
         if (cases[i].rendered) {
-            EXPECT_NEAR(renderedGainDB(f, cases[i].hz), cases[i].expectedDB, cases[i].tolerance) << "case " << i;
+            EXPECT_NEAR(renderedGainDB(f, cases[i].hz), cases[i].expectedDB, cases[i].tolerance)
+                << "case " << i;
         }
     }
 }

@@ -29,7 +29,8 @@ TEST(RingBuffer, OverrunDropsTheNewestSamplesAndResetDiscardsOnlyWhatIsBuffered)
 
     std::vector<float> out(16, -1.0f);
     EXPECT_EQ(ring.read(out.data(), 16), 8);
-    EXPECT_EQ(std::vector<float>(out.begin(), out.begin() + 9), (std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8, -1}))
+    EXPECT_EQ(std::vector<float>(out.begin(), out.begin() + 9),
+              (std::vector<float>{1, 2, 3, 4, 5, 6, 7, 8, -1}))
         << "nothing beyond what was available is written";
     EXPECT_EQ(ring.read(out.data(), 4), 0);
 
