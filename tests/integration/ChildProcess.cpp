@@ -1,7 +1,12 @@
 #include "tests/integration/ChildProcess.hpp"
 
+#include "core/wire/TonaviChannel.hpp"
+
+#include <gtest/gtest.h>
+
 #include <csignal>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -19,7 +24,12 @@ std::string binPath(const std::string& name) {
     return std::string(dir ? dir : "build/bin") + "/" + name;
 }
 
-ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env) {
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const Env& env) {
     std::map<std::string, std::string> merged;
     for (char** e = environ; *e; ++e) {
         std::string kv = *e;
@@ -78,11 +88,16 @@ std::string ChildProcess::readAll() {
 
 void ChildProcess::signal(int s) const { ::kill(pid, s); }
 
-std::pair<int, std::string> run(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env) {
+std::pair<int, std::string> run(const std::vector<std::string>& argv, const Env& env) {
     ChildProcess child = ChildProcess::spawn(argv, env);
     std::string out = child.readAll();
     auto status = child.wait(std::chrono::seconds(60));
     return {status.value_or(-1), out};
+}
+
+std::pair<int, std::string> ctl(const Env& env, std::vector<std::string> args) {
+    args.insert(args.begin(), binPath("tonavictl"));
+    return run(args, env);
 }
 
 PrivateHome::PrivateHome(const std::string& name) {
@@ -95,13 +110,25 @@ PrivateHome::~PrivateHome() {
     std::filesystem::remove_all(home, ec);
 }
 
-std::map<std::string, std::string> PrivateHome::env() const {
+Env PrivateHome::env() const {
     return {{"HOME", home}, {"XDG_DATA_HOME", ""}, {"XDG_STATE_HOME", ""}, {"TONAVI_APP_VERSION", ""}};
 }
 
-std::string PrivateHome::logText() const {
-    std::ifstream in(home + "/.local/state/Tonavi/Tonavi-service.log");
-    return std::string(std::istreambuf_iterator<char>(in), {});
+bool answersPing(const std::string& socket) {
+    try {
+        return TonaviChannel::send(socket, TonaviRequest::ping(), 2).ok;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+ChildProcess startService(const PrivateHome& home, const Env& extra) {
+    Env env = home.env();
+    for (auto& [k, v] : extra) env[k] = v;
+    ChildProcess service = ChildProcess::spawn({binPath("tonavi-service")}, env);
+    EXPECT_TRUE(waitUntil([&] { return answersPing(home.socketPath()); }, std::chrono::seconds(20)))
+        << "service did not start";
+    return service;
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
@@ -111,6 +138,35 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     return true;
+}
+
+// The state letter and parent from /proc/<pid>/stat; the command name before them may hold anything.
+static bool procState(int pid, char& state, int& parent) {
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const auto close = stat.rfind(')');
+    return close != std::string::npos && std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2;
+}
+
+bool alive(int pid) {
+    char state = 0;
+    int parent = 0;
+    return procState(pid, state, parent) && state != 'Z';
+}
+
+std::vector<int> workersOf(int parent, const std::string& bundleID) {
+    std::vector<int> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        char state = 0;
+        int ppid = 0;
+        if (name.find_first_not_of("0123456789") != std::string::npos || !procState(std::stoi(name), state, ppid) ||
+            state == 'Z' || ppid != parent)
+            continue;
+        std::string cmdline = readFile("/proc/" + name + "/cmdline");
+        for (auto& c : cmdline) if (c == '\0') c = ' ';
+        if (cmdline.find("--tonavi-tap-worker " + bundleID) != std::string::npos) found.push_back(std::stoi(name));
+    }
+    return found;
 }
 
 }  // namespace tonavi::testing

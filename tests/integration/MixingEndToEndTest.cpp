@@ -4,7 +4,6 @@
 
 #include "audio/effects/EQ10.hpp"
 #include "audio/effects/EQPresets.hpp"
-#include "core/wire/TonaviChannel.hpp"
 #include "platform/sim/SimWorld.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
@@ -12,13 +11,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <span>
-#include <sstream>
 
 using namespace tonavi;
 using namespace tonavi::testing;
@@ -32,8 +30,6 @@ const std::string speakers = "BuiltInSpeakerDevice";
 const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 constexpr double toneRMS = -12.0 - 3.0103; // a sine's RMS lies 3 dB under its peak
 
-bool isWorker(int pid, const std::string& bundleID);
-
 // A private world and home, the service running on them, and tonavictl to drive both.
 class Mix {
   public:
@@ -42,20 +38,10 @@ class Mix {
         env_["TONAVI_SIM_WORLD"] = worldPath();
         ctlOK({"sim", "init"});
         ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
-        service_ = ChildProcess::spawn({binPath("tonavi-service")}, env_);
-        running_ = true;
-        EXPECT_TRUE(waitUntil(
-            [&] {
-                try {
-                    return TonaviChannel::send(home_.socketPath(), TonaviRequest::ping(), 2).ok;
-                } catch (const std::exception&) {
-                    return false;
-                }
-            },
-            20s));
+        service_ = startService(home_, env_);
     }
     ~Mix() {
-        if (running_) {
+        if (service_.pid > 0) {
             service_.signal(SIGTERM);
             if (!service_.wait(20s)) {
                 service_.signal(SIGKILL);
@@ -64,19 +50,15 @@ class Mix {
         }
     }
 
-    std::pair<int, std::string> ctl(std::vector<std::string> args) {
-        args.insert(args.begin(), binPath("tonavictl"));
-        return run(args, env_);
-    }
+    std::pair<int, std::string> ctl(const std::vector<std::string>& args) { return tonavi::testing::ctl(env_, args); }
     void ctlOK(const std::vector<std::string>& args) {
         auto [status, out] = ctl(args);
         ASSERT_EQ(status, 0) << out;
     }
     std::string worldPath() const { return home_.home + "/world.json"; }
     SimWorld world() const {
-        std::ifstream in(worldPath());
         std::string error;
-        auto parsed = simWorldFromJSON(nlohmann::json::parse(in), error);
+        auto parsed = simWorldFromJSON(nlohmann::json::parse(readFile(worldPath())), error);
         EXPECT_TRUE(parsed) << error;
         return parsed.value_or(SimWorld{});
     }
@@ -117,60 +99,19 @@ class Mix {
         return false;
     }
     // The live tap workers of the app, children of this service.
-    std::vector<int> workers(const std::string& bundleID) const;
+    std::vector<int> workers(const std::string& bundleID) const { return workersOf(service_.pid, bundleID); }
     ChildProcess& service() { return service_; }
-    void forget() { running_ = false; }
+    void forget() { service_.pid = -1; } // reaped: nothing to stop
 
   private:
     PrivateHome home_{"mix"};
-    std::map<std::string, std::string> env_;
+    Env env_;
     ChildProcess service_;
-    bool running_ = false;
 };
-
-// A zombie that nobody reaped has ended too.
-bool alive(int pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat(std::istreambuf_iterator<char>(in), {});
-    const auto close = stat.rfind(')');
-    return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
-}
-
-bool isWorker(int pid, const std::string& bundleID) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline");
-    std::string cmdline(std::istreambuf_iterator<char>(in), {});
-    for (auto& c : cmdline)
-        if (c == '\0')
-            c = ' ';
-    return cmdline.find("--tonavi-tap-worker " + bundleID) != std::string::npos;
-}
-
-std::vector<int> Mix::workers(const std::string& bundleID) const {
-    std::vector<int> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename().string();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        const int pid = std::stoi(name);
-        std::ifstream in("/proc/" + name + "/stat");
-        std::string stat(std::istreambuf_iterator<char>(in), {});
-        const auto close = stat.rfind(')');
-        if (close == std::string::npos)
-            continue;
-        std::istringstream rest(stat.substr(close + 2));
-        char state = 0;
-        int parent = 0;
-        rest >> state >> parent;
-        if (parent == service_.pid && state != 'Z' && isWorker(pid, bundleID))
-            found.push_back(pid);
-    }
-    return found;
-}
 
 // The samples of a 32-bit float WAV file, interleaved; empty when it cannot be read.
 std::vector<float> readWav(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::string bytes(std::istreambuf_iterator<char>(in), {});
+    const std::string bytes = readFile(path);
     std::vector<float> samples;
     for (std::size_t at = 12; at + 8 <= bytes.size();) {
         std::uint32_t size = 0;
@@ -186,10 +127,7 @@ std::vector<float> readWav(const std::string& path) {
 }
 
 float peak(std::span<const float> samples) {
-    float p = 0;
-    for (float x : samples)
-        p = std::max(p, std::abs(x));
-    return p;
+    return std::abs(std::ranges::max(samples, {}, [](float x) { return std::abs(x); }));
 }
 
 // The largest step between neighbouring samples of one channel of interleaved stereo.

@@ -3,7 +3,6 @@
 // application sounds like there. Killing a worker or the service must leave the application on its
 // own path, with nothing of Tonavi left in the graph.
 
-#include "core/wire/TonaviChannel.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
@@ -14,18 +13,12 @@
 
 #include <csignal>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <mutex>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-extern char** environ;
 
 using namespace tonavi;
 using namespace tonavi::testing;
@@ -46,27 +39,11 @@ constexpr double bass = 120, treble = 4000, high = 880;
 class MonitorRecording {
   public:
     explicit MonitorRecording(const std::string& sink) {
-        const std::vector<std::string> argv = {
-            "parec",       "--latency-msec=10",  "--device=" + sink + ".monitor",
-            "--raw",       "--format=float32le", "--rate=48000",
-            "--channels=1"};
-        std::vector<char*> args;
-        for (const auto& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        int fds[2];
-        if (::pipe(fds) != 0)
-            return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        if (posix_spawnp(&pid_, "parec", &actions, nullptr, args.data(), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        reader_ = std::thread([this, fd = fds[0]] {
+        parec_ = ChildProcess::spawn({"/bin/sh", "-c",
+                                      "exec parec --latency-msec=10 --device=" + sink +
+                                          ".monitor --raw --format=float32le --rate=48000 --channels=1 2>/dev/null"},
+                                     {});
+        reader_ = std::thread([this, fd = parec_.outFD] {
             std::vector<char> pending;
             char chunk[4096];
             ssize_t n;
@@ -84,10 +61,8 @@ class MonitorRecording {
         });
     }
     ~MonitorRecording() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, nullptr, 0);
-        }
+        parec_.signal(SIGTERM);
+        parec_.wait(5s);
         if (reader_.joinable())
             reader_.join();
     }
@@ -159,43 +134,12 @@ class MonitorRecording {
                 at = end;
         return at;
     }
-    pid_t pid_ = -1;
+    ChildProcess parec_;
     std::thread reader_;
     std::mutex lock_;
     std::vector<float> samples_;
     std::vector<std::pair<std::size_t, Clock::time_point>> arrivals_;
 };
-
-// Live processes whose parent is `parent` and whose command line holds the worker flag.
-std::vector<pid_t> workersOf(pid_t parent) {
-    std::vector<pid_t> out;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        std::ifstream statFile(entry.path() / "stat");
-        std::string stat((std::istreambuf_iterator<char>(statFile)), {});
-        const auto close = stat.rfind(')');
-        if (close == std::string::npos)
-            continue;
-        char state = 0;
-        int ppid = 0;
-        std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid);
-        std::ifstream cmdFile(entry.path() / "cmdline");
-        const std::string cmdline((std::istreambuf_iterator<char>(cmdFile)), {});
-        if (state != 'Z' && (parent == 0 || ppid == parent) &&
-            cmdline.find("--tonavi-tap-worker") != std::string::npos)
-            out.push_back(std::stoi(name));
-    }
-    return out;
-}
-
-bool alive(pid_t pid) {
-    std::ifstream statFile("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(statFile)), {});
-    const auto close = stat.rfind(')');
-    return close != std::string::npos && stat[close + 2] != 'Z';
-}
 
 class PipeWireServiceTest : public ::testing::Test {
   protected:
@@ -225,24 +169,11 @@ class PipeWireServiceTest : public ::testing::Test {
         tones.push_back(server->spawn({TONAVI_TONE_CLIENT, id, name, frequencies, "0.25"}, "tone-" + name));
     }
     void startService() {
-        auto env = home.env();
-        env["TONAVI_AUDIO_BACKEND"] = "pipewire";
-        service = ChildProcess::spawn({binPath("tonavi-service")}, env);
-        ASSERT_TRUE(waitUntil(
-            [&] {
-                try {
-                    return TonaviChannel::send(home.socketPath(), TonaviRequest::ping(), 2).ok;
-                } catch (const std::exception&) {
-                    return false;
-                }
-            },
-            20s));
+        service = tonavi::testing::startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
     }
-    int ctl(std::vector<std::string> args) {
-        args.insert(args.begin(), binPath("tonavictl"));
-        auto [status, out] = run(args, home.env());
+    void ctl(const std::vector<std::string>& args) {
+        auto [status, out] = tonavi::testing::ctl(home.env(), args);
         EXPECT_EQ(status, 0) << out;
-        return status;
     }
 
     PrivatePipeWireServer* server = nullptr;
