@@ -8,9 +8,7 @@
 #include <vector>
 
 using kavore::SteadyVolume;
-using kavore::test::dbRatio;
-using kavore::test::dbToLinear;
-using kavore::test::rms;
+using namespace kavore::test;
 
 namespace {
 
