@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <spawn.h>
@@ -30,27 +29,24 @@ std::string readFile(const std::string& path) {
 }
 
 ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const Env& env) {
-    std::map<std::string, std::string> merged;
+    Env merged;
     for (char** e = environ; *e; ++e) {
-        std::string kv = *e;
-        auto eq = kv.find('=');
-        if (eq != std::string::npos) merged[kv.substr(0, eq)] = kv.substr(eq + 1);
+        const std::string kv = *e;
+        if (const auto eq = kv.find('='); eq != std::string::npos) merged[kv.substr(0, eq)] = kv.substr(eq + 1);
     }
     for (auto& [k, v] : env) {
-        if (v.empty() && (k.rfind("XDG_", 0) == 0 || k == "TONAVI_APP_VERSION")) {
-            merged.erase(k);  // an empty value means: unset
-        } else {
-            merged[k] = v;
-        }
+        if (v.empty() && (k.rfind("XDG_", 0) == 0 || k == "TONAVI_APP_VERSION")) merged.erase(k);  // empty: unset
+        else merged[k] = v;
     }
-    std::vector<std::string> envStrings;
-    for (auto& [k, v] : merged) envStrings.push_back(k + "=" + v);
-    std::vector<char*> envp, args;
-    for (auto& s : envStrings) envp.push_back(s.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> argvCopy = argv;
-    for (auto& s : argvCopy) args.push_back(s.data());
-    args.push_back(nullptr);
+    // The arguments, a null, the environment, a null.
+    std::vector<std::string> strings = argv;
+    for (auto& [k, v] : merged) strings.push_back(k + "=" + v);
+    std::vector<char*> pointers;
+    for (auto& s : strings) pointers.push_back(s.data());
+    pointers.insert(pointers.begin() + static_cast<long>(argv.size()), nullptr);
+    pointers.push_back(nullptr);
+    char** args = pointers.data();
+    char** envp = args + argv.size() + 1;
 
     int pipeFDs[2];
     if (::pipe(pipeFDs) != 0) return {};
@@ -60,7 +56,7 @@ ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const Env
     posix_spawn_file_actions_adddup2(&actions, pipeFDs[1], 2);
     posix_spawn_file_actions_addclose(&actions, pipeFDs[0]);
     ChildProcess child;
-    if (posix_spawn(&child.pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) child.pid = -1;
+    if (posix_spawn(&child.pid, args[0], &actions, nullptr, args, envp) != 0) child.pid = -1;
     posix_spawn_file_actions_destroy(&actions);
     ::close(pipeFDs[1]);
     child.outFD = pipeFDs[0];
@@ -69,8 +65,7 @@ ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const Env
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
     int status = 0;
-    bool ended = waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout);
-    if (!ended) return std::nullopt;
+    if (!waitUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, timeout)) return std::nullopt;
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return -1;
@@ -79,8 +74,7 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
 std::string ChildProcess::readAll() {
     std::string out;
     char buf[4096];
-    ssize_t n;
-    while ((n = ::read(outFD, buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+    for (ssize_t n; (n = ::read(outFD, buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
     ::close(outFD);
     outFD = -1;
     return out;
@@ -91,8 +85,7 @@ void ChildProcess::signal(int s) const { ::kill(pid, s); }
 std::pair<int, std::string> run(const std::vector<std::string>& argv, const Env& env) {
     ChildProcess child = ChildProcess::spawn(argv, env);
     std::string out = child.readAll();
-    auto status = child.wait(std::chrono::seconds(60));
-    return {status.value_or(-1), out};
+    return {child.wait(std::chrono::seconds(60)).value_or(-1), out};
 }
 
 std::pair<int, std::string> ctl(const Env& env, std::vector<std::string> args) {
@@ -100,10 +93,7 @@ std::pair<int, std::string> ctl(const Env& env, std::vector<std::string> args) {
     return run(args, env);
 }
 
-PrivateHome::PrivateHome(const std::string& name) {
-    std::string templ = "/tmp/tonavi-" + name + "-XXXXXX";
-    home = ::mkdtemp(templ.data());
-}
+PrivateHome::PrivateHome(const std::string& name) : home("/tmp/tonavi-" + name + "-XXXXXX") { ::mkdtemp(home.data()); }
 
 PrivateHome::~PrivateHome() {
     std::error_code ec;
@@ -132,8 +122,7 @@ ChildProcess startService(const PrivateHome& home, const Env& extra) {
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
+    for (auto deadline = std::chrono::steady_clock::now() + timeout; !condition();) {
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }

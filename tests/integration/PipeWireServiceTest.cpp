@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -39,22 +40,21 @@ constexpr double bass = 120, treble = 4000, high = 880;
 class MonitorRecording {
   public:
     explicit MonitorRecording(const std::string& sink) {
-        parec_ = ChildProcess::spawn({"/bin/sh", "-c",
-                                      "exec parec --latency-msec=10 --device=" + sink +
-                                          ".monitor --raw --format=float32le --rate=48000 --channels=1 2>/dev/null"},
-                                     {});
+        parec_ = ChildProcess::spawn(
+            {"/bin/sh", "-c",
+             "exec parec --latency-msec=10 --device=" + sink +
+                 ".monitor --raw --format=float32le --rate=48000 --channels=1 2>/dev/null"},
+            {});
         reader_ = std::thread([this, fd = parec_.outFD] {
-            std::vector<char> pending;
-            char chunk[4096];
-            ssize_t n;
-            while ((n = ::read(fd, chunk, sizeof chunk)) > 0) {
-                pending.insert(pending.end(), chunk, chunk + n);
-                const std::size_t whole = pending.size() / sizeof(float);
+            std::string pending(4096, '\0');
+            std::size_t held = 0; // bytes of a sample that is not yet whole
+            for (ssize_t n; (n = ::read(fd, pending.data() + held, pending.size() - held)) > 0;) {
+                const std::size_t whole = (held + std::size_t(n)) / sizeof(float);
                 std::lock_guard guard(lock_);
-                const std::size_t at = samples_.size();
-                samples_.resize(at + whole);
-                std::memcpy(samples_.data() + at, pending.data(), whole * sizeof(float));
-                pending.erase(pending.begin(), pending.begin() + static_cast<long>(whole * sizeof(float)));
+                samples_.resize(samples_.size() + whole);
+                std::memcpy(samples_.data() + samples_.size() - whole, pending.data(), whole * sizeof(float));
+                held = held + std::size_t(n) - whole * sizeof(float);
+                std::memmove(pending.data(), pending.data() + whole * sizeof(float), held);
                 arrivals_.emplace_back(samples_.size(), Clock::now());
             }
             ::close(fd);
@@ -63,8 +63,7 @@ class MonitorRecording {
     ~MonitorRecording() {
         parec_.signal(SIGTERM);
         parec_.wait(5s);
-        if (reader_.joinable())
-            reader_.join();
+        reader_.join();
     }
 
     // The levels (dBFS) of the frequencies over `seconds` recorded from now on.
@@ -73,27 +72,22 @@ class MonitorRecording {
         const auto count = static_cast<std::size_t>(seconds * rate);
         waitUntil([&] { return size() >= from + count; }, 5s);
         std::lock_guard guard(lock_);
-        std::vector<double> out;
-        for (double f : frequencies)
-            out.push_back(samples_.size() >= from + count ? levelAt(samples_.data() + from, count, f, rate)
-                                                          : -120);
+        std::vector<double> out(frequencies.size(), -120);
+        for (std::size_t i = 0; i < out.size() && samples_.size() >= from + count; ++i)
+            out[i] = levelAt(samples_.data() + from, count, frequencies[i], rate);
         return out;
     }
     // Measures until two measurements in a row satisfy `wanted` and agree within 0.3 dB (a change in
     // progress does neither), or the time runs out; the last levels either way.
     std::vector<double> settle(const std::vector<double>& frequencies,
-                               const std::function<bool(const std::vector<double>&)>& wanted,
-                               std::chrono::milliseconds timeout = 10s) {
-        const auto deadline = Clock::now() + timeout;
+                               const std::function<bool(const std::vector<double>&)>& wanted) {
+        const auto deadline = Clock::now() + 10s;
         auto before = levels(frequencies);
         auto now = levels(frequencies);
-        auto steady = [&] {
-            for (std::size_t i = 0; i < now.size(); ++i)
-                if (std::abs(now[i] - before[i]) > 0.3)
-                    return false;
-            return wanted(before) && wanted(now);
+        const auto agree = [&] {
+            return std::ranges::equal(now, before, [](double a, double b) { return std::abs(a - b) <= 0.3; });
         };
-        while (!steady() && Clock::now() < deadline) {
+        while (!(agree() && wanted(before) && wanted(now)) && Clock::now() < deadline) {
             before = now;
             now = levels(frequencies);
         }
@@ -104,10 +98,11 @@ class MonitorRecording {
     std::optional<double> secondsUntil(Clock::time_point from, double frequency,
                                        const std::function<bool(double)>& wanted,
                                        std::chrono::seconds timeout) {
-        std::size_t at = 0;
+        std::size_t at = 0; // the first sample that arrived at or after `from`
         {
             std::lock_guard guard(lock_);
-            at = startOf(from);
+            for (const auto& [end, arrived] : arrivals_)
+                at = arrived < from ? end : at;
         }
         const std::size_t start = at;
         const auto deadline = from + timeout;
@@ -125,14 +120,6 @@ class MonitorRecording {
     std::size_t size() {
         std::lock_guard guard(lock_);
         return samples_.size();
-    }
-    // lock_ held: the first sample that arrived at or after `when`.
-    std::size_t startOf(Clock::time_point when) const {
-        std::size_t at = 0;
-        for (const auto& [end, arrived] : arrivals_)
-            if (arrived < when)
-                at = end;
-        return at;
     }
     ChildProcess parec_;
     std::thread reader_;
@@ -168,9 +155,6 @@ class PipeWireServiceTest : public ::testing::Test {
     void play(const std::string& id, const std::string& name, const std::string& frequencies) {
         tones.push_back(server->spawn({TONAVI_TONE_CLIENT, id, name, frequencies, "0.25"}, "tone-" + name));
     }
-    void startService() {
-        service = tonavi::testing::startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
-    }
     void ctl(const std::vector<std::string>& args) {
         auto [status, out] = tonavi::testing::ctl(home.env(), args);
         EXPECT_EQ(status, 0) << out;
@@ -186,7 +170,7 @@ TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication
     seedConfig(1.0);
     play("org.tonavi.Low", "Low", "120+4000");
     play("org.tonavi.High", "High", "880");
-    startService();
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
     MonitorRecording speakers("speakers");
     MonitorRecording headphones("headphones");
     const std::vector<double> tones3 = {bass, treble, high};
@@ -220,7 +204,7 @@ TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication
 TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPath) {
     seedConfig(0.5);
     play("org.tonavi.High", "High", "880");
-    startService();
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
     MonitorRecording speakers("speakers");
     const double reference = speakers.settle({high}, [](const auto& l) { return l[0] > -20; })[0];
     ASSERT_GT(reference, -20);
@@ -268,15 +252,11 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     ASSERT_TRUE(graph.roundTrip()); // the metadata's entries are in
     const bool clean = graph.waitUntil(
         [](const PipeWireGraph& g) {
-            if (g.defaultNodeName("default.audio.sink").empty())
-                return false;
-            for (const auto& [id, node] : g.nodes)
-                if (node.prop("node.name").rfind("tonavi.", 0) == 0)
-                    return false;
-            for (const auto& [id, entries] : g.nodeMetadata)
-                if (entries.count("target.object"))
-                    return false;
-            return true;
+            return !g.defaultNodeName("default.audio.sink").empty() &&
+                   std::ranges::none_of(
+                       g.nodes, [](auto& n) { return n.second.prop("node.name").starts_with("tonavi."); }) &&
+                   std::ranges::none_of(g.nodeMetadata,
+                                        [](auto& m) { return m.second.count("target.object") > 0; });
         },
         3000ms);
     EXPECT_TRUE(clean) << "a tap sink, IO stream or target outlived the service";
