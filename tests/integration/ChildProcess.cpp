@@ -82,6 +82,13 @@ std::string ChildProcess::readAll() {
 
 void ChildProcess::signal(int s) const { ::kill(pid, s); }
 
+std::optional<int> ChildProcess::stop() {
+    signal(SIGTERM);
+    if (auto status = wait(std::chrono::seconds(20))) return status;
+    signal(SIGKILL);
+    return wait(std::chrono::seconds(5));
+}
+
 std::pair<int, std::string> run(const std::vector<std::string>& argv, const Env& env) {
     ChildProcess child = ChildProcess::spawn(argv, env);
     std::string out = child.readAll();

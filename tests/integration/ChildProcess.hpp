@@ -25,6 +25,8 @@ struct ChildProcess {
     std::optional<int> wait(std::chrono::milliseconds timeout);
     std::string readAll();
     void signal(int s) const;
+    // SIGTERM, then SIGKILL when it has not ended within 20 s; the exit status.
+    std::optional<int> stop();
 };
 
 // Runs to the end and returns {status, output}.

@@ -41,13 +41,8 @@ class Mix {
         service_ = startService(home_, env_);
     }
     ~Mix() {
-        if (service_.pid > 0) {
-            service_.signal(SIGTERM);
-            if (!service_.wait(20s)) {
-                service_.signal(SIGKILL);
-                service_.wait(5s);
-            }
-        }
+        if (service_.pid > 0)
+            service_.stop();
     }
 
     std::pair<int, std::string> ctl(const std::vector<std::string>& args) {
@@ -83,11 +78,10 @@ class Mix {
     }
     bool tapped(const std::string& bundleID) const {
         const SimWorld w = world();
-        for (const auto& p : w.processes)
-            if ((p.bundleID == bundleID || (bundleID == safari && p.bundleID == "com.apple.WebKit.GPU")) &&
-                w.isMutedByTap(p, w.effectiveDeviceUID(p, false)))
-                return true;
-        return false;
+        return std::ranges::any_of(w.processes, [&](const auto& p) {
+            return (p.bundleID == bundleID || (bundleID == safari && p.bundleID == "com.apple.WebKit.GPU")) &&
+                   w.isMutedByTap(p, w.effectiveDeviceUID(p, false));
+        });
     }
     std::string log() const { return home_.logText(); }
     // Whether the status reports a health event of the kind.

@@ -138,10 +138,8 @@ class PipeWireServiceTest : public ::testing::Test {
         ASSERT_NE(server, nullptr) << "the private PipeWire server did not start: " << why;
     }
     void TearDown() override {
-        if (service.pid > 0 && service.wait(0ms) == std::nullopt) {
-            service.signal(SIGTERM);
-            service.wait(20s);
-        }
+        if (service.pid > 0 && service.wait(0ms) == std::nullopt)
+            service.stop();
         for (pid_t pid : tones)
             PrivatePipeWireServer::terminate(pid);
     }

@@ -28,8 +28,7 @@ TEST(ServiceProcess, SecondCopyExitsZeroAndTheFirstKeepsServingThenSigtermStopsC
     EXPECT_EQ(before.st_ino, after.st_ino) << "the second copy must not touch the first one's socket";
     EXPECT_TRUE(answersPing(home.socketPath()));
 
-    first.signal(SIGTERM);
-    EXPECT_EQ(first.wait(20s), std::optional<int>(0));
+    EXPECT_EQ(first.stop(), std::optional<int>(0));
     EXPECT_FALSE(fs::exists(home.socketPath()));
     const std::string log = home.logText();
     for (const char* line : {"Tonavi service development starting", "Tonavi service ready",
@@ -50,8 +49,7 @@ TEST(ServiceProcess, KilledServiceLeavesStaleFilesThatDoNotBlockTheNextStart) {
 
     ChildProcess second = startService(home);
     EXPECT_EQ(TonaviChannel::send(home.socketPath(), TonaviRequest::ping(), 5).message, "tonavi development");
-    second.signal(SIGTERM);
-    EXPECT_EQ(second.wait(20s), std::optional<int>(0));
+    EXPECT_EQ(second.stop(), std::optional<int>(0));
 }
 
 TEST(ServiceProcess, WorkerFlagNeverTakesTheLockOrOpensTheSocket) {
@@ -123,6 +121,5 @@ TEST(Tonavictl, ExitStatusesAndChangesByName) {
     auto [usage, usageOut] = ctl(home.env(), {"volume", "Music", "loud"});
     EXPECT_EQ(usage, 64);
     EXPECT_NE(usageOut.find("is not a number"), std::string::npos) << usageOut;
-    service.signal(SIGTERM);
-    EXPECT_EQ(service.wait(20s), std::optional<int>(0));
+    EXPECT_EQ(service.stop(), std::optional<int>(0));
 }
