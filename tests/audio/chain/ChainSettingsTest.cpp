@@ -134,19 +134,17 @@ TEST(EffectSettingsJSON, EqualiserRecordIsNormalisedHoweverItIsBuilt) {
 }
 
 TEST(EffectSettingsJSON, AmountsAreClampedInCodeButKeptFromJSON) {
-    EXPECT_EQ(CompressorSettings(1.5, CompressorVoicing::voice, true).amount, 1.0);
-    EXPECT_EQ(LevelerSettings(-0.5, true).amount, 0.0);
-    EXPECT_EQ(OverdriveSettings(7.0).multiplier, 4.0);
-    EXPECT_EQ(OverdriveSettings(0.2).multiplier, 1.0);
-
+    EXPECT_EQ(std::make_tuple(CompressorSettings(1.5, CompressorVoicing::voice, true).amount,
+                              LevelerSettings(-0.5, true).amount, OverdriveSettings(7.0).multiplier,
+                              OverdriveSettings(0.2).multiplier),
+              std::make_tuple(1.0, 0.0, 4.0, 1.0));
     EXPECT_EQ(compressorSettingsFromJSON(json{{"amount", 1.5}, {"voicing", "podcast"}, {"enabled", true}}),
               CompressorSettings::unclamped(1.5, CompressorVoicing::podcast, true));
-    EXPECT_THROW(compressorSettingsFromJSON(json{{"amount", 1}, {"voicing", "opera"}, {"enabled", true}}),
-                 JSONDecodeError);
-    EXPECT_THROW(compressorSettingsFromJSON(json{{"amount", 1}, {"enabled", true}}), JSONDecodeError);
     EXPECT_EQ(levelerSettingsFromJSON(json{{"amount", 2.0}, {"enabled", true}}).amount, 2.0);
+    for (const json& bad : {json{{"amount", 1}, {"voicing", "opera"}, {"enabled", true}},
+                            json{{"amount", 1}, {"enabled", true}}})
+        EXPECT_THROW(compressorSettingsFromJSON(bad), JSONDecodeError) << bad;
     EXPECT_THROW(levelerSettingsFromJSON(json{{"amount", 0.5}}), JSONDecodeError);
-
     EQPreset preset{"custom-1", "Mine", "star", EQ10Settings({1, 2}, -1, true), false};
     EXPECT_EQ(eqPresetFromJSON(toJSON(preset)), preset);
 }
