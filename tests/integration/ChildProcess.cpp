@@ -144,8 +144,7 @@ static bool procState(int pid, char& state, int& parent) {
 }
 
 bool alive(int pid) {
-    char state = 0;
-    int parent = 0;
+    char state = 0; int parent = 0;
     return procState(pid, state, parent) && state != 'Z';
 }
 
@@ -153,8 +152,7 @@ std::vector<int> workersOf(int parent, const std::string& bundleID) {
     std::vector<int> found;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         const std::string name = entry.path().filename().string();
-        char state = 0;
-        int ppid = 0;
+        char state = 0; int ppid = 0;
         if (name.find_first_not_of("0123456789") != std::string::npos || !procState(std::stoi(name), state, ppid) ||
             state == 'Z' || ppid != parent)
             continue;

@@ -20,6 +20,7 @@
 #include <mutex>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 using namespace tonavi;
 using namespace tonavi::testing;
@@ -66,10 +67,9 @@ class MonitorRecording {
         reader_.join();
     }
 
-    // The levels (dBFS) of the frequencies over `seconds` recorded from now on.
-    std::vector<double> levels(const std::vector<double>& frequencies, double seconds = 0.3) {
-        const std::size_t from = size();
-        const auto count = static_cast<std::size_t>(seconds * rate);
+    // The levels (dBFS) of the frequencies over 0.3 s recorded from now on.
+    std::vector<double> levels(const std::vector<double>& frequencies) {
+        const std::size_t from = size(), count = 14400;
         waitUntil([&] { return size() >= from + count; }, 5s);
         std::lock_guard guard(lock_);
         std::vector<double> out(frequencies.size(), -120);
@@ -82,15 +82,12 @@ class MonitorRecording {
     std::vector<double> settle(const std::vector<double>& frequencies,
                                const std::function<bool(const std::vector<double>&)>& wanted) {
         const auto deadline = Clock::now() + 10s;
-        auto before = levels(frequencies);
-        auto now = levels(frequencies);
-        const auto agree = [&] {
-            return std::ranges::equal(now, before, [](double a, double b) { return std::abs(a - b) <= 0.3; });
-        };
-        while (!(agree() && wanted(before) && wanted(now)) && Clock::now() < deadline) {
-            before = now;
-            now = levels(frequencies);
-        }
+        const auto agree = [](double a, double b) { return std::abs(a - b) <= 0.3; };
+        std::vector<double> before, now = levels(frequencies);
+        do
+            before = std::exchange(now, levels(frequencies));
+        while (!(std::ranges::equal(now, before, agree) && wanted(before) && wanted(now)) &&
+               Clock::now() < deadline);
         return now;
     }
     // Seconds from `from` to the end of the first 50 ms window (10 ms steps) recorded after it in
