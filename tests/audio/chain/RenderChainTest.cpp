@@ -84,9 +84,7 @@ TEST(RenderChain, CorruptSettingsGiveNeutralEffects) {
         bool neutral = true;
     } cases[] = {
         {EffectKind::eq10, "not json"},
-        {EffectKind::eq10, R"({"bandGainsDB":[12,12],"enabled":true})"},
         {EffectKind::compressor, R"({"amount":1,"enabled":true})"},
-        {EffectKind::compressor, ""},
         {EffectKind::magicBoost, R"({"amount":"1","enabled":true})"},
         {EffectKind::headphoneEQ, R"({"id":"x","name":"y","preampDB":-6})"},
         {EffectKind::balancePan, R"({"balance":1})"},
