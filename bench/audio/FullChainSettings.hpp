@@ -14,12 +14,10 @@
 
 namespace kavore::bench {
 
-inline EffectSlot slot(const char* id, EffectKind kind, const nlohmann::json& settings,
-                       bool bypassed = false) {
+inline EffectSlot slot(const std::string& id, EffectKind kind, const nlohmann::json& settings) {
     EffectSlot s;
     s.id = id;
     s.kind = kind;
-    s.bypassed = bypassed;
     s.settingsJSON = settingsJSONBytes(settings);
     return s;
 }

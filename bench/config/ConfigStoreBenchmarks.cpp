@@ -10,10 +10,8 @@
 
 namespace {
 
-using BenchFolder = tonavi::test::TempFolder;
-
 void BM_ConfigLoad(benchmark::State& state) {
-    BenchFolder folder;
+    const tonavi::test::TempFolder folder;
     const tonavi::TonaviConfigStore store(folder.path());
     store.save(tonavi::testing::largeConfig(200, 50, 20));
     for (auto _ : state)
@@ -23,7 +21,7 @@ void BM_ConfigLoad(benchmark::State& state) {
 BENCHMARK(BM_ConfigLoad)->Unit(benchmark::kMillisecond);
 
 void BM_ConfigSave(benchmark::State& state) {
-    BenchFolder folder;
+    const tonavi::test::TempFolder folder;
     const tonavi::TonaviConfigStore store(folder.path());
     tonavi::TonaviConfig config = tonavi::testing::largeConfig(200, 50, 20);
     store.save(config);

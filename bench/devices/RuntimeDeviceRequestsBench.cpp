@@ -4,15 +4,14 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/devices/FiftyDevices.hpp"
 #include "core/wire/TonaviPayload.hpp"
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
 #include "service/TonaviRuntime.hpp"
+#include "tests/support/TempFolder.hpp"
 
-#include <condition_variable>
-#include <filesystem>
-#include <mutex>
-#include <unistd.h>
+#include <future>
 
 namespace {
 
@@ -25,37 +24,23 @@ struct NoTaps final : ServiceTapProvider {
 };
 
 struct Service {
-    std::filesystem::path folder =
-        std::filesystem::temp_directory_path() / ("tonavi-bench-" + std::to_string(::getpid()));
+    const tonavi::test::TempFolder folder;
     std::shared_ptr<SimMachine> machine;
     std::unique_ptr<TonaviRuntime> runtime;
 
     explicit Service(SimWorld world) : machine(std::make_shared<SimMachine>(std::move(world))) {
-        std::filesystem::create_directories(folder);
         TonaviRuntime::Environment environment;
-        environment.store = std::make_shared<TonaviConfigStore>(folder);
+        environment.store = std::make_shared<TonaviConfigStore>(folder.path());
         environment.audio = machine;
         environment.workspace = std::make_shared<SimWorkspace>(machine);
         environment.tapProvider = std::make_shared<NoTaps>();
         runtime = std::make_unique<TonaviRuntime>(std::move(environment));
     }
-    ~Service() {
-        runtime.reset();
-        std::filesystem::remove_all(folder);
-    }
-
     TonaviReply ask(const TonaviRequest& request) {
-        std::mutex lock;
-        std::condition_variable arrived;
-        std::optional<TonaviReply> reply;
-        runtime->handleAsync(request, [&](TonaviReply r) {
-            std::lock_guard guard(lock);
-            reply = std::move(r);
-            arrived.notify_one();
-        });
-        std::unique_lock guard(lock);
-        arrived.wait(guard, [&] { return reply.has_value(); });
-        return *reply;
+        std::promise<TonaviReply> reply;
+        auto answer = reply.get_future();
+        runtime->handleAsync(request, [&](TonaviReply r) { reply.set_value(std::move(r)); });
+        return answer.get();
     }
 };
 
@@ -72,34 +57,11 @@ void switchTo(benchmark::State& state, const char* target) {
     }
 }
 
-void BM_OutputSwitchWired(benchmark::State& state) {
-    switchTo(state, "USB Headphones");
-}
-void BM_OutputSwitchBluetooth(benchmark::State& state) {
-    switchTo(state, "Earbuds");
-}
-BENCHMARK(BM_OutputSwitchWired)->Unit(benchmark::kMillisecond)->Iterations(40);
-BENCHMARK(BM_OutputSwitchBluetooth)->Unit(benchmark::kMillisecond)->Iterations(40);
-
-SimWorld fiftyDevices() {
-    SimWorld w;
-    for (int i = 0; i < 50; ++i) {
-        SimDevice d;
-        d.id = w.allocateID();
-        d.uid = "device-" + std::to_string(i);
-        d.name = "Device " + std::to_string(i);
-        d.transport = i % 5 == 0 ? kAudioDeviceTransportTypeBluetooth : kAudioDeviceTransportTypeUSB;
-        d.outputStreams = {2};
-        d.volumeElements = {{1, 0.5f}, {2, 0.5f}};
-        d.hasMute = true;
-        w.devices.push_back(d);
-    }
-    w.defaultOutputUID = w.defaultInputUID = w.systemOutputUID = "device-0";
-    return w;
-}
+BENCHMARK_CAPTURE(switchTo, Wired, "USB Headphones")->Unit(benchmark::kMillisecond)->Iterations(40);
+BENCHMARK_CAPTURE(switchTo, Bluetooth, "Earbuds")->Unit(benchmark::kMillisecond)->Iterations(40);
 
 void BM_ListDevicesFiftyFromCache(benchmark::State& state) {
-    Service service(fiftyDevices());
+    Service service(bench::fiftyDevices());
     for (auto _ : state) {
         const auto reply = service.ask(TonaviRequest{TonaviRequest::ListDevices{}});
         if (!reply.payload || TonaviPayload::decodeDevices(*reply.payload).size() != 50)

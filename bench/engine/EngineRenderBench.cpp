@@ -1,14 +1,10 @@
 // Cost of one render cycle of one app, 128 frames of interleaved stereo at 48 kHz, with the
 // engine's locks included, as a tap worker's IO thread pays it.
 
-#include "audio/chain/ChainSettingsJSON.hpp"
-#include "audio/effects/BalancePanSettingsJSON.hpp"
-#include "audio/effects/EffectSettingsJSON.hpp"
-#include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
+#include "bench/audio/FullChainSettings.hpp"
 #include "core/engine/EngagementEngine.hpp"
 
 #include <benchmark/benchmark.h>
-#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <memory>
@@ -17,6 +13,7 @@
 namespace {
 
 using namespace tonavi;
+using kavore::bench::slot;
 
 class BenchTaps : public TapProviding {
   public:
@@ -44,14 +41,6 @@ std::vector<float> tone() {
     return buffer;
 }
 
-kavore::EffectSlot slot(const std::string& id, kavore::EffectKind kind, const nlohmann::json& settings) {
-    kavore::EffectSlot s;
-    s.id = id;
-    s.kind = kind;
-    s.settingsJSON = kavore::settingsJSONBytes(settings);
-    return s;
-}
-
 void runCycles(benchmark::State& state, EngagementEngine& engine) {
     const auto source = tone();
     auto buffer = source;
@@ -64,20 +53,10 @@ void runCycles(benchmark::State& state, EngagementEngine& engine) {
     }
 }
 
-void BM_RenderUnity(benchmark::State& state) {
-    auto engine = makeEngine(AppAudioState(appID));
-    auto buffer = tone();
-    // A unity app never touches the buffer, so it needs no refill between cycles.
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(engine->render(appID, buffer));
-        benchmark::ClobberMemory();
-    }
-}
-BENCHMARK(BM_RenderUnity);
-
-void BM_RenderMuted(benchmark::State& state) {
+// A unity app leaves the buffer alone and a muted one silences it: neither needs a refill between cycles.
+void renderUnchanging(benchmark::State& state, bool muted) {
     AppAudioState row(appID);
-    row.muted = true;
+    row.muted = muted;
     auto engine = makeEngine(row);
     auto buffer = tone();
     for (auto _ : state) {
@@ -85,7 +64,8 @@ void BM_RenderMuted(benchmark::State& state) {
         benchmark::ClobberMemory();
     }
 }
-BENCHMARK(BM_RenderMuted);
+BENCHMARK_CAPTURE(renderUnchanging, BM_RenderUnity, false);
+BENCHMARK_CAPTURE(renderUnchanging, BM_RenderMuted, true);
 
 void BM_RenderChain(benchmark::State& state) {
     AppAudioState row(appID);

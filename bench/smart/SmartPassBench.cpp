@@ -20,11 +20,7 @@ void BM_SmartPass(benchmark::State& s) {
         // Half are configured, a third known by name, the rest must be asked about.
         const std::string id = (i % 3 ? "com.example.app" : "com.spotify.player") + std::to_string(i);
         if (i % 2 == 0)
-            config.upsertApp([&] {
-                AppAudioState row;
-                row.id = id;
-                return row;
-            }());
+            config.upsertApp(AppAudioState(id));
         inputs.playing.insert(id);
         if (i % 10 == 2)
             inputs.capturing.insert(id);

@@ -1,6 +1,7 @@
 #pragma once
 // Test signals and measurements for processors that work on interleaved stereo floats.
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <numbers>
@@ -20,6 +21,14 @@ inline std::vector<float> stereoSine(double hz, double amplitude, double sampleR
         buffer[2 * i + 1] = s;
     }
     return buffer;
+}
+
+// samples of a sine as one stream, for processors that do not tell channels apart.
+inline std::vector<float> monoSine(double hz, double amplitude, double sampleRate, std::size_t samples) {
+    std::vector<float> v(samples);
+    for (std::size_t i = 0; i < samples; ++i)
+        v[i] = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * hz * double(i) / sampleRate));
+    return v;
 }
 
 // A square wave of constant magnitude, flipping every two samples: its level is the same at every
@@ -45,6 +54,24 @@ inline double dbRatio(double out, double in) {
 
 inline double dbToLinear(double db) {
     return std::pow(10.0, db / 20.0);
+}
+
+// The largest difference in dB between two renderings, over the samples the expected one does not
+// leave near silence.
+inline double worstDBApart(std::span<const float> expected, std::span<const float> actual) {
+    double worst = 0.0;
+    for (std::size_t i = 0; i < expected.size(); ++i)
+        if (std::fabs(expected[i]) > 1e-7f)
+            worst = std::max(worst, std::fabs(dbRatio(std::fabs(actual[i]), std::fabs(expected[i]))));
+    return worst;
+}
+
+// A sine sweeping in level from -100 to +3 dBFS, the range the dynamics must track exactly.
+inline std::vector<float> levelSweep(std::size_t n = 96000) {
+    std::vector<float> sweep(n);
+    for (std::size_t i = 0; i < n; ++i)
+        sweep[i] = float(dbToLinear(-100.0 + 103.0 * double(i) / double(n)) * std::sin(0.031 * double(i)));
+    return sweep;
 }
 
 } // namespace kavore::test

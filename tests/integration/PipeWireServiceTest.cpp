@@ -3,7 +3,6 @@
 // application sounds like there. Killing a worker or the service must leave the application on its
 // own path, with nothing of Tonavi left in the graph.
 
-#include "core/wire/TonaviChannel.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
@@ -12,20 +11,16 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <mutex>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-extern char** environ;
+#include <utility>
 
 using namespace tonavi;
 using namespace tonavi::testing;
@@ -46,82 +41,53 @@ constexpr double bass = 120, treble = 4000, high = 880;
 class MonitorRecording {
   public:
     explicit MonitorRecording(const std::string& sink) {
-        const std::vector<std::string> argv = {
-            "parec",       "--latency-msec=10",  "--device=" + sink + ".monitor",
-            "--raw",       "--format=float32le", "--rate=48000",
-            "--channels=1"};
-        std::vector<char*> args;
-        for (const auto& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        int fds[2];
-        if (::pipe(fds) != 0)
-            return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        if (posix_spawnp(&pid_, "parec", &actions, nullptr, args.data(), environ) != 0)
-            pid_ = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        reader_ = std::thread([this, fd = fds[0]] {
-            std::vector<char> pending;
-            char chunk[4096];
-            ssize_t n;
-            while ((n = ::read(fd, chunk, sizeof chunk)) > 0) {
-                pending.insert(pending.end(), chunk, chunk + n);
-                const std::size_t whole = pending.size() / sizeof(float);
+        parec_ = ChildProcess::spawn(
+            {"/bin/sh", "-c",
+             "exec parec --latency-msec=10 --device=" + sink +
+                 ".monitor --raw --format=float32le --rate=48000 --channels=1 2>/dev/null"},
+            {});
+        reader_ = std::thread([this, fd = parec_.outFD] {
+            std::string pending(4096, '\0');
+            std::size_t held = 0; // bytes of a sample that is not yet whole
+            for (ssize_t n; (n = ::read(fd, pending.data() + held, pending.size() - held)) > 0;) {
+                const std::size_t whole = (held + std::size_t(n)) / sizeof(float);
                 std::lock_guard guard(lock_);
-                const std::size_t at = samples_.size();
-                samples_.resize(at + whole);
-                std::memcpy(samples_.data() + at, pending.data(), whole * sizeof(float));
-                pending.erase(pending.begin(), pending.begin() + static_cast<long>(whole * sizeof(float)));
+                samples_.resize(samples_.size() + whole);
+                std::memcpy(samples_.data() + samples_.size() - whole, pending.data(), whole * sizeof(float));
+                held = held + std::size_t(n) - whole * sizeof(float);
+                std::memmove(pending.data(), pending.data() + whole * sizeof(float), held);
                 arrivals_.emplace_back(samples_.size(), Clock::now());
             }
             ::close(fd);
         });
     }
     ~MonitorRecording() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, nullptr, 0);
-        }
-        if (reader_.joinable())
-            reader_.join();
+        parec_.signal(SIGTERM);
+        parec_.wait(5s);
+        reader_.join();
     }
 
-    // The levels (dBFS) of the frequencies over `seconds` recorded from now on.
-    std::vector<double> levels(const std::vector<double>& frequencies, double seconds = 0.3) {
-        const std::size_t from = size();
-        const auto count = static_cast<std::size_t>(seconds * rate);
+    // The levels (dBFS) of the frequencies over 0.3 s recorded from now on.
+    std::vector<double> levels(const std::vector<double>& frequencies) {
+        const std::size_t from = size(), count = 14400;
         waitUntil([&] { return size() >= from + count; }, 5s);
         std::lock_guard guard(lock_);
-        std::vector<double> out;
-        for (double f : frequencies)
-            out.push_back(samples_.size() >= from + count ? levelAt(samples_.data() + from, count, f, rate)
-                                                          : -120);
+        std::vector<double> out(frequencies.size(), -120);
+        for (std::size_t i = 0; i < out.size() && samples_.size() >= from + count; ++i)
+            out[i] = levelAt(samples_.data() + from, count, frequencies[i], rate);
         return out;
     }
     // Measures until two measurements in a row satisfy `wanted` and agree within 0.3 dB (a change in
     // progress does neither), or the time runs out; the last levels either way.
     std::vector<double> settle(const std::vector<double>& frequencies,
-                               const std::function<bool(const std::vector<double>&)>& wanted,
-                               std::chrono::milliseconds timeout = 10s) {
-        const auto deadline = Clock::now() + timeout;
-        auto before = levels(frequencies);
-        auto now = levels(frequencies);
-        auto steady = [&] {
-            for (std::size_t i = 0; i < now.size(); ++i)
-                if (std::abs(now[i] - before[i]) > 0.3)
-                    return false;
-            return wanted(before) && wanted(now);
-        };
-        while (!steady() && Clock::now() < deadline) {
-            before = now;
-            now = levels(frequencies);
-        }
+                               const std::function<bool(const std::vector<double>&)>& wanted) {
+        const auto deadline = Clock::now() + 10s;
+        const auto agree = [](double a, double b) { return std::abs(a - b) <= 0.3; };
+        std::vector<double> before, now = levels(frequencies);
+        do
+            before = std::exchange(now, levels(frequencies));
+        while (!(std::ranges::equal(now, before, agree) && wanted(before) && wanted(now)) &&
+               Clock::now() < deadline);
         return now;
     }
     // Seconds from `from` to the end of the first 50 ms window (10 ms steps) recorded after it in
@@ -129,10 +95,11 @@ class MonitorRecording {
     std::optional<double> secondsUntil(Clock::time_point from, double frequency,
                                        const std::function<bool(double)>& wanted,
                                        std::chrono::seconds timeout) {
-        std::size_t at = 0;
+        std::size_t at = 0; // the first sample that arrived at or after `from`
         {
             std::lock_guard guard(lock_);
-            at = startOf(from);
+            for (const auto& [end, arrived] : arrivals_)
+                at = arrived < from ? end : at;
         }
         const std::size_t start = at;
         const auto deadline = from + timeout;
@@ -151,51 +118,12 @@ class MonitorRecording {
         std::lock_guard guard(lock_);
         return samples_.size();
     }
-    // lock_ held: the first sample that arrived at or after `when`.
-    std::size_t startOf(Clock::time_point when) const {
-        std::size_t at = 0;
-        for (const auto& [end, arrived] : arrivals_)
-            if (arrived < when)
-                at = end;
-        return at;
-    }
-    pid_t pid_ = -1;
+    ChildProcess parec_;
     std::thread reader_;
     std::mutex lock_;
     std::vector<float> samples_;
     std::vector<std::pair<std::size_t, Clock::time_point>> arrivals_;
 };
-
-// Live processes whose parent is `parent` and whose command line holds the worker flag.
-std::vector<pid_t> workersOf(pid_t parent) {
-    std::vector<pid_t> out;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos)
-            continue;
-        std::ifstream statFile(entry.path() / "stat");
-        std::string stat((std::istreambuf_iterator<char>(statFile)), {});
-        const auto close = stat.rfind(')');
-        if (close == std::string::npos)
-            continue;
-        char state = 0;
-        int ppid = 0;
-        std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid);
-        std::ifstream cmdFile(entry.path() / "cmdline");
-        const std::string cmdline((std::istreambuf_iterator<char>(cmdFile)), {});
-        if (state != 'Z' && (parent == 0 || ppid == parent) &&
-            cmdline.find("--tonavi-tap-worker") != std::string::npos)
-            out.push_back(std::stoi(name));
-    }
-    return out;
-}
-
-bool alive(pid_t pid) {
-    std::ifstream statFile("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(statFile)), {});
-    const auto close = stat.rfind(')');
-    return close != std::string::npos && stat[close + 2] != 'Z';
-}
 
 class PipeWireServiceTest : public ::testing::Test {
   protected:
@@ -207,10 +135,8 @@ class PipeWireServiceTest : public ::testing::Test {
         ASSERT_NE(server, nullptr) << "the private PipeWire server did not start: " << why;
     }
     void TearDown() override {
-        if (service.pid > 0 && service.wait(0ms) == std::nullopt) {
-            service.signal(SIGTERM);
-            service.wait(20s);
-        }
+        if (service.pid > 0 && service.wait(0ms) == std::nullopt)
+            service.stop();
         for (pid_t pid : tones)
             PrivatePipeWireServer::terminate(pid);
     }
@@ -224,25 +150,9 @@ class PipeWireServiceTest : public ::testing::Test {
     void play(const std::string& id, const std::string& name, const std::string& frequencies) {
         tones.push_back(server->spawn({TONAVI_TONE_CLIENT, id, name, frequencies, "0.25"}, "tone-" + name));
     }
-    void startService() {
-        auto env = home.env();
-        env["TONAVI_AUDIO_BACKEND"] = "pipewire";
-        service = ChildProcess::spawn({binPath("tonavi-service")}, env);
-        ASSERT_TRUE(waitUntil(
-            [&] {
-                try {
-                    return TonaviChannel::send(home.socketPath(), TonaviRequest::ping(), 2).ok;
-                } catch (const std::exception&) {
-                    return false;
-                }
-            },
-            20s));
-    }
-    int ctl(std::vector<std::string> args) {
-        args.insert(args.begin(), binPath("tonavictl"));
-        auto [status, out] = run(args, home.env());
+    void ctl(const std::vector<std::string>& args) {
+        auto [status, out] = tonavi::testing::ctl(home.env(), args);
         EXPECT_EQ(status, 0) << out;
-        return status;
     }
 
     PrivatePipeWireServer* server = nullptr;
@@ -255,7 +165,7 @@ TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication
     seedConfig(1.0);
     play("org.tonavi.Low", "Low", "120+4000");
     play("org.tonavi.High", "High", "880");
-    startService();
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
     MonitorRecording speakers("speakers");
     MonitorRecording headphones("headphones");
     const std::vector<double> tones3 = {bass, treble, high};
@@ -289,7 +199,7 @@ TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication
 TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPath) {
     seedConfig(0.5);
     play("org.tonavi.High", "High", "880");
-    startService();
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
     MonitorRecording speakers("speakers");
     const double reference = speakers.settle({high}, [](const auto& l) { return l[0] > -20; })[0];
     ASSERT_GT(reference, -20);
@@ -337,15 +247,11 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     ASSERT_TRUE(graph.roundTrip()); // the metadata's entries are in
     const bool clean = graph.waitUntil(
         [](const PipeWireGraph& g) {
-            if (g.defaultNodeName("default.audio.sink").empty())
-                return false;
-            for (const auto& [id, node] : g.nodes)
-                if (node.prop("node.name").rfind("tonavi.", 0) == 0)
-                    return false;
-            for (const auto& [id, entries] : g.nodeMetadata)
-                if (entries.count("target.object"))
-                    return false;
-            return true;
+            return !g.defaultNodeName("default.audio.sink").empty() &&
+                   std::ranges::none_of(
+                       g.nodes, [](auto& n) { return n.second.prop("node.name").starts_with("tonavi."); }) &&
+                   std::ranges::none_of(g.nodeMetadata,
+                                        [](auto& m) { return m.second.count("target.object") > 0; });
         },
         3000ms);
     EXPECT_TRUE(clean) << "a tap sink, IO stream or target outlived the service";

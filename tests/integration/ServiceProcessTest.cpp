@@ -1,124 +1,121 @@
-// The service as a real process: single instance, stale files, termination, the worker flag, the client.
+// The service as a real process: single instance, stale files, termination, the worker flag, and
+// tonavictl against it.
 
 #include "core/wire/TonaviChannel.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <csignal>
 #include <filesystem>
 #include <sys/stat.h>
-#include <fstream>
 
 using namespace tonavi;
 using namespace tonavi::testing;
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-namespace {
-bool answersPing(const std::string& socket) {
-    try {
-        return TonaviChannel::send(socket, TonaviRequest::ping(), 2).ok;
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
-ChildProcess startService(const PrivateHome& home, std::map<std::string, std::string> extra = {}) {
-    auto env = home.env();
-    for (auto& [k, v] : extra) env[k] = v;
-    ChildProcess service = ChildProcess::spawn({binPath("tonavi-service")}, env);
-    EXPECT_TRUE(waitUntil([&] { return answersPing(home.socketPath()); }, 20s)) << "service did not start";
-    return service;
-}
-}  // namespace
-
-TEST(ServiceProcess, SecondCopyExitsZeroAndTheFirstKeepsServingThenSigtermStopsCleanly) {
+// A second copy exits 0 and the first keeps serving; SIGTERM stops it cleanly.
+TEST(ServiceProcess, SingleInstanceCleanStopAndStaleFiles) {
     PrivateHome home;
     ChildProcess first = startService(home);
-    struct stat before {};
+    struct stat before {
+    }, after{};
     ASSERT_EQ(::stat(home.socketPath().c_str(), &before), 0);
-
-    auto [status, out] = run({binPath("tonavi-service")}, home.env());
-    EXPECT_EQ(status, 0);
-    struct stat after {};
+    EXPECT_EQ(run({binPath("tonavi-service")}, home.env()).first, 0);
     ASSERT_EQ(::stat(home.socketPath().c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino) << "the second copy must not touch the first one's socket";
     EXPECT_TRUE(answersPing(home.socketPath()));
 
-    first.signal(SIGTERM);
-    EXPECT_EQ(first.wait(20s), std::optional<int>(0));
+    EXPECT_EQ(first.stop(), std::optional<int>(0));
     EXPECT_FALSE(fs::exists(home.socketPath()));
-    std::string log = home.logText();
-    EXPECT_NE(log.find("Tonavi service development starting"), std::string::npos);
-    EXPECT_NE(log.find("Tonavi service ready"), std::string::npos);
-    EXPECT_NE(log.find("Tonavi service: another instance already owns the runtime; exiting"), std::string::npos);
-    EXPECT_NE(log.find("Tonavi service shutting down"), std::string::npos);
+    const std::string log = home.logText();
+    for (const char* line : {"Tonavi service development starting", "Tonavi service ready",
+                             "Tonavi service: another instance already owns the runtime; exiting",
+                             "Tonavi service shutting down"})
+        EXPECT_NE(log.find(line), std::string::npos) << line;
     EXPECT_TRUE(fs::exists(home.supportDir() + "/service.lock")) << "the lock file is never deleted";
-}
 
-TEST(ServiceProcess, KilledServiceLeavesStaleFilesThatDoNotBlockTheNextStart) {
-    PrivateHome home;
-    ChildProcess first = startService(home, {{"TONAVI_APP_VERSION", "4.5.6"}});
+    // A killed service leaves stale files that do not block the next start.
+    ChildProcess killed = startService(home, {{"TONAVI_APP_VERSION", "4.5.6"}});
     EXPECT_EQ(TonaviChannel::send(home.socketPath(), TonaviRequest::ping(), 5).message, "tonavi 4.5.6");
-    first.signal(SIGKILL);
-    first.wait(20s);
+    killed.signal(SIGKILL);
+    killed.wait(20s);
     ASSERT_TRUE(fs::exists(home.socketPath())) << "a killed service leaves its socket file";
     EXPECT_FALSE(answersPing(home.socketPath()));
-
-    ChildProcess second = startService(home);
-    EXPECT_EQ(TonaviChannel::send(home.socketPath(), TonaviRequest::ping(), 5).message, "tonavi development");
-    second.signal(SIGTERM);
-    EXPECT_EQ(second.wait(20s), std::optional<int>(0));
+    ChildProcess next = startService(home);
+    EXPECT_EQ(next.stop(), std::optional<int>(0));
 }
 
-TEST(ServiceProcess, WorkerFlagNeverTakesTheLockOrOpensTheSocket) {
+// The worker flag never takes the lock or opens the socket; a socket path that is too long stops
+// the service with status 1.
+TEST(ServiceProcess, WorkersAndUnusableSocketPathsNeverServe) {
     PrivateHome home;
-    auto [usage, usageOut] = run({binPath("tonavi-service"), "--tonavi-tap-worker"}, home.env());
-    EXPECT_EQ(usage, 64);
+    EXPECT_EQ(run({binPath("tonavi-service"), "--tonavi-tap-worker"}, home.env()).first, 64);
     // Without a first state on its stdin a worker gives up with 65.
-    auto [noState, out] = run({"/bin/sh", "-c",
-                               "exec '" + binPath("tonavi-service") + "' --tonavi-tap-worker com.apple.Safari </dev/null"},
-                              home.env());
+    auto [noState, out] =
+        run({"/bin/sh", "-c",
+             "exec '" + binPath("tonavi-service") + "' --tonavi-tap-worker com.apple.Safari </dev/null"},
+            home.env());
     EXPECT_EQ(noState, 65);
     EXPECT_NE(out.find("missing initial render state"), std::string::npos) << out;
     EXPECT_FALSE(fs::exists(home.supportDir() + "/service.lock"));
     EXPECT_FALSE(fs::exists(home.socketPath()));
-}
 
-TEST(ServiceProcess, SocketPathTooLongExitsWithStatusOne) {
-    PrivateHome home;
     // Pad the home so that the socket path is 104 bytes.
-    std::string suffix = "/.local/share/Tonavi/control.sock";
-    std::string longHome = home.home + "/" + std::string(104 - suffix.size() - home.home.size() - 1, 'h');
+    const std::string suffix = "/.local/share/Tonavi/control.sock";
+    const std::string longHome =
+        home.home + "/" + std::string(104 - suffix.size() - home.home.size() - 1, 'h');
     fs::create_directories(longHome);
     auto env = home.env();
     env["HOME"] = longHome;
-    auto [status, out] = run({binPath("tonavi-service")}, env);
-    EXPECT_EQ(status, 1);
-    std::ifstream in(longHome + "/.local/state/Tonavi/Tonavi-service.log");
-    std::string log(std::istreambuf_iterator<char>(in), {});
+    EXPECT_EQ(run({binPath("tonavi-service")}, env).first, 1);
+    const std::string log = readFile(longHome + "/.local/state/Tonavi/Tonavi-service.log");
     EXPECT_NE(log.find("tonavi: control socket path too long (104 bytes); not starting"), std::string::npos);
     EXPECT_NE(log.find("Tonavi control server failed to start: "), std::string::npos);
 }
 
-TEST(Tonavictl, ExitStatusTellsOkFailureAndUnreachable) {
+// Exit statuses tell success, refusal and an unreachable service; a change made by name shows in
+// the next status; names that match nothing are refused before anything is sent.
+TEST(Tonavictl, ExitStatusesAndChangesByName) {
     PrivateHome home;
-    auto [down, downOut] = run({binPath("tonavictl"), "ping"}, home.env());
+    auto [down, downOut] = ctl(home.env(), {"ping"});
     EXPECT_EQ(down, 2);
     EXPECT_NE(downOut.find("cannot connect: service not running ("), std::string::npos) << downOut;
 
     ChildProcess service = startService(home);
-    auto [up, upOut] = run({binPath("tonavictl"), "ping"}, home.env());
-    EXPECT_EQ(up, 0);
-    EXPECT_EQ(upOut, "tonavi development\n");
-    auto [sent, sentOut] = run({binPath("tonavictl"), "send", "{\"ping\":{}}"}, home.env());
-    EXPECT_EQ(sent, 0);
-    EXPECT_EQ(sentOut, "{\"message\":\"tonavi development\",\"ok\":true}\n");
+    EXPECT_EQ(ctl(home.env(), {"ping"}), std::make_pair(0, std::string("tonavi development\n")));
+    EXPECT_EQ(ctl(home.env(), {"send", R"({"ping":{}})"}),
+              std::make_pair(0, std::string("{\"message\":\"tonavi development\",\"ok\":true}\n")));
     // The service closes an undecodable request without a reply: no reply is not a success.
-    auto [bad, badOut] = run({binPath("tonavictl"), "send", "{\"ping\":{},\"status\":{}}"}, home.env());
+    auto [bad, badOut] = ctl(home.env(), {"send", R"({"ping":{},"status":{}})"});
     EXPECT_EQ(bad, 2);
     EXPECT_NE(badOut.find("io error: "), std::string::npos) << badOut;
-    service.signal(SIGTERM);
-    EXPECT_EQ(service.wait(20s), std::optional<int>(0));
+
+    // A row for the app, so that its name is known; the service names com.apple.Music "Music".
+    ASSERT_EQ(
+        ctl(home.env(), {"send", R"({"setAppMuted":{"bundleID":"com.apple.Music","muted":false}})"}).first,
+        0);
+    EXPECT_EQ(ctl(home.env(), {"volume", "music", "30%"}).first, 0);
+    const std::string table = ctl(home.env(), {"status"}).second;
+    const auto at = table.find("\n  Music "); // the row of the table that starts with the name
+    const std::string row = at == std::string::npos ? "" : table.substr(at, table.find('\n', at + 1) - at);
+    EXPECT_TRUE(row.find("com.apple.Music") != std::string::npos && row.find(" 30% ") != std::string::npos)
+        << table;
+    const auto reply = nlohmann::json::parse(ctl(home.env(), {"status", "--json"}).second);
+    double volume = -1;
+    for (const auto& app : reply.at("status").at("apps"))
+        if (app.at("id") == "com.apple.Music")
+            volume = app.at("volume").get<double>();
+    EXPECT_DOUBLE_EQ(volume, 0.3) << reply;
+
+    auto [unknown, unknownOut] = ctl(home.env(), {"mute", "Musik"});
+    EXPECT_EQ(unknown, 1);
+    EXPECT_NE(unknownOut.find("did you mean: Music (com.apple.Music)?"), std::string::npos) << unknownOut;
+    auto [usage, usageOut] = ctl(home.env(), {"volume", "Music", "loud"});
+    EXPECT_EQ(usage, 64);
+    EXPECT_NE(usageOut.find("is not a number"), std::string::npos) << usageOut;
+    EXPECT_EQ(service.stop(), std::optional<int>(0));
 }

@@ -46,12 +46,15 @@ void countFrames(benchmark::State& state) {
     state.counters["x_realtime"] = benchmark::Counter(frames / kRate, benchmark::Counter::kIsRate);
 }
 
-// Each iteration starts from the same programme material, so that gains never run away.
+// Each iteration starts from the same programme material, so that gains never run away. A chain that
+// cannot change the audio needs no refill, so that only the chain's own cost is measured.
 template <typename Process>
-void runProcessor(benchmark::State& state, Process process, const StereoBuffer& source = programme()) {
-    StereoBuffer buffer;
+void runProcessor(benchmark::State& state, Process process, const StereoBuffer& source = programme(),
+                  bool refill = true) {
+    StereoBuffer buffer = source;
     for (auto _ : state) {
-        std::memcpy(buffer.data(), source.data(), sizeof buffer);
+        if (refill)
+            std::memcpy(buffer.data(), source.data(), sizeof buffer);
         process(std::span<float>(buffer));
         benchmark::DoNotOptimize(buffer.data());
         benchmark::ClobberMemory();
@@ -61,52 +64,26 @@ void runProcessor(benchmark::State& state, Process process, const StereoBuffer& 
 
 } // namespace
 
-static void BM_EQ10(benchmark::State& state) {
-    EQ10 eq;
-    eq.configure(EQPresets::named("Rock")->settings, kRate);
-    runProcessor(state, [&](std::span<float> b) { eq.process(b); });
+// A fresh processor, configured with `args`, on `source`.
+template <typename Processor, typename... Args>
+void BM_Processor(benchmark::State& state, Processor p, const StereoBuffer& source, Args... args) {
+    p.configure(args...);
+    runProcessor(
+        state, [&](std::span<float> b) { p.process(b); }, source);
 }
-BENCHMARK(BM_EQ10);
-
-static void BM_Compressor(benchmark::State& state) {
-    OneKnobCompressor comp;
-    comp.configure(CompressorSettings(0.7, CompressorVoicing::music, true), kRate);
-    runProcessor(state, [&](std::span<float> b) { comp.process(b); });
-}
-BENCHMARK(BM_Compressor);
-
-static void BM_Leveler(benchmark::State& state) {
-    MagicLeveler lev;
-    lev.configure(LevelerSettings(0.8, true), kRate);
-    runProcessor(state, [&](std::span<float> b) { lev.process(b); });
-}
-BENCHMARK(BM_Leveler);
-
-static void BM_OverdriveLimiter(benchmark::State& state) {
-    OverdriveLimiter lim;
-    lim.configure(OverdriveSettings(3.0), kRate, 0.0, false);
-    runProcessor(state, [&](std::span<float> b) { lim.process(b); });
-}
-BENCHMARK(BM_OverdriveLimiter);
-
+BENCHMARK_CAPTURE(BM_Processor, EQ10, EQ10{}, programme(), EQPresets::named("Rock")->settings, kRate);
+BENCHMARK_CAPTURE(BM_Processor, OneKnobCompressor, OneKnobCompressor{}, programme(),
+                  CompressorSettings(0.7, CompressorVoicing::music, true), kRate);
+BENCHMARK_CAPTURE(BM_Processor, MagicLeveler, MagicLeveler{}, programme(), LevelerSettings(0.8, true), kRate);
+BENCHMARK_CAPTURE(BM_Processor, OverdriveLimiter, OverdriveLimiter{}, programme(), OverdriveSettings(3.0),
+                  kRate, 0.0, false);
 // A quiet signal that sits in the expansion range, so the gain is computed for every frame, with the
 // hiss shelf on.
-static void BM_NoiseSuppressor(benchmark::State& state) {
-    NoiseSuppressor ns;
-    ns.configure(NoiseSuppressorSettings(0.8, true), kRate);
-    runProcessor(
-        state, [&](std::span<float> b) { ns.process(b); }, tone(0.003));
-}
-BENCHMARK(BM_NoiseSuppressor);
-
+BENCHMARK_CAPTURE(BM_Processor, NoiseSuppressor, NoiseSuppressor{}, tone(0.003),
+                  NoiseSuppressorSettings(0.8, true), kRate);
 // The largest bundled profile: preamp and five filters over both channels.
-static void BM_HeadphoneEQ(benchmark::State& state) {
-    HeadphoneEQ eq;
-    eq.configure(&BundledHeadphoneProfiles::all()[2], kRate, true);
-    runProcessor(
-        state, [&](std::span<float> b) { eq.process(b); }, tone(0.3));
-}
-BENCHMARK(BM_HeadphoneEQ);
+BENCHMARK_CAPTURE(BM_Processor, HeadphoneEQ, HeadphoneEQ{}, tone(0.3), &BundledHeadphoneProfiles::all()[2],
+                  kRate, true);
 
 // Worst case: a level well above the learned baseline keeps the per-sample gain loop running. Over a
 // long run the baseline creeps up to the loud level; it is learned again before it gets there.
@@ -136,39 +113,23 @@ static void BM_SteadyVolume(benchmark::State& state) {
 }
 BENCHMARK(BM_SteadyVolume);
 
-static void BM_FullChain(benchmark::State& state) {
-    RenderChain chain;
-    chain.configure(bench::fullChainSettings(), kRate);
-    runProcessor(state, [&](std::span<float> b) { chain.process(b); });
-}
-BENCHMARK(BM_FullChain);
-
-// A chain that cannot change the audio needs no buffer refresh, so only the chain's own cost is measured.
-static void runUnchangingChain(benchmark::State& state, const ChainSettings& settings) {
+static void runChain(benchmark::State& state, const ChainSettings& settings, bool changesAudio) {
     RenderChain chain;
     chain.configure(settings, kRate);
-    StereoBuffer buffer = programme();
-    for (auto _ : state) {
-        chain.process(buffer);
-        benchmark::DoNotOptimize(buffer.data());
-        benchmark::ClobberMemory();
-    }
-    countFrames(state);
+    runProcessor(
+        state, [&](std::span<float> b) { chain.process(b); }, programme(), changesAudio);
 }
+BENCHMARK_CAPTURE(runChain, BM_FullChain, bench::fullChainSettings(), true);
 
-// All slots bypassed, multiplier 1.
-static void BM_NeutralChain(benchmark::State& state) {
+// All slots bypassed with multiplier 1, or the whole chain bypassed.
+ChainSettings neutralChain(bool bypassWhole) {
     ChainSettings settings = bench::fullChainSettings();
+    settings.bypassed = bypassWhole;
     for (auto& s : settings.slots)
-        s.bypassed = true;
-    settings.overdrive = OverdriveSettings::off();
-    runUnchangingChain(state, settings);
+        s.bypassed = !bypassWhole;
+    if (!bypassWhole)
+        settings.overdrive = OverdriveSettings::off();
+    return settings;
 }
-BENCHMARK(BM_NeutralChain);
-
-static void BM_BypassedChain(benchmark::State& state) {
-    ChainSettings settings = bench::fullChainSettings();
-    settings.bypassed = true;
-    runUnchangingChain(state, settings);
-}
-BENCHMARK(BM_BypassedChain);
+BENCHMARK_CAPTURE(runChain, BM_NeutralChain, neutralChain(false), false);
+BENCHMARK_CAPTURE(runChain, BM_BypassedChain, neutralChain(true), false);

@@ -20,19 +20,16 @@ static void BM_RingBuffer(benchmark::State& state) {
             std::int64_t sent = 0;
             while (sent < perIteration) {
                 const std::int64_t n = std::min({ring.freeSpace(), block, perIteration - sent});
-                if (n == 0) {
-                    std::this_thread::yield();
-                    continue;
-                }
                 sent += ring.write(in.data(), n);
+                if (n == 0)
+                    std::this_thread::yield();
             }
         });
         std::int64_t received = 0;
         while (received < perIteration) {
             const std::int64_t n = ring.read(out.data(), block);
-            if (n == 0) {
+            if (n == 0)
                 std::this_thread::yield();
-            }
             received += n;
         }
         writer.join();

@@ -1,25 +1,21 @@
 #include "audio/chain/ChainSettings.hpp"
-#include "audio/chain/ChainSettingsJSON.hpp"
 #include "audio/effects/EffectSettingsJSON.hpp"
 
+#include "tests/audio/Slots.hpp"
+
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <cmath>
 #include <limits>
 
 using namespace kavore;
+using namespace kavore::test;
 using nlohmann::json;
 
 namespace {
 
-EffectSlot slot(const std::string& id, bool bypassed = false) {
-    EffectSlot s;
-    s.id = id;
-    s.kind = EffectKind::eq10;
-    s.bypassed = bypassed;
-    s.settingsJSON = settingsJSONBytes(toJSON(EQ10Settings::flat()));
-    return s;
+EffectSlot flat(const std::string& id, bool bypassed = false) {
+    return slot(id, EffectKind::eq10, toJSON(EQ10Settings::flat()), bypassed);
 }
 
 // Every field of a chain, with both optionals on the second slot; bytes travel as base64.
@@ -35,17 +31,12 @@ const char* const goldenChain = R"({
 
 ChainSettings goldenChainSettings() {
     ChainSettings chain;
-    EffectSlot eq = slot("EQ", true);
-    eq.settingsJSON = {'{', '}'};
-    EffectSlot au = eq;
-    au.id = "AU-1";
-    au.bypassed = false;
-    au.kind = EffectKind::audioUnit;
+    EffectSlot au = rawSlot("AU-1", EffectKind::audioUnit, "{}");
     au.nickname = "Reverb";
     au.auComponent =
         AUComponentKey{fourCharCode("aufx"), fourCharCode("rvb2"), fourCharCode("appl"), "Reverb", "Apple"};
     au.audioUnitPreset = std::vector<std::uint8_t>{0x00, 0xFF, 0x10};
-    chain.slots = {eq, au};
+    chain.slots = {rawSlot("EQ", EffectKind::eq10, "{}", true), au};
     chain.overdrive = OverdriveSettings(3.0);
     chain.bypassed = true;
     return chain;
@@ -64,22 +55,20 @@ TEST(ChainSettingsJSON, WritesAndReadsTheGoldenDocument) {
 
 // One bad field anywhere fails the whole chain.
 TEST(ChainSettingsJSON, ReadsStrictly) {
-    const std::vector<std::pair<std::string, json>> breaks = {
-        {"/slots/0/id", nullptr},
-        {"/slots/0/kind", nullptr},
-        {"/slots/0/nickname", nullptr},
-        {"/slots/0/bypassed", nullptr},
-        {"/slots/0/settingsJSON", nullptr},
-        {"/slots", nullptr},
-        {"/overdrive", nullptr},
-        {"/bypassed", nullptr},
-        {"/slots/0/kind", "reverb"},
-        {"/slots/0/settingsJSON", "not base64!"},
-        {"/slots/0/bypassed", "false"},
-        {"/overdrive", json::object()},
-        {"/slots/1/auComponent/type", 4294967296ull},
-        {"/slots/1/auComponent/name", nullptr},
-    };
+    const std::vector<std::pair<std::string, json>> breaks = {{"/slots/0/id", nullptr},
+                                                              {"/slots/0/kind", nullptr},
+                                                              {"/slots/0/nickname", nullptr},
+                                                              {"/slots/0/bypassed", nullptr},
+                                                              {"/slots/0/settingsJSON", nullptr},
+                                                              {"/slots", nullptr},
+                                                              {"/overdrive", nullptr},
+                                                              {"/bypassed", nullptr},
+                                                              {"/slots/0/kind", "reverb"},
+                                                              {"/slots/0/settingsJSON", "not base64!"},
+                                                              {"/slots/0/bypassed", "false"},
+                                                              {"/overdrive", json::object()},
+                                                              {"/slots/1/auComponent/type", 4294967296ull},
+                                                              {"/slots/1/auComponent/name", nullptr}};
     for (const auto& [pointer, value] : breaks) {
         json j = json::parse(goldenChain);
         if (value.is_null())
@@ -92,63 +81,50 @@ TEST(ChainSettingsJSON, ReadsStrictly) {
 }
 
 TEST(ChainSettings, NeutralWhenNothingCanChangeTheAudio) {
-    ChainSettings chain;
-    chain.slots = {slot("a", true), slot("b", true)};
-    EXPECT_TRUE(chain.isNeutral());
-    chain.overdrive = OverdriveSettings(2.0);
-    EXPECT_FALSE(chain.isNeutral());
-    chain.bypassed = true;
-    EXPECT_TRUE(chain.isNeutral());
-
-    chain = ChainSettings::empty();
-    chain.overdrive = OverdriveSettings::unclamped(1.001);
-    EXPECT_TRUE(chain.isNeutral());
-    chain.overdrive = OverdriveSettings::unclamped(1.0011);
-    EXPECT_FALSE(chain.isNeutral());
-    chain = ChainSettings::empty();
-    chain.slots = {slot("a", true), slot("b", false)};
-    EXPECT_FALSE(chain.isNeutral());
+    const struct {
+        std::vector<EffectSlot> slots;
+        double overdrive;
+        bool bypassed, neutral;
+    } cases[] = {{{flat("a", true), flat("b", true)}, 1.0, false, true},
+                 {{flat("a", true), flat("b", true)}, 2.0, false, false},
+                 {{flat("a", true), flat("b", true)}, 2.0, true, true},
+                 {{}, 1.001, false, true},
+                 {{}, 1.0011, false, false},
+                 {{flat("a", true), flat("b")}, 1.0, false, false}};
+    for (const auto& c : cases) {
+        ChainSettings chain;
+        chain.slots = c.slots;
+        chain.overdrive = OverdriveSettings::unclamped(c.overdrive);
+        chain.bypassed = c.bypassed;
+        EXPECT_EQ(chain.isNeutral(), c.neutral) << c.slots.size() << " " << c.overdrive << " " << c.bypassed;
+    }
 }
 
 TEST(ChainSettings, MoveSwapsWithNeighboursAndStopsAtTheEnds) {
     ChainSettings chain;
-    chain.slots = {slot("a"), slot("b"), slot("c")};
-    auto order = [&] {
-        std::string s;
-        for (const auto& x : chain.slots)
-            s += x.id;
-        return s;
-    };
-    chain.move("a", true);
-    EXPECT_EQ(order(), "abc");
-    chain.move("c", false);
-    EXPECT_EQ(order(), "abc");
-    chain.move("zz", true);
-    EXPECT_EQ(order(), "abc");
-    chain.move("b", true);
-    EXPECT_EQ(order(), "bac");
-    chain.move("b", false);
-    chain.move("b", false);
-    EXPECT_EQ(order(), "acb");
+    chain.slots = {flat("a"), flat("b"), flat("c")};
+    const std::vector<std::tuple<const char*, bool, const char*>> moves = {
+        {"a", true, "abc"}, {"c", false, "abc"}, {"zz", true, "abc"},
+        {"b", true, "bac"}, {"b", false, "abc"}, {"b", false, "acb"}};
+    for (const auto& [id, up, expected] : moves) {
+        chain.move(id, up);
+        std::string order;
+        for (const auto& s : chain.slots)
+            order += s.id;
+        EXPECT_EQ(order, expected) << id << (up ? " up" : " down");
+    }
 }
 
 TEST(EffectSettingsJSON, EqualiserRecordIsNormalisedHoweverItIsBuilt) {
     const auto twelve = eq10SettingsFromJSON(
         json{{"bandGainsDB", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}}, {"preampDB", -30}, {"enabled", true}});
-    EXPECT_EQ(twelve.bandGainsDB[9], 10.0);
-    EXPECT_EQ(twelve.preampDB, -12.0);
+    EXPECT_EQ(twelve, EQ10Settings({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, -12.0, true));
     const auto three =
         eq10SettingsFromJSON(json{{"bandGainsDB", {20, -20, 1.5}}, {"preampDB", 0}, {"enabled", false}});
-    EXPECT_EQ(three.bandGainsDB[0], 12.0);
-    EXPECT_EQ(three.bandGainsDB[1], -12.0);
-    EXPECT_EQ(three.bandGainsDB[2], 1.5);
-    for (std::size_t i = 3; i < 10; ++i)
-        EXPECT_EQ(three.bandGainsDB[i], 0.0);
+    EXPECT_EQ(three, EQ10Settings({12, -12, 1.5}, 0.0, false));
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    const EQ10Settings fromCode({nan, std::numeric_limits<double>::infinity()}, nan, true);
-    EXPECT_EQ(fromCode.bandGainsDB[0], 0.0);
-    EXPECT_EQ(fromCode.bandGainsDB[1], 0.0);
-    EXPECT_EQ(fromCode.preampDB, 0.0);
+    EXPECT_EQ(EQ10Settings({nan, std::numeric_limits<double>::infinity()}, nan, true),
+              EQ10Settings({}, 0.0, true));
 
     EXPECT_TRUE(EQ10Settings({0.005, -0.005}, 0.0, true).isNeutral());
     EXPECT_FALSE(EQ10Settings({0.0, 0.01}, 0.0, true).isNeutral());
@@ -158,22 +134,17 @@ TEST(EffectSettingsJSON, EqualiserRecordIsNormalisedHoweverItIsBuilt) {
 }
 
 TEST(EffectSettingsJSON, AmountsAreClampedInCodeButKeptFromJSON) {
-    EXPECT_EQ(CompressorSettings(1.5, CompressorVoicing::voice, true).amount, 1.0);
-    EXPECT_EQ(LevelerSettings(-0.5, true).amount, 0.0);
-    EXPECT_EQ(OverdriveSettings(7.0).multiplier, 4.0);
-    EXPECT_EQ(OverdriveSettings(0.2).multiplier, 1.0);
-
-    const auto c =
-        compressorSettingsFromJSON(json{{"amount", 1.5}, {"voicing", "podcast"}, {"enabled", true}});
-    EXPECT_EQ(c.amount, 1.5);
-    EXPECT_EQ(c.voicing, CompressorVoicing::podcast);
-    EXPECT_EQ(compressorSettingsFromJSON(toJSON(c)), c);
-    EXPECT_THROW(compressorSettingsFromJSON(json{{"amount", 1}, {"voicing", "opera"}, {"enabled", true}}),
-                 JSONDecodeError);
-    EXPECT_THROW(compressorSettingsFromJSON(json{{"amount", 1}, {"enabled", true}}), JSONDecodeError);
+    EXPECT_EQ(std::make_tuple(CompressorSettings(1.5, CompressorVoicing::voice, true).amount,
+                              LevelerSettings(-0.5, true).amount, OverdriveSettings(7.0).multiplier,
+                              OverdriveSettings(0.2).multiplier),
+              std::make_tuple(1.0, 0.0, 4.0, 1.0));
+    EXPECT_EQ(compressorSettingsFromJSON(json{{"amount", 1.5}, {"voicing", "podcast"}, {"enabled", true}}),
+              CompressorSettings::unclamped(1.5, CompressorVoicing::podcast, true));
     EXPECT_EQ(levelerSettingsFromJSON(json{{"amount", 2.0}, {"enabled", true}}).amount, 2.0);
+    for (const json& bad : {json{{"amount", 1}, {"voicing", "opera"}, {"enabled", true}},
+                            json{{"amount", 1}, {"enabled", true}}})
+        EXPECT_THROW(compressorSettingsFromJSON(bad), JSONDecodeError) << bad;
     EXPECT_THROW(levelerSettingsFromJSON(json{{"amount", 0.5}}), JSONDecodeError);
-
     EQPreset preset{"custom-1", "Mine", "star", EQ10Settings({1, 2}, -1, true), false};
     EXPECT_EQ(eqPresetFromJSON(toJSON(preset)), preset);
 }

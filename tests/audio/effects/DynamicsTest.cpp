@@ -8,11 +8,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 #include <vector>
 
 using namespace kavore;
-using kavore::test::square;
+using namespace kavore::test;
 
 namespace {
 
@@ -22,56 +21,36 @@ double db(double linear) {
 
 } // namespace
 
-TEST(OneKnobCompressor, FullAmountFollowsItsStaticCurve) {
+TEST(OneKnobCompressor, StaticCurveVoicingsAndAttack) {
     OneKnobCompressor c;
     c.configure(CompressorSettings(1.0, CompressorVoicing::music, true), 48000);
-    ASSERT_TRUE(c.active());
-    EXPECT_DOUBLE_EQ(c.thresholdDB(), -32.0);
-    EXPECT_DOUBLE_EQ(c.ratio(), 6.0);
-    // Makeup 32 * (5/6) * 0.25 = 6.667 dB.
-    EXPECT_NEAR(db(c.makeupLinear()), 6.6667, 1e-3);
-
-    // Far above the knee a steady -6.02 dBFS input comes out at T + (L - T) / R + makeup:
-    // -32 + 25.98 / 6 + 6.667 = -21.00 dBFS.
+    // Threshold -32, ratio 6, makeup 32 * (5/6) * 0.25 = 6.667 dB. Far above the knee a steady
+    // -6.02 dBFS comes out at T + (L - T) / R + makeup = -21.00 dBFS.
     auto loud = square(48000, 0.5f);
     c.process(loud);
     EXPECT_NEAR(db(std::fabs(loud.back())), -21.003, 0.01);
     EXPECT_NEAR(c.gainReductionDB(), 21.65, 0.01);
-
     // Far below the knee only the makeup acts, once the envelope has released.
     auto quiet = square(96000, 0.001f);
     c.process(quiet);
     EXPECT_NEAR(db(std::fabs(quiet.back())) - db(0.001), 6.667, 0.01);
     EXPECT_NEAR(c.gainReductionDB(), 0.0, 1e-9);
-}
 
-TEST(OneKnobCompressor, ActivationTimingAndUnclampedAmounts) {
-    OneKnobCompressor c;
     c.configure(CompressorSettings(0.001, CompressorVoicing::voice, true), 48000);
     EXPECT_FALSE(c.active());
-    std::vector<float> buf{0.9f, -0.9f};
-    c.process(buf);
-    EXPECT_EQ(buf[0], 0.9f);
-
     c.configure(CompressorSettings::unclamped(1.5, CompressorVoicing::podcast, true), 48000);
-    EXPECT_DOUBLE_EQ(c.thresholdDB(), -48.0);
-    EXPECT_DOUBLE_EQ(c.ratio(), 8.5);
-    EXPECT_DOUBLE_EQ(c.kneeDB(), 4.0);
+    EXPECT_EQ(std::make_tuple(c.thresholdDB(), c.ratio(), c.kneeDB()), std::make_tuple(-48.0, 8.5, 4.0));
 
-    // The voice attack is 6 ms: after a step to a loud level the envelope covers 1 - 1/e of the
-    // way in 6 ms of samples.
+    // The voice attack is 6 ms: after a step the envelope covers 1 - 1/e of the way in 6 ms.
     c.configure(CompressorSettings(0.5, CompressorVoicing::voice, true), 48000);
+    c.reset();
     auto step = square(288, 1.0f);
     c.process(step);
     EXPECT_NEAR(c.envelope(), -120.0 * std::exp(-1.0), 0.05);
-
-    c.reset();
-    EXPECT_EQ(c.envelope(), -120.0);
-    EXPECT_EQ(c.gainReductionDB(), 0.0);
 }
 
-// The compressor takes levels and gains through fast approximations of log and exp; against the
-// exact formula, a sweep from -100 to +3 dBFS must come out the same to far better than 0.1 dB.
+// Levels and gains go through fast approximations of log and exp; against the exact formula a
+// sweep over the signal range must come out the same to far better than 0.1 dB.
 TEST(OneKnobCompressor, MatchesTheExactFormulaOverTheSignalRange) {
     const auto exactCompressor = [](const OneKnobCompressor& c, std::vector<float> v) {
         double envelope = -120.0;
@@ -88,29 +67,21 @@ TEST(OneKnobCompressor, MatchesTheExactFormulaOverTheSignalRange) {
         }
         return v;
     };
-    std::vector<float> sweep(96000);
-    for (std::size_t i = 0; i < sweep.size(); ++i)
-        sweep[i] = float(std::pow(10.0, (-100.0 + 103.0 * double(i) / double(sweep.size())) / 20.0) *
-                         std::sin(0.031 * double(i)));
+    const auto sweep = levelSweep();
     for (const auto voicing :
-         {CompressorVoicing::music, CompressorVoicing::voice, CompressorVoicing::podcast}) {
+         {CompressorVoicing::music, CompressorVoicing::voice, CompressorVoicing::podcast})
         for (const double amount : {0.2, 0.6, 1.0}) {
             OneKnobCompressor c;
             c.configure(CompressorSettings(amount, voicing, true), 48000);
-            const std::vector<float> expected = exactCompressor(c, sweep);
-            std::vector<float> actual = sweep;
+            const auto expected = exactCompressor(c, sweep);
+            auto actual = sweep;
             for (std::size_t at = 0; at < actual.size(); at += 480)
                 c.process(std::span<float>(actual).subspan(at, 480));
-            double worstDB = 0.0;
-            for (std::size_t i = 0; i < actual.size(); ++i)
-                if (std::fabs(expected[i]) > 1e-7f)
-                    worstDB = std::max(worstDB, std::fabs(db(std::fabs(actual[i] / expected[i]))));
-            EXPECT_LT(worstDB, 1e-4) << amount;
+            EXPECT_LT(worstDBApart(expected, actual), 1e-4) << amount;
         }
-    }
 }
 
-TEST(OverdriveLimiter, FullScaleAtFourTimesNeverPassesTheCeiling) {
+TEST(OverdriveLimiter, NeverPassesTheCeilingAndRecoversIn60ms) {
     OverdriveLimiter lim;
     lim.configure(OverdriveSettings(4.0), 48000, 0, false);
     ASSERT_TRUE(lim.active());
@@ -119,12 +90,8 @@ TEST(OverdriveLimiter, FullScaleAtFourTimesNeverPassesTheCeiling) {
         buf[i] = i % 3 == 0 ? 1.0f : static_cast<float>(std::sin(0.01 * double(i)));
     lim.process(buf);
     EXPECT_NEAR(buf[0], 0.966051f, 1e-6) << "reaches the ceiling at once";
-    float peak = 0;
     for (float s : buf)
-        peak = std::max(peak, std::fabs(s));
-    EXPECT_LE(peak, static_cast<float>(OverdriveLimiter::ceilingLinear));
-
-    // After the loud part, a quiet signal recovers with a 60 ms time constant.
+        ASSERT_LE(std::fabs(s), static_cast<float>(OverdriveLimiter::ceilingLinear));
     const double held = lim.currentGainReduction();
     auto quiet = square(2880, 0.01f);
     lim.process(quiet);
@@ -135,7 +102,6 @@ TEST(OverdriveLimiter, InactiveAtUnityAndLookaheadDelays) {
     OverdriveLimiter lim;
     lim.configure(OverdriveSettings(1.0), 48000, 5, false);
     EXPECT_FALSE(lim.active());
-    EXPECT_EQ(lim.lookaheadFrames(), 0u);
     std::vector<float> hot{1.5f, -2.0f};
     lim.process(hot);
     EXPECT_EQ(hot, (std::vector<float>{1.5f, -2.0f})) << "not even clamped";
@@ -145,9 +111,8 @@ TEST(OverdriveLimiter, InactiveAtUnityAndLookaheadDelays) {
     std::vector<float> impulse(200, 0.0f);
     impulse[0] = 0.5f;
     lim.process(impulse);
-    EXPECT_EQ(impulse[0], 0.0f);
     EXPECT_FLOAT_EQ(impulse[96], 0.5f);
-    EXPECT_EQ(std::count_if(impulse.begin(), impulse.end(), [](float s) { return s != 0.0f; }), 1);
+    EXPECT_EQ(std::count(impulse.begin(), impulse.end(), 0.0f), 199);
 }
 
 TEST(MagicLeveler, ActsOncePerWindowCarriedAcrossBuffers) {
@@ -164,7 +129,6 @@ TEST(MagicLeveler, ActsOncePerWindowCarriedAcrossBuffers) {
             const double expectedDB = n < perWindow ? 0.0 : (n < 2 * perWindow ? 0.75 : 1.5);
             ASSERT_NEAR(db(std::fabs(buf.back()) / 0.01), expectedDB, 1e-4) << bufferSize << " buffer " << n;
         }
-        EXPECT_DOUBLE_EQ(lev.currentGainDB(), 1.5);
     }
 }
 
@@ -181,23 +145,14 @@ TEST(MagicLeveler, SilenceHoldsTheGainAndLoudnessPullsItDownThreeTimesFaster) {
     };
     run(0.01f, 4);
     EXPECT_DOUBLE_EQ(lev.currentGainDB(), 3.0);
-    const float out = run(1e-4f, 5); // -80 dBFS: below the -55 dB gate
+    EXPECT_NEAR(db(run(1e-4f, 5) / 1e-4), 3.0, 1e-3) << "below the -55 dB gate the gain holds, and applies";
     EXPECT_DOUBLE_EQ(lev.currentGainDB(), 3.0);
-    EXPECT_NEAR(db(out / 1e-4), 3.0, 1e-3) << "the gain stage still runs on silence";
     run(0.3f, 1);
     EXPECT_DOUBLE_EQ(lev.currentGainDB(), 0.75);
-    run(0.3f, 1);
-    EXPECT_DOUBLE_EQ(lev.currentGainDB(), 0.0);
-
-    // Its ceiling holds full-scale input even with gain applied.
-    run(0.01f, 8);
-    EXPECT_GT(lev.currentGainDB(), 5.0);
+    run(0.01f, 8); // its own ceiling holds full-scale input with gain applied
     auto hot = square(256, 1.0f);
     lev.process(hot);
-    for (float s : hot)
-        EXPECT_LE(std::fabs(s), static_cast<float>(OverdriveLimiter::ceilingLinear));
-
+    EXPECT_LE(std::ranges::max(hot), static_cast<float>(OverdriveLimiter::ceilingLinear));
     lev.configure(LevelerSettings(0.0005, true), 48000);
-    EXPECT_FALSE(lev.active());
-    EXPECT_EQ(lev.latencySamples(), 0);
+    EXPECT_EQ(std::make_pair(lev.active(), lev.latencySamples()), std::make_pair(false, 0));
 }

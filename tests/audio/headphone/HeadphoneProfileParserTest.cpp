@@ -38,19 +38,17 @@ TEST(HeadphoneProfileParser, ReadsPublishedParametricText) {
     EXPECT_TRUE(tonavi::isUUID(profile.id));
     EXPECT_NE(profile.id, Parser::parse(text, "My Phones").id);
     EXPECT_DOUBLE_EQ(profile.preampDB, -6.5) << "the last preamp line wins";
-    ASSERT_EQ(profile.filters.size(), 3u);
-    EXPECT_EQ(profile.filters[0], (kavore::ParametricFilter{Kind::peaking, 105.0, -3.2, 0.71}));
-    EXPECT_EQ(profile.filters[1], (kavore::ParametricFilter{Kind::lowShelf, 80.0, 5.5, 0.70}));
-    EXPECT_EQ(profile.filters[2], (kavore::ParametricFilter{Kind::highShelf, 9000.0, -2.0, 0.707}));
+    EXPECT_EQ(profile.filters,
+              (std::vector<kavore::ParametricFilter>{{Kind::peaking, 105.0, -3.2, 0.71},
+                                                     {Kind::lowShelf, 80.0, 5.5, 0.70},
+                                                     {Kind::highShelf, 9000.0, -2.0, 0.707}}));
 
     EXPECT_DOUBLE_EQ(Parser::parse("Filter 1: ON PK Fc 100 Hz Gain 1 dB", "n").preampDB, 0.0);
 }
 
 TEST(HeadphoneProfileParser, BadLinesAndEmptyProfilesAreErrors) {
-    const auto noType = parseError("Preamp: -1 dB\nFilter 1: ON XX Fc 100 Hz");
-    EXPECT_EQ(noType.kind(), Parser::ParseError::Kind::badLine);
-    EXPECT_STREQ(noType.what(), "cannot parse line: Filter 1: ON XX Fc 100 Hz");
-
+    EXPECT_STREQ(parseError("Preamp: -1 dB\nFilter 1: ON XX Fc 100 Hz").what(),
+                 "cannot parse line: Filter 1: ON XX Fc 100 Hz");
     const auto oneNumber =
         parseError("Filter 1: ON PK Fc 105 Hz Gain -3 dB Q 1\n  Filter 2: ON PK Fc 100 Hz\n");
     EXPECT_EQ(oneNumber.kind(), Parser::ParseError::Kind::badLine);

@@ -9,27 +9,18 @@ namespace {
 thread_local std::size_t allocationsOnThisThread = 0;
 thread_local int activeCounters = 0;
 
-void noteAllocation() {
-    if (activeCounters > 0) {
-        ++allocationsOnThisThread;
-    }
+// Counts the allocation and returns a block, null when there is none.
+void* counted(std::size_t size, std::size_t alignment = 0) {
+    allocationsOnThisThread += activeCounters > 0 ? 1 : 0;
+    if (alignment == 0)
+        return std::malloc(size == 0 ? 1 : size);
+    const std::size_t rounded = (size + alignment - 1) / alignment * alignment;
+    return std::aligned_alloc(alignment, rounded == 0 ? alignment : rounded);
 }
 
-void* allocate(std::size_t size) {
-    noteAllocation();
-    if (void* p = std::malloc(size == 0 ? 1 : size)) {
+void* allocate(std::size_t size, std::size_t alignment = 0) {
+    if (void* p = counted(size, alignment))
         return p;
-    }
-    throw std::bad_alloc();
-}
-
-void* allocateAligned(std::size_t size, std::align_val_t alignment) {
-    noteAllocation();
-    const auto a = static_cast<std::size_t>(alignment);
-    const std::size_t rounded = (size + a - 1) / a * a;
-    if (void* p = std::aligned_alloc(a, rounded == 0 ? a : rounded)) {
-        return p;
-    }
     throw std::bad_alloc();
 }
 
@@ -58,18 +49,16 @@ void* operator new[](std::size_t size) {
     return allocate(size);
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    noteAllocation();
-    return std::malloc(size == 0 ? 1 : size);
+    return counted(size);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    noteAllocation();
-    return std::malloc(size == 0 ? 1 : size);
+    return counted(size);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
-    return allocateAligned(size, alignment);
+    return allocate(size, static_cast<std::size_t>(alignment));
 }
 void* operator new[](std::size_t size, std::align_val_t alignment) {
-    return allocateAligned(size, alignment);
+    return allocate(size, static_cast<std::size_t>(alignment));
 }
 
 void operator delete(void* p) noexcept {
