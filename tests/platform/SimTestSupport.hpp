@@ -1,15 +1,15 @@
 #pragma once
-// Shared pieces of the platform tests: a tone detector, process lookup on the simulated machine, a
-// listener that records what it heard and on which queue, and a waiter on a condition.
+// Shared pieces of the platform tests: typed property reads, the preset's device UIDs, process lookup
+// on the simulated machine, a listener that records what it heard and on which queue, and a waiter on
+// a condition.
 
-#include <atomic>
 #include <chrono>
-#include <cmath>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
-#include <numbers>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/Dispatch.hpp"
@@ -19,6 +19,24 @@
 #include "tests/support/TempFolder.hpp"
 
 namespace tonavi::test {
+
+inline constexpr const char* speakersUID = "BuiltInSpeakerDevice";
+inline constexpr const char* usbUID = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
+inline constexpr const char* budsUID = "AC-DE-48-00-11-22:output";
+
+// A property's value, or nothing when the read fails.
+template <class T>
+std::optional<T> read(AudioHardware& audio, AudioObjectID object, const AudioObjectPropertyAddress& address) {
+    T value{};
+    return audio.get(object, address, value) == noErr ? std::optional<T>(value) : std::nullopt;
+}
+inline AudioObjectPropertyAddress outputAddress(AudioObjectPropertySelector selector,
+                                                AudioObjectPropertyElement element = 0) {
+    return scopedAddress(selector, kAudioObjectPropertyScopeOutput, element);
+}
+inline AudioObjectPropertyAddress inputAddress(AudioObjectPropertySelector selector) {
+    return scopedAddress(selector, kAudioObjectPropertyScopeInput);
+}
 
 // The process object of a running application on a simulated machine, or 0.
 inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID) {
@@ -31,57 +49,51 @@ inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID)
 // Records each delivery: the addresses, and whether it ran on the queue it was registered with.
 class RecordingListener {
   public:
-    explicit RecordingListener(DispatchQueue& queue) : queue_(queue) {
-        block = std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
-            [this](std::span<const AudioObjectPropertyAddress> addresses) {
-                std::lock_guard<std::mutex> guard(mutex_);
-                calls_ += 1;
-                offQueue_ += queue_.isCurrent() ? 0 : 1;
-                heard_.insert(heard_.end(), addresses.begin(), addresses.end());
-                changed_.notify_all();
-            });
-    }
+    struct Seen {
+        int calls = 0;
+        int offQueue = 0;
+        std::vector<AudioObjectPropertyAddress> heard;
+    };
+    explicit RecordingListener(DispatchQueue& queue) : queue_(queue) {}
     bool waitForCalls(int count, std::chrono::seconds timeout = std::chrono::seconds(10)) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return calls_ >= count; });
+        return changed_.wait_for(lock, timeout, [&] { return seen_.calls >= count; });
     }
-    int calls() {
+    Seen seen() {
         std::lock_guard<std::mutex> guard(mutex_);
-        return calls_;
+        return seen_;
     }
-    int offQueue() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return offQueue_;
-    }
-    std::vector<AudioObjectPropertyAddress> heard() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return heard_;
-    }
+    int calls() { return seen().calls; }
+    int offQueue() { return seen().offQueue; }
+    std::vector<AudioObjectPropertyAddress> heard() { return seen().heard; }
 
-    AudioObjectPropertyListenerBlock block;
+    AudioObjectPropertyListenerBlock block =
+        std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
+            [this](std::span<const AudioObjectPropertyAddress> addresses) {
+                std::lock_guard<std::mutex> guard(mutex_);
+                seen_.calls += 1;
+                seen_.offQueue += queue_.isCurrent() ? 0 : 1;
+                seen_.heard.insert(seen_.heard.end(), addresses.begin(), addresses.end());
+                changed_.notify_all();
+            });
 
   private:
     DispatchQueue& queue_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    int calls_ = 0;
-    int offQueue_ = 0;
-    std::vector<AudioObjectPropertyAddress> heard_;
+    Seen seen_;
 };
 
 // Polls a condition that another process or thread makes true; no fixed sleeps in the tests.
 inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition())
-            return true;
-        std::mutex m;
-        std::condition_variable cv;
-        std::unique_lock<std::mutex> lock(m);
-        cv.wait_for(lock, std::chrono::milliseconds(5));
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    return condition();
+    return true;
 }
 
 } // namespace tonavi::test
