@@ -1,8 +1,7 @@
 // Holds a tap of one application in its own process, on whichever backend the environment names,
 // until it is killed: the tests kill it to see the application come back on its own path.
-//   platform_tap_holder <bundle-id>    prints "ready" once the tap's IO runs
+//   platform_tap_holder <bundle-id>    prints "ready <pid>" once the tap's IO runs
 
-#include <csignal>
 #include <iostream>
 #include <string>
 #include <unistd.h>
@@ -12,13 +11,11 @@
 using namespace tonavi;
 
 int main(int argc, char** argv) {
-    if (argc != 2)
-        return 64;
     std::string error;
-    auto* backend = PlatformBackend::current(&error);
+    auto* backend = argc == 2 ? PlatformBackend::current(&error) : nullptr;
     if (!backend) {
         std::cerr << error << "\n";
-        return 69;
+        return 64;
     }
     auto& audio = backend->audio();
     std::vector<AudioObjectID> processes, tapped;
@@ -33,29 +30,23 @@ int main(int argc, char** argv) {
     std::string outputUID;
     audio.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), output);
     audio.get(output, globalAddress(kAudioDevicePropertyDeviceUID), outputUID);
-    if (tapped.empty() || outputUID.empty())
-        return 2;
     auto description = TapDescription::stereoMixdown(tapped);
     description.isPrivate = true;
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-    AudioObjectID tap = 0;
-    if (audio.createProcessTap(description, tap) != noErr)
-        return 3;
     AggregateDeviceDescription aggregate;
     aggregate.uid = "holder.aggregate." + std::to_string(::getpid());
     aggregate.isPrivate = true;
     aggregate.mainSubDevice = outputUID;
     aggregate.subDevices = {{outputUID, true}};
     aggregate.taps = {{description.uuid, true}};
-    AudioObjectID device = 0;
+    AudioObjectID tap = 0, device = 0;
     AudioDeviceIOProcID proc = 0;
-    if (audio.createAggregateDevice(aggregate, device) != noErr ||
+    if (tapped.empty() || outputUID.empty() || audio.createProcessTap(description, tap) != noErr ||
+        audio.createAggregateDevice(aggregate, device) != noErr ||
         audio.createIOProcIDWithBlock(
-            device, nullptr, [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {}, proc) !=
-            noErr ||
+            device, nullptr, [](const auto&, auto&, const auto&) {}, proc) != noErr ||
         audio.deviceStart(device, proc) != noErr)
-        return 4;
-    std::cout << "ready" << std::endl;
+        return 2;
+    std::cout << "ready " << ::getpid() << std::endl;
     ::pause();
-    return 0;
 }
