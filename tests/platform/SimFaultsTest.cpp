@@ -2,7 +2,9 @@
 // property reads can be slowed, as a struggling audio daemon would behave.
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include "SimTestSupport.hpp"
 #include "platform/sim/SimMachine.hpp"
 
 namespace tonavi {
@@ -10,70 +12,58 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(SimFaultsTest, NextCallsOfAnOperationFailWithTheChosenStatus) {
+TEST(SimFaultsTest, NextCallsOfAnOperationFailWithTheChosenStatusOrAreDroppedAndChangeNothing) {
     SimMachine machine(SimWorld::preset());
-    const auto music = machine.world()->processes[2].id;
-    ASSERT_EQ(machine.failNext(SimOperation::createTap, 2, kAudioHardwareIllegalOperationError), "");
-
-    AudioObjectID tap = 0;
-    const auto description = TapDescription::stereoMixdown({music});
-    EXPECT_EQ(machine.createProcessTap(description, tap), kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(machine.createProcessTap(description, tap), kAudioHardwareIllegalOperationError);
-    EXPECT_TRUE(machine.world()->taps.empty());
-    EXPECT_EQ(machine.createProcessTap(description, tap), noErr);
-    EXPECT_TRUE(machine.world()->faults.empty());
-
+    const auto description = TapDescription::stereoMixdown({test::processOf(machine, "com.apple.Music")});
+    const auto speakers = machine.world()->devices[0].id;
+    const auto usb = machine.world()->deviceByUID(test::usbUID)->id;
+    const auto output = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
+    AudioObjectID tap = 0, read = 0;
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  speakers, nullptr, [](const auto&, auto&, const auto&) {}, proc),
+              noErr);
+    // Each operation, its fault, and the call that meets it; the next call works.
+    struct Case {
+        SimOperation operation;
+        OSStatus status;
+        AudioObjectPropertySelector selector;
+        std::function<OSStatus()> call;
+    };
+    const Case cases[] = {
+        {SimOperation::createTap, kAudioHardwareIllegalOperationError, 0,
+         [&] { return machine.createProcessTap(description, tap); }},
+        {SimOperation::getProperty, kAudioHardwareBadObjectError, kAudioHardwarePropertyDefaultOutputDevice,
+         [&] { return machine.get(kAudioObjectSystemObject, output, read); }},
+        {SimOperation::deviceStart, kAudioHardwareNotRunningError, 0,
+         [&] { return machine.deviceStart(speakers, proc); }},
+        {SimOperation::setProperty, noErr, kAudioHardwarePropertyDefaultOutputDevice,
+         [&] { return machine.set(kAudioObjectSystemObject, output, usb); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.operation));
+        read = 0;
+        const auto before = simWorldToJSON(*machine.world());
+        ASSERT_EQ(machine.failNext(c.operation, 2, c.status, c.selector), "");
+        EXPECT_EQ(c.call(), c.status);
+        EXPECT_EQ(c.call(), c.status);
+        EXPECT_EQ(read, 0u); // a failed read leaves the value alone
+        auto after = simWorldToJSON(*machine.world());
+        after["generation"] = before["generation"];
+        EXPECT_EQ(after, before) << "a failed or dropped call changed the world";
+        EXPECT_EQ(c.call(), noErr);
+        EXPECT_TRUE(machine.world()->faults.empty());
+    }
+    EXPECT_EQ(machine.world()->taps.size(), 1u);
+    EXPECT_EQ(machine.world()->devices[0].runningIOProcs, 1u);
+    EXPECT_EQ(test::read<AudioObjectID>(machine, kAudioObjectSystemObject, output), usb);
     // A fault on one selector leaves the others alone.
     ASSERT_EQ(machine.failNext(SimOperation::getProperty, 1, kAudioHardwareBadObjectError,
-                               kAudioHardwarePropertyDefaultOutputDevice),
+                               kAudioDevicePropertyMute),
               "");
-    std::vector<AudioObjectID> devices;
-    std::uint32_t output = 0;
-    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices),
-              noErr);
-    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
-                          output),
-              kAudioHardwareBadObjectError);
-    EXPECT_EQ(output, 0u); // a failed read leaves the value alone
-    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
-                          output),
-              noErr);
+    EXPECT_EQ(machine.get(kAudioObjectSystemObject, output, read), noErr);
 
-    // Starting IO and creating aggregates can fail too; the next try works.
-    const auto speakers = machine.world()->devices[0].id;
-    AudioDeviceIOProcID proc = 0;
-    ASSERT_EQ(
-        machine.createIOProcIDWithBlock(
-            speakers, nullptr, [](const AudioBufferList&, AudioBufferList&, const AudioTimeStamp&) {}, proc),
-        noErr);
-    ASSERT_EQ(machine.failNext(SimOperation::deviceStart, 1, kAudioHardwareNotRunningError), "");
-    EXPECT_EQ(machine.deviceStart(speakers, proc), kAudioHardwareNotRunningError);
-    EXPECT_EQ(machine.world()->devices[0].runningIOProcs, 0u);
-    EXPECT_EQ(machine.deviceStart(speakers, proc), noErr);
-    EXPECT_EQ(machine.world()->devices[0].runningIOProcs, 1u);
-    EXPECT_EQ(machine.deviceStop(speakers, proc), noErr);
-}
-
-TEST(SimFaultsTest, ADroppedWriteReportsSuccessAndChangesNothing) {
-    SimMachine machine(SimWorld::preset());
-    const auto address = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
-    const AudioObjectID speakers = machine.world()->deviceByUID("BuiltInSpeakerDevice")->id;
-    const AudioObjectID usb =
-        machine.world()->deviceByUID("AppleUSBAudioEngine:Acme:USB Headphones:1400000:1")->id;
-    ASSERT_EQ(
-        machine.failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice), "");
-    std::uint32_t output = 0;
-    EXPECT_EQ(machine.set(kAudioObjectSystemObject, address, usb), noErr);
-    ASSERT_EQ(machine.get(kAudioObjectSystemObject, address, output), noErr);
-    EXPECT_EQ(output, speakers);
-    // Only that one write was lost.
-    EXPECT_EQ(machine.set(kAudioObjectSystemObject, address, usb), noErr);
-    ASSERT_EQ(machine.get(kAudioObjectSystemObject, address, output), noErr);
-    EXPECT_EQ(output, usb);
-}
-
-TEST(SimFaultsTest, BadFaultRequestsAreRefusedAndChangeNothing) {
-    SimMachine machine(SimWorld::preset());
+    // Bad requests are refused and change nothing.
     const auto generation = machine.world()->generation;
     EXPECT_EQ(machine.failNext(SimOperation::createTap, -1, kAudioHardwareIllegalOperationError),
               "a fault count is not negative");
@@ -81,7 +71,6 @@ TEST(SimFaultsTest, BadFaultRequestsAreRefusedAndChangeNothing) {
               "a fault needs a non-zero status (only a write can be dropped silently)");
     EXPECT_EQ(machine.setReadDelay(-5ms), "a read delay is between 0 and 60000 ms");
     EXPECT_EQ(machine.world()->generation, generation);
-    EXPECT_TRUE(machine.world()->faults.empty());
 }
 
 TEST(SimFaultsTest, SlowedReadsStallOnlyTheChosenProperty) {
