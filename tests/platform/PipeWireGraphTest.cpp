@@ -15,16 +15,14 @@ using Properties = PipeWireGraph::Properties;
 
 TEST(PipeWireGraphTest, TransportComesFromApiBusFactoryAndName) {
     struct Case {
-        Properties node;
-        Properties device;
+        Properties node, device;
         std::uint32_t transport;
     };
+    const Properties onDevice7 = {{"device.id", "7"}};
     const Case cases[] = {
         {{{"device.api", "bluez5"}}, {}, kAudioDeviceTransportTypeBluetooth},
-        {{{"device.id", "7"}}, {{"device.api", "alsa"}, {"device.bus", "usb"}}, kAudioDeviceTransportTypeUSB},
-        {{{"device.id", "7"}},
-         {{"device.api", "alsa"}, {"device.bus", "pci"}},
-         kAudioDeviceTransportTypeBuiltIn},
+        {onDevice7, {{"device.api", "alsa"}, {"device.bus", "usb"}}, kAudioDeviceTransportTypeUSB},
+        {onDevice7, {{"device.api", "alsa"}, {"device.bus", "pci"}}, kAudioDeviceTransportTypeBuiltIn},
         {{{"device.api", "alsa"}}, {}, kAudioDeviceTransportTypeBuiltIn},
         {{{"node.name", "raop_sink.living-room"}}, {}, kAudioDeviceTransportTypeAirPlay},
         {{{"node.name", "combine_sink"}}, {}, kAudioDeviceTransportTypeAggregate},
@@ -38,7 +36,7 @@ TEST(PipeWireGraphTest, TransportComesFromApiBusFactoryAndName) {
         PipeWireGraph::Node node;
         node.props = c.node;
         EXPECT_EQ(fourCharString(graph.transportOf(node)), fourCharString(c.transport))
-            << (c.node.empty() ? "" : c.node.begin()->second);
+            << c.node.begin()->second;
     }
 }
 
@@ -48,11 +46,7 @@ TEST(PipeWireGraphTest, BundleIdentifierPrefersTheApplicationIdThenFlatpakThenDe
     std::ofstream(folder.file("applications/org.example.Player.desktop"))
         << "[Desktop Entry]\nName=Player\nExec=/usr/bin/tonavi-test-player %U\n";
     ::setenv("XDG_DATA_HOME", folder.file("").c_str(), 1);
-    struct Case {
-        Properties client;
-        std::string bundleID;
-    };
-    const Case cases[] = {
+    const std::pair<Properties, std::string> cases[] = {
         {{{"application.id", "org.example.Named"}, {"pipewire.access.portal.app_id", "org.example.Flat"}},
          "org.example.Named"},
         {{{"pipewire.access.portal.app_id", "org.example.Flat"}, {"application.process.binary", "flat"}},
@@ -60,12 +54,11 @@ TEST(PipeWireGraphTest, BundleIdentifierPrefersTheApplicationIdThenFlatpakThenDe
         {{{"application.process.binary", "tonavi-test-player"}}, "org.example.Player"},
         {{{"application.process.binary", "pacat"}}, "pacat"},
     };
-    for (const auto& c : cases) {
+    for (auto [props, bundleID] : cases) {
         PipeWireGraph graph;
-        auto props = c.client;
         props["application.process.id"] = "4242";
         graph.clients[5] = {5, props};
-        EXPECT_EQ(graph.bundleIdentifierOf(4242), c.bundleID);
+        EXPECT_EQ(graph.bundleIdentifierOf(4242), bundleID);
         EXPECT_EQ(graph.bundleIdentifierOf(4243), "");
     }
     ::unsetenv("XDG_DATA_HOME");
@@ -77,7 +70,6 @@ TEST(PipeWireGraphTest, DefaultsAndChannelCountsReadWhatTheServerWrites) {
     EXPECT_EQ(graph.defaultNodeName("default.audio.sink"), "speakers");
     EXPECT_EQ(graph.defaultNodeName("default.audio.source"), ""); // not JSON: names no node
     EXPECT_EQ(graph.defaultNodeName("default.video.source"), "");
-
     struct Case {
         Properties props;
         std::vector<float> volumes;

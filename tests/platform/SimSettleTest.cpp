@@ -10,36 +10,34 @@
 namespace tonavi {
 namespace {
 
+using namespace tonavi::test;
+
 TEST(SimSettleTest, ASwitchToASlowDeviceLandsAfterItsReadsAndIsHeard) {
-    constexpr const char* buds = "AC-DE-48-00-11-22:output";
     auto world = SimWorld::preset();
-    world.deviceByUID(buds)->settleReads = 3;
+    world.deviceByUID(budsUID)->settleReads = 3;
     SimMachine machine(world);
     DispatchQueue queue("sim-settle-test");
-    test::RecordingListener listener(queue);
+    RecordingListener listener(queue);
     const auto address = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
     ASSERT_EQ(machine.addPropertyListener(kAudioObjectSystemObject, address, queue, listener.block), noErr);
-    auto current = [&] {
-        AudioObjectID id = 0;
-        machine.get(kAudioObjectSystemObject, address, id);
-        return machine.world()->device(id)->uid;
+    const auto current = [&] {
+        return machine.world()->device(*read<AudioObjectID>(machine, 1, address))->uid;
     };
-    auto write = [&](const std::string& uid) {
+    const auto write = [&](const std::string& uid) {
         return machine.set(kAudioObjectSystemObject, address, machine.world()->deviceByUID(uid)->id);
     };
-
-    ASSERT_EQ(write(buds), noErr);
-    EXPECT_EQ(current(), "BuiltInSpeakerDevice");
-    EXPECT_EQ(current(), "BuiltInSpeakerDevice");
-    EXPECT_EQ(current(), buds);
+    ASSERT_EQ(write(budsUID), noErr);
+    // A braced list reads in order.
+    EXPECT_EQ((std::vector<std::string>{current(), current(), current()}),
+              (std::vector<std::string>{speakersUID, speakersUID, budsUID}));
     EXPECT_TRUE(listener.waitForCalls(1));
 
     // A newer write supersedes a pending one; a pending device that goes away never lands.
-    ASSERT_EQ(write("BuiltInSpeakerDevice"), noErr);
-    ASSERT_EQ(write(buds), noErr);
-    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(buds); }), "");
+    ASSERT_EQ(write(speakersUID), noErr);
+    ASSERT_EQ(write(budsUID), noErr);
+    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(budsUID); }), "");
     for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(current(), "BuiltInSpeakerDevice");
+        EXPECT_EQ(current(), speakersUID);
     EXPECT_FALSE(simWorldToJSON(*machine.world()).contains("pendingDefaultOutput"));
 }
 
