@@ -1,12 +1,11 @@
 // Process taps on the simulated machine, beyond the contract: the exact level of the tapped tone and
 // nothing of any other, the IO meter, device-stream taps and stream usage, the manual clock that steps
-// the cycles, stalls, recordings, and real-time cycles on their own thread.
+// the cycles, stalls and recordings. Real-time cycles are the contract's, on the sim as on PipeWire.
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
-#include <thread>
 
 #include "SimTestSupport.hpp"
 #include "platform/sim/SimMachine.hpp"
@@ -19,28 +18,6 @@ using namespace tonavi::test;
 using Heard = std::vector<std::string>;
 const double minus12dB = std::pow(10.0, -12.0 / 20.0); // Music's tone: 440 Hz at -12 dBFS
 
-// A muting tap of `description` read by a private aggregate of `subDevices`; returns the aggregate.
-AudioObjectID tapAggregate(AudioHardware& audio, TapDescription description,
-                           const std::vector<std::string>& subDevices) {
-    description.isPrivate = true;
-    AudioObjectID tap = 0, device = 0;
-    EXPECT_EQ(audio.createProcessTap(description, tap), noErr);
-    AggregateDeviceDescription d;
-    d.uid = "agg." + description.uuid;
-    d.isPrivate = true;
-    d.mainSubDevice = subDevices.front();
-    for (const auto& s : subDevices)
-        d.subDevices.push_back({s, true});
-    d.taps = {{description.uuid, true}};
-    EXPECT_EQ(audio.createAggregateDevice(d, device), noErr);
-    return device;
-}
-AudioDeviceIOProcID startIO(AudioHardware& audio, AudioObjectID device, AudioDeviceIOBlock block) {
-    AudioDeviceIOProcID proc = 0;
-    EXPECT_EQ(audio.createIOProcIDWithBlock(device, nullptr, std::move(block), proc), noErr);
-    EXPECT_EQ(audio.deviceStart(device, proc), noErr);
-    return proc;
-}
 TapDescription mutingMixdown(AudioObjectID process) {
     auto description = TapDescription::stereoMixdown({process});
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
@@ -210,51 +187,6 @@ TEST_F(SimTapTest, RecordingWritesWhatTheBlockPlayed) {
     std::memcpy(first, bytes.data() + 58, sizeof first);
     EXPECT_EQ(first[0], 0.5f);
     EXPECT_EQ(first[1], -0.25f);
-}
-
-TEST(SimRealTimeIOTest, CyclesRunOnTheirOwnThreadAndMetersReachTheWorldFile) {
-    TempFolder folder;
-    const std::string path = folder.file("world.json");
-    ASSERT_EQ(SimWorldFile(path).create(SimWorld::preset(), false), "");
-    std::string error;
-    auto machine = SimMachine::open(path, error);
-    ASSERT_TRUE(machine) << error;
-    const auto device =
-        tapAggregate(*machine, mutingMixdown(processOf(*machine, "com.apple.Music")), {speakersUID});
-    std::atomic<int> cycles{0};
-    std::atomic<bool> onTestThread{false};
-    const auto testThread = std::this_thread::get_id();
-    const auto proc =
-        startIO(*machine, device, [&](const AudioBufferList& in, AudioBufferList& out, const auto&) {
-            onTestThread = onTestThread || std::this_thread::get_id() == testThread;
-            std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData, out.mBuffers[0].mDataByteSize);
-            cycles.fetch_add(1);
-        });
-    EXPECT_TRUE(eventually([&] { return cycles.load() >= 20; }));
-    EXPECT_FALSE(onTestThread.load());
-    // Another process asks for a recording through the world; this one serves it and retires the request.
-    const std::string wav = folder.file("speakers.wav");
-    ASSERT_EQ(
-        SimWorldFile(path).update([&](SimWorld& w) { return w.requestRecording(speakersUID, wav, 0.1); }),
-        "");
-    EXPECT_TRUE(eventually([&] {
-        auto disk = SimWorldFile(path).read(error);
-        return disk && disk->recordings.empty() && std::filesystem::exists(wav);
-    }));
-    EXPECT_EQ(std::filesystem::file_size(wav), 58u + 4800u * 2u * 4u); // 0.1 s of stereo floats at 48 kHz
-    // What the proc plays is published for other processes to see.
-    EXPECT_TRUE(eventually([&] {
-        auto disk = SimWorldFile(path).read(error);
-        return disk && disk->meters.size() == 1 && disk->meters[0].deviceUID == speakersUID &&
-               std::abs(disk->meters[0].peakDB + 12.0) < 0.2;
-    }));
-    ASSERT_EQ(machine->deviceStop(device, proc), noErr);
-    const int stoppedAt = cycles.load();
-    EXPECT_EQ(machine->destroyIOProcID(device, proc), noErr);
-    EXPECT_EQ(cycles.load(), stoppedAt);
-    EXPECT_EQ(machine->destroyAggregateDevice(device), noErr);
-    EXPECT_EQ(machine->destroyProcessTap(machine->world()->taps.at(0).id), noErr);
-    EXPECT_TRUE(machine->world()->taps.empty());
 }
 
 } // namespace

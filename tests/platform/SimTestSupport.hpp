@@ -38,6 +38,36 @@ inline AudioObjectPropertyAddress inputAddress(AudioObjectPropertySelector selec
     return scopedAddress(selector, kAudioObjectPropertyScopeInput);
 }
 
+// A private tap of `description` read by a private aggregate of `subDevices`, the first its clock: the
+// aggregate, or 0 when either is refused.
+inline AudioObjectID tapAggregate(AudioHardware& audio, TapDescription description,
+                                  const std::vector<std::string>& subDevices,
+                                  AudioObjectID* tapID = nullptr) {
+    description.isPrivate = true;
+    AudioObjectID tap = 0, device = 0;
+    AggregateDeviceDescription d;
+    d.uid = "agg." + description.uuid;
+    d.isPrivate = true;
+    d.mainSubDevice = subDevices.front();
+    for (const auto& s : subDevices)
+        d.subDevices.push_back({s, true});
+    d.taps = {{description.uuid, true}};
+    if (audio.createProcessTap(description, tap) != noErr || audio.createAggregateDevice(d, device) != noErr)
+        return 0;
+    if (tapID)
+        *tapID = tap;
+    return device;
+}
+// An IO proc created and started on the device, or 0.
+inline AudioDeviceIOProcID startIO(AudioHardware& audio, AudioObjectID device, AudioDeviceIOBlock block,
+                                   DispatchQueue* queue = nullptr) {
+    AudioDeviceIOProcID proc = 0;
+    return audio.createIOProcIDWithBlock(device, queue, std::move(block), proc) == noErr &&
+                   audio.deviceStart(device, proc) == noErr
+               ? proc
+               : 0;
+}
+
 // The process object of a running application on a simulated machine, or 0.
 inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID) {
     for (const auto& p : machine.world()->processes)

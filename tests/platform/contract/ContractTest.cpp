@@ -256,20 +256,11 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
 
     auto description = TapDescription::stereoMixdown({rig->processObject(app.pid)});
     description.name = "Tonavi org.tonavi.Tapped";
-    description.isPrivate = true;
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-    AudioObjectID tap = 0, device = 0;
-    ASSERT_EQ(audio().createProcessTap(description, tap), noErr);
-    const auto tapUID = value<std::string>(tap, globalAddress(kAudioTapPropertyUID));
-    EXPECT_EQ(tapUID, description.uuid);
-    AggregateDeviceDescription aggregate;
-    aggregate.uid = "org.tonavi.contract.aggregate";
-    aggregate.name = "Contract aggregate";
-    aggregate.isPrivate = true;
-    aggregate.mainSubDevice = output;
-    aggregate.subDevices = {{output, true}};
-    aggregate.taps = {{tapUID, true}};
-    ASSERT_EQ(audio().createAggregateDevice(aggregate, device), noErr);
+    AudioObjectID tap = 0;
+    const AudioObjectID device = tapAggregate(audio(), description, {output}, &tap);
+    ASSERT_NE(device, 0u);
+    EXPECT_EQ(value<std::string>(tap, globalAddress(kAudioTapPropertyUID)), description.uuid);
     EXPECT_EQ(value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyTransportType)),
               kAudioDeviceTransportTypeAggregate);
     const auto inputs = channels(device, kAudioObjectPropertyScopeInput);

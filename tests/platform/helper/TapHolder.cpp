@@ -3,10 +3,10 @@
 //   platform_tap_holder <bundle-id>    prints "ready <pid>" once the tap's IO runs
 
 #include <iostream>
-#include <string>
 #include <unistd.h>
 
 #include "platform/PlatformBackend.hpp"
+#include "tests/platform/SimTestSupport.hpp"
 
 using namespace tonavi;
 
@@ -20,32 +20,18 @@ int main(int argc, char** argv) {
     auto& audio = backend->audio();
     std::vector<AudioObjectID> processes, tapped;
     audio.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList), processes);
-    for (AudioObjectID p : processes) {
-        std::string bundleID;
-        if (audio.get(p, globalAddress(kAudioProcessPropertyBundleID), bundleID) == noErr &&
-            bundleID == argv[1])
+    for (AudioObjectID p : processes)
+        if (test::read<std::string>(audio, p, globalAddress(kAudioProcessPropertyBundleID)) == argv[1])
             tapped.push_back(p);
-    }
-    AudioObjectID output = 0;
-    std::string outputUID;
-    audio.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), output);
-    audio.get(output, globalAddress(kAudioDevicePropertyDeviceUID), outputUID);
+    const auto output = test::read<AudioObjectID>(audio, kAudioObjectSystemObject,
+                                                  globalAddress(kAudioHardwarePropertyDefaultOutputDevice));
+    const auto outputUID =
+        test::read<std::string>(audio, output.value_or(0), globalAddress(kAudioDevicePropertyDeviceUID));
     auto description = TapDescription::stereoMixdown(tapped);
-    description.isPrivate = true;
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-    AggregateDeviceDescription aggregate;
-    aggregate.uid = "holder.aggregate." + std::to_string(::getpid());
-    aggregate.isPrivate = true;
-    aggregate.mainSubDevice = outputUID;
-    aggregate.subDevices = {{outputUID, true}};
-    aggregate.taps = {{description.uuid, true}};
-    AudioObjectID tap = 0, device = 0;
-    AudioDeviceIOProcID proc = 0;
-    if (tapped.empty() || outputUID.empty() || audio.createProcessTap(description, tap) != noErr ||
-        audio.createAggregateDevice(aggregate, device) != noErr ||
-        audio.createIOProcIDWithBlock(
-            device, nullptr, [](const auto&, auto&, const auto&) {}, proc) != noErr ||
-        audio.deviceStart(device, proc) != noErr)
+    const auto device =
+        tapped.empty() || !outputUID ? 0 : test::tapAggregate(audio, description, {*outputUID});
+    if (!device || !test::startIO(audio, device, [](const auto&, auto&, const auto&) {}))
         return 2;
     std::cout << "ready " << ::getpid() << std::endl;
     ::pause();
