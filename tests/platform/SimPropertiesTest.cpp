@@ -1,8 +1,11 @@
 // Property reads, writes and their statuses on the preset machine, as the device manager and
 // process discovery see them. Statuses, sizes, the default input and refusals common to every backend
-// are the contract suite's; here, the preset's own objects and the rules only the simulation keeps.
+// are the contract suite's; here, the preset's own objects and the rules only the simulation keeps:
+// injected failures and stalls (the next N calls of an operation fail with a chosen status, reads can
+// be slowed, as a struggling audio daemon would behave) and a default output that settles slowly.
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include "SimTestSupport.hpp"
 #include "platform/sim/SimMachine.hpp"
@@ -11,6 +14,7 @@ namespace tonavi {
 namespace {
 
 using namespace tonavi::test;
+using namespace std::chrono_literals;
 
 class SimPropertiesTest : public ::testing::Test {
   protected:
@@ -131,6 +135,111 @@ TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueue) {
     EXPECT_EQ(alive.calls(), 1);
     EXPECT_EQ(devices.calls(), 1);
     EXPECT_EQ(left.offQueue() + alive.offQueue() + devices.offQueue(), 0);
+}
+
+TEST(SimFaultsTest, NextCallsOfAnOperationFailWithTheChosenStatusOrAreDroppedAndChangeNothing) {
+    SimMachine machine(SimWorld::preset());
+    const auto description = TapDescription::stereoMixdown({processOf(machine, "com.apple.Music")});
+    const auto speakers = machine.world()->devices[0].id;
+    const auto usb = machine.world()->deviceByUID(usbUID)->id;
+    const auto output = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
+    AudioObjectID tap = 0, got = 0;
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  speakers, nullptr, [](const auto&, auto&, const auto&) {}, proc),
+              noErr);
+    // Each operation, its fault, and the call that meets it; the next call works.
+    struct Case {
+        SimOperation operation;
+        OSStatus status;
+        AudioObjectPropertySelector selector;
+        std::function<OSStatus()> call;
+    };
+    const Case cases[] = {
+        {SimOperation::createTap, kAudioHardwareIllegalOperationError, 0,
+         [&] { return machine.createProcessTap(description, tap); }},
+        {SimOperation::getProperty, kAudioHardwareBadObjectError, kAudioHardwarePropertyDefaultOutputDevice,
+         [&] { return machine.get(kAudioObjectSystemObject, output, got); }},
+        {SimOperation::deviceStart, kAudioHardwareNotRunningError, 0,
+         [&] { return machine.deviceStart(speakers, proc); }},
+        {SimOperation::setProperty, noErr, kAudioHardwarePropertyDefaultOutputDevice,
+         [&] { return machine.set(kAudioObjectSystemObject, output, usb); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.operation));
+        got = 0;
+        const auto before = simWorldToJSON(*machine.world());
+        ASSERT_EQ(machine.failNext(c.operation, 2, c.status, c.selector), "");
+        EXPECT_EQ(c.call(), c.status);
+        EXPECT_EQ(c.call(), c.status);
+        EXPECT_EQ(got, 0u); // a failed read leaves the value alone
+        auto after = simWorldToJSON(*machine.world());
+        after["generation"] = before["generation"];
+        EXPECT_EQ(after, before) << "a failed or dropped call changed the world";
+        EXPECT_EQ(c.call(), noErr);
+        EXPECT_TRUE(machine.world()->faults.empty());
+    }
+    EXPECT_EQ(machine.world()->taps.size(), 1u);
+    EXPECT_EQ(machine.world()->devices[0].runningIOProcs, 1u);
+    EXPECT_EQ(read<AudioObjectID>(machine, kAudioObjectSystemObject, output), usb);
+    // A fault on one selector leaves the others alone.
+    ASSERT_EQ(machine.failNext(SimOperation::getProperty, 1, kAudioHardwareBadObjectError,
+                               kAudioDevicePropertyMute),
+              "");
+    EXPECT_EQ(machine.get(kAudioObjectSystemObject, output, got), noErr);
+
+    // Bad requests are refused and change nothing.
+    const auto generation = machine.world()->generation;
+    EXPECT_EQ(machine.failNext(SimOperation::createTap, -1, kAudioHardwareIllegalOperationError),
+              "a fault count is not negative");
+    EXPECT_EQ(machine.failNext(SimOperation::createTap, 3, noErr),
+              "a fault needs a non-zero status (only a write can be dropped silently)");
+    EXPECT_EQ(machine.setReadDelay(-5ms), "a read delay is between 0 and 60000 ms");
+    EXPECT_EQ(machine.world()->generation, generation);
+}
+
+TEST(SimFaultsTest, SlowedReadsStallOnlyTheChosenProperty) {
+    SimMachine machine(SimWorld::preset());
+    ASSERT_EQ(machine.setReadDelay(60ms, kAudioHardwarePropertyDefaultOutputDevice), "");
+    std::uint32_t output = 0;
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(machine.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
+                          output),
+              noErr);
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 60ms);
+    EXPECT_EQ(machine.world()->readDelaySelector, kAudioHardwarePropertyDefaultOutputDevice);
+    // Turned off again, the stall is gone from the world.
+    ASSERT_EQ(machine.setReadDelay(0ms), "");
+    EXPECT_EQ(machine.world()->readDelayMilliseconds, 0u);
+}
+
+TEST(SimSettleTest, ASwitchToASlowDeviceLandsAfterItsReadsAndIsHeard) {
+    auto world = SimWorld::preset();
+    world.deviceByUID(budsUID)->settleReads = 3;
+    SimMachine machine(world);
+    DispatchQueue queue("sim-settle-test");
+    RecordingListener listener(queue);
+    const auto address = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
+    ASSERT_EQ(machine.addPropertyListener(kAudioObjectSystemObject, address, queue, listener.block), noErr);
+    const auto current = [&] {
+        return machine.world()->device(*read<AudioObjectID>(machine, 1, address))->uid;
+    };
+    const auto write = [&](const std::string& uid) {
+        return machine.set(kAudioObjectSystemObject, address, machine.world()->deviceByUID(uid)->id);
+    };
+    ASSERT_EQ(write(budsUID), noErr);
+    // A braced list reads in order.
+    EXPECT_EQ((std::vector<std::string>{current(), current(), current()}),
+              (std::vector<std::string>{speakersUID, speakersUID, budsUID}));
+    EXPECT_TRUE(listener.waitForCalls(1));
+
+    // A newer write supersedes a pending one; a pending device that goes away never lands.
+    ASSERT_EQ(write(speakersUID), noErr);
+    ASSERT_EQ(write(budsUID), noErr);
+    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(budsUID); }), "");
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(current(), speakersUID);
+    EXPECT_FALSE(simWorldToJSON(*machine.world()).contains("pendingDefaultOutput"));
 }
 
 } // namespace
