@@ -8,7 +8,6 @@
 #include <nlohmann/json.hpp>
 
 #include "SimTestSupport.hpp"
-#include "platform/sim/SimMachine.hpp"
 
 namespace tonavi {
 namespace {

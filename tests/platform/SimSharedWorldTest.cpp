@@ -4,14 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sys/wait.h>
 
 #include "SimTestSupport.hpp"
 #include "base/Log.hpp"
-#include "platform/sim/SimMachine.hpp"
 
 namespace tonavi {
 namespace {

@@ -8,7 +8,6 @@
 #include <fstream>
 
 #include "SimTestSupport.hpp"
-#include "platform/sim/SimMachine.hpp"
 
 namespace tonavi {
 namespace {
@@ -111,12 +110,26 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOneDeviceAndStreamUsageHidesTheMicrophone
     EXPECT_NEAR(amplitudeAt(left.data(), left.size(), 440.0, 48000.0), minus12dB, 0.01);
 }
 
-TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriod) {
+TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriodAndRecordingsKeepWhatTheBlockPlayed) {
+    TempFolder folder;
+    const std::string wav = folder.file("out.wav");
     std::vector<AudioTimeStamp> stamps;
     const auto speakers = machine.world()->deviceByUID(speakersUID)->id;
     const auto start = machine.currentHostTime();
-    const auto proc =
-        startIO(machine, speakers, [&](const auto&, auto&, const AudioTimeStamp& t) { stamps.push_back(t); });
+    AudioDeviceIOProcID proc = 0;
+    ASSERT_EQ(machine.createIOProcIDWithBlock(
+                  speakers, nullptr,
+                  [&](const AudioBufferList&, AudioBufferList& out, const AudioTimeStamp& t) {
+                      stamps.push_back(t);
+                      auto* d = static_cast<float*>(out.mBuffers[0].mData);
+                      for (std::uint32_t f = 0; f < out.mBuffers[0].mDataByteSize / 8; ++f)
+                          d[f * 2] = 0.5f, d[f * 2 + 1] = -0.25f;
+                  },
+                  proc),
+              noErr);
+    EXPECT_EQ(machine.startRecording(proc, wav, 0.05), "IO proc 1 is not running");
+    ASSERT_EQ(machine.deviceStart(speakers, proc), noErr);
+    ASSERT_EQ(machine.startRecording(proc, wav, 0.05), "");
     clock->advance(10ms);
     EXPECT_TRUE(stamps.empty()); // one cycle takes 10.67 ms
     clock->advance(1ms);
@@ -132,6 +145,19 @@ TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriod) {
     ASSERT_EQ(machine.deviceStop(speakers, proc), noErr);
     clock->advance(1s);
     EXPECT_EQ(stamps.size(), 94u);
+
+    ASSERT_EQ(machine.stopRecording(proc), "");
+    EXPECT_EQ(machine.stopRecording(proc), "no recording is running");
+    std::ifstream in(wav, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    // 0.05 s at 48 kHz is 2400 stereo frames of 4-byte floats behind a 58-byte header: RIFF, WAVE, IEEE
+    // float (3), two channels, 48000 frames a second.
+    ASSERT_EQ(bytes.size(), 58u + 2400u * 2u * 4u);
+    EXPECT_EQ(bytes.substr(0, 4) + bytes.substr(8, 4), "RIFFWAVE");
+    EXPECT_EQ(bytes.substr(20, 8), std::string("\x03\x00\x02\x00\x80\xbb\x00\x00", 8));
+    float first[2];
+    std::memcpy(first, bytes.data() + 58, sizeof first);
+    EXPECT_EQ(std::pair(first[0], first[1]), std::pair(0.5f, -0.25f));
 }
 
 TEST_F(SimTapTest, IOStopsDeliveringWhenItsDeviceStallsOrVanishes) {
@@ -154,39 +180,6 @@ TEST_F(SimTapTest, IOStopsDeliveringWhenItsDeviceStallsOrVanishes) {
     }
     EXPECT_EQ(machine.mutate([&](SimWorld& w) { return w.stallIO("nowhere", true); }), "no device nowhere");
     EXPECT_EQ(machine.deviceStop(aggregate, proc), noErr);
-}
-
-TEST_F(SimTapTest, RecordingWritesWhatTheBlockPlayed) {
-    TempFolder folder;
-    const auto speakers = machine.world()->deviceByUID(speakersUID)->id;
-    AudioDeviceIOProcID proc = 0;
-    ASSERT_EQ(machine.createIOProcIDWithBlock(
-                  speakers, nullptr,
-                  [](const AudioBufferList&, AudioBufferList& out, const AudioTimeStamp&) {
-                      auto* d = static_cast<float*>(out.mBuffers[0].mData);
-                      for (std::uint32_t f = 0; f < out.mBuffers[0].mDataByteSize / 8; ++f)
-                          d[f * 2] = 0.5f, d[f * 2 + 1] = -0.25f;
-                  },
-                  proc),
-              noErr);
-    EXPECT_EQ(machine.startRecording(proc, folder.file("out.wav"), 0.05), "IO proc 1 is not running");
-    ASSERT_EQ(machine.deviceStart(speakers, proc), noErr);
-    ASSERT_EQ(machine.startRecording(proc, folder.file("out.wav"), 0.05), "");
-    clock->advance(100ms);
-    ASSERT_EQ(machine.stopRecording(proc), "");
-    EXPECT_EQ(machine.stopRecording(proc), "no recording is running");
-
-    std::ifstream in(folder.file("out.wav"), std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    // 0.05 s at 48 kHz is 2400 stereo frames of 4-byte floats behind a 58-byte header: RIFF, WAVE, IEEE
-    // float (3), two channels, 48000 frames a second.
-    ASSERT_EQ(bytes.size(), 58u + 2400u * 2u * 4u);
-    EXPECT_EQ(bytes.substr(0, 4) + bytes.substr(8, 4), "RIFFWAVE");
-    EXPECT_EQ(bytes.substr(20, 8), std::string("\x03\x00\x02\x00\x80\xbb\x00\x00", 8));
-    float first[2];
-    std::memcpy(first, bytes.data() + 58, sizeof first);
-    EXPECT_EQ(first[0], 0.5f);
-    EXPECT_EQ(first[1], -0.25f);
 }
 
 } // namespace

@@ -3,17 +3,10 @@
 // on the simulated machine, a listener that records what it heard and on which queue, and a waiter on
 // a condition.
 
-#include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
-#include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "base/Dispatch.hpp"
-#include "platform/AudioHardware.hpp"
 #include "platform/sim/SimMachine.hpp"
 #include "tests/platform/support/ToneLevel.hpp"
 #include "tests/support/TempFolder.hpp"

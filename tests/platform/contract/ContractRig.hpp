@@ -5,16 +5,10 @@
 // runs real clients on the private server and records the device's monitor.
 
 #include <cstdio>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "../SimTestSupport.hpp"
 #include "PrivatePipeWireServer.hpp"
-#include "ToneLevel.hpp"
 #include "platform/pipewire/PipeWireAudioHardware.hpp"
-#include "platform/sim/SimMachine.hpp"
-#include "platform/sim/SimWorldFile.hpp"
 
 namespace tonavi::test {
 

@@ -1,12 +1,10 @@
 #include "PrivatePipeWireServer.hpp"
 
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
