@@ -1,13 +1,13 @@
 #pragma once
 // Shared pieces of the platform tests: typed property reads, the preset's device UIDs, process lookup
-// on the simulated machine, a listener that records what it heard and on which queue, and a waiter on
-// a condition.
+// on the simulated machine, a tap read by an aggregate, and a listener that records what it heard and on
+// which queue.
 
 #include <condition_variable>
 #include <mutex>
-#include <thread>
 
 #include "platform/sim/SimMachine.hpp"
+#include "tests/platform/support/Eventually.hpp"
 #include "tests/platform/support/ToneLevel.hpp"
 #include "tests/support/TempFolder.hpp"
 
@@ -72,31 +72,33 @@ inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID)
 // Records each delivery: the addresses, and whether it ran on the queue it was registered with.
 class RecordingListener {
   public:
-    struct Seen {
-        int calls = 0;
-        int offQueue = 0;
-        std::vector<AudioObjectPropertyAddress> heard;
-    };
     explicit RecordingListener(DispatchQueue& queue) : queue_(queue) {}
+    template <class F> std::invoke_result_t<F> locked(F f) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return f();
+    }
     bool waitForCalls(int count, std::chrono::seconds timeout = std::chrono::seconds(10)) {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] { return seen_.calls >= count; });
+        return changed_.wait_for(lock, timeout, [&] { return calls_ >= count; });
     }
-    Seen seen() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return seen_;
+    int calls() {
+        return locked([&] { return calls_; });
     }
-    int calls() { return seen().calls; }
-    int offQueue() { return seen().offQueue; }
-    std::vector<AudioObjectPropertyAddress> heard() { return seen().heard; }
+    int offQueue() {
+        return locked([&] { return offQueue_; });
+    }
+    std::vector<AudioObjectPropertyAddress> heard() {
+        return locked([&] { return heard_; });
+    }
 
     AudioObjectPropertyListenerBlock block =
         std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
             [this](std::span<const AudioObjectPropertyAddress> addresses) {
-                std::lock_guard<std::mutex> guard(mutex_);
-                seen_.calls += 1;
-                seen_.offQueue += queue_.isCurrent() ? 0 : 1;
-                seen_.heard.insert(seen_.heard.end(), addresses.begin(), addresses.end());
+                locked([&] {
+                    calls_ += 1;
+                    offQueue_ += queue_.isCurrent() ? 0 : 1;
+                    heard_.insert(heard_.end(), addresses.begin(), addresses.end());
+                });
                 changed_.notify_all();
             });
 
@@ -104,19 +106,8 @@ class RecordingListener {
     DispatchQueue& queue_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    Seen seen_;
+    int calls_ = 0, offQueue_ = 0;
+    std::vector<AudioObjectPropertyAddress> heard_;
 };
-
-// Polls a condition that another process or thread makes true; no fixed sleeps in the tests.
-inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
 
 } // namespace tonavi::test

@@ -7,9 +7,9 @@
 #include <fstream>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
+#include "Eventually.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 
 extern char** environ;
@@ -21,17 +21,6 @@ std::unique_ptr<PrivatePipeWireServer> instance;
 bool tried = false;
 bool missing = false;
 std::string failure;
-
-// Polls a condition with a deadline: the server's start-up is measured, not guessed.
-bool within(std::chrono::milliseconds timeout, const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
 
 // A null sink or source of the server's configuration.
 std::string node(const std::string& name, const std::string& description, const std::string& mediaClass,
@@ -87,7 +76,8 @@ void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
     if (pid <= 0)
         return;
     ::kill(pid, signal);
-    if (!within(std::chrono::milliseconds(3000), [&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; })) {
+    if (!eventually([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; },
+                    std::chrono::milliseconds(3000))) {
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
     }
@@ -124,8 +114,8 @@ bool PrivatePipeWireServer::start(std::string& why) {
     const std::string bus = "unix:path=" + folder_ + "/run/bus";
     ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
     bus_ = spawn({"dbus-daemon", "--session", "--nofork", "--address=" + bus}, "dbus");
-    if (bus_ < 0 || !within(std::chrono::milliseconds(5000),
-                            [&] { return std::filesystem::exists(folder_ + "/run/bus"); })) {
+    if (bus_ < 0 || !eventually([&] { return std::filesystem::exists(folder_ + "/run/bus"); },
+                                std::chrono::milliseconds(5000))) {
         why = "the session bus did not start";
         return false;
     }
@@ -134,7 +124,7 @@ bool PrivatePipeWireServer::start(std::string& why) {
 
 bool PrivatePipeWireServer::startAudio(std::string& why) {
     audio_.push_back(spawn({"pipewire"}, "pipewire"));
-    if (!within(std::chrono::milliseconds(5000), [&] { return PipeWireConnection::serverAnswers(); })) {
+    if (!eventually([&] { return PipeWireConnection::serverAnswers(); }, std::chrono::milliseconds(5000))) {
         why = "pipewire did not start (see " + folder_ + "/pipewire.log)";
         return false;
     }
@@ -150,8 +140,8 @@ bool PrivatePipeWireServer::startAudio(std::string& why) {
                    !g.defaultNodeName("default.audio.sink").empty();
         },
         std::chrono::milliseconds(10000));
-    if (!ready || !within(std::chrono::milliseconds(5000),
-                          [&] { return std::filesystem::exists(folder_ + "/run/pulse/native"); })) {
+    if (!ready || !eventually([&] { return std::filesystem::exists(folder_ + "/run/pulse/native"); },
+                              std::chrono::milliseconds(5000))) {
         why = "the session manager or pipewire-pulse did not come up (logs in " + folder_ + ")";
         return false;
     }
