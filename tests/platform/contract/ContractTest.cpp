@@ -220,33 +220,6 @@ TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
     }
 }
 
-// What an IO block heard: the cycles, those with tap data and those whose tap input was loud, counted without
-// allocating. The block plays the tap on at unity, so the device still plays the tapped application.
-struct IOProbe {
-    std::atomic<int> cycles{0};
-    std::atomic<int> loudCycles{0};
-    std::atomic<int> dataCycles{0};
-    AudioDeviceIOBlock block() {
-        return [this](const AudioBufferList& input, AudioBufferList& output, const AudioTimeStamp& time) {
-            cycles.fetch_add(1);
-            if (input.mBuffers.empty() || !input.mBuffers.back().mData)
-                return;
-            dataCycles.fetch_add(1);
-            if (!(time.mFlags & kAudioTimeStampSampleTimeValid))
-                return;
-            const AudioBuffer& tap = input.mBuffers.back();
-            const auto* samples = static_cast<const float*>(tap.mData);
-            float peak = 0;
-            for (std::uint32_t i = 0; i < tap.mDataByteSize / sizeof(float); ++i)
-                peak = std::max(peak, std::fabs(samples[i]));
-            loudCycles.fetch_add(peak > 0.1f ? 1 : 0);
-            if (!output.mBuffers.empty() && output.mBuffers[0].mData)
-                std::memcpy(output.mBuffers[0].mData, samples,
-                            std::min(output.mBuffers[0].mDataByteSize, tap.mDataByteSize));
-        };
-    }
-};
-
 TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     const App app = rig->startApp("org.tonavi.Tapped", 660, AppKind::toneClient);
     const App other = rig->startApp("org.tonavi.Untapped", 880, AppKind::toneClient);
@@ -271,9 +244,25 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     const auto usageAddress = inputAddress(kAudioDevicePropertyIOProcStreamUsage);
     for (const bool tapOn : {true, false}) {
         SCOPED_TRACE(tapOn);
-        IOProbe probe;
+        // The cycles, those with tap data and those whose tap was loud, counted without allocating; the
+        // block plays the tap on at unity, so the device still plays the tapped application.
+        std::atomic<int> cycles{0}, dataCycles{0}, loudCycles{0};
+        const auto block = [&](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp& time) {
+            cycles.fetch_add(1);
+            const AudioBuffer* tap = in.mBuffers.empty() ? nullptr : &in.mBuffers.back();
+            if (!tap || !tap->mData ||
+                (dataCycles.fetch_add(1), !(time.mFlags & kAudioTimeStampSampleTimeValid)))
+                return;
+            const auto* samples = static_cast<const float*>(tap->mData);
+            const auto count = tap->mDataByteSize / sizeof(float);
+            loudCycles.fetch_add(
+                std::any_of(samples, samples + count, [](float v) { return std::fabs(v) > 0.1f; }));
+            if (!out.mBuffers.empty() && out.mBuffers[0].mData)
+                std::memcpy(out.mBuffers[0].mData, samples,
+                            std::min(out.mBuffers[0].mDataByteSize, tap->mDataByteSize));
+        };
         AudioDeviceIOProcID proc = 0;
-        ASSERT_EQ(audio().createIOProcIDWithBlock(device, &queue, probe.block(), proc), noErr);
+        ASSERT_EQ(audio().createIOProcIDWithBlock(device, &queue, block, proc), noErr);
         AudioHardwareIOProcStreamUsage usage{proc, {}};
         ASSERT_EQ(audio().get(device, usageAddress, usage), noErr);
         EXPECT_EQ(usage.mStreamIsOn, std::vector<std::uint32_t>(inputs.size(), 1));
@@ -284,10 +273,10 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
         EXPECT_EQ(audio().set(device, usageAddress, usage), noErr);
         ASSERT_EQ(audio().deviceStart(device, proc), noErr);
         if (tapOn) {
-            EXPECT_TRUE(eventually([&] { return probe.loudCycles.load() >= 20; }));
+            EXPECT_TRUE(eventually([&] { return loudCycles.load() >= 20; }));
         } else {
-            EXPECT_TRUE(eventually([&] { return probe.cycles.load() >= 20 && !rig->heard(output, app); }));
-            EXPECT_EQ(probe.dataCycles.load(), 0);
+            EXPECT_TRUE(eventually([&] { return cycles.load() >= 20 && !rig->heard(output, app); }));
+            EXPECT_EQ(dataCycles.load(), 0);
         }
         EXPECT_TRUE(rig->heard(output, other)); // the untapped application is unaffected
         ASSERT_EQ(audio().deviceStop(device, proc), noErr);
