@@ -38,9 +38,7 @@ void process(void*) {
         }
         samples[2 * i] = samples[2 * i + 1] = static_cast<float>(v);
     }
-    d.chunk->offset = 0;
-    d.chunk->stride = 2 * sizeof(float);
-    d.chunk->size = samples ? frames * 2 * sizeof(float) : 0;
+    *d.chunk = {0, samples ? frames * 8 : 0, 8, 0}; // stereo floats: 8 bytes a frame
     pw_stream_queue_buffer(stream, b);
 }
 } // namespace
@@ -73,18 +71,16 @@ int main(int argc, char** argv) {
         pw_properties_set(props, PW_KEY_TARGET_OBJECT, argv[5]);
     stream = pw_stream_new(core, argv[2], props);
     static pw_stream_events events{};
-    events.version = PW_VERSION_STREAM_EVENTS;
-    events.process = process;
+    events.version = PW_VERSION_STREAM_EVENTS, events.process = process;
     spa_hook hook{};
     pw_stream_add_listener(stream, &hook, &events, nullptr);
     std::uint8_t buffer[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    spa_audio_info_raw info{};
-    info.format = SPA_AUDIO_FORMAT_F32;
-    info.rate = 48000;
-    info.channels = 2;
-    info.position[0] = SPA_AUDIO_CHANNEL_FL;
-    info.position[1] = SPA_AUDIO_CHANNEL_FR;
+    spa_audio_info_raw info{.format = SPA_AUDIO_FORMAT_F32,
+                            .flags = 0,
+                            .rate = 48000,
+                            .channels = 2,
+                            .position = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
     const spa_pod* params[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
     pw_stream_connect(stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
                       static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
