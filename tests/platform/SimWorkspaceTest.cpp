@@ -1,6 +1,6 @@
 // The simulated workspace: running applications, the frontmost one and its activation events, the
-// window list behind the front-window fallback, responsible processes, sleep and wake; and the
-// choice of backend from the environment.
+// window list behind the front-window fallback and responsible processes (sleep and wake are the
+// runtime's tests); and the choice of backend from the environment.
 
 #include <gtest/gtest.h>
 
@@ -72,17 +72,6 @@ TEST_F(SimWorkspaceTest, ActivationIsDeliveredOnTheObserversQueueAndMovesTheWind
     EXPECT_FALSE(workspace.onScreenWindows().has_value());
 }
 
-TEST_F(SimWorkspaceTest, SleepAndWakeReachTheirObserversOnce) {
-    int slept = 0, woke = 0;
-    workspace.addWillSleepObserver([&] { ++slept; });
-    workspace.addDidWakeObserver([&] { ++woke; });
-    // The handlers run on the thread that made the change, like a notification with no queue.
-    for (auto [asleep, sleeps, wakes] : {std::tuple{true, 1, 0}, {true, 1, 0}, {false, 1, 1}}) {
-        ASSERT_EQ(change([asleep](SimWorld& w) { w.asleep = asleep; }), "");
-        EXPECT_EQ(std::pair(slept, woke), std::pair(sleeps, wakes)) << asleep;
-    }
-}
-
 TEST(PlatformBackendTest, WithoutAServerTheSimulatedMachineIsChosenOnceAndChildrenInheritIt) {
     test::TempFolder folder;
     Log::setFilePathForTesting(folder.file("test.log"));
@@ -97,11 +86,8 @@ TEST(PlatformBackendTest, WithoutAServerTheSimulatedMachineIsChosenOnceAndChildr
     EXPECT_EQ(backend->name(), "sim");
     EXPECT_STREQ(std::getenv(PlatformBackend::environmentVariable), "sim");
     // A first run creates the preset machine in the world file.
-    EXPECT_EQ(test::read<std::vector<AudioObjectID>>(backend->audio(), kAudioObjectSystemObject,
-                                                     globalAddress(kAudioHardwarePropertyDevices))
-                  ->size(),
-              6u);
-    EXPECT_EQ(backend->workspace().frontmostApplication()->bundleIdentifier, "com.apple.Safari");
+    EXPECT_EQ(backend->workspace().frontmostApplication().value_or(RunningApplication{}).bundleIdentifier,
+              "com.apple.Safari");
     // Once chosen, it stays.
     ::setenv(PlatformBackend::environmentVariable, "pipewire", 1);
     EXPECT_EQ(PlatformBackend::current(), backend);
