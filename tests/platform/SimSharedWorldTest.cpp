@@ -93,27 +93,17 @@ TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {
     EXPECT_TRUE(SimMachine::open(path, error));
 }
 
-TEST(SimWorldJSONTest, PresetSurvivesTheRoundTripAndDuplicateIDsAreRefused) {
-    auto world = SimWorld::preset();
-    auto description = TapDescription::deviceStream({108}, speakersUID, 0);
-    description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-    world.taps.push_back({world.allocateID(), description, 77});
-    ASSERT_EQ(world.failNext(SimOperation::deviceStart, 2, kAudioHardwareIllegalOperationError, 0), "");
-    const auto json = simWorldToJSON(world);
+// Worlds cross the file in every test above; here, what a decoder must refuse.
+TEST(SimWorldJSONTest, DuplicateIDsAndUnknownPoliciesAreRefused) {
+    const auto json = simWorldToJSON(SimWorld::preset());
     std::string error;
-    const auto back = simWorldFromJSON(json, error);
-    ASSERT_TRUE(back) << error;
-    EXPECT_EQ(simWorldToJSON(*back), json);
-    EXPECT_EQ(back->taps.at(0).description.muteBehavior, TapMuteBehavior::mutedWhenTapped);
-    EXPECT_EQ(back->devices.at(0).volumeElements.at(2), 0.5f);
-
-    auto twice = json;
+    auto twice = json, badPolicy = json;
     twice["processes"][1]["id"] = twice["processes"][0]["id"];
     EXPECT_FALSE(simWorldFromJSON(twice, error));
     EXPECT_NE(error.find("used twice"), std::string::npos) << error;
-    auto badPolicy = json;
     badPolicy["applications"][0]["policy"] = "sometimes";
     EXPECT_FALSE(simWorldFromJSON(badPolicy, error));
+    EXPECT_TRUE(simWorldFromJSON(json, error)) << error;
 }
 
 } // namespace
