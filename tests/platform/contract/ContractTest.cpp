@@ -88,43 +88,34 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatuses) {
     EXPECT_NE(audio().set(kAudioObjectSystemObject, defaultOutputAddress, input), noErr);
 
     // The statuses callers rely on, the same on every backend.
-    struct Case {
-        const char* what;
-        AudioObjectID object;
-        AudioObjectPropertyAddress address;
-        OSStatus status;
-    };
-    const Case cases[] = {
-        {"unknown object", 999999, globalAddress(kAudioDevicePropertyDeviceUID),
-         kAudioHardwareBadObjectError},
-        {"unknown selector", first, globalAddress(fourCharCode("zzzz")), kAudioHardwareUnknownPropertyError},
-        {"volume of no element", first,
-         scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 9),
-         kAudioHardwareUnknownPropertyError},
-        {"system list on an element", kAudioObjectSystemObject,
-         scopedAddress(kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal, 3),
-         kAudioHardwareUnknownPropertyError},
-    };
-    for (const auto& c : cases) {
-        AudioPropertyValue ignored;
-        EXPECT_EQ(audio().getPropertyData(c.object, c.address, ignored), c.status) << c.what;
-        EXPECT_FALSE(audio().hasProperty(c.object, c.address)) << c.what;
-    }
+    const auto system = kAudioObjectSystemObject;
     const auto uid = globalAddress(kAudioDevicePropertyDeviceUID),
                devices = globalAddress(kAudioHardwarePropertyDevices);
+    const std::tuple<const char*, AudioObjectID, AudioObjectPropertyAddress, OSStatus> cases[] = {
+        {"unknown object", 999999, uid, kAudioHardwareBadObjectError},
+        {"unknown selector", first, globalAddress(fourCharCode("zzzz")), kAudioHardwareUnknownPropertyError},
+        {"volume of no element", first, outputAddress(kAudioDevicePropertyVolumeScalar, 9),
+         kAudioHardwareUnknownPropertyError},
+        {"system list on an element", system, scopedAddress(devices.mSelector, devices.mScope, 3),
+         kAudioHardwareUnknownPropertyError},
+    };
+    for (const auto& [what, object, address, status] : cases) {
+        AudioPropertyValue ignored;
+        EXPECT_EQ(audio().getPropertyData(object, address, ignored), status) << what;
+        EXPECT_FALSE(audio().hasProperty(object, address)) << what;
+    }
     float wrongType = 0;
     EXPECT_EQ(audio().get(first, uid, wrongType), kAudioHardwareBadPropertySizeError);
     std::uint32_t size = 0;
-    EXPECT_EQ(audio().getPropertyDataSize(kAudioObjectSystemObject, devices, size), noErr);
-    EXPECT_EQ(size, value<std::vector<AudioObjectID>>(kAudioObjectSystemObject, devices).size() *
-                        sizeof(AudioObjectID));
+    EXPECT_EQ(audio().getPropertyDataSize(system, devices, size), noErr);
+    EXPECT_EQ(size, value<std::vector<AudioObjectID>>(system, devices).size() * sizeof(AudioObjectID));
     bool settable = true;
     EXPECT_EQ(audio().isPropertySettable(first, uid, settable), noErr);
     EXPECT_FALSE(settable);
     EXPECT_EQ(audio().set(first, uid, std::string("x")), kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(audio().set(kAudioObjectSystemObject, devices, std::vector<AudioObjectID>{}),
+    EXPECT_EQ(audio().set(system, devices, std::vector<AudioObjectID>{}),
               kAudioHardwareIllegalOperationError);
-    ASSERT_EQ(audio().isPropertySettable(kAudioObjectSystemObject, defaultOutputAddress, settable), noErr);
+    ASSERT_EQ(audio().isPropertySettable(system, defaultOutputAddress, settable), noErr);
     EXPECT_TRUE(settable);
 }
 
