@@ -14,12 +14,9 @@ namespace {
 using Properties = PipeWireGraph::Properties;
 
 TEST(PipeWireGraphTest, TransportComesFromApiBusFactoryAndName) {
-    struct Case {
-        Properties node, device;
-        std::uint32_t transport;
-    };
     const Properties onDevice7 = {{"device.id", "7"}};
-    const Case cases[] = {
+    const std::tuple<Properties, Properties, std::uint32_t> cases[] = {
+        // node, its device, transport
         {{{"device.api", "bluez5"}}, {}, kAudioDeviceTransportTypeBluetooth},
         {onDevice7, {{"device.api", "alsa"}, {"device.bus", "usb"}}, kAudioDeviceTransportTypeUSB},
         {onDevice7, {{"device.api", "alsa"}, {"device.bus", "pci"}}, kAudioDeviceTransportTypeBuiltIn},
@@ -30,13 +27,13 @@ TEST(PipeWireGraphTest, TransportComesFromApiBusFactoryAndName) {
         {{{"node.virtual", "true"}}, {}, kAudioDeviceTransportTypeVirtual},
         {{{"device.api", "v4l2"}}, {}, kAudioDeviceTransportTypeUnknown},
     };
-    for (const auto& c : cases) {
+    for (const auto& [props, device, transport] : cases) {
         PipeWireGraph graph;
-        graph.devices[7] = c.device;
+        graph.devices[7] = device;
         PipeWireGraph::Node node;
-        node.props = c.node;
-        EXPECT_EQ(fourCharString(graph.transportOf(node)), fourCharString(c.transport))
-            << c.node.begin()->second;
+        node.props = props;
+        EXPECT_EQ(fourCharString(graph.transportOf(node)), fourCharString(transport))
+            << props.begin()->second;
     }
 }
 
@@ -70,23 +67,19 @@ TEST(PipeWireGraphTest, DefaultsAndChannelCountsReadWhatTheServerWrites) {
     EXPECT_EQ(graph.defaultNodeName("default.audio.sink"), "speakers");
     EXPECT_EQ(graph.defaultNodeName("default.audio.source"), ""); // not JSON: names no node
     EXPECT_EQ(graph.defaultNodeName("default.video.source"), "");
-    struct Case {
-        Properties props;
-        std::vector<float> volumes;
-        std::uint32_t channels;
-    };
-    const Case cases[] = {
+    const std::tuple<Properties, std::vector<float>, std::uint32_t> cases[] = {
+        // props, volumes, channels
         {{{"audio.channels", "6"}}, {1, 1}, 6},
         {{}, {1, 1, 1, 1}, 4},
         {{{"audio.position", "[ FL FR FC ]"}}, {}, 3},
         {{{"audio.position", "FL,FR"}}, {}, 2},
         {{}, {}, 2},
     };
-    for (const auto& c : cases) {
+    for (const auto& [props, volumes, channels] : cases) {
         PipeWireGraph::Node node;
-        node.props = c.props;
-        node.channelVolumes = c.volumes;
-        EXPECT_EQ(node.channelCount(), c.channels);
+        node.props = props;
+        node.channelVolumes = volumes;
+        EXPECT_EQ(node.channelCount(), channels);
     }
 }
 
