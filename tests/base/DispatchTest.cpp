@@ -4,92 +4,74 @@
 
 #include <csignal>
 #include <future>
-#include <mutex>
+#include <numeric>
 #include <set>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 using namespace tonavi;
 using namespace std::chrono_literals;
 
 namespace {
-// Waits for all work queued so far on a serial queue.
-void drain(DispatchQueue& q) { q.sync([] {}); }
-}  // namespace
+// A child that waits until it is killed.
+pid_t startChild() {
+    const pid_t pid = ::fork();
+    while (pid == 0)
+        ::pause();
+    return pid;
+}
+} // namespace
 
-TEST(DispatchQueue, SerialQueueRunsInSubmissionOrderOnOneThread) {
+TEST(DispatchQueue, SerialQueueRunsInOrderOnOneThreadAndSyncRunsInlineOnItsOwnQueue) {
     DispatchQueue q("test.serial");
-    std::vector<int> order;
+    std::vector<int> order, expected(1000);
+    std::iota(expected.begin(), expected.end(), 0);
     std::set<std::thread::id> threads;
-    for (int i = 0; i < 1000; ++i) {
+    for (int i : expected)
         q.async([&, i] {
             order.push_back(i);
             threads.insert(std::this_thread::get_id());
         });
-    }
-    drain(q);
-    ASSERT_EQ(order.size(), 1000u);
-    for (int i = 0; i < 1000; ++i) EXPECT_EQ(order[i], i);
+    q.sync([] {}); // waits for the work queued so far
+    EXPECT_EQ(order, expected);
     EXPECT_EQ(threads.size(), 1u);
     EXPECT_EQ(threads.count(std::this_thread::get_id()), 0u);
-}
 
-TEST(DispatchQueue, SyncReturnsResultsRunsInlineOnItsOwnQueueAndPropagatesExceptions) {
-    DispatchQueue q("test.sync");
     EXPECT_FALSE(q.isCurrent());
     EXPECT_EQ(q.syncResult([&] { return q.isCurrent() ? 42 : -1; }), 42);
     // A nested sync on the same queue would deadlock if it queued; it must run inline.
-    int nested = q.syncResult([&] { return q.syncResult([] { return 7; }); });
-    EXPECT_EQ(nested, 7);
+    EXPECT_EQ(q.syncResult([&] { return q.syncResult([] { return 7; }); }), 7);
     EXPECT_THROW(q.sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
-    EXPECT_EQ(q.syncResult([] { return 1; }), 1);  // the queue survives a throwing item
+    EXPECT_EQ(q.syncResult([] { return 1; }), 1); // the queue survives a throwing item
 }
 
-TEST(DispatchQueue, CancelledWorkItemNeverRunsAndUncancelledOneDoes) {
-    DispatchQueue q("test.cancel");
-    std::promise<void> gate;
-    auto gateFuture = gate.get_future().share();
-    q.async([gateFuture] { gateFuture.wait(); });  // hold the queue while we cancel
-    int ran = 0;
-    auto cancelled = std::make_shared<WorkItem>([&] { ran += 1; });
-    auto kept = std::make_shared<WorkItem>([&] { ran += 10; });
-    q.async(cancelled);
-    q.async(kept);
-    cancelled->cancel();
-    gate.set_value();
-    drain(q);
-    EXPECT_EQ(ran, 10);
-    EXPECT_TRUE(cancelled->isCancelled());
-}
-
-TEST(DispatchQueue, AfterWithManualClockFiresExactlyWhenDueInTimeOrder) {
+TEST(DispatchQueue, AfterWithManualClockFiresExactlyWhenDueInTimeOrderUnlessCancelled) {
     auto clock = std::make_shared<ManualClock>();
     DispatchQueue q("test.after", clock);
-    std::mutex m;
-    std::vector<std::string> fired;
-    auto record = [&](std::string s) {
-        return [&, s] {
-            std::lock_guard<std::mutex> g(m);
-            fired.push_back(s);
-        };
-    };
-    q.after(300ms, record("c"));
-    q.after(100ms, record("a"));
-    q.after(200ms, record("b1"));
-    q.after(200ms, record("b2"));  // same due time keeps submission order
+    std::vector<std::string> fired; // only touched on the queue
+    auto record = [&](std::string s) { return [&, s] { fired.push_back(s); }; };
+    // The same due time keeps submission order.
+    for (auto [delay, name] : {std::pair{300ms, "c"}, {100ms, "a"}, {200ms, "b1"}, {200ms, "b2"}})
+        q.after(delay, record(name));
     auto item = std::make_shared<WorkItem>(record("cancelled"));
     q.after(150ms, item);
     item->cancel();
+    const auto at = [&](std::chrono::milliseconds by) {
+        clock->advance(by);
+        return q.syncResult([&] { return fired; });
+    };
+    EXPECT_TRUE(at(99ms).empty());
+    EXPECT_EQ(at(1ms), (std::vector<std::string>{"a"}));
+    EXPECT_EQ(at(200ms), (std::vector<std::string>{"a", "b1", "b2", "c"}));
 
-    clock->advance(99ms);
-    drain(q);
-    EXPECT_TRUE(fired.empty());
-    clock->advance(1ms);
-    drain(q);
-    EXPECT_EQ(fired, (std::vector<std::string>{"a"}));
-    clock->advance(200ms);
-    drain(q);
-    EXPECT_EQ(fired, (std::vector<std::string>{"a", "b1", "b2", "c"}));
+    // On the real clock, never early.
+    DispatchQueue real("test.after-real");
+    const auto start = std::chrono::steady_clock::now();
+    std::promise<std::chrono::steady_clock::duration> firedAt;
+    real.after(20ms, [&] { firedAt.set_value(std::chrono::steady_clock::now() - start); });
+    EXPECT_GE(firedAt.get_future().get(), 20ms);
 }
 
 TEST(DispatchTimer, RepeatsAtItsIntervalSkipsMissedTicksAndStopsWhenCancelled) {
@@ -101,60 +83,27 @@ TEST(DispatchTimer, RepeatsAtItsIntervalSkipsMissedTicksAndStopsWhenCancelled) {
     // The re-armed tick is queued by the fired one, hence two drains per step.
     const auto step = [&](std::chrono::milliseconds by) {
         clock->advance(by);
-        drain(q);
-        drain(q);
+        q.sync([] {}), q.sync([] {});
         return ticks.load();
     };
-    EXPECT_EQ(step(1999ms), 0);
-    for (int i = 1; i <= 3; ++i) EXPECT_EQ(step(2s), i);
     // Ten periods pass at once (to 28.999 s): one tick, not a burst; the next keeps to the grid (30 s).
-    EXPECT_EQ(step(21s), 4);
-    EXPECT_EQ(step(1000ms), 4);
-    EXPECT_EQ(step(1ms), 5);
+    const std::pair<std::chrono::milliseconds, int> steps[] = {{1999ms, 0}, {2s, 1},     {2s, 2}, {2s, 3},
+                                                               {21s, 4},    {1000ms, 4}, {1ms, 5}};
+    for (auto [by, ticksThen] : steps)
+        EXPECT_EQ(step(by), ticksThen) << by.count();
     timer.cancel();
     EXPECT_EQ(step(10s), 5);
 }
 
-TEST(DispatchTimer, RealClockNeverFiresEarly) {
-    DispatchQueue q("test.timer-real");
-    auto start = std::chrono::steady_clock::now();
-    std::promise<std::vector<std::chrono::steady_clock::duration>> done;
-    std::vector<std::chrono::steady_clock::duration> at;
-    DispatchTimer timer(q, 20ms, 20ms, [&] {
-        at.push_back(std::chrono::steady_clock::now() - start);
-        if (at.size() == 3) done.set_value(at);
-    });
-    timer.resume();
-    auto times = done.get_future().get();
-    timer.cancel();
-    drain(q);
-    for (size_t i = 0; i < times.size(); ++i) {
-        EXPECT_GE(times[i], std::chrono::milliseconds(20 * (i + 1)));
-        EXPECT_LT(times[i], std::chrono::milliseconds(20 * (i + 1)) + 2s);  // generous: CI machines stall
-    }
-}
-
-TEST(DispatchQueue, GlobalQueueRunsWorkConcurrently) {
+TEST(DispatchQueue, GlobalQueueRunsConcurrentlyAndMainRunsOnTheThreadThatRunsIt) {
     // Two items that each wait for the other can only finish if they run at the same time.
     auto& g = DispatchQueue::global(QoS::utility);
-    std::promise<void> a, b;
+    std::promise<void> a, b, done;
     auto fa = a.get_future().share(), fb = b.get_future().share();
-    std::promise<void> done1, done2;
-    g.async([&] {
-        a.set_value();
-        fb.wait();
-        done1.set_value();
-    });
-    g.async([&] {
-        b.set_value();
-        fa.wait();
-        done2.set_value();
-    });
-    EXPECT_EQ(done1.get_future().wait_for(10s), std::future_status::ready);
-    EXPECT_EQ(done2.get_future().wait_for(10s), std::future_status::ready);
-}
+    g.async([&] { a.set_value(), fb.wait(); });
+    g.async([&] { b.set_value(), fa.wait(), done.set_value(); });
+    EXPECT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
 
-TEST(DispatchQueue, MainQueueRunsOnTheThreadThatRunsIt) {
     std::atomic<bool> stop{false};
     std::thread::id ranOn;
     std::thread feeder([&] {
@@ -166,8 +115,8 @@ TEST(DispatchQueue, MainQueueRunsOnTheThreadThatRunsIt) {
     EXPECT_EQ(ranOn, std::this_thread::get_id());
 }
 
-TEST(SignalSource, DeliversTheSignalToItsQueueNotInSignalContext) {
-    DispatchQueue q("test.signal");
+TEST(EventSources, SignalsAndProcessExitsArriveOnTheirQueueAndNeverOnceCancelled) {
+    DispatchQueue q("test.sources");
     std::promise<bool> delivered;
     SignalSource source(SIGUSR1, q, [&] { delivered.set_value(q.isCurrent()); });
     source.resume();
@@ -176,6 +125,42 @@ TEST(SignalSource, DeliversTheSignalToItsQueueNotInSignalContext) {
     ASSERT_EQ(f.wait_for(10s), std::future_status::ready);
     EXPECT_TRUE(f.get());
     source.cancel();
-    ::raise(SIGUSR1);  // a cancelled source swallows the signal instead of killing the process
-    drain(q);
+    ::raise(SIGUSR1); // a cancelled source swallows the signal instead of killing the process
+
+    // Process exits, once the handler reaps.
+    const pid_t child = startChild();
+    ASSERT_GT(child, 0);
+    std::promise<std::pair<bool, int>> fired;
+    ProcessExitSource watch(child, q, [&] {
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        fired.set_value({q.isCurrent(), WIFSIGNALED(status) ? WTERMSIG(status) : -1});
+    });
+    watch.resume();
+    auto result = fired.get_future();
+    EXPECT_EQ(result.wait_for(100ms), std::future_status::timeout) << "fired while the child lives";
+    ::kill(child, SIGKILL);
+    ASSERT_EQ(result.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(result.get(), std::make_pair(true, SIGKILL));
+
+    // A process already gone fires at once.
+    const pid_t gone = startChild();
+    ::kill(gone, SIGKILL);
+    ::waitpid(gone, nullptr, 0);
+    std::promise<void> lateFired;
+    ProcessExitSource late(gone, q, [&] { lateFired.set_value(); });
+    late.resume();
+    EXPECT_EQ(lateFired.get_future().wait_for(5s), std::future_status::ready);
+
+    const pid_t held = startChild();
+    std::atomic<int> calls{0};
+    {
+        ProcessExitSource cancelled(held, q, [&] { ++calls; });
+        cancelled.resume();
+        cancelled.cancel();
+    } // destruction waits for the watch thread
+    ::kill(held, SIGKILL);
+    ::waitpid(held, nullptr, 0);
+    q.sync([] {});
+    EXPECT_EQ(calls.load(), 0);
 }

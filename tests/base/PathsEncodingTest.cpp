@@ -3,78 +3,60 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <set>
 
 using namespace tonavi;
 
 namespace {
-struct EnvGuard {
-    std::string name;
-    std::optional<std::string> old;
-    EnvGuard(const char* n, const char* value) : name(n) {
-        if (const char* v = std::getenv(n)) old = v;
-        if (value) {
-            ::setenv(n, value, 1);
-        } else {
-            ::unsetenv(n);
-        }
-    }
-    ~EnvGuard() {
-        if (old) {
-            ::setenv(name.c_str(), old->c_str(), 1);
-        } else {
-            ::unsetenv(name.c_str());
-        }
-    }
-};
-}  // namespace
+void setOrUnset(const char* name, const char* value) {
+    value ? ::setenv(name, value, 1) : ::unsetenv(name);
+}
+} // namespace
 
 TEST(Paths, DeriveFromHomeAndHonourAbsoluteXdgVariablesOnly) {
-    EnvGuard home("HOME", "/home/tester");
-    {
-        EnvGuard data("XDG_DATA_HOME", nullptr), st("XDG_STATE_HOME", nullptr);
-        EXPECT_EQ(Paths::supportDirectory(), "/home/tester/.local/share/Tonavi");
-        EXPECT_EQ(Paths::logDirectory(), "/home/tester/.local/state/Tonavi");
-        EXPECT_EQ(Paths::controlSocketPath(), "/home/tester/.local/share/Tonavi/control.sock");
+    const std::string home = std::getenv("HOME") ? std::getenv("HOME") : "/";
+    ::setenv("HOME", "/home/tester", 1);
+    const std::array<const char*, 4> cases[] = {
+        // XDG data and state, the support and log folders
+        {nullptr, nullptr, "/home/tester/.local/share/Tonavi", "/home/tester/.local/state/Tonavi"},
+        {"/xdg/data", "relative/state", "/xdg/data/Tonavi", "/home/tester/.local/state/Tonavi"},
+    };
+    for (auto [data, state, support, log] : cases) {
+        setOrUnset("XDG_DATA_HOME", data);
+        setOrUnset("XDG_STATE_HOME", state);
+        EXPECT_EQ(Paths::supportDirectory(), support);
+        EXPECT_EQ(Paths::logDirectory(), log);
+        EXPECT_EQ(Paths::controlSocketPath(), std::string(support) + "/control.sock");
     }
-    {
-        EnvGuard data("XDG_DATA_HOME", "/xdg/data"), st("XDG_STATE_HOME", "relative/state");
-        EXPECT_EQ(Paths::supportDirectory(), "/xdg/data/Tonavi");
-        EXPECT_EQ(Paths::logDirectory(), "/home/tester/.local/state/Tonavi");  // relative value ignored
-    }
+    ::setenv("HOME", home.c_str(), 1);
 }
 
-TEST(Base64, MatchesTheStandardTestVectorsBothWays) {
+TEST(Base64, MatchesTheStandardTestVectorsBothWaysAndRejectsMalformedText) {
     // RFC 4648, section 10.
-    const std::pair<const char*, const char*> vectors[] = {{"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},
-                                                           {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
-                                                           {"foobar", "Zm9vYmFy"}};
-    for (auto [plain, encoded] : vectors) {
-        EXPECT_EQ(base64Encode(std::string_view(plain)), encoded);
-        auto back = base64Decode(encoded);
-        ASSERT_TRUE(back.has_value()) << encoded;
-        EXPECT_EQ(std::string(back->begin(), back->end()), plain);
+    const char* encoded[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
+    for (std::size_t i = 0; i < std::size(encoded); ++i) {
+        const std::string plain = std::string("foobar").substr(0, i);
+        EXPECT_EQ(base64Encode(std::string_view(plain)), encoded[i]);
+        EXPECT_EQ(base64Decode(encoded[i]), Bytes(plain.begin(), plain.end())) << encoded[i];
     }
     Bytes all(256);
-    for (int i = 0; i < 256; ++i) all[i] = static_cast<std::uint8_t>(i);
+    for (int i = 0; i < 256; ++i)
+        all[i] = static_cast<std::uint8_t>(i);
     EXPECT_EQ(base64Decode(base64Encode(all)), all);
-}
-
-TEST(Base64, RejectsMalformedText) {
-    for (const char* bad : {"Zg", "Zg=", "Z===", "Zm9v!A==", "Zh==", "Zm9=", "=Zm9", "Zm 9"}) {
+    for (const char* bad : {"Zg", "Zg=", "Z===", "Zm9v!A==", "Zh==", "Zm9=", "=Zm9", "Zm 9"})
         EXPECT_FALSE(base64Decode(bad).has_value()) << bad;
-    }
 }
 
 TEST(UUID, IsUpperCaseVersionFourAndUnique) {
     std::set<std::string> seen;
     for (int i = 0; i < 1000; ++i) {
-        std::string u = makeUUID();
+        const std::string u = makeUUID();
         ASSERT_TRUE(isUUID(u)) << u;
         EXPECT_EQ(u[14], '4');
         EXPECT_NE(std::string("89AB").find(u[19]), std::string::npos);
-        for (char c : u) EXPECT_FALSE(std::islower(static_cast<unsigned char>(c)));
+        EXPECT_TRUE(std::none_of(u.begin(), u.end(), [](unsigned char c) { return std::islower(c); })) << u;
         seen.insert(u);
     }
     EXPECT_EQ(seen.size(), 1000u);

@@ -14,17 +14,12 @@ namespace {
 using Properties = PipeWireGraph::Properties;
 
 TEST(PipeWireGraphTest, TransportComesFromApiBusFactoryAndName) {
-    struct Case {
-        Properties node;
-        Properties device;
-        std::uint32_t transport;
-    };
-    const Case cases[] = {
+    const Properties onDevice7 = {{"device.id", "7"}};
+    const std::tuple<Properties, Properties, std::uint32_t> cases[] = {
+        // node, its device, transport
         {{{"device.api", "bluez5"}}, {}, kAudioDeviceTransportTypeBluetooth},
-        {{{"device.id", "7"}}, {{"device.api", "alsa"}, {"device.bus", "usb"}}, kAudioDeviceTransportTypeUSB},
-        {{{"device.id", "7"}},
-         {{"device.api", "alsa"}, {"device.bus", "pci"}},
-         kAudioDeviceTransportTypeBuiltIn},
+        {onDevice7, {{"device.api", "alsa"}, {"device.bus", "usb"}}, kAudioDeviceTransportTypeUSB},
+        {onDevice7, {{"device.api", "alsa"}, {"device.bus", "pci"}}, kAudioDeviceTransportTypeBuiltIn},
         {{{"device.api", "alsa"}}, {}, kAudioDeviceTransportTypeBuiltIn},
         {{{"node.name", "raop_sink.living-room"}}, {}, kAudioDeviceTransportTypeAirPlay},
         {{{"node.name", "combine_sink"}}, {}, kAudioDeviceTransportTypeAggregate},
@@ -32,13 +27,13 @@ TEST(PipeWireGraphTest, TransportComesFromApiBusFactoryAndName) {
         {{{"node.virtual", "true"}}, {}, kAudioDeviceTransportTypeVirtual},
         {{{"device.api", "v4l2"}}, {}, kAudioDeviceTransportTypeUnknown},
     };
-    for (const auto& c : cases) {
+    for (const auto& [props, device, transport] : cases) {
         PipeWireGraph graph;
-        graph.devices[7] = c.device;
+        graph.devices[7] = device;
         PipeWireGraph::Node node;
-        node.props = c.node;
-        EXPECT_EQ(fourCharString(graph.transportOf(node)), fourCharString(c.transport))
-            << (c.node.empty() ? "" : c.node.begin()->second);
+        node.props = props;
+        EXPECT_EQ(fourCharString(graph.transportOf(node)), fourCharString(transport))
+            << props.begin()->second;
     }
 }
 
@@ -48,11 +43,7 @@ TEST(PipeWireGraphTest, BundleIdentifierPrefersTheApplicationIdThenFlatpakThenDe
     std::ofstream(folder.file("applications/org.example.Player.desktop"))
         << "[Desktop Entry]\nName=Player\nExec=/usr/bin/tonavi-test-player %U\n";
     ::setenv("XDG_DATA_HOME", folder.file("").c_str(), 1);
-    struct Case {
-        Properties client;
-        std::string bundleID;
-    };
-    const Case cases[] = {
+    const std::pair<Properties, std::string> cases[] = {
         {{{"application.id", "org.example.Named"}, {"pipewire.access.portal.app_id", "org.example.Flat"}},
          "org.example.Named"},
         {{{"pipewire.access.portal.app_id", "org.example.Flat"}, {"application.process.binary", "flat"}},
@@ -60,12 +51,11 @@ TEST(PipeWireGraphTest, BundleIdentifierPrefersTheApplicationIdThenFlatpakThenDe
         {{{"application.process.binary", "tonavi-test-player"}}, "org.example.Player"},
         {{{"application.process.binary", "pacat"}}, "pacat"},
     };
-    for (const auto& c : cases) {
+    for (auto [props, bundleID] : cases) {
         PipeWireGraph graph;
-        auto props = c.client;
         props["application.process.id"] = "4242";
         graph.clients[5] = {5, props};
-        EXPECT_EQ(graph.bundleIdentifierOf(4242), c.bundleID);
+        EXPECT_EQ(graph.bundleIdentifierOf(4242), bundleID);
         EXPECT_EQ(graph.bundleIdentifierOf(4243), "");
     }
     ::unsetenv("XDG_DATA_HOME");
@@ -77,24 +67,19 @@ TEST(PipeWireGraphTest, DefaultsAndChannelCountsReadWhatTheServerWrites) {
     EXPECT_EQ(graph.defaultNodeName("default.audio.sink"), "speakers");
     EXPECT_EQ(graph.defaultNodeName("default.audio.source"), ""); // not JSON: names no node
     EXPECT_EQ(graph.defaultNodeName("default.video.source"), "");
-
-    struct Case {
-        Properties props;
-        std::vector<float> volumes;
-        std::uint32_t channels;
-    };
-    const Case cases[] = {
+    const std::tuple<Properties, std::vector<float>, std::uint32_t> cases[] = {
+        // props, volumes, channels
         {{{"audio.channels", "6"}}, {1, 1}, 6},
         {{}, {1, 1, 1, 1}, 4},
         {{{"audio.position", "[ FL FR FC ]"}}, {}, 3},
         {{{"audio.position", "FL,FR"}}, {}, 2},
         {{}, {}, 2},
     };
-    for (const auto& c : cases) {
+    for (const auto& [props, volumes, channels] : cases) {
         PipeWireGraph::Node node;
-        node.props = c.props;
-        node.channelVolumes = c.volumes;
-        EXPECT_EQ(node.channelCount(), c.channels);
+        node.props = props;
+        node.channelVolumes = volumes;
+        EXPECT_EQ(node.channelCount(), channels);
     }
 }
 

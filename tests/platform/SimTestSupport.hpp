@@ -1,24 +1,65 @@
 #pragma once
-// Shared pieces of the platform tests: a tone detector, process lookup on the simulated machine, a
-// listener that records what it heard and on which queue, and a waiter on a condition.
+// Shared pieces of the platform tests: typed property reads, the preset's device UIDs, process lookup
+// on the simulated machine, a tap read by an aggregate, and a listener that records what it heard and on
+// which queue.
 
-#include <atomic>
-#include <chrono>
-#include <cmath>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
-#include <numbers>
-#include <string>
-#include <vector>
 
-#include "base/Dispatch.hpp"
-#include "platform/AudioHardware.hpp"
 #include "platform/sim/SimMachine.hpp"
+#include "tests/platform/support/Eventually.hpp"
 #include "tests/platform/support/ToneLevel.hpp"
 #include "tests/support/TempFolder.hpp"
 
 namespace tonavi::test {
+
+inline constexpr const char* speakersUID = "BuiltInSpeakerDevice";
+inline constexpr const char* usbUID = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
+inline constexpr const char* budsUID = "AC-DE-48-00-11-22:output";
+
+// A property's value, or nothing when the read fails.
+template <class T>
+std::optional<T> read(AudioHardware& audio, AudioObjectID object, const AudioObjectPropertyAddress& address) {
+    T value{};
+    return audio.get(object, address, value) == noErr ? std::optional<T>(value) : std::nullopt;
+}
+inline AudioObjectPropertyAddress outputAddress(AudioObjectPropertySelector selector,
+                                                AudioObjectPropertyElement element = 0) {
+    return scopedAddress(selector, kAudioObjectPropertyScopeOutput, element);
+}
+inline AudioObjectPropertyAddress inputAddress(AudioObjectPropertySelector selector) {
+    return scopedAddress(selector, kAudioObjectPropertyScopeInput);
+}
+
+// A private tap of `description` read by a private aggregate of `subDevices`, the first its clock: the
+// aggregate, or 0 when either is refused.
+inline AudioObjectID tapAggregate(AudioHardware& audio, TapDescription description,
+                                  const std::vector<std::string>& subDevices,
+                                  AudioObjectID* tapID = nullptr) {
+    description.isPrivate = true;
+    AudioObjectID tap = 0, device = 0;
+    AggregateDeviceDescription d;
+    d.uid = "agg." + description.uuid;
+    d.isPrivate = true;
+    d.mainSubDevice = subDevices.front();
+    for (const auto& s : subDevices)
+        d.subDevices.push_back({s, true});
+    d.taps = {{description.uuid, true}};
+    if (audio.createProcessTap(description, tap) != noErr || audio.createAggregateDevice(d, device) != noErr)
+        return 0;
+    if (tapID)
+        *tapID = tap;
+    return device;
+}
+// An IO proc created and started on the device, or 0.
+inline AudioDeviceIOProcID startIO(AudioHardware& audio, AudioObjectID device, AudioDeviceIOBlock block,
+                                   DispatchQueue* queue = nullptr) {
+    AudioDeviceIOProcID proc = 0;
+    return audio.createIOProcIDWithBlock(device, queue, std::move(block), proc) == noErr &&
+                   audio.deviceStart(device, proc) == noErr
+               ? proc
+               : 0;
+}
 
 // The process object of a running application on a simulated machine, or 0.
 inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID) {
@@ -31,57 +72,42 @@ inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID)
 // Records each delivery: the addresses, and whether it ran on the queue it was registered with.
 class RecordingListener {
   public:
-    explicit RecordingListener(DispatchQueue& queue) : queue_(queue) {
-        block = std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
-            [this](std::span<const AudioObjectPropertyAddress> addresses) {
-                std::lock_guard<std::mutex> guard(mutex_);
-                calls_ += 1;
-                offQueue_ += queue_.isCurrent() ? 0 : 1;
-                heard_.insert(heard_.end(), addresses.begin(), addresses.end());
-                changed_.notify_all();
-            });
+    explicit RecordingListener(DispatchQueue& queue) : queue_(queue) {}
+    template <class F> std::invoke_result_t<F> locked(F f) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return f();
     }
     bool waitForCalls(int count, std::chrono::seconds timeout = std::chrono::seconds(10)) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return calls_ >= count; });
     }
     int calls() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return calls_;
+        return locked([&] { return calls_; });
     }
     int offQueue() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return offQueue_;
+        return locked([&] { return offQueue_; });
     }
     std::vector<AudioObjectPropertyAddress> heard() {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return heard_;
+        return locked([&] { return heard_; });
     }
 
-    AudioObjectPropertyListenerBlock block;
+    AudioObjectPropertyListenerBlock block =
+        std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
+            [this](std::span<const AudioObjectPropertyAddress> addresses) {
+                locked([&] {
+                    calls_ += 1;
+                    offQueue_ += queue_.isCurrent() ? 0 : 1;
+                    heard_.insert(heard_.end(), addresses.begin(), addresses.end());
+                });
+                changed_.notify_all();
+            });
 
   private:
     DispatchQueue& queue_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    int calls_ = 0;
-    int offQueue_ = 0;
+    int calls_ = 0, offQueue_ = 0;
     std::vector<AudioObjectPropertyAddress> heard_;
 };
-
-// Polls a condition that another process or thread makes true; no fixed sleeps in the tests.
-inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000)) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition())
-            return true;
-        std::mutex m;
-        std::condition_variable cv;
-        std::unique_lock<std::mutex> lock(m);
-        cv.wait_for(lock, std::chrono::milliseconds(5));
-    }
-    return condition();
-}
 
 } // namespace tonavi::test

@@ -4,21 +4,11 @@
 // and a tap held by another process. The simulated machine answers from its world; PipeWire
 // runs real clients on the private server and records the device's monitor.
 
-#include <cmath>
-#include <csignal>
 #include <cstdio>
-#include <memory>
-#include <string>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
 
 #include "../SimTestSupport.hpp"
 #include "PrivatePipeWireServer.hpp"
-#include "ToneLevel.hpp"
 #include "platform/pipewire/PipeWireAudioHardware.hpp"
-#include "platform/sim/SimMachine.hpp"
-#include "platform/sim/SimWorldFile.hpp"
 
 namespace tonavi::test {
 
@@ -50,24 +40,22 @@ class ContractRig {
     virtual void exportEnvironment() = 0;
 
     AudioObjectID deviceID(const std::string& uid) {
-        std::vector<AudioObjectID> devices;
-        audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices);
-        for (AudioObjectID id : devices) {
-            std::string value;
-            if (audio().get(id, globalAddress(kAudioDevicePropertyDeviceUID), value) == noErr && value == uid)
-                return id;
-        }
-        return kAudioObjectUnknown;
+        return find(kAudioHardwarePropertyDevices, kAudioDevicePropertyDeviceUID, uid);
     }
     AudioObjectID processObject(pid_t pid) {
-        std::vector<AudioObjectID> processes;
-        audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyProcessObjectList),
-                    processes);
-        for (AudioObjectID id : processes) {
-            std::int32_t value = 0;
-            if (audio().get(id, globalAddress(kAudioProcessPropertyPID), value) == noErr && value == pid)
+        return find(kAudioHardwarePropertyProcessObjectList, kAudioProcessPropertyPID, std::int32_t{pid});
+    }
+
+  private:
+    // The object of a system list whose property has the value, or kAudioObjectUnknown.
+    template <class T>
+    AudioObjectID find(AudioObjectPropertySelector list, AudioObjectPropertySelector property,
+                       const T& wanted) {
+        for (AudioObjectID id :
+             read<std::vector<AudioObjectID>>(audio(), kAudioObjectSystemObject, globalAddress(list))
+                 .value_or(std::vector<AudioObjectID>{}))
+            if (read<T>(audio(), id, globalAddress(property)) == wanted)
                 return id;
-        }
         return kAudioObjectUnknown;
     }
 };
@@ -80,8 +68,8 @@ class SimRig : public ContractRig {
         machine_ = SimMachine::open(world_, error);
     }
     AudioHardware& audio() override { return *machine_; }
-    std::string firstOutput() const override { return "BuiltInSpeakerDevice"; }
-    std::string secondOutput() const override { return "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1"; }
+    std::string firstOutput() const override { return speakersUID; }
+    std::string secondOutput() const override { return usbUID; }
     std::string input() const override { return "BuiltInMicrophoneDevice"; }
     App startApp(const std::string& bundleID, double frequency, AppKind) override {
         const pid_t pid = nextPID_++;
@@ -131,27 +119,19 @@ class PipeWireRig : public ContractRig {
     std::string secondOutput() const override { return "headphones"; }
     std::string input() const override { return "microphone"; }
     App startApp(const std::string& bundleID, double frequency, AppKind kind) override {
-        pid_t pid = -1;
-        if (kind == AppKind::toneClient) {
-            pid = server_.spawn({TONAVI_TONE_CLIENT, bundleID, bundleID, std::to_string(frequency), "0.5"},
-                                "tone");
-        } else {
-            // paplay names itself after its binary: its bundle ID is "paplay" unless a desktop entry runs it.
-            const std::string file =
-                server_.folder() + "/tone-" + std::to_string(static_cast<int>(frequency)) + ".wav";
-            const std::string make =
-                "sox -n -r 48000 -c 2 " + file + " synth 30 sine " + std::to_string(frequency) + " vol 0.5";
-            if (std::system(make.c_str()) != 0)
-                return {bundleID, frequency, -1};
-            pid = server_.spawn({"paplay", file}, "paplay");
-        }
+        const std::string hz = std::to_string(frequency);
+        // paplay names itself after its binary: its bundle ID is "paplay" unless a desktop entry runs it.
+        const std::string file = server_.folder() + "/tone-" + hz + ".wav";
+        const std::string make = "sox -n -r 48000 -c 2 " + file + " synth 30 sine " + hz + " vol 0.5";
+        const pid_t pid = kind == AppKind::toneClient
+                              ? server_.spawn({TONAVI_TONE_CLIENT, bundleID, bundleID, hz, "0.5"}, "tone")
+                          : std::system(make.c_str()) == 0 ? server_.spawn({"paplay", file}, "paplay")
+                                                           : -1;
         running_.push_back(pid);
         eventually([&] {
-            std::uint32_t running = 0;
             const AudioObjectID id = processObject(pid);
-            return id &&
-                   audio_->get(id, globalAddress(kAudioProcessPropertyIsRunningOutput), running) == noErr &&
-                   running == 1;
+            return id && read<std::uint32_t>(*audio_, id,
+                                             globalAddress(kAudioProcessPropertyIsRunningOutput)) == 1u;
         });
         return {bundleID, frequency, pid};
     }
@@ -170,9 +150,7 @@ class PipeWireRig : public ContractRig {
         const std::size_t got = std::fread(samples.data(), sizeof(float), samples.size(), pipe);
         ::pclose(pipe);
         const std::size_t skip = 48000 / 5;
-        if (got <= skip)
-            return false;
-        return amplitudeAt(samples.data() + skip, got - skip, app.frequency, 48000) > 0.05;
+        return got > skip && amplitudeAt(samples.data() + skip, got - skip, app.frequency, 48000) > 0.05;
     }
     bool setVolumeFromOutside(const std::string& deviceUID, float volume) override {
         // Pulse volumes use the same cubic law: 50% is a scalar of 0.5.

@@ -4,19 +4,13 @@
 // own path and delivers its audio into an IO proc, and the application's return when the tap's
 // owner dies.
 
-#include <cmath>
 #include <gtest/gtest.h>
 
-#include <array>
-#include <atomic>
+#include <cmath>
 #include <cstring>
-#include <iostream>
-#include <spawn.h>
 
 #include "ContractRig.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
-
-extern char** environ;
 
 namespace tonavi::test {
 namespace {
@@ -40,262 +34,182 @@ class ContractTest : public ::testing::TestWithParam<const char*> {
         rig = std::move(pw);
     }
     AudioHardware& audio() { return rig->audio(); }
-    AudioObjectID defaultOutput() {
-        AudioObjectID id = 0;
-        audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), id);
-        return id;
+    // A property's value; a failed read fails the test and answers T{}.
+    template <class T> T value(AudioObjectID object, const AudioObjectPropertyAddress& address) {
+        T out{};
+        EXPECT_EQ(audio().get(object, address, out), noErr) << fourCharString(address.mSelector);
+        return out;
     }
+    std::vector<std::uint32_t> channels(AudioObjectID device, AudioObjectPropertyScope scope) {
+        return value<AudioStreamConfiguration>(device,
+                                               scopedAddress(kAudioDevicePropertyStreamConfiguration, scope))
+            .channelsPerBuffer;
+    }
+    AudioObjectID defaultOutput() {
+        return value<AudioObjectID>(kAudioObjectSystemObject, defaultOutputAddress);
+    }
+    const AudioObjectPropertyAddress defaultOutputAddress =
+        globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
     std::unique_ptr<ContractRig> rig;
     DispatchQueue queue{"contract.listener"};
 };
 
 TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatuses) {
-    const AudioObjectID first = rig->deviceID(rig->firstOutput());
-    const AudioObjectID second = rig->deviceID(rig->secondOutput());
+    const AudioObjectID first = rig->deviceID(rig->firstOutput()),
+                        second = rig->deviceID(rig->secondOutput());
     ASSERT_NE(first, kAudioObjectUnknown);
     ASSERT_NE(second, kAudioObjectUnknown);
     EXPECT_NE(first, second);
     EXPECT_EQ(defaultOutput(), first);
-
     for (AudioObjectID device : {first, second}) {
         SCOPED_TRACE(device);
-        std::string name;
-        EXPECT_EQ(audio().get(device, globalAddress(kAudioObjectPropertyName), name), noErr);
-        EXPECT_FALSE(name.empty());
-        std::uint32_t transport = 0, alive = 0, frames = 0;
-        EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyTransportType), transport), noErr);
-        EXPECT_NE(transport, kAudioDeviceTransportTypeUnknown);
-        EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyDeviceIsAlive), alive), noErr);
-        EXPECT_EQ(alive, 1u);
-        AudioStreamConfiguration outputs;
-        EXPECT_EQ(audio().get(
-                      device,
-                      scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeOutput),
-                      outputs),
-                  noErr);
-        ASSERT_EQ(outputs.channelsPerBuffer.size(), 1u);
-        EXPECT_GE(outputs.channelsPerBuffer[0], 2u);
-        double rate = 0;
-        EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyNominalSampleRate), rate), noErr);
-        EXPECT_GE(rate, 44100.0);
-        AudioValueRange range;
-        EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyBufferFrameSize), frames), noErr);
-        EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyBufferFrameSizeRange), range), noErr);
-        EXPECT_LE(range.mMinimum, frames);
-        EXPECT_GE(range.mMaximum, frames);
+        EXPECT_NE(value<std::string>(device, globalAddress(kAudioObjectPropertyName)), "");
+        EXPECT_NE(value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyTransportType)),
+                  kAudioDeviceTransportTypeUnknown);
+        EXPECT_EQ(value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyDeviceIsAlive)), 1u);
+        const auto outputs = channels(device, kAudioObjectPropertyScopeOutput);
+        ASSERT_EQ(outputs.size(), 1u);
+        EXPECT_GE(outputs[0], 2u);
+        EXPECT_GE(value<double>(device, globalAddress(kAudioDevicePropertyNominalSampleRate)), 44100.0);
+        const auto frames = value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyBufferFrameSize));
+        const auto range =
+            value<AudioValueRange>(device, globalAddress(kAudioDevicePropertyBufferFrameSizeRange));
+        EXPECT_TRUE(frames > 0 && range.mMinimum <= frames && frames <= range.mMaximum) << frames;
     }
 
-    // The input device records on one stream and plays nothing; it is the default input.
+    // The input device records on one stream and plays nothing; it is the default input, and cannot be
+    // the default output.
     const AudioObjectID input = rig->deviceID(rig->input());
-    AudioStreamConfiguration inputs, outputs;
-    const auto streams = [&](AudioObjectPropertyScope scope, AudioStreamConfiguration& config) {
-        return audio().get(input, scopedAddress(kAudioDevicePropertyStreamConfiguration, scope), config);
-    };
-    EXPECT_EQ(streams(kAudioObjectPropertyScopeInput, inputs), noErr);
-    EXPECT_EQ(streams(kAudioObjectPropertyScopeOutput, outputs), noErr);
-    EXPECT_EQ(inputs.channelsPerBuffer.size(), 1u);
-    EXPECT_TRUE(outputs.channelsPerBuffer.empty());
-    AudioObjectID defaultInput = 0;
-    EXPECT_EQ(audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultInputDevice),
-                          defaultInput),
-              noErr);
-    EXPECT_EQ(defaultInput, input);
-    // An input cannot be the default output.
-    EXPECT_NE(audio().set(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
-                          input),
-              noErr);
+    EXPECT_EQ(channels(input, kAudioObjectPropertyScopeInput).size(), 1u);
+    EXPECT_TRUE(channels(input, kAudioObjectPropertyScopeOutput).empty());
+    EXPECT_EQ(value<AudioObjectID>(kAudioObjectSystemObject,
+                                   globalAddress(kAudioHardwarePropertyDefaultInputDevice)),
+              input);
+    EXPECT_NE(audio().set(kAudioObjectSystemObject, defaultOutputAddress, input), noErr);
 
     // The statuses callers rely on, the same on every backend.
-    struct Case {
-        const char* what;
-        AudioObjectID object;
-        AudioObjectPropertyAddress address;
-        OSStatus status;
-    };
-    const Case cases[] = {
-        {"unknown object", 999999, globalAddress(kAudioDevicePropertyDeviceUID),
-         kAudioHardwareBadObjectError},
+    const auto system = kAudioObjectSystemObject;
+    const auto uid = globalAddress(kAudioDevicePropertyDeviceUID),
+               devices = globalAddress(kAudioHardwarePropertyDevices);
+    const std::tuple<const char*, AudioObjectID, AudioObjectPropertyAddress, OSStatus> cases[] = {
+        {"unknown object", 999999, uid, kAudioHardwareBadObjectError},
         {"unknown selector", first, globalAddress(fourCharCode("zzzz")), kAudioHardwareUnknownPropertyError},
-        {"volume of no element", first,
-         scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 9),
+        {"volume of no element", first, outputAddress(kAudioDevicePropertyVolumeScalar, 9),
          kAudioHardwareUnknownPropertyError},
-        {"system list on an element", kAudioObjectSystemObject,
-         scopedAddress(kAudioHardwarePropertyDevices, kAudioObjectPropertyScopeGlobal, 3),
+        {"system list on an element", system, scopedAddress(devices.mSelector, devices.mScope, 3),
          kAudioHardwareUnknownPropertyError},
     };
-    for (const auto& c : cases) {
-        AudioPropertyValue value;
-        EXPECT_EQ(audio().getPropertyData(c.object, c.address, value), c.status) << c.what;
-        EXPECT_FALSE(audio().hasProperty(c.object, c.address)) << c.what;
+    for (const auto& [what, object, address, status] : cases) {
+        AudioPropertyValue ignored;
+        EXPECT_EQ(audio().getPropertyData(object, address, ignored), status) << what;
+        EXPECT_FALSE(audio().hasProperty(object, address)) << what;
     }
     float wrongType = 0;
-    EXPECT_EQ(audio().get(first, globalAddress(kAudioDevicePropertyDeviceUID), wrongType),
-              kAudioHardwareBadPropertySizeError);
-    std::vector<AudioObjectID> devices;
+    EXPECT_EQ(audio().get(first, uid, wrongType), kAudioHardwareBadPropertySizeError);
     std::uint32_t size = 0;
-    ASSERT_EQ(audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices),
-              noErr);
-    EXPECT_EQ(audio().getPropertyDataSize(kAudioObjectSystemObject,
-                                          globalAddress(kAudioHardwarePropertyDevices), size),
-              noErr);
-    EXPECT_EQ(size, devices.size() * sizeof(AudioObjectID));
-    bool settable = false;
-    EXPECT_EQ(audio().isPropertySettable(first, globalAddress(kAudioDevicePropertyDeviceUID), settable),
-              noErr);
+    EXPECT_EQ(audio().getPropertyDataSize(system, devices, size), noErr);
+    EXPECT_EQ(size, value<std::vector<AudioObjectID>>(system, devices).size() * sizeof(AudioObjectID));
+    bool settable = true;
+    EXPECT_EQ(audio().isPropertySettable(first, uid, settable), noErr);
     EXPECT_FALSE(settable);
-    EXPECT_EQ(audio().set(first, globalAddress(kAudioDevicePropertyDeviceUID), std::string("x")),
+    EXPECT_EQ(audio().set(first, uid, std::string("x")), kAudioHardwareIllegalOperationError);
+    EXPECT_EQ(audio().set(system, devices, std::vector<AudioObjectID>{}),
               kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(audio().set(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices),
-                          std::vector<AudioObjectID>{}),
-              kAudioHardwareIllegalOperationError);
-    ASSERT_EQ(audio().isPropertySettable(kAudioObjectSystemObject,
-                                         globalAddress(kAudioHardwarePropertyDefaultOutputDevice), settable),
-              noErr);
+    ASSERT_EQ(audio().isPropertySettable(system, defaultOutputAddress, settable), noErr);
     EXPECT_TRUE(settable);
 }
 
 TEST_P(ContractTest, DefaultOutputChangesReachListenersOnTheirQueue) {
-    const AudioObjectID first = rig->deviceID(rig->firstOutput());
-    const AudioObjectID second = rig->deviceID(rig->secondOutput());
-    const auto address = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
+    const AudioObjectID first = rig->deviceID(rig->firstOutput()),
+                        second = rig->deviceID(rig->secondOutput());
+    const auto system = kAudioObjectSystemObject;
     RecordingListener listener(queue);
-    ASSERT_EQ(audio().addPropertyListener(kAudioObjectSystemObject, address, queue, listener.block), noErr);
-
-    ASSERT_EQ(audio().set(kAudioObjectSystemObject, address, second), noErr);
+    ASSERT_EQ(audio().addPropertyListener(system, defaultOutputAddress, queue, listener.block), noErr);
+    ASSERT_EQ(audio().set(system, defaultOutputAddress, second), noErr);
     EXPECT_EQ(defaultOutput(), second);
     ASSERT_TRUE(listener.waitForCalls(1));
     EXPECT_EQ(listener.offQueue(), 0);
-    EXPECT_EQ(listener.heard().front(), address);
+    EXPECT_EQ(listener.heard().front(), defaultOutputAddress);
 
     // Refusals leave the default alone.
-    EXPECT_EQ(audio().set(kAudioObjectSystemObject, address, AudioObjectID{999999}),
-              kAudioHardwareBadDeviceError);
-    EXPECT_EQ(audio().set(kAudioObjectSystemObject, address, 1.0), kAudioHardwareBadPropertySizeError);
+    EXPECT_EQ(audio().set(system, defaultOutputAddress, AudioObjectID{999999}), kAudioHardwareBadDeviceError);
+    EXPECT_EQ(audio().set(system, defaultOutputAddress, 1.0), kAudioHardwareBadPropertySizeError);
     EXPECT_EQ(defaultOutput(), second);
 
-    ASSERT_EQ(audio().set(kAudioObjectSystemObject, address, first), noErr);
+    ASSERT_EQ(audio().set(system, defaultOutputAddress, first), noErr);
     ASSERT_TRUE(listener.waitForCalls(2));
-    ASSERT_EQ(audio().removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block),
-              noErr);
-    EXPECT_EQ(audio().removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block),
+    ASSERT_EQ(audio().removePropertyListener(system, defaultOutputAddress, queue, listener.block), noErr);
+    EXPECT_EQ(audio().removePropertyListener(system, defaultOutputAddress, queue, listener.block),
               kAudio_ParamError);
-    ASSERT_EQ(audio().set(kAudioObjectSystemObject, address, second), noErr);
-    ASSERT_EQ(audio().set(kAudioObjectSystemObject, address, first), noErr);
+    ASSERT_EQ(audio().set(system, defaultOutputAddress, second), noErr);
+    ASSERT_EQ(audio().set(system, defaultOutputAddress, first), noErr);
     queue.sync([] {});
     EXPECT_EQ(listener.calls(), 2);
 }
 
 TEST_P(ContractTest, DeviceVolumeAndMuteAreWrittenAndReadBack) {
     const AudioObjectID device = rig->deviceID(rig->firstOutput());
-    const auto main =
-        scopedAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume, kAudioObjectPropertyScopeOutput);
-    const auto left = scopedAddress(kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, 1);
-    const auto mute = scopedAddress(kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput);
+    const auto main = outputAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume);
+    const auto mute = outputAddress(kAudioDevicePropertyMute);
     RecordingListener listener(queue);
     ASSERT_EQ(audio().addPropertyListener(device, main, queue, listener.block), noErr);
 
     // Each change is awaited before the next write, so a backend that compares snapshots cannot fold
     // two changes into one (or a change and its undoing into none) on a busy machine.
-    float previous = -1;
-    ASSERT_EQ(audio().get(device, main, previous), noErr);
+    float previous = value<float>(device, main);
     int changes = 0;
     for (float level : {0.25f, 0.8f, 1.0f}) {
         ASSERT_EQ(audio().set(device, main, level), noErr);
-        float read = -1, element = -1;
-        EXPECT_EQ(audio().get(device, main, read), noErr);
-        EXPECT_EQ(audio().get(device, left, element), noErr);
-        EXPECT_NEAR(read, level, 1e-3);
-        EXPECT_NEAR(element, level, 1e-3);
-        if (std::fabs(level - previous) > 1e-3) {
+        EXPECT_NEAR(value<float>(device, main), level, 1e-3);
+        EXPECT_NEAR(value<float>(device, outputAddress(kAudioDevicePropertyVolumeScalar, 1)), level, 1e-3);
+        if (std::fabs(level - std::exchange(previous, level)) > 1e-3) {
             ASSERT_TRUE(listener.waitForCalls(++changes)) << "no change reported for " << level;
         }
-        previous = level;
     }
     EXPECT_EQ(audio().set(device, main, std::nanf("")), kAudio_ParamError);
 
     // A change made elsewhere reaches the listener and the next read, on its queue.
-    const int before = listener.calls();
     ASSERT_TRUE(rig->setVolumeFromOutside(rig->firstOutput(), 0.5f));
-    EXPECT_TRUE(listener.waitForCalls(before + 1));
+    EXPECT_TRUE(listener.waitForCalls(changes + 1));
     EXPECT_EQ(listener.offQueue(), 0);
-    float outside = 0;
-    EXPECT_EQ(audio().get(device, main, outside), noErr);
-    EXPECT_NEAR(outside, 0.5f, 1e-3);
+    EXPECT_NEAR(value<float>(device, main), 0.5f, 1e-3);
     ASSERT_EQ(audio().set(device, main, 1.0f), noErr);
 
-    for (std::uint32_t value : {1u, 0u}) {
-        ASSERT_EQ(audio().set(device, mute, value), noErr);
-        std::uint32_t read = 7;
-        EXPECT_EQ(audio().get(device, mute, read), noErr);
-        EXPECT_EQ(read, value);
+    for (std::uint32_t muted : {1u, 0u}) {
+        ASSERT_EQ(audio().set(device, mute, muted), noErr);
+        EXPECT_EQ(value<std::uint32_t>(device, mute), muted);
     }
     audio().removePropertyListener(device, main, queue, listener.block);
     queue.sync([] {}); // a delivery already under way ends before the listener goes
 }
 
 TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
-    struct Case {
-        const char* bundleID; // paplay is pacat, which names no application: its binary answers
-        AppKind kind;
-    };
-    const Case cases[] = {{"org.tonavi.TestTone", AppKind::toneClient}, {"pacat", AppKind::pulseClient}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.bundleID);
+    // paplay is pacat, which names no application: its binary answers.
+    for (auto [bundleID, kind] :
+         {std::pair{"org.tonavi.TestTone", AppKind::toneClient}, {"pacat", AppKind::pulseClient}}) {
+        SCOPED_TRACE(bundleID);
         RecordingListener listener(queue);
         const auto list = globalAddress(kAudioHardwarePropertyProcessObjectList);
         ASSERT_EQ(audio().addPropertyListener(kAudioObjectSystemObject, list, queue, listener.block), noErr);
-        const App app = rig->startApp(c.bundleID, 523, c.kind);
+        const App app = rig->startApp(bundleID, 523, kind);
         const AudioObjectID process = rig->processObject(app.pid);
         ASSERT_NE(process, kAudioObjectUnknown);
         EXPECT_TRUE(listener.waitForCalls(1));
-        std::string bundleID;
-        std::uint32_t runningOutput = 0, runningInput = 7;
-        EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyBundleID), bundleID), noErr);
-        EXPECT_EQ(bundleID, c.bundleID);
-        EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyIsRunningOutput), runningOutput),
-                  noErr);
-        EXPECT_EQ(runningOutput, 1u);
-        EXPECT_EQ(audio().get(process, globalAddress(kAudioProcessPropertyIsRunningInput), runningInput),
-                  noErr);
-        EXPECT_EQ(runningInput, 0u);
+        EXPECT_EQ(value<std::string>(process, globalAddress(kAudioProcessPropertyBundleID)), bundleID);
+        EXPECT_EQ(value<std::uint32_t>(process, globalAddress(kAudioProcessPropertyIsRunningOutput)), 1u);
+        EXPECT_EQ(value<std::uint32_t>(process, globalAddress(kAudioProcessPropertyIsRunningInput)), 0u);
         EXPECT_TRUE(eventually([&] {
             std::vector<AudioObjectID> devices;
-            audio().get(process, scopedAddress(kAudioProcessPropertyDevices, kAudioObjectPropertyScopeOutput),
-                        devices);
+            audio().get(process, outputAddress(kAudioProcessPropertyDevices), devices);
             return devices == std::vector<AudioObjectID>{defaultOutput()};
         }));
         EXPECT_TRUE(eventually([&] { return rig->heard(rig->firstOutput(), app); }));
-
         rig->stopApp(app);
         EXPECT_TRUE(eventually([&] { return rig->processObject(app.pid) == kAudioObjectUnknown; }));
         audio().removePropertyListener(kAudioObjectSystemObject, list, queue, listener.block);
         queue.sync([] {});
     }
 }
-
-// What an IO block heard: the peak of the tap's input, counted without allocating.
-struct IOProbe {
-    std::atomic<int> cycles{0};
-    std::atomic<int> loudCycles{0};
-    AudioDeviceIOBlock block() {
-        return [this](const AudioBufferList& input, AudioBufferList& output, const AudioTimeStamp& time) {
-            cycles.fetch_add(1);
-            if (input.mBuffers.empty() || !(time.mFlags & kAudioTimeStampSampleTimeValid))
-                return;
-            const AudioBuffer& tap = input.mBuffers.back();
-            const auto* samples = static_cast<const float*>(tap.mData);
-            float peak = 0;
-            for (std::uint32_t i = 0; samples && i < tap.mDataByteSize / sizeof(float); ++i)
-                peak = std::max(peak, std::fabs(samples[i]));
-            if (peak > 0.1f)
-                loudCycles.fetch_add(1);
-            // Unity: the tap's audio goes on to the device.
-            if (!output.mBuffers.empty() && output.mBuffers[0].mData && samples)
-                std::memcpy(output.mBuffers[0].mData, samples,
-                            std::min(output.mBuffers[0].mDataByteSize, tap.mDataByteSize));
-        };
-    }
-};
 
 TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     const App app = rig->startApp("org.tonavi.Tapped", 660, AppKind::toneClient);
@@ -305,77 +219,60 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
 
     auto description = TapDescription::stereoMixdown({rig->processObject(app.pid)});
     description.name = "Tonavi org.tonavi.Tapped";
-    description.isPrivate = true;
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
     AudioObjectID tap = 0;
-    ASSERT_EQ(audio().createProcessTap(description, tap), noErr);
-    std::string tapUID;
-    EXPECT_EQ(audio().get(tap, globalAddress(kAudioTapPropertyUID), tapUID), noErr);
-    EXPECT_EQ(tapUID, description.uuid);
+    const AudioObjectID device = tapAggregate(audio(), description, {output}, &tap);
+    ASSERT_NE(device, 0u);
+    EXPECT_EQ(value<std::string>(tap, globalAddress(kAudioTapPropertyUID)), description.uuid);
+    EXPECT_EQ(value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyTransportType)),
+              kAudioDeviceTransportTypeAggregate);
+    const auto inputs = channels(device, kAudioObjectPropertyScopeInput);
+    ASSERT_FALSE(inputs.empty());
+    EXPECT_EQ(inputs.back(), 2u);
 
-    AggregateDeviceDescription aggregate;
-    aggregate.uid = "org.tonavi.contract.aggregate";
-    aggregate.name = "Contract aggregate";
-    aggregate.isPrivate = true;
-    aggregate.mainSubDevice = output;
-    aggregate.subDevices = {{output, true}};
-    aggregate.taps = {{tapUID, true}};
-    AudioObjectID device = 0;
-    ASSERT_EQ(audio().createAggregateDevice(aggregate, device), noErr);
-    std::uint32_t transport = 0;
-    EXPECT_EQ(audio().get(device, globalAddress(kAudioDevicePropertyTransportType), transport), noErr);
-    EXPECT_EQ(transport, kAudioDeviceTransportTypeAggregate);
-    AudioStreamConfiguration inputs;
-    EXPECT_EQ(
-        audio().get(device,
-                    scopedAddress(kAudioDevicePropertyStreamConfiguration, kAudioObjectPropertyScopeInput),
-                    inputs),
-        noErr);
-    ASSERT_FALSE(inputs.channelsPerBuffer.empty());
-    EXPECT_EQ(inputs.channelsPerBuffer.back(), 2u);
-
-    IOProbe probe;
-    AudioDeviceIOProcID proc = 0;
-    ASSERT_EQ(audio().createIOProcIDWithBlock(device, &queue, probe.block(), proc), noErr);
-    // Only the tap's stream is read, as the tap provider asks: every other input switched off.
-    const auto usageAddress =
-        scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput);
-    AudioHardwareIOProcStreamUsage usage{proc, {}};
-    ASSERT_EQ(audio().get(device, usageAddress, usage), noErr);
-    EXPECT_EQ(usage.mStreamIsOn, std::vector<std::uint32_t>(inputs.channelsPerBuffer.size(), 1));
-    usage.mStreamIsOn.push_back(1);
-    EXPECT_EQ(audio().set(device, usageAddress, usage), kAudioHardwareBadPropertySizeError);
-    usage.mStreamIsOn.assign(inputs.channelsPerBuffer.size(), 0);
-    usage.mStreamIsOn.back() = 1;
-    EXPECT_EQ(audio().set(device, usageAddress, usage), noErr);
-    ASSERT_EQ(audio().deviceStart(device, proc), noErr);
-    EXPECT_TRUE(eventually([&] { return probe.loudCycles.load() >= 20; }));
-    // The block passes the tap on, so the device still plays the app, now through the IO proc; the
-    // untapped app is unaffected. Silence on the direct path shows once the block stops.
-    EXPECT_TRUE(rig->heard(output, other));
-    ASSERT_EQ(audio().deviceStop(device, proc), noErr);
-    ASSERT_EQ(audio().destroyIOProcID(device, proc), noErr);
-
-    IOProbe silent;
-    ASSERT_EQ(audio().createIOProcIDWithBlock(
-                  device, &queue,
-                  [&silent](const AudioBufferList& input, AudioBufferList&, const AudioTimeStamp&) {
-                      silent.cycles.fetch_add(1);
-                      if (!input.mBuffers.empty() && input.mBuffers.back().mData)
-                          silent.loudCycles.fetch_add(1);
-                  },
-                  proc),
-              noErr);
-    // With the tap's stream switched off too, the block gets no data at all.
-    usage = {proc, std::vector<std::uint32_t>(inputs.channelsPerBuffer.size(), 0)};
-    EXPECT_EQ(audio().set(device, usageAddress, usage), noErr);
-    ASSERT_EQ(audio().deviceStart(device, proc), noErr);
-    EXPECT_TRUE(eventually([&] { return silent.cycles.load() >= 20 && !rig->heard(output, app); }));
-    EXPECT_EQ(silent.loudCycles.load(), 0);
-    EXPECT_TRUE(rig->heard(output, other));
-
-    ASSERT_EQ(audio().deviceStop(device, proc), noErr);
-    EXPECT_EQ(audio().destroyIOProcID(device, proc), noErr);
+    // Only the tap's stream is read, as the tap provider asks: every other input switched off. With the
+    // tap's stream switched off too, the block gets no data at all, and silence on the direct path shows.
+    const auto usageAddress = inputAddress(kAudioDevicePropertyIOProcStreamUsage);
+    for (const bool tapOn : {true, false}) {
+        SCOPED_TRACE(tapOn);
+        // The cycles, those with tap data and those whose tap was loud, counted without allocating; the
+        // block plays the tap on at unity, so the device still plays the tapped application.
+        std::atomic<int> cycles{0}, dataCycles{0}, loudCycles{0};
+        const auto block = [&](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp& time) {
+            cycles.fetch_add(1);
+            const AudioBuffer* tap = in.mBuffers.empty() ? nullptr : &in.mBuffers.back();
+            if (!tap || !tap->mData ||
+                (dataCycles.fetch_add(1), !(time.mFlags & kAudioTimeStampSampleTimeValid)))
+                return;
+            const auto* samples = static_cast<const float*>(tap->mData);
+            const auto count = tap->mDataByteSize / sizeof(float);
+            loudCycles.fetch_add(
+                std::any_of(samples, samples + count, [](float v) { return std::fabs(v) > 0.1f; }));
+            if (!out.mBuffers.empty() && out.mBuffers[0].mData)
+                std::memcpy(out.mBuffers[0].mData, samples,
+                            std::min(out.mBuffers[0].mDataByteSize, tap->mDataByteSize));
+        };
+        AudioDeviceIOProcID proc = 0;
+        ASSERT_EQ(audio().createIOProcIDWithBlock(device, &queue, block, proc), noErr);
+        AudioHardwareIOProcStreamUsage usage{proc, {}};
+        ASSERT_EQ(audio().get(device, usageAddress, usage), noErr);
+        EXPECT_EQ(usage.mStreamIsOn, std::vector<std::uint32_t>(inputs.size(), 1));
+        usage.mStreamIsOn.push_back(1);
+        EXPECT_EQ(audio().set(device, usageAddress, usage), kAudioHardwareBadPropertySizeError);
+        usage.mStreamIsOn.assign(inputs.size(), 0);
+        usage.mStreamIsOn.back() = tapOn ? 1 : 0;
+        EXPECT_EQ(audio().set(device, usageAddress, usage), noErr);
+        ASSERT_EQ(audio().deviceStart(device, proc), noErr);
+        if (tapOn) {
+            EXPECT_TRUE(eventually([&] { return loudCycles.load() >= 20; }));
+        } else {
+            EXPECT_TRUE(eventually([&] { return cycles.load() >= 20 && !rig->heard(output, app); }));
+            EXPECT_EQ(dataCycles.load(), 0);
+        }
+        EXPECT_TRUE(rig->heard(output, other)); // the untapped application is unaffected
+        ASSERT_EQ(audio().deviceStop(device, proc), noErr);
+        ASSERT_EQ(audio().destroyIOProcID(device, proc), noErr);
+    }
     EXPECT_EQ(audio().destroyAggregateDevice(device), noErr);
     EXPECT_EQ(audio().destroyProcessTap(tap), noErr);
     EXPECT_EQ(audio().destroyProcessTap(tap), kAudioHardwareBadObjectError);
@@ -387,33 +284,21 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
 TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     const App app = rig->startApp("org.tonavi.Orphaned", 740, AppKind::toneClient);
     const std::string output = rig->firstOutput();
-    std::vector<AudioObjectID> devices, devicesWhileHeld;
-    audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devices);
+    const auto devicesAddress = globalAddress(kAudioHardwarePropertyDevices);
+    const auto devices = value<std::vector<AudioObjectID>>(kAudioObjectSystemObject, devicesAddress);
     ASSERT_TRUE(eventually([&] { return rig->heard(output, app); }));
     rig->exportEnvironment();
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    const char* argv[] = {TONAVI_TAP_HOLDER, "org.tonavi.Orphaned", nullptr};
-    pid_t holder = -1;
-    ASSERT_EQ(::posix_spawn(&holder, argv[0], &actions, nullptr, const_cast<char**>(argv), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    FILE* out = ::fdopen(fds[0], "r");
-    char line[64] = {};
-    ASSERT_NE(std::fgets(line, sizeof(line), out), nullptr);
-    std::fclose(out);
-    EXPECT_STREQ(line, "ready\n");
+    FILE* holder = ::popen("exec '" TONAVI_TAP_HOLDER "' org.tonavi.Orphaned", "r");
+    ASSERT_NE(holder, nullptr);
+    int pid = 0;
+    ASSERT_EQ(std::fscanf(holder, "ready %d", &pid), 1);
     EXPECT_TRUE(eventually([&] { return !rig->heard(output, app); }));
     // The holder's aggregate is private: not ours to see.
-    audio().get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), devicesWhileHeld);
-    EXPECT_EQ(devicesWhileHeld, devices);
+    EXPECT_EQ(value<std::vector<AudioObjectID>>(kAudioObjectSystemObject, devicesAddress), devices);
 
     // Killed hard, as a crash would: its taps die with it.
-    PrivatePipeWireServer::terminate(holder, SIGKILL);
+    ::kill(pid, SIGKILL);
+    ::pclose(holder);
     EXPECT_TRUE(eventually([&] { return rig->heard(output, app); }));
     // Nothing is left pointing at the dead tap's sink: a process that saw it vanish cleared the target.
     if (auto* pw = dynamic_cast<PipeWireRig*>(rig.get())) {

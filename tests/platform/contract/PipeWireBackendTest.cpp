@@ -13,27 +13,10 @@ namespace tonavi::test {
 namespace {
 
 std::vector<AudioObjectID> devicesOf(AudioHardware& audio) {
-    std::vector<AudioObjectID> ids;
-    audio.get(kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), ids);
-    return ids;
+    return read<std::vector<AudioObjectID>>(audio, kAudioObjectSystemObject,
+                                            globalAddress(kAudioHardwarePropertyDevices))
+        .value_or(std::vector<AudioObjectID>{});
 }
-
-// Sets environment variables for one scope and puts the old values back.
-class ScopedEnvironment {
-  public:
-    void set(const char* name, const char* value) {
-        const char* old = std::getenv(name);
-        saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
-        value ? ::setenv(name, value, 1) : ::unsetenv(name);
-    }
-    ~ScopedEnvironment() {
-        for (auto it = saved_.rbegin(); it != saved_.rend(); ++it)
-            it->second ? ::setenv(it->first.c_str(), it->second->c_str(), 1) : ::unsetenv(it->first.c_str());
-    }
-
-  private:
-    std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
-};
 
 class PipeWireBackendTest : public ::testing::Test {
   protected:
@@ -50,8 +33,8 @@ class PipeWireBackendTest : public ::testing::Test {
 TEST_F(PipeWireBackendTest, PipeWireIsTheDefaultWhereAServerAnswersAndChildrenInheritIt) {
     TempFolder folder;
     Log::setFilePathForTesting(folder.file("test.log"));
-    ScopedEnvironment env;
-    env.set(PlatformBackend::environmentVariable, nullptr);
+    const std::string runtime = std::getenv("XDG_RUNTIME_DIR");
+    ::unsetenv(PlatformBackend::environmentVariable);
     EXPECT_EQ(PlatformBackend::requestedName(), "pipewire");
     std::string error;
     auto* backend = PlatformBackend::current(&error);
@@ -62,16 +45,20 @@ TEST_F(PipeWireBackendTest, PipeWireIsTheDefaultWhereAServerAnswersAndChildrenIn
     PlatformBackend::install(nullptr);
 
     // A runtime folder where nothing answers: the simulated machine, unless pipewire is asked for.
-    env.set("XDG_RUNTIME_DIR", folder.file("").c_str());
-    env.set("PIPEWIRE_RUNTIME_DIR", folder.file("").c_str());
-    env.set(PlatformBackend::environmentVariable, nullptr);
+    for (const char* variable : {"XDG_RUNTIME_DIR", "PIPEWIRE_RUNTIME_DIR"})
+        ::setenv(variable, folder.file("").c_str(), 1);
+    ::unsetenv(PlatformBackend::environmentVariable);
     EXPECT_EQ(PlatformBackend::requestedName(), "sim");
-    env.set(PlatformBackend::environmentVariable, "pipewire");
-    EXPECT_EQ(PlatformBackend::current(&error), nullptr);
-    EXPECT_NE(error.find("no PipeWire server answers"), std::string::npos) << error;
-    env.set(PlatformBackend::environmentVariable, "coreaudio");
-    EXPECT_EQ(PlatformBackend::current(&error), nullptr);
-    EXPECT_EQ(error, "unknown audio backend \"coreaudio\" (expected sim or pipewire)");
+    for (auto [name, message] :
+         {std::pair{"pipewire", "no PipeWire server answers"},
+          {"coreaudio", "unknown audio backend \"coreaudio\" (expected sim or pipewire)"}}) {
+        ::setenv(PlatformBackend::environmentVariable, name, 1);
+        EXPECT_EQ(PlatformBackend::current(&error), nullptr);
+        EXPECT_NE(error.find(message), std::string::npos) << error;
+    }
+    for (const char* variable : {"XDG_RUNTIME_DIR", "PIPEWIRE_RUNTIME_DIR"})
+        ::setenv(variable, runtime.c_str(), 1);
+    ::setenv(PlatformBackend::environmentVariable, "sim", 1);
 }
 
 TEST_F(PipeWireBackendTest, RunningApplicationsAreTheProcessesWithClients) {
@@ -85,8 +72,7 @@ TEST_F(PipeWireBackendTest, RunningApplicationsAreTheProcessesWithClients) {
 
     const auto found = workspace.runningApplication(app.pid);
     ASSERT_TRUE(found.has_value());
-    EXPECT_EQ(found->bundleIdentifier, "org.tonavi.Listed");
-    EXPECT_EQ(found->localizedName, "org.tonavi.Listed");
+    EXPECT_EQ(found->bundleIdentifier + " " + found->localizedName, "org.tonavi.Listed org.tonavi.Listed");
     EXPECT_EQ(workspace.runningApplications("org.tonavi.Listed").size(), 1u);
     // Started by this test binary, a different program: it answers for itself.
     EXPECT_EQ(workspace.responsiblePID(app.pid), app.pid);

@@ -4,12 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <spawn.h>
 
 #include "ContractRig.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 
-extern char** environ;
 
 namespace tonavi::test {
 namespace {
@@ -71,34 +69,17 @@ TEST(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) {
     rig.stopApp(app);
 
     // Made by a process that is then killed: the sink goes with it.
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    const char* argv[] = {TONAVI_TAP_HOLDER, "--group", groupUID, "speakers", "headphones", nullptr};
     // The holder picks its backend from the environment, which the test binary sets to the simulator.
-    std::vector<std::string> variables = {"TONAVI_AUDIO_BACKEND=pipewire"};
-    for (char** v = environ; *v; ++v)
-        if (std::string(*v).rfind("TONAVI_AUDIO_BACKEND=", 0) != 0)
-            variables.emplace_back(*v);
-    std::vector<char*> envp;
-    for (auto& v : variables)
-        envp.push_back(v.data());
-    envp.push_back(nullptr);
-    pid_t holder = -1;
-    ASSERT_EQ(::posix_spawn(&holder, argv[0], &actions, nullptr, const_cast<char**>(argv), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(fds[1]);
-    FILE* out = ::fdopen(fds[0], "r");
-    char line[64] = {};
-    ASSERT_NE(std::fgets(line, sizeof(line), out), nullptr);
-    std::fclose(out);
-    EXPECT_STREQ(line, "ready\n");
+    const std::string command = std::string("TONAVI_AUDIO_BACKEND=pipewire exec '") + TONAVI_TAP_HOLDER +
+                                "' --group " + groupUID + " speakers headphones";
+    FILE* out = ::popen(command.c_str(), "r");
+    ASSERT_NE(out, nullptr);
+    int holder = 0;
+    ASSERT_EQ(std::fscanf(out, "ready %d", &holder), 1);
     PipeWireConnection& graph = rig.pipewire().connection();
     EXPECT_TRUE(hasSink(graph, true));
-    PrivatePipeWireServer::terminate(holder, SIGKILL);
+    ::kill(holder, SIGKILL);
+    ::pclose(out);
     EXPECT_TRUE(hasSink(graph, false)) << "the group outlived its maker";
 }
 

@@ -16,42 +16,36 @@ using namespace tonavi::test;
 using Clock = std::chrono::steady_clock;
 
 namespace {
-double cpuSeconds() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
-}
-
 // Share of one core this process used over `seconds` of wall time.
 double cpuShare(double seconds) {
-    const double cpu0 = cpuSeconds();
+    const auto cpu = [] {
+        rusage u{};
+        ::getrusage(RUSAGE_SELF, &u);
+        return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+    };
+    const double cpu0 = cpu();
     const auto t0 = Clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-    const double wall = std::chrono::duration<double>(Clock::now() - t0).count();
-    return (cpuSeconds() - cpu0) / wall;
+    return (cpu() - cpu0) / std::chrono::duration<double>(Clock::now() - t0).count();
 }
 } // namespace
 
 int main() {
     std::string why;
     auto* server = PrivatePipeWireServer::shared(&why);
-    if (!server) {
+    std::unique_ptr<PipeWireRig> rig = server ? std::make_unique<PipeWireRig>(*server) : nullptr;
+    if (!rig || !rig->connected()) {
         std::fprintf(stderr, "no private PipeWire server: %s\n", why.c_str());
         return 1;
     }
-    PipeWireRig rig(*server);
-    if (!rig.connected())
-        return 1;
-    auto& audio = rig.pipewire();
-
+    auto& audio = rig->pipewire();
     std::vector<App> apps;
-    for (int i = 0; i < 30; ++i)
-        apps.push_back(
-            rig.startApp("org.tonavi.Figure" + std::to_string(i), 200 + 10 * i, AppKind::toneClient));
     std::vector<AudioObjectID> processes;
-    for (const auto& app : apps)
-        processes.push_back(rig.processObject(app.pid));
+    for (int i = 0; i < 30; ++i) {
+        apps.push_back(
+            rig->startApp("org.tonavi.Figure" + std::to_string(i), 200 + 10 * i, AppKind::toneClient));
+        processes.push_back(rig->processObject(apps.back().pid));
+    }
     const int rounds = 2000;
     std::uint32_t running = 0, sum = 0;
     const auto t0 = Clock::now();
@@ -65,32 +59,23 @@ int main() {
     std::printf("status read (piro) with %zu applications: %.0f ns per read (%u running)\n", processes.size(),
                 perRead, sum / rounds);
     for (std::size_t i = 1; i < apps.size(); ++i)
-        rig.stopApp(apps[i]);
+        rig->stopApp(apps[i]);
 
-    const AudioObjectID speakers = rig.deviceID("speakers");
-    if (audio.set(speakers, globalAddress(kAudioDevicePropertyBufferFrameSize), std::uint32_t{256}) != noErr)
+    if (audio.set(rig->deviceID("speakers"), globalAddress(kAudioDevicePropertyBufferFrameSize),
+                  std::uint32_t{256}) != noErr)
         std::printf("quantum 256 not set\n");
     const double baseline = cpuShare(5);
-
     auto description = TapDescription::stereoMixdown({processes[0]});
     description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-    AudioObjectID tap = 0, device = 0;
-    AudioDeviceIOProcID proc = 0;
-    AggregateDeviceDescription aggregate;
-    aggregate.uid = "figures.aggregate";
-    aggregate.mainSubDevice = "speakers";
-    aggregate.taps = {{description.uuid, true}};
-    if (audio.createProcessTap(description, tap) != noErr ||
-        audio.createAggregateDevice(aggregate, device) != noErr ||
-        audio.createIOProcIDWithBlock(
-            device, nullptr,
-            [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
-                if (!in.mBuffers.empty() && in.mBuffers[0].mData && out.mBuffers[0].mData)
-                    std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData,
-                                std::min(in.mBuffers[0].mDataByteSize, out.mBuffers[0].mDataByteSize));
-            },
-            proc) != noErr ||
-        audio.deviceStart(device, proc) != noErr) {
+    AudioObjectID tap = 0;
+    const AudioObjectID device = tapAggregate(audio, description, {"speakers"}, &tap);
+    const AudioDeviceIOProcID proc =
+        startIO(audio, device, [](const AudioBufferList& in, AudioBufferList& out, const auto&) {
+            if (!in.mBuffers.empty() && in.mBuffers[0].mData && out.mBuffers[0].mData)
+                std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData,
+                            std::min(in.mBuffers[0].mDataByteSize, out.mBuffers[0].mDataByteSize));
+        });
+    if (!proc) {
         std::fprintf(stderr, "tap IO did not start\n");
         return 1;
     }
@@ -98,10 +83,10 @@ int main() {
     const auto before = *audio.ioStatistics(device, proc);
     const double withIO = cpuShare(10);
     const auto after = *audio.ioStatistics(device, proc);
-    const double cyclesPerSecond = static_cast<double>(after.cycles - before.cycles) / 10.0;
     std::printf("tap IO, unity block, quantum 256: %.2f%% of a core (process %.2f%%, idle baseline %.2f%%), "
                 "%.1f cycles/s\n",
-                100 * (withIO - baseline), 100 * withIO, 100 * baseline, cyclesPerSecond);
+                100 * (withIO - baseline), 100 * withIO, 100 * baseline,
+                static_cast<double>(after.cycles - before.cycles) / 10.0);
     std::printf("latency PipeWire reports for the tap's nodes: %lld frames (%.2f ms at 48 kHz); "
                 "input a cycle late in %llu of %llu cycles\n",
                 static_cast<long long>(after.reportedLatencyFrames), after.reportedLatencyFrames / 48.0,
@@ -111,6 +96,5 @@ int main() {
     audio.destroyIOProcID(device, proc);
     audio.destroyAggregateDevice(device);
     audio.destroyProcessTap(tap);
-    rig.stopApp(apps[0]);
-    return 0;
+    rig->stopApp(apps[0]);
 }

@@ -1,8 +1,8 @@
 // A small PipeWire application for the platform tests: plays a stereo sine until it is killed,
 // with the application properties it is given. Several frequencies joined by '+' play together,
 // each at the level.
-//   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1] [target
-//   node]
+//   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1]
+//   [target node]
 
 #include <cmath>
 #include <csignal>
@@ -15,47 +15,31 @@
 #include <spa/param/audio/format-utils.h>
 
 namespace {
-struct Tone {
-    pw_main_loop* loop = nullptr;
-    pw_stream* stream = nullptr;
-    std::vector<double> frequencies;
-    std::vector<double> phases;
-    double level = 0.5;
-};
+pw_main_loop* loop = nullptr;
+pw_stream* stream = nullptr;
+std::vector<double> frequencies, phases;
+double level = 0.5;
 
-void process(void* data) {
-    auto& tone = *static_cast<Tone*>(data);
-    pw_buffer* b = pw_stream_dequeue_buffer(tone.stream);
+void process(void*) {
+    pw_buffer* b = pw_stream_dequeue_buffer(stream);
     if (!b)
         return;
     spa_data& d = b->buffer->datas[0];
     auto* samples = static_cast<float*>(d.data);
-    if (!samples)
-        return;
     std::uint32_t frames = d.maxsize / (2 * sizeof(float));
     if (b->requested)
         frames = std::min<std::uint32_t>(frames, static_cast<std::uint32_t>(b->requested));
-    for (std::uint32_t i = 0; i < frames; ++i) {
+    for (std::uint32_t i = 0; samples && i < frames; ++i) {
         double v = 0;
-        for (std::size_t k = 0; k < tone.frequencies.size(); ++k) {
-            v += tone.level * std::sin(tone.phases[k]);
-            tone.phases[k] =
-                std::fmod(tone.phases[k] + 2.0 * std::numbers::pi * tone.frequencies[k] / 48000.0,
-                          2.0 * std::numbers::pi);
+        for (std::size_t k = 0; k < frequencies.size(); ++k) {
+            v += level * std::sin(phases[k]);
+            phases[k] = std::fmod(phases[k] + 2.0 * std::numbers::pi * frequencies[k] / 48000.0,
+                                  2.0 * std::numbers::pi);
         }
-        samples[2 * i] = static_cast<float>(v);
-        samples[2 * i + 1] = static_cast<float>(v);
+        samples[2 * i] = samples[2 * i + 1] = static_cast<float>(v);
     }
-    d.chunk->offset = 0;
-    d.chunk->stride = 2 * sizeof(float);
-    d.chunk->size = frames * 2 * sizeof(float);
-    pw_stream_queue_buffer(tone.stream, b);
-}
-
-Tone* running = nullptr;
-void quit(int) {
-    if (running)
-        pw_main_loop_quit(running->loop);
+    *d.chunk = {0, samples ? frames * 8 : 0, 8, 0}; // stereo floats: 8 bytes a frame
+    pw_stream_queue_buffer(stream, b);
 }
 } // namespace
 
@@ -63,21 +47,19 @@ int main(int argc, char** argv) {
     if (argc < 4)
         return 64;
     pw_init(&argc, &argv);
-    Tone tone;
     for (const char* f = argv[3]; *f;) {
         char* end = nullptr;
-        tone.frequencies.push_back(std::strtod(f, &end));
+        frequencies.push_back(std::strtod(f, &end));
         if (end == f)
             return 64;
         f = *end == '+' ? end + 1 : end;
     }
-    tone.phases.assign(tone.frequencies.size(), 0.0);
-    tone.level = argc > 4 ? std::atof(argv[4]) : 0.5;
-    tone.loop = pw_main_loop_new(nullptr);
-    running = &tone;
-    std::signal(SIGTERM, quit);
-    std::signal(SIGINT, quit);
-    pw_context* context = pw_context_new(pw_main_loop_get_loop(tone.loop), nullptr, 0);
+    phases.assign(frequencies.size(), 0.0);
+    level = argc > 4 ? std::atof(argv[4]) : 0.5;
+    loop = pw_main_loop_new(nullptr);
+    for (int signal : {SIGTERM, SIGINT})
+        std::signal(signal, [](int) { pw_main_loop_quit(loop); });
+    pw_context* context = pw_context_new(pw_main_loop_get_loop(loop), nullptr, 0);
     pw_core* core = pw_context_connect(
         context, pw_properties_new(PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr), 0);
     if (!core)
@@ -87,32 +69,26 @@ int main(int argc, char** argv) {
                           "Music", PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr);
     if (argc > 5)
         pw_properties_set(props, PW_KEY_TARGET_OBJECT, argv[5]);
-    tone.stream = pw_stream_new(core, argv[2], props);
-    static const pw_stream_events events = [] {
-        pw_stream_events e{};
-        e.version = PW_VERSION_STREAM_EVENTS;
-        e.process = process;
-        return e;
-    }();
+    stream = pw_stream_new(core, argv[2], props);
+    static pw_stream_events events{};
+    events.version = PW_VERSION_STREAM_EVENTS, events.process = process;
     spa_hook hook{};
-    pw_stream_add_listener(tone.stream, &hook, &events, &tone);
+    pw_stream_add_listener(stream, &hook, &events, nullptr);
     std::uint8_t buffer[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    spa_audio_info_raw info{};
-    info.format = SPA_AUDIO_FORMAT_F32;
-    info.rate = 48000;
-    info.channels = 2;
-    info.position[0] = SPA_AUDIO_CHANNEL_FL;
-    info.position[1] = SPA_AUDIO_CHANNEL_FR;
+    spa_audio_info_raw info{.format = SPA_AUDIO_FORMAT_F32,
+                            .flags = 0,
+                            .rate = 48000,
+                            .channels = 2,
+                            .position = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
     const spa_pod* params[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
-    pw_stream_connect(tone.stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
+    pw_stream_connect(stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
                       static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
                                                    PW_STREAM_FLAG_RT_PROCESS),
                       params, 1);
-    pw_main_loop_run(tone.loop);
-    pw_stream_destroy(tone.stream);
+    pw_main_loop_run(loop);
+    pw_stream_destroy(stream);
     pw_core_disconnect(core);
     pw_context_destroy(context);
-    pw_main_loop_destroy(tone.loop);
-    return 0;
+    pw_main_loop_destroy(loop);
 }

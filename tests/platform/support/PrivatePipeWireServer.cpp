@@ -1,17 +1,15 @@
 #include "PrivatePipeWireServer.hpp"
 
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
+#include "Eventually.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 
 extern char** environ;
@@ -24,48 +22,15 @@ bool tried = false;
 bool missing = false;
 std::string failure;
 
-bool onPath(const std::string& program) {
-    const char* path = std::getenv("PATH");
-    std::string dirs = path ? path : "/usr/bin:/bin";
-    for (std::size_t start = 0; start <= dirs.size();) {
-        const auto end = dirs.find(':', start);
-        const std::string dir =
-            dirs.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        if (!dir.empty() && ::access((dir + "/" + program).c_str(), X_OK) == 0)
-            return true;
-        if (end == std::string::npos)
-            break;
-        start = end + 1;
-    }
-    return false;
+// A null sink or source of the server's configuration.
+std::string node(const std::string& name, const std::string& description, const std::string& mediaClass,
+                 const std::string& positions, int priority) {
+    return "  { factory = adapter args = { factory.name = support.null-audio-sink node.name = \"" + name +
+           "\" node.description = \"" + description + "\" media.class = \"" + mediaClass +
+           "\" audio.position = [ " + positions + " ] object.linger = true" +
+           (mediaClass == "Audio/Sink" ? " monitor.channel-volumes = true" : "") +
+           " priority.session = " + std::to_string(priority) + " } }\n";
 }
-
-// Polls a condition with a deadline: the server's start-up is measured, not guessed.
-bool within(std::chrono::milliseconds timeout, const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
-const char* sinksConf = R"(context.objects = [
-  { factory = adapter
-    args = { factory.name = support.null-audio-sink node.name = "speakers" node.description = "Speakers"
-             media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true
-             monitor.channel-volumes = true priority.session = 2000 } }
-  { factory = adapter
-    args = { factory.name = support.null-audio-sink node.name = "headphones" node.description = "Headphones"
-             media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true
-             monitor.channel-volumes = true priority.session = 1000 } }
-  { factory = adapter
-    args = { factory.name = support.null-audio-sink node.name = "microphone" node.description = "Microphone"
-             media.class = "Audio/Source/Virtual" audio.position = [ MONO ] object.linger = true
-             priority.session = 3000 } }
-]
-)";
 } // namespace
 
 PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
@@ -111,19 +76,17 @@ void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
     if (pid <= 0)
         return;
     ::kill(pid, signal);
-    int status = 0;
-    const bool gone =
-        within(std::chrono::milliseconds(3000), [&] { return ::waitpid(pid, &status, WNOHANG) == pid; });
-    if (!gone) {
+    if (!eventually([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; },
+                    std::chrono::milliseconds(3000))) {
         ::kill(pid, SIGKILL);
-        ::waitpid(pid, &status, 0);
+        ::waitpid(pid, nullptr, 0);
     }
 }
 
 bool PrivatePipeWireServer::start(std::string& why) {
-    for (const char* program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
-        if (!onPath(program)) {
-            why = std::string(program) + " is not installed (scripts/setup.sh installs it)";
+    for (const std::string program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
+        if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0) {
+            why = program + " is not installed (scripts/setup.sh installs it)";
             missing = true;
             return false;
         }
@@ -136,10 +99,14 @@ bool PrivatePipeWireServer::start(std::string& why) {
     for (const char* dir : {"/run", "/config/pipewire/pipewire.conf.d", "/state", "/data"})
         std::filesystem::create_directories(folder_ + dir);
     std::filesystem::permissions(folder_ + "/run", std::filesystem::perms::owner_all);
-    std::ofstream(folder_ + "/config/pipewire/pipewire.conf.d/tonavi-sinks.conf") << sinksConf;
+    std::ofstream(folder_ + "/config/pipewire/pipewire.conf.d/tonavi-sinks.conf")
+        << "context.objects = [\n"
+        << node("speakers", "Speakers", "Audio/Sink", "FL FR", 2000)
+        << node("headphones", "Headphones", "Audio/Sink", "FL FR", 1000)
+        << node("microphone", "Microphone", "Audio/Source/Virtual", "MONO", 3000) << "]\n";
 
-    ::setenv("XDG_RUNTIME_DIR", (folder_ + "/run").c_str(), 1);
-    ::setenv("PIPEWIRE_RUNTIME_DIR", (folder_ + "/run").c_str(), 1);
+    for (const char* variable : {"XDG_RUNTIME_DIR", "PIPEWIRE_RUNTIME_DIR"})
+        ::setenv(variable, (folder_ + "/run").c_str(), 1);
     ::setenv("XDG_CONFIG_HOME", (folder_ + "/config").c_str(), 1);
     ::setenv("XDG_STATE_HOME", (folder_ + "/state").c_str(), 1);
     ::unsetenv("PIPEWIRE_REMOTE");
@@ -147,8 +114,8 @@ bool PrivatePipeWireServer::start(std::string& why) {
     const std::string bus = "unix:path=" + folder_ + "/run/bus";
     ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
     bus_ = spawn({"dbus-daemon", "--session", "--nofork", "--address=" + bus}, "dbus");
-    if (bus_ < 0 || !within(std::chrono::milliseconds(5000),
-                            [&] { return std::filesystem::exists(folder_ + "/run/bus"); })) {
+    if (bus_ < 0 || !eventually([&] { return std::filesystem::exists(folder_ + "/run/bus"); },
+                                std::chrono::milliseconds(5000))) {
         why = "the session bus did not start";
         return false;
     }
@@ -157,27 +124,24 @@ bool PrivatePipeWireServer::start(std::string& why) {
 
 bool PrivatePipeWireServer::startAudio(std::string& why) {
     audio_.push_back(spawn({"pipewire"}, "pipewire"));
-    if (!within(std::chrono::milliseconds(5000), [&] { return PipeWireConnection::serverAnswers(); })) {
+    if (!eventually([&] { return PipeWireConnection::serverAnswers(); }, std::chrono::milliseconds(5000))) {
         why = "pipewire did not start (see " + folder_ + "/pipewire.log)";
         return false;
     }
     audio_.push_back(spawn({"wireplumber"}, "wireplumber"));
     audio_.push_back(spawn({"pipewire-pulse"}, "pipewire-pulse"));
-    // Ready when both sinks exist, the session manager has picked a default and pulse answers.
+    // Ready when the nodes exist, the session manager has picked a default and pulse answers.
     PipeWireConnection connection;
-    std::string error;
-    if (!connection.start(error)) {
-        why = error;
+    if (!connection.start(why))
         return false;
-    }
     const bool ready = connection.waitUntil(
         [](const PipeWireGraph& g) {
             return g.nodeByName("speakers") && g.nodeByName("headphones") && g.nodeByName("microphone") &&
                    !g.defaultNodeName("default.audio.sink").empty();
         },
         std::chrono::milliseconds(10000));
-    if (!ready || !within(std::chrono::milliseconds(5000),
-                          [&] { return std::filesystem::exists(folder_ + "/run/pulse/native"); })) {
+    if (!ready || !eventually([&] { return std::filesystem::exists(folder_ + "/run/pulse/native"); },
+                              std::chrono::milliseconds(5000))) {
         why = "the session manager or pipewire-pulse did not come up (logs in " + folder_ + ")";
         return false;
     }
