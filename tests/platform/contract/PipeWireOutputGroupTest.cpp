@@ -4,10 +4,8 @@
 
 #include <gtest/gtest.h>
 
-
 #include "ContractRig.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
-
 
 namespace tonavi::test {
 namespace {
