@@ -21,7 +21,8 @@ struct SimFile {
     nlohmann::json device(const std::string& uid) const {
         auto [status, out] = ctl({"show", "--json"});
         EXPECT_EQ(status, 0) << out;
-        for (const auto& d : nlohmann::json::parse(out)["devices"])
+        const auto world = nlohmann::json::parse(out);
+        for (const auto& d : world["devices"])
             if (d.value("uid", "") == uid)
                 return d;
         return {};
