@@ -61,6 +61,20 @@ float budsVolume(RuntimeHarness& h) {
     return h.machine->world()->deviceByUID(budsOut)->volumeElements.at(0);
 }
 
+// The earbuds as listBluetooth shows them now, past the device status cache.
+DeviceLiveStatus listedBuds(RuntimeHarness& h) {
+    h.runtime->devices().invalidateDeviceCache();
+    const TonaviReply reply = h.send(R::ListBluetooth{});
+    EXPECT_TRUE(reply.ok && reply.payload);
+    const auto devices = TonaviPayload::decodeDevices(reply.payload.value_or(Bytes{}));
+    EXPECT_TRUE(std::all_of(devices.begin(), devices.end(), [](const DeviceLiveStatus& d) {
+        return d.transport == DeviceLiveStatus::Transport::bluetooth;
+    }));
+    const auto it = std::find_if(devices.begin(), devices.end(),
+                                 [](const DeviceLiveStatus& d) { return d.id == budsOut; });
+    return it == devices.end() ? DeviceLiveStatus{} : *it;
+}
+
 TEST(BluetoothMemory, RecalledOnDefaultOutputAndOnReturnWithinTheDeviceLimit) {
     RuntimeHarness h;
     startReady(h);
@@ -151,31 +165,19 @@ TEST(BluetoothDetails, RegistryFirstThenTheSlowSourceReadOnceEveryThirtySeconds)
         ++reads;
         return std::map<std::string, BluetoothReading>{{"ac:de:48:00:11:22", {40, -80}}};
     });
-    auto listed = [&] {
-        h.runtime->devices().invalidateDeviceCache();
-        const TonaviReply reply = h.send(R::ListBluetooth{});
-        EXPECT_TRUE(reply.ok && reply.payload);
-        const auto devices = TonaviPayload::decodeDevices(*reply.payload);
-        const auto it = std::find_if(devices.begin(), devices.end(),
-                                     [](const DeviceLiveStatus& d) { return d.id == budsOut; });
-        EXPECT_TRUE(std::all_of(devices.begin(), devices.end(), [](const DeviceLiveStatus& d) {
-            return d.transport == DeviceLiveStatus::Transport::bluetooth;
-        }));
-        return it == devices.end() ? DeviceLiveStatus{} : *it;
-    };
     // The first snapshot started a read; nothing waits for it.
     DeviceLiveStatus buds;
-    ASSERT_TRUE(waitUntil([&] { return (buds = listed()).batteryPercent.has_value(); }));
+    ASSERT_TRUE(waitUntil([&] { return (buds = listedBuds(h)).batteryPercent.has_value(); }));
     EXPECT_EQ(buds.codec, "AAC");
     EXPECT_EQ(buds.batteryPercent, 40);
     EXPECT_EQ(buds.connectionQuality, "weak");
-    listed();
+    listedBuds(h);
     EXPECT_EQ(reads.load(), 1);
 
     h.advance(30.0);
-    listed();
+    listedBuds(h);
     EXPECT_TRUE(waitUntil([&] { return reads.load() == 2; }));
-    listed();
+    listedBuds(h);
     EXPECT_EQ(reads.load(), 2);
 }
 
@@ -186,16 +188,10 @@ TEST(BluetoothDetails, ACompleteRegistryAnswerNeedsNoSlowRead) {
         ++reads;
         return std::map<std::string, BluetoothReading>{};
     });
-    h.runtime->devices().invalidateDeviceCache();
-    const TonaviReply reply = h.send(R::ListBluetooth{});
-    ASSERT_TRUE(reply.ok && reply.payload);
-    const auto devices = TonaviPayload::decodeDevices(*reply.payload);
-    const auto it = std::find_if(devices.begin(), devices.end(),
-                                 [](const DeviceLiveStatus& d) { return d.id == budsOut; });
-    ASSERT_NE(it, devices.end());
-    EXPECT_EQ(it->batteryPercent, 80);
-    EXPECT_EQ(it->codec, "AAC");
-    EXPECT_EQ(it->connectionQuality, "fair");
+    const DeviceLiveStatus buds = listedBuds(h);
+    EXPECT_EQ(buds.batteryPercent, 80);
+    EXPECT_EQ(buds.codec, "AAC");
+    EXPECT_EQ(buds.connectionQuality, "fair");
     EXPECT_EQ(reads.load(), 0);
 }
 
