@@ -61,8 +61,10 @@ std::optional<std::int64_t> percent(std::string_view text) {
     return value;
 }
 
-std::optional<std::int64_t> battery(std::optional<std::string_view> left, std::optional<std::string_view> right,
-                                    std::optional<std::string_view> level, std::optional<std::string_view> main) {
+std::optional<std::int64_t> battery(std::optional<std::string_view> left,
+                                    std::optional<std::string_view> right,
+                                    std::optional<std::string_view> level,
+                                    std::optional<std::string_view> main) {
     auto read = [](std::optional<std::string_view> text) {
         return text ? percent(*text) : std::optional<std::int64_t>();
     };
@@ -125,7 +127,8 @@ std::map<std::string, BluetoothReading> parseBlueZObjects(std::string_view text)
         if (!address || !address->is_string())
             continue;
         BluetoothReading reading;
-        if (const json* rssi = value(interfaces["org.bluez.Device1"], "RSSI"); rssi && rssi->is_number_integer())
+        if (const json* rssi = value(interfaces["org.bluez.Device1"], "RSSI");
+            rssi && rssi->is_number_integer())
             reading.rssi = rssi->get<std::int64_t>();
         if (interfaces.contains("org.bluez.Battery1"))
             if (const json* level = value(interfaces["org.bluez.Battery1"], "Percentage");

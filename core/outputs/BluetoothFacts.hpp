@@ -22,8 +22,10 @@ std::optional<std::int64_t> percent(std::string_view text);
 
 // Earbuds last as long as their weaker side: with both sides known the smaller; otherwise the
 // device's level, else its main level. A level that does not parse counts as absent.
-std::optional<std::int64_t> battery(std::optional<std::string_view> left, std::optional<std::string_view> right,
-                                    std::optional<std::string_view> level, std::optional<std::string_view> main);
+std::optional<std::int64_t> battery(std::optional<std::string_view> left,
+                                    std::optional<std::string_view> right,
+                                    std::optional<std::string_view> level,
+                                    std::optional<std::string_view> main);
 
 // "AC-DE-48-00-11-22:output" gives "ac:de:48:00:11:22": the first non-empty piece between ":",
 // dashes made colons, lower-cased. A UID whose first piece is no address but which carries one as

@@ -884,8 +884,8 @@ namespace tonavi {
 std::vector<BluetoothRegistryEntry> SimMachine::bluetoothRegistry() {
     std::vector<BluetoothRegistryEntry> entries;
     for (const auto& d : world()->devices) {
-        const bool bluetooth =
-            d.transport == kAudioDeviceTransportTypeBluetooth || d.transport == kAudioDeviceTransportTypeBluetoothLE;
+        const bool bluetooth = d.transport == kAudioDeviceTransportTypeBluetooth ||
+                               d.transport == kAudioDeviceTransportTypeBluetoothLE;
         if (!bluetooth || !(d.bluetoothBattery || d.bluetoothCodec || d.bluetoothRSSI))
             continue;
         std::string address = d.uid.substr(0, d.uid.find(':'));

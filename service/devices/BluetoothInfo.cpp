@@ -13,10 +13,11 @@ extern char** environ;
 namespace tonavi {
 
 std::shared_ptr<BluetoothInfo> BluetoothInfo::make(AudioHardware& hardware, ProfilerRead readProfiler,
-                                                   std::shared_ptr<DispatchClock> clock, DispatchQueue* readQueue) {
-    return std::shared_ptr<BluetoothInfo>(new BluetoothInfo(
-        hardware, std::move(readProfiler), std::move(clock),
-        readQueue ? *readQueue : DispatchQueue::global(QoS::utility)));
+                                                   std::shared_ptr<DispatchClock> clock,
+                                                   DispatchQueue* readQueue) {
+    return std::shared_ptr<BluetoothInfo>(
+        new BluetoothInfo(hardware, std::move(readProfiler), std::move(clock),
+                          readQueue ? *readQueue : DispatchQueue::global(QoS::utility)));
 }
 
 BluetoothInfo::BluetoothInfo(AudioHardware& hardware, ProfilerRead readProfiler,

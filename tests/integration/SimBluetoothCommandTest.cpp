@@ -33,7 +33,8 @@ TEST(SimBluetoothCommand, SetsRegistryFactsAndSettleReadsOrRefusesWithoutAChange
     SimFile sim;
     const std::string buds = "AC-DE-48-00-11-22:output";
     ASSERT_EQ(sim.ctl({"init"}).first, 0);
-    EXPECT_EQ(sim.device(buds)["bluetooth"], (nlohmann::json{{"battery", 80}, {"codec", "AAC"}, {"rssi", -62}}));
+    EXPECT_EQ(sim.device(buds)["bluetooth"],
+              (nlohmann::json{{"battery", 80}, {"codec", "AAC"}, {"rssi", -62}}));
 
     EXPECT_EQ(sim.ctl({"bluetooth", buds, "--battery", "35", "--rssi", "-81"}).first, 0);
     EXPECT_EQ(sim.ctl({"settle", buds, "12"}).first, 0);

@@ -384,7 +384,8 @@ int runSimCommand(int argc, char** argv) {
         if (a.options.count("--battery") &&
             !(parseInteger(a.options["--battery"], battery) && battery >= 0 && battery <= 100))
             return usage("--battery is a percentage from 0 to 100");
-        if (a.options.count("--rssi") && !(parseInteger(a.options["--rssi"], rssi) && rssi >= -128 && rssi <= 20))
+        if (a.options.count("--rssi") &&
+            !(parseInteger(a.options["--rssi"], rssi) && rssi >= -128 && rssi <= 20))
             return usage("--rssi is a signal in dBm from -128 to 20");
         edit = [uid = p[0], options = a.options, battery, rssi](SimWorld& w) {
             auto* d = w.deviceByUID(uid);

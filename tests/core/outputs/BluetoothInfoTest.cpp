@@ -10,7 +10,12 @@ using BluetoothFacts::battery;
 
 TEST(BluetoothFacts, SignalQualityEdges) {
     const std::vector<std::pair<std::optional<std::int64_t>, std::optional<std::string>>> cases = {
-        {-40, "strong"}, {-59, "strong"}, {-60, "fair"}, {-74, "fair"}, {-75, "weak"}, {-100, "weak"},
+        {-40, "strong"},
+        {-59, "strong"},
+        {-60, "fair"},
+        {-74, "fair"},
+        {-75, "weak"},
+        {-100, "weak"},
         {std::nullopt, std::nullopt}};
     for (const auto& [rssi, quality] : cases)
         EXPECT_EQ(BluetoothFacts::quality(rssi), quality) << rssi.value_or(0);
