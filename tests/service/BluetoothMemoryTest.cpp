@@ -209,5 +209,13 @@ TEST(DeviceLimits, AVolumeRaisedByAnotherProgramAboveTheMaximumComesDownOnTheNex
     EXPECT_NEAR(budsVolume(h), 0.4f, 1e-6);
 }
 
+TEST(BluetoothDetails, TheSlowReadsChildGivesItsOutputOrNothing) {
+    EXPECT_EQ(BluetoothInfo::runChild({"sh", "-c", "echo out; echo err >&2"}), "out\n");
+    EXPECT_EQ(BluetoothInfo::runChild({"sh", "-c", "echo partial; exit 3"}), std::nullopt);
+    EXPECT_EQ(BluetoothInfo::runChild({"tonavi-no-such-program"}), std::nullopt);
+    EXPECT_EQ(BluetoothInfo::runChild({}), std::nullopt);
+}
+
+
 } // namespace
 } // namespace tonavi::testing
