@@ -216,6 +216,5 @@ TEST(BluetoothDetails, TheSlowReadsChildGivesItsOutputOrNothing) {
     EXPECT_EQ(BluetoothInfo::runChild({}), std::nullopt);
 }
 
-
 } // namespace
 } // namespace tonavi::testing
