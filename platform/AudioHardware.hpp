@@ -13,6 +13,7 @@
 
 #include "platform/AggregateDeviceDescription.hpp"
 #include "platform/AudioHardwareTypes.hpp"
+#include "platform/BluetoothRegistryEntry.hpp"
 #include "platform/TapDescription.hpp"
 
 namespace tonavi {
@@ -77,6 +78,10 @@ class AudioHardware {
 
     virtual std::uint64_t currentHostTime() = 0;
     virtual std::uint64_t convertHostTimeToNanos(std::uint64_t hostTime) = 0;
+
+    // The Bluetooth devices the system's fast registry knows, with what it says of each: beside
+    // Core Audio on macOS (the I/O registry), so a backend without such a registry has none.
+    virtual std::vector<BluetoothRegistryEntry> bluetoothRegistry() { return {}; }
 
     // Typed reads and writes over the calls above. A read leaves `out` alone unless it succeeds.
     template <class T> OSStatus get(AudioObjectID object, const AudioObjectPropertyAddress& address, T& out) {

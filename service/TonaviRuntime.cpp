@@ -40,7 +40,7 @@ TonaviRuntime::TonaviRuntime(Environment environment)
       audio_(std::move(environment.audio)), workspace_(std::move(environment.workspace)),
       tapProvider_(std::move(environment.tapProvider)), clock_(std::move(environment.clock)),
       wallClock_(std::move(environment.wallClock)), anchor_(std::make_shared<TonaviRuntime*>(this)),
-      weakSelf_(anchor_) {
+      weakSelf_(anchor_), bluetoothProfiler_(std::move(environment.bluetoothProfiler)) {
     assert(store_ && audio_ && workspace_);
     if (!clock_)
         clock_ = DispatchClock::system();
@@ -456,6 +456,5 @@ void TonaviRuntime::releaseTapsThenStop() {
 
 void TonaviRuntime::syncAUSlots() {}
 void TonaviRuntime::startMIDI() {}
-void TonaviRuntime::enforceBluetoothOutputOnly() {}
 
 } // namespace tonavi

@@ -29,6 +29,7 @@
 #include "service/CoalescedRefreshState.hpp"
 #include "service/RecencyTracker.hpp"
 #include "service/ServiceTapProvider.hpp"
+#include "service/devices/BluetoothInfo.hpp"
 #include "service/devices/OutputGroupManager.hpp"
 #include "service/devices/TonaviDeviceManager.hpp"
 #include "service/taps/AudioSnapshot.hpp"
@@ -64,6 +65,8 @@ class TonaviRuntime {
         std::shared_ptr<DispatchClock> clock = DispatchClock::system();
         // Seconds since 1970, for timed mutes, recency and records. Null: the system clock.
         std::function<double()> wallClock;
+        // The slow source of Bluetooth battery and signal, run in the background. Empty: none.
+        BluetoothInfo::ProfilerRead bluetoothProfiler;
     };
 
     // Cached hardware state: the status reads only this, never the hardware.
@@ -253,7 +256,6 @@ class TonaviRuntime {
     // Seams of subsystems that are not part of this build. Each does nothing.
     void syncAUSlots();
     void startMIDI();
-    void enforceBluetoothOutputOnly();
     void installDeviceListeners();
     void enforceDeviceLimits();
 
@@ -269,6 +271,13 @@ class TonaviRuntime {
     void handleOutputTopologyChange();
     // Lanes locked to a device that has come back get their taps back on it.
     void restoreLanes(const std::string& reconnectedUID);
+
+    // Bluetooth memories (TonaviRuntimeBluetooth.cpp).
+    void applyBluetoothMemory(const std::string& uid);
+    // Keeps an output-only headset's microphone from being the default input.
+    void enforceBluetoothOutputOnly();
+    TonaviReply setBluetoothMemory(const BluetoothDeviceMemory& memory);
+    TonaviReply setOutputOnlyMode(const std::string& deviceUID, bool on);
     std::optional<HardwareSnapshot> captureHardwareSnapshot();
     void applyHardwareSnapshot(std::optional<HardwareSnapshot> snapshot);
     void completeOutputSelection(std::uint64_t generation, const std::string& name, bool succeeded,
@@ -359,6 +368,8 @@ class TonaviRuntime {
 
     // Devices and outputs, all of serialQueue. The manager lives while serialQueue does.
     std::shared_ptr<TonaviDeviceManager> devices_;
+    BluetoothInfo::ProfilerRead bluetoothProfiler_;
+    std::shared_ptr<BluetoothInfo> bluetoothInfo_; // its own lock; read by the hardware probe
     std::unique_ptr<OutputGroupManager> outputGroups_;  // made on first use
     std::unique_ptr<DispatchQueue> hardwareProbeQueue_; // "tonavi.hardware-probe"
     DispatchTime hardwareSnapshotAt_ = DispatchTime::min();

@@ -34,8 +34,8 @@ std::chrono::nanoseconds seconds(double s) {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
 }
 
-// Bluetooth facts come from their own subsystem; until it lands the list carries none, which is
-// also what the reconnection pass asks for so that it never probes slowly.
+// What the reconnection pass and output resolution ask of Bluetooth devices: nothing, so that
+// they never wait on a slow source.
 TonaviDeviceManager::BluetoothDetails noBluetooth(const std::string&) {
     return {};
 }
@@ -67,6 +67,7 @@ std::string removalBlockedMessage(const std::vector<std::string>& names) {
 
 void TonaviRuntime::createDeviceManager() {
     devices_ = TonaviDeviceManager::make(*audio_, *serialQueue_);
+    bluetoothInfo_ = BluetoothInfo::make(*audio_, bluetoothProfiler_, clock_);
     hardwareProbeQueue_ = std::make_unique<DispatchQueue>("tonavi.hardware-probe", clock_);
 }
 
@@ -143,7 +144,7 @@ std::optional<TonaviRuntime::HardwareSnapshot> TonaviRuntime::captureHardwareSna
     if (!ids)
         return std::nullopt;
     HardwareSnapshot snapshot;
-    snapshot.devices = devices_->liveStatus(noBluetooth, ids);
+    snapshot.devices = devices_->liveStatus(bluetoothInfo_->closure(), ids);
     if (auto output = devices_->defaultDevice(false)) {
         snapshot.defaultOutputUID = devices_->deviceUID(*output).value_or("");
         if (auto rate = devices_->sampleRate(*output); rate && *rate > 0)
@@ -344,7 +345,7 @@ void TonaviRuntime::handleConfirmedDefaultOutput(const std::string& uid) {
         if (auto id = devices_->deviceID(uid))
             devices_->setSystemSoundEffectsDevice(*id);
     engine_->refreshTaps(engaged);
-    // Bluetooth memories are recalled here when their subsystem lands.
+    applyBluetoothMemory(uid);
     restoreLanes(uid);
 
     // Helper processes often attach to the old route a moment after a switch; catch them.
@@ -416,8 +417,10 @@ void TonaviRuntime::handleReconnectedDevices() {
     lastConnectedUIDs_ = keys;
     if (appeared.empty())
         return;
-    for (const auto& uid : appeared)
-        restoreLanes(uid); // Bluetooth memories join here with their subsystem
+    for (const auto& uid : appeared) {
+        applyBluetoothMemory(uid);
+        restoreLanes(uid);
+    }
     const TonaviConfig config = engine_->config();
     const std::string& effectsUID = config.systemRows.soundEffectsDeviceUID;
     if (!effectsUID.empty() && appeared.contains(effectsUID))
@@ -505,7 +508,7 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
             auto unknown = [&](const std::string& uid) { return failure("no device with uid " + uid); };
             if constexpr (std::is_same_v<T, R::ListDevices> || std::is_same_v<T, R::ListBluetooth>) {
                 // A list carries its payload and no status.
-                auto list = devices_->liveStatus(noBluetooth);
+                auto list = devices_->liveStatus(bluetoothInfo_->closure());
                 if constexpr (std::is_same_v<T, R::ListBluetooth>)
                     std::erase_if(list, [](const DeviceLiveStatus& d) {
                         return d.transport != DeviceLiveStatus::Transport::bluetooth;
@@ -563,6 +566,10 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
                 applyDevicePolicies();
                 persist();
                 return success();
+            } else if constexpr (std::is_same_v<T, R::SetBluetoothMemory>) {
+                return setBluetoothMemory(c._0);
+            } else if constexpr (std::is_same_v<T, R::SetOutputOnlyMode>) {
+                return setOutputOnlyMode(c.deviceUID, c.on);
             } else if constexpr (std::is_same_v<T, R::SaveGroup>) {
                 return saveGroup(c._0);
             } else if constexpr (std::is_same_v<T, R::DeleteGroup>) {

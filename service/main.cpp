@@ -52,6 +52,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     environment.audio = backend->sharedAudio();
+    // On Linux battery and signal of Bluetooth devices are BlueZ's; a simulated machine has none.
+    if (backend->name() == "pipewire")
+        environment.bluetoothProfiler = BluetoothInfo::readBlueZ;
     // The backend lives as long as the process; the runtime borrows its workspace.
     environment.workspace = std::shared_ptr<Workspace>(std::shared_ptr<Workspace>(), &backend->workspace());
     // Every tap lives in a worker process of its own; the runtime connects the provider's hooks.

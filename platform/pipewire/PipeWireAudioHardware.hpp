@@ -58,6 +58,8 @@ class PipeWireAudioHardware : public AudioHardware,
     OSStatus deviceStop(AudioObjectID device, AudioDeviceIOProcID procID) override;
     std::uint64_t currentHostTime() override;
     std::uint64_t convertHostTimeToNanos(std::uint64_t hostTime) override;
+    // Bluetooth nodes by api.bluez5.address, with api.bluez5.codec (PipeWireBluetooth.cpp).
+    std::vector<BluetoothRegistryEntry> bluetoothRegistry() override;
 
     PipeWireConnection& connection() { return *connection_; }
     // The node.name of a tap's virtual sink and of an IO proc's playback stream (tests, tools).

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -37,6 +38,11 @@ struct SimDevice {
     // Reads of the default output that pass before a switch to this device shows: a Bluetooth
     // route takes a while to settle after the write was accepted. 0 switches at once.
     std::uint32_t settleReads = 0;
+    // What the Bluetooth registry says of this device (Bluetooth transports only): battery in
+    // percent, active codec, signal in dBm. Absent facts are unknown.
+    std::optional<std::int64_t> bluetoothBattery;
+    std::optional<std::string> bluetoothCodec;
+    std::optional<std::int64_t> bluetoothRSSI;
 
     // Aggregates: their description, the process that made them (its death removes them), and
     // how many IO procs run on them now.

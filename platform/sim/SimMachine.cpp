@@ -878,3 +878,26 @@ void SimMachine::publishMeters() {
 }
 
 } // namespace tonavi
+
+namespace tonavi {
+
+std::vector<BluetoothRegistryEntry> SimMachine::bluetoothRegistry() {
+    std::vector<BluetoothRegistryEntry> entries;
+    for (const auto& d : world()->devices) {
+        const bool bluetooth = d.transport == kAudioDeviceTransportTypeBluetooth ||
+                               d.transport == kAudioDeviceTransportTypeBluetoothLE;
+        if (!bluetooth || !(d.bluetoothBattery || d.bluetoothCodec || d.bluetoothRSSI))
+            continue;
+        std::string address = d.uid.substr(0, d.uid.find(':'));
+        std::replace(address.begin(), address.end(), '-', ':');
+        BluetoothRegistryEntry entry;
+        entry.deviceAddress = address;
+        entry.batteryPercent = d.bluetoothBattery;
+        entry.activeCodec = d.bluetoothCodec;
+        entry.rssi = d.bluetoothRSSI;
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+} // namespace tonavi

@@ -71,6 +71,9 @@ class SimMachine final : public AudioHardware {
     OSStatus deviceStop(AudioObjectID device, AudioDeviceIOProcID procID) override;
     std::uint64_t currentHostTime() override;
     std::uint64_t convertHostTimeToNanos(std::uint64_t hostTime) override { return hostTime; }
+    // Bluetooth devices with facts in the world, the address taken from the UID as the registry
+    // writes it ("AC:DE:48:00:11:22" for "AC-DE-48-00-11-22:output").
+    std::vector<BluetoothRegistryEntry> bluetoothRegistry() override;
 
     // The world as this process sees it now (a shared world is reloaded first if it changed).
     std::shared_ptr<const SimWorld> world();

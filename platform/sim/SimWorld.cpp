@@ -89,6 +89,9 @@ SimWorld SimWorld::preset() {
     budsOut.bufferFrameSizeMin = 1024;
     budsOut.bufferFrameSizeMax = 1024;
     budsOut.relatedUIDs = {"AC-DE-48-00-11-22:input"};
+    budsOut.bluetoothBattery = 80;
+    budsOut.bluetoothCodec = "AAC";
+    budsOut.bluetoothRSSI = -62;
 
     SimDevice budsIn;
     budsIn.uid = "AC-DE-48-00-11-22:input";

@@ -48,6 +48,16 @@ json deviceToJSON(const SimDevice& d) {
     j["readOnly"] = d.readOnly;
     if (d.settleReads > 0)
         j["settleReads"] = d.settleReads;
+    if (d.bluetoothBattery || d.bluetoothCodec || d.bluetoothRSSI) {
+        json bt = json::object();
+        if (d.bluetoothBattery)
+            bt["battery"] = *d.bluetoothBattery;
+        if (d.bluetoothCodec)
+            bt["codec"] = *d.bluetoothCodec;
+        if (d.bluetoothRSSI)
+            bt["rssi"] = *d.bluetoothRSSI;
+        j["bluetooth"] = bt;
+    }
     if (d.isAggregate) {
         const auto& a = d.aggregate;
         json agg;
@@ -97,6 +107,15 @@ SimDevice deviceFromJSON(const json& j) {
     d.relatedUIDs = j.value("relatedUIDs", std::vector<std::string>{});
     d.readOnly = j.value("readOnly", std::vector<std::string>{});
     d.settleReads = j.value("settleReads", 0u);
+    if (j.contains("bluetooth")) {
+        const json& bt = j.at("bluetooth");
+        if (bt.contains("battery"))
+            d.bluetoothBattery = bt.at("battery").get<std::int64_t>();
+        if (bt.contains("codec"))
+            d.bluetoothCodec = bt.at("codec").get<std::string>();
+        if (bt.contains("rssi"))
+            d.bluetoothRSSI = bt.at("rssi").get<std::int64_t>();
+    }
     if (j.contains("aggregate")) {
         const auto& agg = j.at("aggregate");
         d.isAggregate = true;

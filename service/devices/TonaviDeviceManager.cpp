@@ -2,6 +2,8 @@
 
 #include "service/devices/TonaviDeviceManager.hpp"
 
+#include "core/outputs/BluetoothFacts.hpp"
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
@@ -20,22 +22,6 @@ bool isTapAggregate(const std::string& uid) {
     return uid.starts_with(TonaviDeviceManager::tapAggregateUIDPrefix);
 }
 
-// "AC-DE-48-00-11-22:output" -> "ac:de:48:00:11:22".
-std::string bluetoothAddress(const std::string& uid) {
-    std::string first;
-    std::size_t start = 0;
-    while (start <= uid.size()) {
-        const auto end = std::min(uid.find(':', start), uid.size());
-        if (end > start) {
-            first = uid.substr(start, end - start);
-            break;
-        }
-        start = end + 1;
-    }
-    for (auto& c : first)
-        c = c == '-' ? ':' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return first;
-}
 
 // Which of two outputs of one name is shown: the default, then the visible one, then the one with a
 // volume control, then the one with more channels (the later one on a tie).
@@ -319,7 +305,7 @@ TonaviDeviceManager::liveStatus(const BluetoothInfo& bluetoothInfo,
         const int outputChannels = channelCount(id, false), inputChannels = channelCount(id, true);
         s.transport = transport(id);
         if (s.transport == Transport::bluetooth && bluetoothInfo) {
-            const auto details = bluetoothInfo(bluetoothAddress(*uid));
+            const auto details = bluetoothInfo(BluetoothFacts::macFromUID(*uid));
             s.batteryPercent = details.battery;
             s.codec = details.codec;
             s.connectionQuality = details.quality;

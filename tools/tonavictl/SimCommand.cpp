@@ -34,6 +34,10 @@ const char* usageText =
     "  unplug <uid>                           unplug a device\n"
     "  rename <uid> <name>                    rename a device\n"
     "  volume <uid> <0...1>                   set a device's output volume\n"
+    "  settle <uid> <reads>                   a switch of the default output to the device shows only\n"
+    "                                         after <reads> reads (a slow Bluetooth route; 0: at once)\n"
+    "  bluetooth <uid> [--battery N] [--codec NAME] [--rssi DBM]\n"
+    "                                         what the Bluetooth registry says of a device\n"
     "  set-default output|input|system <uid>  change a system default\n"
     "  play <app> [--freq HZ] [--level DB] [--silent]\n"
     "                                         start an app playing (<app>: bundle ID or pid)\n"
@@ -364,6 +368,40 @@ int runSimCommand(int argc, char** argv) {
         if (!parseNumber(p[1], v))
             return usage("a volume is a number from 0 to 1");
         edit = [uid = p[0], v](SimWorld& w) { return w.setVolume(uid, static_cast<float>(v)); };
+    } else if (command == "settle" && need(2)) {
+        long reads = 0;
+        if (!parseInteger(p[1], reads) || reads < 0 || reads > 10'000)
+            return usage("settle takes a number of reads from 0 to 10000");
+        edit = [uid = p[0], reads](SimWorld& w) {
+            auto* d = w.deviceByUID(uid);
+            if (!d)
+                return "no device " + uid;
+            d->settleReads = static_cast<std::uint32_t>(reads);
+            return std::string();
+        };
+    } else if (command == "bluetooth" && need(1)) {
+        long battery = 0, rssi = 0;
+        if (a.options.count("--battery") &&
+            !(parseInteger(a.options["--battery"], battery) && battery >= 0 && battery <= 100))
+            return usage("--battery is a percentage from 0 to 100");
+        if (a.options.count("--rssi") &&
+            !(parseInteger(a.options["--rssi"], rssi) && rssi >= -128 && rssi <= 20))
+            return usage("--rssi is a signal in dBm from -128 to 20");
+        edit = [uid = p[0], options = a.options, battery, rssi](SimWorld& w) {
+            auto* d = w.deviceByUID(uid);
+            if (!d)
+                return "no device " + uid;
+            if (d->transport != kAudioDeviceTransportTypeBluetooth &&
+                d->transport != kAudioDeviceTransportTypeBluetoothLE)
+                return uid + " is not a Bluetooth device";
+            if (options.count("--battery"))
+                d->bluetoothBattery = battery;
+            if (options.count("--codec"))
+                d->bluetoothCodec = options.at("--codec");
+            if (options.count("--rssi"))
+                d->bluetoothRSSI = rssi;
+            return std::string();
+        };
     } else if (command == "set-default" && need(2)) {
         SimDefaultRole role;
         if (p[0] == "output")
