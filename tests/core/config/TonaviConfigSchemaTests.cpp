@@ -1,8 +1,8 @@
 // Reading, writing and the methods of the configuration record.
 
 #include "audio/effects/EffectSettingsJSON.hpp"
-#include "audio/listening/GlobalListeningSettingsJSON.hpp"
 #include "audio/headphone/HeadphoneProfileJSON.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
 #include "core/config/ConfigDecodeError.hpp"
 #include "core/config/ConfigEncodeError.hpp"
 #include "core/config/InstallationVersion.hpp"
@@ -147,66 +147,14 @@ TonaviConfig goldenConfig() {
     return c;
 }
 
-TEST(TonaviConfigGolden, DocumentDecodesFieldByField) {
-    const TonaviConfig c = decode(goldenJSON());
-    const TonaviConfig e = goldenConfig();
-    EXPECT_EQ(c.schemaVersion, 2);
-    EXPECT_EQ(c.apps, e.apps);
-    EXPECT_EQ(c.devices, e.devices);
-    EXPECT_EQ(c.locks, e.locks);
-    EXPECT_EQ(c.bluetooth, e.bluetooth);
-    EXPECT_EQ(c.lanes, e.lanes);
-    EXPECT_EQ(c.duckRules, e.duckRules);
-    EXPECT_EQ(c.focusLinks, e.focusLinks);
-    EXPECT_EQ(c.hearingCare, e.hearingCare);
-    EXPECT_EQ(c.groups, e.groups);
-    EXPECT_EQ(c.ui, e.ui);
-    EXPECT_EQ(c.systemRows, e.systemRows);
-    EXPECT_EQ(c.customEQPresets, e.customEQPresets);
-    EXPECT_EQ(c.headphoneProfiles, e.headphoneProfiles);
-    EXPECT_EQ(c.smart, e.smart);
-    EXPECT_EQ(c.globalListening, e.globalListening);
-    EXPECT_EQ(c.historicallyAudibleAppIDs, e.historicallyAudibleAppIDs);
-    EXPECT_EQ(c.audibleAppLastHeardAt, e.audibleAppLastHeardAt);
-    EXPECT_EQ(c.hiddenAppIDs, e.hiddenAppIDs);
-    EXPECT_EQ(c.manuallyVisibleAppIDs, e.manuallyVisibleAppIDs);
-    EXPECT_EQ(c, e); // and the root's own scalars
-}
-
-TEST(TonaviConfigGolden, RecordEncodesToTheDocument) {
+TEST(TonaviConfigGolden, DocumentBothWaysAndAbsentOptionalsAreLeftOut) {
+    EXPECT_EQ(decode(goldenJSON()), goldenConfig());
     // The disk form: the same keys and values, pretty printed with sorted keys.
     EXPECT_EQ(encodeTonaviConfig(goldenConfig()), goldenJSON().dump(2));
-    // Optional fields are left out when absent.
-    TonaviConfig sparse = goldenConfig();
-    sparse.apps[0].displayRank.reset();
-    sparse.apps[0].timedMuteUntil.reset();
-    sparse.devices[0].preferredRank.reset();
-    sparse.devices[0].displayRank.reset();
-    sparse.devices[0].lastUsedAt.reset();
-    sparse.bluetooth[0].savedVolume.reset();
-    sparse.bluetooth[0].eqPresetID.reset();
-    const json written = json::parse(encodeTonaviConfig(sparse));
-    for (const auto& [record, key] :
-         std::vector<std::pair<const char*, const char*>>{{"apps", "displayRank"},
-                                                          {"apps", "timedMuteUntil"},
-                                                          {"devices", "preferredRank"},
-                                                          {"devices", "displayRank"},
-                                                          {"devices", "lastUsedAt"},
-                                                          {"bluetooth", "savedVolume"},
-                                                          {"bluetooth", "eqPresetID"}})
-        EXPECT_FALSE(written[record][0].contains(key)) << record << "." << key;
-    EXPECT_EQ(decodeTonaviConfig(written.dump()), sparse);
-}
-
-TEST(TonaviConfigReading, EmptyObjectIsAFullConfigurationButNotTheFirstRun) {
-    const TonaviConfig config = decodeTonaviConfig("{}");
-    EXPECT_EQ(config, TonaviConfig());
-    EXPECT_EQ(config.schemaVersion, 2);
-    EXPECT_EQ(config.softMasterPercent, 100.0);
-    EXPECT_TRUE(config.superVolumeKeys);
-    EXPECT_FALSE(config.startAtLogin);
-    EXPECT_TRUE(config.apps.empty());
-    EXPECT_NE(config, TonaviConfig::firstRunDefaults());
+    // The sample leaves optional fields of apps, devices and Bluetooth memories absent.
+    EXPECT_EQ(encodeTonaviConfig(testing::sampleConfig(0)).find("null"), std::string::npos);
+    EXPECT_EQ(decodeTonaviConfig("{}"), TonaviConfig());
+    EXPECT_NE(TonaviConfig(), TonaviConfig::firstRunDefaults());
 }
 
 TEST(TonaviConfigReading, OnlyNonObjectsFail) {
@@ -217,24 +165,17 @@ TEST(TonaviConfigReading, OnlyNonObjectsFail) {
 }
 
 TEST(TonaviConfigReading, OneBadElementEmptiesOnlyItsArray) {
-    const TonaviConfig config = decode({
-        {"apps", json::array({{{"id", "a"}}, {{"displayName", "no id"}}})},
-        {"devices", json::array({{{"id", "d1"}}})},
-        {"groups", json::array({{{"id", "g"}, {"members", json::array({{{"volume", 0.5}}})}}})},
-        {"hiddenAppIDs", json::array({"x", 3})},
-        {"manuallyVisibleAppIDs", json::array({"y"})},
-        {"lanes", json::array({{{"id", "L"}, {"appBundleID", "a"}}})},
-        {"focusLinks", json::array({{{"id", "f"}, {"focusName", "Work"}}})},
-    });
-    EXPECT_TRUE(config.apps.empty());
-    ASSERT_EQ(config.devices.size(), 1u);
+    const TonaviConfig config = decodeTonaviConfig(R"({"apps": [{"id": "a"}, {"displayName": "no id"}],
+        "devices": [{"id": "d1"}], "groups": [{"id": "g", "members": [{"volume": 0.5}]}],
+        "hiddenAppIDs": ["x", 3], "manuallyVisibleAppIDs": ["y"], "lanes": [{"id": "L", "appBundleID": "a"}],
+        "focusLinks": [{"id": "f", "focusName": "Work"}]})");
+    EXPECT_TRUE(config.apps.empty() && config.hiddenAppIDs.empty() && config.lanes.empty() &&
+                config.focusLinks.empty());
+    EXPECT_EQ(config.devices.size(), 1u);
     // A member without id fails its group's members only; the group itself stays.
     ASSERT_EQ(config.groups.size(), 1u);
     EXPECT_TRUE(config.groups[0].members.empty());
-    EXPECT_TRUE(config.hiddenAppIDs.empty());
     EXPECT_EQ(config.manuallyVisibleAppIDs, std::vector<std::string>{"y"});
-    EXPECT_TRUE(config.lanes.empty());
-    EXPECT_TRUE(config.focusLinks.empty());
 }
 
 // Fallbacks, clamps and legacy keys: one document per case, one number read back from it.
@@ -242,9 +183,7 @@ TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
     using Field = std::function<double(const TonaviConfig&)>;
     const Field appVolume = [](const TonaviConfig& c) { return c.apps.at(0).volume; };
     const Field maxVolume = [](const TonaviConfig& c) { return c.devices.at(0).maxVolumePercent; };
-    const Field useCount = [](const TonaviConfig& c) {
-        return static_cast<double>(c.devices.at(0).useCount);
-    };
+    const Field useCount = [](const TonaviConfig& c) { return double(c.devices.at(0).useCount); };
     const Field background = [](const TonaviConfig& c) { return c.smart.followMeBackgroundPercent; };
     const Field ceiling = [](const TonaviConfig& c) { return c.smart.loudnessGuardCeilingDBFS; };
     const Field depth = [](const TonaviConfig& c) { return c.smart.autoDuckDepthDB; };
@@ -332,31 +271,21 @@ TEST(TonaviConfigWriting, NonFiniteNumbersAndBadTextRefuseToEncode) {
     }
 }
 
-TEST(TonaviConfigMethods, FirstRunDefaults) {
-    const TonaviConfig config = TonaviConfig::firstRunDefaults();
-    EXPECT_TRUE(config.startAtLogin);
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"com.anthropic.claudefordesktop", "Claude"},
-        {"com.openai.chat", "ChatGPT"},
-        {"com.google.Chrome", "Chrome"},
-        {"com.apple.Safari", "Safari"},
-        {"org.musescore.MuseScore", "MuseScore"}};
-    ASSERT_EQ(config.apps.size(), expected.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        const AppAudioState& app = config.apps[i];
-        EXPECT_EQ(app.id, expected[i].first);
-        EXPECT_EQ(app.displayName, expected[i].second);
-        EXPECT_TRUE(app.favorite);
-        EXPECT_EQ(app.favoriteRank, static_cast<std::int64_t>(i));
-        EXPECT_EQ(app.volume, 1.0);
-        EXPECT_TRUE(app.metersEnabled);
-        EXPECT_FALSE(app.displayRank);
-        EXPECT_EQ(app.chain, kavore::ChainSettings::empty());
+TEST(TonaviConfigMethods, FirstRunDefaultsAreFiveFavouritesAndStartAtLogin) {
+    TonaviConfig expected;
+    expected.startAtLogin = true;
+    for (const auto& [id, name] : {std::pair{"com.anthropic.claudefordesktop", "Claude"},
+                                   {"com.openai.chat", "ChatGPT"},
+                                   {"com.google.Chrome", "Chrome"},
+                                   {"com.apple.Safari", "Safari"},
+                                   {"org.musescore.MuseScore", "MuseScore"}}) {
+        AppAudioState app(id);
+        app.displayName = name;
+        app.favorite = true;
+        app.favoriteRank = static_cast<std::int64_t>(expected.apps.size());
+        expected.apps.push_back(app);
     }
-    TonaviConfig rest = config;
-    rest.apps.clear();
-    rest.startAtLogin = false;
-    EXPECT_EQ(rest, TonaviConfig());
+    EXPECT_EQ(TonaviConfig::firstRunDefaults(), expected);
 }
 
 TEST(TonaviConfigMethods, AppLookupAndUpsert) {
@@ -404,14 +333,11 @@ TEST(TonaviConfigMethods, SetAppVisibleKeepsBothListsSortedAndDisjoint) {
 
 TEST(TonaviConfigMethods, AppendUnrankedMixerAppsOrdersByNameThenId) {
     TonaviConfig config;
-    AppAudioState ranked("r");
-    ranked.displayRank = 4;
-    AppAudioState unrankedKnown("k");
-    unrankedKnown.displayName = "";
-    unrankedKnown.volume = 0.2;
-    AppAudioState lowRank("q");
-    lowRank.displayRank = 1;
-    config.apps = {ranked, unrankedKnown, lowRank};
+    config.apps = {AppAudioState("r"), AppAudioState("k"), AppAudioState("q")};
+    config.apps[0].displayRank = 4;
+    config.apps[1].displayName = "";
+    config.apps[1].volume = 0.2;
+    config.apps[2].displayRank = 1;
     config.hiddenAppIDs = {"h"};
 
     EXPECT_TRUE(config.appendUnrankedMixerApps({{"b", "beta"},
@@ -423,20 +349,18 @@ TEST(TonaviConfigMethods, AppendUnrankedMixerAppsOrdersByNameThenId) {
                                                 {"k", "old name"},
                                                 {"k", "Kilo"}}));
     // alpha (a), Alpha (z), beta, Kilo: ranks 5, 6, 7, 8 after the largest rank 4.
-    auto rank = [&](const char* id) { return config.app(id) ? config.app(id)->displayRank : std::nullopt; };
-    EXPECT_EQ(rank("a"), 5);
-    EXPECT_EQ(rank("z"), 6);
-    EXPECT_EQ(rank("b"), 7);
-    EXPECT_EQ(rank("k"), 8);
-    EXPECT_EQ(rank("r"), 4);
-    EXPECT_EQ(config.app("h"), nullptr);
+    std::vector<std::pair<std::string, std::optional<std::int64_t>>> ranks;
+    for (const auto& app : config.apps)
+        ranks.emplace_back(app.id, app.displayRank);
+    EXPECT_EQ(ranks, (decltype(ranks){{"r", 4}, {"k", 8}, {"q", 1}, {"a", 5}, {"z", 6}, {"b", 7}}));
     EXPECT_EQ(config.app("k")->displayName, "Kilo");
     EXPECT_EQ(config.app("k")->volume, 0.2);
-    EXPECT_EQ(config.app("z")->displayName, "Alpha");
-    EXPECT_EQ(config.app("z")->volume, 1.0);
-    EXPECT_TRUE(config.app("z")->metersEnabled);
-    EXPECT_EQ(config.apps.size(), 6u);
-
+    EXPECT_EQ(*config.app("z"), [] {
+        AppAudioState z("z");
+        z.displayName = "Alpha";
+        z.displayRank = 6;
+        return z;
+    }());
     EXPECT_FALSE(config.appendUnrankedMixerApps({{"a", "alpha"}, {"h", "Hidden"}}));
 
     TonaviConfig fresh;
@@ -456,7 +380,7 @@ TEST(InstallationVersionTest, ParsesOrdersAndReplaces) {
     } pairs[] = {
         // A prefix comes first whatever the builds.
         {"1.2", "900", "1.2.0", "1", true, false}, {"1.2", "3", "1.10", "1", true, false},
-        {"1.2", "3", "1.2", "4", true, true},     {"1.2", "3", "1.x.2", "3", false, false},
+        {"1.2", "3", "1.2", "4", true, true},      {"1.2", "3", "1.x.2", "3", false, false},
         {"2.0", "49", "2.0", "50", true, true},    {"1.9", "10", "2.0", "50", true, true},
         {"1.9", "60", "2.0", "50", true, false},   {"2.0.1", "10", "2.0", "50", false, false},
         {"2", "10", "2.0", "50", true, true},
