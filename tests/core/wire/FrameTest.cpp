@@ -122,7 +122,8 @@ TEST(RawSocket, SocketTimeoutRoundsUpAndNeverYieldsAZeroTimeval) {
         {0, 0, 1}, {0.0000001, 0, 1}, {-3, 0, 1}, {1.5, 1, 500000}, {2.0000001, 2, 1}};
     for (const auto& [seconds, sec, usec] : cases) {
         const timeval t = RawSocket::socketTimeout(seconds);
-        EXPECT_EQ(std::pair<long, long>(t.tv_sec, t.tv_usec), std::pair(sec, usec)) << seconds;
+        EXPECT_EQ(t.tv_sec, sec) << seconds;
+        EXPECT_EQ(t.tv_usec, usec) << seconds;
     }
 }
 
