@@ -304,11 +304,5 @@ TEST(Render, SettingChangesRebuildTheChainAndKeepWhatOtherProcessorsLearned) {
     }
 }
 
-TEST(Render, LatencyAddsBufferSizesOnlyForTappedApps) {
-    EngineHarness h(configWith({appRow("a", 0.5)}));
-    EXPECT_EQ(h.engine->latencySamples("a", 512, 256), 768);
-    EXPECT_EQ(h.engine->latencySamples("b", 512, 256), 0);
-}
-
 } // namespace
 } // namespace tonavi::testing

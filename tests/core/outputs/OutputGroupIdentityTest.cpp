@@ -53,7 +53,7 @@ TEST(OutputGroupIdentity, ValidationNamesTheFirstFailedRule) {
             EXPECT_STREQ(e.what(), OutputGroupValidationError::errorDescription(*c.expected));
         }
     }
-    EXPECT_STREQ(OutputGroupValidationError(Kind::recursiveGroup).what(),
+    EXPECT_STREQ(OutputGroupValidationError::errorDescription(Kind::recursiveGroup),
                  "output groups cannot contain another Tonavi output group");
 }
 
