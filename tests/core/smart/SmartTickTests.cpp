@@ -53,9 +53,7 @@ TEST(SmartTick, AudibleHoldsForTwoAndAHalfSecondsAndForgetsHiddenAppsAtOnce) {
 TEST(SmartTick, EligibilityFilterOrder) {
     TonaviConfig config;
     config.hiddenAppIDs = {"com.apple.Music"};
-    AppAudioState tool;
-    tool.id = "com.example.tool";
-    config.upsertApp(tool);
+    config.apps = {AppAudioState("com.example.tool")};
     BundleIDSet asked;
     const auto regular = [&](std::string_view id) {
         asked.emplace(id);
@@ -92,8 +90,7 @@ TEST(SmartTick, FollowMeKeepsHeldHeroAndEngagesOnlyWhenItLowersSomething) {
     EXPECT_EQ(plan.logLines, (Lines{"tonavi: follow-me sees frontmost com.apple.TextEdit"}));
 
     p.config.smart.followMe = false;
-    plan = p.run({spotify, safari});
-    EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{std::nullopt, 1.0}));
+    EXPECT_EQ(p.run({spotify, safari}).followMe, (SmartTickPlan::FollowMe{std::nullopt, 1.0}));
     EXPECT_EQ(p.run({spotify, safari}).followMe, std::nullopt); // released once
 }
 
@@ -211,9 +208,7 @@ TEST(SmartTick, MicFollowCandidatesAndStageMode) {
     config.devices.resize(1);
     config.devices[0].id = "hid";
     config.devices[0].hidden = true;
-    config.bluetooth.resize(1);
-    config.bluetooth[0].id = "H:output";
-    config.bluetooth[0].outputOnlyMode = true;
+    config.bluetooth = {BluetoothDeviceMemory{"H:output", "", std::nullopt, std::nullopt, 100.0, true, 0}};
     const std::vector<SmartInputDevice> devices{
         {std::nullopt, Transport::usb, 2, {}}, {"speaker", Transport::builtin, 0, {}},
         {"hid", Transport::usb, 1, {}},        {"agg", Transport::aggregate, 2, {}},
