@@ -202,16 +202,3 @@ TEST(TonaviRequestJSON, BadDocumentsFailWithTheReason) {
         EXPECT_NE(message.find(expected), std::string::npos) << message;
     }
 }
-
-TEST(TonaviRequestJSON, NonFiniteNumbersRefuseToEncode) {
-    const TonaviRequest requests[] = {
-        {R::SetAppVolume{"a", std::numeric_limits<double>::quiet_NaN()}},
-        {R::SetTimedMute{"a", std::numeric_limits<double>::infinity()}},
-        {R::SetSystemMagicBoost{
-            kavore::LevelerSettings::unclamped(-std::numeric_limits<double>::infinity(), true)}},
-    };
-    for (const auto& request : requests) {
-        SCOPED_TRACE(std::string(request.caseName()));
-        EXPECT_THROW(encodeRequest(request), WireEncodingError);
-    }
-}
