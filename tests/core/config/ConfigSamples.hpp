@@ -19,8 +19,7 @@ inline kavore::ChainSettings fourEffectChain(int seed) {
         {kavore::EffectKind::eq10, R"({"bandsDB":[1,2,3,0,0,0,-1,-2,0,0],"preampDB":-1,"enabled":true})"},
         {kavore::EffectKind::compressor, R"({"amount":0.4,"enabled":true})"},
         {kavore::EffectKind::magicBoost, R"({"amount":0.25,"enabled":true})"},
-        {kavore::EffectKind::balancePan, R"({"balance":-0.2,"enabled":true})"},
-    };
+        {kavore::EffectKind::balancePan, R"({"balance":-0.2,"enabled":true})"}};
     int index = 0;
     for (const auto& [kind, settings] : effects) {
         kavore::EffectSlot slot;

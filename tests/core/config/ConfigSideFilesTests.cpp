@@ -179,14 +179,12 @@ TEST_F(SideFilesTest, MIDIMappingsGoldenFileWithOneKeyTargets) {
         {"id": "m4", "channel": 16, "cc": 10, "target": {"configLoad": {"name": "Rock/Pop"}}},
         {"id": "m5", "channel": 3, "cc": 11, "target": {"stageMode": {}}},
         {"id": "m6", "channel": 4, "cc": 127, "target": {"outputVolume": {}}}])");
-    const std::vector<MIDIMapping> mappings = {
-        {"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}},
-        {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
-        {"m3", 2, 9, MIDIMapping::DeviceVolume{"dev"}},
-        {"m4", 16, 10, MIDIMapping::ConfigLoad{"Rock/Pop"}},
-        {"m5", 3, 11, MIDIMapping::StageMode{}},
-        {"m6", 4, 127, MIDIMapping::OutputVolume{}},
-    };
+    const std::vector<MIDIMapping> mappings = {{"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}},
+                                               {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
+                                               {"m3", 2, 9, MIDIMapping::DeviceVolume{"dev"}},
+                                               {"m4", 16, 10, MIDIMapping::ConfigLoad{"Rock/Pop"}},
+                                               {"m5", 3, 11, MIDIMapping::StageMode{}},
+                                               {"m6", 4, 127, MIDIMapping::OutputVolume{}}};
     writeText(store.midiMappingsURL(), file.dump());
     EXPECT_EQ(store.loadMIDIMappings(), mappings);
     store.saveMIDIMappings(mappings);

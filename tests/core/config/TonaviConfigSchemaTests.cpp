@@ -194,8 +194,7 @@ TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
         {R"({"smart": {"autoDuckDepthDB": 0}})", "/smart/autoDuckDepthDB", -3.0},
         {R"({"smart": {"preferredMicUIDs": ["1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11"]}})",
          "/smart/preferredMicUIDs",
-         {"1", "2", "3", "4", "5", "6", "7", "8"}},
-    };
+         {"1", "2", "3", "4", "5", "6", "7", "8"}}};
     for (const auto& c : cases) {
         const json got = json::parse(encodeTonaviConfig(decodeTonaviConfig(c.document)))
                              .value(json::json_pointer(c.pointer), json());
@@ -208,11 +207,9 @@ TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
 }
 
 TEST(TonaviConfigReading, LanesAndDuckRulesWithoutIdGetFreshUpperCaseUUIDs) {
-    const TonaviConfig config = decode({
-        {"lanes", json::array({{{"appBundleID", "a"}, {"deviceUID", "d"}},
-                               {{"appBundleID", "b"}, {"deviceUID", "e"}}})},
-        {"duckRules", json::array({{{"triggerBundleID", "t"}}})},
-    });
+    const TonaviConfig config = decode({{"lanes", json::array({{{"appBundleID", "a"}, {"deviceUID", "d"}},
+                                                               {{"appBundleID", "b"}, {"deviceUID", "e"}}})},
+                                        {"duckRules", json::array({{{"triggerBundleID", "t"}}})}});
     ASSERT_EQ(config.lanes.size(), 2u);
     for (const std::string& id : {config.lanes[0].id, config.lanes[1].id, config.duckRules.at(0).id}) {
         EXPECT_TRUE(isUUID(id)) << id;
@@ -227,8 +224,7 @@ TEST(TonaviConfigWriting, NonFiniteNumbersAndBadTextRefuseToEncode) {
     const std::function<void(TonaviConfig&)> damages[] = {
         [](TonaviConfig& c) { c.softMasterPercent = std::numeric_limits<double>::quiet_NaN(); },
         [](TonaviConfig& c) { c.apps.at(0).volumePerDevice["d"] = std::numeric_limits<double>::infinity(); },
-        [](TonaviConfig& c) { c.apps.at(0).displayName = "bad \xff text"; },
-    };
+        [](TonaviConfig& c) { c.apps.at(0).displayName = "bad \xff text"; }};
     for (const auto& damage : damages) {
         TonaviConfig config = configWithOneApp();
         damage(config);
@@ -339,14 +335,12 @@ TEST(InstallationVersionTest, ParsesOrdersAndReplaces) {
     const struct {
         const char *version, *build, *otherVersion, *otherBuild;
         bool before, canReplace;
-    } pairs[] = {
-        // A prefix comes first whatever the builds.
-        {"1.2", "900", "1.2.0", "1", true, false}, {"1.2", "3", "1.10", "1", true, false},
-        {"1.2", "3", "1.2", "4", true, true},      {"1.2", "3", "1.x.2", "3", false, false},
-        {"2.0", "49", "2.0", "50", true, true},    {"1.9", "10", "2.0", "50", true, true},
-        {"1.9", "60", "2.0", "50", true, false},   {"2.0.1", "10", "2.0", "50", false, false},
-        {"2", "10", "2.0", "50", true, true},
-    };
+    } pairs[] = {// A prefix comes first whatever the builds.
+                 {"1.2", "900", "1.2.0", "1", true, false}, {"1.2", "3", "1.10", "1", true, false},
+                 {"1.2", "3", "1.2", "4", true, true},      {"1.2", "3", "1.x.2", "3", false, false},
+                 {"2.0", "49", "2.0", "50", true, true},    {"1.9", "10", "2.0", "50", true, true},
+                 {"1.9", "60", "2.0", "50", true, false},   {"2.0.1", "10", "2.0", "50", false, false},
+                 {"2", "10", "2.0", "50", true, true}};
     for (const auto& p : pairs) {
         const InstallationVersion a(p.version, p.build), b(p.otherVersion, p.otherBuild);
         EXPECT_EQ(a < b, p.before) << p.version << "+" << p.build << " vs " << p.otherVersion << "+"

@@ -87,8 +87,7 @@ TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
         {"devices mined silently", std::nullopt,
          "{\n  \"apps\": [ {\"volume\": 1} ],\n  \"devices\": [{\"id\": \"d\", \"useCount\": -3}],\n  "
          "\"groups\": [],\n  \"locks\": {",
-         withDevice, "Nothing in it could be read."},
-    };
+         withDevice, "Nothing in it could be read."}};
     for (const auto& c : cases) {
         testing::removeFiles(folder.path());
         if (c.previous)
@@ -288,8 +287,7 @@ TEST(ConfigSalvage, ScansStringsBracketsAndScalars) {
          "{\"a\": {\"devices\": [1, {2]}, \"devices\": [3]", nullptr},
         {"found inside nested arrays", "[[{\"devices\": [\"x\"]}", R"({"devices": ["x"]})"},
         {"not UTF-8", "\"apps\": [1] \xc3\x28", nullptr},
-        {"empty", "", nullptr},
-    };
+        {"empty", "", nullptr}};
     for (const auto& c : cases) {
         const auto found = TonaviConfigStore::salvageTopLevel(c.text);
         if (c.expected)

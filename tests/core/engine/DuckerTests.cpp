@@ -66,8 +66,7 @@ TEST(Ducker, RampsFollowTheirScripts) {
         // A recovery under one frame steps by range x frames: back in one cycle.
         {"zero recovery",
          {rule("voice", -20.0, 0.0)},
-         {{Triggers{"voice"}, 1.0}, {1e9, 0.1}, {Triggers{}, 0.1}, {2.0, 1.0}}},
-    };
+         {{Triggers{"voice"}, 1.0}, {1e9, 0.1}, {Triggers{}, 0.1}, {2.0, 1.0}}}};
     for (const auto& c : cases) {
         Ducker ducker(c.rules, rate);
         for (std::size_t i = 0; i < c.steps.size(); ++i) {

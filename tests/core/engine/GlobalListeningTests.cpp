@@ -21,21 +21,19 @@ TEST(GlobalListeningPolicy, DecidesInItsOrder) {
         const AppAudioState* row;
         const SmartSettings& smart;
         bool expected;
-    } cases[] = {
-        {"com.apple.Music", &plain, protecting, true},
-        {"com.apple.Music", nullptr, protecting, true},
-        {"com.rogueamoeba.Audio", nullptr, protecting, false},
-        {"hidden.app", nullptr, protecting, false},
-        {"com.apple.Music", &bypassed, protecting, false},
-        {"com.apple.Music", &locked, protecting, false},
-        {"com.apple.Music", &plain, leaveAlone, false},
-        // A production tool is refused outright while music apps are protected; otherwise it gets the
-        // treatment only when its own row asks for control.
-        {"com.ableton.live", &controlledDAW, protecting, false},
-        {"com.ableton.live", &daw, open, false},
-        {"com.ableton.live", nullptr, open, false},
-        {"com.ableton.live", &controlledDAW, open, true},
-    };
+    } cases[] = {{"com.apple.Music", &plain, protecting, true},
+                 {"com.apple.Music", nullptr, protecting, true},
+                 {"com.rogueamoeba.Audio", nullptr, protecting, false},
+                 {"hidden.app", nullptr, protecting, false},
+                 {"com.apple.Music", &bypassed, protecting, false},
+                 {"com.apple.Music", &locked, protecting, false},
+                 {"com.apple.Music", &plain, leaveAlone, false},
+                 // A production tool is refused outright while music apps are protected; otherwise it gets
+                 // the treatment only when its own row asks for control.
+                 {"com.ableton.live", &controlledDAW, protecting, false},
+                 {"com.ableton.live", &daw, open, false},
+                 {"com.ableton.live", nullptr, open, false},
+                 {"com.ableton.live", &controlledDAW, open, true}};
     for (const auto& c : cases)
         EXPECT_EQ(GlobalListeningPolicy::mayProcess(c.id, c.row, {"hidden.app"}, c.smart), c.expected)
             << c.id << (c.row ? " with a row" : "");

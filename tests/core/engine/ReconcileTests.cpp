@@ -54,8 +54,7 @@ TEST(Reconcile, WhoGetsATapAndHowItsFirstCycleSounds) {
              r.controlAttached = r.directLocked = true;
              return r;
          }(),
-         std::nullopt, false, 1.0f},
-    };
+         std::nullopt, false, 1.0f}};
     for (const auto& c : cases) {
         EngineHarness h(configWith({c.row}), false);
         h.engine->setCreationEligibility(c.eligible);

@@ -106,8 +106,7 @@ TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
         {"manual duck", "a", [](EngagementEngine& e) { e.setManualDuckDB(-6.0206); }, 0.125f},
         {"auto duck of this app", "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }, 0.125f},
         {"auto duck of another app", "a", [](EngagementEngine& e) { e.setAutoDuck({"hero"}, -6.0206); },
-         0.25f},
-    };
+         0.25f}};
     for (const auto& c : cases)
         EXPECT_NEAR(firstCycleGain(config, c.app, c.setup), c.gain, 1e-6) << c.why;
 
@@ -258,10 +257,8 @@ TEST(Render, SettingChangesRebuildTheChainAndKeepWhatOtherProcessorsLearned) {
         const char* name;
         TonaviConfig before, after;
         bool mirrored;
-    } changes[] = {
-        {"plug-in slot added to the listening treatment", listening, withPlugin, false},
-        {"chain mirrored", configWith({steady}), configWith({mirrored}), true},
-    };
+    } changes[] = {{"plug-in slot added to the listening treatment", listening, withPlugin, false},
+                   {"chain mirrored", configWith({steady}), configWith({mirrored}), true}};
     // The tone jumps by 12 dB once steady volume has learned its level (about 3 s), and a second
     // later, at the change, steady volume is turning the app down.
     constexpr int jumpAt = 600, changeAt = 800;

@@ -13,14 +13,12 @@ TEST(RouteRefreshPolicy, RebuildsWhenForcedDeadMovedOrBoundElsewhere) {
         TapRouteIdentity bound;
         bool ioAlive, groupChanged, forced, expected;
     };
-    const Case cases[] = {
-        {"all in place", speakers, true, false, false, false},
-        {"forced", speakers, true, false, true, true},
-        {"dead io", speakers, false, false, false, true},
-        {"process group moved", speakers, true, true, false, true},
-        {"tapping another source", {"usb", "spk"}, true, false, false, true},
-        {"playing on another target", {"spk", "usb"}, true, false, false, true},
-    };
+    const Case cases[] = {{"all in place", speakers, true, false, false, false},
+                          {"forced", speakers, true, false, true, true},
+                          {"dead io", speakers, false, false, false, true},
+                          {"process group moved", speakers, true, true, false, true},
+                          {"tapping another source", {"usb", "spk"}, true, false, false, true},
+                          {"playing on another target", {"spk", "usb"}, true, false, false, true}};
     for (const auto& c : cases)
         EXPECT_EQ(RouteRefreshPolicy::requiresRefresh(c.bound, speakers, c.ioAlive, c.groupChanged, c.forced),
                   c.expected)

@@ -40,8 +40,7 @@ TEST(OutputGroupIdentity, ValidationNamesTheFirstFailedRule) {
         {group("g", "Desk", {"a", "b", "a"}), Kind::duplicateMemberUID},
         {group("g", "Desk", {"a", self}), Kind::recursiveGroup},
         {group("g", "Desk", {"a", "com.brelmoor.tonavi.output-group.NOSUCH"}), Kind::recursiveGroup},
-        {group("g", "Desk", {"a", "b"}), std::nullopt},
-    };
+        {group("g", "Desk", {"a", "b"}), std::nullopt}};
     for (const auto& c : cases) {
         std::optional<Kind> failed;
         try {

@@ -50,8 +50,7 @@ TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
         {"no current output: a speaker takes over", {dac.uid}, std::nullopt, {}, dac.uid},
         {"a usb JBL counts as personal", {jbl.uid}, interface, {}, jbl.uid},
         {"a dac replaces the built-in speakers", {dac.uid}, speakers, {}, dac.uid},
-        {"nothing appeared", {}, speakers, {}, std::nullopt},
-    };
+        {"nothing appeared", {}, speakers, {}, std::nullopt}};
     for (const auto& c : cases)
         EXPECT_EQ(AutomaticOutputPolicy::pick(c.appeared, c.current, all, c.preferred), c.expected) << c.why;
 }
@@ -120,8 +119,7 @@ TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
         {"speakers", AudioEndpointRole::output, "spk"},      {"DESK", AudioEndpointRole::output, "spk"},
         {"head", AudioEndpointRole::output, "usb-1"},        {"mic", AudioEndpointRole::output, std::nullopt},
         {"micro", AudioEndpointRole::input, "mic"},          {"micro", AudioEndpointRole::any, "mic"},
-        {"nothing", AudioEndpointRole::any, std::nullopt},
-    };
+        {"nothing", AudioEndpointRole::any, std::nullopt}};
     for (const auto& c : cases)
         EXPECT_EQ(AudioEndpointResolver::resolve(c.text, devices, c.role), c.expected) << c.text;
     EXPECT_EQ(AudioEndpointResolver::resolve("x", {devices[2]}, AudioEndpointRole::output), std::nullopt);

@@ -11,10 +11,8 @@ TEST(OutputSelectionOrder, AcceptsOnlyNewerGenerationsPerClient) {
         std::uint64_t generation;
         bool accepted;
     };
-    const Case cases[] = {
-        {"", 5, false},  {"a", 0, false}, {"a", 3, true}, {"a", 3, false},
-        {"a", 2, false}, {"b", 1, true},  {"a", 4, true},
-    };
+    const Case cases[] = {{"", 5, false},  {"a", 0, false}, {"a", 3, true}, {"a", 3, false},
+                          {"a", 2, false}, {"b", 1, true},  {"a", 4, true}};
     OutputSelectionOrder order;
     for (const auto& c : cases)
         EXPECT_EQ(order.accept(c.client, c.generation), c.accepted) << c.client << " " << c.generation;

@@ -46,15 +46,13 @@ struct Case {
     bool refuse, drop, expected;
     int requests;
 };
-const std::vector<Case> cases{
-    {"already there: nothing requested", "speakers", 3, 0, false, false, true, 0},
-    {"settles within the attempts", "bt", 3, 2, false, false, true, 1},
-    {"settles too late", "bt", 3, 9, false, false, false, 1},
-    {"dropped write", "usb", 3, 0, false, true, false, 1},
-    {"refused write", "usb", 3, 0, true, false, false, 1},
-    {"no attempts", "usb", 0, 0, false, false, false, 0},
-    {"empty target", "", 3, 0, false, false, false, 0},
-};
+const std::vector<Case> cases{{"already there: nothing requested", "speakers", 3, 0, false, false, true, 0},
+                              {"settles within the attempts", "bt", 3, 2, false, false, true, 1},
+                              {"settles too late", "bt", 3, 9, false, false, false, 1},
+                              {"dropped write", "usb", 3, 0, false, true, false, 1},
+                              {"refused write", "usb", 3, 0, true, false, false, 1},
+                              {"no attempts", "usb", 0, 0, false, false, false, 0},
+                              {"empty target", "", 3, 0, false, false, false, 0}};
 
 TEST(VerifiedOutputSwitch, EveryFormSucceedsOnlyWhenTheSystemReportsTheTarget) {
     for (const auto& c : cases) {

@@ -19,18 +19,17 @@ std::vector<std::string> ids(const std::vector<AudioOnset>& onsets) {
 TEST(AudioOnsetPolicy, AgoText) {
     const std::pair<double, const char*> cases[] = {
         {0, "1s ago"},  {0.4, "1s ago"},   {-3, "1s ago"},   {1.5, "2s ago"},    {59.6, "60s ago"},
-        {60, "1m ago"}, {3599, "59m ago"}, {3600, "1h ago"}, {86400, "24h ago"}, {NAN, "1s ago"},
-    };
+        {60, "1m ago"}, {3599, "59m ago"}, {3600, "1h ago"}, {86400, "24h ago"}, {NAN, "1s ago"}};
     for (const auto& [seconds, text] : cases)
         EXPECT_EQ(AudioOnsetPolicy::agoText(seconds), text) << seconds;
 }
 
 TEST(AudioOnsetPolicy, TrailKeepsThreeHundredSecondsNewestFirstAndStable) {
-    const std::vector<AudioOnset> onsets{
-        {"old", t0 - 301, std::nullopt, {}, {}}, {"edge", t0 - 300, std::nullopt, {}, {}},
-        {"a", t0 - 5, std::nullopt, {}, {}},     {"b", t0 - 5, std::nullopt, {}, {}},
-        {"new", t0, std::nullopt, {}, {}},
-    };
+    const std::vector<AudioOnset> onsets{{"old", t0 - 301, std::nullopt, {}, {}},
+                                         {"edge", t0 - 300, std::nullopt, {}, {}},
+                                         {"a", t0 - 5, std::nullopt, {}, {}},
+                                         {"b", t0 - 5, std::nullopt, {}, {}},
+                                         {"new", t0, std::nullopt, {}, {}}};
     EXPECT_EQ(ids(AudioOnsetPolicy::trail(onsets, t0)), (std::vector<std::string>{"new", "a", "b", "edge"}));
     EXPECT_EQ(AudioOnsetPolicy::newPlaying({"a", "b"}, {"b", "c"}), (BundleIDSet{"c"}));
 }

@@ -24,8 +24,7 @@ TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
         {"com.blocked", {"com.blocked", "com.music"}, "com.music", "com.music"}, // refused front falls back
         {"com.blocked", {"com.blocked"}, "com.blocked", "com.blocked"},          // the held one is not asked
         {"com.front", {}, "com.music", std::nullopt},                            // nothing audible: none
-        {std::nullopt, {"com.music"}, std::nullopt, std::nullopt},
-    };
+        {std::nullopt, {"com.music"}, std::nullopt, std::nullopt}};
     for (const auto& c : cases)
         EXPECT_EQ(FollowMePolicy::hero(c.frontmost, c.audible, c.held, refuse), c.hero)
             << c.frontmost.value_or("-");
@@ -36,11 +35,9 @@ TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
         Transport transport;
         const char* name;
         bool protectedOutput;
-    } cases[] = {
-        {Transport::usb, "Studio Headphones", true},    {Transport::usb, "JBL Speaker", false},
-        {Transport::bluetooth, "JBL Speaker", true},    {Transport::builtin, "Bose Home", false},
-        {Transport::builtin, "External HEADSET", true}, {Transport::usb, "AirPods Max", true},
-    };
+    } cases[] = {{Transport::usb, "Studio Headphones", true},    {Transport::usb, "JBL Speaker", false},
+                 {Transport::bluetooth, "JBL Speaker", true},    {Transport::builtin, "Bose Home", false},
+                 {Transport::builtin, "External HEADSET", true}, {Transport::usb, "AirPods Max", true}};
     for (const auto& c : cases)
         EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(c.transport, c.name), c.protectedOutput) << c.name;
 }
@@ -51,17 +48,14 @@ TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
         {"X:output", Transport::usb, {}}, // not Bluetooth: only an exact UID drops it
         {"Y:input", Transport::usb, {}},
         {"Z", Transport::bluetooth, {"X:output"}}, // related to the output-only headset
-        {"W", Transport::builtin, {"X:output"}},
-    };
+        {"W", Transport::builtin, {"X:output"}}};
     struct Case {
         BundleIDSet outputOnly;
         std::vector<std::string> kept;
-    } cases[] = {
-        {{"X:output"}, {"Y:input", "W"}},
-        {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
-        {{"Y:input"}, {"X:input", "X:output", "Z", "W"}},
-        {{""}, {"X:input", "X:output", "Y:input", "Z", "W"}},
-    };
+    } cases[] = {{{"X:output"}, {"Y:input", "W"}},
+                 {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
+                 {{"Y:input"}, {"X:input", "X:output", "Z", "W"}},
+                 {{""}, {"X:input", "X:output", "Y:input", "Z", "W"}}};
     for (const auto& c : cases) {
         std::vector<std::string> kept;
         for (const auto& candidate : MicFollowPolicy::filtered(inputs, c.outputOnly))
@@ -86,8 +80,7 @@ TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
         {{builtin, usb, bt}, {}, {}, "H:input", "H:input"},
         {{builtin, usb, bt}, {"H:output"}, {"H:input"}, "usb", "mac"}, // a dropped preference is ignored
         {{builtin, usb, usb2}, {}, {"gone", "usb2", "usb"}, "usb", "usb2"},
-        {{other, builtin}, {}, {"odd"}, "mac", "odd"},
-    };
+        {{other, builtin}, {}, {"odd"}, "mac", "odd"}};
     for (const auto& c : cases) {
         EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly), c.automatic);
         EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly, c.preferred), c.preferredPick);

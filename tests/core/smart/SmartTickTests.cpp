@@ -129,8 +129,7 @@ TEST(SmartTick, LoudnessGuardFollowsTheOutputAndReleasesOnItsEdge) {
          {"tonavi: loudness guard ON, ceiling -3 dBFS on headphones"}},
         {"Buds", Transport::bluetooth, SmartTickPlan::LoudnessGuard{true, -3}, true, {}},
         {"MacBook Pro Speakers", Transport::builtin, SmartTickPlan::LoudnessGuard{false, 0}, false, {}},
-        {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}},
-    };
+        {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}}};
     for (const auto& s : steps) {
         p.inputs.defaultOutputName = s.name;
         p.inputs.defaultOutputTransport = s.transport;
@@ -213,8 +212,7 @@ TEST(SmartTick, MicFollowCandidatesAndStageMode) {
         {std::nullopt, Transport::usb, 2, {}}, {"speaker", Transport::builtin, 0, {}},
         {"hid", Transport::usb, 1, {}},        {"agg", Transport::aggregate, 2, {}},
         {"loop", Transport::virtual_, 2, {}},  {"H:input", Transport::bluetooth, 1, {}},
-        {"mac", Transport::builtin, 1, {}},
-    };
+        {"mac", Transport::builtin, 1, {}}};
     std::vector<std::string> uids;
     for (const auto& c : SmartTickPolicy::micFollowCandidates(devices, config))
         uids.push_back(c.uid);

@@ -45,8 +45,7 @@ TEST(TonaviRequestJSON, GoldenDocumentsDecodeAndEncodeExactly) {
         {R"({"setLane":{"_0":{"appBundleID":"com.spotify.client","deviceUID":"USB-1","id":"L1","locked":false}}})",
          {R::SetLane{{"L1", "com.spotify.client", "USB-1", false}}}},
         {R"({"setSystemMagicBoost":{"settings":{"amount":0.25,"enabled":true}}})",
-         {R::SetSystemMagicBoost{kavore::LevelerSettings::unclamped(0.25, true)}}},
-    };
+         {R::SetSystemMagicBoost{kavore::LevelerSettings::unclamped(0.25, true)}}}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
         EXPECT_EQ(decodeRequest(c.text), c.value);
@@ -136,8 +135,7 @@ TEST(TonaviRequestJSON, EveryCaseDecodesFromItsMinimalDocumentInDeclaredOrder) {
         {"scanAudioUnits", "{}"},
         {"listAudioUnits", "{}"},
         {"listBluetooth", "{}"},
-        {"listMIDIMappings", "{}"},
-    };
+        {"listMIDIMappings", "{}"}};
     ASSERT_EQ(std::size(catalogue), std::variant_size_v<TonaviRequest::Value>);
     for (std::size_t i = 0; i < std::size(catalogue); ++i) {
         const auto& [name, fields] = catalogue[i];
@@ -193,8 +191,7 @@ TEST(TonaviRequestJSON, BadDocumentsFailWithTheReason) {
         {R"({"setMIDIMapping":{"_0":{"id":"m","channel":1,"cc":7,"target":{"warpDrive":{}}}}})",
          "setMIDIMapping: _0: "},
         {R"({"importConfiguration":{"config":{}}})",
-         "importConfiguration: missing required key \"autoDirect\""},
-    };
+         "importConfiguration: missing required key \"autoDirect\""}};
     for (const auto& [text, expected] : cases) {
         SCOPED_TRACE(text);
         const std::string message = decodeError(text);

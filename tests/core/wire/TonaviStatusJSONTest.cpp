@@ -108,8 +108,7 @@ TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
          "devices: [0]: level: number 1e+300 does not fit a 32-bit float"},
         {fullStatusWith(R"("soloAppIDs":[)", R"("soloAppIDs":[1,)"),
          "soloAppIDs: [0]: expected a string, found an integer"},
-        {"[]", "expected an object, found an array"},
-    };
+        {"[]", "expected an object, found an array"}};
     for (const auto& c : cases) {
         const std::string message = statusError(c.text);
         EXPECT_NE(message.find(c.expected), std::string::npos)
@@ -138,8 +137,7 @@ TEST(TonaviReplyJSON, GoldenReplies) {
         {R"({"message":""})", "TonaviReply: missing required key \"ok\""},
         {R"({"ok":"yes","message":""})", "TonaviReply: ok: expected a boolean, found a string"},
         {R"({"ok":true,"message":"","payload":"***"})", "TonaviReply: payload: not valid base64"},
-        {R"({"ok":true,"message":"","status":{}})", "TonaviReply: status: missing required key"},
-    };
+        {R"({"ok":true,"message":"","status":{}})", "TonaviReply: status: missing required key"}};
     for (const auto& [doc, expectedError] : bad) {
         try {
             decodeReply(doc);
@@ -197,16 +195,13 @@ TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
     const struct {
         const char* where;
         std::function<void()> encode;
-    } cases[] = {
-        {"apps[0].level", [&] { encodeStatus(level); }},
-        {"devices[0].lastUsedAt", [&] { encodeStatus(lastUsed); }},
-        {"health[0].at", [&] { encodeStatus(at); }},
-        {"config.softMasterPercent", [&] { TonaviPayload::encode(diagnostics); }},
-        {"[0].secondsSinceAudio",
-         [&] {
-             TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
-         }},
-    };
+    } cases[] = {{"apps[0].level", [&] { encodeStatus(level); }},
+                 {"devices[0].lastUsedAt", [&] { encodeStatus(lastUsed); }},
+                 {"health[0].at", [&] { encodeStatus(at); }},
+                 {"config.softMasterPercent", [&] { TonaviPayload::encode(diagnostics); }},
+                 {"[0].secondsSinceAudio", [&] {
+                      TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
+                  }}};
     for (const auto& c : cases) {
         try {
             c.encode();
