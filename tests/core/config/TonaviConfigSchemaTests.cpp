@@ -153,11 +153,7 @@ TEST(TonaviConfigReading, OneBadElementEmptiesOnlyItsArray) {
 // Fallbacks, clamps and legacy keys: one document per case, and the value that reading it leaves at
 // one place of the record (read back through the disk form; null for absent).
 TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
-    const struct {
-        const char* document;
-        const char* pointer;
-        json expected;
-    } cases[] = {
+    const std::tuple<const char*, const char*, json> cases[] = {
         {R"({"apps": [{"id": "a", "volume": "loud"}]})", "/apps/0/volume", 1.0},
         {R"({"apps": [{"id": "a", "volume": 1.7}]})", "/apps/0/volume", 1.0},
         {R"({"apps": [{"id": "a", "volume": -0.2}]})", "/apps/0/volume", 0.0},
@@ -195,14 +191,13 @@ TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
         {R"({"smart": {"preferredMicUIDs": ["1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11"]}})",
          "/smart/preferredMicUIDs",
          {"1", "2", "3", "4", "5", "6", "7", "8"}}};
-    for (const auto& c : cases) {
-        const json got = json::parse(encodeTonaviConfig(decodeTonaviConfig(c.document)))
-                             .value(json::json_pointer(c.pointer), json());
-        if (c.expected.is_number_float())
-            EXPECT_NEAR(got.is_number() ? got.get<double>() : NAN, c.expected.get<double>(), 1e-6)
-                << c.document;
+    for (const auto& [document, pointer, expected] : cases) {
+        const json got = json::parse(encodeTonaviConfig(decodeTonaviConfig(document)))
+                             .value(json::json_pointer(pointer), json());
+        if (expected.is_number_float())
+            EXPECT_NEAR(got.is_number() ? got.get<double>() : NAN, expected.get<double>(), 1e-6) << document;
         else
-            EXPECT_EQ(got, c.expected) << c.document << " at " << c.pointer;
+            EXPECT_EQ(got, expected) << document << " at " << pointer;
     }
 }
 

@@ -69,43 +69,38 @@ TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
     TonaviConfig withDevice = TonaviConfig::firstRunDefaults();
     withDevice.devices = {DeviceSettings{}};
     withDevice.devices[0].id = "d";
-    const struct {
-        const char* name;
-        std::optional<std::string> previous;
-        std::string damaged;
-        TonaviConfig expected;
-        const char* detail;
-    } cases[] = {
-        {"whole apps, no previous", std::nullopt, cutAfterApps, withApps, "Kept: your apps."},
-        {"apps cut before their closing bracket", std::nullopt, cutInApps, TonaviConfig::firstRunDefaults(),
-         "Nothing in it could be read."},
-        {"readable previous wins", encodeTonaviConfig(testing::sampleConfig(2)), cutAfterApps,
-         testing::sampleConfig(2), "Kept: your last saved setup."},
-        {"nothing readable", "not json", "\x01\x02 garbage \"apps\": [ { \"id\": \"a\" ",
-         TonaviConfig::firstRunDefaults(), "Nothing in it could be read."},
-        // Apps broken inside stay the first-run ones; devices and groups are mined silently.
-        {"devices mined silently", std::nullopt,
-         "{\n  \"apps\": [ {\"volume\": 1} ],\n  \"devices\": [{\"id\": \"d\", \"useCount\": -3}],\n  "
-         "\"groups\": [],\n  \"locks\": {",
-         withDevice, "Nothing in it could be read."}};
-    for (const auto& c : cases) {
+    const std::tuple<const char*, std::optional<std::string>, std::string, TonaviConfig, const char*>
+        cases[] = {
+            {"whole apps, no previous", std::nullopt, cutAfterApps, withApps, "Kept: your apps."},
+            {"apps cut before their closing bracket", std::nullopt, cutInApps,
+             TonaviConfig::firstRunDefaults(), "Nothing in it could be read."},
+            {"readable previous wins", encodeTonaviConfig(testing::sampleConfig(2)), cutAfterApps,
+             testing::sampleConfig(2), "Kept: your last saved setup."},
+            {"nothing readable", "not json", "\x01\x02 garbage \"apps\": [ { \"id\": \"a\" ",
+             TonaviConfig::firstRunDefaults(), "Nothing in it could be read."},
+            // Apps broken inside stay the first-run ones; devices and groups are mined silently.
+            {"devices mined silently", std::nullopt,
+             "{\n  \"apps\": [ {\"volume\": 1} ],\n  \"devices\": [{\"id\": \"d\", \"useCount\": -3}],\n  "
+             "\"groups\": [],\n  \"locks\": {",
+             withDevice, "Nothing in it could be read."}};
+    for (const auto& [name, previous, damaged, expected, detail] : cases) {
         testing::removeFiles(folder.path());
-        if (c.previous)
-            writeText(store.previousURL(), *c.previous);
-        writeText(store.configURL(), c.damaged);
-        EXPECT_EQ(store.load(), c.expected) << c.name;
-        EXPECT_TRUE(readText(corruptURL()) == c.damaged) << c.name;
-        EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), c.expected) << c.name;
+        if (previous)
+            writeText(store.previousURL(), *previous);
+        writeText(store.configURL(), damaged);
+        EXPECT_EQ(store.load(), expected) << name;
+        EXPECT_TRUE(readText(corruptURL()) == damaged) << name;
+        EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), expected) << name;
         EXPECT_EQ(
             store.takeRecoveryNotice(),
             "Tonavi's settings file was damaged, so it was set aside as state.corrupt-1700000000.json in "
             "Application Support/Tonavi. " +
-                std::string(c.detail))
-            << c.name;
-        EXPECT_FALSE(store.takeRecoveryNotice()) << c.name;
+                std::string(detail))
+            << name;
+        EXPECT_FALSE(store.takeRecoveryNotice()) << name;
         // The recovered configuration is saved; a good previous file is not displaced by the bad one.
-        if (c.previous && *c.previous != "not json") {
-            EXPECT_TRUE(readText(store.previousURL()) == *c.previous) << c.name;
+        if (previous && *previous != "not json") {
+            EXPECT_TRUE(readText(store.previousURL()) == *previous) << name;
         }
     }
 }

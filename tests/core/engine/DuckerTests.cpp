@@ -32,11 +32,7 @@ struct Step {
 };
 
 TEST(Ducker, RampsFollowTheirScripts) {
-    const struct {
-        const char* name;
-        std::vector<AutoDuckRule> rules;
-        std::vector<Step> steps;
-    } cases[] = {
+    const std::tuple<const char*, std::vector<AutoDuckRule>, std::vector<Step>> cases[] = {
         {"linear attack over 80 ms, recovery over the rule's time",
          {rule("voice", -20.0, 900.0)},
          {{Triggers{"voice"}, 1.0}, // setting triggers moves nothing
@@ -67,14 +63,14 @@ TEST(Ducker, RampsFollowTheirScripts) {
         {"zero recovery",
          {rule("voice", -20.0, 0.0)},
          {{Triggers{"voice"}, 1.0}, {1e9, 0.1}, {Triggers{}, 0.1}, {2.0, 1.0}}}};
-    for (const auto& c : cases) {
-        Ducker ducker(c.rules, rate);
-        for (std::size_t i = 0; i < c.steps.size(); ++i) {
-            if (const auto* triggers = std::get_if<Triggers>(&c.steps[i].action))
+    for (const auto& [name, rules, steps] : cases) {
+        Ducker ducker(rules, rate);
+        for (std::size_t i = 0; i < steps.size(); ++i) {
+            if (const auto* triggers = std::get_if<Triggers>(&steps[i].action))
                 ducker.setActiveTriggers(*triggers);
             else
-                ducker.advance(std::get<double>(c.steps[i].action));
-            EXPECT_NEAR(ducker.currentGain("music"), c.steps[i].gain, 1e-12) << c.name << ", step " << i;
+                ducker.advance(std::get<double>(steps[i].action));
+            EXPECT_NEAR(ducker.currentGain("music"), steps[i].gain, 1e-12) << name << ", step " << i;
         }
         EXPECT_TRUE(ducker.hasGainEntry("music"));
         EXPECT_FALSE(ducker.hasGainEntry("other")); // never named by a rule

@@ -16,27 +16,23 @@ TEST(GlobalListeningPolicy, DecidesInItsOrder) {
     SmartSettings protecting, open, leaveAlone;
     open.protectMusicApps = false;
     leaveAlone.leaveAloneBundleIDs = {"com.apple.Music"};
-    const struct {
-        const char* id;
-        const AppAudioState* row;
-        const SmartSettings& smart;
-        bool expected;
-    } cases[] = {{"com.apple.Music", &plain, protecting, true},
-                 {"com.apple.Music", nullptr, protecting, true},
-                 {"com.rogueamoeba.Audio", nullptr, protecting, false},
-                 {"hidden.app", nullptr, protecting, false},
-                 {"com.apple.Music", &bypassed, protecting, false},
-                 {"com.apple.Music", &locked, protecting, false},
-                 {"com.apple.Music", &plain, leaveAlone, false},
-                 // A production tool is refused outright while music apps are protected; otherwise it gets
-                 // the treatment only when its own row asks for control.
-                 {"com.ableton.live", &controlledDAW, protecting, false},
-                 {"com.ableton.live", &daw, open, false},
-                 {"com.ableton.live", nullptr, open, false},
-                 {"com.ableton.live", &controlledDAW, open, true}};
-    for (const auto& c : cases)
-        EXPECT_EQ(GlobalListeningPolicy::mayProcess(c.id, c.row, {"hidden.app"}, c.smart), c.expected)
-            << c.id << (c.row ? " with a row" : "");
+    const std::tuple<const char*, const AppAudioState*, const SmartSettings&, bool> cases[] = {
+        {"com.apple.Music", &plain, protecting, true},
+        {"com.apple.Music", nullptr, protecting, true},
+        {"com.rogueamoeba.Audio", nullptr, protecting, false},
+        {"hidden.app", nullptr, protecting, false},
+        {"com.apple.Music", &bypassed, protecting, false},
+        {"com.apple.Music", &locked, protecting, false},
+        {"com.apple.Music", &plain, leaveAlone, false},
+        // A production tool is refused outright while music apps are protected; otherwise it gets
+        // the treatment only when its own row asks for control.
+        {"com.ableton.live", &controlledDAW, protecting, false},
+        {"com.ableton.live", &daw, open, false},
+        {"com.ableton.live", nullptr, open, false},
+        {"com.ableton.live", &controlledDAW, open, true}};
+    for (const auto& [id, row, smart, expected] : cases)
+        EXPECT_EQ(GlobalListeningPolicy::mayProcess(id, row, {"hidden.app"}, smart), expected)
+            << id << (row ? " with a row" : "");
 }
 
 TEST(GlobalListeningRender, PluginBridgeRunsBetweenTheHalvesAndCountsInLatency) {

@@ -32,13 +32,7 @@ TEST(Reconcile, WhoGetsATapAndHowItsFirstCycleSounds) {
     };
     AppAudioState perDevice = appRow("a");
     perDevice.volumePerDevice = {{"spk", 1.0}, {"hdp", 0.9998}};
-    const struct {
-        const char* why;
-        AppAudioState row;
-        Eligible eligible;
-        bool tapped;
-        float gain;
-    } cases[] = {
+    const std::tuple<const char*, AppAudioState, Eligible, bool, float> cases[] = {
         {"neutral, even when eligible", appRow("a"), EngagementEngine::IDSet{"a"}, false, 1.0f},
         {"volume within the tolerance", appRow("a", 0.99995), std::nullopt, false, 1.0f},
         {"half volume", appRow("a", 0.5), std::nullopt, true, 0.25f},
@@ -55,15 +49,15 @@ TEST(Reconcile, WhoGetsATapAndHowItsFirstCycleSounds) {
              return r;
          }(),
          std::nullopt, false, 1.0f}};
-    for (const auto& c : cases) {
-        EngineHarness h(configWith({c.row}), false);
-        h.engine->setCreationEligibility(c.eligible);
+    for (const auto& [why, row, eligible, tapped, gain] : cases) {
+        EngineHarness h(configWith({row}), false);
+        h.engine->setCreationEligibility(eligible);
         h.engine->reconcile();
-        EXPECT_EQ(h.engine->hasTap("a"), c.tapped) << c.why;
-        EXPECT_EQ(h.taps->createCalls("a"), c.tapped ? 1 : 0) << c.why;
+        EXPECT_EQ(h.engine->hasTap("a"), tapped) << why;
+        EXPECT_EQ(h.taps->createCalls("a"), tapped ? 1 : 0) << why;
         auto buffer = constantBuffer(8, 0.8f);
         h.engine->render("a", buffer);
-        EXPECT_EQ(buffer, constantBuffer(8, 0.8f * c.gain)) << c.why;
+        EXPECT_EQ(buffer, constantBuffer(8, 0.8f * gain)) << why;
     }
 }
 

@@ -85,12 +85,7 @@ TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
     rule.duckDB = -20.0;
     config.duckRules = {rule};
     using Setup = std::function<void(EngagementEngine&)>;
-    const struct {
-        const char* why;
-        const char* app;
-        Setup setup;
-        float gain;
-    } cases[] = {
+    const std::tuple<const char*, const char*, Setup, float> cases[] = {
         {"the law squares the fader", "a", {}, 0.25f},
         {"follow-me background", "a", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }, 0.1f},
         {"the hero itself", "hero", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }, 0.25f},
@@ -107,8 +102,8 @@ TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
         {"auto duck of this app", "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }, 0.125f},
         {"auto duck of another app", "a", [](EngagementEngine& e) { e.setAutoDuck({"hero"}, -6.0206); },
          0.25f}};
-    for (const auto& c : cases)
-        EXPECT_NEAR(firstCycleGain(config, c.app, c.setup), c.gain, 1e-6) << c.why;
+    for (const auto& [why, app, setup, gain] : cases)
+        EXPECT_NEAR(firstCycleGain(config, app, setup), gain, 1e-6) << why;
 
     // Soft master at zero silences without being a mute.
     EngineHarness h(config);
@@ -253,36 +248,33 @@ TEST(Render, SettingChangesRebuildTheChainAndKeepWhatOtherProcessorsLearned) {
     TonaviConfig listening = configWith({steady}), withPlugin = listening;
     listening.globalListening = kavore::GlobalListeningSettings(true, bell, {}, {});
     withPlugin.globalListening = kavore::GlobalListeningSettings(true, bell, {}, {pluginSlot("GL1")});
-    const struct {
-        const char* name;
-        TonaviConfig before, after;
-        bool mirrored;
-    } changes[] = {{"plug-in slot added to the listening treatment", listening, withPlugin, false},
-                   {"chain mirrored", configWith({steady}), configWith({mirrored}), true}};
+    const std::tuple<const char*, TonaviConfig, TonaviConfig, bool> changes[] = {
+        {"plug-in slot added to the listening treatment", listening, withPlugin, false},
+        {"chain mirrored", configWith({steady}), configWith({mirrored}), true}};
     // The tone jumps by 12 dB once steady volume has learned its level (about 3 s), and a second
     // later, at the change, steady volume is turning the app down.
     constexpr int jumpAt = 600, changeAt = 800;
-    for (const auto& change : changes) {
-        EngineHarness changed(change.before), reference(change.before);
+    for (const auto& [name, before, after, mirrored] : changes) {
+        EngineHarness changed(before), reference(before);
         ASSERT_TRUE(changed.engine->hasTap("a") && reference.engine->hasTap("a"));
         double settledPeak = 0.0;
         for (int cycle = 0; cycle < changeAt + 20; ++cycle) {
             if (cycle == changeAt)
-                changed.engine->apply(change.after);
+                changed.engine->apply(after);
             auto a = toneCycle(cycle, cycle < jumpAt ? 0.05 : 0.2), b = a;
             changed.engine->render("a", a);
             reference.engine->render("a", b);
-            const bool swap = change.mirrored && cycle >= changeAt;
+            const bool swap = mirrored && cycle >= changeAt;
             for (std::size_t i = 0; i < a.size(); ++i)
-                ASSERT_NEAR(a[i], b[swap ? i ^ 1 : i], 1e-6) << change.name << ", cycle " << cycle;
+                ASSERT_NEAR(a[i], b[swap ? i ^ 1 : i], 1e-6) << name << ", cycle " << cycle;
             const double peak = std::max(peakOf(b, 0), peakOf(b, 1));
             settledPeak = cycle == jumpAt - 1 ? peak : settledPeak;
             // Four times the tone comes out well under four times as loud.
             if (cycle == changeAt) {
-                EXPECT_LT(peak, 0.6 * 4.0 * settledPeak) << change.name << ": steady volume learned nothing";
+                EXPECT_LT(peak, 0.6 * 4.0 * settledPeak) << name << ": steady volume learned nothing";
             }
         }
-        EXPECT_EQ(changed.taps->createCalls("a"), 1) << change.name;
+        EXPECT_EQ(changed.taps->createCalls("a"), 1) << name;
     }
 }
 

@@ -109,19 +109,14 @@ TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
     const std::vector<DeviceLiveStatus> devices{
         device("usb-1", "USB Headphones", "", true), device("spk", "Speakers", "desk", true),
         device("mic", "Microphone", "", false), device("Speakers", "Other", "", true)};
-    struct Case {
-        const char* text;
-        AudioEndpointRole role;
-        std::optional<std::string> expected;
-    };
-    const std::vector<Case> cases{
+    const std::vector<std::tuple<const char*, AudioEndpointRole, std::optional<std::string>>> cases{
         {"Speakers", AudioEndpointRole::output, "Speakers"}, // exact ID on the last beats a name on the first
         {"speakers", AudioEndpointRole::output, "spk"},      {"DESK", AudioEndpointRole::output, "spk"},
         {"head", AudioEndpointRole::output, "usb-1"},        {"mic", AudioEndpointRole::output, std::nullopt},
         {"micro", AudioEndpointRole::input, "mic"},          {"micro", AudioEndpointRole::any, "mic"},
         {"nothing", AudioEndpointRole::any, std::nullopt}};
-    for (const auto& c : cases)
-        EXPECT_EQ(AudioEndpointResolver::resolve(c.text, devices, c.role), c.expected) << c.text;
+    for (const auto& [text, role, expected] : cases)
+        EXPECT_EQ(AudioEndpointResolver::resolve(text, devices, role), expected) << text;
     EXPECT_EQ(AudioEndpointResolver::resolve("x", {devices[2]}, AudioEndpointRole::output), std::nullopt);
 }
 

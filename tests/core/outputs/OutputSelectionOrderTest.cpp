@@ -6,16 +6,12 @@ namespace tonavi {
 namespace {
 
 TEST(OutputSelectionOrder, AcceptsOnlyNewerGenerationsPerClient) {
-    struct Case {
-        const char* client;
-        std::uint64_t generation;
-        bool accepted;
-    };
-    const Case cases[] = {{"", 5, false},  {"a", 0, false}, {"a", 3, true}, {"a", 3, false},
-                          {"a", 2, false}, {"b", 1, true},  {"a", 4, true}};
+    const std::tuple<const char*, std::uint64_t, bool> cases[] = {
+        {"", 5, false},  {"a", 0, false}, {"a", 3, true}, {"a", 3, false},
+        {"a", 2, false}, {"b", 1, true},  {"a", 4, true}};
     OutputSelectionOrder order;
-    for (const auto& c : cases)
-        EXPECT_EQ(order.accept(c.client, c.generation), c.accepted) << c.client << " " << c.generation;
+    for (const auto& [client, generation, accepted] : cases)
+        EXPECT_EQ(order.accept(client, generation), accepted) << client << " " << generation;
     EXPECT_EQ(order.clients, (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(order.generations.at("a"), 4u);
 }

@@ -39,53 +39,47 @@ struct FakeSystem {
     }
 };
 
-struct Case {
-    const char* why;
-    std::string target;
-    int attempts, settleReads;
-    bool refuse, drop, expected;
-    int requests;
-};
-const std::vector<Case> cases{{"already there: nothing requested", "speakers", 3, 0, false, false, true, 0},
-                              {"settles within the attempts", "bt", 3, 2, false, false, true, 1},
-                              {"settles too late", "bt", 3, 9, false, false, false, 1},
-                              {"dropped write", "usb", 3, 0, false, true, false, 1},
-                              {"refused write", "usb", 3, 0, true, false, false, 1},
-                              {"no attempts", "usb", 0, 0, false, false, false, 0},
-                              {"empty target", "", 3, 0, false, false, false, 0}};
+const std::vector<std::tuple<const char*, std::string, int, int, bool, bool, bool, int>> cases{
+    {"already there: nothing requested", "speakers", 3, 0, false, false, true, 0},
+    {"settles within the attempts", "bt", 3, 2, false, false, true, 1},
+    {"settles too late", "bt", 3, 9, false, false, false, 1},
+    {"dropped write", "usb", 3, 0, false, true, false, 1},
+    {"refused write", "usb", 3, 0, true, false, false, 1},
+    {"no attempts", "usb", 0, 0, false, false, false, 0},
+    {"empty target", "", 3, 0, false, false, false, 0}};
 
 TEST(VerifiedOutputSwitch, EveryFormSucceedsOnlyWhenTheSystemReportsTheTarget) {
-    for (const auto& c : cases) {
-        const FakeSystem fresh{"speakers", "", c.settleReads, 0, 0, c.refuse, c.drop, {}};
+    for (const auto& [why, target, attempts, settleReads, refuse, drop, expected, requests] : cases) {
+        const FakeSystem fresh{"speakers", "", settleReads, 0, 0, refuse, drop, {}};
         FakeSystem blocking = fresh, async = fresh, nb = fresh;
         EXPECT_EQ(VerifiedOutputSwitch::perform(
-                      c.target, c.attempts, [&] { return blocking.request(c.target); },
+                      target, attempts, [&] { return blocking.request(target); },
                       [&] { return blocking.read(); }, [] {}),
-                  c.expected)
-            << c.why;
-        EXPECT_EQ(blocking.requests, c.requests) << c.why;
+                  expected)
+            << why;
+        EXPECT_EQ(blocking.requests, requests) << why;
 
         std::optional<bool> asyncResult;
         VerifiedOutputSwitch::performAsync(
-            c.target, c.attempts, [&] { return async.request(c.target); }, [&] { return async.read(); },
+            target, attempts, [&] { return async.request(target); }, [&] { return async.read(); },
             [] { return true; }, async.schedule(), [&](bool ok) { asyncResult = ok; });
         async.drain();
-        EXPECT_EQ(asyncResult, c.expected) << c.why;
+        EXPECT_EQ(asyncResult, expected) << why;
 
         // The non-blocking request finds an already-current target itself and writes nothing.
         std::optional<bool> nbResult;
         VerifiedOutputSwitch::performNonblocking(
-            c.target, c.attempts,
+            target, attempts,
             [&](auto done) {
-                nb.steps.push_back([&, done] { done(nb.current == c.target || nb.request(c.target)); });
+                nb.steps.push_back([&, done] { done(nb.current == target || nb.request(target)); });
             },
             [&](auto done) { nb.steps.push_back([&, done] { done(nb.read()); }); }, [] { return true; },
             nb.schedule(), [&](bool ok) { nbResult = ok; });
         nb.drain();
-        EXPECT_EQ(nbResult, c.expected) << c.why;
-        EXPECT_EQ(nb.requests, c.requests) << c.why;
-        if (c.drop) { // attempts delays mean attempts + 1 reads
-            EXPECT_EQ(nb.reads, c.attempts + 1) << c.why;
+        EXPECT_EQ(nbResult, expected) << why;
+        EXPECT_EQ(nb.requests, requests) << why;
+        if (drop) { // attempts delays mean attempts + 1 reads
+            EXPECT_EQ(nb.reads, attempts + 1) << why;
         }
     }
 }

@@ -13,33 +13,24 @@ using Opt = std::optional<std::string>;
 
 TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
     const auto refuse = [](std::string_view id) { return id != "com.blocked"; };
-    struct Case {
-        Opt frontmost;
-        BundleIDSet audible;
-        Opt held;
-        Opt hero;
-    } cases[] = {
+    const std::tuple<Opt, BundleIDSet, Opt, Opt> cases[] = {
         {"com.front", {"com.front", "com.music"}, "com.music", "com.front"},
         {"com.editor", {"com.music"}, "com.music", "com.music"}, // silent app in front keeps the hero
         {"com.blocked", {"com.blocked", "com.music"}, "com.music", "com.music"}, // refused front falls back
         {"com.blocked", {"com.blocked"}, "com.blocked", "com.blocked"},          // the held one is not asked
         {"com.front", {}, "com.music", std::nullopt},                            // nothing audible: none
         {std::nullopt, {"com.music"}, std::nullopt, std::nullopt}};
-    for (const auto& c : cases)
-        EXPECT_EQ(FollowMePolicy::hero(c.frontmost, c.audible, c.held, refuse), c.hero)
-            << c.frontmost.value_or("-");
+    for (const auto& [frontmost, audible, held, hero] : cases)
+        EXPECT_EQ(FollowMePolicy::hero(frontmost, audible, held, refuse), hero) << frontmost.value_or("-");
 }
 
 TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
-    struct Case {
-        Transport transport;
-        const char* name;
-        bool protectedOutput;
-    } cases[] = {{Transport::usb, "Studio Headphones", true},    {Transport::usb, "JBL Speaker", false},
-                 {Transport::bluetooth, "JBL Speaker", true},    {Transport::builtin, "Bose Home", false},
-                 {Transport::builtin, "External HEADSET", true}, {Transport::usb, "AirPods Max", true}};
-    for (const auto& c : cases)
-        EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(c.transport, c.name), c.protectedOutput) << c.name;
+    const std::tuple<Transport, const char*, bool> cases[] = {
+        {Transport::usb, "Studio Headphones", true},    {Transport::usb, "JBL Speaker", false},
+        {Transport::bluetooth, "JBL Speaker", true},    {Transport::builtin, "Bose Home", false},
+        {Transport::builtin, "External HEADSET", true}, {Transport::usb, "AirPods Max", true}};
+    for (const auto& [transport, name, protectedOutput] : cases)
+        EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(transport, name), protectedOutput) << name;
 }
 
 TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
@@ -49,18 +40,16 @@ TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
         {"Y:input", Transport::usb, {}},
         {"Z", Transport::bluetooth, {"X:output"}}, // related to the output-only headset
         {"W", Transport::builtin, {"X:output"}}};
-    struct Case {
-        BundleIDSet outputOnly;
+    const std::tuple<BundleIDSet, std::vector<std::string>> cases[] = {
+        {{"X:output"}, {"Y:input", "W"}},
+        {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
+        {{"Y:input"}, {"X:input", "X:output", "Z", "W"}},
+        {{""}, {"X:input", "X:output", "Y:input", "Z", "W"}}};
+    for (const auto& [outputOnly, expected] : cases) {
         std::vector<std::string> kept;
-    } cases[] = {{{"X:output"}, {"Y:input", "W"}},
-                 {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
-                 {{"Y:input"}, {"X:input", "X:output", "Z", "W"}},
-                 {{""}, {"X:input", "X:output", "Y:input", "Z", "W"}}};
-    for (const auto& c : cases) {
-        std::vector<std::string> kept;
-        for (const auto& candidate : MicFollowPolicy::filtered(inputs, c.outputOnly))
+        for (const auto& candidate : MicFollowPolicy::filtered(inputs, outputOnly))
             kept.push_back(candidate.uid);
-        EXPECT_EQ(kept, c.kept) << *c.outputOnly.begin();
+        EXPECT_EQ(kept, expected) << *outputOnly.begin();
     }
 }
 
@@ -68,12 +57,7 @@ TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
     const InputCandidate usb{"usb", Transport::usb, {}}, builtin{"mac", Transport::builtin, {}},
         other{"odd", Transport::other, {}}, bt{"H:input", Transport::bluetooth, {}},
         usb2{"usb2", Transport::usb, {}};
-    struct Case {
-        std::vector<InputCandidate> inputs;
-        BundleIDSet outputOnly;
-        std::vector<std::string> preferred;
-        Opt automatic, preferredPick;
-    } cases[] = {
+    const std::tuple<std::vector<InputCandidate>, BundleIDSet, std::vector<std::string>, Opt, Opt> cases[] = {
         {{builtin, usb}, {}, {}, "usb", "mac"},
         {{other}, {}, {}, "odd", std::nullopt},
         {{}, {}, {"usb"}, std::nullopt, std::nullopt},
@@ -81,9 +65,9 @@ TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
         {{builtin, usb, bt}, {"H:output"}, {"H:input"}, "usb", "mac"}, // a dropped preference is ignored
         {{builtin, usb, usb2}, {}, {"gone", "usb2", "usb"}, "usb", "usb2"},
         {{other, builtin}, {}, {"odd"}, "mac", "odd"}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly), c.automatic);
-        EXPECT_EQ(MicFollowPolicy::pick(c.inputs, c.outputOnly, c.preferred), c.preferredPick);
+    for (const auto& [inputs, outputOnly, preferred, automatic, preferredPick] : cases) {
+        EXPECT_EQ(MicFollowPolicy::pick(inputs, outputOnly), automatic);
+        EXPECT_EQ(MicFollowPolicy::pick(inputs, outputOnly, preferred), preferredPick);
     }
 }
 

@@ -25,10 +25,7 @@ std::string decodeError(std::string_view json) {
 // Each literal is what a client sends; decoding must give the value and encoding the value must give the
 // same text back (keys are written sorted).
 TEST(TonaviRequestJSON, GoldenDocumentsDecodeAndEncodeExactly) {
-    const struct {
-        const char* text;
-        TonaviRequest value;
-    } cases[] = {
+    const std::tuple<const char*, TonaviRequest> cases[] = {
         {R"({"ping":{}})", R::ping()},
         {R"({"status":{}})", {R::Status{}}},
         {R"({"setAppVolume":{"bundleID":"com.apple.Safari","volume":0.5}})",
@@ -46,10 +43,10 @@ TEST(TonaviRequestJSON, GoldenDocumentsDecodeAndEncodeExactly) {
          {R::SetLane{{"L1", "com.spotify.client", "USB-1", false}}}},
         {R"({"setSystemMagicBoost":{"settings":{"amount":0.25,"enabled":true}}})",
          {R::SetSystemMagicBoost{kavore::LevelerSettings::unclamped(0.25, true)}}}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.text);
-        EXPECT_EQ(decodeRequest(c.text), c.value);
-        EXPECT_EQ(encodeRequest(c.value), c.text);
+    for (const auto& [text, value] : cases) {
+        SCOPED_TRACE(text);
+        EXPECT_EQ(decodeRequest(text), value);
+        EXPECT_EQ(encodeRequest(value), text);
     }
     // Whitespace and keys nobody asked for do not matter; a float with an integral value is an integer.
     EXPECT_EQ(decodeRequest(

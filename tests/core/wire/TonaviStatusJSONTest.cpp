@@ -88,10 +88,7 @@ TEST(TonaviStatusJSON, NullOptionalFieldReadsAsAbsent) {
 }
 
 TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
-    const struct {
-        std::string text;
-        const char* expected;
-    } cases[] = {
+    const std::tuple<std::string, const char*> cases[] = {
         {fullStatusWith(R"("apps":[)", R"("appz":[)"), "missing required key \"apps\""},
         {fullStatusWith(R"("transport":"virtual")", R"("transport":"firewire")"),
          "devices: [0]: transport: cannot initialize Transport from invalid value \"firewire\""},
@@ -109,10 +106,10 @@ TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
         {fullStatusWith(R"("soloAppIDs":[)", R"("soloAppIDs":[1,)"),
          "soloAppIDs: [0]: expected a string, found an integer"},
         {"[]", "expected an object, found an array"}};
-    for (const auto& c : cases) {
-        const std::string message = statusError(c.text);
-        EXPECT_NE(message.find(c.expected), std::string::npos)
-            << "expected: " << c.expected << "\ngot: " << message;
+    for (const auto& [text, expected] : cases) {
+        const std::string message = statusError(text);
+        EXPECT_NE(message.find(expected), std::string::npos)
+            << "expected: " << expected << "\ngot: " << message;
     }
 }
 
@@ -192,22 +189,20 @@ TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
     at.health[0].at = nan;
     Diagnostics diagnostics;
     diagnostics.config.softMasterPercent = nan;
-    const struct {
-        const char* where;
-        std::function<void()> encode;
-    } cases[] = {{"apps[0].level", [&] { encodeStatus(level); }},
-                 {"devices[0].lastUsedAt", [&] { encodeStatus(lastUsed); }},
-                 {"health[0].at", [&] { encodeStatus(at); }},
-                 {"config.softMasterPercent", [&] { TonaviPayload::encode(diagnostics); }},
-                 {"[0].secondsSinceAudio", [&] {
-                      TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
-                  }}};
-    for (const auto& c : cases) {
+    const std::tuple<const char*, std::function<void()>> cases[] = {
+        {"apps[0].level", [&] { encodeStatus(level); }},
+        {"devices[0].lastUsedAt", [&] { encodeStatus(lastUsed); }},
+        {"health[0].at", [&] { encodeStatus(at); }},
+        {"config.softMasterPercent", [&] { TonaviPayload::encode(diagnostics); }},
+        {"[0].secondsSinceAudio", [&] {
+             TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
+         }}};
+    for (const auto& [where, encode] : cases) {
         try {
-            c.encode();
-            ADD_FAILURE() << "encoded a non-finite number at " << c.where;
+            encode();
+            ADD_FAILURE() << "encoded a non-finite number at " << where;
         } catch (const WireEncodingError& e) {
-            EXPECT_NE(std::string(e.what()).find(std::string("not finite at ") + c.where), std::string::npos)
+            EXPECT_NE(std::string(e.what()).find(std::string("not finite at ") + where), std::string::npos)
                 << e.what();
         }
     }
