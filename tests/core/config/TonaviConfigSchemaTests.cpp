@@ -227,23 +227,6 @@ TEST(TonaviConfigWriting, NonFiniteNumbersAndBadTextRefuseToEncode) {
     }
 }
 
-TEST(TonaviConfigMethods, FirstRunDefaultsAreFiveFavouritesAndStartAtLogin) {
-    TonaviConfig expected;
-    expected.startAtLogin = true;
-    for (const auto& [id, name] : {std::pair{"com.anthropic.claudefordesktop", "Claude"},
-                                   {"com.openai.chat", "ChatGPT"},
-                                   {"com.google.Chrome", "Chrome"},
-                                   {"com.apple.Safari", "Safari"},
-                                   {"org.musescore.MuseScore", "MuseScore"}}) {
-        AppAudioState app(id);
-        app.displayName = name;
-        app.favorite = true;
-        app.favoriteRank = static_cast<std::int64_t>(expected.apps.size());
-        expected.apps.push_back(app);
-    }
-    EXPECT_EQ(TonaviConfig::firstRunDefaults(), expected);
-}
-
 TEST(TonaviConfigMethods, AppLookupAndUpsert) {
     TonaviConfig config;
     config.apps = {AppAudioState("a"), AppAudioState("b"), AppAudioState("a")};

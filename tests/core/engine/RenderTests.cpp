@@ -212,13 +212,11 @@ TEST(WorkerState, HeldHiddenAndNormalRows) {
     EXPECT_EQ(sent.followMeHero, "solo");
 
     const auto hidden = *h.engine->tapWorkerState("hidden");
-    EXPECT_EQ(hidden.app.volume, 1.0);
-    EXPECT_FALSE(hidden.followMeHero.has_value() || hidden.loudnessGuardActive);
+    EXPECT_FALSE(hidden.app.volume != 1.0 || hidden.followMeHero || hidden.loudnessGuardActive);
 
     h.engine->setSoloApps({"solo"});
     const auto suppressed = *h.engine->tapWorkerState("plain");
-    EXPECT_TRUE(suppressed.app.muted);
-    EXPECT_EQ(suppressed.app.volume, 1.0);
+    EXPECT_TRUE(suppressed.app.muted && suppressed.app.volume == 1.0);
     EXPECT_EQ(suppressed.globalListening, kavore::GlobalListeningSettings::off());
 }
 

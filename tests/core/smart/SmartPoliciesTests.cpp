@@ -1,6 +1,9 @@
+#include "core/smart/AudioOnsetPolicy.hpp"
+#include "core/smart/AudioOnsetTrail.hpp"
 #include "core/smart/FollowMePolicy.hpp"
 #include "core/smart/LoudnessGuardPolicy.hpp"
 #include "core/smart/MicFollowPolicy.hpp"
+#include <nlohmann/json.hpp>
 
 #include <gtest/gtest.h>
 
@@ -69,6 +72,86 @@ TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
         EXPECT_EQ(MicFollowPolicy::pick(inputs, outputOnly), automatic);
         EXPECT_EQ(MicFollowPolicy::pick(inputs, outputOnly, preferred), preferredPick);
     }
+}
+
+constexpr double t0 = 1'700'000'000.0;
+
+std::vector<std::string> ids(const std::vector<AudioOnset>& onsets) {
+    std::vector<std::string> out;
+    for (const auto& onset : onsets)
+        out.push_back(onset.id);
+    return out;
+}
+
+TEST(AudioOnsetPolicy, AgoText) {
+    const std::pair<double, const char*> cases[] = {
+        {0, "1s ago"},  {0.4, "1s ago"},   {-3, "1s ago"},   {1.5, "2s ago"},    {59.6, "60s ago"},
+        {60, "1m ago"}, {3599, "59m ago"}, {3600, "1h ago"}, {86400, "24h ago"}, {NAN, "1s ago"}};
+    for (const auto& [seconds, text] : cases)
+        EXPECT_EQ(AudioOnsetPolicy::agoText(seconds), text) << seconds;
+}
+
+TEST(AudioOnsetPolicy, TrailKeepsThreeHundredSecondsNewestFirstAndStable) {
+    const std::vector<AudioOnset> onsets{{"old", t0 - 301, std::nullopt, {}, {}},
+                                         {"edge", t0 - 300, std::nullopt, {}, {}},
+                                         {"a", t0 - 5, std::nullopt, {}, {}},
+                                         {"b", t0 - 5, std::nullopt, {}, {}},
+                                         {"new", t0, std::nullopt, {}, {}}};
+    EXPECT_EQ(ids(AudioOnsetPolicy::trail(onsets, t0)), (std::vector<std::string>{"new", "a", "b", "edge"}));
+    EXPECT_EQ(AudioOnsetPolicy::newPlaying({"a", "b"}, {"b", "c"}), (BundleIDSet{"c"}));
+}
+
+TEST(AudioOnsetTrail, FirstSnapshotIsABaselineAndLaterNewcomersAreOnsets) {
+    AudioOnsetTrail trail;
+    const auto front = [] { return std::optional<std::string>("com.front"); };
+    EXPECT_TRUE(trail.recordPlaybackOnsets({"com.playing"}, t0, front).empty());
+    EXPECT_TRUE(trail.events().empty());
+    trail.recordPlaybackOnsets({"com.playing", "com.new"}, t0 + 1, front);
+    // Paused and resumed between two snapshots: still playing in both, so no onset.
+    trail.recordPlaybackOnsets({"com.playing", "com.new"}, t0 + 2, front);
+    EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 2)), (std::vector<std::string>{"com.new"}));
+    EXPECT_EQ(trail.events().at("com.new").startedAt, t0 + 1);
+}
+
+TEST(AudioOnsetTrail, AlertsShareOneEntryAndNameTheAppInFront) {
+    AudioOnsetTrail trail;
+    int asked = 0;
+    std::optional<std::string> front;
+    const auto frontmost = [&] {
+        ++asked;
+        return front;
+    };
+    EXPECT_EQ(trail.noteSoundOnset("com.app", t0, frontmost), std::nullopt);
+    EXPECT_EQ(asked, 0); // only an alert needs the app in front
+    EXPECT_EQ(trail.noteSoundOnset("systemsoundserverd", t0 + 1, frontmost),
+              "tonavi: macOS alert sound played while unknown was in front");
+    front = "com.editor";
+    EXPECT_EQ(trail.noteSoundOnset("systemsoundserverd", t0 + 2, frontmost),
+              "tonavi: macOS alert sound played while com.editor was in front");
+    trail.noteOutputMove("usb-1", "Desk DAC", t0 + 3);
+    // Golden: what the status record carries.
+    const nlohmann::json shown = trail.currentAudioOnsets({}, t0 + 3);
+    EXPECT_EQ(shown, nlohmann::json::parse(R"([
+        {"id": "output:usb-1", "startedAt": 1700000003.0, "kind": "output", "label": "Desk DAC"},
+        {"id": "alert:macos", "startedAt": 1700000002.0, "kind": "alert", "frontmostAppID": "com.editor",
+         "label": "macOS alert sound"},
+        {"id": "com.app", "startedAt": 1700000000.0, "kind": "app"}])"));
+}
+
+TEST(AudioOnsetTrail, HiddenAppsAreStoredButNotShownAndOldEventsArePruned) {
+    AudioOnsetTrail trail;
+    trail.recordPlaybackOnsets({}, t0, {});
+    trail.recordPlaybackOnsets({"com.hidden", "com.shown"}, t0, {});
+    const std::vector<std::string> hidden{"com.hidden", "output:x"};
+    EXPECT_EQ(ids(trail.currentAudioOnsets(hidden, t0 + 10)), (std::vector<std::string>{"com.shown"}));
+    EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 10)),
+              (std::vector<std::string>{"com.hidden", "com.shown"}));
+
+    trail.noteOutputMove("x", "X", t0 + 301); // prunes, but 301 s old is kept until 302
+    EXPECT_EQ(trail.events().size(), 3u);
+    EXPECT_EQ(ids(trail.currentAudioOnsets(hidden, t0 + 301)), (std::vector<std::string>{"output:x"}));
+    trail.recordPlaybackOnsets({"com.hidden", "com.shown"}, t0 + 302.5, {});
+    EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 302.5)), (std::vector<std::string>{"output:x"}));
 }
 
 } // namespace
