@@ -16,18 +16,10 @@ using testing::readText;
 using testing::writeText;
 namespace fs = std::filesystem;
 
-QuickConfig quickConfig(const std::string& name, int variant) {
+QuickConfig quickConfig(const std::string& name) {
     QuickConfig config;
     config.name = name;
-    config.iconName = "music.note";
-    config.shortcutKey = "1";
-    config.savedAt = 1.7e9 + variant;
-    config.rig.tonavi = testing::sampleConfig(variant);
-    config.rig.kavore = R"({"devices":[{"name":"Rig","sources":[1,2]}]})";
-    if (variant % 2) {
-        config.outputDeviceUID = "device-1";
-        config.outputVolume = 0.75;
-    }
+    config.rig.tonavi = testing::sampleConfig(0);
     return config;
 }
 
@@ -46,32 +38,20 @@ TEST_F(SideFilesTest, QuickConfigGoldenFileUnderItsFileName) {
         "savedAt": 1700000001.5, "rig": {"formatVersion": 1, "tonavi": {}, "kavore": {"devices": [1]}},
         "outputDeviceUID": "device-1", "outputDeviceName": "Desk", "outputVolume": 0.75,
         "inputDeviceUID": "mic-1", "inputDeviceName": "Mic"})");
-    QuickConfig expected;
-    expected.name = "Rock/Pop";
-    expected.iconName = "music.note";
-    expected.shortcutKey = "1";
-    expected.savedAt = 1700000001.5;
-    expected.rig.formatVersion = 1;
-    expected.rig.tonavi = TonaviConfig();
-    expected.rig.kavore = R"({"devices":[1]})";
-    expected.outputDeviceUID = "device-1";
-    expected.outputDeviceName = "Desk";
-    expected.outputVolume = 0.75;
-    expected.inputDeviceUID = "mic-1";
-    expected.inputDeviceName = "Mic";
-
     writeText(store.configFileURL("Rock/Pop"), file.dump());
-    EXPECT_EQ(store.loadQuickConfig("Rock/Pop"), expected);
-    // "/" and "-" share a file.
-    EXPECT_EQ(store.loadQuickConfig("Rock-Pop").name, "Rock/Pop");
+    QuickConfig loaded = store.loadQuickConfig("Rock-Pop"); // "/" and "-" share a file
+    EXPECT_EQ(loaded.rig.tonavi, TonaviConfig());
+    EXPECT_EQ(loaded.rig.kavore, R"({"devices":[1]})");
+    EXPECT_EQ(loaded.savedAt, 1700000001.5);
+    EXPECT_EQ(loaded.inputDeviceName, "Mic");
 
-    store.saveQuickConfig(expected);
+    store.saveQuickConfig(loaded);
     json written = json::parse(readText(store.configFileURL("Rock/Pop")));
     EXPECT_EQ(written["rig"]["tonavi"], json::parse(encodeTonaviConfig(TonaviConfig())));
     written["rig"]["tonavi"] = json::object();
     EXPECT_EQ(written, file);
-    expected.outputDeviceName.reset();
-    store.saveQuickConfig(expected);
+    loaded.outputDeviceName.reset();
+    store.saveQuickConfig(loaded);
     EXPECT_FALSE(json::parse(readText(store.configFileURL("Rock/Pop"))).contains("outputDeviceName"));
 
     store.deleteQuickConfig("Rock/Pop");
@@ -81,9 +61,8 @@ TEST_F(SideFilesTest, QuickConfigGoldenFileUnderItsFileName) {
 }
 
 TEST_F(SideFilesTest, ListSkipsOtherFilesAndDamageAndSortsByName) {
-    store.saveQuickConfig(quickConfig("b", 0));
-    store.saveQuickConfig(quickConfig("A", 1));
-    store.saveQuickConfig(quickConfig("a", 2));
+    for (const char* name : {"b", "A", "a"})
+        store.saveQuickConfig(quickConfig(name));
     writeText(store.configsDir() / "x.json", testing::readText(store.configFileURL("b")));
     writeText(store.configsDir() / "broken.tonavirig", "{\"name\": \"broken\"");
     writeText(store.configsDir() / "partial.tonavirig",
@@ -103,70 +82,47 @@ TEST_F(SideFilesTest, ListSkipsOtherFilesAndDamageAndSortsByName) {
     EXPECT_TRUE(store.listQuickConfigs().empty());
 }
 
-TEST(RigFileReading, OptionalPartsMustReadWhenPresent) {
-    EXPECT_THROW(json::parse(R"({"tonavi": {}})").get<RigFile>(), ConfigDecodeError);
-    EXPECT_THROW(json::parse(R"({"formatVersion": 1, "tonavi": []})").get<RigFile>(), ConfigDecodeError);
-    const RigFile rig = json::parse(R"({"formatVersion": 3, "tonavi": {}, "kavore": null})").get<RigFile>();
-    EXPECT_EQ(rig.formatVersion, 3);
-    EXPECT_EQ(rig.tonavi, TonaviConfig());
-    EXPECT_FALSE(rig.kavore);
-}
-
 TEST(SceneMerge, SceneSetsSoundAndRoutingTheMachineKeepsTheRest) {
-    TonaviConfig onto = testing::sampleConfig(0);
-    TonaviConfig scene = testing::sampleConfig(1);
-    // Scene: app1 (changed), app3 (new), no app0 or app2. Onto: app0, app1, app2.
+    TonaviConfig onto = testing::sampleConfig(0), scene = testing::sampleConfig(1);
+    // Scene: app1 (changed) and app3 (new); onto: app0, app1, app2. Groups and presets merge the same way.
     scene.apps = {scene.apps[1], scene.apps[3]};
     scene.apps[0].volume = 0.01;
     scene.groups[0].name = "Scene group";
-    OutputGroup extra;
-    extra.id = "only-onto";
-    onto.groups.push_back(extra);
-    kavore::EQPreset mine;
-    mine.id = "p1";
-    mine.name = "Mine";
-    kavore::EQPreset theirs = mine;
+    onto.groups.push_back(OutputGroup{"only-onto", "", "", {}});
+    kavore::EQPreset mine, theirs, other;
+    mine.id = theirs.id = "p1";
     theirs.name = "Scene's";
-    kavore::EQPreset other = mine;
     other.id = "p2";
     onto.customEQPresets = {mine, other};
     scene.customEQPresets = {theirs};
+    // The machine's own records differ in the scene, and are not taken from it.
     scene.devices.clear();
     scene.ui.theme = "scene";
     scene.hiddenAppIDs = {"scene-hidden"};
     scene.startAtLogin = !onto.startAtLogin;
+    scene.bluetooth.clear();
+    // Sound and routing do come from the scene.
     scene.locks.balance = true;
+    scene.smart.autoDuck = true;
+    scene.lanes.clear();
+    scene.duckRules.clear();
+    scene.focusLinks.clear();
+    scene.softMasterMuted = true;
+    scene.systemRows.systemChain.bypassed = true;
 
-    const TonaviConfig merged = SceneLoadPolicy::merge(scene, onto);
-    std::vector<std::string> ids;
-    for (const auto& app : merged.apps)
-        ids.push_back(app.id);
-    EXPECT_EQ(ids, (std::vector<std::string>{"com.example.app1", "com.example.app3", "com.example.app0",
-                                             "com.example.app2"}));
-    EXPECT_EQ(merged.apps[0], scene.apps[0]);
-    EXPECT_EQ(merged.apps[2], onto.apps[0]);
-    ASSERT_EQ(merged.groups.size(), 2u);
-    EXPECT_EQ(merged.groups[0].name, "Scene group");
-    EXPECT_EQ(merged.groups[1].id, "only-onto");
-    ASSERT_EQ(merged.customEQPresets.size(), 2u);
-    EXPECT_EQ(merged.customEQPresets[0].name, "Scene's");
-    EXPECT_EQ(merged.customEQPresets[1].id, "p2");
-
-    // From the machine.
-    EXPECT_EQ(merged.devices, onto.devices);
-    EXPECT_EQ(merged.ui, onto.ui);
-    EXPECT_EQ(merged.hiddenAppIDs, onto.hiddenAppIDs);
-    EXPECT_EQ(merged.startAtLogin, onto.startAtLogin);
-    EXPECT_EQ(merged.bluetooth, onto.bluetooth);
-    EXPECT_EQ(merged.hearingCare, onto.hearingCare);
-    EXPECT_EQ(merged.globalListening, onto.globalListening);
-    EXPECT_EQ(merged.audibleAppLastHeardAt, onto.audibleAppLastHeardAt);
-    // From the scene.
-    EXPECT_EQ(merged.locks, scene.locks);
-    EXPECT_EQ(merged.softMasterPercent, scene.softMasterPercent);
-    EXPECT_EQ(merged.smart, scene.smart);
-    EXPECT_EQ(merged.systemRows, scene.systemRows);
-    EXPECT_EQ(merged.lanes, scene.lanes);
+    TonaviConfig expected = onto;
+    expected.apps = {scene.apps[0], scene.apps[1], onto.apps[0], onto.apps[2]};
+    expected.groups = {scene.groups[0], onto.groups[1]};
+    expected.customEQPresets = {theirs, other};
+    expected.locks = scene.locks;
+    expected.smart = scene.smart;
+    expected.lanes.clear();
+    expected.duckRules.clear();
+    expected.focusLinks.clear();
+    expected.softMasterPercent = scene.softMasterPercent;
+    expected.softMasterMuted = true;
+    expected.systemRows = scene.systemRows;
+    EXPECT_EQ(SceneLoadPolicy::merge(scene, onto), expected);
 }
 
 TEST_F(SideFilesTest, AutoDirectFileAlwaysMirrorsTheBundledList) {
@@ -212,14 +168,12 @@ TEST_F(SideFilesTest, MIDIMappingsGoldenFileWithOneKeyTargets) {
         {"id": "m4", "channel": 16, "cc": 10, "target": {"configLoad": {"name": "Rock/Pop"}}},
         {"id": "m5", "channel": 3, "cc": 11, "target": {"stageMode": {}}},
         {"id": "m6", "channel": 4, "cc": 127, "target": {"outputVolume": {}}}])");
-    const std::vector<MIDIMapping> mappings = {
-        {"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}},
-        {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
-        {"m3", 2, 9, MIDIMapping::DeviceVolume{"dev"}},
-        {"m4", 16, 10, MIDIMapping::ConfigLoad{"Rock/Pop"}},
-        {"m5", 3, 11, MIDIMapping::StageMode{}},
-        {"m6", 4, 127, MIDIMapping::OutputVolume{}},
-    };
+    const std::vector<MIDIMapping> mappings = {{"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}},
+                                               {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
+                                               {"m3", 2, 9, MIDIMapping::DeviceVolume{"dev"}},
+                                               {"m4", 16, 10, MIDIMapping::ConfigLoad{"Rock/Pop"}},
+                                               {"m5", 3, 11, MIDIMapping::StageMode{}},
+                                               {"m6", 4, 127, MIDIMapping::OutputVolume{}}};
     writeText(store.midiMappingsURL(), file.dump());
     EXPECT_EQ(store.loadMIDIMappings(), mappings);
     store.saveMIDIMappings(mappings);

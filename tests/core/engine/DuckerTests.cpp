@@ -3,121 +3,96 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <variant>
 
 namespace tonavi {
 namespace {
 
 constexpr double rate = 48000.0;
+const double sixDB = 0.501187233627272, twelveDB = 0.251188643150958;
 
-AutoDuckRule rule(std::string trigger, std::vector<std::string> ducked, double db, double recoveryMS,
-                  bool enabled = true) {
+AutoDuckRule rule(std::string trigger, double db, double recoveryMS, bool enabled = true) {
     AutoDuckRule r;
     r.id = trigger + "-rule";
     r.triggerBundleID = std::move(trigger);
-    r.duckedBundleIDs = std::move(ducked);
+    r.duckedBundleIDs = {"music"};
     r.duckDB = db;
     r.recoveryMS = recoveryMS;
     r.enabled = enabled;
     return r;
 }
 
+// A script of trigger changes and advances, each followed by the gain "music" must then have.
 // -20 dB is a linear 0.1, so the range is 0.9. The attack always takes 80 ms (3840 frames at
 // 48 kHz), the recovery the rule's time.
-TEST(Ducker, RampsDownLinearlyOverEightyMillisecondsAndRecoversOverTheRuleTime) {
-    Ducker ducker({rule("voice", {"music"}, -20.0, 900.0)}, rate);
-    ducker.setActiveTriggers({"voice"});
-    EXPECT_DOUBLE_EQ(ducker.currentGain("music"), 1.0); // setting triggers moves nothing
+using Triggers = std::set<std::string, std::less<>>;
+struct Step {
+    std::variant<Triggers, double> action; // new triggers, or frames to advance
+    double gain;
+};
 
-    ducker.advance(1920.0);
-    EXPECT_NEAR(ducker.currentGain("music"), 0.55, 1e-12);
-    ducker.advance(1920.0);
-    EXPECT_NEAR(ducker.currentGain("music"), 0.1, 1e-12);
-    ducker.advance(1920.0); // never overshoots
-    EXPECT_NEAR(ducker.currentGain("music"), 0.1, 1e-12);
-
-    ducker.setActiveTriggers({});
-    ducker.advance(4320.0); // a tenth of 900 ms: a tenth of the range
-    EXPECT_NEAR(ducker.currentGain("music"), 0.19, 1e-12);
-    ducker.advance(1e9);
-    EXPECT_DOUBLE_EQ(ducker.currentGain("music"), 1.0);
-}
-
-TEST(Ducker, TriggerEndingMidAttackReversesFromWhereItStandsAtTheRecoveryRate) {
-    Ducker ducker({rule("voice", {"music"}, -20.0, 900.0)}, rate);
-    ducker.setActiveTriggers({"voice"});
-    ducker.advance(1920.0);
-    ASSERT_NEAR(ducker.currentGain("music"), 0.55, 1e-12);
-    ducker.setActiveTriggers({});
-    ducker.advance(4320.0);
-    EXPECT_NEAR(ducker.currentGain("music"), 0.64, 1e-12);
-    ducker.advance(-500.0); // negative counts are nothing
-    EXPECT_NEAR(ducker.currentGain("music"), 0.64, 1e-12);
-}
-
-TEST(Ducker, DeepestRuleWinsAndDepthsDoNotAddUp) {
-    Ducker ducker({rule("a", {"music"}, -6.0, 900.0), rule("b", {"music"}, -12.0, 900.0)}, rate);
-    ducker.setActiveTriggers({"a", "b"});
-    EXPECT_NEAR(ducker.targetGain("music"), 0.251188643150958, 1e-12);
-    ducker.setActiveTriggers({"a"});
-    EXPECT_NEAR(ducker.targetGain("music"), 0.501187233627272, 1e-12);
-    ducker.advance(1e9);
-    EXPECT_NEAR(ducker.currentGain("music"), 0.501187233627272, 1e-12);
-}
-
-TEST(Ducker, DisabledRulesDoNotDuckButStillSetRangeAndRecoveryOfTheirApps) {
-    // The first rule naming "music" is disabled; it still gives range 0.9 and 100 ms recovery.
-    Ducker ducker({rule("x", {"music"}, -20.0, 100.0, false), rule("voice", {"music"}, -6.0, 2000.0)}, rate);
-    ducker.setActiveTriggers({"x"});
-    EXPECT_DOUBLE_EQ(ducker.targetGain("music"), 1.0);
-
-    ducker.setActiveTriggers({"voice"});
-    ducker.advance(1920.0);
-    EXPECT_NEAR(ducker.currentGain("music"), 0.55, 1e-12);
-    ducker.advance(1920.0);
-    const double sixDB = 0.501187233627272;
-    EXPECT_NEAR(ducker.currentGain("music"), sixDB, 1e-12);
-    ducker.setActiveTriggers({});
-    ducker.advance(2400.0); // half of 100 ms: half the 0.9 range
-    EXPECT_NEAR(ducker.currentGain("music"), sixDB + 0.45, 1e-12);
-}
-
-TEST(Ducker, ZeroDepthAndZeroRecoveryEdges) {
-    Ducker flat({rule("voice", {"music"}, 0.0, 900.0)}, rate);
-    flat.setActiveTriggers({"voice"});
-    flat.advance(128.0);
-    EXPECT_DOUBLE_EQ(flat.currentGain("music"), 1.0);
-    EXPECT_TRUE(flat.hasGainEntry("music"));
-    EXPECT_FALSE(flat.hasGainEntry("other")); // never named by a rule
-
-    // A recovery under one frame steps by range x frames: back in one cycle.
-    Ducker instant({rule("voice", {"music"}, -20.0, 0.0)}, rate);
-    instant.setActiveTriggers({"voice"});
-    instant.advance(1e9);
-    ASSERT_NEAR(instant.currentGain("music"), 0.1, 1e-12);
-    instant.setActiveTriggers({});
-    instant.advance(2.0);
-    EXPECT_DOUBLE_EQ(instant.currentGain("music"), 1.0);
+TEST(Ducker, RampsFollowTheirScripts) {
+    const std::tuple<const char*, std::vector<AutoDuckRule>, std::vector<Step>> cases[] = {
+        {"linear attack over 80 ms, recovery over the rule's time",
+         {rule("voice", -20.0, 900.0)},
+         {{Triggers{"voice"}, 1.0}, // setting triggers moves nothing
+          {1920.0, 0.55},
+          {1920.0, 0.1},
+          {1920.0, 0.1}, // never overshoots
+          {Triggers{}, 0.1},
+          {4320.0, 0.19}, // a tenth of 900 ms: a tenth of the range
+          {1e9, 1.0}}},
+        {"a trigger ending mid-attack reverses from where it stands",
+         {rule("voice", -20.0, 900.0)},
+         {{Triggers{"voice"}, 1.0}, {1920.0, 0.55}, {Triggers{}, 0.55}, {4320.0, 0.64}, {-500.0, 0.64}}},
+        {"the deepest rule wins and depths do not add up",
+         {rule("a", -6.0, 900.0), rule("b", -12.0, 900.0)},
+         {{Triggers{"a", "b"}, 1.0}, {1e9, twelveDB}, {Triggers{"a"}, twelveDB}, {1e9, sixDB}}},
+        // The first rule naming "music" is disabled; it still gives range 0.9 and 100 ms recovery.
+        {"a disabled rule does not duck but sets range and recovery",
+         {rule("x", -20.0, 100.0, false), rule("voice", -6.0, 2000.0)},
+         {{Triggers{"x"}, 1.0},
+          {1e9, 1.0},
+          {Triggers{"voice"}, 1.0},
+          {1920.0, 0.55},
+          {1920.0, sixDB},
+          {Triggers{}, sixDB},
+          {2400.0, sixDB + 0.45}}},
+        {"zero depth", {rule("voice", 0.0, 900.0)}, {{Triggers{"voice"}, 1.0}, {128.0, 1.0}}},
+        // A recovery under one frame steps by range x frames: back in one cycle.
+        {"zero recovery",
+         {rule("voice", -20.0, 0.0)},
+         {{Triggers{"voice"}, 1.0}, {1e9, 0.1}, {Triggers{}, 0.1}, {2.0, 1.0}}}};
+    for (const auto& [name, rules, steps] : cases) {
+        Ducker ducker(rules, rate);
+        for (std::size_t i = 0; i < steps.size(); ++i) {
+            if (const auto* triggers = std::get_if<Triggers>(&steps[i].action))
+                ducker.setActiveTriggers(*triggers);
+            else
+                ducker.advance(std::get<double>(steps[i].action));
+            EXPECT_NEAR(ducker.currentGain("music"), steps[i].gain, 1e-12) << name << ", step " << i;
+        }
+        EXPECT_TRUE(ducker.hasGainEntry("music"));
+        EXPECT_FALSE(ducker.hasGainEntry("other")); // never named by a rule
+    }
 }
 
 TEST(Ducker, HostTimeGuardIgnoresRepeatedAndBackwardTimesAndLimitsToElapsedFrames) {
-    Ducker ducker({rule("voice", {"music"}, -20.0, 900.0)}, rate);
+    Ducker ducker({rule("voice", -20.0, 900.0)}, rate);
     ducker.setActiveTriggers({"voice"});
+    const auto afterFrames = [](double frames) { return 1.0 - 0.9 * frames / 3840.0; };
     ducker.advance(384, 10.0); // first call: the full count
-    const double afterFirst = 1.0 - 0.9 * 384.0 / 3840.0;
-    EXPECT_NEAR(ducker.currentGain("music"), afterFirst, 1e-12);
-
+    EXPECT_NEAR(ducker.currentGain("music"), afterFrames(384), 1e-12);
     ducker.advance(384, 10.0); // a second caller in the same cycle
     ducker.advance(384, 9.5);  // a clock that ran backward
-    EXPECT_NEAR(ducker.currentGain("music"), afterFirst, 1e-12);
+    EXPECT_NEAR(ducker.currentGain("music"), afterFrames(384), 1e-12);
     EXPECT_EQ(ducker.lastHostTimeSeconds(), 10.0);
-
     // Only 96 frames of time passed, although 384 were offered.
     ducker.advance(384, 10.0 + 96.0 / rate);
-    EXPECT_NEAR(ducker.currentGain("music"), afterFirst - 0.9 * 96.0 / 3840.0, 1e-12);
-
+    EXPECT_NEAR(ducker.currentGain("music"), afterFrames(480), 1e-12);
     // A time that is not finite advances by the count and leaves the stored time alone.
     ducker.advance(384, std::nan(""));
-    EXPECT_NEAR(ducker.currentGain("music"), afterFirst - 0.9 * 480.0 / 3840.0, 1e-12);
+    EXPECT_NEAR(ducker.currentGain("music"), afterFrames(864), 1e-12);
     EXPECT_EQ(ducker.lastHostTimeSeconds(), 10.0 + 96.0 / rate);
 }
 

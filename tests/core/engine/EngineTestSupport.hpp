@@ -7,6 +7,8 @@
 #include "audio/chain/EffectSlot.hpp"
 #include "core/engine/EngagementEngine.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -56,6 +58,22 @@ inline kavore::EffectSlot pluginSlot(const std::string& id) {
 // An interleaved stereo buffer of one constant value.
 inline std::vector<float> constantBuffer(std::size_t frames, float value) {
     return std::vector<float>(frames * 2, value);
+}
+
+// One 256-frame cycle of a 1 kHz stereo tone at 48 kHz and `amplitude`, continuing from `cycle`.
+inline std::vector<float> toneCycle(int cycle, double amplitude) {
+    const double w = 2.0 * M_PI * 1000.0 / 48000.0;
+    std::vector<float> buffer(512);
+    for (int i = 0; i < 256; ++i)
+        buffer[2 * i] = buffer[2 * i + 1] = static_cast<float>(amplitude * std::sin(w * (cycle * 256 + i)));
+    return buffer;
+}
+
+inline double peakOf(const std::vector<float>& buffer, std::size_t channel) {
+    double peak = 0.0;
+    for (std::size_t i = channel; i < buffer.size(); i += 2)
+        peak = std::max(peak, static_cast<double>(std::abs(buffer[i])));
+    return peak;
 }
 
 } // namespace tonavi::testing

@@ -10,13 +10,9 @@ using IDs = std::vector<std::string>;
 TEST(EngagementRules, SanitizedDropsProtectedAppsEverywhere) {
     TonaviConfig config = configWith({appRow("com.rogueamoeba.Loopback", 0.5), appRow("com.apple.Music", 0.5),
                                       appRow("com.brelmoor.tonavi", 0.2)});
-    AutoDuckRule rule;
-    rule.triggerBundleID = "com.zoom.us";
-    rule.duckedBundleIDs = {"com.rogueamoeba.arkaudiod", "com.apple.Music"};
-    config.duckRules = {rule};
+    config.duckRules = {AutoDuckRule{"r", "com.zoom.us", {"com.rogueamoeba.arkaudiod", "com.apple.Music"}}};
     const TonaviConfig clean = EngagementEngine::sanitized(config, AutoDirectList::bundled());
-    ASSERT_EQ(clean.apps.size(), 1u);
-    EXPECT_EQ(clean.apps[0].id, "com.apple.Music");
+    EXPECT_EQ(clean.apps, std::vector{config.apps[1]});
     EXPECT_EQ(clean.duckRules[0].duckedBundleIDs, IDs{"com.apple.Music"});
 
     EngineHarness h(config);
@@ -36,13 +32,7 @@ TEST(Reconcile, WhoGetsATapAndHowItsFirstCycleSounds) {
     };
     AppAudioState perDevice = appRow("a");
     perDevice.volumePerDevice = {{"spk", 1.0}, {"hdp", 0.9998}};
-    const struct {
-        const char* why;
-        AppAudioState row;
-        Eligible eligible;
-        bool tapped;
-        float gain;
-    } cases[] = {
+    const std::tuple<const char*, AppAudioState, Eligible, bool, float> cases[] = {
         {"neutral, even when eligible", appRow("a"), EngagementEngine::IDSet{"a"}, false, 1.0f},
         {"volume within the tolerance", appRow("a", 0.99995), std::nullopt, false, 1.0f},
         {"half volume", appRow("a", 0.5), std::nullopt, true, 0.25f},
@@ -58,17 +48,16 @@ TEST(Reconcile, WhoGetsATapAndHowItsFirstCycleSounds) {
              r.controlAttached = r.directLocked = true;
              return r;
          }(),
-         std::nullopt, false, 1.0f},
-    };
-    for (const auto& c : cases) {
-        EngineHarness h(configWith({c.row}), false);
-        h.engine->setCreationEligibility(c.eligible);
+         std::nullopt, false, 1.0f}};
+    for (const auto& [why, row, eligible, tapped, gain] : cases) {
+        EngineHarness h(configWith({row}), false);
+        h.engine->setCreationEligibility(eligible);
         h.engine->reconcile();
-        EXPECT_EQ(h.engine->hasTap("a"), c.tapped) << c.why;
-        EXPECT_EQ(h.taps->createCalls("a"), c.tapped ? 1 : 0) << c.why;
+        EXPECT_EQ(h.engine->hasTap("a"), tapped) << why;
+        EXPECT_EQ(h.taps->createCalls("a"), tapped ? 1 : 0) << why;
         auto buffer = constantBuffer(8, 0.8f);
         h.engine->render("a", buffer);
-        EXPECT_EQ(buffer, constantBuffer(8, 0.8f * c.gain)) << c.why;
+        EXPECT_EQ(buffer, constantBuffer(8, 0.8f * gain)) << why;
     }
 }
 
@@ -78,8 +67,7 @@ TEST(Reconcile, SoloTapsAndSilencesTheOthersAndReleasesThemWhenItEnds) {
 
     h.engine->setSoloApps({"a"});
     EXPECT_EQ(h.engine->engagedBundleIDs(), (IDs{"b", "c"}));
-    EXPECT_TRUE(h.engine->isSoloSuppressed("b"));
-    EXPECT_FALSE(h.engine->isSoloSuppressed("a"));
+    EXPECT_TRUE(h.engine->isSoloSuppressed("b") && !h.engine->isSoloSuppressed("a"));
     auto buffer = constantBuffer(8, 0.9f);
     EXPECT_TRUE(h.engine->render("b", buffer));
     EXPECT_EQ(buffer, constantBuffer(8, 0.0f));
@@ -102,11 +90,10 @@ TEST(Reconcile, HardwareSuspensionReleasesEverythingWithoutCountingFailures) {
     ASSERT_EQ(h.taps->liveCount(), 2);
 
     h.engine->setHardwareSuspended(true);
-    EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
+    EXPECT_TRUE(h.engine->engagedBundleIDs().empty() && h.engine->failingBundleIDs().empty() &&
+                h.engine->healthLog().empty());
     EXPECT_EQ(h.taps->liveCount(), 0);
     EXPECT_TRUE(h.taps->noDoubleDestroys());
-    EXPECT_TRUE(h.engine->failingBundleIDs().empty());
-    EXPECT_TRUE(h.engine->healthLog().empty());
 
     h.engine->setHardwareSuspended(false); // settings were kept: both come back
     EXPECT_EQ(h.engine->engagedBundleIDs(), (IDs{"a", "m"}));
@@ -119,16 +106,14 @@ TEST(Reconcile, FailingCreateLogsOneFailureEdgeAndOneRecoveryEdge) {
         h.engine->reconcile();
     EXPECT_EQ(h.taps->createCalls("a"), 3);
     EXPECT_TRUE(h.engine->hasControlFailure("a"));
-    ASSERT_EQ(h.engine->healthLog().size(), 1u);
-    EXPECT_EQ(h.engine->healthLog()[0].kind, "tap-failure");
+    EXPECT_EQ(h.kinds(), IDs{"tap-failure"});
     EXPECT_EQ(h.engine->healthLog()[0].detail, "could not create tap for a; staying direct");
     EXPECT_EQ(h.engine->managedApp("a")->volume, 0.5); // the row is never touched
 
     h.taps->failAlways("a", false);
     h.engine->reconcile();
     h.engine->reconcile();
-    EXPECT_TRUE(h.engine->hasTap("a"));
-    EXPECT_FALSE(h.engine->hasControlFailure("a"));
+    EXPECT_TRUE(h.engine->hasTap("a") && !h.engine->hasControlFailure("a"));
     EXPECT_EQ(h.kinds(), (IDs{"tap-failure", "tap-recovered"}));
     EXPECT_EQ(h.engine->healthLog()[1].detail, "a is now controlled");
 }
@@ -139,15 +124,13 @@ TEST(Reconcile, SettingChangesSwapProcessorsWithoutTouchingTheTap) {
     h.engine->updateApp(appRow("a", 0.8));
     h.engine->apply(configWith({appRow("a", 0.3)}));
     EXPECT_EQ(h.engine->tapHandle("a"), tap);
-    EXPECT_EQ(h.taps->createCalls("a"), 1);
-    EXPECT_EQ(h.taps->destroyCount(tap), 0);
+    EXPECT_EQ(h.taps->liveCount(), 1);
 
     // Later rows of the same ID win; a row that vanishes turns its handle into an orphan.
     h.engine->apply(configWith({appRow("a", 0.5), appRow("a", 1.0)}));
     EXPECT_FALSE(h.engine->hasTap("a"));
     h.engine->apply(configWith({appRow("b", 0.5)}));
     h.engine->apply(configWith({}));
-    EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
     EXPECT_EQ(h.taps->liveCount(), 0);
     EXPECT_TRUE(h.taps->noDoubleDestroys());
 }
@@ -160,8 +143,8 @@ TEST(Reconcile, DecisionThatChangesDuringCreateDestroysTheNewHandle) {
     };
     h.engine->reconcile();
     EXPECT_FALSE(h.engine->hasTap("a"));
-    ASSERT_EQ(h.taps->everyHandle().size(), 1u);
-    EXPECT_EQ(h.taps->destroyCount(h.taps->everyHandle()[0]), 1);
+    EXPECT_EQ(h.taps->everyHandle().size(), 1u);
+    EXPECT_EQ(h.taps->liveCount(), 0);
 }
 
 TEST(Reconcile, ForceEngagedAppsGetEphemeralRowsAndUnchangedSetsRequestNothing) {
@@ -183,8 +166,7 @@ TEST(Reconcile, ForceEngagedAppsGetEphemeralRowsAndUnchangedSetsRequestNothing) 
 
     h.engine->setForceEngaged({}, {});
     EXPECT_EQ(requests, 2);
-    EXPECT_TRUE(h.engine->ephemeralAppIDs().empty());
-    EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
+    EXPECT_TRUE(h.engine->ephemeralAppIDs().empty() && h.engine->engagedBundleIDs().empty());
 }
 
 TEST(Reconcile, RefreshMakesBeforeBreakAndLateDeathNoticesOfReplacedHandlesAreIgnored) {
@@ -202,8 +184,7 @@ TEST(Reconcile, RefreshMakesBeforeBreakAndLateDeathNoticesOfReplacedHandlesAreIg
 
     h.engine->releaseTap("a", "worker exited", second);
     EXPECT_FALSE(h.engine->hasTap("a"));
-    ASSERT_EQ(h.engine->healthLog().size(), 1u);
-    EXPECT_EQ(h.engine->healthLog()[0].kind, "tap-released");
+    EXPECT_EQ(h.kinds(), IDs{"tap-released"});
     EXPECT_EQ(h.engine->healthLog()[0].detail, "a released: worker exited");
 
     // A failed replacement sends the app direct; the next reconcile brings it back.
@@ -241,8 +222,7 @@ TEST(Routing, EffectiveVolumeFollowsTheDefaultOutputAndLanesProtectTheirDevice) 
 
     EXPECT_EQ(h.engine->validateRedirect("video", "tv"), "tv");
     EXPECT_EQ(h.engine->validateRedirect("routed", "interface"), "usb");
-    ASSERT_EQ(h.engine->healthLog().size(), 1u);
-    EXPECT_EQ(h.engine->healthLog()[0].kind, "lane-protect");
+    EXPECT_EQ(h.kinds(), IDs{"lane-protect"});
     EXPECT_EQ(h.engine->healthLog()[0].detail, "routed kept out of locked lane on interface");
     EXPECT_EQ(h.engine->validateRedirect("norow", "interface"), "");
 
@@ -254,13 +234,8 @@ TEST(Routing, EffectiveVolumeFollowsTheDefaultOutputAndLanesProtectTheirDevice) 
 }
 
 TEST(Ducking, UnchangedRulesKeepGainsAndChangedRulesRestartThem) {
-    AutoDuckRule rule;
-    rule.id = "r";
-    rule.triggerBundleID = "call";
-    rule.duckedBundleIDs = {"music"};
-    rule.duckDB = -20.0;
     TonaviConfig config = configWith({appRow("music", 0.5)});
-    config.duckRules = {rule};
+    config.duckRules = {AutoDuckRule{"r", "call", {"music"}, -20.0}};
     EngineHarness h(config);
     h.engine->setActiveTriggers({"call"});
     h.engine->advanceDucking(48000);
@@ -276,13 +251,10 @@ TEST(Ducking, UnchangedRulesKeepGainsAndChangedRulesRestartThem) {
 }
 
 TEST(Ducking, ActiveTriggerOpensTapsForUnengagedDuckedApps) {
-    AutoDuckRule rule;
-    rule.triggerBundleID = "call";
-    rule.duckedBundleIDs = {"music", "locked", "absent", "com.rogueamoeba.x"};
     AppAudioState locked = appRow("locked");
     locked.directLocked = true;
     TonaviConfig config = configWith({appRow("music"), locked});
-    config.duckRules = {rule};
+    config.duckRules = {AutoDuckRule{"r", "call", {"music", "locked", "absent", "com.rogueamoeba.x"}}};
     EngineHarness h(config);
     EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
 

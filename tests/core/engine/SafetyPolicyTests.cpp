@@ -1,5 +1,6 @@
 #include "core/engine/DefaultMixerAppPolicy.hpp"
 #include "core/engine/LatencySensitiveAppPolicy.hpp"
+#include "core/engine/RouteRefreshPolicy.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
 
 #include <gtest/gtest.h>
@@ -22,6 +23,21 @@ TEST(SafetyPolicies, CaptureLatencyAndDefaultMixerRules) {
     EXPECT_FALSE(DefaultMixerAppPolicy::includes("org.example.player", "Reasonable Player"));
     EXPECT_FALSE(DefaultMixerAppPolicy::includes("org.example.player", "Logic"));
     EXPECT_TRUE(DefaultMixerAppPolicy::includes("com.microsoft.edgemac", ""));
+}
+
+TEST(RouteRefreshPolicy, RebuildsWhenForcedDeadMovedOrBoundElsewhere) {
+    const TapRouteIdentity speakers{"spk", "spk"};
+    const std::tuple<const char*, TapRouteIdentity, bool, bool, bool, bool> cases[] = {
+        {"all in place", speakers, true, false, false, false},
+        {"forced", speakers, true, false, true, true},
+        {"dead io", speakers, false, false, false, true},
+        {"process group moved", speakers, true, true, false, true},
+        {"tapping another source", {"usb", "spk"}, true, false, false, true},
+        {"playing on another target", {"spk", "usb"}, true, false, false, true}};
+    for (const auto& [name, bound, ioAlive, groupChanged, forced, expected] : cases)
+        EXPECT_EQ(RouteRefreshPolicy::requiresRefresh(bound, speakers, ioAlive, groupChanged, forced),
+                  expected)
+            << name;
 }
 
 } // namespace

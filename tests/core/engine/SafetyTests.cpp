@@ -15,12 +15,9 @@ TEST(StageMode, ReleasesEveryTapCountsMutedAppsAndRestoresOnRelease) {
     ASSERT_EQ(h.engine->engagedBundleIDs(), (IDs{"a", "b", "m"}));
 
     h.engine->setStageMode(true);
-    EXPECT_TRUE(h.engine->stageMode());
-    EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
+    EXPECT_TRUE(h.engine->stageMode() && h.engine->config().stageModePersisted && !h.engine->soloActive());
     EXPECT_EQ(h.taps->liveCount(), 0);
-    EXPECT_FALSE(h.engine->soloActive());
-    EXPECT_TRUE(h.engine->config().stageModePersisted);
-    ASSERT_EQ(h.engine->healthLog().size(), 1u);
+    EXPECT_EQ(h.kinds(), IDs{"stage-mode"});
     EXPECT_EQ(h.engine->healthLog()[0].detail,
               "engaged: every app tap released to the OS direct path, including 1 muted app(s), which are "
               "audible until bypass ends");
@@ -28,9 +25,7 @@ TEST(StageMode, ReleasesEveryTapCountsMutedAppsAndRestoresOnRelease) {
     // Neither a configuration nor a solo request can leave stage mode or add taps.
     h.engine->apply(configWith({appRow("a", 0.5), muted, appRow("b")}));
     h.engine->setSoloApps({"a"});
-    EXPECT_TRUE(h.engine->stageMode());
-    EXPECT_FALSE(h.engine->soloActive());
-    EXPECT_TRUE(h.engine->engagedBundleIDs().empty());
+    EXPECT_TRUE(h.engine->stageMode() && !h.engine->soloActive() && h.engine->engagedBundleIDs().empty());
 
     h.engine->setStageMode(false);
     EXPECT_EQ(h.kinds(), (IDs{"stage-mode", "stage-mode"}));
@@ -46,8 +41,7 @@ TEST(StageMode, ReleasesEveryTapCountsMutedAppsAndRestoresOnRelease) {
     TonaviConfig persisted = configWith({appRow("a", 0.5)});
     persisted.stageModePersisted = true;
     EngineHarness restored(persisted);
-    EXPECT_TRUE(restored.engine->stageMode());
-    EXPECT_TRUE(restored.engine->engagedBundleIDs().empty());
+    EXPECT_TRUE(restored.engine->stageMode() && restored.engine->engagedBundleIDs().empty());
 }
 
 TEST(Shutdown, ReleasesEverythingOnceAndNothingComesBack) {
@@ -70,43 +64,31 @@ TEST(Shutdown, ReleasesEverythingOnceAndNothingComesBack) {
 }
 
 TEST(Revert, AutoRevertResetsControlSettingsAndKeepsTheRest) {
-    AppAudioState row = appRow("a", 0.4);
-    row.displayName = "Player";
+    AppAudioState row = appRow("a"), expected = row;
+    row.displayName = expected.displayName = "Player";
+    row.favorite = expected.favorite = true;
+    row.steadyVolume = expected.steadyVolume = true;
+    row.volume = 0.4;
     row.muted = true;
     row.redirectUID = "usb";
     row.timedMuteUntil = 5.0;
     row.volumePerDevice = {{"usb", 0.2}};
-    row.favorite = true;
-    row.steadyVolume = true;
     EngineHarness h(configWith({row}));
     const auto tap = h.engine->tapHandle("a");
     ASSERT_TRUE(tap);
 
     h.engine->autoRevert("a", "render stalled");
     EXPECT_EQ(h.taps->destroyCount(tap), 1);
-    const auto reverted = *h.engine->managedApp("a");
-    EXPECT_EQ(reverted.volume, 1.0);
-    EXPECT_FALSE(reverted.muted);
-    EXPECT_TRUE(reverted.redirectUID.empty());
-    EXPECT_FALSE(reverted.timedMuteUntil.has_value());
-    EXPECT_TRUE(reverted.volumePerDevice.empty());
-    EXPECT_TRUE(reverted.favorite);
-    EXPECT_TRUE(reverted.steadyVolume);
-    EXPECT_EQ(reverted.displayName, "Player");
+    EXPECT_EQ(*h.engine->managedApp("a"), expected);
     EXPECT_EQ(h.engine->healthLog().back().detail, "a reverted to direct: render stalled");
 }
 
 TEST(Revert, AudioUnitSlotIsBypassedWhereverItLives) {
-    kavore::EffectSlot appSlot;
-    appSlot.id = "S1";
-    appSlot.kind = kavore::EffectKind::audioUnit;
-    kavore::EffectSlot systemSlot = appSlot;
-    systemSlot.id = "SYS";
     AppAudioState row = appRow("a");
     row.displayName = "Player";
-    row.chain.slots = {appSlot};
+    row.chain.slots = {pluginSlot("S1")};
     TonaviConfig config = configWith({row});
-    config.systemRows.systemChain.slots = {systemSlot};
+    config.systemRows.systemChain.slots = {pluginSlot("SYS")};
     EngineHarness h(config);
     ASSERT_TRUE(h.engine->hasTap("a")); // an unbypassed slot makes the chain non-neutral
     int requests = 0;

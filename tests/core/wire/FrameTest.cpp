@@ -19,8 +19,10 @@ struct SocketPair {
         b = fds[1];
     }
     ~SocketPair() {
-        if (a >= 0) ::close(a);
-        if (b >= 0) ::close(b);
+        if (a >= 0)
+            ::close(a);
+        if (b >= 0)
+            ::close(b);
     }
     void closeA() {
         ::close(a);
@@ -40,20 +42,14 @@ std::string ioErrorOf(int fd) {
     }
     return "no error";
 }
-}  // namespace
+} // namespace
 
 TEST(ControlTransport, FrameIsBigEndianLengthThenPayload) {
     SocketPair p;
     ControlTransport::writeFrame(p.a, std::string_view("{\"ping\":{}}"));
-    std::uint8_t header[4];
-    ASSERT_EQ(::read(p.b, header, 4), 4);
-    EXPECT_EQ(header[0], 0);
-    EXPECT_EQ(header[1], 0);
-    EXPECT_EQ(header[2], 0);
-    EXPECT_EQ(header[3], 11);
-    char body[11];
-    ASSERT_EQ(::read(p.b, body, 11), 11);
-    EXPECT_EQ(std::string(body, 11), "{\"ping\":{}}");
+    std::string frame(15, '\0');
+    ASSERT_EQ(::read(p.b, frame.data(), 15), 15);
+    EXPECT_EQ(frame, std::string("\0\0\0\x0b{\"ping\":{}}", 15));
 }
 
 TEST(ControlTransport, ReaderRefusesAboveTheLimitWithoutReadingAndAcceptsTheLimit) {
@@ -121,42 +117,32 @@ TEST(ControlTransport, EmptyFrameClosedPeerAndTimeoutAreDistinguished) {
     }
 }
 
-TEST(RawSocket, SocketTimeoutNeverYieldsAZeroTimeval) {
-    auto t0 = RawSocket::socketTimeout(0);
-    EXPECT_EQ(t0.tv_sec, 0);
-    EXPECT_EQ(t0.tv_usec, 1);
-    auto tiny = RawSocket::socketTimeout(0.0000001);
-    EXPECT_EQ(tiny.tv_sec, 0);
-    EXPECT_EQ(tiny.tv_usec, 1);
-    auto neg = RawSocket::socketTimeout(-3);
-    EXPECT_EQ(neg.tv_sec, 0);
-    EXPECT_EQ(neg.tv_usec, 1);
-    auto t15 = RawSocket::socketTimeout(1.5);
-    EXPECT_EQ(t15.tv_sec, 1);
-    EXPECT_EQ(t15.tv_usec, 500000);
-    auto up = RawSocket::socketTimeout(2.0000001);  // the ceiling, not truncation
-    EXPECT_EQ(up.tv_sec, 2);
-    EXPECT_EQ(up.tv_usec, 1);
+TEST(RawSocket, SocketTimeoutRoundsUpAndNeverYieldsAZeroTimeval) {
+    const std::tuple<double, long, long> cases[] = {
+        {0, 0, 1}, {0.0000001, 0, 1}, {-3, 0, 1}, {1.5, 1, 500000}, {2.0000001, 2, 1}};
+    for (const auto& [seconds, sec, usec] : cases) {
+        const timeval t = RawSocket::socketTimeout(seconds);
+        EXPECT_EQ(t.tv_sec, sec) << seconds;
+        EXPECT_EQ(t.tv_usec, usec) << seconds;
+    }
 }
 
 TEST(RawSocket, PathLengthLimitAndNoServer) {
-    std::string base = "/tmp/";
-    std::string p103 = base + std::string(103 - base.size(), 'p');
-    std::string p104 = p103 + "q";
+    const std::string p103 = "/tmp/" + std::string(98, 'p');
     sockaddr_un address{};
     EXPECT_TRUE(RawSocket::makeAddress(p103, address));
-    EXPECT_FALSE(RawSocket::makeAddress(p104, address));
-    try {
-        RawSocket::roundTrip(p104, {}, 1);
-        FAIL();
-    } catch (const TransportError& e) {
-        EXPECT_STREQ(e.what(), "cannot connect: socket path too long");
-    }
-    try {
-        RawSocket::roundTrip("/tmp/tonavi-no-such-socket-" + std::to_string(::getpid()), {}, 1);
-        FAIL();
-    } catch (const TransportError& e) {
-        EXPECT_EQ(std::string(e.what()), "cannot connect: service not running (No such file or directory)");
-        EXPECT_EQ(e.kind(), TransportError::Kind::cannotConnect);
+    EXPECT_FALSE(RawSocket::makeAddress(p103 + "q", address));
+    const std::pair<std::string, const char*> cases[] = {
+        {p103 + "q", "cannot connect: socket path too long"},
+        {"/tmp/tonavi-no-such-socket-" + std::to_string(::getpid()),
+         "cannot connect: service not running (No such file or directory)"}};
+    for (const auto& [path, message] : cases) {
+        try {
+            RawSocket::roundTrip(path, {}, 1);
+            ADD_FAILURE() << path;
+        } catch (const TransportError& e) {
+            EXPECT_STREQ(e.what(), message);
+            EXPECT_EQ(e.kind(), TransportError::Kind::cannotConnect);
+        }
     }
 }

@@ -16,78 +16,6 @@ using namespace tonavi;
 namespace {
 
 // Every field of every nested record set, optional ones included.
-TonaviStatus fullStatus() {
-    TonaviStatus s;
-    s.stageMode = true;
-    s.anyEngaged = true;
-    s.engagedCount = 1;
-    AppLiveStatus a;
-    a.id = "com.apple.Safari";
-    a.displayName = "Safari";
-    a.pid = 412;
-    a.isRunning = true;
-    a.isPlayingAudio = true;
-    a.isCapturingAudio = false;
-    a.hasRecentAudioSignal = true;
-    a.secondsSinceAudio = 1.5;
-    a.engaged = true;
-    a.directLocked = false;
-    a.level = 0.1f;
-    a.addedLatencyMS = 10.5;
-    a.addedLatencySamples = 504;
-    a.volume = 0.5;
-    a.muted = false;
-    a.boost = 2;
-    a.redirectUID = "USB-1";
-    a.tapSourceUID = "BuiltIn";
-    a.tapOutputUID = "USB-1";
-    a.displayRank = 0;
-    a.userControlled = true;
-    a.steadyVolume = false;
-    a.isUserApp = true;
-    a.audioCapable = true;
-    a.soloed = false;
-    a.controlIssue = "tap failed";
-    s.apps = {a};
-    DeviceLiveStatus d;
-    d.id = "BT-9";
-    d.name = "Headphones";
-    d.nickname = "Cans";
-    d.transport = DeviceLiveStatus::Transport::virtual_;
-    d.isOutput = true;
-    d.isDefaultOutput = true;
-    d.volume = 0.75;
-    d.sampleRate = 48000;
-    d.channels = 2;
-    d.level = 0.25f;
-    d.batteryPercent = 80;
-    d.codec = "AAC";
-    d.connectionQuality = "good";
-    d.hasVolume = true;
-    d.hidden = false;
-    d.displayRank = 3;
-    d.useCount = 12;
-    d.lastUsedAt = 1700000000.5;
-    s.devices = {d};
-    s.defaultOutputUID = "BT-9";
-    s.defaultInputUID = "Mic";
-    s.soundEffectsUID = "BuiltIn";
-    s.outputVolume = 0.75;
-    s.outputMuted = false;
-    s.outputVolumeIsSoft = true;
-    s.manualDuckOn = true;
-    s.sampleRate = 48000;
-    s.bufferFrames = 512;
-    s.health = {{"E1", 1700000001, "tapFailed", "no aggregate"}};
-    s.recentOnsets =
-        std::vector<AudioOnset>{{"O1", 1700000002.25, AudioOnset::Kind::alert, "com.apple.mail", "Ping"}};
-    s.smartLive = SmartLiveStatus{"com.spotify.client", "Spotify", true,   "Speakers", true,
-                                  {"Mic A", "Mic B"},   2,         "Mic A"};
-    s.soloAppIDs = std::vector<std::string>{"com.apple.Safari"};
-    s.soloUnmutedAppIDs = std::vector<std::string>{};
-    return s;
-}
-
 const char* const fullStatusText =
     R"({"anyEngaged":true,"apps":[{"addedLatencyMS":10.5,"addedLatencySamples":504,"audioCapable":true,)"
     R"("boost":2.0,"controlIssue":"tap failed","directLocked":false,"displayName":"Safari","displayRank":0,)"
@@ -107,6 +35,10 @@ const char* const fullStatusText =
     R"("autoDuckMicNames":["Mic A","Mic B"],"followMeHeroID":"com.spotify.client","followMeHeroName":"Spotify",)"
     R"("loudnessGuardActive":true,"loudnessGuardOutputName":"Speakers","micFollowName":"Mic A"},)"
     R"("soloAppIDs":["com.apple.Safari"],"soloUnmutedAppIDs":[],"soundEffectsUID":"BuiltIn","stageMode":true})";
+
+TonaviStatus fullStatus() {
+    return decodeStatus(fullStatusText);
+}
 
 std::string statusError(const std::string& text) {
     try {
@@ -132,19 +64,20 @@ std::string bytesText(const Bytes& bytes) {
 } // namespace
 
 TEST(TonaviStatusJSON, FullStatusMatchesItsLiteralDocumentBothWays) {
-    EXPECT_EQ(encodeStatus(fullStatus()), fullStatusText);
-    EXPECT_EQ(decodeStatus(fullStatusText), fullStatus());
+    const TonaviStatus s = fullStatus();
+    EXPECT_EQ(encodeStatus(s), fullStatusText);
+    // Each kind of field lands where it belongs.
+    EXPECT_EQ(s.apps.at(0).pid, 412);
+    EXPECT_EQ(s.apps.at(0).level, 0.1f);
+    EXPECT_EQ(s.devices.at(0).transport, DeviceLiveStatus::Transport::virtual_);
+    EXPECT_EQ(s.devices.at(0).lastUsedAt, 1700000000.5);
+    EXPECT_EQ(s.recentOnsets.value().at(0).kind, AudioOnset::Kind::alert);
+    EXPECT_EQ(s.smartLive.value().autoDuckMicNames, (std::vector<std::string>{"Mic A", "Mic B"}));
+    EXPECT_EQ(s.bufferFrames, 512);
 }
 
-TEST(TonaviStatusJSON, OptionalFieldsAreAbsentNotNull) {
-    TonaviStatus bare;
-    const std::string text = encodeStatus(bare);
-    EXPECT_EQ(text,
-              R"({"anyEngaged":false,"apps":[],"bufferFrames":0,"defaultInputUID":"","defaultOutputUID":"",)"
-              R"("devices":[],"engagedCount":0,"health":[],"manualDuckOn":false,"outputMuted":false,)"
-              R"("outputVolume":0.0,"outputVolumeIsSoft":false,"sampleRate":0.0,"soundEffectsUID":"",)"
-              R"("stageMode":false})");
-    // Null reads as absent for an optional field.
+// Null reads as absent for an optional field. (The reply's golden document holds a bare status.)
+TEST(TonaviStatusJSON, NullOptionalFieldReadsAsAbsent) {
     const TonaviStatus decoded =
         decodeStatus(fullStatusWith(R"("smartLive":{)", R"("smartLive":null,"x":{)"));
     EXPECT_FALSE(decoded.smartLive.has_value());
@@ -152,10 +85,7 @@ TEST(TonaviStatusJSON, OptionalFieldsAreAbsentNotNull) {
 }
 
 TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
-    const struct {
-        std::string text;
-        const char* expected;
-    } cases[] = {
+    const std::tuple<std::string, const char*> cases[] = {
         {fullStatusWith(R"("apps":[)", R"("appz":[)"), "missing required key \"apps\""},
         {fullStatusWith(R"("transport":"virtual")", R"("transport":"firewire")"),
          "devices: [0]: transport: cannot initialize Transport from invalid value \"firewire\""},
@@ -172,12 +102,11 @@ TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
          "devices: [0]: level: number 1e+300 does not fit a 32-bit float"},
         {fullStatusWith(R"("soloAppIDs":[)", R"("soloAppIDs":[1,)"),
          "soloAppIDs: [0]: expected a string, found an integer"},
-        {"[]", "expected an object, found an array"},
-    };
-    for (const auto& c : cases) {
-        const std::string message = statusError(c.text);
-        EXPECT_NE(message.find(c.expected), std::string::npos)
-            << "expected: " << c.expected << "\ngot: " << message;
+        {"[]", "expected an object, found an array"}};
+    for (const auto& [text, expected] : cases) {
+        const std::string message = statusError(text);
+        EXPECT_NE(message.find(expected), std::string::npos)
+            << "expected: " << expected << "\ngot: " << message;
     }
 }
 
@@ -202,8 +131,7 @@ TEST(TonaviReplyJSON, GoldenReplies) {
         {R"({"message":""})", "TonaviReply: missing required key \"ok\""},
         {R"({"ok":"yes","message":""})", "TonaviReply: ok: expected a boolean, found a string"},
         {R"({"ok":true,"message":"","payload":"***"})", "TonaviReply: payload: not valid base64"},
-        {R"({"ok":true,"message":"","status":{}})", "TonaviReply: status: missing required key"},
-    };
+        {R"({"ok":true,"message":"","status":{}})", "TonaviReply: status: missing required key"}};
     for (const auto& [doc, expectedError] : bad) {
         try {
             decodeReply(doc);
@@ -252,37 +180,29 @@ TEST(TonaviPayloadJSON, GoldenListsAndStrictReading) {
 
 TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    const double inf = std::numeric_limits<double>::infinity();
-    const auto status = [](std::function<void(TonaviStatus&)> damage) {
-        return [damage] {
-            TonaviStatus s = fullStatus();
-            damage(s);
-            encodeStatus(s);
-        };
-    };
-    const auto diagnostics = [](std::function<void(Diagnostics&)> damage) {
-        return [damage] {
-            Diagnostics d;
-            damage(d);
-            TonaviPayload::encode(d);
-        };
-    };
-    const struct {
-        const char* where;
-        std::function<void()> encode;
-    } cases[] = {
-        {"outputVolume", status([&](TonaviStatus& s) { s.outputVolume = nan; })},
-        {"apps[0].level",
-         status([](TonaviStatus& s) { s.apps[0].level = std::numeric_limits<float>::infinity(); })},
-        {"devices[0].lastUsedAt", status([&](TonaviStatus& s) { s.devices[0].lastUsedAt = -inf; })},
-        {"health[0].at", status([&](TonaviStatus& s) { s.health[0].at = nan; })},
-        {"timestamp", diagnostics([&](Diagnostics& d) { d.timestamp = inf; })},
-        {"config.softMasterPercent", diagnostics([&](Diagnostics& d) { d.config.softMasterPercent = nan; })},
-        {"[0].secondsSinceAudio",
-         [&] {
+    TonaviStatus level = fullStatus(), lastUsed = fullStatus(), at = fullStatus();
+    level.apps[0].level = std::numeric_limits<float>::infinity();
+    lastUsed.devices[0].lastUsedAt = -nan;
+    at.health[0].at = nan;
+    Diagnostics diagnostics;
+    diagnostics.config.softMasterPercent = nan;
+    const std::tuple<const char*, std::function<void()>> cases[] = {
+        {"apps[0].level", [&] { encodeStatus(level); }},
+        {"devices[0].lastUsedAt", [&] { encodeStatus(lastUsed); }},
+        {"health[0].at", [&] { encodeStatus(at); }},
+        {"config.softMasterPercent", [&] { TonaviPayload::encode(diagnostics); }},
+        {"[0].secondsSinceAudio", [&] {
              TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
-         }},
-    };
+         }}};
+    for (const auto& [where, encode] : cases) {
+        try {
+            encode();
+            ADD_FAILURE() << "encoded a non-finite number at " << where;
+        } catch (const WireEncodingError& e) {
+            EXPECT_NE(std::string(e.what()).find(std::string("not finite at ") + where), std::string::npos)
+                << e.what();
+        }
+    }
     TonaviReply unwritable = TonaviReply::success();
     unwritable.status = fullStatus();
     unwritable.status->sampleRate = nan;
@@ -290,15 +210,4 @@ TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
         decodeReply(encodeReplyOrFailure(unwritable)),
         TonaviReply::failure("The reply could not be encoded: cannot encode a number that is not finite at "
                              "status.sampleRate"));
-
-    for (const auto& c : cases) {
-        try {
-            c.encode();
-            ADD_FAILURE() << "encoded a non-finite number at " << c.where;
-        } catch (const WireEncodingError& e) {
-            EXPECT_NE(std::string(e.what()).find(std::string("not finite at ")), std::string::npos)
-                << e.what();
-            EXPECT_NE(std::string(e.what()).find(c.where), std::string::npos) << e.what();
-        }
-    }
 }
