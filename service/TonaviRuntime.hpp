@@ -301,7 +301,8 @@ class TonaviRuntime {
     TonaviReply setPreferredMics(const std::vector<std::string>& uids);
     void applyMicFollow(const TonaviConfig& config);
     void noteActiveApp(const RunningApplication& app);
-    SmartLiveStatus smartLiveStatus(const TonaviConfig& config) const;
+    // `shown` are the status's app rows, whose names (the user's, else the running app's) win.
+    SmartLiveStatus smartLiveStatus(const TonaviConfig& config, const std::vector<AppLiveStatus>& shown) const;
 
     // Environment.
     std::string version_;

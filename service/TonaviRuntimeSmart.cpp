@@ -191,7 +191,8 @@ void TonaviRuntime::applyMicFollow(const TonaviConfig& config) {
     Log::info(SmartTickPolicy::micFollowSelectedLine(name && !name->empty() ? *name : *pick));
 }
 
-SmartLiveStatus TonaviRuntime::smartLiveStatus(const TonaviConfig& config) const {
+SmartLiveStatus TonaviRuntime::smartLiveStatus(const TonaviConfig& config,
+                                                const std::vector<AppLiveStatus>& shown) const {
     SmartTickPolicy::LiveFacts facts;
     for (const auto& device : hardwareSnapshot_.devices) {
         if (device.id == hardwareSnapshot_.defaultOutputUID)
@@ -199,7 +200,12 @@ SmartLiveStatus TonaviRuntime::smartLiveStatus(const TonaviConfig& config) const
         if (device.id == hardwareSnapshot_.defaultInputUID)
             facts.defaultInputName = device.name;
     }
-    facts.displayName = [this](const std::string& id) { return displayName(id); };
+    facts.displayName = [&](const std::string& id) {
+        for (const auto& app : shown)
+            if (app.id == id && !app.displayName.empty())
+                return app.displayName;
+        return displayName(id);
+    };
     return SmartTickPolicy::liveStatus(smartState_, config.smart, facts);
 }
 

@@ -247,7 +247,7 @@ TonaviStatus TonaviRuntime::buildStatus() {
     }
     status.soloUnmutedAppIDs = std::move(unmuted);
 
-    status.smartLive = smartLiveStatus(config);
+    status.smartLive = smartLiveStatus(config, status.apps);
 
     status.stageMode = engine_->stageMode();
     status.anyEngaged = !engaged.empty();
