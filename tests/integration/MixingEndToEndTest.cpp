@@ -3,6 +3,7 @@
 // a tap renders is read from the meters that the machine publishes in its world file.
 
 #include "audio/effects/EQ10.hpp"
+#include "core/wire/TonaviChannel.hpp"
 #include "audio/effects/EQPresets.hpp"
 #include "platform/sim/SimWorld.hpp"
 #include "tests/integration/ChildProcess.hpp"
@@ -30,15 +31,20 @@ const std::string speakers = "BuiltInSpeakerDevice";
 const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 constexpr double toneRMS = -12.0 - 3.0103; // a sine's RMS lies 3 dB under its peak
 
-// A private world and home, the service running on them, and tonavictl to drive both.
+// A private world and home, the service running on them, and tonavictl to drive both. Safari plays
+// before the service starts unless asked otherwise.
 class Mix {
   public:
-    Mix() {
+    explicit Mix(bool safariPlays = true) {
         env_ = home_.env();
         env_["TONAVI_SIM_WORLD"] = worldPath();
         ctlOK({"sim", "init"});
-        ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
+        if (safariPlays)
+            playSafari();
         service_ = startService(home_, env_);
+    }
+    void playSafari(int frequency = 1000) {
+        ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", std::to_string(frequency), "--level", "-12"});
     }
     ~Mix() {
         if (service_.pid > 0)
@@ -72,7 +78,7 @@ class Mix {
                 auto m = meterOf(bundleID);
                 return m && m->deviceUID == device && std::abs(m->rmsDB - rmsDB) <= tolerance;
             },
-            10s);
+            15s);
     }
     bool tapped(const std::string& bundleID) const {
         const SimWorld w = world();
@@ -143,12 +149,11 @@ TEST(MixingEndToEnd, VolumeMuteEqualiserRedirectAndResetActOnOneAppOnly) {
     mix.ctlOK({"eq", "Safari", "Bass Booster"});
     for (double frequency : {1000.0, 100.0}) {
         SCOPED_TRACE(frequency);
-        mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", std::to_string(int(frequency)), "--level",
-                   "-12"});
+        mix.playSafari(int(frequency));
         EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0 + bassBoosterDB(frequency), 0.75));
     }
     mix.ctlOK({"eq", "Safari", "off"});
-    mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
+    mix.playSafari();
 
     // Mute ramps down to silence without a click: recorded across the mute, no step between
     // neighbouring samples is larger than the tone's own steepest one allows.
@@ -229,4 +234,26 @@ TEST(MixingEndToEnd, KilledWorkersAndAKilledService) {
     killedAt = std::chrono::steady_clock::now();
     EXPECT_TRUE(waitUntil([&] { return !alive(workers[0]) && !alive(workers[1]); }, 5s));
     EXPECT_LT(std::chrono::steady_clock::now() - killedAt, 1000ms);
+}
+
+TEST(SmartEndToEnd, FollowMeLowersTheBackgroundBrowserAndRecentShowsItStarting) {
+    Mix mix(false);
+    // The first snapshot, with Music already playing, is the baseline of the trail.
+    ASSERT_TRUE(waitUntil([&] { return mix.ctl({"status", "--json"}).second.find(music) != std::string::npos; },
+                          10s));
+    mix.playSafari();
+    // Music in front before the automation starts, so it never needs a tap.
+    mix.ctlOK({"sim", "activate", music});
+    SmartSettings half;
+    half.followMeBackgroundPercent = 50;
+    mix.ctlOK({"send", encodeRequest(TonaviRequest{TonaviRequest::SetSmartSettings{half}})});
+    EXPECT_EQ(mix.ctl({"smart", "follow-me", "on"}).second, "follow-me on\n");
+
+    // The app in front keeps its level, the browser loses 6 dB.
+    EXPECT_TRUE(mix.waitForLevel(safari, toneRMS - 6.0206, 0.5)) << mix.log();
+    EXPECT_TRUE(mix.waitForLevel(music, toneRMS, 0.5));
+    EXPECT_NE(mix.ctl({"smart"}).second.find("hero Music; others at 50%"), std::string::npos);
+    const std::string recent = mix.ctl({"recent"}).second;
+    EXPECT_NE(recent.find("Safari started playing "), std::string::npos) << recent;
+    EXPECT_EQ(recent.find("Music started playing"), std::string::npos) << recent;
 }

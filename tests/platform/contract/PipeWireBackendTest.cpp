@@ -1,7 +1,14 @@
 // What only the PipeWire backend does: the default backend where a server answers, the workspace
-// from PipeWire clients, and losing the server and finding it again.
+// from PipeWire clients, and losing the server and finding it again; output groups (an aggregate of
+// devices without taps is a combined sink that plays on every member, can be the default output, goes
+// when destroyed and dies with the process that made it); and a tap replaced by a newer one of the same
+// application made by another connection (another process, as when the service moves an application
+// to a new worker): the stream goes to the newest tap at once and stays there while both live and after
+// the old one goes.
 
 #include <gtest/gtest.h>
+
+#include <cstring>
 
 #include "ContractRig.hpp"
 #include "base/Log.hpp"
@@ -11,6 +18,8 @@
 
 namespace tonavi::test {
 namespace {
+
+using namespace std::chrono_literals;
 
 std::vector<AudioObjectID> devicesOf(AudioHardware& audio) {
     return read<std::vector<AudioObjectID>>(audio, kAudioObjectSystemObject,
@@ -29,6 +38,8 @@ class PipeWireBackendTest : public ::testing::Test {
     }
     PrivatePipeWireServer* server = nullptr;
 };
+using PipeWireOutputGroupTest = PipeWireBackendTest;
+using PipeWireTapHandoverTest = PipeWireBackendTest;
 
 TEST_F(PipeWireBackendTest, PipeWireIsTheDefaultWhereAServerAnswersAndChildrenInheritIt) {
     TempFolder folder;
@@ -109,6 +120,122 @@ TEST_F(PipeWireBackendTest, LosingTheServerRemovesItsDevicesAndReconnectingBring
     EXPECT_EQ(listener.offQueue(), 0);
     audio->removePropertyListener(kAudioObjectSystemObject, address, queue, listener.block);
     queue.sync([] {});
+}
+
+constexpr const char* groupUID = "org.tonavi.test.group";
+
+AggregateDeviceDescription groupOf(std::vector<std::string> members) {
+    AggregateDeviceDescription group{.uid = groupUID, .name = "Test group", .mainSubDevice = members.front()};
+    for (std::size_t i = 0; i < members.size(); ++i)
+        group.subDevices.push_back({members[i], i > 0});
+    return group;
+}
+
+TEST_F(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) {
+    PipeWireRig rig(*server);
+    ASSERT_TRUE(rig.connected());
+    auto& audio = rig.audio();
+    const auto defaultOutput = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
+    AudioObjectID group = 0, again = 0;
+    EXPECT_EQ(audio.createAggregateDevice(groupOf({"speakers", "nowhere"}), group), kAudioHardwareBadDeviceError);
+    ASSERT_EQ(audio.createAggregateDevice(groupOf({"speakers", "headphones"}), group), noErr);
+    EXPECT_EQ(audio.createAggregateDevice(groupOf({"speakers", "headphones"}), again),
+              kAudioHardwareIllegalOperationError)
+        << "one device per UID";
+    EXPECT_EQ(rig.deviceID(groupUID), group);
+    EXPECT_EQ(read<std::uint32_t>(audio, group, globalAddress(kAudioDevicePropertyTransportType)),
+              kAudioDeviceTransportTypeAggregate);
+
+    // As the default output, an application's sound reaches both members.
+    const auto before = read<AudioObjectID>(audio, kAudioObjectSystemObject, defaultOutput);
+    ASSERT_EQ(audio.set(kAudioObjectSystemObject, defaultOutput, group), noErr);
+    const App app = rig.startApp("org.tonavi.Grouped", 660, AppKind::toneClient);
+    EXPECT_TRUE(eventually([&] { return rig.heard("speakers", app) && rig.heard("headphones", app); }));
+    EXPECT_EQ(audio.set(kAudioObjectSystemObject, defaultOutput, before.value_or(0)), noErr);
+    ASSERT_EQ(audio.destroyAggregateDevice(group), noErr);
+    EXPECT_EQ(rig.deviceID(groupUID), kAudioObjectUnknown);
+    EXPECT_EQ(audio.destroyAggregateDevice(group), kAudioHardwareBadObjectError);
+    EXPECT_EQ(audio.destroyAggregateDevice(rig.deviceID("speakers")), kAudioHardwareIllegalOperationError)
+        << "a device this process did not make is not its to destroy";
+    rig.stopApp(app);
+
+    // Made by a process that is then killed: the sink goes with it. The holder picks its backend from
+    // the environment, which the test binary sets to the simulator.
+    FILE* out = ::popen((std::string("TONAVI_AUDIO_BACKEND=pipewire exec '") + TONAVI_TAP_HOLDER + "' --group " +
+                         groupUID + " speakers headphones")
+                            .c_str(),
+                        "r");
+    ASSERT_NE(out, nullptr);
+    int holder = 0;
+    ASSERT_EQ(std::fscanf(out, "ready %d", &holder), 1);
+    const auto hasSink = [&](bool present) {
+        return rig.pipewire().connection().waitUntil(
+            [&](const PipeWireGraph& g) { return (g.nodeByName(groupUID) != nullptr) == present; }, 3000ms);
+    };
+    EXPECT_TRUE(hasSink(true));
+    ::kill(holder, SIGKILL);
+    ::pclose(out);
+    EXPECT_TRUE(hasSink(false)) << "the group outlived its maker";
+}
+
+// A tap of a process with an IO proc passing the tap on to `output`, on one connection.
+struct TappedPath {
+    PipeWireAudioHardware& audio;
+    AudioObjectID tap = 0, device = 0;
+    AudioDeviceIOProcID proc = 0;
+
+    bool start(AudioObjectID process, const std::string& output) {
+        auto description = TapDescription::stereoMixdown({process});
+        description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
+        device = tapAggregate(audio, description, {output}, &tap);
+        proc = startIO(audio, device, [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
+            if (!in.mBuffers.empty() && in.mBuffers.back().mData)
+                std::memcpy(out.mBuffers[0].mData, in.mBuffers.back().mData,
+                            std::min(in.mBuffers.back().mDataByteSize, out.mBuffers[0].mDataByteSize));
+        });
+        return device && proc;
+    }
+    void stop() {
+        audio.deviceStop(device, proc);
+        audio.destroyIOProcID(device, proc);
+        audio.destroyAggregateDevice(device);
+        audio.destroyProcessTap(tap);
+    }
+    // Whether the application's stream targets this tap's sink.
+    bool routed(const PipeWireGraph& g, pid_t pid) const {
+        const auto* sink = g.nodeByName(audio.tapNodeName(tap));
+        for (const auto& [global, n] : g.nodes)
+            if (auto meta = g.nodeMetadata.find(global);
+                n.pid == pid && n.mediaClass() == "Stream/Output/Audio" && meta != g.nodeMetadata.end())
+                if (auto t = meta->second.find("target.object"); t != meta->second.end())
+                    return sink && t->second == sink->prop("object.serial");
+        return false;
+    }
+};
+
+TEST_F(PipeWireTapHandoverTest, TheNewestTapOfAnApplicationKeepsItsStream) {
+    PipeWireRig rig(*server), successor(*server); // another connection: the worker that replaces the first
+    ASSERT_TRUE(rig.connected() && successor.connected());
+    PipeWireConnection observer;
+    std::string why;
+    ASSERT_TRUE(observer.start(why)) << why;
+
+    const App app = rig.startApp("org.tonavi.Handover", 660, AppKind::toneClient);
+    TappedPath old{rig.pipewire()}, next{successor.pipewire()};
+    ASSERT_TRUE(old.start(rig.processObject(app.pid), "speakers"));
+    ASSERT_TRUE(observer.waitUntil([&](const PipeWireGraph& g) { return old.routed(g, app.pid); }, 5000ms));
+    ASSERT_TRUE(next.start(successor.processObject(app.pid), "headphones"));
+    ASSERT_TRUE(observer.waitUntil([&](const PipeWireGraph& g) { return next.routed(g, app.pid); }, 5000ms));
+    // While both live, the old tap does not take the stream back.
+    const auto leaves = [&](std::chrono::milliseconds within) {
+        return observer.waitUntil([&](const PipeWireGraph& g) { return !next.routed(g, app.pid); }, within);
+    };
+    EXPECT_FALSE(leaves(1000ms));
+    old.stop();
+    ASSERT_TRUE(observer.roundTrip());
+    EXPECT_FALSE(leaves(500ms)) << "the old tap's release moved the stream away from its successor";
+    EXPECT_TRUE(eventually([&] { return rig.heard("headphones", app) && !rig.heard("speakers", app); }));
+    next.stop();
 }
 
 } // namespace
