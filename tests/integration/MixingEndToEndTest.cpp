@@ -3,8 +3,8 @@
 // a tap renders is read from the meters that the machine publishes in its world file.
 
 #include "audio/effects/EQ10.hpp"
-#include "core/wire/TonaviChannel.hpp"
 #include "audio/effects/EQPresets.hpp"
+#include "core/wire/TonaviChannel.hpp"
 #include "platform/sim/SimWorld.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
@@ -88,9 +88,9 @@ class Mix {
         });
     }
     std::string log() const { return home_.logText(); }
-    // Whether the status reports a health event of the kind.
-    bool hasHealth(const std::string& kind) {
-        return ctl({"status", "--json"}).second.find(R"("kind":")" + kind + '"') != std::string::npos;
+    // Whether the status (as JSON) mentions the text.
+    bool statusHas(const std::string& text) {
+        return ctl({"status", "--json"}).second.find(text) != std::string::npos;
     }
     // The live tap workers of the app, children of this service.
     std::vector<int> workers(const std::string& bundleID) const { return workersOf(service_.pid, bundleID); }
@@ -214,7 +214,7 @@ TEST(MixingEndToEnd, KilledWorkersAndAKilledService) {
     mix.ctlOK({"sim", "fail", "create-tap", "1", "nope"});
     auto killedAt = std::chrono::steady_clock::now();
     ::kill(first[0], SIGKILL);
-    EXPECT_TRUE(waitUntil([&] { return mix.hasHealth("tap-released"); }, 10s)) << mix.log();
+    EXPECT_TRUE(waitUntil([&] { return mix.statusHas(R"("kind":"tap-released")"); }, 10s)) << mix.log();
     EXPECT_TRUE(waitUntil([&] { return !mix.tapped(safari); }, 5s));
     ASSERT_TRUE(waitUntil(
         [&] {
@@ -239,8 +239,7 @@ TEST(MixingEndToEnd, KilledWorkersAndAKilledService) {
 TEST(SmartEndToEnd, FollowMeLowersTheBackgroundBrowserAndRecentShowsItStarting) {
     Mix mix(false);
     // The first snapshot, with Music already playing, is the baseline of the trail.
-    ASSERT_TRUE(waitUntil([&] { return mix.ctl({"status", "--json"}).second.find(music) != std::string::npos; },
-                          10s));
+    ASSERT_TRUE(waitUntil([&] { return mix.statusHas(music); }, 10s));
     mix.playSafari();
     // Music in front before the automation starts, so it never needs a tap.
     mix.ctlOK({"sim", "activate", music});

@@ -293,7 +293,8 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
     ASSERT_TRUE(server->startAudio(why)) << why;
     playBoth();
     EXPECT_TRUE(waitUntil(lowered, 20s)) << "Low was not tapped again on the new server";
-    EXPECT_EQ(service.wait(0ms), std::nullopt) << "the service did not survive the server\n" << home.logText();
+    EXPECT_EQ(service.wait(0ms), std::nullopt) << "the service did not survive the server\n"
+                                               << home.logText();
 
     // The server is shared with the tests that follow: the speakers are the default again.
     EXPECT_EQ(service.stop(), std::optional<int>(0));
@@ -302,7 +303,8 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
     PipeWireConnection graph;
     ASSERT_TRUE(graph.start(why)) << why;
     EXPECT_TRUE(graph.waitUntil(
-        [](const PipeWireGraph& g) { return g.defaultNodeName("default.audio.sink") == "speakers"; }, 3000ms));
+        [](const PipeWireGraph& g) { return g.defaultNodeName("default.audio.sink") == "speakers"; },
+        3000ms));
 }
 
 } // namespace

@@ -50,7 +50,8 @@ TEST(SimDriver, CommandsChangeTheSharedWorldAndRefusalsLeaveItAlone) {
 TEST(SimBluetoothCommand, SetsRegistryFactsAndSettleReadsOrRefusesWithoutAChange) {
     SimFile sim;
     ASSERT_EQ(sim({"init"}).first, 0);
-    EXPECT_EQ(sim.device(buds)["bluetooth"], (nlohmann::json{{"battery", 80}, {"codec", "AAC"}, {"rssi", -62}}));
+    EXPECT_EQ(sim.device(buds)["bluetooth"],
+              (nlohmann::json{{"battery", 80}, {"codec", "AAC"}, {"rssi", -62}}));
     EXPECT_EQ(sim({"bluetooth", buds, "--battery", "35", "--rssi", "-81"}).first, 0);
     EXPECT_EQ(sim({"settle", buds, "12"}).first, 0);
     const auto changed = sim.device(buds);

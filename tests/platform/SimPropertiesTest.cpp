@@ -25,15 +25,10 @@ class SimPropertiesTest : public ::testing::Test {
     const AudioObjectPropertyAddress defaultOutput = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
 };
 
-TEST_F(SimPropertiesTest, EarbudsNameTheirTransportStreamsAndMicrophone) {
+// Names, stream counts and statuses are the contract's; here, what only the earbuds have.
+TEST_F(SimPropertiesTest, EarbudsAreBluetoothAndRelatedToTheirMicrophone) {
     const auto id = idOf(budsUID);
-    EXPECT_EQ(get<std::string>(id, globalAddress(kAudioObjectPropertyName)), "Earbuds");
     EXPECT_EQ(get<std::uint32_t>(id, globalAddress(kAudioDevicePropertyTransportType)), fourCharCode("blue"));
-    EXPECT_EQ(get<AudioStreamConfiguration>(id, outputAddress(kAudioDevicePropertyStreamConfiguration))
-                  ->channelsPerBuffer,
-              std::vector<std::uint32_t>{2});
-    EXPECT_TRUE(get<AudioStreamConfiguration>(id, inputAddress(kAudioDevicePropertyStreamConfiguration))
-                    ->channelsPerBuffer.empty());
     const auto related =
         get<std::vector<AudioObjectID>>(id, globalAddress(kAudioDevicePropertyRelatedDevices));
     EXPECT_NE(std::find(related->begin(), related->end(), idOf("AC-DE-48-00-11-22:input")), related->end());
@@ -84,17 +79,12 @@ TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimits) {
 }
 
 TEST_F(SimPropertiesTest, ProcessObjectsFollowTheDefaultOutputAndAHelperPlaysNothing) {
-    const auto music = processOf(machine, "com.apple.Music");
-    const auto helper = processOf(machine, "com.apple.WebKit.GPU");
+    const auto music = processOf(machine, "com.apple.Music"),
+               helper = processOf(machine, "com.apple.WebKit.GPU");
     const auto devices = outputAddress(kAudioProcessPropertyDevices);
-    EXPECT_EQ(get<std::int32_t>(helper, globalAddress(kAudioProcessPropertyPID)), 4102);
-    EXPECT_EQ(get<std::vector<AudioObjectID>>(music, devices), std::vector<AudioObjectID>{idOf(speakersUID)});
     ASSERT_EQ(machine.set(kAudioObjectSystemObject, defaultOutput, idOf(usbUID)), noErr);
     EXPECT_EQ(get<std::vector<AudioObjectID>>(music, devices), std::vector<AudioObjectID>{idOf(usbUID)});
     EXPECT_EQ(get<std::vector<AudioObjectID>>(helper, devices), std::vector<AudioObjectID>{});
-    bool settable = true;
-    ASSERT_EQ(machine.isPropertySettable(music, globalAddress(kAudioProcessPropertyPID), settable), noErr);
-    EXPECT_FALSE(settable);
 }
 
 TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueueAndUnpluggingMovesDefaults) {
@@ -103,13 +93,11 @@ TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueueAndUnplug
     const auto leftVolume = outputAddress(kAudioDevicePropertyVolumeScalar, 1);
     const auto speakers = idOf(speakersUID), buds = idOf(budsUID);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.setDefault(SimDefaultRole::output, budsUID); }), "");
-    ASSERT_EQ(machine.addPropertyListener(buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), queue,
-                                          alive.block),
-              noErr);
-    ASSERT_EQ(machine.addPropertyListener(speakers, leftVolume, queue, left.block), noErr);
-    ASSERT_EQ(machine.addPropertyListener(kAudioObjectSystemObject,
-                                          globalAddress(kAudioHardwarePropertyDevices), queue, devices.block),
-              noErr);
+    for (auto [object, address, listener] :
+         {std::tuple{buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), &alive},
+          {speakers, leftVolume, &left},
+          {kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), &devices}})
+        ASSERT_EQ(machine.addPropertyListener(object, address, queue, listener->block), noErr);
     EXPECT_EQ(machine.addPropertyListener(4242, leftVolume, queue, left.block), kAudioHardwareBadObjectError);
 
     ASSERT_EQ(machine.set(speakers, outputAddress(kAudioDevicePropertyVolumeScalar, 2), 0.1f), noErr);

@@ -137,7 +137,8 @@ TEST_F(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) 
     auto& audio = rig.audio();
     const auto defaultOutput = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
     AudioObjectID group = 0, again = 0;
-    EXPECT_EQ(audio.createAggregateDevice(groupOf({"speakers", "nowhere"}), group), kAudioHardwareBadDeviceError);
+    EXPECT_EQ(audio.createAggregateDevice(groupOf({"speakers", "nowhere"}), group),
+              kAudioHardwareBadDeviceError);
     ASSERT_EQ(audio.createAggregateDevice(groupOf({"speakers", "headphones"}), group), noErr);
     EXPECT_EQ(audio.createAggregateDevice(groupOf({"speakers", "headphones"}), again),
               kAudioHardwareIllegalOperationError)
@@ -161,8 +162,8 @@ TEST_F(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) 
 
     // Made by a process that is then killed: the sink goes with it. The holder picks its backend from
     // the environment, which the test binary sets to the simulator.
-    FILE* out = ::popen((std::string("TONAVI_AUDIO_BACKEND=pipewire exec '") + TONAVI_TAP_HOLDER + "' --group " +
-                         groupUID + " speakers headphones")
+    FILE* out = ::popen((std::string("TONAVI_AUDIO_BACKEND=pipewire exec '") + TONAVI_TAP_HOLDER +
+                         "' --group " + groupUID + " speakers headphones")
                             .c_str(),
                         "r");
     ASSERT_NE(out, nullptr);
@@ -188,11 +189,12 @@ struct TappedPath {
         auto description = TapDescription::stereoMixdown({process});
         description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
         device = tapAggregate(audio, description, {output}, &tap);
-        proc = startIO(audio, device, [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
-            if (!in.mBuffers.empty() && in.mBuffers.back().mData)
-                std::memcpy(out.mBuffers[0].mData, in.mBuffers.back().mData,
-                            std::min(in.mBuffers.back().mDataByteSize, out.mBuffers[0].mDataByteSize));
-        });
+        proc = startIO(
+            audio, device, [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
+                if (!in.mBuffers.empty() && in.mBuffers.back().mData)
+                    std::memcpy(out.mBuffers[0].mData, in.mBuffers.back().mData,
+                                std::min(in.mBuffers.back().mDataByteSize, out.mBuffers[0].mDataByteSize));
+            });
         return device && proc;
     }
     void stop() {
