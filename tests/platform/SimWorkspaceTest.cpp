@@ -76,11 +76,20 @@ TEST(PlatformBackendTest, WithoutAServerTheSimulatedMachineIsChosenOnceAndChildr
     test::TempFolder folder;
     Log::setFilePathForTesting(folder.file("test.log"));
     ::setenv(PlatformBackend::worldVariable, folder.file("machine/world.json").c_str(), 1);
-    // No audio server answers in an empty runtime folder, so the default is the simulated machine.
+    // No audio server answers in an empty runtime folder: pipewire is refused, the simulated machine the
+    // default.
     ::setenv("XDG_RUNTIME_DIR", folder.file("").c_str(), 1);
     ::setenv("PIPEWIRE_RUNTIME_DIR", folder.file("").c_str(), 1);
-    ::unsetenv(PlatformBackend::environmentVariable);
     std::string error;
+    for (auto [name, message] :
+         {std::pair{"pipewire", "no PipeWire server answers"},
+          {"coreaudio", "unknown audio backend \"coreaudio\" (expected sim or pipewire)"}}) {
+        ::setenv(PlatformBackend::environmentVariable, name, 1);
+        EXPECT_EQ(PlatformBackend::current(&error), nullptr);
+        EXPECT_NE(error.find(message), std::string::npos) << error;
+    }
+    ::unsetenv(PlatformBackend::environmentVariable);
+    EXPECT_EQ(PlatformBackend::requestedName(), "sim");
     auto* backend = PlatformBackend::current(&error);
     ASSERT_NE(backend, nullptr) << error;
     EXPECT_EQ(backend->name(), "sim");
