@@ -2,7 +2,6 @@
 // with the application properties it is given. Several frequencies joined by '+' play together,
 // each at the level.
 //   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1]
-//   [target node]
 
 #include <cmath>
 #include <csignal>
@@ -67,8 +66,6 @@ int main(int argc, char** argv) {
     pw_properties* props =
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
                           "Music", PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr);
-    if (argc > 5)
-        pw_properties_set(props, PW_KEY_TARGET_OBJECT, argv[5]);
     stream = pw_stream_new(core, argv[2], props);
     static pw_stream_events events{};
     events.version = PW_VERSION_STREAM_EVENTS, events.process = process;

@@ -39,15 +39,11 @@ PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
         auto server = std::unique_ptr<PrivatePipeWireServer>(new PrivatePipeWireServer());
         if (server->start(failure))
             instance = std::move(server);
-        std::atexit(&PrivatePipeWireServer::stopShared);
+        std::atexit([] { instance.reset(); });
     }
     if (!instance && why)
         *why = failure;
     return instance.get();
-}
-
-void PrivatePipeWireServer::stopShared() {
-    instance.reset();
 }
 
 bool PrivatePipeWireServer::programsMissing() {
@@ -85,16 +81,11 @@ void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
 
 bool PrivatePipeWireServer::start(std::string& why) {
     for (const std::string program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
-        if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0) {
-            why = program + " is not installed (scripts/setup.sh installs it)";
-            missing = true;
-            return false;
-        }
+        if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0)
+            return why = program + " is not installed (scripts/setup.sh installs it)", missing = true, false;
     std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-pipewire-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) {
-        why = "no temporary folder";
-        return false;
-    }
+    if (!::mkdtemp(pattern.data()))
+        return why = "no temporary folder", false;
     folder_ = pattern;
     for (const char* dir : {"/run", "/config/pipewire/pipewire.conf.d", "/state", "/data"})
         std::filesystem::create_directories(folder_ + dir);
@@ -115,19 +106,15 @@ bool PrivatePipeWireServer::start(std::string& why) {
     ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
     bus_ = spawn({"dbus-daemon", "--session", "--nofork", "--address=" + bus}, "dbus");
     if (bus_ < 0 || !eventually([&] { return std::filesystem::exists(folder_ + "/run/bus"); },
-                                std::chrono::milliseconds(5000))) {
-        why = "the session bus did not start";
-        return false;
-    }
+                                std::chrono::milliseconds(5000)))
+        return why = "the session bus did not start", false;
     return startAudio(why);
 }
 
 bool PrivatePipeWireServer::startAudio(std::string& why) {
     audio_.push_back(spawn({"pipewire"}, "pipewire"));
-    if (!eventually([&] { return PipeWireConnection::serverAnswers(); }, std::chrono::milliseconds(5000))) {
-        why = "pipewire did not start (see " + folder_ + "/pipewire.log)";
-        return false;
-    }
+    if (!eventually([&] { return PipeWireConnection::serverAnswers(); }, std::chrono::milliseconds(5000)))
+        return why = "pipewire did not start (see " + folder_ + "/pipewire.log)", false;
     audio_.push_back(spawn({"wireplumber"}, "wireplumber"));
     audio_.push_back(spawn({"pipewire-pulse"}, "pipewire-pulse"));
     // Ready when the nodes exist, the session manager has picked a default and pulse answers.
@@ -141,10 +128,8 @@ bool PrivatePipeWireServer::startAudio(std::string& why) {
         },
         std::chrono::milliseconds(10000));
     if (!ready || !eventually([&] { return std::filesystem::exists(folder_ + "/run/pulse/native"); },
-                              std::chrono::milliseconds(5000))) {
-        why = "the session manager or pipewire-pulse did not come up (logs in " + folder_ + ")";
-        return false;
-    }
+                              std::chrono::milliseconds(5000)))
+        return why = "the session manager or pipewire-pulse did not come up (logs in " + folder_ + ")", false;
     return true;
 }
 

@@ -15,7 +15,6 @@ class PrivatePipeWireServer {
   public:
     // The running server, started on first call; nullptr with `why` when it cannot run here.
     static PrivatePipeWireServer* shared(std::string* why = nullptr);
-    static void stopShared();
     // True when the server could not start because its programs are not installed: the only
     // reason the tests may skip rather than fail.
     static bool programsMissing();
