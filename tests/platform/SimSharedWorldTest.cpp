@@ -43,34 +43,31 @@ class SimSharedWorldTest : public ::testing::Test {
 };
 
 TEST_F(SimSharedWorldTest, ChangesMadeByAnyProcessFireTheListenersOfAllOnTheirQueues) {
-    RecordingListener listener(queue);
-    ASSERT_EQ(machine->addPropertyListener(kAudioObjectSystemObject, defaultOutput, queue, listener.block),
-              noErr);
-    FILE* writer = helper("set-default-output", usbUID);
-    EXPECT_EQ(WEXITSTATUS(::pclose(writer)), 0);
-    ASSERT_TRUE(listener.waitForCalls(1));
-    EXPECT_EQ(listener.offQueue(), 0);
-    EXPECT_EQ(listener.heard().front(), defaultOutput);
-    EXPECT_EQ(read<AudioObjectID>(*machine, kAudioObjectSystemObject, defaultOutput),
-              machine->world()->deviceByUID(usbUID)->id);
-
     FILE* listening = helper("listen", "dev#");
     ASSERT_EQ(line(listening), "armed\n");
     ASSERT_EQ(machine->mutate([&](SimWorld& w) { return w.unplug(usbUID); }), "");
     EXPECT_EQ(line(listening), "fired 1 on-queue 1\n");
     EXPECT_EQ(WEXITSTATUS(::pclose(listening)), 0);
 
-    // A process's own properties are shared the same way, between two machines of one process too.
+    // The other way round, and for a process's own properties, between two machines of one process.
     std::string error;
     auto other = SimMachine::open(path, error);
     ASSERT_TRUE(other) << error;
+    RecordingListener listener(queue);
     const auto music = processOf(*machine, "com.apple.Music");
     const auto running = globalAddress(kAudioProcessPropertyIsRunningOutput);
     ASSERT_EQ(machine->addPropertyListener(music, running, queue, listener.block), noErr);
-    ASSERT_EQ(other->mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, std::nullopt); }),
-              "");
-    ASSERT_TRUE(listener.waitForCalls(2));
+    ASSERT_EQ(machine->addPropertyListener(kAudioObjectSystemObject, defaultOutput, queue, listener.block),
+              noErr);
+    ASSERT_EQ(other->mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, {}); }), "");
+    ASSERT_TRUE(listener.waitForCalls(1));
     EXPECT_EQ(read<std::uint32_t>(*machine, music, running), 0u);
+    ASSERT_EQ(other->mutate([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, budsUID); }), "");
+    ASSERT_TRUE(listener.waitForCalls(2));
+    EXPECT_EQ(read<AudioObjectID>(*machine, kAudioObjectSystemObject, defaultOutput),
+              machine->world()->deviceByUID(budsUID)->id);
+    EXPECT_EQ(listener.offQueue(), 0);
+    EXPECT_EQ(listener.heard(), (std::vector{running, defaultOutput}));
 }
 
 TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {

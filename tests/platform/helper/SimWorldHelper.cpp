@@ -1,7 +1,6 @@
 // A second process on a shared simulated world, driven by the platform tests.
 //   helper <world> listen <selector>          prints "armed", then "fired <n> on-queue <0|1>" when the
 //                                             system object's property changes; exit 1 after 10 s
-//   helper <world> set-default-output <uid>   writes the default output through the property
 
 #include <future>
 #include <iostream>
@@ -15,16 +14,8 @@ int main(int argc, char** argv) {
     std::string error;
     auto machine = argc == 4 ? SimMachine::open(argv[1], error) : nullptr;
     if (!machine) {
-        std::cerr << "usage: helper <world> listen|set-default-output <argument>\n" << error << "\n";
+        std::cerr << "usage: helper <world> listen <selector>\n" << error << "\n";
         return 64;
-    }
-    const std::string command = argv[2];
-    if (command == "set-default-output") {
-        const auto* device = machine->world()->deviceByUID(argv[3]);
-        const auto address = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
-        return device && machine->set(kAudioObjectSystemObject, address, AudioObjectID{device->id}) == noErr
-                   ? 0
-                   : 1;
     }
     DispatchQueue queue("helper.listener");
     std::atomic<int> fired{0};
@@ -35,7 +26,7 @@ int main(int argc, char** argv) {
                 first.set_value(queue.isCurrent());
         });
     const auto address = globalAddress(fourCharCodeFromString(argv[3]));
-    if (command != "listen" ||
+    if (std::string(argv[2]) != "listen" ||
         machine->addPropertyListener(kAudioObjectSystemObject, address, queue, block) != noErr)
         return 64;
     std::cout << "armed" << std::endl;
