@@ -22,15 +22,13 @@ bool tried = false;
 bool missing = false;
 std::string failure;
 
-// A null sink or source of the server's configuration.
-std::string node(const std::string& name, const std::string& description, const std::string& mediaClass,
-                 const std::string& positions, int priority) {
-    return "  { factory = adapter args = { factory.name = support.null-audio-sink node.name = \"" + name +
-           "\" node.description = \"" + description + "\" media.class = \"" + mediaClass +
-           "\" audio.position = [ " + positions + " ] object.linger = true" +
-           (mediaClass == "Audio/Sink" ? " monitor.channel-volumes = true" : "") +
-           " priority.session = " + std::to_string(priority) + " } }\n";
-}
+// Two null sinks and a null source, the speakers the session manager's first choice.
+constexpr const char* nodes = R"(context.objects = [
+  { factory = adapter args = { factory.name = support.null-audio-sink node.name = "speakers" node.description = "Speakers" media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true monitor.channel-volumes = true priority.session = 2000 } }
+  { factory = adapter args = { factory.name = support.null-audio-sink node.name = "headphones" node.description = "Headphones" media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true monitor.channel-volumes = true priority.session = 1000 } }
+  { factory = adapter args = { factory.name = support.null-audio-sink node.name = "microphone" node.description = "Microphone" media.class = "Audio/Source/Virtual" audio.position = [ MONO ] object.linger = true priority.session = 3000 } }
+]
+)";
 } // namespace
 
 PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
@@ -90,11 +88,7 @@ bool PrivatePipeWireServer::start(std::string& why) {
     for (const char* dir : {"/run", "/config/pipewire/pipewire.conf.d", "/state", "/data"})
         std::filesystem::create_directories(folder_ + dir);
     std::filesystem::permissions(folder_ + "/run", std::filesystem::perms::owner_all);
-    std::ofstream(folder_ + "/config/pipewire/pipewire.conf.d/tonavi-sinks.conf")
-        << "context.objects = [\n"
-        << node("speakers", "Speakers", "Audio/Sink", "FL FR", 2000)
-        << node("headphones", "Headphones", "Audio/Sink", "FL FR", 1000)
-        << node("microphone", "Microphone", "Audio/Source/Virtual", "MONO", 3000) << "]\n";
+    std::ofstream(folder_ + "/config/pipewire/pipewire.conf.d/tonavi-sinks.conf") << nodes;
 
     for (const char* variable : {"XDG_RUNTIME_DIR", "PIPEWIRE_RUNTIME_DIR"})
         ::setenv(variable, (folder_ + "/run").c_str(), 1);
