@@ -25,20 +25,9 @@ class SimPropertiesTest : public ::testing::Test {
     const AudioObjectPropertyAddress defaultOutput = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
 };
 
-// Names, stream counts and statuses are the contract's; here, what only the earbuds have.
-TEST_F(SimPropertiesTest, EarbudsAreBluetoothAndRelatedToTheirMicrophone) {
-    const auto id = idOf(budsUID);
-    EXPECT_EQ(get<std::uint32_t>(id, globalAddress(kAudioDevicePropertyTransportType)), fourCharCode("blue"));
-    const auto related =
-        get<std::vector<AudioObjectID>>(id, globalAddress(kAudioDevicePropertyRelatedDevices));
-    EXPECT_NE(std::find(related->begin(), related->end(), idOf("AC-DE-48-00-11-22:input")), related->end());
-}
-
 TEST_F(SimPropertiesTest, SpeakersHaveStereoVolumeElementsButNoMainElement) {
     const auto id = idOf(speakersUID);
-    const auto volume = [](std::uint32_t element) {
-        return outputAddress(kAudioDevicePropertyVolumeScalar, element);
-    };
+    const auto volume = [](std::uint32_t e) { return outputAddress(kAudioDevicePropertyVolumeScalar, e); };
     const auto main = outputAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume);
     for (std::uint32_t element : {0u, 1u, 2u, 3u})
         EXPECT_EQ(machine.hasProperty(id, volume(element)), element == 1 || element == 2) << element;
@@ -55,7 +44,7 @@ TEST_F(SimPropertiesTest, SpeakersHaveStereoVolumeElementsButNoMainElement) {
         machine.hasProperty(idOf("AirPlay:Living-Room-Speaker"), outputAddress(kAudioDevicePropertyMute)));
 }
 
-TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimits) {
+TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimitsAndEarbudsKeepTheirQuantum) {
     const auto id = idOf(usbUID);
     const auto frames = globalAddress(kAudioDevicePropertyBufferFrameSize);
     const auto rate = globalAddress(kAudioDevicePropertyNominalSampleRate);
@@ -67,32 +56,35 @@ TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimits) {
     EXPECT_EQ(machine.set(id, rate, 96000.0), noErr);
     EXPECT_EQ(machine.set(id, rate, 22050.0), kAudioDeviceUnsupportedFormatError);
     EXPECT_EQ(get<double>(id, rate), 96000.0);
-    // Bluetooth keeps its quantum: the size is not settable there.
+    // Earbuds are Bluetooth, related to their microphone, and keep their quantum: the size is not settable.
+    const auto buds = idOf(budsUID);
+    EXPECT_EQ(get<std::uint32_t>(buds, globalAddress(kAudioDevicePropertyTransportType)),
+              fourCharCode("blue"));
+    const auto related =
+        get<std::vector<AudioObjectID>>(buds, globalAddress(kAudioDevicePropertyRelatedDevices));
+    EXPECT_NE(std::find(related->begin(), related->end(), idOf("AC-DE-48-00-11-22:input")), related->end());
     bool settable = true;
-    ASSERT_EQ(machine.isPropertySettable(idOf(budsUID), frames, settable), noErr);
+    ASSERT_EQ(machine.isPropertySettable(buds, frames, settable), noErr);
     EXPECT_FALSE(settable);
-    EXPECT_EQ(machine.set(idOf(budsUID), frames, std::uint32_t{1024}), kAudioHardwareIllegalOperationError);
+    EXPECT_EQ(machine.set(buds, frames, std::uint32_t{1024}), kAudioHardwareIllegalOperationError);
     // A device can refuse a write it otherwise supports.
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.deviceByUID(usbUID)->readOnly = {"nsrt"}, ""; }),
               "");
     EXPECT_EQ(machine.set(id, rate, 48000.0), kAudioHardwareIllegalOperationError);
 }
 
-TEST_F(SimPropertiesTest, ProcessObjectsFollowTheDefaultOutputAndAHelperPlaysNothing) {
-    const auto music = processOf(machine, "com.apple.Music"),
-               helper = processOf(machine, "com.apple.WebKit.GPU");
-    const auto devices = outputAddress(kAudioProcessPropertyDevices);
-    ASSERT_EQ(machine.set(kAudioObjectSystemObject, defaultOutput, idOf(usbUID)), noErr);
-    EXPECT_EQ(get<std::vector<AudioObjectID>>(music, devices), std::vector<AudioObjectID>{idOf(usbUID)});
-    EXPECT_EQ(get<std::vector<AudioObjectID>>(helper, devices), std::vector<AudioObjectID>{});
-}
-
-TEST_F(SimPropertiesTest, ListenersHearExactlyTheirPropertyOnTheirQueueAndUnpluggingMovesDefaults) {
+TEST_F(SimPropertiesTest, ListenersHearTheirPropertyOnTheirQueueAndProcessesAndDefaultsFollowDevices) {
     DispatchQueue queue("test.properties");
     RecordingListener alive(queue), left(queue), devices(queue);
     const auto leftVolume = outputAddress(kAudioDevicePropertyVolumeScalar, 1);
     const auto speakers = idOf(speakersUID), buds = idOf(budsUID);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.setDefault(SimDefaultRole::output, budsUID); }), "");
+    // Process objects follow the default output; a helper plays nothing.
+    const auto processDevices = outputAddress(kAudioProcessPropertyDevices);
+    EXPECT_EQ(get<std::vector<AudioObjectID>>(processOf(machine, "com.apple.Music"), processDevices),
+              std::vector<AudioObjectID>{buds});
+    EXPECT_EQ(get<std::vector<AudioObjectID>>(processOf(machine, "com.apple.WebKit.GPU"), processDevices),
+              std::vector<AudioObjectID>{});
     for (auto [object, address, listener] :
          {std::tuple{buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), &alive},
           {speakers, leftVolume, &left},
