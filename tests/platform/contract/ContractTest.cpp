@@ -40,6 +40,9 @@ class ContractTest : public ::testing::TestWithParam<const char*> {
         EXPECT_EQ(audio().get(object, address, out), noErr) << fourCharString(address.mSelector);
         return out;
     }
+    template <class T> T value(AudioObjectID object, AudioObjectPropertySelector selector) {
+        return value<T>(object, globalAddress(selector));
+    }
     std::vector<std::uint32_t> channels(AudioObjectID device, AudioObjectPropertyScope scope) {
         return value<AudioStreamConfiguration>(device,
                                                scopedAddress(kAudioDevicePropertyStreamConfiguration, scope))
@@ -61,16 +64,15 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatusesAndTellLis
     EXPECT_EQ(defaultOutput(), first);
     for (AudioObjectID device : {first, second}) {
         SCOPED_TRACE(device);
-        EXPECT_NE(value<std::string>(device, globalAddress(kAudioObjectPropertyName)), "");
-        EXPECT_NE(value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyTransportType)),
+        EXPECT_NE(value<std::string>(device, kAudioObjectPropertyName), "");
+        EXPECT_NE(value<std::uint32_t>(device, kAudioDevicePropertyTransportType),
                   kAudioDeviceTransportTypeUnknown);
-        EXPECT_EQ(value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyDeviceIsAlive)), 1u);
+        EXPECT_EQ(value<std::uint32_t>(device, kAudioDevicePropertyDeviceIsAlive), 1u);
         const auto outputs = channels(device, kAudioObjectPropertyScopeOutput);
         EXPECT_TRUE(outputs.size() == 1 && outputs[0] >= 2) << outputs.size();
-        EXPECT_GE(value<double>(device, globalAddress(kAudioDevicePropertyNominalSampleRate)), 44100.0);
-        const auto frames = value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyBufferFrameSize));
-        const auto range =
-            value<AudioValueRange>(device, globalAddress(kAudioDevicePropertyBufferFrameSizeRange));
+        EXPECT_GE(value<double>(device, kAudioDevicePropertyNominalSampleRate), 44100.0);
+        const auto frames = value<std::uint32_t>(device, kAudioDevicePropertyBufferFrameSize);
+        const auto range = value<AudioValueRange>(device, kAudioDevicePropertyBufferFrameSizeRange);
         EXPECT_TRUE(frames > 0 && range.mMinimum <= frames && frames <= range.mMaximum) << frames;
     }
 
@@ -79,8 +81,7 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatusesAndTellLis
     const AudioObjectID input = rig->deviceID(rig->input());
     EXPECT_EQ(channels(input, kAudioObjectPropertyScopeInput).size(), 1u);
     EXPECT_TRUE(channels(input, kAudioObjectPropertyScopeOutput).empty());
-    EXPECT_EQ(value<AudioObjectID>(kAudioObjectSystemObject,
-                                   globalAddress(kAudioHardwarePropertyDefaultInputDevice)),
+    EXPECT_EQ(value<AudioObjectID>(kAudioObjectSystemObject, kAudioHardwarePropertyDefaultInputDevice),
               input);
     EXPECT_NE(audio().set(kAudioObjectSystemObject, defaultOutputAddress, input), noErr);
 
@@ -188,9 +189,9 @@ TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
         const AudioObjectID process = rig->processObject(app.pid);
         ASSERT_NE(process, kAudioObjectUnknown);
         EXPECT_TRUE(listener.waitForCalls(1));
-        EXPECT_EQ(value<std::string>(process, globalAddress(kAudioProcessPropertyBundleID)), bundleID);
-        EXPECT_EQ(value<std::uint32_t>(process, globalAddress(kAudioProcessPropertyIsRunningOutput)), 1u);
-        EXPECT_EQ(value<std::uint32_t>(process, globalAddress(kAudioProcessPropertyIsRunningInput)), 0u);
+        EXPECT_EQ(value<std::string>(process, kAudioProcessPropertyBundleID), bundleID);
+        EXPECT_EQ(value<std::uint32_t>(process, kAudioProcessPropertyIsRunningOutput), 1u);
+        EXPECT_EQ(value<std::uint32_t>(process, kAudioProcessPropertyIsRunningInput), 0u);
         EXPECT_TRUE(eventually([&] {
             std::vector<AudioObjectID> devices;
             audio().get(process, outputAddress(kAudioProcessPropertyDevices), devices);
@@ -216,8 +217,8 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     AudioObjectID tap = 0;
     const AudioObjectID device = tapAggregate(audio(), description, {output}, &tap);
     ASSERT_NE(device, 0u);
-    EXPECT_EQ(value<std::string>(tap, globalAddress(kAudioTapPropertyUID)), description.uuid);
-    EXPECT_EQ(value<std::uint32_t>(device, globalAddress(kAudioDevicePropertyTransportType)),
+    EXPECT_EQ(value<std::string>(tap, kAudioTapPropertyUID), description.uuid);
+    EXPECT_EQ(value<std::uint32_t>(device, kAudioDevicePropertyTransportType),
               kAudioDeviceTransportTypeAggregate);
     const auto inputs = channels(device, kAudioObjectPropertyScopeInput);
     ASSERT_FALSE(inputs.empty());
