@@ -25,10 +25,9 @@ class SimSharedWorldTest : public ::testing::Test {
         machine = SimMachine::open(path, error);
         ASSERT_TRUE(machine) << error;
     }
-    // The helper process on this world, its output read line by line.
-    FILE* helper(const std::string& command, const std::string& argument) {
-        return ::popen(("'" TONAVI_SIM_HELPER "' '" + path + "' " + command + " '" + argument + "'").c_str(),
-                       "r");
+    // The helper process listening on this world, its output read line by line.
+    FILE* listen(const std::string& selector) {
+        return ::popen(("'" TONAVI_SIM_HELPER "' '" + path + "' listen '" + selector + "'").c_str(), "r");
     }
     static std::string line(FILE* out) {
         char buffer[256] = {};
@@ -43,7 +42,7 @@ class SimSharedWorldTest : public ::testing::Test {
 };
 
 TEST_F(SimSharedWorldTest, ChangesMadeByAnyProcessFireTheListenersOfAllOnTheirQueues) {
-    FILE* listening = helper("listen", "dev#");
+    FILE* listening = listen("dev#");
     ASSERT_EQ(line(listening), "armed\n");
     ASSERT_EQ(machine->mutate([&](SimWorld& w) { return w.unplug(usbUID); }), "");
     EXPECT_EQ(line(listening), "fired 1 on-queue 1\n");

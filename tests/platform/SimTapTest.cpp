@@ -29,7 +29,6 @@ class SimTapTest : public ::testing::Test {
                 const auto* samples = static_cast<const float*>(in.mBuffers[stream].mData);
                 for (std::uint32_t f = 0; samples && f < in.mBuffers[stream].mDataByteSize / 8; ++f)
                     left.push_back(samples[f * 2]);
-                micWithData += stream > 0 && in.mBuffers[0].mData ? 1 : 0;
             },
             proc);
         return proc;
@@ -40,7 +39,6 @@ class SimTapTest : public ::testing::Test {
     SimMachine machine{SimWorld::preset(), SimMachine::Options{clock, 20ms}};
     AudioObjectID music = processOf(machine, "com.apple.Music");
     std::vector<float> left; // the left channel of the tap, as the IO block saw it
-    int micWithData = 0;
 };
 
 // The device's meter, the routed tap and stream usage are the tap provider's tests.
@@ -67,7 +65,7 @@ TEST_F(SimTapTest, TapDeliversExactlyItsProcessesToneAndMutesItOnlyWhileRead) {
     EXPECT_EQ(machine.directlyAudible(speakersUID), Heard{"com.apple.Music"});
 }
 
-TEST_F(SimTapTest, DeviceStreamTapHearsOnlyItsDeviceAndAStreamSwitchedOffGetsNoData) {
+TEST_F(SimTapTest, DeviceStreamTapHearsOnlyItsDevice) {
     auto description = TapDescription::deviceStream({music}, usbUID, 0);
     description.muteBehavior = TapMuteBehavior::muted;
     const auto aggregate = tapAggregate(machine, description, {usbUID, "BuiltInMicrophoneDevice"});
@@ -80,7 +78,6 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOnlyItsDeviceAndAStreamSwitchedOffGetsNoD
     clock->advance(20ms);
     EXPECT_EQ(machine.directlyAudible(speakersUID), Heard{"com.apple.Music"});
     EXPECT_LT(amplitude(440.0), 1e-6);
-    EXPECT_EQ(micWithData, 0);
     // Routed to the headphones, Music reaches the tap and leaves the headphones' direct path.
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.routeProcess("com.apple.Music", usbUID); }), "");
     EXPECT_TRUE(machine.directlyAudible(usbUID).empty());

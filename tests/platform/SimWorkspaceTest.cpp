@@ -16,9 +16,6 @@ namespace {
 
 class SimWorkspaceTest : public ::testing::Test {
   protected:
-    std::string change(std::function<void(SimWorld&)> edit) {
-        return machine->mutate([&](SimWorld& w) { return edit(w), std::string(); });
-    }
     std::shared_ptr<SimMachine> machine = std::make_shared<SimMachine>(SimWorld::preset());
     SimWorkspace workspace{machine};
 };
@@ -68,7 +65,7 @@ TEST_F(SimWorkspaceTest, ActivationIsDeliveredOnTheObserversQueueAndMovesTheWind
     ASSERT_GE(windows.size(), 2u);
     EXPECT_EQ(std::pair(windows[0].layer, windows[1].layer), std::pair(25, 0));
     EXPECT_EQ(windows[1].ownerPID, 4103);
-    ASSERT_EQ(change([](SimWorld& w) { w.windowListAvailable = false; }), "");
+    ASSERT_EQ(machine->mutate([](SimWorld& w) { return w.windowListAvailable = false, std::string(); }), "");
     EXPECT_FALSE(workspace.onScreenWindows().has_value());
 }
 

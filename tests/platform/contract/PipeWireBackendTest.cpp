@@ -35,8 +35,11 @@ class PipeWireBackendTest : public ::testing::Test {
         if (!server && PrivatePipeWireServer::programsMissing())
             GTEST_SKIP() << "no private PipeWire server: " << why;
         ASSERT_NE(server, nullptr) << "the private PipeWire server did not start: " << why;
+        rig = std::make_unique<PipeWireRig>(*server);
+        ASSERT_TRUE(rig->connected());
     }
     PrivatePipeWireServer* server = nullptr;
+    std::unique_ptr<PipeWireRig> rig; // applications, measures and a connection of this process
 };
 using PipeWireOutputGroupTest = PipeWireBackendTest;
 using PipeWireTapHandoverTest = PipeWireBackendTest;
@@ -58,9 +61,7 @@ TEST_F(PipeWireBackendTest, PipeWireIsTheDefaultWhereAServerAnswersAndChildrenIn
 }
 
 TEST_F(PipeWireBackendTest, RunningApplicationsAreTheProcessesWithClients) {
-    PipeWireRig rig(*server);
-    ASSERT_TRUE(rig.connected());
-    const App app = rig.startApp("org.tonavi.Listed", 300, AppKind::toneClient);
+    const App app = rig->startApp("org.tonavi.Listed", 300, AppKind::toneClient);
     auto connection = std::make_shared<PipeWireConnection>();
     std::string error;
     ASSERT_TRUE(connection->start(error)) << error;
@@ -75,7 +76,7 @@ TEST_F(PipeWireBackendTest, RunningApplicationsAreTheProcessesWithClients) {
     EXPECT_EQ(workspace.responsiblePID(0x3fffffff), -1);
     EXPECT_FALSE(workspace.frontmostApplication().has_value());
     EXPECT_FALSE(workspace.onScreenWindows().has_value());
-    rig.stopApp(app);
+    rig->stopApp(app);
 }
 
 // Restarts the shared server; it is whole again when the test ends, whatever runs next.
@@ -117,8 +118,7 @@ AggregateDeviceDescription groupOf(std::vector<std::string> members) {
 }
 
 TEST_F(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) {
-    PipeWireRig rig(*server);
-    ASSERT_TRUE(rig.connected());
+    PipeWireRig& rig = *this->rig;
     auto& audio = rig.audio();
     const auto defaultOutput = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
     AudioObjectID group = 0, again = 0;
@@ -201,8 +201,9 @@ struct TappedPath {
 };
 
 TEST_F(PipeWireTapHandoverTest, TheNewestTapOfAnApplicationKeepsItsStream) {
-    PipeWireRig rig(*server), successor(*server); // another connection: the worker that replaces the first
-    ASSERT_TRUE(rig.connected() && successor.connected());
+    PipeWireRig& rig = *this->rig;
+    PipeWireRig successor(*server); // another connection: the worker that replaces the first
+    ASSERT_TRUE(successor.connected());
     PipeWireConnection observer;
     std::string why;
     ASSERT_TRUE(observer.start(why)) << why;
