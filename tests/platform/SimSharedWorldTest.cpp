@@ -27,7 +27,9 @@ class SimSharedWorldTest : public ::testing::Test {
     }
     // The helper process listening on this world, its output read line by line.
     FILE* listen(const std::string& selector) {
-        return ::popen(("'" TONAVI_SIM_HELPER "' '" + path + "' listen '" + selector + "'").c_str(), "r");
+        const std::string command = "TONAVI_AUDIO_BACKEND=sim TONAVI_SIM_WORLD='" + path + "' exec '" +
+                                    TONAVI_TAP_HOLDER + "' --listen '" + selector + "'";
+        return ::popen(command.c_str(), "r");
     }
     static std::string line(FILE* out) {
         char buffer[256] = {};
