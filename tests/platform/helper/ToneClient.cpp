@@ -73,19 +73,12 @@ int main(int argc, char** argv) {
     pw_stream_add_listener(stream, &hook, &events, nullptr);
     std::uint8_t buffer[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    spa_audio_info_raw info{.format = SPA_AUDIO_FORMAT_F32,
-                            .flags = 0,
-                            .rate = 48000,
-                            .channels = 2,
-                            .position = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
+    spa_audio_info_raw info{SPA_AUDIO_FORMAT_F32, 0, 48000, 2, {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
     const spa_pod* params[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
     pw_stream_connect(stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
                       static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
                                                    PW_STREAM_FLAG_RT_PROCESS),
                       params, 1);
     pw_main_loop_run(loop);
-    pw_stream_destroy(stream);
-    pw_core_disconnect(core);
-    pw_context_destroy(context);
-    pw_main_loop_destroy(loop);
+    pw_stream_destroy(stream); // the rest goes with the process
 }
