@@ -28,21 +28,25 @@ namespace {
 
 using namespace std::chrono_literals;
 
+// A rig on the shared private server: a skip where its programs are missing, a failure where it does
+// not start.
+void connectPipeWire(PrivatePipeWireServer*& server, std::unique_ptr<PipeWireRig>& rig) {
+    std::string why;
+    server = PrivatePipeWireServer::shared(&why);
+    if (!server && PrivatePipeWireServer::programsMissing())
+        GTEST_SKIP() << "no private PipeWire server: " << why;
+    ASSERT_NE(server, nullptr) << "the private PipeWire server did not start: " << why;
+    rig = std::make_unique<PipeWireRig>(*server);
+    ASSERT_TRUE(rig->connected());
+}
+
 class ContractTest : public ::testing::TestWithParam<const char*> {
   protected:
     void SetUp() override {
-        if (std::string(GetParam()) == "sim") {
-            rig = std::make_unique<SimRig>();
-            return;
-        }
-        std::string why;
-        auto* server = PrivatePipeWireServer::shared(&why);
-        if (!server && PrivatePipeWireServer::programsMissing())
-            GTEST_SKIP() << "no private PipeWire server: " << why;
-        ASSERT_NE(server, nullptr) << "the private PipeWire server did not start: " << why;
-        auto pw = std::make_unique<PipeWireRig>(*server);
-        ASSERT_TRUE(pw->connected());
-        rig = std::move(pw);
+        std::unique_ptr<PipeWireRig> pipewire;
+        if (std::string(GetParam()) == "pipewire")
+            connectPipeWire(server, pipewire);
+        rig = pipewire ? std::unique_ptr<ContractRig>(std::move(pipewire)) : std::make_unique<SimRig>();
     }
     AudioHardware& audio() { return rig->audio(); }
     // A property's value; a failed read fails the test and answers T{}.
@@ -64,6 +68,7 @@ class ContractTest : public ::testing::TestWithParam<const char*> {
     }
     const AudioObjectPropertyAddress defaultOutputAddress =
         globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
+    PrivatePipeWireServer* server = nullptr;
     std::unique_ptr<ContractRig> rig;
     DispatchQueue queue{"contract.listener"};
 };
@@ -329,15 +334,7 @@ std::vector<AudioObjectID> devicesOf(AudioHardware& audio) {
 
 class PipeWireBackendTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string why;
-        server = PrivatePipeWireServer::shared(&why);
-        if (!server && PrivatePipeWireServer::programsMissing())
-            GTEST_SKIP() << "no private PipeWire server: " << why;
-        ASSERT_NE(server, nullptr) << "the private PipeWire server did not start: " << why;
-        rig = std::make_unique<PipeWireRig>(*server);
-        ASSERT_TRUE(rig->connected());
-    }
+    void SetUp() override { connectPipeWire(server, rig); }
     PrivatePipeWireServer* server = nullptr;
     std::unique_ptr<PipeWireRig> rig; // applications, measures and a connection of this process
 };
