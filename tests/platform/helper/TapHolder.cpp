@@ -47,10 +47,8 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (group) {
-        AggregateDeviceDescription description;
-        description.uid = argv[2];
-        description.name = "Held group";
-        description.mainSubDevice = argv[3];
+        AggregateDeviceDescription description{
+            .uid = argv[2], .name = "Held group", .mainSubDevice = argv[3]};
         for (int i = 3; i < argc; ++i)
             description.subDevices.push_back({argv[i], i > 3});
         AudioObjectID device = 0;

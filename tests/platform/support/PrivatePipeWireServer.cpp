@@ -19,7 +19,6 @@ namespace tonavi::test {
 namespace {
 std::unique_ptr<PrivatePipeWireServer> instance;
 bool tried = false;
-bool missing = false;
 std::string failure;
 
 // Two null sinks and a null source, the speakers the session manager's first choice.
@@ -42,10 +41,6 @@ PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
     if (!instance && why)
         *why = failure;
     return instance.get();
-}
-
-bool PrivatePipeWireServer::programsMissing() {
-    return missing;
 }
 
 pid_t PrivatePipeWireServer::spawn(const std::vector<std::string>& argv, const std::string& logName) {
@@ -80,7 +75,7 @@ void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
 bool PrivatePipeWireServer::start(std::string& why) {
     for (const std::string program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
         if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0)
-            return why = program + " is not installed (scripts/setup.sh installs it)", missing = true, false;
+            return why = program + " is not installed (scripts/setup.sh installs it)", missing_ = true, false;
     std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-pipewire-XXXXXX").string();
     if (!::mkdtemp(pattern.data()))
         return why = "no temporary folder", false;
