@@ -38,6 +38,11 @@ constexpr std::size_t window = 2400; // 50 ms: every tone below fits whole perio
 // level is also what Low's tones measure on their own path.
 constexpr double bass = 120, treble = 4000, high = 880;
 
+// The level (dBFS) of the frequency in the samples; silence reads -120.
+double levelAt(const float* samples, std::size_t count, double frequency, double rate) {
+    return 20.0 * std::log10(std::max(amplitudeAt(samples, count, frequency, rate), 1e-6));
+}
+
 // A device's monitor, recorded without pause (mono) from construction; a pipe reader thread keeps
 // the samples and when each chunk arrived.
 class MonitorRecording {

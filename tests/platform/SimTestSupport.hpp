@@ -39,13 +39,12 @@ inline AudioObjectID tapAggregate(AudioHardware& audio, TapDescription descripti
                                   AudioObjectID* tapID = nullptr) {
     description.isPrivate = true;
     AudioObjectID tap = 0, device = 0;
-    AggregateDeviceDescription d;
-    d.uid = "agg." + description.uuid;
-    d.isPrivate = true;
-    d.mainSubDevice = subDevices.front();
+    AggregateDeviceDescription d{.uid = "agg." + description.uuid,
+                                 .isPrivate = true,
+                                 .mainSubDevice = subDevices.front(),
+                                 .taps = {{description.uuid, true}}};
     for (const auto& s : subDevices)
         d.subDevices.push_back({s, true});
-    d.taps = {{description.uuid, true}};
     if (audio.createProcessTap(description, tap) != noErr || audio.createAggregateDevice(d, device) != noErr)
         return 0;
     if (tapID)

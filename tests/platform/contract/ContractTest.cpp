@@ -208,10 +208,10 @@ TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
         EXPECT_EQ(value<std::string>(process, kAudioProcessPropertyBundleID), bundleID);
         EXPECT_EQ(value<std::uint32_t>(process, kAudioProcessPropertyIsRunningOutput), 1u);
         EXPECT_EQ(value<std::uint32_t>(process, kAudioProcessPropertyIsRunningInput), 0u);
+        const auto devices = outputAddress(kAudioProcessPropertyDevices);
         EXPECT_TRUE(eventually([&] {
-            std::vector<AudioObjectID> devices;
-            audio().get(process, outputAddress(kAudioProcessPropertyDevices), devices);
-            return devices == std::vector<AudioObjectID>{defaultOutput()};
+            return read<std::vector<AudioObjectID>>(audio(), process, devices) ==
+                   std::vector{defaultOutput()};
         }));
         EXPECT_TRUE(eventually([&] { return rig->heard(rig->firstOutput(), app); }));
         rig->stopApp(app);
@@ -237,8 +237,7 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
     EXPECT_EQ(value<std::uint32_t>(device, kAudioDevicePropertyTransportType),
               kAudioDeviceTransportTypeAggregate);
     const auto inputs = channels(device, kAudioObjectPropertyScopeInput);
-    ASSERT_FALSE(inputs.empty());
-    EXPECT_EQ(inputs.back(), 2u);
+    ASSERT_EQ(inputs.empty() ? 0u : inputs.back(), 2u);
 
     // Only the tap's stream is read, as the tap provider asks: every other input switched off. With the
     // tap's stream switched off too, the block gets no data at all, and silence on the direct path shows.
