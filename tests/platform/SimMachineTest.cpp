@@ -179,19 +179,14 @@ const double minus12dB = std::pow(10.0, -12.0 / 20.0); // Music's tone: 440 Hz a
 
 class SimTapTest : public ::testing::Test {
   protected:
-    // An IO proc on the aggregate that keeps the left channel of the tap's stream `stream`.
+    // An IO proc started on the aggregate that keeps the left channel of the tap's stream `stream`.
     AudioDeviceIOProcID keepLeft(AudioObjectID aggregate, std::size_t stream) {
         left.reserve(48000);
-        AudioDeviceIOProcID proc = 0;
-        machine.createIOProcIDWithBlock(
-            aggregate, nullptr,
-            [this, stream](const AudioBufferList& in, auto&, const auto&) {
-                const auto* samples = static_cast<const float*>(in.mBuffers[stream].mData);
-                for (std::uint32_t f = 0; samples && f < in.mBuffers[stream].mDataByteSize / 8; ++f)
-                    left.push_back(samples[f * 2]);
-            },
-            proc);
-        return proc;
+        return startIO(machine, aggregate, [this, stream](const AudioBufferList& in, auto&, const auto&) {
+            const auto* samples = static_cast<const float*>(in.mBuffers[stream].mData);
+            for (std::uint32_t f = 0; samples && f < in.mBuffers[stream].mDataByteSize / 8; ++f)
+                left.push_back(samples[f * 2]);
+        });
     }
     double amplitude(double frequency) { return amplitudeAt(left.data(), left.size(), frequency, 48000.0); }
 
@@ -209,7 +204,6 @@ TEST_F(SimTapTest, TapDeliversExactlyItsProcessesToneAndMutesItOnlyWhileRead) {
     const auto aggregate = tapAggregate(machine, description, {speakersUID});
     EXPECT_EQ(machine.directlyAudible(speakersUID), Heard{"com.apple.Music"}); // nobody reads the tap yet
     const auto proc = keepLeft(aggregate, 0);
-    ASSERT_EQ(machine.deviceStart(aggregate, proc), noErr);
     EXPECT_TRUE(machine.directlyAudible(speakersUID).empty());
     clock->advance(200ms);
     EXPECT_NEAR(amplitude(440.0), minus12dB, minus12dB * 0.02);
@@ -229,11 +223,7 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOnlyItsDevice) {
     auto description = TapDescription::deviceStream({music}, usbUID, 0);
     description.muteBehavior = TapMuteBehavior::muted;
     const auto aggregate = tapAggregate(machine, description, {usbUID, "BuiltInMicrophoneDevice"});
-    const auto proc = keepLeft(aggregate, 1); // the microphone's stream comes first
-    ASSERT_EQ(machine.set(aggregate, inputAddress(kAudioDevicePropertyIOProcStreamUsage),
-                          AudioHardwareIOProcStreamUsage{proc, {0, 1}}),
-              noErr);
-    ASSERT_EQ(machine.deviceStart(aggregate, proc), noErr);
+    ASSERT_NE(keepLeft(aggregate, 1), 0u); // the microphone's stream comes first
     // Music plays on the speakers, so a tap on the headphones neither hears nor silences it.
     clock->advance(20ms);
     EXPECT_EQ(machine.directlyAudible(speakersUID), Heard{"com.apple.Music"});
