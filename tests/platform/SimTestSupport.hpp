@@ -32,6 +32,18 @@ inline AudioObjectPropertyAddress inputAddress(AudioObjectPropertySelector selec
     return scopedAddress(selector, kAudioObjectPropertyScopeInput);
 }
 
+// An aggregate of `members`, the first its clock; the others (or all, with `driftAll`) drift-corrected.
+inline AggregateDeviceDescription groupOf(const std::string& uid, const std::vector<std::string>& members,
+                                          bool driftAll = false) {
+    AggregateDeviceDescription group;
+    group.uid = uid;
+    group.name = "Test group";
+    group.mainSubDevice = members.front();
+    for (std::size_t i = 0; i < members.size(); ++i)
+        group.subDevices.push_back({members[i], driftAll || i > 0});
+    return group;
+}
+
 // A private tap of `description` read by a private aggregate of `subDevices`, the first its clock: the
 // aggregate, or 0 when either is refused.
 inline AudioObjectID tapAggregate(AudioHardware& audio, TapDescription description,
@@ -39,12 +51,9 @@ inline AudioObjectID tapAggregate(AudioHardware& audio, TapDescription descripti
                                   AudioObjectID* tapID = nullptr) {
     description.isPrivate = true;
     AudioObjectID tap = 0, device = 0;
-    AggregateDeviceDescription d{.uid = "agg." + description.uuid,
-                                 .isPrivate = true,
-                                 .mainSubDevice = subDevices.front(),
-                                 .taps = {{description.uuid, true}}};
-    for (const auto& s : subDevices)
-        d.subDevices.push_back({s, true});
+    auto d = groupOf("agg." + description.uuid, subDevices, true);
+    d.isPrivate = true;
+    d.taps = {{description.uuid, true}};
     if (audio.createProcessTap(description, tap) != noErr || audio.createAggregateDevice(d, device) != noErr)
         return 0;
     if (tapID)

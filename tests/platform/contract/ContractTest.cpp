@@ -406,22 +406,15 @@ TEST_F(PipeWireBackendTest, LosingTheServerRemovesItsDevicesAndReconnectingBring
 
 constexpr const char* groupUID = "org.tonavi.test.group";
 
-AggregateDeviceDescription groupOf(std::vector<std::string> members) {
-    AggregateDeviceDescription group{.uid = groupUID, .name = "Test group", .mainSubDevice = members.front()};
-    for (std::size_t i = 0; i < members.size(); ++i)
-        group.subDevices.push_back({members[i], i > 0});
-    return group;
-}
-
 TEST_F(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) {
     PipeWireRig& rig = *this->rig;
     auto& audio = rig.audio();
     const auto defaultOutput = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
     AudioObjectID group = 0, again = 0;
-    EXPECT_EQ(audio.createAggregateDevice(groupOf({"speakers", "nowhere"}), group),
+    EXPECT_EQ(audio.createAggregateDevice(groupOf(groupUID, {"speakers", "nowhere"}), group),
               kAudioHardwareBadDeviceError);
-    ASSERT_EQ(audio.createAggregateDevice(groupOf({"speakers", "headphones"}), group), noErr);
-    EXPECT_EQ(audio.createAggregateDevice(groupOf({"speakers", "headphones"}), again),
+    ASSERT_EQ(audio.createAggregateDevice(groupOf(groupUID, {"speakers", "headphones"}), group), noErr);
+    EXPECT_EQ(audio.createAggregateDevice(groupOf(groupUID, {"speakers", "headphones"}), again),
               kAudioHardwareIllegalOperationError)
         << "one device per UID";
     EXPECT_EQ(rig.deviceID(groupUID), group);

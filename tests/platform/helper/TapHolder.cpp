@@ -47,10 +47,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (group) {
-        AggregateDeviceDescription description{
-            .uid = argv[2], .name = "Held group", .mainSubDevice = argv[3]};
-        for (int i = 3; i < argc; ++i)
-            description.subDevices.push_back({argv[i], i > 3});
+        const auto description = test::groupOf(argv[2], std::vector<std::string>(argv + 3, argv + argc));
         AudioObjectID device = 0;
         if (audio.createAggregateDevice(description, device) != noErr)
             return 5;
