@@ -22,7 +22,8 @@ struct SimFile {
         return ctl(env, args);
     }
     nlohmann::json device(const std::string& uid) const {
-        for (const auto& d : nlohmann::json::parse((*this)({"show", "--json"}).second)["devices"])
+        const auto world = nlohmann::json::parse((*this)({"show", "--json"}).second);
+        for (const auto& d : world["devices"])
             if (d.value("uid", "") == uid)
                 return d;
         return {};
