@@ -4,6 +4,7 @@
 
 #include "audio/effects/EQ10.hpp"
 #include "audio/effects/EQPresets.hpp"
+#include "core/wire/TonaviChannel.hpp"
 #include "platform/sim/SimWorld.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
@@ -30,15 +31,20 @@ const std::string speakers = "BuiltInSpeakerDevice";
 const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 constexpr double toneRMS = -12.0 - 3.0103; // a sine's RMS lies 3 dB under its peak
 
-// A private world and home, the service running on them, and tonavictl to drive both.
+// A private world and home, the service running on them, and tonavictl to drive both. Safari plays
+// before the service starts unless asked otherwise.
 class Mix {
   public:
-    Mix() {
+    explicit Mix(bool safariPlays = true) {
         env_ = home_.env();
         env_["TONAVI_SIM_WORLD"] = worldPath();
         ctlOK({"sim", "init"});
-        ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
+        if (safariPlays)
+            playSafari();
         service_ = startService(home_, env_);
+    }
+    void playSafari(int frequency = 1000) {
+        ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", std::to_string(frequency), "--level", "-12"});
     }
     ~Mix() {
         if (service_.pid > 0)
@@ -72,7 +78,7 @@ class Mix {
                 auto m = meterOf(bundleID);
                 return m && m->deviceUID == device && std::abs(m->rmsDB - rmsDB) <= tolerance;
             },
-            10s);
+            15s);
     }
     bool tapped(const std::string& bundleID) const {
         const SimWorld w = world();
@@ -82,9 +88,9 @@ class Mix {
         });
     }
     std::string log() const { return home_.logText(); }
-    // Whether the status reports a health event of the kind.
-    bool hasHealth(const std::string& kind) {
-        return ctl({"status", "--json"}).second.find(R"("kind":")" + kind + '"') != std::string::npos;
+    // Whether the status (as JSON) mentions the text.
+    bool statusHas(const std::string& text) {
+        return ctl({"status", "--json"}).second.find(text) != std::string::npos;
     }
     // The live tap workers of the app, children of this service.
     std::vector<int> workers(const std::string& bundleID) const { return workersOf(service_.pid, bundleID); }
@@ -143,12 +149,11 @@ TEST(MixingEndToEnd, VolumeMuteEqualiserRedirectAndResetActOnOneAppOnly) {
     mix.ctlOK({"eq", "Safari", "Bass Booster"});
     for (double frequency : {1000.0, 100.0}) {
         SCOPED_TRACE(frequency);
-        mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", std::to_string(int(frequency)), "--level",
-                   "-12"});
+        mix.playSafari(int(frequency));
         EXPECT_TRUE(mix.waitForLevel(safari, unity->rmsDB - 12.0 + bassBoosterDB(frequency), 0.75));
     }
     mix.ctlOK({"eq", "Safari", "off"});
-    mix.ctlOK({"sim", "play", "com.apple.WebKit.GPU", "--freq", "1000", "--level", "-12"});
+    mix.playSafari();
 
     // Mute ramps down to silence without a click: recorded across the mute, no step between
     // neighbouring samples is larger than the tone's own steepest one allows.
@@ -209,7 +214,7 @@ TEST(MixingEndToEnd, KilledWorkersAndAKilledService) {
     mix.ctlOK({"sim", "fail", "create-tap", "1", "nope"});
     auto killedAt = std::chrono::steady_clock::now();
     ::kill(first[0], SIGKILL);
-    EXPECT_TRUE(waitUntil([&] { return mix.hasHealth("tap-released"); }, 10s)) << mix.log();
+    EXPECT_TRUE(waitUntil([&] { return mix.statusHas(R"("kind":"tap-released")"); }, 10s)) << mix.log();
     EXPECT_TRUE(waitUntil([&] { return !mix.tapped(safari); }, 5s));
     ASSERT_TRUE(waitUntil(
         [&] {
@@ -229,4 +234,25 @@ TEST(MixingEndToEnd, KilledWorkersAndAKilledService) {
     killedAt = std::chrono::steady_clock::now();
     EXPECT_TRUE(waitUntil([&] { return !alive(workers[0]) && !alive(workers[1]); }, 5s));
     EXPECT_LT(std::chrono::steady_clock::now() - killedAt, 1000ms);
+}
+
+TEST(SmartEndToEnd, FollowMeLowersTheBackgroundBrowserAndRecentShowsItStarting) {
+    Mix mix(false);
+    // The first snapshot, with Music already playing, is the baseline of the trail.
+    ASSERT_TRUE(waitUntil([&] { return mix.statusHas(music); }, 10s));
+    mix.playSafari();
+    // Music in front before the automation starts, so it never needs a tap.
+    mix.ctlOK({"sim", "activate", music});
+    SmartSettings half;
+    half.followMeBackgroundPercent = 50;
+    mix.ctlOK({"send", encodeRequest(TonaviRequest{TonaviRequest::SetSmartSettings{half}})});
+    EXPECT_EQ(mix.ctl({"smart", "follow-me", "on"}).second, "follow-me on\n");
+
+    // The app in front keeps its level, the browser loses 6 dB.
+    EXPECT_TRUE(mix.waitForLevel(safari, toneRMS - 6.0206, 0.5)) << mix.log();
+    EXPECT_TRUE(mix.waitForLevel(music, toneRMS, 0.5));
+    EXPECT_NE(mix.ctl({"smart"}).second.find("hero Music; others at 50%"), std::string::npos);
+    const std::string recent = mix.ctl({"recent"}).second;
+    EXPECT_NE(recent.find("Safari started playing "), std::string::npos) << recent;
+    EXPECT_EQ(recent.find("Music started playing"), std::string::npos) << recent;
 }

@@ -1,7 +1,8 @@
 // The service on a private PipeWire server, end to end: two tone clients play on the speakers,
 // tonavictl changes one of them, and the speakers' and headphones' monitors say what each
 // application sounds like there. Killing a worker or the service must leave the application on its
-// own path, with nothing of Tonavi left in the graph.
+// own path, with nothing of Tonavi left in the graph. When the audio server goes away and comes back,
+// the applications reconnect to the new server and the service taps them again.
 
 #include "platform/pipewire/PipeWireConnection.hpp"
 #include "tests/integration/ChildProcess.hpp"
@@ -13,6 +14,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -35,6 +37,11 @@ constexpr std::size_t window = 2400; // 50 ms: every tone below fits whole perio
 // "Low" plays a bass and a treble tone, "High" one tone; each tone at the same amplitude, so High's
 // level is also what Low's tones measure on their own path.
 constexpr double bass = 120, treble = 4000, high = 880;
+
+// The level (dBFS) of the frequency in the samples; silence reads -120.
+double levelAt(const float* samples, std::size_t count, double frequency, double rate) {
+    return 20.0 * std::log10(std::max(amplitudeAt(samples, count, frequency, rate), 1e-6));
+}
 
 // A device's monitor, recorded without pause (mono) from construction; a pipe reader thread keeps
 // the samples and when each chunk arrived.
@@ -258,6 +265,51 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     EXPECT_TRUE(waitUntil([&] { return !alive(replacements[0]); }, 3s)) << "the worker outlived the service";
     EXPECT_NEAR(speakers.settle({treble}, [&](const auto& l) { return l[0] > reference - 1; })[0], reference,
                 1.0);
+}
+
+TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
+    seedConfig(0.5);
+    const auto playBoth = [&] {
+        play("org.tonavi.Low", "Low", "4000");
+        play("org.tonavi.High", "High", "880");
+    };
+    // Low at half volume is 12 dB under High, which plays as loud as Low does on its own path. Both
+    // follow the default output, which the service may move when every device comes back at once
+    // (a returning personal device takes over), so either sink may be playing them.
+    const auto lowered = [] {
+        for (const char* sink : {"speakers", "headphones"}) {
+            MonitorRecording monitor(sink);
+            monitor.levels({treble, high}); // the monitor's first buffers may be silence
+            const auto l = monitor.levels({treble, high});
+            if (l[1] > -30 && std::abs(l[0] - l[1] + 12.04) < 1.0)
+                return true;
+        }
+        return false;
+    };
+    playBoth();
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    EXPECT_TRUE(waitUntil(lowered, 10s)) << "Low was never tapped";
+
+    // The applications lose the server with it and are started again on the new one.
+    server->stopAudio();
+    for (pid_t pid : std::exchange(tones, {}))
+        PrivatePipeWireServer::terminate(pid);
+    std::string why;
+    ASSERT_TRUE(server->startAudio(why)) << why;
+    playBoth();
+    EXPECT_TRUE(waitUntil(lowered, 20s)) << "Low was not tapped again on the new server";
+    EXPECT_EQ(service.wait(0ms), std::nullopt) << "the service did not survive the server\n"
+                                               << home.logText();
+
+    // The server is shared with the tests that follow: the speakers are the default again.
+    EXPECT_EQ(service.stop(), std::optional<int>(0));
+    service.pid = -1;
+    EXPECT_EQ(std::system("pactl set-default-sink speakers"), 0);
+    PipeWireConnection graph;
+    ASSERT_TRUE(graph.start(why)) << why;
+    EXPECT_TRUE(graph.waitUntil(
+        [](const PipeWireGraph& g) { return g.defaultNodeName("default.audio.sink") == "speakers"; },
+        3000ms));
 }
 
 } // namespace

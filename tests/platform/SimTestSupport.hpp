@@ -3,6 +3,7 @@
 // on the simulated machine, a tap read by an aggregate, and a listener that records what it heard and on
 // which queue.
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 
@@ -31,6 +32,18 @@ inline AudioObjectPropertyAddress inputAddress(AudioObjectPropertySelector selec
     return scopedAddress(selector, kAudioObjectPropertyScopeInput);
 }
 
+// An aggregate of `members`, the first its clock; the others (or all, with `driftAll`) drift-corrected.
+inline AggregateDeviceDescription groupOf(const std::string& uid, const std::vector<std::string>& members,
+                                          bool driftAll = false) {
+    AggregateDeviceDescription group;
+    group.uid = uid;
+    group.name = "Test group";
+    group.mainSubDevice = members.front();
+    for (std::size_t i = 0; i < members.size(); ++i)
+        group.subDevices.push_back({members[i], driftAll || i > 0});
+    return group;
+}
+
 // A private tap of `description` read by a private aggregate of `subDevices`, the first its clock: the
 // aggregate, or 0 when either is refused.
 inline AudioObjectID tapAggregate(AudioHardware& audio, TapDescription description,
@@ -38,12 +51,8 @@ inline AudioObjectID tapAggregate(AudioHardware& audio, TapDescription descripti
                                   AudioObjectID* tapID = nullptr) {
     description.isPrivate = true;
     AudioObjectID tap = 0, device = 0;
-    AggregateDeviceDescription d;
-    d.uid = "agg." + description.uuid;
+    auto d = groupOf("agg." + description.uuid, subDevices, true);
     d.isPrivate = true;
-    d.mainSubDevice = subDevices.front();
-    for (const auto& s : subDevices)
-        d.subDevices.push_back({s, true});
     d.taps = {{description.uuid, true}};
     if (audio.createProcessTap(description, tap) != noErr || audio.createAggregateDevice(d, device) != noErr)
         return 0;
@@ -73,32 +82,24 @@ inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID)
 class RecordingListener {
   public:
     explicit RecordingListener(DispatchQueue& queue) : queue_(queue) {}
-    template <class F> std::invoke_result_t<F> locked(F f) {
-        std::lock_guard<std::mutex> guard(mutex_);
-        return f();
-    }
     bool waitForCalls(int count, std::chrono::seconds timeout = std::chrono::seconds(10)) {
         std::unique_lock<std::mutex> lock(mutex_);
         return changed_.wait_for(lock, timeout, [&] { return calls_ >= count; });
     }
-    int calls() {
-        return locked([&] { return calls_; });
-    }
-    int offQueue() {
-        return locked([&] { return offQueue_; });
-    }
+    int calls() const { return calls_; }
+    int offQueue() const { return offQueue_; }
     std::vector<AudioObjectPropertyAddress> heard() {
-        return locked([&] { return heard_; });
+        std::lock_guard<std::mutex> guard(mutex_);
+        return heard_;
     }
 
     AudioObjectPropertyListenerBlock block =
         std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
             [this](std::span<const AudioObjectPropertyAddress> addresses) {
-                locked([&] {
-                    calls_ += 1;
-                    offQueue_ += queue_.isCurrent() ? 0 : 1;
-                    heard_.insert(heard_.end(), addresses.begin(), addresses.end());
-                });
+                std::lock_guard<std::mutex> guard(mutex_);
+                offQueue_ += queue_.isCurrent() ? 0 : 1;
+                heard_.insert(heard_.end(), addresses.begin(), addresses.end());
+                calls_ += 1;
                 changed_.notify_all();
             });
 
@@ -106,7 +107,7 @@ class RecordingListener {
     DispatchQueue& queue_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    int calls_ = 0, offQueue_ = 0;
+    std::atomic<int> calls_ = 0, offQueue_ = 0; // written under the mutex, read without it
     std::vector<AudioObjectPropertyAddress> heard_;
 };
 

@@ -34,10 +34,8 @@ int main() {
     std::string why;
     auto* server = PrivatePipeWireServer::shared(&why);
     std::unique_ptr<PipeWireRig> rig = server ? std::make_unique<PipeWireRig>(*server) : nullptr;
-    if (!rig || !rig->connected()) {
-        std::fprintf(stderr, "no private PipeWire server: %s\n", why.c_str());
-        return 1;
-    }
+    if (!rig || !rig->connected())
+        return std::fprintf(stderr, "no private PipeWire server: %s\n", why.c_str()), 1;
     auto& audio = rig->pipewire();
     std::vector<App> apps;
     std::vector<AudioObjectID> processes;
@@ -75,10 +73,8 @@ int main() {
                 std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData,
                             std::min(in.mBuffers[0].mDataByteSize, out.mBuffers[0].mDataByteSize));
         });
-    if (!proc) {
-        std::fprintf(stderr, "tap IO did not start\n");
-        return 1;
-    }
+    if (!proc)
+        return std::fprintf(stderr, "tap IO did not start\n"), 1;
     std::this_thread::sleep_for(std::chrono::seconds(1));
     const auto before = *audio.ioStatistics(device, proc);
     const double withIO = cpuShare(10);
@@ -95,6 +91,5 @@ int main() {
     audio.deviceStop(device, proc);
     audio.destroyIOProcID(device, proc);
     audio.destroyAggregateDevice(device);
-    audio.destroyProcessTap(tap);
-    rig->stopApp(apps[0]);
+    audio.destroyProcessTap(tap); // the rig stops the applications
 }

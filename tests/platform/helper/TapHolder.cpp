@@ -2,7 +2,10 @@
 // until it is killed: the tests kill it to see the application come back on its own path.
 //   platform_tap_holder <bundle-id>    prints "ready <pid>" once the tap's IO runs
 //   platform_tap_holder --group <uid> <member-uid>...   holds an output group of the members instead
+//   platform_tap_holder --listen <selector>   prints "armed", then "fired <n> on-queue <0|1>" when the
+//                                             system object's property changes; exit 1 after 10 s
 
+#include <future>
 #include <iostream>
 #include <string>
 #include <unistd.h>
@@ -14,20 +17,37 @@ using namespace tonavi;
 
 int main(int argc, char** argv) {
     const bool group = argc >= 4 && std::string(argv[1]) == "--group";
+    const bool listen = argc == 3 && std::string(argv[1]) == "--listen";
     std::string error;
-    auto* backend = argc == 2 || group ? PlatformBackend::current(&error) : nullptr;
+    auto* backend = argc == 2 || group || listen ? PlatformBackend::current(&error) : nullptr;
     if (!backend) {
         std::cerr << error << "\n";
         return 64;
     }
     auto& audio = backend->audio();
+    if (listen) {
+        DispatchQueue queue("holder.listener");
+        std::atomic<int> fired{0};
+        std::promise<bool> first;
+        auto block = std::make_shared<const std::function<void(std::span<const AudioObjectPropertyAddress>)>>(
+            [&](std::span<const AudioObjectPropertyAddress>) {
+                if (fired.fetch_add(1) == 0)
+                    first.set_value(queue.isCurrent());
+            });
+        const auto address = globalAddress(fourCharCodeFromString(argv[2]));
+        if (audio.addPropertyListener(kAudioObjectSystemObject, address, queue, block) != noErr)
+            return 64;
+        std::cout << "armed" << std::endl;
+        auto onQueue = first.get_future();
+        if (onQueue.wait_for(std::chrono::seconds(10)) != std::future_status::ready)
+            return 1;
+        std::cout << "fired " << fired.load() << " on-queue " << (onQueue.get() ? 1 : 0) << std::endl;
+        audio.removePropertyListener(kAudioObjectSystemObject, address, queue, block);
+        queue.sync([] {});
+        return 0;
+    }
     if (group) {
-        AggregateDeviceDescription description;
-        description.uid = argv[2];
-        description.name = "Held group";
-        description.mainSubDevice = argv[3];
-        for (int i = 3; i < argc; ++i)
-            description.subDevices.push_back({argv[i], i > 3});
+        const auto description = test::groupOf(argv[2], std::vector<std::string>(argv + 3, argv + argc));
         AudioObjectID device = 0;
         if (audio.createAggregateDevice(description, device) != noErr)
             return 5;

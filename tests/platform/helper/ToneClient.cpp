@@ -2,7 +2,6 @@
 // with the application properties it is given. Several frequencies joined by '+' play together,
 // each at the level.
 //   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1]
-//   [target node]
 
 #include <cmath>
 #include <csignal>
@@ -67,8 +66,6 @@ int main(int argc, char** argv) {
     pw_properties* props =
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
                           "Music", PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr);
-    if (argc > 5)
-        pw_properties_set(props, PW_KEY_TARGET_OBJECT, argv[5]);
     stream = pw_stream_new(core, argv[2], props);
     static pw_stream_events events{};
     events.version = PW_VERSION_STREAM_EVENTS, events.process = process;
@@ -76,19 +73,12 @@ int main(int argc, char** argv) {
     pw_stream_add_listener(stream, &hook, &events, nullptr);
     std::uint8_t buffer[1024];
     spa_pod_builder builder = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
-    spa_audio_info_raw info{.format = SPA_AUDIO_FORMAT_F32,
-                            .flags = 0,
-                            .rate = 48000,
-                            .channels = 2,
-                            .position = {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
+    spa_audio_info_raw info{SPA_AUDIO_FORMAT_F32, 0, 48000, 2, {SPA_AUDIO_CHANNEL_FL, SPA_AUDIO_CHANNEL_FR}};
     const spa_pod* params[] = {spa_format_audio_raw_build(&builder, SPA_PARAM_EnumFormat, &info)};
     pw_stream_connect(stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
                       static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
                                                    PW_STREAM_FLAG_RT_PROCESS),
                       params, 1);
     pw_main_loop_run(loop);
-    pw_stream_destroy(stream);
-    pw_core_disconnect(core);
-    pw_context_destroy(context);
-    pw_main_loop_destroy(loop);
+    pw_stream_destroy(stream); // the rest goes with the process
 }

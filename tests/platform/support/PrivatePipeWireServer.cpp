@@ -19,18 +19,15 @@ namespace tonavi::test {
 namespace {
 std::unique_ptr<PrivatePipeWireServer> instance;
 bool tried = false;
-bool missing = false;
 std::string failure;
 
-// A null sink or source of the server's configuration.
-std::string node(const std::string& name, const std::string& description, const std::string& mediaClass,
-                 const std::string& positions, int priority) {
-    return "  { factory = adapter args = { factory.name = support.null-audio-sink node.name = \"" + name +
-           "\" node.description = \"" + description + "\" media.class = \"" + mediaClass +
-           "\" audio.position = [ " + positions + " ] object.linger = true" +
-           (mediaClass == "Audio/Sink" ? " monitor.channel-volumes = true" : "") +
-           " priority.session = " + std::to_string(priority) + " } }\n";
-}
+// Two null sinks and a null source, the speakers the session manager's first choice.
+constexpr const char* nodes = R"(context.objects = [
+  { factory = adapter args = { factory.name = support.null-audio-sink node.name = "speakers" node.description = "Speakers" media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true monitor.channel-volumes = true priority.session = 2000 } }
+  { factory = adapter args = { factory.name = support.null-audio-sink node.name = "headphones" node.description = "Headphones" media.class = "Audio/Sink" audio.position = [ FL FR ] object.linger = true monitor.channel-volumes = true priority.session = 1000 } }
+  { factory = adapter args = { factory.name = support.null-audio-sink node.name = "microphone" node.description = "Microphone" media.class = "Audio/Source/Virtual" audio.position = [ MONO ] object.linger = true priority.session = 3000 } }
+]
+)";
 } // namespace
 
 PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
@@ -39,19 +36,11 @@ PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
         auto server = std::unique_ptr<PrivatePipeWireServer>(new PrivatePipeWireServer());
         if (server->start(failure))
             instance = std::move(server);
-        std::atexit(&PrivatePipeWireServer::stopShared);
+        std::atexit([] { instance.reset(); });
     }
     if (!instance && why)
         *why = failure;
     return instance.get();
-}
-
-void PrivatePipeWireServer::stopShared() {
-    instance.reset();
-}
-
-bool PrivatePipeWireServer::programsMissing() {
-    return missing;
 }
 
 pid_t PrivatePipeWireServer::spawn(const std::vector<std::string>& argv, const std::string& logName) {
@@ -85,25 +74,16 @@ void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
 
 bool PrivatePipeWireServer::start(std::string& why) {
     for (const std::string program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
-        if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0) {
-            why = program + " is not installed (scripts/setup.sh installs it)";
-            missing = true;
-            return false;
-        }
+        if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0)
+            return why = program + " is not installed (scripts/setup.sh installs it)", missing_ = true, false;
     std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-pipewire-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) {
-        why = "no temporary folder";
-        return false;
-    }
+    if (!::mkdtemp(pattern.data()))
+        return why = "no temporary folder", false;
     folder_ = pattern;
     for (const char* dir : {"/run", "/config/pipewire/pipewire.conf.d", "/state", "/data"})
         std::filesystem::create_directories(folder_ + dir);
     std::filesystem::permissions(folder_ + "/run", std::filesystem::perms::owner_all);
-    std::ofstream(folder_ + "/config/pipewire/pipewire.conf.d/tonavi-sinks.conf")
-        << "context.objects = [\n"
-        << node("speakers", "Speakers", "Audio/Sink", "FL FR", 2000)
-        << node("headphones", "Headphones", "Audio/Sink", "FL FR", 1000)
-        << node("microphone", "Microphone", "Audio/Source/Virtual", "MONO", 3000) << "]\n";
+    std::ofstream(folder_ + "/config/pipewire/pipewire.conf.d/tonavi-sinks.conf") << nodes;
 
     for (const char* variable : {"XDG_RUNTIME_DIR", "PIPEWIRE_RUNTIME_DIR"})
         ::setenv(variable, (folder_ + "/run").c_str(), 1);
@@ -115,19 +95,15 @@ bool PrivatePipeWireServer::start(std::string& why) {
     ::setenv("DBUS_SESSION_BUS_ADDRESS", bus.c_str(), 1);
     bus_ = spawn({"dbus-daemon", "--session", "--nofork", "--address=" + bus}, "dbus");
     if (bus_ < 0 || !eventually([&] { return std::filesystem::exists(folder_ + "/run/bus"); },
-                                std::chrono::milliseconds(5000))) {
-        why = "the session bus did not start";
-        return false;
-    }
+                                std::chrono::milliseconds(5000)))
+        return why = "the session bus did not start", false;
     return startAudio(why);
 }
 
 bool PrivatePipeWireServer::startAudio(std::string& why) {
     audio_.push_back(spawn({"pipewire"}, "pipewire"));
-    if (!eventually([&] { return PipeWireConnection::serverAnswers(); }, std::chrono::milliseconds(5000))) {
-        why = "pipewire did not start (see " + folder_ + "/pipewire.log)";
-        return false;
-    }
+    if (!eventually([&] { return PipeWireConnection::serverAnswers(); }, std::chrono::milliseconds(5000)))
+        return why = "pipewire did not start (see " + folder_ + "/pipewire.log)", false;
     audio_.push_back(spawn({"wireplumber"}, "wireplumber"));
     audio_.push_back(spawn({"pipewire-pulse"}, "pipewire-pulse"));
     // Ready when the nodes exist, the session manager has picked a default and pulse answers.
@@ -141,10 +117,8 @@ bool PrivatePipeWireServer::startAudio(std::string& why) {
         },
         std::chrono::milliseconds(10000));
     if (!ready || !eventually([&] { return std::filesystem::exists(folder_ + "/run/pulse/native"); },
-                              std::chrono::milliseconds(5000))) {
-        why = "the session manager or pipewire-pulse did not come up (logs in " + folder_ + ")";
-        return false;
-    }
+                              std::chrono::milliseconds(5000)))
+        return why = "the session manager or pipewire-pulse did not come up (logs in " + folder_ + ")", false;
     return true;
 }
 

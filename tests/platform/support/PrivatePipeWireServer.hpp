@@ -15,10 +15,9 @@ class PrivatePipeWireServer {
   public:
     // The running server, started on first call; nullptr with `why` when it cannot run here.
     static PrivatePipeWireServer* shared(std::string* why = nullptr);
-    static void stopShared();
     // True when the server could not start because its programs are not installed: the only
     // reason the tests may skip rather than fail.
-    static bool programsMissing();
+    static bool programsMissing() { return missing_; }
 
     // Stops pipewire, wireplumber and pipewire-pulse (the bus stays), then starts them again.
     void stopAudio();
@@ -32,6 +31,7 @@ class PrivatePipeWireServer {
     ~PrivatePipeWireServer();
 
   private:
+    static inline bool missing_ = false;
     bool start(std::string& why);
     std::string folder_;
     pid_t bus_ = -1;

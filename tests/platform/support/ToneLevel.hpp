@@ -1,5 +1,5 @@
 #pragma once
-// The level of one tone in a recording: what a device's monitor says an application plays there.
+// The amplitude of one tone in a recording: what a device's monitor says an application plays there.
 
 #include <cmath>
 #include <cstddef>
@@ -16,11 +16,6 @@ inline double amplitudeAt(const float* samples, std::size_t count, double freque
         c += samples[i] * std::cos(phase);
     }
     return count ? 2.0 * std::sqrt(s * s + c * c) / static_cast<double>(count) : 0.0;
-}
-
-// The same in dB relative to full scale; silence reads -120.
-inline double levelAt(const float* samples, std::size_t count, double frequency, double rate) {
-    return 20.0 * std::log10(std::max(amplitudeAt(samples, count, frequency, rate), 1e-6));
 }
 
 } // namespace tonavi::test
