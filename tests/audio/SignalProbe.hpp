@@ -10,16 +10,11 @@
 
 namespace kavore::test {
 
-// frames of a sine of the given peak amplitude, the same on both channels, starting at phase.
-inline std::vector<float> stereoSine(double hz, double amplitude, double sampleRate, std::size_t frames,
-                                     std::size_t startFrame = 0) {
+// frames of a sine of the given peak amplitude, the same on both channels.
+inline std::vector<float> stereoSine(double hz, double amplitude, double sampleRate, std::size_t frames) {
     std::vector<float> buffer(frames * 2);
-    for (std::size_t i = 0; i < frames; ++i) {
-        const double t = static_cast<double>(startFrame + i) / sampleRate;
-        const auto s = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * hz * t));
-        buffer[2 * i] = s;
-        buffer[2 * i + 1] = s;
-    }
+    for (std::size_t i = 0; i < buffer.size(); ++i)
+        buffer[i] = float(amplitude * std::sin(2.0 * std::numbers::pi * hz * double(i / 2) / sampleRate));
     return buffer;
 }
 
@@ -42,9 +37,8 @@ inline std::vector<float> square(std::size_t samples, float amplitude) {
 
 inline double rms(std::span<const float> samples) {
     double sum = 0.0;
-    for (const float s : samples) {
-        sum += static_cast<double>(s) * static_cast<double>(s);
-    }
+    for (const float s : samples)
+        sum += double(s) * double(s);
     return samples.empty() ? 0.0 : std::sqrt(sum / static_cast<double>(samples.size()));
 }
 

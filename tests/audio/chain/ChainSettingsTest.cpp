@@ -53,49 +53,36 @@ TEST(ChainSettingsJSON, WritesAndReadsTheGoldenDocument) {
     EXPECT_EQ(chainSettingsFromJSON(nine).overdrive.multiplier, 9.0);
 }
 
-// One bad field anywhere fails the whole chain.
+// One bad field anywhere fails the whole chain: a required key missing, or a value of the wrong kind.
 TEST(ChainSettingsJSON, ReadsStrictly) {
-    const std::vector<std::pair<std::string, json>> breaks = {{"/slots/0/id", nullptr},
-                                                              {"/slots/0/kind", nullptr},
-                                                              {"/slots/0/nickname", nullptr},
-                                                              {"/slots/0/bypassed", nullptr},
-                                                              {"/slots/0/settingsJSON", nullptr},
-                                                              {"/slots", nullptr},
-                                                              {"/overdrive", nullptr},
-                                                              {"/bypassed", nullptr},
-                                                              {"/slots/0/kind", "reverb"},
-                                                              {"/slots/0/settingsJSON", "not base64!"},
-                                                              {"/slots/0/bypassed", "false"},
-                                                              {"/overdrive", json::object()},
-                                                              {"/slots/1/auComponent/type", 4294967296ull},
-                                                              {"/slots/1/auComponent/name", nullptr}};
-    for (const auto& [pointer, value] : breaks) {
-        json j = json::parse(goldenChain);
-        if (value.is_null())
-            j.at(json::json_pointer(pointer).parent_pointer()).erase(json::json_pointer(pointer).back());
-        else
-            j[json::json_pointer(pointer)] = value;
+    const auto golden = json::parse(goldenChain);
+    for (const char* pointer : {"/slots/0/id", "/slots/0/settingsJSON", "/slots", "/overdrive", "/bypassed",
+                                "/slots/1/auComponent/name"}) {
+        json j = golden;
+        j.at(json::json_pointer(pointer).parent_pointer()).erase(json::json_pointer(pointer).back());
+        EXPECT_THROW(chainSettingsFromJSON(j), JSONDecodeError) << pointer;
+    }
+    const auto wrongKinds = json::parse(R"({"/slots/0/kind": "reverb", "/slots/0/settingsJSON": "!",
+        "/slots/0/bypassed": "false", "/overdrive": {}, "/slots/1/auComponent/type": 4294967296})");
+    for (const auto& [pointer, value] : wrongKinds.items()) {
+        json j = golden;
+        j[json::json_pointer(pointer)] = value;
         EXPECT_THROW(chainSettingsFromJSON(j), JSONDecodeError) << pointer << " = " << value;
     }
     EXPECT_THROW(chainSettingsFromJSON(json::array()), JSONDecodeError);
 }
 
 TEST(ChainSettings, NeutralWhenNothingCanChangeTheAudio) {
+    const std::vector<EffectSlot> off = {flat("a", true), flat("b", true)};
     const struct {
         std::vector<EffectSlot> slots;
         double overdrive;
         bool bypassed, neutral;
-    } cases[] = {{{flat("a", true), flat("b", true)}, 1.0, false, true},
-                 {{flat("a", true), flat("b", true)}, 2.0, false, false},
-                 {{flat("a", true), flat("b", true)}, 2.0, true, true},
-                 {{}, 1.001, false, true},
-                 {{}, 1.0011, false, false},
-                 {{flat("a", true), flat("b")}, 1.0, false, false}};
+    } cases[] = {{off, 1.0, false, true},    {off, 2.0, false, false},
+                 {off, 2.0, true, true},     {{}, 1.001, false, true},
+                 {{}, 1.0011, false, false}, {{flat("a", true), flat("b")}, 1.0, false, false}};
     for (const auto& c : cases) {
-        ChainSettings chain;
-        chain.slots = c.slots;
-        chain.overdrive = OverdriveSettings::unclamped(c.overdrive);
-        chain.bypassed = c.bypassed;
+        const ChainSettings chain{c.slots, OverdriveSettings::unclamped(c.overdrive), c.bypassed};
         EXPECT_EQ(chain.isNeutral(), c.neutral) << c.slots.size() << " " << c.overdrive << " " << c.bypassed;
     }
 }

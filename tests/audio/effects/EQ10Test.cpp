@@ -25,8 +25,7 @@ TEST(EQ10, RenderedSineShowsTheBandGainAtItsCentre) {
         eq.process(out);
         const double gain =
             test::dbRatio(test::rms(std::span(out).subspan(24000)), test::rms(std::span(in).subspan(24000)));
-        EXPECT_GT(gain, c.lowDB) << c.freq;
-        EXPECT_LT(gain, c.highDB) << c.freq;
+        EXPECT_TRUE(gain > c.lowDB && gain < c.highDB) << c.freq << " Hz: " << gain << " dB";
     }
 }
 
@@ -59,6 +58,7 @@ TEST(EQ10, PreampActivationAndOneFilterStateThroughBothChannels) {
     EXPECT_EQ(silence, std::vector<float>(8, 0.0f));
 }
 
+// Look-up ignores case; ids are built from the names; every preset is enabled with a 0 dB preamp.
 TEST(EQPresets, TableSpotChecks) {
     const auto& all = EQPresets::all();
     ASSERT_EQ(all.size(), 24u);
@@ -66,16 +66,9 @@ TEST(EQPresets, TableSpotChecks) {
     for (const auto& p : all)
         EXPECT_EQ(std::make_tuple(p.builtin, p.settings.enabled, p.settings.preampDB),
                   std::make_tuple(true, true, 0.0));
-    // Look-up ignores case; ids are built from the names.
-    const std::vector<std::tuple<const char*, const char*, const char*, std::size_t, double>> spots = {
-        {"r&b", "builtin-r&b", "R&B", 1, 7.0},
-        {"SMALL SPEAKERS", "builtin-small-speakers", "Small Speakers", 0, 5.5},
-        {"Loudness", "builtin-loudness", "Loudness", 7, -4.5}};
-    for (const auto& [asked, id, name, band, gain] : spots) {
-        const auto preset = EQPresets::named(asked);
-        ASSERT_TRUE(preset) << asked;
-        EXPECT_EQ(std::make_tuple(preset->id, preset->name, preset->settings.bandGainsDB[band]),
-                  std::make_tuple(id, name, gain));
-    }
+    const auto rnb = EQPresets::named("r&b"), small = EQPresets::named("SMALL SPEAKERS");
+    ASSERT_TRUE(rnb && small);
+    EXPECT_EQ(std::make_tuple(rnb->id, rnb->name, rnb->settings.bandGainsDB[1], small->id),
+              std::make_tuple("builtin-r&b", "R&B", 7.0, "builtin-small-speakers"));
     EXPECT_FALSE(EQPresets::named("Bass"));
 }

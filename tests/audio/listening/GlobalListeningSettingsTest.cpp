@@ -32,13 +32,10 @@ TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClamps) {
     const auto bell = ListeningFilterKind::bell;
     const std::vector<std::pair<json, ListeningEQBand>> cases = {
         {json::object(), ListeningEQBand("b", bell, 1000.0, 0.0, 0.707, true)},
-        {{{"frequencyHz", 5}}, ListeningEQBand("b", bell, 20.0)},
-        {{{"frequencyHz", 30000}}, ListeningEQBand("b", bell, 20000.0)},
-        {{{"frequencyHz", "loud"}}, ListeningEQBand("b", bell, 1000.0)},
-        {{{"gainDB", 40}}, ListeningEQBand("b", bell, 1000.0, 12.0)},
-        {{{"q", 0.01}}, ListeningEQBand("b", bell, 1000.0, 0.0, 0.3)},
-        {{{"enabled", false}}, ListeningEQBand("b", bell, 1000.0, 0.0, 0.707, false)},
-        {{{"enabled", 0}}, ListeningEQBand("b", bell)}};
+        {{{"frequencyHz", 5}, {"gainDB", 40}, {"q", 0.01}}, ListeningEQBand("b", bell, 20.0, 12.0, 0.3)},
+        {{{"frequencyHz", 30000}, {"enabled", false}},
+         ListeningEQBand("b", bell, 20000.0, 0.0, 0.707, false)},
+        {{{"frequencyHz", "loud"}, {"enabled", 0}}, ListeningEQBand("b", bell)}};
     for (const auto& [extra, expected] : cases)
         EXPECT_EQ(listeningEQBandFromJSON(band(extra)), expected) << extra;
     const double inf = std::numeric_limits<double>::infinity();
@@ -53,7 +50,8 @@ TEST(ListeningEQSettings, BandListReadsWholeAndKeepsSixteen) {
     for (int i = 0; i < 17; ++i)
         seventeen.push_back(band({{"id", std::to_string(i)}}));
     const auto eq = listeningEQSettingsFromJSON(json{{"bands", seventeen}});
-    EXPECT_EQ(std::make_pair(eq.bands.size(), eq.bands.back().id), std::make_pair(std::size_t{16}, std::string("15")));
+    EXPECT_EQ(std::make_pair(eq.bands.size(), eq.bands.back().id),
+              std::make_pair(std::size_t{16}, std::string("15")));
 
     json withBadBand = json::array({band({{"gainDB", 3}}), json{{"kind", "bell"}}});
     EXPECT_EQ(listeningEQSettingsFromJSON(json{{"bands", withBadBand}}), ListeningEQSettings::flat());
@@ -65,7 +63,8 @@ TEST(ListeningEQSettings, BandListReadsWholeAndKeepsSixteen) {
 TEST(ListeningEQSettings, FlatLayoutIsNeutralUntilAPassFilterIsEnabled) {
     auto eq = ListeningEQSettings::flat();
     ASSERT_EQ(eq.bands.size(), 8u);
-    EXPECT_EQ(eq.bands.front(), ListeningEQBand("high-pass", ListeningFilterKind::highPass, 35.0, 0.0, 0.707, false));
+    EXPECT_EQ(eq.bands.front(),
+              ListeningEQBand("high-pass", ListeningFilterKind::highPass, 35.0, 0.0, 0.707, false));
     EXPECT_TRUE(eq.isNeutral());
     for (const auto& [gain, neutral] : {std::pair{0.01, true}, {0.011, false}}) {
         eq.bands[2].gainDB = gain;
@@ -89,15 +88,15 @@ TEST(ListeningBalancerSettingsJSON, DefaultsAndClamps) {
     EXPECT_EQ(ListeningBalancerSettings(true, -20, nan).strengthPercent, 50.0);
 }
 
-TEST(GlobalListeningSettings, PlugInSlotsAreValidatedInOrder) {
+TEST(GlobalListeningSettings, PlugInSlotsAreValidatedInOrderAndChangesAudioCountsWhatActs) {
     EffectSlot notAU = auSlot("eq");
     notAU.kind = EffectKind::eq10;
     EffectSlot noComponent = auSlot("none");
     noComponent.auComponent.reset();
-    const GlobalListeningSettings s(true, ListeningEQSettings::flat(), {},
-                                    {auSlot("1"), notAU, auSlot("inst", "aumu"), noComponent,
-                                     auSlot("1", "aumf"), auSlot("2", "aumf"), auSlot("3")});
-    EXPECT_EQ(ids(s.audioUnitSlots), (std::vector<std::string>{"1", "2"}));
+    const GlobalListeningSettings validated(true, ListeningEQSettings::flat(), {},
+                                            {auSlot("1"), notAU, auSlot("inst", "aumu"), noComponent,
+                                             auSlot("1", "aumf"), auSlot("2", "aumf"), auSlot("3")});
+    EXPECT_EQ(ids(validated.audioUnitSlots), (std::vector<std::string>{"1", "2"}));
 
     GlobalListeningSettings withBypass(true, {}, {}, {auSlot("1", "aufx", true), auSlot("2")});
     EXPECT_EQ(ids(withBypass.activeAudioUnitSlots()), std::vector<std::string>{"2"});
@@ -105,10 +104,9 @@ TEST(GlobalListeningSettings, PlugInSlotsAreValidatedInOrder) {
     withBypass.enabled = false;
     EXPECT_TRUE(withBypass.activeAudioUnitSlots().empty());
     EXPECT_FALSE(withBypass.changesAudio());
-}
 
-TEST(GlobalListeningSettings, ChangesAudioAndDSPMatching) {
-    GlobalListeningSettings s(true, ListeningEQSettings::flat(), ListeningBalancerSettings(true, -20, 0.1), {});
+    GlobalListeningSettings s(true, ListeningEQSettings::flat(), ListeningBalancerSettings(true, -20, 0.1),
+                              {});
     EXPECT_FALSE(s.changesAudio()) << "flat EQ, a balancer too weak to act, no plug-ins";
     s.balancer = ListeningBalancerSettings(true, -20, 0.2);
     EXPECT_TRUE(s.changesAudio());

@@ -1,3 +1,4 @@
+#include "audio/primitives/Biquad.hpp"
 #include "audio/primitives/BiquadCascade.hpp"
 #include "audio/primitives/DriftCorrector.hpp"
 #include "audio/primitives/FastMath.hpp"
@@ -7,7 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
+#include <numbers>
 #include <tuple>
 #include <vector>
 
@@ -56,12 +59,11 @@ TEST(DriftCorrector, RatioIsPulledTowardsAClampedMeasurementAndReportedInPPM) {
     const struct {
         double smoothing, produced, consumed, ratio;
         const char* status;
-    } steps[] = {{0.5, 200, 100, 1.025, "corrected +25000 ppm"}, // towards 1.05, not 2
-                 {0.5, 10, 0, 1.025, "corrected +25000 ppm"},    // nothing consumed: unchanged
-                 {0.5, 90, 100, 0.9875, "corrected -12500 ppm"},
-                 {1.0, 1.0000005, 1.0, 1.0000005, "locked"},
-                 {1.0, 1.00002, 1.0, 1.00002, "corrected +20 ppm"},
-                 {1.0, 0.5, 1.0, 0.95, "corrected -50000 ppm"}};
+    } steps[] = {
+        {0.5, 200, 100, 1.025, "corrected +25000 ppm"}, // towards 1.05, not 2
+        {0.5, 10, 0, 1.025, "corrected +25000 ppm"},    // nothing consumed: unchanged
+        {0.5, 90, 100, 0.9875, "corrected -12500 ppm"},    {1.0, 1.0000005, 1.0, 1.0000005, "locked"},
+        {1.0, 1.00002, 1.0, 1.00002, "corrected +20 ppm"}, {1.0, 0.5, 1.0, 0.95, "corrected -50000 ppm"}};
     DriftCorrector d(0.5), e(1.0);
     for (const auto& s : steps) {
         DriftCorrector& c = s.smoothing == 0.5 ? d : e;
@@ -76,7 +78,8 @@ TEST(DriftCorrector, RatioIsPulledTowardsAClampedMeasurementAndReportedInPPM) {
 TEST(DriftCorrector, ResampleInterpolatesAndCarriesPositionAcrossCalls) {
     DriftCorrector fast(1.0);
     fast.updateRatio(2.0, 1.0);
-    EXPECT_EQ(fast.resample(std::vector<float>{0, 1, 2, 3}, 4), (std::vector<float>{0.0f, 1.05f, 2.1f, 3.0f}));
+    EXPECT_EQ(fast.resample(std::vector<float>{0, 1, 2, 3}, 4),
+              (std::vector<float>{0.0f, 1.05f, 2.1f, 3.0f}));
     EXPECT_NEAR(fast.fractional(), 0.2, 1e-12);
     EXPECT_EQ(fast.resample({}, 3), (std::vector<float>{0, 0, 0}));
     EXPECT_NEAR(fast.fractional(), 0.2, 1e-12);
@@ -88,51 +91,118 @@ TEST(DriftCorrector, ResampleInterpolatesAndCarriesPositionAcrossCalls) {
     EXPECT_TRUE(fast.resample(b, 0).empty());
 }
 
-TEST(LevelMeter, RmsRisesWithAttackFallsWithReleaseAndPeakDecaysOnEmptyBuffers) {
+// RMS rises with the attack and falls with the release; the peak decays unless beaten, and an empty
+// buffer holds the RMS while the peak decays. A square wave of +-0.5 has an RMS and a peak of 0.5.
+TEST(LevelMeter, RmsFollowsAttackAndReleaseAndPeakDecays) {
     LevelMeter meter(0.6f, 0.08f);
-    // RMS of a square wave of +-0.5 is 0.5; its peak is 0.5.
-    const std::vector<float> loud{0.5f, -0.5f, 0.5f, -0.5f};
-    meter.process(loud);
-    EXPECT_FLOAT_EQ(meter.rms(), 0.3f); // 0.6 of the way from 0
-    EXPECT_FLOAT_EQ(meter.peak(), 0.5f);
-    EXPECT_FLOAT_EQ(meter.normalized(), 0.9f);
-
-    meter.process(loud);
-    EXPECT_FLOAT_EQ(meter.rms(), 0.42f);
-    EXPECT_FLOAT_EQ(meter.normalized(), 1.0f) << "clamped";
-    EXPECT_FLOAT_EQ(meter.peak(), 0.5f * 0.92f) << "a peak that is only matched decays";
-
-    const std::vector<float> quiet{0.1f, -0.1f};
-    meter.process(quiet);
-    EXPECT_FLOAT_EQ(meter.rms(), 0.42f - 0.08f * 0.32f);
-    EXPECT_FLOAT_EQ(meter.peak(), 0.5f * 0.92f * 0.92f);
-
-    const float rmsBefore = meter.rms();
-    meter.process({});
-    EXPECT_FLOAT_EQ(meter.rms(), rmsBefore);
-    EXPECT_FLOAT_EQ(meter.peak(), 0.5f * 0.92f * 0.92f * 0.92f);
+    const std::vector<float> loud{0.5f, -0.5f, 0.5f, -0.5f}, quiet{0.1f, -0.1f};
+    const struct {
+        std::vector<float> in;
+        float rms, peak, normalized;
+    } steps[] = {{loud, 0.3f, 0.5f, 0.9f},
+                 {loud, 0.42f, 0.46f, 1.0f}, // normalized is clamped
+                 {quiet, 0.3944f, 0.4232f, 1.0f},
+                 {{}, 0.3944f, 0.389344f, 1.0f}};
+    for (const auto& s : steps) {
+        meter.process(s.in);
+        EXPECT_NEAR(meter.rms(), s.rms, 1e-6) << s.in.size();
+        EXPECT_NEAR(meter.peak(), s.peak, 1e-6) << s.in.size();
+        EXPECT_NEAR(meter.normalized(), s.normalized, 1e-6) << s.in.size();
+    }
 }
 
-TEST(VolumeLaw, SquaredFaderRoundTripsAndClampsAtBothEnds) {
-    EXPECT_DOUBLE_EQ(VolumeLaw::gain(0.5), 0.25);
-    EXPECT_DOUBLE_EQ(VolumeLaw::fader(VolumeLaw::gain(0.5)), 0.5);
-    EXPECT_DOUBLE_EQ(VolumeLaw::fader(0.64), 0.8);
-    EXPECT_EQ(VolumeLaw::gain(-0.2), 0.0);
-    EXPECT_EQ(VolumeLaw::gain(1.7), 1.0);
-    EXPECT_EQ(VolumeLaw::fader(-1.0), 0.0);
-    EXPECT_EQ(VolumeLaw::fader(4.0), 1.0);
+// The fader is squared into a gain and clamped at both ends; silence reads -120 dB, and the display
+// never shows a negative zero.
+TEST(VolumeLaw, SquaredFaderDecibelsAndDisplay) {
+    for (const auto& [fader, gain] : {std::pair{0.5, 0.25}, {0.8, 0.64}, {-0.2, 0.0}, {1.7, 1.0}}) {
+        EXPECT_DOUBLE_EQ(VolumeLaw::gain(fader), gain) << fader;
+        EXPECT_DOUBLE_EQ(VolumeLaw::fader(gain), std::clamp(fader, 0.0, 1.0)) << gain;
+    }
+    EXPECT_EQ(std::make_pair(VolumeLaw::fader(-1.0), VolumeLaw::fader(4.0)), std::make_pair(0.0, 1.0));
+    for (const auto& [gain, db] : {std::pair{1.0, 0.0}, {0.5, -12.0412}, {0.0, -120.0}, {1e-200, -120.0}})
+        EXPECT_NEAR(VolumeLaw::db(gain), db, 1e-4) << gain; // the square of 1e-200 underflows to zero
+    for (const auto& [gain, text] :
+         {std::pair{-3.0, "\u2212\u221E dB"}, {0.9999, "0.0 dB"}, {0.995, "-0.1 dB"}})
+        EXPECT_EQ(VolumeLaw::displayDB(gain), text) << gain;
 }
 
-TEST(VolumeLaw, DecibelsTreatSilenceAsMinus120AndDisplayNeverShowsNegativeZero) {
-    EXPECT_EQ(VolumeLaw::db(1.0), 0.0);
-    EXPECT_NEAR(VolumeLaw::db(0.5), -12.0412, 1e-4);
-    EXPECT_EQ(VolumeLaw::db(0.0), -120.0);
-    EXPECT_EQ(VolumeLaw::db(1e-200), -120.0) << "the square underflows to zero";
+namespace {
 
-    EXPECT_EQ(VolumeLaw::displayDB(0.0), "\u2212\u221E dB");
-    EXPECT_EQ(VolumeLaw::displayDB(-3.0), "\u2212\u221E dB");
-    EXPECT_EQ(VolumeLaw::displayDB(0.9999), "0.0 dB");
-    EXPECT_EQ(VolumeLaw::displayDB(1.0), "0.0 dB");
-    EXPECT_EQ(VolumeLaw::displayDB(0.5), "-12.0 dB");
-    EXPECT_EQ(VolumeLaw::displayDB(0.995), "-0.1 dB");
+constexpr double rate = 48000.0;
+
+// Gain of the filter for a steady sine, measured on the rendered output after the transient.
+double renderedGainDB(Biquad filter, double hz) {
+    double inSum = 0.0, outSum = 0.0;
+    for (std::size_t n = 0; n < 72000; ++n) {
+        const double x = std::sin(2.0 * std::numbers::pi * hz * static_cast<double>(n) / rate);
+        const double y = filter.process(x);
+        if (n >= 24000) // then a whole number of periods for every test frequency
+            inSum += x * x, outSum += y * y;
+    }
+    return 10.0 * std::log10(outSum / inSum);
+}
+
+} // namespace
+
+// Each design's gain at telling frequencies, from its formula and, where given, from a rendered sine.
+// A Butterworth section is 3.01 dB down at its cutoff; a shelf is half way at its corner. The
+// low-pass cutoff is held to 0.45 of the rate, the high-pass is not.
+TEST(Biquad, DesignsHaveTheirGainWhereItMatters) {
+    const double q = std::numbers::sqrt2 / 2.0;
+    const struct {
+        std::function<void(Biquad&)> design;
+        double hz, expectedDB, tolerance;
+        bool rendered;
+    } cases[] = {
+        {[](Biquad& f) { f.setPeaking(1000.0, rate, 6.0, 1.0); }, 1000.0, 6.0, 0.005, true},
+        {[](Biquad& f) { f.setPeaking(1000.0, rate, 6.0, 1.0); }, 50.0, 0.0, 0.1, true},
+        {[](Biquad& f) { f.setLowShelf(1000.0, rate, 6.0, 0.707); }, 0.0, 6.0, 0.005, false},
+        {[](Biquad& f) { f.setLowShelf(1000.0, rate, 6.0, 0.707); }, 1000.0, 3.0, 0.005, false},
+        {[](Biquad& f) { f.setHighShelf(1000.0, rate, -6.0, 0.707); }, 1000.0, -3.0, 0.005, false},
+        {[](Biquad& f) { f.setHighShelf(1000.0, rate, -6.0, 0.707); }, rate / 2.0, -6.0, 0.005, false},
+        {[q](Biquad& f) { f.setLowpass(1000.0, rate, q); }, 1000.0, -3.01, 0.01, false},
+        {[q](Biquad& f) { f.setLowpass(1000.0, rate, q); }, 100.0, 0.0, 0.01, true},
+        {[q](Biquad& f) { f.setLowpass(30000.0, rate, q); }, 21600.0, -3.01, 0.01, false},
+        {[q](Biquad& f) { f.setHighpass(21600.0, rate, q); }, 21600.0, -3.01, 0.01, false},
+        {[q](Biquad& f) { f.setHighpass(30000.0, rate, q); }, 21600.0, -0.09, 0.5, false},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        Biquad f;
+        cases[i].design(f);
+        EXPECT_NEAR(f.magnitudeDB(cases[i].hz, rate), cases[i].expectedDB, cases[i].tolerance)
+            << "case " << i;
+        if (cases[i].rendered) {
+            EXPECT_NEAR(renderedGainDB(f, cases[i].hz), cases[i].expectedDB, cases[i].tolerance)
+                << "case " << i;
+        }
+    }
+}
+
+TEST(Biquad, DegenerateDesignsArePassthroughAndRetuningKeepsState) {
+    // Each design starts from a non-trivial filter, so a setter that returns early fails.
+    const std::vector<std::pair<std::function<void(Biquad&)>, bool>> designs = {
+        {[](Biquad& f) { f.setPeaking(1000.0, rate, 0.0, 1.0); }, true},
+        {[](Biquad& f) { f.setLowShelf(1000.0, rate, 0.01, 1.0); }, true},
+        {[](Biquad& f) { f.setHighShelf(1000.0, rate, -0.01, 1.0); }, true},
+        {[](Biquad& f) { f.setHighShelf(1000.0, rate, 0.011, 1.0); }, false},
+        {[](Biquad& f) { f.setHighpass(100.0, 0.0, 0.707); }, true},
+        {[](Biquad& f) { f.setLowpass(0.0, rate, 0.707); }, true},
+    };
+    for (std::size_t i = 0; i < designs.size(); ++i) {
+        Biquad f;
+        f.setPeaking(1000.0, rate, 6.0, 1.0);
+        designs[i].first(f);
+        EXPECT_EQ(f.b0 == 1.0 && f.b1 == 0.0 && f.b2 == 0.0 && f.a1 == 0.0 && f.a2 == 0.0, designs[i].second)
+            << "design " << i;
+    }
+    EXPECT_EQ(Biquad{}.magnitudeDB(1000.0, 0.0), 0.0);
+
+    Biquad running;
+    running.setLowpass(500.0, rate, 0.707);
+    for (int i = 0; i < 10; ++i)
+        running.process(1.0);
+    const Biquad before = running;
+    running.setHighpass(2000.0, rate, 0.707);
+    EXPECT_NE(before.z1, 0.0);
+    EXPECT_EQ(std::make_pair(running.z1, running.z2), std::make_pair(before.z1, before.z2));
 }

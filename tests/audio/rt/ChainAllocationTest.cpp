@@ -82,9 +82,10 @@ TEST(RealtimeAllocations, PrimitivesAndSteadyVolumeNeverAllocate) {
     EXPECT_GT(filtered, 0.9);
     EXPECT_GT(meter.peak(), 0.5f);
     // Steady volume learns a quiet baseline; a loud stretch then forces its per-sample gain path.
-    runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.05f);
-    runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.05f);
-    EXPECT_GT(runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.5f), 0.5);
+    const auto steadily = [&](std::span<float> b) { steady.process(b); };
+    runBlocks(steadily, allocations, 0.05f);
+    runBlocks(steadily, allocations, 0.05f);
+    EXPECT_GT(runBlocks(steadily, allocations, 0.5f), 0.5);
     EXPECT_GT(steady.reductionDB(), 1.0);
     EXPECT_EQ(allocations, 0u);
 }
@@ -111,10 +112,8 @@ TEST(ChainRealtimeAllocations, EveryEffectAndTheFullChainNeverAllocate) {
             allocations);
     };
     for (const auto& one : settings.slots) {
-        ChainSettings alone;
-        alone.slots = {one};
         RenderChain chain;
-        EXPECT_GT(run(chain, alone), 0.9) << one.id;
+        EXPECT_GT(run(chain, ChainSettings{{one}, {}, false}), 0.9) << one.id;
     }
     settings.slots.push_back(slot("au", EffectKind::audioUnit, nlohmann::json::object()));
     settings.overdrive = OverdriveSettings(2.0);
@@ -134,7 +133,8 @@ TEST(ChainRealtimeAllocations, GlobalListeningNeverAllocates) {
     auto eq = ListeningEQSettings::flat();
     for (auto& band : eq.bands)
         band.enabled = true, band.gainDB = 3.0;
-    const GlobalListeningSettings settings(true, eq, ListeningBalancerSettings(true, -14, 80), {auSlot("au")});
+    const GlobalListeningSettings settings(true, eq, ListeningBalancerSettings(true, -14, 80),
+                                           {auSlot("au")});
     GlobalListeningProcessor whole(settings, rate), split(settings, rate);
     std::size_t allocations = 0;
     EXPECT_GT(runBlocks([&](std::span<float> b) { whole.process(b); }, allocations), 0.9);

@@ -6,7 +6,6 @@
 #include <vector>
 
 namespace Selector = kavore::ProcessTapBufferSelector;
-namespace Mapper = kavore::ProcessTapOutputMapper;
 
 TEST(ProcessTapBufferSelector, PrefersTheLastStereoStreamThenTheLastNonEmptyOne) {
     using Counts = std::vector<int>;
@@ -14,22 +13,21 @@ TEST(ProcessTapBufferSelector, PrefersTheLastStereoStreamThenTheLastNonEmptyOne)
     EXPECT_EQ(Selector::index(Counts{4, 1, 0}), 1u);
     EXPECT_EQ(Selector::index(Counts{0, 0}), std::nullopt);
     EXPECT_EQ(Selector::index(Counts{}), std::nullopt);
-
     EXPECT_EQ(Selector::inputStreamUsage(Counts{2, 2, 1}), (std::vector<std::uint32_t>{0, 1, 0}));
     EXPECT_EQ(Selector::inputStreamUsage(Counts{0, 0}), (std::vector<std::uint32_t>{0, 0}));
-
-    EXPECT_EQ(Selector::preferredFrameSize(64, 4096, 16), 64);
-    EXPECT_EQ(Selector::preferredFrameSize(64, 4096, 8192), 4096);
-    EXPECT_EQ(Selector::preferredFrameSize(64, 4096, 512), 512);
-    EXPECT_EQ(Selector::preferredFrameSize(0, 4096, 8192), 8192) << "unknown range";
-    EXPECT_EQ(Selector::preferredFrameSize(512, 256, 8192), 8192) << "inverted range";
+    // Within the device's range; an unknown (zero) or inverted range takes what is asked.
+    for (const auto& [low, high, asked, expected] : {std::tuple{64, 4096, 16, 64},
+                                                     {64, 4096, 8192, 4096},
+                                                     {64, 4096, 512, 512},
+                                                     {0, 4096, 8192, 8192},
+                                                     {512, 256, 8192, 8192}})
+        EXPECT_EQ(Selector::preferredFrameSize(low, high, asked), expected) << low << "-" << high;
 }
 
+// Mono gets the average; wider devices get stereo on their first two channels and silence beyond.
 TEST(ProcessTapOutputMapper, MonoGetsTheAverageAndWideDevicesGetStereoOnTheFirstTwo) {
-    EXPECT_FLOAT_EQ(Mapper::sample(0.5f, -0.25f, 0, 1), 0.125f);
-    EXPECT_FLOAT_EQ(Mapper::sample(0.5f, -0.25f, 0, 2), 0.5f);
-    EXPECT_FLOAT_EQ(Mapper::sample(0.5f, -0.25f, 1, 6), -0.25f);
-    EXPECT_EQ(Mapper::sample(0.5f, -0.25f, 2, 6), 0.0f);
-    EXPECT_EQ(Mapper::sample(0.5f, -0.25f, 1, 1), 0.0f);
-    EXPECT_EQ(Mapper::sample(0.5f, -0.25f, -1, 2), 0.0f);
+    for (const auto& [channel, count, expected] :
+         {std::tuple{0, 1, 0.125f}, {0, 2, 0.5f}, {1, 6, -0.25f}, {2, 6, 0.0f}, {1, 1, 0.0f}, {-1, 2, 0.0f}})
+        EXPECT_FLOAT_EQ(kavore::ProcessTapOutputMapper::sample(0.5f, -0.25f, channel, count), expected)
+            << channel << " of " << count;
 }
