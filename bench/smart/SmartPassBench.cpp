@@ -30,11 +30,9 @@ void BM_SmartPass(benchmark::State& s) {
     smart.followMeBackgroundPercent = 30;
     smart.leaveAloneBundleIDs = {"com.example.app10", "com.example.app11"};
     smart.preferredMicUIDs = {"dev-7", "dev-3"};
-    config.duckRules.resize(4);
-    for (std::size_t r = 0; r < 4; ++r) {
-        config.duckRules[r].triggerBundleID = "com.example.app" + std::to_string(13 + r);
-        config.duckRules[r].duckedBundleIDs = {"com.example.app20", "com.example.app22"};
-    }
+    for (int r = 13; r < 17; ++r) // four duck rules
+        config.duckRules.push_back(
+            {"", "com.example.app" + std::to_string(r), {"com.example.app20", "com.example.app22"}});
     config.hiddenAppIDs = {"com.example.app29"};
     config.softMasterPercent = 70;
 
@@ -55,7 +53,6 @@ void BM_SmartPass(benchmark::State& s) {
     SmartTickState state;
     AudioOnsetTrail trail;
     double now = 1'700'000'000.0;
-    bool odd = false;
     for (auto _ : s) {
         inputs.nowNanos += 2'000'000'000;
         now += 2.0;
@@ -70,10 +67,7 @@ void BM_SmartPass(benchmark::State& s) {
         benchmark::DoNotOptimize(trail.currentAudioOnsets(config.hiddenAppIDs, now));
         benchmark::DoNotOptimize(SmartTickPolicy::liveStatus(state, smart, {out->name, "Mic", {}}));
         // Every other pass one app starts again, so the trail records onsets.
-        odd = !odd;
-        if (odd)
-            inputs.playing.erase("com.example.app15");
-        else
+        if (inputs.playing.erase("com.example.app15") == 0)
             inputs.playing.insert("com.example.app15");
     }
 }
