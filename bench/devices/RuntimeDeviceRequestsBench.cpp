@@ -17,12 +17,7 @@ namespace {
 
 using namespace tonavi;
 
-struct NoTaps final : ServiceTapProvider {
-    TapHandlePtr createTap(const std::string&) override { return nullptr; }
-    void destroyTap(const TapHandlePtr&) override {}
-    void setHooks(Hooks) override {}
-};
-
+// No tap provider: the runtime runs with one that cannot take taps.
 struct Service {
     const tonavi::test::TempFolder folder;
     std::shared_ptr<SimMachine> machine;
@@ -33,7 +28,6 @@ struct Service {
         environment.store = std::make_shared<TonaviConfigStore>(folder.path());
         environment.audio = machine;
         environment.workspace = std::make_shared<SimWorkspace>(machine);
-        environment.tapProvider = std::make_shared<NoTaps>();
         runtime = std::make_unique<TonaviRuntime>(std::move(environment));
     }
     TonaviReply ask(const TonaviRequest& request) {

@@ -40,12 +40,6 @@ StereoBuffer tone(double amplitude) {
     return b;
 }
 
-void countFrames(benchmark::State& state) {
-    const double frames = static_cast<double>(state.iterations()) * kFrames;
-    state.SetItemsProcessed(static_cast<std::int64_t>(frames));
-    state.counters["x_realtime"] = benchmark::Counter(frames / kRate, benchmark::Counter::kIsRate);
-}
-
 // Each iteration starts from the same programme material, so that gains never run away. A chain that
 // cannot change the audio needs no refill, so that only the chain's own cost is measured.
 template <typename Process>
@@ -59,7 +53,9 @@ void runProcessor(benchmark::State& state, Process process, const StereoBuffer& 
         benchmark::DoNotOptimize(buffer.data());
         benchmark::ClobberMemory();
     }
-    countFrames(state);
+    const double frames = static_cast<double>(state.iterations()) * kFrames;
+    state.SetItemsProcessed(static_cast<std::int64_t>(frames));
+    state.counters["x_realtime"] = benchmark::Counter(frames / kRate, benchmark::Counter::kIsRate);
 }
 
 } // namespace
@@ -127,8 +123,7 @@ ChainSettings neutralChain(bool bypassWhole) {
     settings.bypassed = bypassWhole;
     for (auto& s : settings.slots)
         s.bypassed = !bypassWhole;
-    if (!bypassWhole)
-        settings.overdrive = OverdriveSettings::off();
+    settings.overdrive = bypassWhole ? settings.overdrive : OverdriveSettings::off();
     return settings;
 }
 BENCHMARK_CAPTURE(runChain, BM_NeutralChain, neutralChain(false), false);

@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <span>
 #include <string>
@@ -69,9 +68,7 @@ int main(int argc, char** argv) {
     eq.configure(kavore::EQPresets::named("Rock")->settings, rate);
     kavore::RenderChain chain;
     chain.configure(kavore::bench::fullChainSettings(), rate);
-    const std::function<void(std::span<float>)> process =
-        mode == "eq10" ? std::function<void(std::span<float>)>([&](std::span<float> b) { eq.process(b); })
-                       : [&](std::span<float> b) { chain.process(b); };
+    const auto process = [&](std::span<float> b) { mode == "eq10" ? eq.process(b) : chain.process(b); };
 
     const auto start = std::chrono::steady_clock::now();
     for (std::size_t at = 0; at < samples.size(); at += bufferSamples)
