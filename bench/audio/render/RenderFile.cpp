@@ -27,9 +27,7 @@ constexpr std::size_t bufferSamples = 128 * 2;
 
 bool readFloats(const char* path, std::vector<float>& samples) {
     std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in)
-        return false;
-    const std::streamoff size = in.tellg();
+    const std::streamoff size = in ? std::streamoff(in.tellg()) : -1;
     if (size < 0 || size % static_cast<std::streamoff>(2 * sizeof(float)) != 0)
         return false;
     samples.resize(static_cast<std::size_t>(size) / sizeof(float));
