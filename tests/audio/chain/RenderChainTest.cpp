@@ -27,10 +27,8 @@ std::vector<float> testSignal(std::size_t n = 512) {
 const EQ10Settings boost({9, 6, 3, 0, 0, 0, 0, 0, 0, 0}, 6.0, true);
 const CompressorSettings squeeze(1.0, CompressorVoicing::voice, true);
 
-ChainSettings chainOf(std::vector<EffectSlot> slots) {
-    ChainSettings settings;
-    settings.slots = std::move(slots);
-    return settings;
+ChainSettings chainOf(std::vector<EffectSlot> slots, double overdrive = 1.0) {
+    return {std::move(slots), OverdriveSettings::unclamped(overdrive), false};
 }
 
 std::vector<float> render(RenderChain& chain, std::size_t n = 512) {
@@ -62,8 +60,8 @@ TEST(RenderChain, RebuildsOnlyWhenSettingsOrRateChange) {
 TEST(RenderChain, BypassedSlotsAndBypassedChains) {
     auto settings =
         chainOf({slot("a", EffectKind::eq10, toJSON(boost)), slot("b", EffectKind::eq10, toJSON(boost), true),
-                 slot("c", EffectKind::compressor, toJSON(squeeze))});
-    settings.overdrive = OverdriveSettings(2.0);
+                 slot("c", EffectKind::compressor, toJSON(squeeze))},
+                2.0);
     settings.bypassed = true;
     RenderChain chain;
     chain.configure(settings, 48000);
@@ -117,13 +115,12 @@ TEST(RenderChain, ProcessorsRunInSlotOrderAndOverdriveLast) {
 
     // A +12 dB preamp drives the signal to about 2.4; only an overdrive stage after the EQ brings
     // it back under the ceiling, and only beyond a multiplier of 1.001.
-    auto hot = chainOf({slot("eq", EffectKind::eq10, toJSON(EQ10Settings({}, 12.0, true)))});
-    hot.overdrive = OverdriveSettings::unclamped(1.001);
-    chain.configure(hot, 48000);
-    EXPECT_FALSE(chain.overdriveActive());
+    const auto hot = [](double overdrive) {
+        return chainOf({slot("eq", EffectKind::eq10, toJSON(EQ10Settings({}, 12.0, true)))}, overdrive);
+    };
+    chain.configure(hot(1.001), 48000);
     EXPECT_GT(std::ranges::max(render(chain)), 2.0f);
-    hot.overdrive = OverdriveSettings::unclamped(1.0011);
-    chain.configure(hot, 48000);
+    chain.configure(hot(1.0011), 48000);
     EXPECT_LE(std::ranges::max(render(chain)), static_cast<float>(OverdriveLimiter::ceilingLinear));
 }
 

@@ -5,17 +5,15 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <numbers>
-#include <vector>
-
 using namespace kavore;
 using namespace kavore::test;
 
 namespace {
 
+constexpr double rate = 48000;
+
 // Interleaved stereo: a sine on each side.
-std::vector<float> stereo(std::size_t frames, double rate, double leftHz, double rightHz) {
+std::vector<float> stereo(std::size_t frames, double leftHz, double rightHz) {
     std::vector<float> v(frames * 2);
     for (std::size_t i = 0; i < frames; ++i) {
         const double t = double(i) / rate;
@@ -42,12 +40,11 @@ ListeningEQSettings oneBell(double hz, double gainDB, double q = 1.0) {
 } // namespace
 
 TEST(GlobalListeningEQ, EachChannelKeepsItsOwnFilters) {
-    const double rate = 48000;
     // Different tones on each side: each channel sees its own tone at the true rate, through its
     // own filters, and nothing of the other side.
     GlobalListeningEQ both(oneBell(1000, 6.0, 4.0), rate, 2);
     ASSERT_EQ(both.filters().size(), 2u) << "only the band that changes audio, once per channel";
-    const auto in = stereo(48000, rate, 1000, 4000);
+    const auto in = stereo(48000, 1000, 4000);
     auto out = in;
     both.process(out);
     EXPECT_NEAR(channelRmsDB(out, 0, 24000) - channelRmsDB(in, 0, 24000), 6.0, 0.02);
@@ -75,7 +72,6 @@ TEST(GlobalListeningEQ, EveryKindIsLimitedToBelowNyquist) {
 }
 
 TEST(GlobalListeningBalancer, BoostsSlowlyCutsFastAndStaysInRange) {
-    const double rate = 48000;
     const std::size_t frames = 96; // 75 buffers make 0.15 s, 600 make 1.2 s
     GlobalListeningBalancer bal(ListeningBalancerSettings(true, -20, 100), rate);
     // The gain of the last of `count` buffers at the amplitude.
@@ -136,7 +132,7 @@ TEST(GlobalListeningProcessor, DoesNothingUnlessSomethingChangesAudio) {
 TEST(GlobalListeningProcessor, HalvesSplitAroundThePlugins) {
     const GlobalListeningSettings s(true, oneBell(1000, 6.0), {}, {auSlot("au")});
     GlobalListeningProcessor split(s, 48000), whole(s, 48000);
-    auto a = stereo(4800, 48000, 1000, 300);
+    auto a = stereo(4800, 1000, 300);
     for (float& x : a)
         x *= 5.0f;
     auto b = a;

@@ -5,9 +5,8 @@
 
 namespace {
 
-// Plain thread-locals of trivial type: touching them never allocates.
-thread_local std::size_t allocationsOnThisThread = 0;
-thread_local int activeCounters = 0;
+using kavore::test::activeCounters;
+using kavore::test::allocationsOnThisThread;
 
 // Counts the allocation and returns a block, null when there is none.
 void* counted(std::size_t size, std::size_t alignment = 0) {
@@ -25,20 +24,6 @@ void* allocate(std::size_t size, std::size_t alignment = 0) {
 }
 
 } // namespace
-
-namespace kavore::test {
-
-AllocationCounter::AllocationCounter() : start_(allocationsOnThisThread) {
-    ++activeCounters;
-}
-AllocationCounter::~AllocationCounter() {
-    --activeCounters;
-}
-std::size_t AllocationCounter::count() const {
-    return allocationsOnThisThread - start_;
-}
-
-} // namespace kavore::test
 
 // Every form is replaced, not only those the standard library forwards: a sanitizer runtime brings
 // its own versions of the rest, and a mix of the two would pair foreign allocations with free().
