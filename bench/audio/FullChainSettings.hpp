@@ -1,6 +1,6 @@
 #pragma once
-// The chain the benchmarks and the file renderer run: every built-in effect at a working setting,
-// and the overdrive stage at twice the gain.
+// The chain the benchmarks, the file renderer and the allocation test run: every built-in effect at a
+// working setting, and the overdrive stage at twice the gain.
 
 #include "audio/effects/BalancePanSettingsJSON.hpp"
 #include "audio/effects/EQPresets.hpp"
@@ -8,7 +8,7 @@
 #include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
 #include "audio/headphone/BundledHeadphoneProfiles.hpp"
 #include "audio/headphone/HeadphoneProfileJSON.hpp"
-#include "tests/audio/Slots.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 namespace kavore::bench {
 

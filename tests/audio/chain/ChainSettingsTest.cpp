@@ -4,7 +4,7 @@
 #include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
 #include "audio/headphone/HeadphoneProfileJSON.hpp"
 
-#include "tests/audio/Slots.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
 

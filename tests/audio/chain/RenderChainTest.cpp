@@ -5,7 +5,7 @@
 #include "audio/effects/OneKnobCompressor.hpp"
 #include "audio/primitives/LatencyMath.hpp"
 
-#include "tests/audio/Slots.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 #include "audio/effects/OneKnobCompressor.hpp"
 #include "audio/effects/OverdriveLimiter.hpp"
 
-#include "tests/audio/SignalProbe.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
 

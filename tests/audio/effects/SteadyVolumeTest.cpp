@@ -1,6 +1,6 @@
 #include "audio/effects/SteadyVolume.hpp"
 
-#include "tests/audio/SignalProbe.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
 

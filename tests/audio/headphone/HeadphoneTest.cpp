@@ -3,7 +3,7 @@
 #include "audio/headphone/HeadphoneProfileParser.hpp"
 
 #include "base/Encoding.hpp"
-#include "tests/audio/SignalProbe.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,6 @@
 #include "audio/listening/GlobalListeningProcessor.hpp"
 
-#include "tests/audio/SignalProbe.hpp"
-#include "tests/audio/Slots.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
 

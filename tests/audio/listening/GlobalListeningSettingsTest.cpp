@@ -1,7 +1,7 @@
 #include "audio/listening/GlobalListeningSettings.hpp"
 #include "audio/listening/GlobalListeningSettingsJSON.hpp"
 
-#include "tests/audio/Slots.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
 
@@ -28,7 +28,7 @@ json band(json extra) {
 
 } // namespace
 
-TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClamps) {
+TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClampsAndListsReadWhole) {
     const auto bell = ListeningFilterKind::bell;
     const std::vector<std::pair<json, ListeningEQBand>> cases = {
         {json::object(), ListeningEQBand("b", bell, 1000.0, 0.0, 0.707, true)},
@@ -43,9 +43,8 @@ TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClamps) {
               ListeningEQBand("x", bell));
     EXPECT_THROW(listeningEQBandFromJSON(json{{"kind", "bell"}}), JSONDecodeError);
     EXPECT_THROW(listeningEQBandFromJSON(json{{"id", "x"}, {"kind", "notch"}}), JSONDecodeError);
-}
 
-TEST(ListeningEQSettings, BandListReadsWholeAndKeepsSixteen) {
+    // The band list reads whole or not at all, and keeps sixteen.
     json seventeen = json::array();
     for (int i = 0; i < 17; ++i)
         seventeen.push_back(band({{"id", std::to_string(i)}}));
@@ -117,27 +116,7 @@ TEST(GlobalListeningSettings, PlugInSlotsAreValidatedInOrderAndChangesAudioCount
     EXPECT_FALSE(s.matchesDSP(other));
 }
 
-TEST(GlobalListeningSettingsJSON, TolerantReadingAndValidation) {
-    const json off[] = {
-        json("nonsense"),
-        json::object(),
-        {{"enabled", "yes"}, {"equalizer", 4}, {"balancer", "x"}, {"audioUnitSlots", {1, 2}}}};
-    for (const auto& j : off)
-        EXPECT_EQ(globalListeningSettingsFromJSON(j), GlobalListeningSettings::off()) << j;
-
-    // One unreadable slot empties the list; the rest of the record survives.
-    json slots = json::array({toJSON(auSlot("1")), json{{"id", "broken"}}});
-    const auto partial = globalListeningSettingsFromJSON(json{{"enabled", true}, {"audioUnitSlots", slots}});
-    EXPECT_TRUE(partial.enabled);
-    EXPECT_TRUE(partial.audioUnitSlots.empty());
-
-    // Reading validates slots too.
-    json three = json::array({toJSON(auSlot("1")), toJSON(auSlot("2")), toJSON(auSlot("3"))});
-    EXPECT_EQ(ids(globalListeningSettingsFromJSON(json{{"audioUnitSlots", three}}).audioUnitSlots),
-              (std::vector<std::string>{"1", "2"}));
-}
-
-TEST(GlobalListeningSettingsJSON, WritesAndReadsTheGoldenDocument) {
+TEST(GlobalListeningSettingsJSON, GoldenDocumentTolerantReadingAndValidation) {
     const json golden = json::parse(R"({"enabled": true,
         "equalizer": {"bands": [{"id": "lows", "kind": "lowShelf", "frequencyHz": 120.0, "gainDB": -4.5,
                                  "q": 0.8, "enabled": true}]},
@@ -151,4 +130,20 @@ TEST(GlobalListeningSettingsJSON, WritesAndReadsTheGoldenDocument) {
         ListeningBalancerSettings(true, -18, 70), {auSlot("A")});
     EXPECT_EQ(toJSON(settings), golden);
     EXPECT_EQ(globalListeningSettingsFromJSON(golden), settings);
+
+    // Reading is tolerant, and validates the slots.
+    for (const json& j : {json("nonsense"), json::object(), json::parse(R"({"enabled": "yes", "equalizer": 4,
+                                                         "balancer": "x", "audioUnitSlots": [1, 2]})")})
+        EXPECT_EQ(globalListeningSettingsFromJSON(j), GlobalListeningSettings::off()) << j;
+
+    // One unreadable slot empties the list; the rest of the record survives.
+    json slots = json::array({toJSON(auSlot("1")), json{{"id", "broken"}}});
+    const auto partial = globalListeningSettingsFromJSON(json{{"enabled", true}, {"audioUnitSlots", slots}});
+    EXPECT_TRUE(partial.enabled);
+    EXPECT_TRUE(partial.audioUnitSlots.empty());
+
+    // Reading validates slots too.
+    json three = json::array({toJSON(auSlot("1")), toJSON(auSlot("2")), toJSON(auSlot("3"))});
+    EXPECT_EQ(ids(globalListeningSettingsFromJSON(json{{"audioUnitSlots", three}}).audioUnitSlots),
+              (std::vector<std::string>{"1", "2"}));
 }

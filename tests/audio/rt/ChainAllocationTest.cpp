@@ -2,18 +2,12 @@
 // buffer, however its settings ask it to work.
 
 #include "audio/chain/RenderChain.hpp"
-#include "audio/effects/BalancePanSettingsJSON.hpp"
-#include "audio/effects/EQPresets.hpp"
-#include "audio/effects/EffectSettingsJSON.hpp"
-#include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
 #include "audio/effects/SteadyVolume.hpp"
-#include "audio/headphone/BundledHeadphoneProfiles.hpp"
-#include "audio/headphone/HeadphoneProfileJSON.hpp"
 #include "audio/listening/GlobalListeningProcessor.hpp"
 #include "audio/primitives/LevelMeter.hpp"
 #include "audio/primitives/RingBuffer.hpp"
 
-#include "tests/audio/Slots.hpp"
+#include "bench/audio/FullChainSettings.hpp"
 #include "tests/audio/rt/AllocationCounter.hpp"
 
 #include <gtest/gtest.h>
@@ -93,14 +87,7 @@ TEST(RealtimeAllocations, PrimitivesAndSteadyVolumeNeverAllocate) {
 // Each built-in alone, then all of them in one chain with a plug-in and overdrive; configuring with
 // unchanged settings between buffers is a comparison only.
 TEST(ChainRealtimeAllocations, EveryEffectAndTheFullChainNeverAllocate) {
-    ChainSettings settings;
-    settings.slots = {
-        slot("eq", EffectKind::eq10, toJSON(EQPresets::named("Dance")->settings)),
-        slot("comp", EffectKind::compressor, toJSON(CompressorSettings(0.6, CompressorVoicing::music, true))),
-        slot("lev", EffectKind::magicBoost, toJSON(LevelerSettings(0.7, true))),
-        slot("pan", EffectKind::balancePan, toJSON(BalancePanSettings(-0.4, true))),
-        slot("ns", EffectKind::noiseSuppressor, toJSON(NoiseSuppressorSettings(0.8, true))),
-        slot("hp", EffectKind::headphoneEQ, toJSON(BundledHeadphoneProfiles::all().front()))};
+    ChainSettings settings = bench::fullChainSettings(); // the benchmarks' chain, overdrive included
     std::size_t allocations = 0;
     const auto run = [&](RenderChain& chain, const ChainSettings& s) {
         chain.configure(s, rate);
@@ -116,7 +103,6 @@ TEST(ChainRealtimeAllocations, EveryEffectAndTheFullChainNeverAllocate) {
         EXPECT_GT(run(chain, ChainSettings{{one}, {}, false}), 0.9) << one.id;
     }
     settings.slots.push_back(slot("au", EffectKind::audioUnit, nlohmann::json::object()));
-    settings.overdrive = OverdriveSettings(2.0);
     RenderChain chain;
     // The stand-in plug-in leaves the audio alone, so every changed sample is the built-ins' work.
     int bridged = 0;

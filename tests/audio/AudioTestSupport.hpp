@@ -1,11 +1,17 @@
 #pragma once
-// Test signals and measurements for processors that work on interleaved stereo floats.
+// Test signals and measurements for processors that work on interleaved stereo floats, and effect
+// slots for the chain and listening tests.
+
+#include "audio/chain/ChainSettingsJSON.hpp"
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <numbers>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace kavore::test {
@@ -66,6 +72,30 @@ inline std::vector<float> levelSweep(std::size_t n = 96000) {
     for (std::size_t i = 0; i < n; ++i)
         sweep[i] = float(dbToLinear(-100.0 + 103.0 * double(i) / double(n)) * std::sin(0.031 * double(i)));
     return sweep;
+}
+
+// A slot whose settings bytes are given as they are stored.
+inline EffectSlot rawSlot(const std::string& id, EffectKind kind, const std::string& bytes,
+                          bool bypassed = false) {
+    EffectSlot s;
+    s.id = id;
+    s.kind = kind;
+    s.bypassed = bypassed;
+    s.settingsJSON.assign(bytes.begin(), bytes.end());
+    return s;
+}
+
+inline EffectSlot slot(const std::string& id, EffectKind kind, const nlohmann::json& settings,
+                       bool bypassed = false) {
+    return rawSlot(id, kind, settings.dump(), bypassed);
+}
+
+// A plug-in slot of the given component type ("aufx" is an effect).
+inline EffectSlot auSlot(const std::string& id, const char* type = "aufx", bool bypassed = false) {
+    EffectSlot s = rawSlot(id, EffectKind::audioUnit, "", bypassed);
+    s.auComponent =
+        AUComponentKey{fourCharCode(type), fourCharCode("abcd"), fourCharCode("tstm"), "FX", "Maker"};
+    return s;
 }
 
 } // namespace kavore::test
