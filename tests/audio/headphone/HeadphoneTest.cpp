@@ -11,8 +11,14 @@ using namespace kavore;
 namespace Parser = kavore::HeadphoneProfileParser;
 using Kind = kavore::ParametricFilter::Kind;
 
-TEST(HeadphoneEQ, PreampAndCascadeShapeTheResponse) {
+// The preamp and the cascade shape the response; reconfiguring clears the filter state, and a
+// disabled or absent profile leaves the audio alone.
+TEST(HeadphoneEQ, PreampAndCascadeShapeTheResponseAndReconfiguringClearsState) {
     HeadphoneEQ eq;
+    const auto processed = [&](std::vector<float> b) {
+        eq.process(b);
+        return b;
+    };
     const HeadphoneProfile profile{"id", "test", -6.0, {{Kind::peaking, 1000.0, 6.0, 1.0}}};
     eq.configure(&profile, 48000, true);
     ASSERT_TRUE(eq.active());
@@ -27,29 +33,18 @@ TEST(HeadphoneEQ, PreampAndCascadeShapeTheResponse) {
     HeadphoneProfile silent = profile;
     silent.preampDB = -120.0;
     eq.configure(&silent, 48000, true);
-    std::vector<float> buffer{0.5f, 0.5f};
-    eq.process(buffer);
-    EXPECT_EQ(buffer, (std::vector<float>{0.0f, 0.0f}));
-}
+    EXPECT_EQ(processed({0.5f, 0.5f}), (std::vector<float>{0.0f, 0.0f}));
 
-TEST(HeadphoneEQ, DisabledKeepsTheCascadeAndReconfiguringClearsState) {
-    HeadphoneEQ eq;
-    const auto& profile = BundledHeadphoneProfiles::all().front();
-    eq.configure(&profile, 48000, true);
+    const auto& bundled = BundledHeadphoneProfiles::all().front();
+    eq.configure(&bundled, 48000, true);
     std::vector<float> impulse(64, 0.0f);
     impulse[0] = 1.0f;
-    eq.process(impulse);
-    EXPECT_NE(impulse[10], 0.0f);
-    eq.configure(&profile, 48000, true); // same profile: rebuilt with zero state
-    std::vector<float> zeros(16, 0.0f);
-    eq.process(zeros);
-    EXPECT_EQ(zeros, std::vector<float>(16, 0.0f));
-
-    eq.configure(&profile, 48000, false);
-    std::vector<float> buffer{0.25f, -0.5f};
-    eq.process(buffer);
-    EXPECT_EQ(buffer, (std::vector<float>{0.25f, -0.5f})) << "disabled";
-    eq.configure(&profile, 48000, true);
+    EXPECT_NE(processed(impulse)[10], 0.0f);
+    eq.configure(&bundled, 48000, true); // same profile: rebuilt with zero state
+    EXPECT_EQ(processed(std::vector<float>(16, 0.0f)), std::vector<float>(16, 0.0f));
+    eq.configure(&bundled, 48000, false);
+    EXPECT_EQ(processed({0.25f, -0.5f}), (std::vector<float>{0.25f, -0.5f})) << "disabled";
+    eq.configure(&bundled, 48000, true);
     eq.configure(nullptr, 48000, true);
     EXPECT_FALSE(eq.active());
 }
