@@ -71,7 +71,7 @@ ChainSettings goldenChainSettings() {
 
 } // namespace
 
-TEST(RenderChain, RebuildsOnlyWhenSettingsOrRateChange) {
+TEST(RenderChain, RebuildsOnlyWhenSettingsOrRateChangeAndBypassesLeaveAudioAlone) {
     auto settings = chainOf(
         {slot("eq", EffectKind::eq10, toJSON(boost)), slot("comp", EffectKind::compressor, toJSON(squeeze))});
     RenderChain chain, reference;
@@ -87,21 +87,20 @@ TEST(RenderChain, RebuildsOnlyWhenSettingsOrRateChange) {
     EXPECT_EQ(chain.rebuildCount(), 2) << "a changed rate alone rebuilds";
     settings.slots[1].nickname = "renamed";
     EXPECT_FALSE(chain.matches(settings, 44100)) << "any change of any slot rebuilds";
-}
 
-TEST(RenderChain, BypassedSlotsAndBypassedChains) {
-    auto settings =
+    // Bypassed slots build nothing; a bypassed chain builds its processors and leaves the audio alone.
+    settings =
         chainOf({slot("a", EffectKind::eq10, toJSON(boost)), slot("b", EffectKind::eq10, toJSON(boost), true),
                  slot("c", EffectKind::compressor, toJSON(squeeze))},
                 2.0);
     settings.bypassed = true;
-    RenderChain chain;
-    chain.configure(settings, 48000);
-    EXPECT_EQ(chain.slotIDs(), (std::vector<std::string>{"a", "b", "c"}));
-    ASSERT_EQ(chain.processors().size(), 2u) << "a bypassed chain still builds its active processors";
-    EXPECT_EQ(chain.processors()[1].id, "c");
-    EXPECT_EQ(render(chain), testSignal()) << "and leaves the buffer alone, overdrive included";
-    EXPECT_EQ(chain.latencySamples(), 0);
+    RenderChain bypassing;
+    bypassing.configure(settings, 48000);
+    EXPECT_EQ(bypassing.slotIDs(), (std::vector<std::string>{"a", "b", "c"}));
+    ASSERT_EQ(bypassing.processors().size(), 2u) << "a bypassed chain still builds its active processors";
+    EXPECT_EQ(bypassing.processors()[1].id, "c");
+    EXPECT_EQ(render(bypassing), testSignal()) << "and leaves the buffer alone, overdrive included";
+    EXPECT_EQ(bypassing.latencySamples(), 0);
 }
 
 TEST(RenderChain, CorruptSettingsGiveNeutralEffects) {
@@ -218,7 +217,7 @@ TEST(ChainSettingsJSON, ReadsStrictly) {
     EXPECT_THROW(chainSettingsFromJSON(json::array()), JSONDecodeError);
 }
 
-TEST(ChainSettings, NeutralWhenNothingCanChangeTheAudio) {
+TEST(ChainSettings, NeutralWhenNothingCanChangeTheAudioAndMovesStopAtTheEnds) {
     const std::vector<EffectSlot> off = {flat("a", true), flat("b", true)};
     const struct {
         std::vector<EffectSlot> slots;
@@ -231,9 +230,8 @@ TEST(ChainSettings, NeutralWhenNothingCanChangeTheAudio) {
         const ChainSettings chain{c.slots, OverdriveSettings::unclamped(c.overdrive), c.bypassed};
         EXPECT_EQ(chain.isNeutral(), c.neutral) << c.slots.size() << " " << c.overdrive << " " << c.bypassed;
     }
-}
 
-TEST(ChainSettings, MoveSwapsWithNeighboursAndStopsAtTheEnds) {
+    // A move swaps a slot with its neighbour and stops at the ends.
     ChainSettings chain;
     chain.slots = {flat("a"), flat("b"), flat("c")};
     const std::vector<std::tuple<const char*, bool, const char*>> moves = {
@@ -248,7 +246,7 @@ TEST(ChainSettings, MoveSwapsWithNeighboursAndStopsAtTheEnds) {
     }
 }
 
-TEST(EffectSettingsJSON, EqualiserRecordIsNormalisedHoweverItIsBuilt) {
+TEST(EffectSettingsJSON, EqualiserIsNormalisedAndAmountsAreClampedInCodeButKeptFromJSON) {
     const auto twelve = eq10SettingsFromJSON(
         json{{"bandGainsDB", {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}}, {"preampDB", -30}, {"enabled", true}});
     EXPECT_EQ(twelve, EQ10Settings({1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, -12.0, true));
@@ -264,10 +262,8 @@ TEST(EffectSettingsJSON, EqualiserRecordIsNormalisedHoweverItIsBuilt) {
     EXPECT_THROW(eq10SettingsFromJSON(json{{"bandGainsDB", {1}}, {"enabled", true}}), JSONDecodeError);
     EXPECT_THROW(eq10SettingsFromJSON(json{{"bandGainsDB", {"1"}}, {"preampDB", 0}, {"enabled", true}}),
                  JSONDecodeError);
-}
 
-// Reading keeps the stored value; building in code clamps. Every key is required, and typed.
-TEST(EffectSettingsJSON, AmountsAreClampedInCodeButKeptFromJSON) {
+    // Other amounts: reading keeps the stored value; building in code clamps. Every key is required.
     EXPECT_EQ(std::make_tuple(CompressorSettings(1.5, CompressorVoicing::voice, true).amount,
                               LevelerSettings(-0.5, true).amount, OverdriveSettings(7.0).multiplier,
                               OverdriveSettings(0.2).multiplier, BalancePanSettings(3.0, true).balance,

@@ -85,7 +85,7 @@ TEST(HeadphoneProfileParser, ReadsPublishedParametricText) {
     EXPECT_DOUBLE_EQ(Parser::parse("Filter 1: ON PK Fc 100 Hz Gain 1 dB", "n").preampDB, 0.0);
 }
 
-TEST(HeadphoneProfileParser, BadLinesAndEmptyProfilesAreErrors) {
+TEST(HeadphoneProfileParser, BadLinesAndEmptyProfilesAreErrorsAndNumbersSplitOnAllElse) {
     EXPECT_STREQ(parseError("Preamp: -1 dB\nFilter 1: ON XX Fc 100 Hz").what(),
                  "cannot parse line: Filter 1: ON XX Fc 100 Hz");
     const auto oneNumber =
@@ -99,9 +99,8 @@ TEST(HeadphoneProfileParser, BadLinesAndEmptyProfilesAreErrors) {
         EXPECT_EQ(e.kind(), Parser::ParseError::Kind::empty);
         EXPECT_STREQ(e.what(), "no filters found in profile");
     }
-}
 
-TEST(HeadphoneProfileParser, NumbersSplitOnEverythingButDigitsPointAndLeadingMinus) {
+    // Numbers split on everything but digits, the point and a leading minus.
     EXPECT_EQ(Parser::numbers("Fc 105 Hz Gain -3.2 dB Q 0.71"), (std::vector<double>{105.0, -3.2, 0.71}));
     EXPECT_EQ(Parser::numbers("1-2"), (std::vector<double>{1.0, 2.0}));
     EXPECT_EQ(Parser::numbers("- 1.2.3 . -.5 x7"), (std::vector<double>{-0.5, 7.0}));

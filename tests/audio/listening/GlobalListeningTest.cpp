@@ -87,7 +87,7 @@ TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClampsAndList
 }
 
 // The flat layout: a pass filter at each end, disabled, and bells at 0 dB in between.
-TEST(ListeningEQSettings, FlatLayoutIsNeutralUntilAPassFilterIsEnabled) {
+TEST(ListeningSettings, FlatEQIsNeutralUntilAPassFilterIsEnabledAndBalancerRecordClamps) {
     auto eq = ListeningEQSettings::flat();
     ASSERT_EQ(eq.bands.size(), 8u);
     EXPECT_EQ(eq.bands.front(),
@@ -100,9 +100,8 @@ TEST(ListeningEQSettings, FlatLayoutIsNeutralUntilAPassFilterIsEnabled) {
     eq = ListeningEQSettings::flat();
     eq.bands.back().enabled = true;
     EXPECT_FALSE(eq.isNeutral()) << "a pass filter shapes the sound at 0 dB";
-}
 
-TEST(ListeningBalancerSettingsJSON, DefaultsAndClamps) {
+    // The balancer's record takes defaults and clamps its numbers.
     const double nan = std::numeric_limits<double>::quiet_NaN();
     const std::vector<std::pair<json, ListeningBalancerSettings>> cases = {
         {json::object(), ListeningBalancerSettings::defaults()},
@@ -176,7 +175,7 @@ TEST(GlobalListeningSettingsJSON, GoldenDocumentTolerantReadingAndValidation) {
               (std::vector<std::string>{"1", "2"}));
 }
 
-TEST(GlobalListeningEQ, EachChannelKeepsItsOwnFilters) {
+TEST(GlobalListeningEQ, EachChannelKeepsItsOwnFiltersAndEveryKindStaysBelowNyquist) {
     // Different tones on each side: each channel sees its own tone at the true rate, through its
     // own filters, and nothing of the other side.
     GlobalListeningEQ both(oneBell(1000, 6.0, 4.0), rate, 2);
@@ -190,9 +189,8 @@ TEST(GlobalListeningEQ, EachChannelKeepsItsOwnFilters) {
     GlobalListeningEQ neutral(ListeningEQSettings::flat(), rate, 0);
     EXPECT_EQ(std::make_pair(neutral.channelCount(), neutral.filters().size()),
               std::make_pair(1, std::size_t{0}));
-}
 
-TEST(GlobalListeningEQ, EveryKindIsLimitedToBelowNyquist) {
+    // Every kind of band is limited to below Nyquist.
     // A bell asked for at 22 kHz at 44.1 kHz sits at 19845 Hz, where its full gain shows.
     ListeningEQSettings eq({ListeningEQBand("b", ListeningFilterKind::bell, 22000, 6.0, 2.0)});
     EXPECT_NEAR(eq.responseDB(19845, 44100), 6.0, 1e-9);
@@ -248,7 +246,7 @@ TEST(GlobalListeningBalancer, BoostsSlowlyCutsFastAndStaysInRange) {
     EXPECT_EQ(step(1.0f), 1.0) << "too weak to act";
 }
 
-TEST(GlobalListeningProcessor, DoesNothingUnlessSomethingChangesAudio) {
+TEST(GlobalListeningProcessor, DoesNothingUnlessSomethingChangesAudioAndHalvesSplitAroundThePlugins) {
     const std::vector<float> hot{1.5f, -1.5f, 1.5f, -1.5f};
     auto run = [&](const GlobalListeningSettings& s) {
         GlobalListeningProcessor p(s, 48000);
@@ -264,9 +262,8 @@ TEST(GlobalListeningProcessor, DoesNothingUnlessSomethingChangesAudio) {
     // An active plug-in slot alone brings the ceiling in.
     for (float s : run(GlobalListeningSettings(true, ListeningEQSettings::flat(), {}, {auSlot("au")})))
         EXPECT_LE(std::fabs(s), OverdriveLimiter::ceilingLinear);
-}
 
-TEST(GlobalListeningProcessor, HalvesSplitAroundThePlugins) {
+    // The two halves split the treatment around the plug-ins.
     const GlobalListeningSettings s(true, oneBell(1000, 6.0), {}, {auSlot("au")});
     GlobalListeningProcessor split(s, 48000), whole(s, 48000);
     auto a = stereo(4800, 1000, 300);

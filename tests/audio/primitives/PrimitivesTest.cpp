@@ -58,7 +58,7 @@ TEST(BiquadCascade, MatchesPerSampleSectionsBitForBit) {
     }
 }
 
-TEST(DriftCorrector, RatioIsPulledTowardsAClampedMeasurementAndReportedInPPM) {
+TEST(DriftCorrector, RatioFollowsAClampedMeasurementAndResampleCarriesPosition) {
     const struct {
         double smoothing, produced, consumed, ratio;
         const char* status;
@@ -74,11 +74,9 @@ TEST(DriftCorrector, RatioIsPulledTowardsAClampedMeasurementAndReportedInPPM) {
         EXPECT_DOUBLE_EQ(c.ratio(), s.ratio) << s.produced << "/" << s.consumed;
         EXPECT_EQ(c.statusText(), s.status) << s.produced << "/" << s.consumed;
     }
-}
 
-// At ratio 1.05 a ramp is read slightly fast; the overshoot past the input holds the last sample,
-// and the next call starts 0.2 into its input. Empty input gives zeros and leaves the state alone.
-TEST(DriftCorrector, ResampleInterpolatesAndCarriesPositionAcrossCalls) {
+    // At ratio 1.05 a ramp is read slightly fast; the overshoot holds the last sample, and the next call
+    // starts 0.2 into its input. Empty input gives zeros and leaves the state alone.
     DriftCorrector fast(1.0);
     fast.updateRatio(2.0, 1.0);
     EXPECT_EQ(fast.resample(std::vector<float>{0, 1, 2, 3}, 4),
@@ -150,7 +148,7 @@ double renderedGainDB(Biquad filter, double hz) {
 // Each design's gain at telling frequencies, from its formula and, where given, from a rendered sine.
 // A Butterworth section is 3.01 dB down at its cutoff; a shelf is half way at its corner. The
 // low-pass cutoff is held to 0.45 of the rate, the high-pass is not.
-TEST(Biquad, DesignsHaveTheirGainWhereItMatters) {
+TEST(Biquad, DesignsHaveTheirGainDegenerateOnesPassAndRetuningKeepsState) {
     const double q = std::numbers::sqrt2 / 2.0;
     const struct {
         std::function<void(Biquad&)> design;
@@ -177,9 +175,7 @@ TEST(Biquad, DesignsHaveTheirGainWhereItMatters) {
                 << "case " << i;
         }
     }
-}
 
-TEST(Biquad, DegenerateDesignsArePassthroughAndRetuningKeepsState) {
     // Each design starts from a non-trivial filter, so a setter that returns early fails.
     const std::vector<std::pair<std::function<void(Biquad&)>, bool>> designs = {
         {[](Biquad& f) { f.setPeaking(1000.0, rate, 0.0, 1.0); }, true},

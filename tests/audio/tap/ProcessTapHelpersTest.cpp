@@ -7,7 +7,7 @@
 
 namespace Selector = kavore::ProcessTapBufferSelector;
 
-TEST(ProcessTapBufferSelector, PrefersTheLastStereoStreamThenTheLastNonEmptyOne) {
+TEST(ProcessTapHelpers, SelectorPrefersTheLastStereoStreamAndMapperFeedsMonoAndWideDevices) {
     using Counts = std::vector<int>;
     EXPECT_EQ(Selector::index(Counts{2, 1, 2, 6}), 2u);
     EXPECT_EQ(Selector::index(Counts{4, 1, 0}), 1u);
@@ -22,10 +22,8 @@ TEST(ProcessTapBufferSelector, PrefersTheLastStereoStreamThenTheLastNonEmptyOne)
                                                      {0, 4096, 8192, 8192},
                                                      {512, 256, 8192, 8192}})
         EXPECT_EQ(Selector::preferredFrameSize(low, high, asked), expected) << low << "-" << high;
-}
 
-// Mono gets the average; wider devices get stereo on their first two channels and silence beyond.
-TEST(ProcessTapOutputMapper, MonoGetsTheAverageAndWideDevicesGetStereoOnTheFirstTwo) {
+    // Mono gets the average; wider devices get stereo on their first two channels and silence beyond.
     for (const auto& [channel, count, expected] :
          {std::tuple{0, 1, 0.125f}, {0, 2, 0.5f}, {1, 6, -0.25f}, {2, 6, 0.0f}, {1, 1, 0.0f}, {-1, 2, 0.0f}})
         EXPECT_FLOAT_EQ(kavore::ProcessTapOutputMapper::sample(0.5f, -0.25f, channel, count), expected)
