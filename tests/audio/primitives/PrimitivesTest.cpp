@@ -5,6 +5,8 @@
 #include "audio/primitives/LevelMeter.hpp"
 #include "audio/primitives/RingBuffer.hpp"
 #include "audio/primitives/VolumeLaw.hpp"
+#include "audio/tap/ProcessTapBufferSelector.hpp"
+#include "audio/tap/ProcessTapOutputMapper.hpp"
 
 #include <gtest/gtest.h>
 
@@ -97,18 +99,15 @@ TEST(DriftCorrector, RatioFollowsAClampedMeasurementAndResampleCarriesPosition) 
 TEST(LevelMeter, RmsFollowsAttackAndReleaseAndPeakDecays) {
     LevelMeter meter(0.6f, 0.08f);
     const std::vector<float> loud{0.5f, -0.5f, 0.5f, -0.5f}, quiet{0.1f, -0.1f};
-    const struct {
-        std::vector<float> in;
-        float rms, peak, normalized;
-    } steps[] = {{loud, 0.3f, 0.5f, 0.9f},
-                 {loud, 0.42f, 0.46f, 1.0f}, // normalized is clamped
-                 {quiet, 0.3944f, 0.4232f, 1.0f},
-                 {{}, 0.3944f, 0.389344f, 1.0f}};
-    for (const auto& s : steps) {
-        meter.process(s.in);
-        EXPECT_NEAR(meter.rms(), s.rms, 1e-6) << s.in.size();
-        EXPECT_NEAR(meter.peak(), s.peak, 1e-6) << s.in.size();
-        EXPECT_NEAR(meter.normalized(), s.normalized, 1e-6) << s.in.size();
+    // normalized is clamped from the second step on
+    for (const auto& [in, rms, peak, normalized] : {std::tuple{loud, 0.3f, 0.5f, 0.9f},
+                                                    {loud, 0.42f, 0.46f, 1.0f},
+                                                    {quiet, 0.3944f, 0.4232f, 1.0f},
+                                                    {{}, 0.3944f, 0.389344f, 1.0f}}) {
+        meter.process(in);
+        EXPECT_NEAR(meter.rms(), rms, 1e-6) << in.size();
+        EXPECT_NEAR(meter.peak(), peak, 1e-6) << in.size();
+        EXPECT_NEAR(meter.normalized(), normalized, 1e-6) << in.size();
     }
 }
 
@@ -265,4 +264,30 @@ TEST(RingBuffer, OneWriterAndOneReaderMoveEverySampleInOrder) {
     EXPECT_TRUE(inOrder);
     EXPECT_EQ(ring.overrunCount(), 0);
     EXPECT_EQ(ring.available(), 0);
+}
+
+// The tap's pure helpers: which stream it reads, the buffer size it asks for, and the output mapping.
+TEST(ProcessTapHelpers, SelectorPrefersTheLastStereoStreamAndMapperFeedsMonoAndWideDevices) {
+    using Counts = std::vector<int>;
+    EXPECT_EQ(ProcessTapBufferSelector::index(Counts{2, 1, 2, 6}), 2u);
+    EXPECT_EQ(ProcessTapBufferSelector::index(Counts{4, 1, 0}), 1u);
+    EXPECT_EQ(ProcessTapBufferSelector::index(Counts{0, 0}), std::nullopt);
+    EXPECT_EQ(ProcessTapBufferSelector::index(Counts{}), std::nullopt);
+    EXPECT_EQ(ProcessTapBufferSelector::inputStreamUsage(Counts{2, 2, 1}),
+              (std::vector<std::uint32_t>{0, 1, 0}));
+    EXPECT_EQ(ProcessTapBufferSelector::inputStreamUsage(Counts{0, 0}), (std::vector<std::uint32_t>{0, 0}));
+    // Within the device's range; an unknown (zero) or inverted range takes what is asked.
+    for (const auto& [low, high, asked, expected] : {std::tuple{64, 4096, 16, 64},
+                                                     {64, 4096, 8192, 4096},
+                                                     {64, 4096, 512, 512},
+                                                     {0, 4096, 8192, 8192},
+                                                     {512, 256, 8192, 8192}})
+        EXPECT_EQ(ProcessTapBufferSelector::preferredFrameSize(low, high, asked), expected)
+            << low << "-" << high;
+
+    // Mono gets the average; wider devices get stereo on their first two channels and silence beyond.
+    for (const auto& [channel, count, expected] :
+         {std::tuple{0, 1, 0.125f}, {0, 2, 0.5f}, {1, 6, -0.25f}, {2, 6, 0.0f}, {1, 1, 0.0f}, {-1, 2, 0.0f}})
+        EXPECT_FLOAT_EQ(ProcessTapOutputMapper::sample(0.5f, -0.25f, channel, count), expected)
+            << channel << " of " << count;
 }
