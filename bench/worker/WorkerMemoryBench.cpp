@@ -37,10 +37,8 @@ void BM_IdleWorkerResidentMemory(benchmark::State& state) {
     SimWorldFile(world).create(SimWorld::preset(), false);
     std::string error;
     auto machine = SimMachine::open(world, error);
-    if (!machine) {
-        state.SkipWithError(error.c_str());
-        return;
-    }
+    if (!machine)
+        return state.SkipWithError(error.c_str());
     auto workspace = std::make_shared<SimWorkspace>(machine);
     ::setenv("TONAVI_AUDIO_BACKEND", "sim", 1);
     ::setenv("TONAVI_SIM_WORLD", world.c_str(), 1);
@@ -57,10 +55,8 @@ void BM_IdleWorkerResidentMemory(benchmark::State& state) {
         return worker;
     };
     auto handle = std::dynamic_pointer_cast<IsolatedTapHandle>(provider->createTap("com.apple.Music"));
-    if (!handle) {
-        state.SkipWithError("the worker did not start");
-        return;
-    }
+    if (!handle)
+        return state.SkipWithError("the worker did not start");
     // Let it settle into its steady state: IO cycles and a few metrics ticks.
     std::this_thread::sleep_for(std::chrono::seconds(2));
     long kilobytes = 0;

@@ -13,8 +13,7 @@ static void BM_RingBuffer(benchmark::State& state) {
     constexpr std::int64_t perIteration = 1 << 22;
     const std::int64_t block = state.range(0);
     kavore::RingBuffer ring(block * 16);
-    std::vector<float> in(block, 0.5f);
-    std::vector<float> out(block);
+    std::vector<float> in(block, 0.5f), out(block);
     for (auto _ : state) {
         std::thread writer([&] {
             std::int64_t sent = 0;

@@ -15,7 +15,6 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <functional>
 #include <iostream>
 #include <span>
 #include <string>
@@ -28,9 +27,7 @@ constexpr std::size_t bufferSamples = 128 * 2;
 
 bool readFloats(const char* path, std::vector<float>& samples) {
     std::ifstream in(path, std::ios::binary | std::ios::ate);
-    if (!in)
-        return false;
-    const std::streamoff size = in.tellg();
+    const std::streamoff size = in ? std::streamoff(in.tellg()) : -1;
     if (size < 0 || size % static_cast<std::streamoff>(2 * sizeof(float)) != 0)
         return false;
     samples.resize(static_cast<std::size_t>(size) / sizeof(float));
@@ -69,9 +66,7 @@ int main(int argc, char** argv) {
     eq.configure(kavore::EQPresets::named("Rock")->settings, rate);
     kavore::RenderChain chain;
     chain.configure(kavore::bench::fullChainSettings(), rate);
-    const std::function<void(std::span<float>)> process =
-        mode == "eq10" ? std::function<void(std::span<float>)>([&](std::span<float> b) { eq.process(b); })
-                       : [&](std::span<float> b) { chain.process(b); };
+    const auto process = [&](std::span<float> b) { mode == "eq10" ? eq.process(b) : chain.process(b); };
 
     const auto start = std::chrono::steady_clock::now();
     for (std::size_t at = 0; at < samples.size(); at += bufferSamples)

@@ -1,22 +1,60 @@
 #include "audio/effects/MagicLeveler.hpp"
+#include "audio/effects/NoiseSuppressor.hpp"
 #include "audio/effects/OneKnobCompressor.hpp"
 #include "audio/effects/OverdriveLimiter.hpp"
+#include "audio/effects/SteadyVolume.hpp"
 
-#include "tests/audio/SignalProbe.hpp"
+#include "tests/audio/AudioTestSupport.hpp"
 
 #include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <vector>
 
 using namespace kavore;
 using namespace kavore::test;
 
 namespace {
 
-double db(double linear) {
-    return 20.0 * std::log10(linear);
+constexpr double rate = 48000.0;
+constexpr std::size_t frames = 128;
+
+// Feeds buffers of a 375 Hz sine (exactly one period per buffer, so every buffer has the same RMS)
+// at the given RMS level; returns the gain the last buffer received, in dB.
+double run(SteadyVolume& sv, double levelDB, double seconds) {
+    const double amplitude = dbToLinear(levelDB) * std::sqrt(2.0);
+    double gainDB = 0.0;
+    const auto buffers = static_cast<int>(std::lround(seconds * rate / frames));
+    for (int i = 0; i < buffers; ++i) {
+        auto buffer = stereoSine(375.0, amplitude, rate, frames);
+        const double in = rms(buffer);
+        sv.process(buffer);
+        gainDB = in > 0.0 ? dbRatio(rms(buffer), in) : 0.0;
+    }
+    return gainDB;
+}
+
+// Reduction after a step of stepDB above a settled baseline, for continuous time: the short-term
+// level rises with a 0.35 s time constant, the target is what exceeds the 3 dB margin, and the
+// reduction follows the target with 0.15 s.
+double expectedReductionDB(double stepDB, double t) {
+    const double tauShort = 0.35, tauRise = 0.15;
+    const double target = stepDB - 3.0;
+    const double t0 = tauShort * std::log(stepDB / target); // the target starts once past the margin
+    if (t <= t0)
+        return 0.0;
+    const double k = 1.0 / tauRise - 1.0 / tauShort;
+    const double decay = std::exp(-(t - t0) / tauRise);
+    return target * (1.0 - decay) -
+           stepDB / (tauRise * k) * (std::exp(-t / tauShort) - std::exp(-t0 / tauShort) * decay);
+}
+
+// Steady level on both channels for two seconds; returns the gain of the last buffer in dB.
+double steadyGainDB(NoiseSuppressor& ns, double levelDB) {
+    const auto value = static_cast<float>(dbToLinear(levelDB));
+    std::vector<float> buffer(256);
+    for (int i = 0; i < 375; ++i) {
+        std::fill(buffer.begin(), buffer.end(), value);
+        ns.process(buffer);
+    }
+    return dbRatio(buffer.back(), value);
 }
 
 } // namespace
@@ -28,12 +66,12 @@ TEST(OneKnobCompressor, StaticCurveVoicingsAndAttack) {
     // -6.02 dBFS comes out at T + (L - T) / R + makeup = -21.00 dBFS.
     auto loud = square(48000, 0.5f);
     c.process(loud);
-    EXPECT_NEAR(db(std::fabs(loud.back())), -21.003, 0.01);
+    EXPECT_NEAR(dbRatio(std::fabs(loud.back()), 1.0), -21.003, 0.01);
     EXPECT_NEAR(c.gainReductionDB(), 21.65, 0.01);
     // Far below the knee only the makeup acts, once the envelope has released.
     auto quiet = square(96000, 0.001f);
     c.process(quiet);
-    EXPECT_NEAR(db(std::fabs(quiet.back())) - db(0.001), 6.667, 0.01);
+    EXPECT_NEAR(dbRatio(std::fabs(quiet.back()), 0.001), 6.667, 0.01);
     EXPECT_NEAR(c.gainReductionDB(), 0.0, 1e-9);
 
     c.configure(CompressorSettings(0.001, CompressorVoicing::voice, true), 48000);
@@ -81,7 +119,7 @@ TEST(OneKnobCompressor, MatchesTheExactFormulaOverTheSignalRange) {
         }
 }
 
-TEST(OverdriveLimiter, NeverPassesTheCeilingAndRecoversIn60ms) {
+TEST(OverdriveLimiter, NeverPassesTheCeilingRecoversIn60msAndIsADelayAtUnity) {
     OverdriveLimiter lim;
     lim.configure(OverdriveSettings(4.0), 48000, 0, false);
     ASSERT_TRUE(lim.active());
@@ -96,10 +134,8 @@ TEST(OverdriveLimiter, NeverPassesTheCeilingAndRecoversIn60ms) {
     auto quiet = square(2880, 0.01f);
     lim.process(quiet);
     EXPECT_NEAR(lim.currentGainReduction(), 1.0 - (1.0 - held) * std::exp(-1.0), 1e-3);
-}
 
-TEST(OverdriveLimiter, InactiveAtUnityAndLookaheadDelays) {
-    OverdriveLimiter lim;
+    // At unity it is inactive, and its look-ahead is a pure delay.
     lim.configure(OverdriveSettings(1.0), 48000, 5, false);
     EXPECT_FALSE(lim.active());
     std::vector<float> hot{1.5f, -2.0f};
@@ -115,24 +151,23 @@ TEST(OverdriveLimiter, InactiveAtUnityAndLookaheadDelays) {
     EXPECT_EQ(std::count(impulse.begin(), impulse.end(), 0.0f), 199);
 }
 
-TEST(MagicLeveler, ActsOncePerWindowCarriedAcrossBuffers) {
+TEST(MagicLeveler, ActsOncePerWindowHoldsInSilenceAndCutsThreeTimesFaster) {
     for (std::size_t bufferSize : {256u, 300u}) {
         MagicLeveler lev;
         lev.configure(LevelerSettings(1.0, true), 48000);
         ASSERT_EQ(lev.rmsWindow(), 19200);
-        EXPECT_EQ(lev.latencySamples(), 96);
         const std::size_t perWindow = 19200 / bufferSize;
         // -40 dBFS is far below the -14 dB target: each window raises the gain by 0.75 dB.
         for (std::size_t n = 1; n <= 2 * perWindow; ++n) {
             auto buf = square(bufferSize, 0.01f);
             lev.process(buf);
             const double expectedDB = n < perWindow ? 0.0 : (n < 2 * perWindow ? 0.75 : 1.5);
-            ASSERT_NEAR(db(std::fabs(buf.back()) / 0.01), expectedDB, 1e-4) << bufferSize << " buffer " << n;
+            ASSERT_NEAR(dbRatio(std::fabs(buf.back()), 0.01), expectedDB, 1e-4)
+                << bufferSize << " buffer " << n;
         }
     }
-}
 
-TEST(MagicLeveler, SilenceHoldsTheGainAndLoudnessPullsItDownThreeTimesFaster) {
+    // Silence holds the gain and loudness pulls it down three times faster.
     MagicLeveler lev;
     lev.configure(LevelerSettings(0.5, true), 48000);
     auto run = [&](float amplitude, int windows) {
@@ -145,7 +180,8 @@ TEST(MagicLeveler, SilenceHoldsTheGainAndLoudnessPullsItDownThreeTimesFaster) {
     };
     run(0.01f, 4);
     EXPECT_DOUBLE_EQ(lev.currentGainDB(), 3.0);
-    EXPECT_NEAR(db(run(1e-4f, 5) / 1e-4), 3.0, 1e-3) << "below the -55 dB gate the gain holds, and applies";
+    EXPECT_NEAR(dbRatio(run(1e-4f, 5), 1e-4), 3.0, 1e-3)
+        << "below the -55 dB gate the gain holds, and applies";
     EXPECT_DOUBLE_EQ(lev.currentGainDB(), 3.0);
     run(0.3f, 1);
     EXPECT_DOUBLE_EQ(lev.currentGainDB(), 0.75);
@@ -155,4 +191,97 @@ TEST(MagicLeveler, SilenceHoldsTheGainAndLoudnessPullsItDownThreeTimesFaster) {
     EXPECT_LE(std::ranges::max(hot), static_cast<float>(OverdriveLimiter::ceilingLinear));
     lev.configure(LevelerSettings(0.0005, true), 48000);
     EXPECT_EQ(std::make_pair(lev.active(), lev.latencySamples()), std::make_pair(false, 0));
+}
+
+TEST(NoiseSuppressor, ExpandsBelowThresholdDownToTheFloorAndPassesLoudSignal) {
+    NoiseSuppressor full;
+    full.configure(NoiseSuppressorSettings(1.0, true), rate);
+    EXPECT_EQ(std::make_tuple(full.thresholdDB(), full.floorDB(), full.slope()),
+              std::make_tuple(-30.0, -40.0, 4.0));
+    EXPECT_NEAR(full.hissLeft().magnitudeDB(rate / 2.0, rate), -6.0, 0.01);
+    NoiseSuppressor off;
+    off.configure(NoiseSuppressorSettings(0.8, false), rate);
+    EXPECT_FALSE(off.active());
+
+    // amount 0.5: threshold -45 dB, slope 2.5, floor -29 dB, no hiss shelf.
+    NoiseSuppressor ns;
+    ns.configure(NoiseSuppressorSettings(0.5, true), rate);
+    EXPECT_FALSE(ns.hissActive());
+    EXPECT_NEAR(steadyGainDB(ns, -55.0), -15.0, 0.01) << "10 dB under, 1.5 dB per dB";
+    EXPECT_NEAR(steadyGainDB(ns, -90.0), -29.0, 0.01) << "far below sits on the floor";
+    EXPECT_NEAR(steadyGainDB(ns, -20.0), 0.0, 1e-6);
+    // A loud sine passes untouched despite its zero crossings.
+    const auto sine = stereoSine(440.0, 0.5, rate, 4800);
+    auto processed = sine;
+    ns.process(processed);
+    EXPECT_EQ(processed, sine);
+}
+
+// The gain goes through fast approximations of log and exp; against the exact formula, on the
+// louder channel of each pair and through the hiss shelves, a sweep over the signal range must come
+// out the same to far better than 0.1 dB. An odd tail is gated like a pair.
+TEST(NoiseSuppressor, MatchesTheExactFormulaOverTheSignalRange) {
+    const auto exact = [](const NoiseSuppressor& ns, std::vector<float> v) {
+        double envelope = -120.0;
+        Biquad shelves[2] = {ns.hissLeft(), ns.hissRight()};
+        for (std::size_t i = 0; i < v.size(); i += 2) {
+            const std::size_t n = std::min<std::size_t>(2, v.size() - i);
+            const double peak = std::max(std::fabs(v[i]), std::fabs(v[i + n - 1]));
+            const double level = 20.0 * std::log10(peak + 1e-12);
+            const double k = envelope < level ? ns.attackCoeff() : ns.releaseCoeff();
+            envelope = envelope * k + level * (1.0 - k);
+            const double gainDB = std::max(ns.floorDB(), (envelope - ns.thresholdDB()) * (ns.slope() - 1.0));
+            const double gain = envelope >= ns.thresholdDB() ? 1.0 : std::pow(10.0, gainDB / 20.0);
+            for (std::size_t c = 0; c < n; ++c)
+                v[i + c] = float(ns.hissActive() ? shelves[c].process(v[i + c] * gain) : v[i + c] * gain);
+        }
+        return v;
+    };
+    auto sweep = levelSweep(96001);
+    for (std::size_t i = 1; i < sweep.size(); i += 4)
+        sweep[i] *= 0.3f; // the channels differ, so the louder one must be picked
+    for (const double amount : {0.2, 0.5, 0.75, 1.0}) {
+        NoiseSuppressor ns;
+        ns.configure(NoiseSuppressorSettings(amount, true), rate);
+        const auto expected = exact(ns, sweep);
+        auto actual = sweep;
+        ns.process(std::span<float>(actual).first(48000));
+        ns.process(std::span<float>(actual).subspan(48000));
+        EXPECT_LT(worstDBApart(expected, actual), 1e-4) << amount;
+    }
+}
+
+TEST(SteadyVolume, FirstBufferSeedsTheBaselineSteadySoundIsUntouchedAndReductionIsCapped) {
+    SteadyVolume sv;
+    sv.configure(rate);
+    auto buffer = stereoSine(375.0, 0.1, rate, frames);
+    const auto original = buffer;
+    sv.process(buffer);
+    EXPECT_NEAR(sv.baselineDB(), dbRatio(rms(original), 1.0), 1e-9);
+    EXPECT_EQ(buffer, original);
+    EXPECT_NEAR(run(sv, -23.0, 5.0), 0.0, 1e-9);
+
+    // Learned afresh at -50 dB, a 30 dB step is turned down by no more than 18 dB.
+    sv.configure(rate);
+    run(sv, -50.0, 4.0);
+    EXPECT_NEAR(run(sv, -20.0, 3.0), -18.0, 0.02);
+    sv.configure(44100.0);
+    EXPECT_FALSE(sv.baselineSeeded());
+    EXPECT_EQ(std::make_pair(sv.reductionDB(), sv.appliedGain()), std::make_pair(0.0, 1.0));
+}
+
+TEST(SteadyVolume, TwelveDecibelStepIsTurnedDownByNineWithA150msAttack) {
+    SteadyVolume sv;
+    sv.configure(rate);
+    run(sv, -30.0, 4.0); // learn the baseline
+    EXPECT_NEAR(-run(sv, -18.0, 0.5), expectedReductionDB(12.0, 0.5), 0.15);
+    EXPECT_NEAR(-run(sv, -18.0, 0.5), expectedReductionDB(12.0, 1.0), 0.1);
+    // Settled: 9 dB less the baseline's slow creep of 0.8 dB per minute.
+    EXPECT_NEAR(-run(sv, -18.0, 3.0), 9.0 - 4.0 * 0.8 / 60.0, 0.03);
+
+    // Silence holds the baseline while the reduction relaxes with 2.5 s.
+    const double baseline = sv.baselineDB(), reduction = sv.reductionDB();
+    run(sv, -200.0, 2.5);
+    EXPECT_DOUBLE_EQ(sv.baselineDB(), baseline);
+    EXPECT_NEAR(sv.reductionDB(), reduction * std::exp(-1.0), 0.1);
 }

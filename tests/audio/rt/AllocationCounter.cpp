@@ -5,40 +5,21 @@
 
 namespace {
 
-// Plain thread-locals of trivial type: touching them never allocates.
-thread_local std::size_t allocationsOnThisThread = 0;
-thread_local int activeCounters = 0;
+using kavore::test::activeCounters;
+using kavore::test::allocationsOnThisThread;
 
-// Counts the allocation and returns a block, null when there is none.
-void* counted(std::size_t size, std::size_t alignment = 0) {
+// Counts the allocation and returns a block; when there is none, null for the nothrow forms.
+void* allocate(std::size_t size, std::size_t alignment = 0, bool nothrow = false) {
     allocationsOnThisThread += activeCounters > 0 ? 1 : 0;
-    if (alignment == 0)
-        return std::malloc(size == 0 ? 1 : size);
-    const std::size_t rounded = (size + alignment - 1) / alignment * alignment;
-    return std::aligned_alloc(alignment, rounded == 0 ? alignment : rounded);
-}
-
-void* allocate(std::size_t size, std::size_t alignment = 0) {
-    if (void* p = counted(size, alignment))
-        return p;
-    throw std::bad_alloc();
+    const std::size_t rounded = alignment == 0 ? 0 : (size + alignment - 1) / alignment * alignment;
+    void* p = alignment == 0 ? std::malloc(size == 0 ? 1 : size)
+                             : std::aligned_alloc(alignment, rounded == 0 ? alignment : rounded);
+    if (!p && !nothrow)
+        throw std::bad_alloc();
+    return p;
 }
 
 } // namespace
-
-namespace kavore::test {
-
-AllocationCounter::AllocationCounter() : start_(allocationsOnThisThread) {
-    ++activeCounters;
-}
-AllocationCounter::~AllocationCounter() {
-    --activeCounters;
-}
-std::size_t AllocationCounter::count() const {
-    return allocationsOnThisThread - start_;
-}
-
-} // namespace kavore::test
 
 // Every form is replaced, not only those the standard library forwards: a sanitizer runtime brings
 // its own versions of the rest, and a mix of the two would pair foreign allocations with free().
@@ -49,10 +30,10 @@ void* operator new[](std::size_t size) {
     return allocate(size);
 }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return counted(size);
+    return allocate(size, 0, true);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return counted(size);
+    return allocate(size, 0, true);
 }
 void* operator new(std::size_t size, std::align_val_t alignment) {
     return allocate(size, static_cast<std::size_t>(alignment));

@@ -10,18 +10,22 @@
 
 namespace kavore::test {
 
+// Plain thread-locals of trivial type: touching them never allocates.
+inline thread_local std::size_t allocationsOnThisThread = 0;
+inline thread_local int activeCounters = 0;
+
 class AllocationCounter {
   public:
-    AllocationCounter();
-    ~AllocationCounter();
+    AllocationCounter() { ++activeCounters; }
+    ~AllocationCounter() { --activeCounters; }
     AllocationCounter(const AllocationCounter&) = delete;
     AllocationCounter& operator=(const AllocationCounter&) = delete;
 
     // Allocations on this thread since construction.
-    std::size_t count() const;
+    std::size_t count() const { return allocationsOnThisThread - start_; }
 
   private:
-    std::size_t start_;
+    const std::size_t start_ = allocationsOnThisThread;
 };
 
 } // namespace kavore::test

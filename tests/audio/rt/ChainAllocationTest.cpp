@@ -2,18 +2,12 @@
 // buffer, however its settings ask it to work.
 
 #include "audio/chain/RenderChain.hpp"
-#include "audio/effects/BalancePanSettingsJSON.hpp"
-#include "audio/effects/EQPresets.hpp"
-#include "audio/effects/EffectSettingsJSON.hpp"
-#include "audio/effects/NoiseSuppressorSettingsJSON.hpp"
 #include "audio/effects/SteadyVolume.hpp"
-#include "audio/headphone/BundledHeadphoneProfiles.hpp"
-#include "audio/headphone/HeadphoneProfileJSON.hpp"
 #include "audio/listening/GlobalListeningProcessor.hpp"
 #include "audio/primitives/LevelMeter.hpp"
 #include "audio/primitives/RingBuffer.hpp"
 
-#include "tests/audio/Slots.hpp"
+#include "bench/audio/FullChainSettings.hpp"
 #include "tests/audio/rt/AllocationCounter.hpp"
 
 #include <gtest/gtest.h>
@@ -82,24 +76,18 @@ TEST(RealtimeAllocations, PrimitivesAndSteadyVolumeNeverAllocate) {
     EXPECT_GT(filtered, 0.9);
     EXPECT_GT(meter.peak(), 0.5f);
     // Steady volume learns a quiet baseline; a loud stretch then forces its per-sample gain path.
-    runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.05f);
-    runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.05f);
-    EXPECT_GT(runBlocks([&](std::span<float> b) { steady.process(b); }, allocations, 0.5f), 0.5);
+    const auto steadily = [&](std::span<float> b) { steady.process(b); };
+    runBlocks(steadily, allocations, 0.05f);
+    runBlocks(steadily, allocations, 0.05f);
+    EXPECT_GT(runBlocks(steadily, allocations, 0.5f), 0.5);
     EXPECT_GT(steady.reductionDB(), 1.0);
     EXPECT_EQ(allocations, 0u);
 }
 
 // Each built-in alone, then all of them in one chain with a plug-in and overdrive; configuring with
 // unchanged settings between buffers is a comparison only.
-TEST(ChainRealtimeAllocations, EveryEffectAndTheFullChainNeverAllocate) {
-    ChainSettings settings;
-    settings.slots = {
-        slot("eq", EffectKind::eq10, toJSON(EQPresets::named("Dance")->settings)),
-        slot("comp", EffectKind::compressor, toJSON(CompressorSettings(0.6, CompressorVoicing::music, true))),
-        slot("lev", EffectKind::magicBoost, toJSON(LevelerSettings(0.7, true))),
-        slot("pan", EffectKind::balancePan, toJSON(BalancePanSettings(-0.4, true))),
-        slot("ns", EffectKind::noiseSuppressor, toJSON(NoiseSuppressorSettings(0.8, true))),
-        slot("hp", EffectKind::headphoneEQ, toJSON(BundledHeadphoneProfiles::all().front()))};
+TEST(ChainRealtimeAllocations, EveryEffectTheFullChainAndGlobalListeningNeverAllocate) {
+    ChainSettings settings = bench::fullChainSettings(); // the benchmarks' chain, overdrive included
     std::size_t allocations = 0;
     const auto run = [&](RenderChain& chain, const ChainSettings& s) {
         chain.configure(s, rate);
@@ -111,13 +99,10 @@ TEST(ChainRealtimeAllocations, EveryEffectAndTheFullChainNeverAllocate) {
             allocations);
     };
     for (const auto& one : settings.slots) {
-        ChainSettings alone;
-        alone.slots = {one};
         RenderChain chain;
-        EXPECT_GT(run(chain, alone), 0.9) << one.id;
+        EXPECT_GT(run(chain, ChainSettings{{one}, {}, false}), 0.9) << one.id;
     }
     settings.slots.push_back(slot("au", EffectKind::audioUnit, nlohmann::json::object()));
-    settings.overdrive = OverdriveSettings(2.0);
     RenderChain chain;
     // The stand-in plug-in leaves the audio alone, so every changed sample is the built-ins' work.
     int bridged = 0;
@@ -127,16 +112,14 @@ TEST(ChainRealtimeAllocations, EveryEffectAndTheFullChainNeverAllocate) {
     EXPECT_EQ(bridged, 200);
     EXPECT_EQ(chain.latencySamples(), 96 + 64);
     EXPECT_EQ(chain.rebuildCount(), 1);
-    EXPECT_EQ(allocations, 0u);
-}
 
-TEST(ChainRealtimeAllocations, GlobalListeningNeverAllocates) {
+    // The whole global listening treatment, and its halves around the plug-ins.
     auto eq = ListeningEQSettings::flat();
     for (auto& band : eq.bands)
         band.enabled = true, band.gainDB = 3.0;
-    const GlobalListeningSettings settings(true, eq, ListeningBalancerSettings(true, -14, 80), {auSlot("au")});
-    GlobalListeningProcessor whole(settings, rate), split(settings, rate);
-    std::size_t allocations = 0;
+    const GlobalListeningSettings listening(true, eq, ListeningBalancerSettings(true, -14, 80),
+                                            {auSlot("au")});
+    GlobalListeningProcessor whole(listening, rate), split(listening, rate);
     EXPECT_GT(runBlocks([&](std::span<float> b) { whole.process(b); }, allocations), 0.9);
     const auto halves = [&](std::span<float> b) {
         split.processBeforePlugins(b);

@@ -1,25 +1,26 @@
 #pragma once
-// Test signals and measurements for processors that work on interleaved stereo floats.
+// Test signals and measurements for processors that work on interleaved stereo floats, and effect
+// slots for the chain and listening tests.
+
+#include "audio/chain/ChainSettingsJSON.hpp"
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <numbers>
 #include <span>
+#include <string>
 #include <vector>
 
 namespace kavore::test {
 
-// frames of a sine of the given peak amplitude, the same on both channels, starting at phase.
-inline std::vector<float> stereoSine(double hz, double amplitude, double sampleRate, std::size_t frames,
-                                     std::size_t startFrame = 0) {
+// frames of a sine of the given peak amplitude, the same on both channels.
+inline std::vector<float> stereoSine(double hz, double amplitude, double sampleRate, std::size_t frames) {
     std::vector<float> buffer(frames * 2);
-    for (std::size_t i = 0; i < frames; ++i) {
-        const double t = static_cast<double>(startFrame + i) / sampleRate;
-        const auto s = static_cast<float>(amplitude * std::sin(2.0 * std::numbers::pi * hz * t));
-        buffer[2 * i] = s;
-        buffer[2 * i + 1] = s;
-    }
+    for (std::size_t i = 0; i < buffer.size(); ++i)
+        buffer[i] = float(amplitude * std::sin(2.0 * std::numbers::pi * hz * double(i / 2) / sampleRate));
     return buffer;
 }
 
@@ -42,9 +43,8 @@ inline std::vector<float> square(std::size_t samples, float amplitude) {
 
 inline double rms(std::span<const float> samples) {
     double sum = 0.0;
-    for (const float s : samples) {
-        sum += static_cast<double>(s) * static_cast<double>(s);
-    }
+    for (const float s : samples)
+        sum += double(s) * double(s);
     return samples.empty() ? 0.0 : std::sqrt(sum / static_cast<double>(samples.size()));
 }
 
@@ -72,6 +72,30 @@ inline std::vector<float> levelSweep(std::size_t n = 96000) {
     for (std::size_t i = 0; i < n; ++i)
         sweep[i] = float(dbToLinear(-100.0 + 103.0 * double(i) / double(n)) * std::sin(0.031 * double(i)));
     return sweep;
+}
+
+// A slot whose settings bytes are given as they are stored.
+inline EffectSlot rawSlot(const std::string& id, EffectKind kind, const std::string& bytes,
+                          bool bypassed = false) {
+    EffectSlot s;
+    s.id = id;
+    s.kind = kind;
+    s.bypassed = bypassed;
+    s.settingsJSON.assign(bytes.begin(), bytes.end());
+    return s;
+}
+
+inline EffectSlot slot(const std::string& id, EffectKind kind, const nlohmann::json& settings,
+                       bool bypassed = false) {
+    return rawSlot(id, kind, settings.dump(), bypassed);
+}
+
+// A plug-in slot of the given component type ("aufx" is an effect).
+inline EffectSlot auSlot(const std::string& id, const char* type = "aufx", bool bypassed = false) {
+    EffectSlot s = rawSlot(id, EffectKind::audioUnit, "", bypassed);
+    s.auComponent =
+        AUComponentKey{fourCharCode(type), fourCharCode("abcd"), fourCharCode("tstm"), "FX", "Maker"};
+    return s;
 }
 
 } // namespace kavore::test
