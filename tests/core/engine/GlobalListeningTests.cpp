@@ -18,7 +18,6 @@ TEST(GlobalListeningPolicy, DecidesInItsOrder) {
     leaveAlone.leaveAloneBundleIDs = {"com.apple.Music"};
     const std::tuple<const char*, const AppAudioState*, const SmartSettings&, bool> cases[] = {
         {"com.apple.Music", &plain, protecting, true},
-        {"com.apple.Music", nullptr, protecting, true},
         {"com.rogueamoeba.Audio", nullptr, protecting, false},
         {"hidden.app", nullptr, protecting, false},
         {"com.apple.Music", &bypassed, protecting, false},
@@ -28,7 +27,6 @@ TEST(GlobalListeningPolicy, DecidesInItsOrder) {
         // the treatment only when its own row asks for control.
         {"com.ableton.live", &controlledDAW, protecting, false},
         {"com.ableton.live", &daw, open, false},
-        {"com.ableton.live", nullptr, open, false},
         {"com.ableton.live", &controlledDAW, open, true}};
     for (const auto& [id, row, smart, expected] : cases)
         EXPECT_EQ(GlobalListeningPolicy::mayProcess(id, row, {"hidden.app"}, smart), expected)

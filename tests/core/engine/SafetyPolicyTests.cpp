@@ -21,7 +21,6 @@ TEST(SafetyPolicies, CaptureLatencyAndDefaultMixerRules) {
     // A name matches a whole leading word, not a prefix of one.
     EXPECT_TRUE(DefaultMixerAppPolicy::includes("org.example.player", "Reason 12 Studio"));
     EXPECT_FALSE(DefaultMixerAppPolicy::includes("org.example.player", "Reasonable Player"));
-    EXPECT_FALSE(DefaultMixerAppPolicy::includes("org.example.player", "Logic"));
     EXPECT_TRUE(DefaultMixerAppPolicy::includes("com.microsoft.edgemac", ""));
 }
 
@@ -32,7 +31,6 @@ TEST(RouteRefreshPolicy, RebuildsWhenForcedDeadMovedOrBoundElsewhere) {
         {"forced", speakers, true, false, true, true},
         {"dead io", speakers, false, false, false, true},
         {"process group moved", speakers, true, true, false, true},
-        {"tapping another source", {"usb", "spk"}, true, false, false, true},
         {"playing on another target", {"spk", "usb"}, true, false, false, true}};
     for (const auto& [name, bound, ioAlive, groupChanged, forced, expected] : cases)
         EXPECT_EQ(RouteRefreshPolicy::requiresRefresh(bound, speakers, ioAlive, groupChanged, forced),

@@ -29,15 +29,10 @@ json goldenDocument() {
 TEST(TapWorkerStateJSON, GoldenDocumentBothWaysAndRequiredKeys) {
     const json doc = goldenDocument();
     const auto state = doc.get<TapWorkerState>();
-    EXPECT_TRUE(state.app.muted && state.app.volume == 0.5);
-    EXPECT_EQ(state.sampleRate, 44100.0);
-    EXPECT_EQ(state.followMeHero, "com.zoom.us");
+    // Spot checks where two keys of one type could trade places and still come back the same.
     EXPECT_EQ(state.followMeBackgroundGain, 0.3);
-    EXPECT_EQ(state.autoDuckApps,
-              (std::set<std::string, std::less<>>{"com.apple.Music", "com.spotify.client"}));
+    EXPECT_EQ(state.softMasterGain, 0.8);
     EXPECT_EQ(state.loudnessGuardCeilingDBFS, -3.0);
-    EXPECT_EQ(state.duckRules.at(0).duckedBundleIDs, std::vector<std::string>{"com.apple.Music"});
-    EXPECT_EQ(state.globalListening, kavore::GlobalListeningSettings(true, {}, {}, {}));
 
     // Written back: the same keys and values; the app and the rules carry their own full records.
     json expected = doc;

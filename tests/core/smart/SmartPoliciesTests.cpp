@@ -28,10 +28,9 @@ TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
 }
 
 TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
-    const std::tuple<Transport, const char*, bool> cases[] = {
-        {Transport::usb, "Studio Headphones", true},    {Transport::usb, "JBL Speaker", false},
-        {Transport::bluetooth, "JBL Speaker", true},    {Transport::builtin, "Bose Home", false},
-        {Transport::builtin, "External HEADSET", true}, {Transport::usb, "AirPods Max", true}};
+    const std::tuple<Transport, const char*, bool> cases[] = {{Transport::usb, "JBL Speaker", false},
+                                                              {Transport::bluetooth, "JBL Speaker", true},
+                                                              {Transport::builtin, "External HEADSET", true}};
     for (const auto& [transport, name, protectedOutput] : cases)
         EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(transport, name), protectedOutput) << name;
 }
@@ -46,8 +45,7 @@ TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
     const std::tuple<BundleIDSet, std::vector<std::string>> cases[] = {
         {{"X:output"}, {"Y:input", "W"}},
         {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
-        {{"Y:input"}, {"X:input", "X:output", "Z", "W"}},
-        {{""}, {"X:input", "X:output", "Y:input", "Z", "W"}}};
+        {{"Y:input"}, {"X:input", "X:output", "Z", "W"}}};
     for (const auto& [outputOnly, expected] : cases) {
         std::vector<std::string> kept;
         for (const auto& candidate : MicFollowPolicy::filtered(inputs, outputOnly))
@@ -62,7 +60,6 @@ TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
         usb2{"usb2", Transport::usb, {}};
     const std::tuple<std::vector<InputCandidate>, BundleIDSet, std::vector<std::string>, Opt, Opt> cases[] = {
         {{builtin, usb}, {}, {}, "usb", "mac"},
-        {{other}, {}, {}, "odd", std::nullopt},
         {{}, {}, {"usb"}, std::nullopt, std::nullopt},
         {{builtin, usb, bt}, {}, {}, "H:input", "H:input"},
         {{builtin, usb, bt}, {"H:output"}, {"H:input"}, "usb", "mac"}, // a dropped preference is ignored
@@ -84,9 +81,9 @@ std::vector<std::string> ids(const std::vector<AudioOnset>& onsets) {
 }
 
 TEST(AudioOnsetPolicy, AgoText) {
-    const std::pair<double, const char*> cases[] = {
-        {0, "1s ago"},  {0.4, "1s ago"},   {-3, "1s ago"},   {1.5, "2s ago"},    {59.6, "60s ago"},
-        {60, "1m ago"}, {3599, "59m ago"}, {3600, "1h ago"}, {86400, "24h ago"}, {NAN, "1s ago"}};
+    const std::pair<double, const char*> cases[] = {{0.4, "1s ago"},    {-3, "1s ago"}, {1.5, "2s ago"},
+                                                    {59.6, "60s ago"},  {60, "1m ago"}, {3599, "59m ago"},
+                                                    {86400, "24h ago"}, {NAN, "1s ago"}};
     for (const auto& [seconds, text] : cases)
         EXPECT_EQ(AudioOnsetPolicy::agoText(seconds), text) << seconds;
 }
@@ -99,18 +96,6 @@ TEST(AudioOnsetPolicy, TrailKeepsThreeHundredSecondsNewestFirstAndStable) {
                                          {"new", t0, std::nullopt, {}, {}}};
     EXPECT_EQ(ids(AudioOnsetPolicy::trail(onsets, t0)), (std::vector<std::string>{"new", "a", "b", "edge"}));
     EXPECT_EQ(AudioOnsetPolicy::newPlaying({"a", "b"}, {"b", "c"}), (BundleIDSet{"c"}));
-}
-
-TEST(AudioOnsetTrail, FirstSnapshotIsABaselineAndLaterNewcomersAreOnsets) {
-    AudioOnsetTrail trail;
-    const auto front = [] { return std::optional<std::string>("com.front"); };
-    EXPECT_TRUE(trail.recordPlaybackOnsets({"com.playing"}, t0, front).empty());
-    EXPECT_TRUE(trail.events().empty());
-    trail.recordPlaybackOnsets({"com.playing", "com.new"}, t0 + 1, front);
-    // Paused and resumed between two snapshots: still playing in both, so no onset.
-    trail.recordPlaybackOnsets({"com.playing", "com.new"}, t0 + 2, front);
-    EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 2)), (std::vector<std::string>{"com.new"}));
-    EXPECT_EQ(trail.events().at("com.new").startedAt, t0 + 1);
 }
 
 TEST(AudioOnsetTrail, AlertsShareOneEntryAndNameTheAppInFront) {
@@ -140,8 +125,8 @@ TEST(AudioOnsetTrail, AlertsShareOneEntryAndNameTheAppInFront) {
 
 TEST(AudioOnsetTrail, HiddenAppsAreStoredButNotShownAndOldEventsArePruned) {
     AudioOnsetTrail trail;
-    trail.recordPlaybackOnsets({}, t0, {});
-    trail.recordPlaybackOnsets({"com.hidden", "com.shown"}, t0, {});
+    trail.recordPlaybackOnsets({"com.old"}, t0, {}); // the first snapshot is a baseline
+    trail.recordPlaybackOnsets({"com.old", "com.hidden", "com.shown"}, t0, {});
     const std::vector<std::string> hidden{"com.hidden", "output:x"};
     EXPECT_EQ(ids(trail.currentAudioOnsets(hidden, t0 + 10)), (std::vector<std::string>{"com.shown"}));
     EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 10)),
@@ -150,7 +135,8 @@ TEST(AudioOnsetTrail, HiddenAppsAreStoredButNotShownAndOldEventsArePruned) {
     trail.noteOutputMove("x", "X", t0 + 301); // prunes, but 301 s old is kept until 302
     EXPECT_EQ(trail.events().size(), 3u);
     EXPECT_EQ(ids(trail.currentAudioOnsets(hidden, t0 + 301)), (std::vector<std::string>{"output:x"}));
-    trail.recordPlaybackOnsets({"com.hidden", "com.shown"}, t0 + 302.5, {});
+    // Still playing at the next snapshot (paused and resumed in between, maybe): no new onset.
+    trail.recordPlaybackOnsets({"com.old", "com.hidden", "com.shown"}, t0 + 302.5, {});
     EXPECT_EQ(ids(trail.currentAudioOnsets({}, t0 + 302.5)), (std::vector<std::string>{"output:x"}));
 }
 

@@ -35,8 +35,7 @@ TEST(SmartTick, AudibleHoldsForTwoAndAHalfSecondsAndForgetsHiddenAppsAtOnce) {
         {10 * second, 12 * second + second / 2, {}, true},
         {10 * second, 12 * second + second / 2 + 1, {}, false},
         {10 * second, 10 * second, {"a"}, false},
-        {10 * second, 9 * second, {}, false}, // clock behind
-    };
+        {10 * second, 9 * second, {}, false}}; // clock behind
     for (const auto& [seen, now, hidden, audible] : cases) {
         SmartTickState state;
         state.audibleLastSeen["a"] = seen;
@@ -54,8 +53,9 @@ TEST(SmartTick, EligibilityFilterOrder) {
         asked.emplace(id);
         return id == "com.example.windowed";
     };
+    // Known fragments match in any case.
     const BundleIDSet ids{spotify,
-                          "COM.Example.FL Studio", // known fragments match in any case
+                          "COM.Example.FL Studio",
                           "com.rogueamoeba.Loopback",
                           "com.apple.Music",
                           "com.example.tool",
@@ -141,8 +141,7 @@ TEST(SmartTick, AutoDuckEdgeFollowsTheMicrophoneAndRuleTargetsAreEngaged) {
         {{zoom}, {zoom}, {}, {}, 0, {"tonavi: auto-duck ON, mic live in us.zoom.xos; easing 0 app(s)"}},
         {{zoom, spotify}, {zoom}, {spotify}, {spotify}, -12, {}},
         {{spotify}, {}, {}, {}, 0, {"tonavi: auto-duck released, mic quiet"}},
-        {{spotify, safari}, {}, {}, {spotify}, 0, {}}, // the rule's target, for the ducker to reach
-    };
+        {{spotify, safari}, {}, {}, {spotify}, 0, {}}}; // the rule's target, for the ducker to reach
     for (const auto& [playing, capturing, ducked, engaged, db, log] : steps) {
         p.inputs.nowNanos += 10 * second; // past the hold, so each step stands alone
         const auto plan = p.run(playing, capturing);

@@ -43,10 +43,10 @@ TonaviStatus fullStatus() {
 std::string statusError(const std::string& text) {
     try {
         decodeStatus(text);
+        return "decoded";
     } catch (const WireDecodingError& e) {
         return e.what();
     }
-    return "decoded";
 }
 
 // The literal status with one piece of text replaced.
@@ -66,22 +66,10 @@ std::string bytesText(const Bytes& bytes) {
 TEST(TonaviStatusJSON, FullStatusMatchesItsLiteralDocumentBothWays) {
     const TonaviStatus s = fullStatus();
     EXPECT_EQ(encodeStatus(s), fullStatusText);
-    // Each kind of field lands where it belongs.
-    EXPECT_EQ(s.apps.at(0).pid, 412);
+    // Keys land in their own fields (a swap of two would still come back the same way).
     EXPECT_EQ(s.apps.at(0).level, 0.1f);
-    EXPECT_EQ(s.devices.at(0).transport, DeviceLiveStatus::Transport::virtual_);
     EXPECT_EQ(s.devices.at(0).lastUsedAt, 1700000000.5);
-    EXPECT_EQ(s.recentOnsets.value().at(0).kind, AudioOnset::Kind::alert);
-    EXPECT_EQ(s.smartLive.value().autoDuckMicNames, (std::vector<std::string>{"Mic A", "Mic B"}));
     EXPECT_EQ(s.bufferFrames, 512);
-}
-
-// Null reads as absent for an optional field. (The reply's golden document holds a bare status.)
-TEST(TonaviStatusJSON, NullOptionalFieldReadsAsAbsent) {
-    const TonaviStatus decoded =
-        decodeStatus(fullStatusWith(R"("smartLive":{)", R"("smartLive":null,"x":{)"));
-    EXPECT_FALSE(decoded.smartLive.has_value());
-    EXPECT_TRUE(decoded.recentOnsets.has_value());
 }
 
 TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
@@ -91,17 +79,10 @@ TEST(TonaviStatusJSON, StrictReadingNamesTheBadValue) {
          "devices: [0]: transport: cannot initialize Transport from invalid value \"firewire\""},
         {fullStatusWith(R"("kind":"alert")", R"("kind":"beep")"),
          "recentOnsets: [0]: kind: cannot initialize Kind from invalid value \"beep\""},
-        {fullStatusWith(R"("at":1700000001.0)", R"("at":true)"),
-         "health: [0]: at: expected a number, found a boolean"},
-        {fullStatusWith(R"("detail":"no aggregate",)", ""), "health: [0]: missing required key \"detail\""},
-        {fullStatusWith(R"("pid":412)", R"("pid":"412")"),
-         "apps: [0]: pid: expected an integer, found a string"},
         {fullStatusWith(R"("autoDuckCount":2)", R"("autoDuckCount":2.5)"),
          "smartLive: autoDuckCount: number 2.5 is not an integer"},
         {fullStatusWith(R"("level":0.25)", R"("level":1e300)"),
          "devices: [0]: level: number 1e+300 does not fit a 32-bit float"},
-        {fullStatusWith(R"("soloAppIDs":[)", R"("soloAppIDs":[1,)"),
-         "soloAppIDs: [0]: expected a string, found an integer"},
         {"[]", "expected an object, found an array"}};
     for (const auto& [text, expected] : cases) {
         const std::string message = statusError(text);
@@ -180,16 +161,14 @@ TEST(TonaviPayloadJSON, GoldenListsAndStrictReading) {
 
 TEST(WireEncoding, NonFiniteNumberAnywhereFailsInsteadOfWritingNull) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    TonaviStatus level = fullStatus(), lastUsed = fullStatus(), at = fullStatus();
+    TonaviStatus level = fullStatus(), lastUsed = fullStatus();
     level.apps[0].level = std::numeric_limits<float>::infinity();
     lastUsed.devices[0].lastUsedAt = -nan;
-    at.health[0].at = nan;
     Diagnostics diagnostics;
     diagnostics.config.softMasterPercent = nan;
     const std::tuple<const char*, std::function<void()>> cases[] = {
         {"apps[0].level", [&] { encodeStatus(level); }},
         {"devices[0].lastUsedAt", [&] { encodeStatus(lastUsed); }},
-        {"health[0].at", [&] { encodeStatus(at); }},
         {"config.softMasterPercent", [&] { TonaviPayload::encode(diagnostics); }},
         {"[0].secondsSinceAudio", [&] {
              TonaviPayload::encode(std::vector<RunningApp>{{"a", 1, true, nan}});
