@@ -42,8 +42,6 @@ TEST_F(SideFilesTest, QuickConfigGoldenFileUnderItsFileName) {
     QuickConfig loaded = store.loadQuickConfig("Rock-Pop"); // "/" and "-" share a file
     EXPECT_EQ(loaded.rig.tonavi, TonaviConfig());
     EXPECT_EQ(loaded.rig.kavore, R"({"devices":[1]})");
-    EXPECT_EQ(loaded.savedAt, 1700000001.5);
-    EXPECT_EQ(loaded.inputDeviceName, "Mic");
 
     store.saveQuickConfig(loaded);
     json written = json::parse(readText(store.configFileURL("Rock/Pop")));

@@ -65,9 +65,8 @@ TEST_F(ConfigStoreTest, FreshFolderWritesFirstRunAndTheSecondSaveKeepsThePreviou
 
 TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
     const std::string text = encodeTonaviConfig(testing::sampleConfig(0));
-    // Cut inside "bluetooth", well after the apps array (the first key) closed, and just before it closes.
+    // Cut inside "bluetooth", well after the apps array (the first key) closed.
     const std::string cutAfterApps = text.substr(0, text.find("\"bluetooth\"") + 20);
-    const std::string cutInApps = text.substr(0, text.find("\n  ],\n") + 3);
     TonaviConfig withApps = TonaviConfig::firstRunDefaults();
     withApps.apps = testing::sampleConfig(0).apps;
     TonaviConfig withDevice = TonaviConfig::firstRunDefaults();
@@ -76,8 +75,6 @@ TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
     const std::tuple<const char*, std::optional<std::string>, std::string, TonaviConfig, const char*>
         cases[] = {
             {"whole apps, no previous", std::nullopt, cutAfterApps, withApps, "Kept: your apps."},
-            {"apps cut before their closing bracket", std::nullopt, cutInApps,
-             TonaviConfig::firstRunDefaults(), "Nothing in it could be read."},
             {"readable previous wins", encodeTonaviConfig(testing::sampleConfig(2)), cutAfterApps,
              testing::sampleConfig(2), "Kept: your last saved setup."},
             {"nothing readable", "not json", "\x01\x02 garbage \"apps\": [ { \"id\": \"a\" ",
@@ -309,7 +306,7 @@ TEST(ConfigStoreKill, WriterKilledMidSaveLeavesOldOrNewFilesAndTheNextLoadClears
     const auto saveNanos = (std::chrono::steady_clock::now() - started).count() / 4;
     std::mt19937 random(20240611);
     int killedWhileSaving = 0;
-    constexpr int rounds = 60;
+    constexpr int rounds = 90;
     for (int round = 0; round < rounds; ++round) {
         int saved[2];
         ASSERT_EQ(::pipe(saved), 0);

@@ -33,11 +33,8 @@ TEST(Render, FirstCycleStartsAtTargetAndUnityIsBitExact) {
     const auto original = samples;
     EXPECT_FALSE(h.engine->render("unity", samples) || h.engine->render("unity", samples));
     EXPECT_EQ(std::memcmp(samples.data(), original.data(), samples.size() * sizeof(float)), 0);
-
-    // No tap, or no row: pass through.
-    auto untouched = constantBuffer(4, 0.3f);
-    EXPECT_FALSE(h.engine->render("stranger", untouched));
-    EXPECT_EQ(untouched, constantBuffer(4, 0.3f));
+    auto untouched = constantBuffer(4, 0.3f); // no row: pass through
+    EXPECT_FALSE(h.engine->render("stranger", untouched) || untouched != constantBuffer(4, 0.3f));
 }
 
 TEST(Render, MuteRampsToZeroWithAnEightMillisecondTimeConstant) {

@@ -68,10 +68,7 @@ TEST(Revert, AutoRevertResetsControlSettingsAndKeepsTheRest) {
     row.displayName = expected.displayName = "Player";
     row.favorite = expected.favorite = true;
     row.steadyVolume = expected.steadyVolume = true;
-    row.volume = 0.4;
-    row.muted = true;
-    row.redirectUID = "usb";
-    row.timedMuteUntil = 5.0;
+    std::tie(row.volume, row.muted, row.redirectUID, row.timedMuteUntil) = std::tuple(0.4, true, "usb", 5.0);
     row.volumePerDevice = {{"usb", 0.2}};
     EngineHarness h(configWith({row}));
     const auto tap = h.engine->tapHandle("a");

@@ -57,10 +57,8 @@ TEST(EngineConcurrency, RenderAgainstReconcileStageModeAndReleases) {
             h.engine->setConfigWithoutReconcile(next);
             h.engine->setActiveTriggers(step % 3 ? EngagementEngine::IDSet{"call"}
                                                  : EngagementEngine::IDSet{});
-            if (step % 13 == 0)
-                h.engine->setStageMode(true);
-            if (step % 13 == 6)
-                h.engine->setStageMode(false);
+            if (step % 13 == 0 || step % 13 == 6)
+                h.engine->setStageMode(step % 13 == 0);
             if (step % 17 == 0)
                 h.engine->releaseTap("a", "worker exited", h.engine->tapHandle("a"));
             (void)h.engine->tapWorkerState("a");
