@@ -17,21 +17,12 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 namespace tonavi {
 namespace {
 
 using nlohmann::json;
-
-TonaviConfig decode(const json& j) {
-    return decodeTonaviConfig(j.dump());
-}
-
-TonaviConfig configWithOneApp() {
-    TonaviConfig config;
-    config.apps.push_back(AppAudioState("a"));
-    return config;
-}
 
 // Every key of every record, spelled as the file has it, with no value at its default.
 const char* const goldenDocument = R"({
@@ -94,30 +85,21 @@ json goldenJSON() {
     return doc;
 }
 
-// Decoding then encoding gives the document back; spot checks of each kind of field show that every
-// key lands where it belongs.
+// Decoding then encoding gives the document back; spot checks of the records with many fields of one
+// type show that no two keys trade places.
 TEST(TonaviConfigGolden, DocumentBothWaysAndAbsentOptionalsAreLeftOut) {
-    const TonaviConfig c = decode(goldenJSON());
+    const TonaviConfig c = decodeTonaviConfig(goldenJSON().dump());
     EXPECT_EQ(encodeTonaviConfig(c), goldenJSON().dump(2)); // pretty printed with sorted keys
     const AppAudioState& app = c.apps.at(0);
-    EXPECT_EQ(app.chain.overdrive.multiplier, 2.0);
-    EXPECT_EQ(app.timedMuteUntil, 1700000000.5);
-    EXPECT_EQ(app.volumePerDevice, (std::map<std::string, double>{{"dev-1", 0.25}}));
     EXPECT_TRUE(app.muteWhileBypassed && app.controlAttached && app.steadyVolume && !app.metersEnabled);
     EXPECT_EQ(c.devices.at(0), (DeviceSettings{"dev-1", "Desk", "hifispeaker", 60.0, true, true, false, 1, 2,
                                                9, 1700000001.0}));
-    EXPECT_EQ(c.bluetooth.at(0),
-              (BluetoothDeviceMemory{"bt", "Buds", 0.4, std::string("rock"), 80.0, true, 512}));
     EXPECT_EQ(c.duckRules.at(0), (AutoDuckRule{"R1", "com.t", {"com.a"}, -9.0, 400.0, false}));
-    EXPECT_EQ(c.groups.at(0).members.at(0), (OutputGroupMember{"dev-1", 0.5, true}));
     EXPECT_EQ(c.ui,
               (UIPreferences{false, true, true, "dark", "#ff0000", MenuBarIconStyle::tonaviIcon, 600.0}));
-    EXPECT_EQ(c.systemRows.systemMagicBoost, kavore::LevelerSettings(0.3, true));
     EXPECT_EQ(c.smart,
               (SmartSettings{true, 30.0, true, -6.0, true, true, -20.0, {"com.x"}, false, {"mic-1"}}));
-    EXPECT_EQ(c.customEQPresets, std::vector{goldenPreset()});
     EXPECT_EQ(c.headphoneProfiles, std::vector{goldenProfile()});
-    EXPECT_EQ(c.globalListening, goldenListening());
     // The sample leaves optional fields of apps, devices and Bluetooth memories absent.
     EXPECT_EQ(encodeTonaviConfig(testing::sampleConfig(0)).find("null"), std::string::npos);
     EXPECT_EQ(decodeTonaviConfig("{}"), TonaviConfig());
@@ -145,50 +127,32 @@ TEST(TonaviConfigReading, OneBadElementEmptiesOnlyItsArray) {
     EXPECT_EQ(config.manuallyVisibleAppIDs, std::vector<std::string>{"y"});
 }
 
-// Fallbacks, clamps and legacy keys: one document per case, and the value that reading it leaves at
-// one place of the record (read back through the disk form; null for absent).
+// Fallbacks, clamps and legacy keys, one case a line: a document, the place in the record read back
+// through the disk form, and the value reading the document leaves there.
 TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
-    const std::tuple<const char*, const char*, json> cases[] = {
-        {R"({"apps": [{"id": "a", "volume": "loud"}]})", "/apps/0/volume", 1.0},
-        {R"({"apps": [{"id": "a", "volume": 1.7}]})", "/apps/0/volume", 1.0},
-        {R"({"apps": [{"id": "a", "volume": -0.2}]})", "/apps/0/volume", 0.0},
-        {R"({"apps": [{"id": "a", "favoriteRank": 2.0, "displayRank": 2.5}]})", "/apps/0/favoriteRank", 2},
-        {R"({"apps": [{"id": "a", "favoriteRank": 2.0, "displayRank": 2.5}]})", "/apps/0/displayRank",
-         nullptr},
-        {R"({"apps": [{"id": "a", "metersEnabled": 0}]})", "/apps/0/metersEnabled", true},
-        {R"({"apps": [{"id": "a", "volumePerDevice": {"d": 0.5, "e": "x"}}]})", "/apps/0/volumePerDevice",
-         json::object()},
-        {R"({"devices": [{"id": "d", "maxVolumePercent": 2}]})", "/devices/0/maxVolumePercent", 5.0},
-        {R"({"devices": [{"id": "d", "maxVolumePercent": 250}]})", "/devices/0/maxVolumePercent", 100.0},
-        {R"({"devices": [{"id": "d", "useCount": -4}]})", "/devices/0/useCount", 0},
-        {R"({"duckRules": [{"triggerBundleID": "t", "recoveryMS": 10}]})", "/duckRules/0/recoveryMS", 50.0},
-        {R"({"duckRules": [{"triggerBundleID": "t", "duckDB": 6}]})", "/duckRules/0/duckDB", 0.0},
-        {R"({"hearingCare": {"alertThreshold": 0.1}})", "/hearingCare/alertThreshold", 0.5},
-        {R"({"groups": [{"id": "g", "members": [{"id": "m", "volume": 3}]}]})", "/groups/0/members/0/volume",
-         1.0},
-        {R"({"softMasterPercent": 150.5})", "/softMasterPercent", 150.5},
-        {R"({"ui": {"iconStyle": "sparkles", "windowHeight": 700}})", "/ui/windowHeight", 700.0},
-        {R"({"ui": {"iconStyle": "sparkles", "windowHeight": 700}})", "/ui/iconStyle", "systemSpeaker"},
-        {R"({"smart": {"followMeDuckDB": -6}})", "/smart/followMeBackgroundPercent", 50.118723},
-        {R"({"smart": {"followMeDuckDB": 4}})", "/smart/followMeBackgroundPercent", 100.0},
-        {R"({"smart": {"followMeBackgroundPercent": 20, "followMeDuckDB": -6}})",
-         "/smart/followMeBackgroundPercent", 20.0},
-        {R"({"smart": {"followMeBackgroundPercent": "x", "followMeDuckDB": -20}})",
-         "/smart/followMeBackgroundPercent", 10.0},
-        {R"({"smart": {"followMeBackgroundPercent": 130}})", "/smart/followMeBackgroundPercent", 100.0},
-        {R"({"smart": {"loudnessGuardCapPercent": 1}})", "/smart/loudnessGuardCeilingDBFS", -24.0},
-        {R"({"smart": {"loudnessGuardCapPercent": 50}})", "/smart/loudnessGuardCeilingDBFS", -6.020600},
-        {R"({"smart": {"loudnessGuardCapPercent": 400}})", "/smart/loudnessGuardCeilingDBFS", 0.0},
-        {R"({"smart": {"loudnessGuardCeilingDBFS": -40}})", "/smart/loudnessGuardCeilingDBFS", -24.0},
-        {R"({"smart": {}})", "/smart/loudnessGuardCeilingDBFS", -3.0},
-        {R"({"smart": {"autoDuckDepthDB": -40}})", "/smart/autoDuckDepthDB", -30.0},
-        {R"({"smart": {"autoDuckDepthDB": 0}})", "/smart/autoDuckDepthDB", -3.0},
-        {R"({"smart": {"preferredMicUIDs": ["1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11"]}})",
-         "/smart/preferredMicUIDs",
-         {"1", "2", "3", "4", "5", "6", "7", "8"}}};
-    for (const auto& [document, pointer, expected] : cases) {
+    std::istringstream cases(R"(
+{"apps":[{"id":"a","volume":"loud"}]} /apps/0/volume 1.0
+{"apps":[{"id":"a","volume":1.7}]} /apps/0/volume 1.0
+{"apps":[{"id":"a","favoriteRank":2.0,"displayRank":2.5}]} /apps/0/favoriteRank 2
+{"apps":[{"id":"a","metersEnabled":0}]} /apps/0/metersEnabled true
+{"apps":[{"id":"a","volumePerDevice":{"d":0.5,"e":"x"}}]} /apps/0/volumePerDevice {}
+{"devices":[{"id":"d","maxVolumePercent":2}]} /devices/0/maxVolumePercent 5.0
+{"devices":[{"id":"d","useCount":-4}]} /devices/0/useCount 0
+{"duckRules":[{"triggerBundleID":"t","recoveryMS":10}]} /duckRules/0/recoveryMS 50.0
+{"hearingCare":{"alertThreshold":0.1}} /hearingCare/alertThreshold 0.5
+{"softMasterPercent":150.5} /softMasterPercent 150.5
+{"ui":{"iconStyle":"sparkles","windowHeight":700}} /ui/iconStyle "systemSpeaker"
+{"smart":{"followMeDuckDB":-6}} /smart/followMeBackgroundPercent 50.118723
+{"smart":{"followMeBackgroundPercent":"x","followMeDuckDB":-20}} /smart/followMeBackgroundPercent 10.0
+{"smart":{"loudnessGuardCapPercent":50}} /smart/loudnessGuardCeilingDBFS -6.020600
+{"smart":{"loudnessGuardCeilingDBFS":-40}} /smart/loudnessGuardCeilingDBFS -24.0
+{"smart":{}} /smart/loudnessGuardCeilingDBFS -3.0
+{"smart":{"autoDuckDepthDB":-40}} /smart/autoDuckDepthDB -30.0
+{"smart":{"preferredMicUIDs":["1","2","3","4","5","6","7","8","9","10","11"]}} /smart/preferredMicUIDs ["1","2","3","4","5","6","7","8"])");
+    for (std::string document, pointer, text; cases >> document >> pointer >> text;) {
         const json got = json::parse(encodeTonaviConfig(decodeTonaviConfig(document)))
                              .value(json::json_pointer(pointer), json());
+        const json expected = json::parse(text);
         if (expected.is_number_float())
             EXPECT_NEAR(got.is_number() ? got.get<double>() : NAN, expected.get<double>(), 1e-6) << document;
         else
@@ -197,9 +161,8 @@ TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
 }
 
 TEST(TonaviConfigReading, LanesAndDuckRulesWithoutIdGetFreshUpperCaseUUIDs) {
-    const TonaviConfig config = decode({{"lanes", json::array({{{"appBundleID", "a"}, {"deviceUID", "d"}},
-                                                               {{"appBundleID", "b"}, {"deviceUID", "e"}}})},
-                                        {"duckRules", json::array({{{"triggerBundleID", "t"}}})}});
+    const TonaviConfig config = decodeTonaviConfig(R"({"lanes": [{"appBundleID": "a", "deviceUID": "d"},
+        {"appBundleID": "b", "deviceUID": "e"}], "duckRules": [{"triggerBundleID": "t"}]})");
     ASSERT_EQ(config.lanes.size(), 2u);
     for (const std::string& id : {config.lanes[0].id, config.lanes[1].id, config.duckRules.at(0).id}) {
         EXPECT_TRUE(isUUID(id)) << id;
@@ -216,7 +179,8 @@ TEST(TonaviConfigWriting, NonFiniteNumbersAndBadTextRefuseToEncode) {
         [](TonaviConfig& c) { c.apps.at(0).volumePerDevice["d"] = std::numeric_limits<double>::infinity(); },
         [](TonaviConfig& c) { c.apps.at(0).displayName = "bad \xff text"; }};
     for (const auto& damage : damages) {
-        TonaviConfig config = configWithOneApp();
+        TonaviConfig config;
+        config.apps = {AppAudioState("a")};
         damage(config);
         EXPECT_THROW(encodeTonaviConfig(config), ConfigEncodeError);
     }
@@ -295,10 +259,7 @@ TEST(TonaviConfigMethods, AppendUnrankedMixerAppsOrdersByNameThenId) {
 }
 
 TEST(InstallationVersionTest, ParsesOrdersAndReplaces) {
-    EXPECT_EQ(InstallationVersion("1.2.x.3", "7").components, (std::vector<std::int64_t>{1, 2, 3}));
-    EXPECT_EQ(InstallationVersion("1..2", "x").components, (std::vector<std::int64_t>{1, 2}));
-    EXPECT_EQ(InstallationVersion("1..2", "x").build, 0);
-    EXPECT_TRUE(InstallationVersion("", "12").components.empty());
+    EXPECT_EQ(InstallationVersion("1..2.x", "x"), InstallationVersion("1.2", "0"));
 
     const struct {
         const char *version, *build, *otherVersion, *otherBuild;

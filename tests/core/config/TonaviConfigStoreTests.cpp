@@ -1,14 +1,21 @@
-// Saving, loading, recovery and locking of the configuration store.
+// Saving, loading, recovery and locking of the configuration store, and its side files: quick configs,
+// scene merging, the auto-direct list and MIDI mappings.
 
+#include "core/config/SceneLoadPolicy.hpp"
 #include "core/config/TonaviConfigStore.hpp"
 #include "tests/core/config/ConfigTestSupport.hpp"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sys/file.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace tonavi {
@@ -18,6 +25,7 @@ using testing::FaultyFileSystem;
 using testing::readText;
 using testing::writeText;
 namespace fs = std::filesystem;
+using nlohmann::json;
 
 class ConfigStoreTest : public ::testing::Test {
   protected:
@@ -61,9 +69,8 @@ TEST_F(ConfigStoreTest, FreshFolderWritesFirstRunAndTheSecondSaveKeepsThePreviou
 
 TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
     const std::string text = encodeTonaviConfig(testing::sampleConfig(0));
-    // Cut inside "bluetooth", well after the apps array (the first key) closed, and just before it closes.
+    // Cut inside "bluetooth", well after the apps array (the first key) closed.
     const std::string cutAfterApps = text.substr(0, text.find("\"bluetooth\"") + 20);
-    const std::string cutInApps = text.substr(0, text.find("\n  ],\n") + 3);
     TonaviConfig withApps = TonaviConfig::firstRunDefaults();
     withApps.apps = testing::sampleConfig(0).apps;
     TonaviConfig withDevice = TonaviConfig::firstRunDefaults();
@@ -72,8 +79,6 @@ TEST_F(ConfigStoreTest, DamagedFileIsSetAsideAndRecovered) {
     const std::tuple<const char*, std::optional<std::string>, std::string, TonaviConfig, const char*>
         cases[] = {
             {"whole apps, no previous", std::nullopt, cutAfterApps, withApps, "Kept: your apps."},
-            {"apps cut before their closing bracket", std::nullopt, cutInApps,
-             TonaviConfig::firstRunDefaults(), "Nothing in it could be read."},
             {"readable previous wins", encodeTonaviConfig(testing::sampleConfig(2)), cutAfterApps,
              testing::sampleConfig(2), "Kept: your last saved setup."},
             {"nothing readable", "not json", "\x01\x02 garbage \"apps\": [ { \"id\": \"a\" ",
@@ -263,6 +268,80 @@ TEST_F(ConfigStoreTest, ServiceSaveKeepsTheSettingsTheUserInterfaceOwns) {
     EXPECT_TRUE(store.takeRecoveryNotice());
 }
 
+// The leftover sweep must never take a temporary file from under another process's save.
+TEST_F(ConfigStoreTest, SweepLeavesTemporariesAloneWhileAnotherWriterHoldsTheLock) {
+    store.save(testing::sampleConfig(1));
+    const fs::path inProgress = folder.path() / "state.json.Ab12Cd";
+    writeText(inProgress, "partial");
+    {
+        // Another process's save: a second open file description contends like a separate process.
+        const StateFileLock writer(store.lockURL());
+        ASSERT_TRUE(writer.isHeld());
+        EXPECT_EQ(store.load(), testing::sampleConfig(1));
+        EXPECT_TRUE(fs::exists(inProgress));
+    }
+    // Our own locked save still sweeps, without waiting on itself.
+    store.withExclusiveAccess([&] { store.save(testing::sampleConfig(2)); });
+    EXPECT_FALSE(fs::exists(inProgress));
+}
+
+TEST(ConfigStoreKill, WriterKilledMidSaveLeavesOldOrNewFilesAndTheNextLoadClearsUp) {
+    testing::TemporaryFolder folder;
+    // A killed process loses nothing from the page cache: the renames alone make each file old or new.
+    const TonaviConfigStore store(folder.path(), std::make_shared<RealFileSystem>(false));
+    // Files a killed save may leave: anything but the two state files and the lock.
+    const auto leftovers = [&] {
+        return std::count_if(fs::directory_iterator(folder.path()), {}, [](const fs::directory_entry& e) {
+            const std::string name = e.path().filename().string();
+            return e.is_regular_file() && name != "state.json" && name != "state.previous.json" &&
+                   name != "state.lock";
+        });
+    };
+    const TonaviConfig a = testing::largeConfig(40, 10, 5);
+    TonaviConfig b = a;
+    b.apps.resize(20);
+    const auto started = std::chrono::steady_clock::now();
+    for (int i = 0; i < 4; ++i)
+        store.save(i % 2 ? a : b);
+    // Kill moments span about two saves as measured here, so a slow or sanitised build still lands in one.
+    const auto saveNanos = (std::chrono::steady_clock::now() - started).count() / 4;
+    std::mt19937 random(20240611);
+    int killedWhileSaving = 0;
+    constexpr int rounds = 90;
+    for (int round = 0; round < rounds; ++round) {
+        int saved[2];
+        ASSERT_EQ(::pipe(saved), 0);
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        for (int i = 0; child == 0; ++i) {
+            try {
+                store.save(i % 2 ? a : b);
+            } catch (...) {
+                ::_exit(3);
+            }
+            if (i == 0) // one save done; the child is inside the next one from here on
+                (void)!::write(saved[1], "x", 1);
+        }
+        ::close(saved[1]);
+        char byte = 0;
+        ASSERT_EQ(::read(saved[0], &byte, 1), 1);
+        ::close(saved[0]);
+        const timespec pause{0, static_cast<long>(random() % static_cast<std::uint64_t>(2 * saveNanos + 1))};
+        ::nanosleep(&pause, nullptr);
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status)) << "the saving child failed on its own";
+        killedWhileSaving += leftovers() > 0;
+        const TonaviConfig current = decodeTonaviConfig(readText(store.configURL())),
+                           kept = decodeTonaviConfig(readText(store.previousURL()));
+        ASSERT_TRUE((current == a || current == b) && (kept == a || kept == b)) << "round " << round;
+        EXPECT_EQ(store.load(), current); // clears what the killed save left, and changes nothing else
+        ASSERT_EQ(leftovers(), 0) << "round " << round;
+    }
+    EXPECT_GT(killedWhileSaving, rounds / 10) << "too few kills hit a save in progress to prove anything";
+}
+
 TEST(ConfigSalvage, ScansStringsBracketsAndScalars) {
     using nlohmann::json;
     const struct {
@@ -276,19 +355,176 @@ TEST(ConfigSalvage, ScansStringsBracketsAndScalars) {
         {"cut off inside the array", "{\"apps\": [ { \"id\": \"a\" ", nullptr},
         {"a scalar needs a line feed, comma or brace after it", "\"groups\": 7", nullptr},
         {"a scalar ended by a brace", "\"groups\": \"g\"}", R"({"groups": "g"})"},
-        {"tab is not skipped", "\"apps\":\t[1]", nullptr},
         {"carriage return is not skipped", "\"apps\":\r\n[1]", nullptr},
         {"first occurrence at any depth; bracket kinds are not told apart",
          "{\"a\": {\"devices\": [1, {2]}, \"devices\": [3]", nullptr},
         {"found inside nested arrays", "[[{\"devices\": [\"x\"]}", R"({"devices": ["x"]})"},
-        {"not UTF-8", "\"apps\": [1] \xc3\x28", nullptr},
-        {"empty", "", nullptr}};
+        {"not UTF-8", "\"apps\": [1] \xc3\x28", nullptr}};
     for (const auto& c : cases) {
         const auto found = TonaviConfigStore::salvageTopLevel(c.text);
         if (c.expected)
             EXPECT_EQ(found, json::parse(c.expected)) << c.why;
         else
             EXPECT_FALSE(found) << c.why;
+    }
+}
+
+QuickConfig quickConfig(const std::string& name) {
+    QuickConfig config;
+    config.name = name;
+    config.rig.tonavi = testing::sampleConfig(0);
+    return config;
+}
+
+using SideFilesTest = ConfigStoreTest;
+
+TEST_F(SideFilesTest, QuickConfigGoldenFileUnderItsFileName) {
+    EXPECT_EQ(store.configFileURL("Rock/Pop"), folder.path() / "configs" / "Rock-Pop.tonavirig");
+    const json file = json::parse(R"({"name": "Rock/Pop", "iconName": "music.note", "shortcutKey": "1",
+        "savedAt": 1700000001.5, "rig": {"formatVersion": 1, "tonavi": {}, "kavore": {"devices": [1]}},
+        "outputDeviceUID": "device-1", "outputDeviceName": "Desk", "outputVolume": 0.75,
+        "inputDeviceUID": "mic-1", "inputDeviceName": "Mic"})");
+    writeText(store.configFileURL("Rock/Pop"), file.dump());
+    QuickConfig loaded = store.loadQuickConfig("Rock-Pop"); // "/" and "-" share a file
+    EXPECT_EQ(loaded.rig.tonavi, TonaviConfig());
+    EXPECT_EQ(loaded.rig.kavore, R"({"devices":[1]})");
+
+    store.saveQuickConfig(loaded);
+    json written = json::parse(readText(store.configFileURL("Rock/Pop")));
+    EXPECT_EQ(written["rig"]["tonavi"], json::parse(encodeTonaviConfig(TonaviConfig())));
+    written["rig"]["tonavi"] = json::object();
+    EXPECT_EQ(written, file);
+    loaded.outputDeviceName.reset();
+    store.saveQuickConfig(loaded);
+    EXPECT_FALSE(json::parse(readText(store.configFileURL("Rock/Pop"))).contains("outputDeviceName"));
+
+    store.deleteQuickConfig("Rock/Pop");
+    EXPECT_FALSE(fs::exists(store.configFileURL("Rock/Pop")));
+    EXPECT_THROW(store.deleteQuickConfig("Rock/Pop"), std::system_error);
+    EXPECT_THROW(store.loadQuickConfig("Rock/Pop"), std::system_error);
+}
+
+TEST_F(SideFilesTest, ListSkipsOtherFilesAndDamageAndSortsByName) {
+    for (const char* name : {"b", "A", "a"})
+        store.saveQuickConfig(quickConfig(name));
+    writeText(store.configsDir() / "x.json", testing::readText(store.configFileURL("b")));
+    writeText(store.configsDir() / "broken.tonavirig", "{\"name\": \"broken\"");
+    writeText(store.configsDir() / "partial.tonavirig",
+              R"({"name": "p", "iconName": "i", "shortcutKey": ""})");
+    fs::create_directory(store.configsDir() / "folder.tonavirig");
+
+    std::vector<std::string> names;
+    for (const auto& config : store.listQuickConfigs())
+        names.push_back(config.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"A", "a", "b"}));
+    EXPECT_THROW(store.loadQuickConfig("broken"), ConfigDecodeError);
+    EXPECT_THROW(store.loadQuickConfig("partial"), ConfigDecodeError);
+
+    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) {
+        return op == FaultyFileSystem::Op::list;
+    };
+    EXPECT_TRUE(store.listQuickConfigs().empty());
+}
+
+TEST(SceneMerge, SceneSetsSoundAndRoutingTheMachineKeepsTheRest) {
+    TonaviConfig onto = testing::sampleConfig(0), scene = testing::sampleConfig(1);
+    // Scene: app1 (changed) and app3 (new); onto: app0, app1, app2. Groups and presets merge the same way.
+    scene.apps = {scene.apps[1], scene.apps[3]};
+    scene.apps[0].volume = 0.01;
+    scene.groups[0].name = "Scene group";
+    onto.groups.push_back(OutputGroup{"only-onto", "", "", {}});
+    kavore::EQPreset mine, theirs, other;
+    mine.id = theirs.id = "p1";
+    theirs.name = "Scene's";
+    other.id = "p2";
+    onto.customEQPresets = {mine, other};
+    scene.customEQPresets = {theirs};
+    // The machine's own records differ in the scene, and are not taken from it.
+    scene.devices.clear();
+    scene.ui.theme = "scene";
+    scene.hiddenAppIDs = {"scene-hidden"};
+    scene.startAtLogin = !onto.startAtLogin;
+    // Sound and routing do come from the scene.
+    scene.locks.balance = true;
+    scene.smart.autoDuck = true;
+    scene.lanes.clear();
+    scene.softMasterMuted = true;
+    scene.systemRows.systemChain.bypassed = true;
+
+    TonaviConfig expected = onto;
+    expected.apps = {scene.apps[0], scene.apps[1], onto.apps[0], onto.apps[2]};
+    expected.groups = {scene.groups[0], onto.groups[1]};
+    expected.customEQPresets = {theirs, other};
+    expected.locks = scene.locks;
+    expected.smart = scene.smart;
+    expected.lanes.clear();
+    expected.softMasterPercent = scene.softMasterPercent;
+    expected.softMasterMuted = true;
+    expected.systemRows = scene.systemRows;
+    EXPECT_EQ(SceneLoadPolicy::merge(scene, onto), expected);
+}
+
+TEST_F(SideFilesTest, AutoDirectFileAlwaysMirrorsTheBundledList) {
+    EXPECT_EQ(store.loadAutoDirectList(), AutoDirectList::bundled());
+    EXPECT_EQ(json::parse(readText(store.autoDirectURL())),
+              json::parse(R"({"bundleIDs": [], "updatedAt": 0})"));
+
+    writeText(store.autoDirectURL(), R"({"bundleIDs": ["com.example.a"], "updatedAt": 0})");
+    EXPECT_EQ(store.loadAutoDirectList(), AutoDirectList::bundled());
+    EXPECT_EQ(json::parse(readText(store.autoDirectURL()))["bundleIDs"], json::array());
+
+    // An identical file is left alone.
+    const int writes = files->writes;
+    EXPECT_EQ(store.loadAutoDirectList(), AutoDirectList::bundled());
+    EXPECT_EQ(files->writes, writes);
+
+    writeText(store.autoDirectURL(), "garbage");
+    files->shouldFail = [](FaultyFileSystem::Op op, const fs::path&) {
+        return op == FaultyFileSystem::Op::writeAtomically;
+    };
+    EXPECT_EQ(store.loadAutoDirectList(), AutoDirectList::bundled());
+    EXPECT_THROW(store.saveAutoDirectList(AutoDirectList{{"x"}, 5}), std::system_error);
+    files->shouldFail = nullptr;
+    store.saveAutoDirectList(AutoDirectList{{"x"}, 5});
+    EXPECT_EQ(json::parse(readText(store.autoDirectURL()))["updatedAt"], 5);
+}
+
+TEST(AutoDirectListTest, ContainsMatchesWholeIdsAndChildren) {
+    AutoDirectList list{{"com.example"}, 0};
+    EXPECT_TRUE(list.contains("com.example"));
+    EXPECT_TRUE(list.contains("com.example.helper"));
+    EXPECT_FALSE(list.contains("com.examples"));
+    EXPECT_FALSE(list.contains("com"));
+    EXPECT_FALSE(AutoDirectList::bundled().contains("com.example"));
+}
+
+TEST_F(SideFilesTest, MIDIMappingsGoldenFileWithOneKeyTargets) {
+    EXPECT_TRUE(store.loadMIDIMappings().empty());
+    const json file = json::parse(R"([
+        {"id": "m1", "channel": 0, "cc": 7, "target": {"appVolume": {"bundleID": "com.example.a"}}},
+        {"id": "m2", "channel": 1, "cc": 8, "target": {"appMute": {"bundleID": "com.example.b"}}},
+        {"id": "m3", "channel": 2, "cc": 9, "target": {"deviceVolume": {"uid": "dev"}}},
+        {"id": "m4", "channel": 16, "cc": 10, "target": {"configLoad": {"name": "Rock/Pop"}}},
+        {"id": "m5", "channel": 3, "cc": 11, "target": {"stageMode": {}}},
+        {"id": "m6", "channel": 4, "cc": 127, "target": {"outputVolume": {}}}])");
+    const std::vector<MIDIMapping> mappings = {{"m1", 0, 7, MIDIMapping::AppVolume{"com.example.a"}},
+                                               {"m2", 1, 8, MIDIMapping::AppMute{"com.example.b"}},
+                                               {"m3", 2, 9, MIDIMapping::DeviceVolume{"dev"}},
+                                               {"m4", 16, 10, MIDIMapping::ConfigLoad{"Rock/Pop"}},
+                                               {"m5", 3, 11, MIDIMapping::StageMode{}},
+                                               {"m6", 4, 127, MIDIMapping::OutputVolume{}}};
+    writeText(store.midiMappingsURL(), file.dump());
+    EXPECT_EQ(store.loadMIDIMappings(), mappings);
+    store.saveMIDIMappings(mappings);
+    EXPECT_EQ(json::parse(readText(store.midiMappingsURL())), file);
+    EXPECT_EQ(mappings[4].targetCaseNumber(), 4);
+
+    for (const char* bad : {R"([{"id":"x","channel":0,"cc":1,"target":{"stageMode":{},"outputVolume":{}}}])",
+                            R"([{"id":"x","channel":0,"cc":1,"target":{"fader":{}}}])",
+                            R"([{"id":"x","channel":0,"cc":1,"target":{"appMute":{}}}])",
+                            R"([{"id":"x","channel":"1","cc":1,"target":{"stageMode":{}}}])"}) {
+        writeText(store.midiMappingsURL(), bad);
+        EXPECT_THROW(store.loadMIDIMappings(), ConfigDecodeError) << bad;
     }
 }
 

@@ -1,14 +1,21 @@
 #include "EngineTestSupport.hpp"
+#include "audio/listening/GlobalListeningSettingsJSON.hpp"
+#include "core/config/ConfigDecodeError.hpp"
+#include "core/engine/GlobalListeningPolicy.hpp"
+#include "core/engine/HealthEvent.hpp"
+#include "core/engine/TapWorkerState.hpp"
 #include "tests/core/config/ConfigSamples.hpp"
-
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace tonavi::testing {
 namespace {
+
+using nlohmann::json;
 
 // The gain a fresh tap renders with: its first cycle starts at the target with no ramp.
 float firstCycleGain(const TonaviConfig& config, const std::string& id,
@@ -33,11 +40,8 @@ TEST(Render, FirstCycleStartsAtTargetAndUnityIsBitExact) {
     const auto original = samples;
     EXPECT_FALSE(h.engine->render("unity", samples) || h.engine->render("unity", samples));
     EXPECT_EQ(std::memcmp(samples.data(), original.data(), samples.size() * sizeof(float)), 0);
-
-    // No tap, or no row: pass through.
-    auto untouched = constantBuffer(4, 0.3f);
-    EXPECT_FALSE(h.engine->render("stranger", untouched));
-    EXPECT_EQ(untouched, constantBuffer(4, 0.3f));
+    auto untouched = constantBuffer(4, 0.3f); // no row: pass through
+    EXPECT_FALSE(h.engine->render("stranger", untouched) || untouched != constantBuffer(4, 0.3f));
 }
 
 TEST(Render, MuteRampsToZeroWithAnEightMillisecondTimeConstant) {
@@ -86,10 +90,9 @@ TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
     config.duckRules = {rule};
     using Setup = std::function<void(EngagementEngine&)>;
     const std::tuple<const char*, const char*, Setup, float> cases[] = {
-        {"the law squares the fader", "a", {}, 0.25f},
+        {"auto duck of this app", "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }, 0.125f},
         {"follow-me background", "a", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }, 0.1f},
         {"the hero itself", "hero", [](EngagementEngine& e) { e.setFollowMe("hero", 0.4); }, 0.25f},
-        {"no hero", "a", [](EngagementEngine& e) { e.setFollowMe(std::nullopt, 0.4); }, 0.25f},
         {"smart-protected", "a",
          [](EngagementEngine& e) {
              e.setFollowMe("hero", 0.4);
@@ -97,21 +100,13 @@ TEST(Render, TargetGainCombinesDuckFollowMeSoftMasterAndDucks) {
          },
          0.25f},
         {"soft master", "a", [](EngagementEngine& e) { e.setSoftMasterGain(0.5); }, 0.125f},
+        {"soft master at zero", "a", [](EngagementEngine& e) { e.setSoftMasterGain(0.0); }, 0.0f},
         // -6.0206 dB is a linear half.
         {"manual duck", "a", [](EngagementEngine& e) { e.setManualDuckDB(-6.0206); }, 0.125f},
-        {"auto duck of this app", "a", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); }, 0.125f},
-        {"auto duck of another app", "a", [](EngagementEngine& e) { e.setAutoDuck({"hero"}, -6.0206); },
+        {"auto duck of another app", "hero", [](EngagementEngine& e) { e.setAutoDuck({"a"}, -6.0206); },
          0.25f}};
     for (const auto& [why, app, setup, gain] : cases)
         EXPECT_NEAR(firstCycleGain(config, app, setup), gain, 1e-6) << why;
-
-    // Soft master at zero silences without being a mute.
-    EngineHarness h(config);
-    h.engine->setSoftMasterGain(0.0);
-    auto buffer = constantBuffer(8, 1.0f);
-    EXPECT_TRUE(h.engine->render("a", buffer));
-    EXPECT_EQ(buffer, constantBuffer(8, 0.0f));
-    EXPECT_FALSE(h.engine->managedApp("a")->muted);
 }
 
 TEST(Render, PeakLimiterCarriesItsGainAndClearsWhenTheCeilingIsNearUnity) {
@@ -202,14 +197,13 @@ TEST(WorkerState, HeldHiddenAndNormalRows) {
     EXPECT_EQ(held.globalListening, kavore::GlobalListeningSettings::off());
     EXPECT_EQ(held.loudnessGuardCeilingDBFS, 0.0);
     EXPECT_EQ(held.followMeBackgroundGain, 0.25);
-    EXPECT_EQ(held.currentDefaultOutputUID, "speakers");
 
     const auto sent = *h.engine->tapWorkerState("normal");
     EXPECT_EQ(sent.app, h.engine->managedApp("normal").value());
     EXPECT_NEAR(sent.loudnessGuardCeilingDBFS, -6.0, 1e-9);
     EXPECT_EQ(sent.followMeBackgroundGain, 1.0); // smart-protected
     EXPECT_EQ(sent.globalListening, h.engine->config().globalListening);
-    EXPECT_EQ(sent.followMeHero, "solo");
+    EXPECT_EQ(sent.currentDefaultOutputUID, "speakers");
 
     const auto hidden = *h.engine->tapWorkerState("hidden");
     EXPECT_FALSE(hidden.app.volume != 1.0 || hidden.followMeHero || hidden.loudnessGuardActive);
@@ -273,6 +267,129 @@ TEST(Render, SettingChangesRebuildTheChainAndKeepWhatOtherProcessorsLearned) {
             }
         }
         EXPECT_EQ(changed.taps->createCalls("a"), 1) << name;
+    }
+}
+
+TEST(GlobalListeningPolicy, DecidesInItsOrder) {
+    AppAudioState plain = appRow("com.apple.Music"), bypassed = plain, locked = plain;
+    bypassed.chain.bypassed = true;
+    locked.directLocked = true;
+    AppAudioState daw = appRow("com.ableton.live"), controlledDAW = appRow("com.ableton.live", 0.7);
+    SmartSettings protecting, open, leaveAlone;
+    open.protectMusicApps = false;
+    leaveAlone.leaveAloneBundleIDs = {"com.apple.Music"};
+    const std::tuple<const char*, const AppAudioState*, const SmartSettings&, bool> cases[] = {
+        {"com.apple.Music", &plain, protecting, true},
+        {"com.rogueamoeba.Audio", nullptr, protecting, false},
+        {"hidden.app", nullptr, protecting, false},
+        {"com.apple.Music", &bypassed, protecting, false},
+        {"com.apple.Music", &locked, protecting, false},
+        {"com.apple.Music", &plain, leaveAlone, false},
+        // A production tool is refused outright while music apps are protected; otherwise it gets
+        // the treatment only when its own row asks for control.
+        {"com.ableton.live", &controlledDAW, protecting, false},
+        {"com.ableton.live", &daw, open, false},
+        {"com.ableton.live", &controlledDAW, open, true}};
+    for (const auto& [id, row, smart, expected] : cases)
+        EXPECT_EQ(GlobalListeningPolicy::mayProcess(id, row, {"hidden.app"}, smart), expected)
+            << id << (row ? " with a row" : "");
+}
+
+TEST(GlobalListeningRender, PluginBridgeRunsBetweenTheHalvesAndCountsInLatency) {
+    TonaviConfig config = configWith({appRow("a"), appRow("com.ableton.live", 0.5)});
+    config.globalListening =
+        kavore::GlobalListeningSettings(true, kavore::ListeningEQSettings::flat(), {}, {pluginSlot("GL1")});
+    EngineHarness h(config, false);
+    std::vector<std::string> rendered;
+    h.engine->setExternalAURender([&](const std::string& slotID, std::span<float> buffer) {
+        rendered.push_back(slotID);
+        for (float& sample : buffer)
+            sample *= 0.5f;
+    });
+    h.engine->setExternalAULatency([](const std::string&) { return 64; });
+    h.engine->setForceEngaged({"a"}, {});
+    EXPECT_EQ(h.engine->globalPluginSlotIDs(), std::vector<std::string>{"GL1"});
+
+    auto buffer = constantBuffer(16, 0.4f);
+    EXPECT_TRUE(h.engine->render("a", buffer)); // unity app, but the global treatment ran
+    EXPECT_EQ(rendered, std::vector<std::string>{"GL1"});
+    for (float sample : buffer)
+        EXPECT_NEAR(sample, 0.2f, 1e-6);
+    EXPECT_EQ(h.engine->latencySamples("a", 256, 128), 256 + 128 + 64);
+
+    // A protected production tool renders without it and pays no plug-in latency.
+    rendered.clear();
+    auto daw = constantBuffer(16, 0.4f);
+    h.engine->render("com.ableton.live", daw);
+    EXPECT_TRUE(rendered.empty());
+    EXPECT_NEAR(daw[0], 0.1f, 1e-6);
+    EXPECT_EQ(h.engine->latencySamples("com.ableton.live", 256, 128), 384);
+
+    // A failing plug-in slot is bypassed: the list empties and the treatment stops changing audio.
+    h.engine->autoRevertAUSlot("GL1", "stopped responding");
+    EXPECT_TRUE(h.engine->globalPluginSlotIDs().empty());
+    EXPECT_EQ(h.engine->healthLog().back().detail, "global listening: stopped responding");
+    auto after = constantBuffer(16, 0.4f);
+    EXPECT_FALSE(h.engine->render("a", after));
+    EXPECT_EQ(after, constantBuffer(16, 0.4f));
+}
+
+// Every key the worker reads, spelled as the service writes it.
+json goldenDocument() {
+    json doc = json::parse(R"({
+      "app": {"id": "com.apple.Music", "volume": 0.5, "muted": true},
+      "currentDefaultOutputUID": "BuiltInSpeakers", "sampleRate": 44100.0, "stageMode": true,
+      "followMeHero": "com.zoom.us", "followMeBackgroundGain": 0.3, "softMasterGain": 0.8, "manualDuckDB": -6.0,
+      "autoDuckApps": ["com.apple.Music", "com.spotify.client"], "autoDuckDB": -12.0,
+      "loudnessGuardActive": true, "loudnessGuardCeilingDBFS": -3.0,
+      "duckRules": [{"id": "R", "triggerBundleID": "com.zoom.us", "duckedBundleIDs": ["com.apple.Music"]}],
+      "activeDuckTriggers": ["com.zoom.us"]
+    })");
+    doc["globalListening"] = kavore::toJSON(kavore::GlobalListeningSettings(true, {}, {}, {}));
+    return doc;
+}
+
+TEST(TapWorkerStateJSON, GoldenDocumentBothWaysAndRequiredKeys) {
+    const json doc = goldenDocument();
+    const auto state = doc.get<TapWorkerState>();
+    // Spot checks where two keys of one type could trade places and still come back the same.
+    EXPECT_EQ(state.followMeBackgroundGain, 0.3);
+    EXPECT_EQ(state.softMasterGain, 0.8);
+    EXPECT_EQ(state.loudnessGuardCeilingDBFS, -3.0);
+
+    // Written back: the same keys and values; the app and the rules carry their own full records.
+    json expected = doc;
+    expected["app"] = json(state.app);
+    expected["duckRules"] = json(state.duckRules);
+    EXPECT_EQ(json(state), expected);
+
+    // An absent hero is left out, and reads back as absent.
+    json heroless = doc;
+    heroless.erase("followMeHero");
+    const auto noHero = heroless.get<TapWorkerState>();
+    EXPECT_FALSE(noHero.followMeHero.has_value());
+    EXPECT_FALSE(json(noHero).contains("followMeHero"));
+
+    for (const char* key : {"app", "sampleRate", "duckRules", "activeDuckTriggers"}) {
+        json missing = doc;
+        missing.erase(key);
+        EXPECT_THROW(missing.get<TapWorkerState>(), ConfigDecodeError) << key;
+    }
+    json noID = doc;
+    noID["app"].erase("id");
+    EXPECT_THROW(noID.get<TapWorkerState>(), ConfigDecodeError);
+}
+
+TEST(HealthEventJSON, GoldenDocumentBothWaysAndEveryKeyRequired) {
+    const json doc = json::parse(
+        R"({"id": "0F8D3C1A-0000-4000-8000-000000000001", "at": 1700000000.5, "kind": "tap-failure", "detail": "x"})");
+    const HealthEvent event{"0F8D3C1A-0000-4000-8000-000000000001", 1700000000.5, "tap-failure", "x"};
+    EXPECT_EQ(doc.get<HealthEvent>(), event);
+    EXPECT_EQ(json(event), doc);
+    for (const char* key : {"id", "at", "kind", "detail"}) {
+        json missing = doc;
+        missing.erase(key);
+        EXPECT_THROW(missing.get<HealthEvent>(), nlohmann::json::exception) << key;
     }
 }
 

@@ -1,6 +1,13 @@
 #include "EngineTestSupport.hpp"
+#include "core/engine/DefaultMixerAppPolicy.hpp"
+#include "core/engine/LatencySensitiveAppPolicy.hpp"
+#include "core/engine/RouteRefreshPolicy.hpp"
+#include "core/engine/TonaviTapSafety.hpp"
 
+#include <atomic>
+#include <chrono>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace tonavi::testing {
 namespace {
@@ -68,10 +75,7 @@ TEST(Revert, AutoRevertResetsControlSettingsAndKeepsTheRest) {
     row.displayName = expected.displayName = "Player";
     row.favorite = expected.favorite = true;
     row.steadyVolume = expected.steadyVolume = true;
-    row.volume = 0.4;
-    row.muted = true;
-    row.redirectUID = "usb";
-    row.timedMuteUntil = 5.0;
+    std::tie(row.volume, row.muted, row.redirectUID, row.timedMuteUntil) = std::tuple(0.4, true, "usb", 5.0);
     row.volumePerDevice = {{"usb", 0.2}};
     EngineHarness h(configWith({row}));
     const auto tap = h.engine->tapHandle("a");
@@ -131,6 +135,106 @@ TEST(HealthLog, KeepsTheLastTwoHundredEventsAndReportsEachOne) {
     EXPECT_EQ(log.front().at, *h.clock);
     EXPECT_NE(log.front().id, log.back().id);
     EXPECT_EQ(log.front().id.size(), 36u);
+}
+
+TEST(SafetyPolicies, CaptureLatencyAndDefaultMixerRules) {
+    EXPECT_FALSE(TonaviTapSafety::mayCapture("com.brelmoor.KavoreApp"));
+    EXPECT_FALSE(TonaviTapSafety::mayCapture("com.rogueamoeba.Loopback")); // the whole family
+    EXPECT_TRUE(TonaviTapSafety::mayCapture("com.brelmoor.tonaviapp"));    // exact IDs only
+    EXPECT_TRUE(TonaviTapSafety::mayCapture("com.rogueamoebaX.app"));
+
+    // Lowercased before matching.
+    EXPECT_TRUE(LatencySensitiveAppPolicy::prefersDirectSoftMaster("com.ABLETON.live"));
+    EXPECT_FALSE(LatencySensitiveAppPolicy::prefersDirectSoftMaster("com.apple.logic"));
+
+    // A name matches a whole leading word, not a prefix of one.
+    EXPECT_TRUE(DefaultMixerAppPolicy::includes("org.example.player", "Reason 12 Studio"));
+    EXPECT_FALSE(DefaultMixerAppPolicy::includes("org.example.player", "Reasonable Player"));
+    EXPECT_TRUE(DefaultMixerAppPolicy::includes("com.microsoft.edgemac", ""));
+}
+
+TEST(RouteRefreshPolicy, RebuildsWhenForcedDeadMovedOrBoundElsewhere) {
+    const TapRouteIdentity speakers{"spk", "spk"};
+    const std::tuple<const char*, TapRouteIdentity, bool, bool, bool, bool> cases[] = {
+        {"all in place", speakers, true, false, false, false},
+        {"forced", speakers, true, false, true, true},
+        {"dead io", speakers, false, false, false, true},
+        {"process group moved", speakers, true, true, false, true},
+        {"playing on another target", {"spk", "usb"}, true, false, false, true}};
+    for (const auto& [name, bound, ioAlive, groupChanged, forced, expected] : cases)
+        EXPECT_EQ(RouteRefreshPolicy::requiresRefresh(bound, speakers, ioAlive, groupChanged, forced),
+                  expected)
+            << name;
+}
+
+// The audio thread renders while the control side applies configurations, reconciles against a
+// slow provider, refreshes, releases and toggles stage mode, all at once, as the service's queues
+// would. Run under ThreadSanitizer too: no race report, no deadlock, every handle destroyed once.
+TEST(EngineConcurrency, RenderAgainstReconcileStageModeAndReleases) {
+    AutoDuckRule rule;
+    rule.triggerBundleID = "call";
+    rule.duckedBundleIDs = {"a"};
+    TonaviConfig base = configWith({appRow("a", 0.5), appRow("b", 0.7)});
+    base.duckRules = {rule};
+    EngineHarness h(base, false);
+    h.taps->createDelay = std::chrono::microseconds(200);
+    h.engine->setLoudnessGuard(true, -3.0);
+
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(1500);
+    std::atomic<bool> done{false};
+    std::atomic<long> cycles{0};
+
+    std::thread audio([&] {
+        std::vector<float> buffer(256);
+        double hostTime = 0.0;
+        while (!done.load()) {
+            std::fill(buffer.begin(), buffer.end(), 0.5f);
+            hostTime += 128.0 / 48000.0;
+            h.engine->advanceDucking(128, hostTime);
+            h.engine->render("a", buffer);
+            for (float sample : buffer)
+                ASSERT_TRUE(sample >= 0.0f && sample <= 0.5f);
+            cycles.fetch_add(1);
+        }
+    });
+    std::thread tapWork([&] {
+        while (!done.load()) {
+            h.engine->reconcile();
+            h.engine->performTapRefresh("a");
+        }
+    });
+    std::thread control([&] {
+        int step = 0;
+        while (std::chrono::steady_clock::now() < deadline) {
+            TonaviConfig next = base;
+            next.apps[0].volume = (step % 5) * 0.2;
+            next.apps[0].muted = step % 7 == 0;
+            next.apps[1].volume = step % 2 ? 1.0 : 0.6;
+            if (step % 11 == 0)
+                next.duckRules[0].duckDB = -6.0 - step % 3;
+            h.engine->setConfigWithoutReconcile(next);
+            h.engine->setActiveTriggers(step % 3 ? EngagementEngine::IDSet{"call"}
+                                                 : EngagementEngine::IDSet{});
+            if (step % 13 == 0 || step % 13 == 6)
+                h.engine->setStageMode(step % 13 == 0);
+            if (step % 17 == 0)
+                h.engine->releaseTap("a", "worker exited", h.engine->tapHandle("a"));
+            (void)h.engine->tapWorkerState("a");
+            ++step;
+        }
+        done.store(true);
+    });
+    control.join();
+    tapWork.join();
+    audio.join();
+
+    EXPECT_GT(cycles.load(), 100);
+    h.engine->releaseAllTapsForShutdown();
+    EXPECT_EQ(h.taps->liveCount(), 0);
+    const auto handles = h.taps->everyHandle();
+    EXPECT_GT(handles.size(), 2u);
+    for (const auto& handle : handles)
+        EXPECT_EQ(h.taps->destroyCount(handle), 1);
 }
 
 } // namespace

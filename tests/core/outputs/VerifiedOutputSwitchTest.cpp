@@ -45,7 +45,6 @@ const std::vector<std::tuple<const char*, std::string, int, int, bool, bool, boo
     {"settles too late", "bt", 3, 9, false, false, false, 1},
     {"dropped write", "usb", 3, 0, false, true, false, 1},
     {"refused write", "usb", 3, 0, true, false, false, 1},
-    {"no attempts", "usb", 0, 0, false, false, false, 0},
     {"empty target", "", 3, 0, false, false, false, 0}};
 
 TEST(VerifiedOutputSwitch, EveryFormSucceedsOnlyWhenTheSystemReportsTheTarget) {
