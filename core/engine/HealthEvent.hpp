@@ -1,7 +1,6 @@
 #pragma once
 // One entry of the engine's health log: an edge in the life of a tap or a safety action.
 
-#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace tonavi {
@@ -14,9 +13,5 @@ struct HealthEvent {
 
     bool operator==(const HealthEvent&) const = default;
 };
-
-// Wire form: an object with the four keys, all required when reading.
-void to_json(nlohmann::json& json, const HealthEvent& event);
-void from_json(const nlohmann::json& json, HealthEvent& event);
 
 } // namespace tonavi

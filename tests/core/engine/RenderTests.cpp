@@ -380,18 +380,5 @@ TEST(TapWorkerStateJSON, GoldenDocumentBothWaysAndRequiredKeys) {
     EXPECT_THROW(noID.get<TapWorkerState>(), ConfigDecodeError);
 }
 
-TEST(HealthEventJSON, GoldenDocumentBothWaysAndEveryKeyRequired) {
-    const json doc = json::parse(
-        R"({"id": "0F8D3C1A-0000-4000-8000-000000000001", "at": 1700000000.5, "kind": "tap-failure", "detail": "x"})");
-    const HealthEvent event{"0F8D3C1A-0000-4000-8000-000000000001", 1700000000.5, "tap-failure", "x"};
-    EXPECT_EQ(doc.get<HealthEvent>(), event);
-    EXPECT_EQ(json(event), doc);
-    for (const char* key : {"id", "at", "kind", "detail"}) {
-        json missing = doc;
-        missing.erase(key);
-        EXPECT_THROW(missing.get<HealthEvent>(), nlohmann::json::exception) << key;
-    }
-}
-
 } // namespace
 } // namespace tonavi::testing
