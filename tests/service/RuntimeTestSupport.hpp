@@ -80,8 +80,10 @@ class RuntimeHarness {
     }
     ~RuntimeHarness() { runtime.reset(); }
 
-    TonaviRuntime& start() {
+    // A profiler read of the test's own stands in for the slow Bluetooth source.
+    TonaviRuntime& start(BluetoothInfo::ProfilerRead profiler = {}) {
         TonaviRuntime::Environment environment;
+        environment.bluetoothProfiler = std::move(profiler);
         environment.version = "9.9-test";
         environment.store = store;
         environment.audio = machine;
@@ -93,8 +95,8 @@ class RuntimeHarness {
         return *runtime;
     }
     // Starts and lets the warm-up finish with a fast hardware.
-    TonaviRuntime& startReady() {
-        start();
+    TonaviRuntime& startReady(BluetoothInfo::ProfilerRead profiler = {}) {
+        start(std::move(profiler));
         EXPECT_TRUE(waitUntil([&] { return runtime->warmUpProbes() >= 1; }));
         advance(0.5);
         EXPECT_TRUE(waitUntil([&] { return runtime->coreAudioReady(); }));
@@ -120,11 +122,11 @@ class RuntimeHarness {
         }));
         send(TonaviRequest::Status{});
     }
+    void edit(const std::function<std::string(SimWorld&)>& change) { ASSERT_EQ(machine->mutate(change), ""); }
+    std::string log() const { return readText(folder.path() / "service.log"); }
+    bool logged(const std::string& line) const { return log().find(line) != std::string::npos; }
     TonaviReply send(TonaviRequest::Value value) { return runtime->handle(TonaviRequest{std::move(value)}); }
     TonaviConfig onDisk() const { return decodeTonaviConfig(readText(store->configURL())); }
-    const AppAudioState* app(const TonaviConfig& config, const std::string& id) const {
-        return config.app(id);
-    }
 
     TemporaryFolder folder;
     std::shared_ptr<FaultyFileSystem> fileSystem = std::make_shared<FaultyFileSystem>();

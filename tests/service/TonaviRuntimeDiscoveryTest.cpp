@@ -31,10 +31,9 @@ void watchdogPass(RuntimeHarness& h) {
     h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); });
 }
 
-template <class T> T onQueue(TonaviRuntime& rt, const std::function<T()>& read) {
-    T value{};
-    rt.serialQueue().sync([&] { value = read(); });
-    return value;
+bool suppressed(RuntimeHarness& h) {
+    return h.runtime->serialQueue().syncResult(
+        [&] { return h.runtime->outputSuppressedUntilPlaybackStops().contains(agent); });
 }
 
 // Runs everything queued for tap work, then what that queued on the runtime's queue, then the tap work
@@ -47,6 +46,15 @@ void drainTapWork(RuntimeHarness& h) {
         ASSERT_TRUE(waitUntil([&] { return ran->load(); }));
         h.runtime->serialQueue().sync([] {});
     }
+}
+
+// Safari under control with its tap made, on a fresh discovery.
+void tapSafari(RuntimeHarness& h) {
+    h.startReady();
+    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
+    h.settleDiscovery();
+    drainTapWork(h);
+    ASSERT_TRUE(h.runtime->engine().hasTap(safari));
 }
 
 } // namespace
@@ -71,9 +79,9 @@ TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndTheLevelOfEachTap) {
                  << (a.engaged ? " engaged" : "") << " " << a.level << "; ";
     EXPECT_EQ(seen.str(), "com.apple.Safari engaged 0.3; com.apple.Music plays 0; us.zoom.xos records 0; ");
     auto music = std::ranges::find(status.apps, "com.apple.Music", &AppLiveStatus::id);
-    EXPECT_EQ(music->displayName + " " + std::to_string(music->pid.value_or(0)), "Music 4103");
-    EXPECT_EQ(status.defaultOutputUID, speakers);
-    EXPECT_EQ(status.devices.size(), 6u);
+    EXPECT_EQ(music->displayName + " " + std::to_string(music->pid.value_or(0)) + " on " +
+                  status.defaultOutputUID + " of " + std::to_string(status.devices.size()),
+              "Music 4103 on BuiltInSpeakerDevice of 6");
 }
 
 TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence) {
@@ -106,13 +114,13 @@ TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence)
     drainTapWork(h);
     EXPECT_EQ(h.provider->taps.createCalls(agent), calls);
     EXPECT_EQ(h.provider->taps.liveCount(), 0);
-    EXPECT_TRUE(onQueue<bool>(rt, [&] { return rt.outputSuppressedUntilPlaybackStops().contains(agent); }));
+    EXPECT_TRUE(suppressed(h));
 
     // ... until it stopped once.
-    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.setPlaying(agent, false, std::nullopt); }), "");
+    h.edit([](SimWorld& w) { return w.setPlaying(agent, false, std::nullopt); });
     h.wall = h.wall + 2.0;
     h.settleDiscovery();
-    EXPECT_FALSE(onQueue<bool>(rt, [&] { return rt.outputSuppressedUntilPlaybackStops().contains(agent); }));
+    EXPECT_FALSE(suppressed(h));
 }
 
 TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
@@ -132,14 +140,11 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         RuntimeHarness h;
-        h.startReady();
-        ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
+        tapSafari(h);
         if (!c.redirect.empty()) {
             ASSERT_TRUE(h.send(R::SetAppRedirect{safari, c.redirect}).ok);
+            drainTapWork(h);
         }
-        h.settleDiscovery();
-        drainTapWork(h);
-        ASSERT_TRUE(h.runtime->engine().hasTap(safari));
         h.provider->source[safari] = c.source;
         h.provider->target[safari] = c.target;
         if (c.stale)
@@ -166,14 +171,10 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
 
 TEST(Watchdog, ATapWhoseProcessesAreGoneIsReleasedOnlyOnTrustedDiscovery) {
     RuntimeHarness h;
-    h.startReady();
-    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
-    h.settleDiscovery();
-    drainTapWork(h);
-    ASSERT_TRUE(h.runtime->engine().hasTap(safari));
+    tapSafari(h);
     h.provider->source[safari] = h.provider->target[safari] = speakers;
     const TapHandlePtr handle = h.runtime->engine().tapHandle(safari);
-    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.quit(safari); }), "");
+    h.edit([](SimWorld& w) { return w.quit(safari); });
 
     // The last trusted snapshot still has Safari's processes; a stale one is no basis for a release.
     h.wall = h.wall + 7.0;

@@ -16,17 +16,15 @@ namespace {
 
 const std::string safari = "com.apple.Safari";
 
-const AppLiveStatus* liveApp(const TonaviReply& reply, const std::string& id) {
-    if (!reply.status)
-        return nullptr;
-    for (const auto& app : reply.status->apps)
-        if (app.id == id)
-            return &app;
-    return nullptr;
+bool listed(const TonaviReply& reply, const std::string& id) {
+    return reply.status &&
+           std::ranges::find(reply.status->apps, id, &AppLiveStatus::id) != reply.status->apps.end();
 }
 
-std::string defaultOutputUID(RuntimeHarness& h) {
-    return h.machine->world()->defaultOutputUID;
+// A harness over a store that already holds `persisted`.
+void startWith(RuntimeHarness& h, const TonaviConfig& persisted, bool ready = true) {
+    h.store->save(persisted);
+    ready ? (void)h.startReady() : (void)h.start();
 }
 
 } // namespace
@@ -51,13 +49,12 @@ TEST(AppRequests, ValuesAreClampedToTheirRanges) {
         RuntimeHarness h;
         h.start();
         const TonaviReply reply = h.send(request);
-        ASSERT_TRUE(reply.ok) << reply.message;
-        ASSERT_NE(liveApp(reply, safari), nullptr);
+        ASSERT_TRUE(reply.ok && listed(reply, safari)) << reply.message;
         for (const AppAudioState& a : {*h.runtime->engine().config().app(safari), *h.onDisk().app(safari)}) {
             EXPECT_DOUBLE_EQ(read(a), expected);
             EXPECT_FALSE(a.muted); // a timed mute is no mute
             if (read == volume) {
-                EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), expected);
+                EXPECT_DOUBLE_EQ(a.volumePerDevice.at(h.machine->world()->defaultOutputUID), expected);
                 EXPECT_TRUE(a.controlAttached);
             }
         }
@@ -113,15 +110,13 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         RuntimeHarness h;
         TonaviConfig persisted = TonaviConfig::firstRunDefaults();
         persisted.hiddenAppIDs.push_back("com.hidden.App");
-        h.store->save(persisted);
-        h.start();
+        startWith(h, persisted, false);
         h.settleDiscovery();
         const TonaviConfig before = h.runtime->engine().config();
         const std::string diskBefore = readText(h.store->configURL());
         const TonaviReply reply = h.send(request);
-        EXPECT_FALSE(reply.ok);
-        EXPECT_EQ(reply.message, message);
-        EXPECT_TRUE(reply.status.has_value());
+        EXPECT_EQ(std::tuple(reply.ok, reply.message, reply.status.has_value()),
+                  std::tuple(false, message, true));
         EXPECT_EQ(h.runtime->engine().config(), before);
         EXPECT_EQ(readText(h.store->configURL()), diskBefore);
         EXPECT_FALSE(h.runtime->engine().soloActive());
@@ -133,8 +128,7 @@ TEST(AppRequests, MuteOnADirectLockedAppKeepsItEligibleForASilencingTap) {
     TonaviConfig persisted = TonaviConfig::firstRunDefaults();
     persisted.app(safari)->directLocked = true;
     persisted.app("com.google.Chrome")->directLocked = true;
-    h.store->save(persisted);
-    h.startReady();
+    startWith(h, persisted);
 
     ASSERT_TRUE(h.send(R::SetAppMuted{safari, true}).ok);
     EXPECT_TRUE(h.runtime->engine().config().app(safari)->muteWhileBypassed);
@@ -154,9 +148,7 @@ TEST(AppRequests, SoloIsRefusedInStageModeEndsWithAnEmptyListOrWhenItsAppIsHidde
 
     EXPECT_EQ(h.send(R::StageMode{true}).message,
               "stage mode ON: every tap released; muted apps are audible until you turn it off");
-    const TonaviReply refused = h.send(R::SetSoloApps{{safari}});
-    EXPECT_FALSE(refused.ok);
-    EXPECT_EQ(refused.message, "Turn off Bypass All before starting Solo.");
+    EXPECT_EQ(h.send(R::SetSoloApps{{safari}}).message, "Turn off Bypass All before starting Solo.");
     EXPECT_TRUE(h.send(R::SetSoloApps{{}}).ok);
     EXPECT_FALSE(h.runtime->engine().soloActive());
     EXPECT_TRUE(h.onDisk().stageModePersisted);
@@ -168,11 +160,11 @@ TEST(AppRequests, SoloIsRefusedInStageModeEndsWithAnEmptyListOrWhenItsAppIsHidde
     const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
     EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
     EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
-    EXPECT_EQ(liveApp(hidden, safari), nullptr);
+    EXPECT_FALSE(listed(hidden, safari));
     EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
     const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
     EXPECT_EQ(restored.message, "App restored to Tonavi.");
-    EXPECT_NE(liveApp(restored, safari), nullptr);
+    EXPECT_TRUE(listed(restored, safari));
     EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }
 
@@ -184,8 +176,7 @@ TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
         app.displayRank = static_cast<std::int64_t>(persisted.apps.size());
         persisted.apps.push_back(app);
     }
-    h.store->save(persisted);
-    h.start();
+    startWith(h, persisted, false);
     // The client shows only Four and Two, swapped, and a new app.
     ASSERT_TRUE(h.send(R::SetAppDisplayOrder{{"d.Four", "b.Two", "e.Five"}}).ok);
     std::map<std::string, std::int64_t> ranks;
@@ -199,21 +190,14 @@ TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
 TEST(AppRequests, RedirectToAnotherAppsLockedLaneIsRefusedAndTheTapStillRefreshed) {
     RuntimeHarness h;
     TonaviConfig persisted = TonaviConfig::firstRunDefaults();
-    WorkspaceLane lane;
-    lane.id = "lane-1";
-    lane.appBundleID = "com.google.Chrome";
-    lane.deviceUID = "lane-device";
-    lane.locked = true;
-    persisted.lanes.push_back(lane);
-    h.store->save(persisted);
-    h.startReady();
+    persisted.lanes.push_back({"lane-1", "com.google.Chrome", "lane-device", true});
+    startWith(h, persisted);
     ASSERT_TRUE(h.send(R::SetAppRedirect{safari, "free-device"}).ok);
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) >= 1; }));
     const int before = h.provider->taps.createCalls(safari);
 
-    const TonaviReply reply = h.send(R::SetAppRedirect{safari, "lane-device"});
-    EXPECT_FALSE(reply.ok);
-    EXPECT_EQ(reply.message, "that device is a locked lane for another app");
+    EXPECT_EQ(h.send(R::SetAppRedirect{safari, "lane-device"}).message,
+              "that device is a locked lane for another app");
     EXPECT_EQ(h.runtime->engine().config().app(safari)->redirectUID, "free-device");
     // The refresh was asked for: a provider that cannot say where a tap is bound rebuilds it.
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) > before; }));
@@ -224,13 +208,13 @@ TEST(Requests, ThoseWithoutAStatusAndThoseNotAvailableYet) {
     h.start();
     EXPECT_FALSE(h.send(R::Ping{}).status.has_value());
     const TonaviReply shutdown = h.send(R::Shutdown{});
-    EXPECT_TRUE(shutdown.ok);
-    EXPECT_EQ(shutdown.message, "audio returned to the OS");
-    EXPECT_FALSE(shutdown.status.has_value());
+    EXPECT_EQ(std::tuple(shutdown.ok, shutdown.message, shutdown.status.has_value()),
+              std::tuple(true, "audio returned to the OS", false));
     const TonaviReply later = h.send(R::LoadConfig{"scene"});
     EXPECT_FALSE(later.ok);
-    EXPECT_EQ(later.message.rfind("loadConfig", 0), 0u) << later.message;
-    EXPECT_NE(later.message.find("not available yet"), std::string::npos);
+    EXPECT_TRUE(later.message.starts_with("loadConfig") &&
+                later.message.find("not available yet") != std::string::npos)
+        << later.message;
 }
 
 TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
@@ -250,8 +234,7 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     EXPECT_EQ(status.health.front(), all[all.size() - 20]);
 
     const TonaviReply diagnostics = h.send(R::Diagnostics{});
-    ASSERT_TRUE(diagnostics.ok);
-    ASSERT_TRUE(diagnostics.payload.has_value());
+    ASSERT_TRUE(diagnostics.ok && diagnostics.payload);
     const Diagnostics document = TonaviPayload::decodeDiagnostics(*diagnostics.payload);
     EXPECT_EQ(document.version, "9.9-test");
     EXPECT_EQ(document.healthLog, all);

@@ -54,12 +54,10 @@ TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayI
     });
     ASSERT_EQ(status.size(), 2u);
     EXPECT_EQ(asked, std::vector<std::string>{"ac:de:48:00:11:22"});
-    EXPECT_FALSE(status[0].isOutput); // no streams yet, but present as an output route
-    EXPECT_EQ(status[0].batteryPercent, 80);
-    EXPECT_FALSE(status[1].batteryPercent);
+    // No streams yet, but present as an output route.
+    EXPECT_TRUE(!status[0].isOutput && status[0].batteryPercent == 80 && !status[1].batteryPercent);
     const auto topology = h.manager->outputTopology();
-    EXPECT_EQ(topology.size(), 2u);
-    EXPECT_TRUE(topology.count(buds));
+    EXPECT_TRUE(topology.size() == 2u && topology.count(buds));
 }
 
 TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
@@ -73,8 +71,7 @@ TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
     EXPECT_NE(second, first);
     ASSERT_TRUE(h.manager->setVolume(h.id(usb), 0.25));
     const auto after = h.manager->liveStatus(noBluetooth);
-    EXPECT_NEAR(std::find_if(after.begin(), after.end(), [](auto& s) { return s.id == usb; })->volume, 0.25,
-                1e-6);
+    EXPECT_NEAR(std::ranges::find(after, usb, &DeviceLiveStatus::id)->volume, 0.25, 1e-6);
 }
 
 TEST(TonaviDeviceManager, VolumeWritesReachEveryChannelAndRespectTheMaximum) {
@@ -123,22 +120,17 @@ TEST(TonaviDeviceManager, HiddenDevicesNeverHoldASystemRole) {
         EXPECT_FALSE(h.manager->setSystemSoundEffectsDevice(h.id(usb)));
         EXPECT_EQ(h.defaultOutput(), speakers);
     }
-    {
-        DeviceHarness h;
+    // A hidden default gives way to the first visible output, alerts with it, unless there is none.
+    for (const auto& [world, hidden, expected] :
+         {std::tuple(SimWorld::preset(), speakers, usb),
+          std::tuple(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"), "a", "a")}) {
+        DeviceHarness h(world);
         h.onQueue([&] {
-            h.manager->updateSettingsOnly({deviceSettings(speakers, 100, true)});
+            h.manager->updateSettingsOnly({deviceSettings(hidden, 100, true)});
             h.manager->enforceHiddenDevices();
         });
-        EXPECT_EQ(h.defaultOutput(), usb);                  // the first visible output
-        EXPECT_EQ(h.machine.world()->systemOutputUID, usb); // alerts follow the default output
-    }
-    {
-        DeviceHarness h(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"));
-        h.onQueue([&] {
-            h.manager->updateSettingsOnly({deviceSettings("a", 100, true)});
-            h.manager->enforceHiddenDevices();
-        });
-        EXPECT_EQ(h.defaultOutput(), "a"); // nowhere visible to go
+        EXPECT_EQ(h.defaultOutput() + " " + h.machine.world()->systemOutputUID,
+                  std::string(expected) + " " + expected);
     }
 }
 

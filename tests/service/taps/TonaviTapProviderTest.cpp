@@ -41,12 +41,8 @@ class TonaviTapProviderTest : public ::testing::Test {
     void plug(const std::string& uid, std::uint32_t transport, std::vector<std::uint32_t> inputs,
               std::vector<std::uint32_t> outputs, bool asDefault = false) {
         laptop.edit([&](SimWorld& w) {
-            SimDevice d;
-            d.uid = uid;
-            d.transport = transport;
-            d.inputStreams = inputs;
-            d.outputStreams = outputs;
-            auto error = w.plug(d);
+            auto error = w.plug(
+                {.uid = uid, .transport = transport, .inputStreams = inputs, .outputStreams = outputs});
             return error.empty() && asDefault ? w.setDefault(SimDefaultRole::output, uid) : error;
         });
     }

@@ -42,35 +42,35 @@ class IsolatedProviderTest : public ::testing::Test {
     }
     std::shared_ptr<IsolatedTonaviTapProvider> makeProvider(const std::string& executable,
                                                             std::chrono::milliseconds readyTimeout = 10s) {
-        IsolatedTonaviTapProvider::Environment environment;
-        environment.mayCapture = [](std::string_view id) { return id != "com.rogueamoeba.Loopback"; };
-        environment.processGroup = [](const std::string& id) {
-            TonaviTapProvider::ProcessGroup group;
-            group.identity.objects = {41};
-            if (id != "com.example.silent")
-                group.objects = {41};
-            return group;
-        };
-        environment.defaultOutputUID = [this] { return locked([&] { return defaultOutput; }); };
-        environment.deviceID = [](const std::string& uid) { return uid.empty() ? 0u : 7u; };
-        environment.now = [this] { return now.load(); };
-        environment.uptime = [this] { return uptime.load(); };
-        environment.executable = executable;
-        environment.readyTimeout = readyTimeout;
-        auto provider = std::make_shared<IsolatedTonaviTapProvider>(environment);
-        ServiceTapProvider::Hooks hooks;
-        hooks.workerState = [this](const std::string& id) {
-            TapWorkerState state;
-            state.app = AppAudioState(id);
-            state.app.volume = locked([&] { return volume; });
-            return state;
-        };
-        hooks.tapFailed = [this](const std::string& id, const std::string& message,
-                                 const TapHandlePtr& handle) {
-            locked([&] { failures.push_back({id, message, handle}); });
-        };
-        hooks.heard = [this](const std::string&) { ++activity; };
-        provider->setHooks(std::move(hooks));
+        auto provider = std::make_shared<IsolatedTonaviTapProvider>(IsolatedTonaviTapProvider::Environment{
+            .mayCapture = [](std::string_view id) { return id != "com.rogueamoeba.Loopback"; },
+            .processGroup =
+                [](const std::string& id) {
+                    TonaviTapProvider::ProcessGroup group;
+                    group.identity.objects = {41};
+                    if (id != "com.example.silent")
+                        group.objects = {41};
+                    return group;
+                },
+            .defaultOutputUID = [this] { return locked([&] { return defaultOutput; }); },
+            .deviceID = [](const std::string& uid) { return uid.empty() ? 0u : 7u; },
+            .now = [this] { return now.load(); },
+            .uptime = [this] { return uptime.load(); },
+            .executable = executable,
+            .readyTimeout = readyTimeout});
+        provider->setHooks(
+            {.workerState =
+                 [this](const std::string& id) {
+                     TapWorkerState state;
+                     state.app = AppAudioState(id);
+                     state.app.volume = locked([&] { return volume; });
+                     return state;
+                 },
+             .heard = [this](const std::string&) { ++activity; },
+             .tapFailed =
+                 [this](const std::string& id, const std::string& message, const TapHandlePtr& handle) {
+                     locked([&] { failures.push_back({id, message, handle}); });
+                 }});
         return provider;
     }
     std::string log() const { return folder.read("service.log"); }
