@@ -2,20 +2,18 @@
 // killed service, are the end-to-end mixing test's.)
 
 #include "service/worker/TapWorkerEnvelope.hpp"
-#include "service/worker/TapWorkerProcess.hpp"
-#include "service/worker/TonaviTapWorkerMain.hpp"
 
 #include "WorkerTestSupport.hpp"
-#include "base/Log.hpp"
 #include "platform/sim/SimWorldFile.hpp"
 
 #include <gtest/gtest.h>
 
-#include <future>
+#include <cstdio>
+#include <fstream>
+#include <sys/wait.h>
 
 using namespace tonavi;
 using namespace tonavi::testing;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -24,35 +22,20 @@ struct Outcome {
     std::string output;
 };
 
-// Runs `executable arguments`, feeds it `input`, closes its stdin, and collects its stdout and status.
-Outcome runWorker(const std::string& executable, const std::vector<std::string>& arguments,
-                  const std::string& input) {
-    auto exited = std::make_shared<std::promise<int>>();
-    std::string error;
-    auto process = TapWorkerProcess::launch(
-        executable, arguments, DispatchQueue::global(QoS::utility),
-        [exited](int status) { exited->set_value(status); }, error);
-    EXPECT_TRUE(process) << error;
-    if (!process)
-        return {};
-    auto output = std::make_shared<std::string>();
-    auto ended = std::make_shared<std::promise<void>>();
-    process->startReading([output, ended](std::string_view bytes) {
-        if (bytes.empty())
-            ended->set_value();
-        else
-            output->append(bytes);
-    });
-    process->write(input);
-    process->closeInput();
-    auto status = exited->get_future();
-    if (status.wait_for(10s) != std::future_status::ready) {
-        process->kill();
-        ADD_FAILURE() << "the worker did not end";
-        return {};
-    }
-    EXPECT_EQ(ended->get_future().wait_for(5s), std::future_status::ready);
-    return {status.get(), *output};
+// Runs `executable arguments` through the shell with `input` on its stdin; collects stdout and status.
+Outcome runWorker(const ScratchFolder& folder, const std::string& executable,
+                  const std::vector<std::string>& arguments, const std::string& input) {
+    std::ofstream(folder.path + "/input") << input;
+    std::string command = "'" + executable + "'";
+    for (const auto& argument : arguments)
+        command += " '" + argument + "'";
+    FILE* pipe = ::popen((command + " < '" + folder.path + "/input'").c_str(), "r");
+    Outcome outcome;
+    for (char buffer[256]; const std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe);)
+        outcome.output.append(buffer, n);
+    const int status = ::pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
 }
 
 std::string stateLine(const std::string& bundleID) {
@@ -91,7 +74,7 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
          "{\"kind\":\"failure\",\"message\":\"Core Audio tap creation failed\"}\n"},
     };
     for (const auto& c : cases) {
-        auto outcome = runWorker(serviceExecutable(), c.arguments, c.input);
+        auto outcome = runWorker(folder, serviceExecutable(), c.arguments, c.input);
         EXPECT_EQ(outcome.status, c.status) << c.input;
         EXPECT_EQ(outcome.output, c.output) << c.input;
     }
