@@ -228,10 +228,7 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     }
     const std::vector<HealthEvent> all = h.runtime->engine().healthLog();
     ASSERT_GT(all.size(), 20u);
-    const TonaviStatus status = *h.send(R::Status{}).status;
-    ASSERT_EQ(status.health.size(), 20u);
-    EXPECT_EQ(status.health.back(), all.back());
-    EXPECT_EQ(status.health.front(), all[all.size() - 20]);
+    EXPECT_EQ(h.send(R::Status{}).status->health, std::vector(all.end() - 20, all.end()));
 
     const TonaviReply diagnostics = h.send(R::Diagnostics{});
     ASSERT_TRUE(diagnostics.ok && diagnostics.payload);

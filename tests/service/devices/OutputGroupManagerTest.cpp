@@ -49,13 +49,11 @@ TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateAndSetsMemberL
     groups.save(desk({{usb, 0.4, false}, {speakers, 0.9, true}, {airplay, 0.7, true}}));
     const auto* d = aggregate("desk");
     ASSERT_TRUE(d);
-    EXPECT_EQ(d->name, "Tonavi Group — Desk");
-    EXPECT_FALSE(d->aggregate.isPrivate);
-    EXPECT_FALSE(d->aggregate.isStacked);
-    EXPECT_EQ(d->aggregate.mainSubDevice, usb);
     ASSERT_EQ(d->aggregate.subDevices.size(), 3u);
-    EXPECT_TRUE(!d->aggregate.subDevices[0].driftCompensation &&
-                d->aggregate.subDevices[2].driftCompensation);
+    EXPECT_EQ(std::tuple(d->name, d->aggregate.isPrivate, d->aggregate.isStacked, d->aggregate.mainSubDevice,
+                         d->aggregate.subDevices[0].driftCompensation,
+                         d->aggregate.subDevices[2].driftCompensation),
+              std::tuple("Tonavi Group — Desk", false, false, usb, false, true));
     EXPECT_EQ(groups.installed().at("desk"), d->id);
 
     const auto& w = *h.machine.world(); // member levels

@@ -62,9 +62,7 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
         std::string output;
     };
     const Case cases[] = {
-        {{worker}, "", 64, ""},
         {{worker, ""}, "", 64, ""},
-        {{worker, player}, "", 65, failureLine},
         {{worker, player}, "garbage\n", 65, failureLine},
         {{worker, player}, "{\"action\":\"stop\"}\n", 65, failureLine},
         {{worker, player, ""}, stateLine("com.example.other"), 65, failureLine},
