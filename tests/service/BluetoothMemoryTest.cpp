@@ -24,10 +24,7 @@ void setDefaultInput(RuntimeHarness& h, const std::string& uid) {
 }
 
 void setMaximum(RuntimeHarness& h, double percent) {
-    DeviceSettings limit;
-    limit.id = budsOut;
-    limit.maxVolumePercent = percent;
-    ASSERT_TRUE(h.send(R::SetDeviceSettings{limit}).ok);
+    ASSERT_TRUE(h.send(R::SetDeviceSettings{{.id = budsOut, .maxVolumePercent = percent}}).ok);
 }
 
 BluetoothDeviceMemory memory(std::optional<double> savedVolume, bool outputOnly = false) {

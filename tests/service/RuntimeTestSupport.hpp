@@ -10,6 +10,7 @@
 #include "service/TonaviRuntime.hpp"
 #include "tests/core/config/ConfigTestSupport.hpp"
 #include "tests/core/engine/FakeTaps.hpp"
+#include "tests/platform/support/Eventually.hpp"
 
 #include <gtest/gtest.h>
 
@@ -58,13 +59,7 @@ class FakeServiceTaps final : public ServiceTapProvider {
 
 // Waits for a condition another thread makes true; fails the test after five seconds.
 inline bool waitUntil(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::yield();
-    }
-    return true;
+    return test::eventually(condition, std::chrono::seconds(5));
 }
 
 class RuntimeHarness {

@@ -24,10 +24,13 @@ class SmartTickRuntimeTest : public ::testing::Test {
     void play(const std::string& who, bool on) {
         h.edit([&](SimWorld& w) { return w.setPlaying(who, on, std::nullopt); });
     }
+    void turnOn(const SmartSettings& settings) {
+        ASSERT_TRUE(h.send(TonaviRequest::SetSmartSettings{settings}).ok);
+    }
     void turnOn(const std::function<void(SmartSettings&)>& change) {
         SmartSettings settings = h.runtime->engine().config().smart;
         change(settings);
-        ASSERT_TRUE(h.send(TonaviRequest::SetSmartSettings{settings}).ok);
+        turnOn(settings);
     }
     // Two seconds on: fresh snapshots, each followed by a pass, then the timer's own pass.
     void pass() {
@@ -65,10 +68,7 @@ class SmartTickRuntimeTest : public ::testing::Test {
 TEST_F(SmartTickRuntimeTest, FollowMeLowersEveryoneButTheAppInFrontAndRestoresThemWhenFocusMoves) {
     play("com.apple.WebKit.GPU", true);
     h.startReady();
-    turnOn([](SmartSettings& s) {
-        s.followMe = true;
-        s.followMeBackgroundPercent = 25;
-    });
+    turnOn({.followMe = true, .followMeBackgroundPercent = 25});
     pass();
     // Safari is in front from the start; then the activations alone bring each pass forward. The
     // hero is held under control too, at unity, so that it plays on while the others are lowered.
@@ -84,7 +84,7 @@ TEST_F(SmartTickRuntimeTest, FollowMeLowersEveryoneButTheAppInFrontAndRestoresTh
     }
     EXPECT_EQ(live().followMeHeroName, "Safari");
 
-    turnOn([](SmartSettings& s) { s.followMe = false; });
+    turnOn(SmartSettings{});
     EXPECT_TRUE(waitTapped(music, false)) << "untouched apps are released with the feature";
     EXPECT_TRUE(waitTapped(safari, false));
 }
@@ -95,11 +95,7 @@ TEST_F(SmartTickRuntimeTest, AutoDuckEasesOtherPlayersWhileAMicIsLiveButSparesTh
     h.edit([](SimWorld& w) { return w.launch({logic, "Logic Pro", 4200, ActivationPolicy::regular}, true); });
     play(logic, true);
     h.startReady();
-    turnOn([](SmartSettings& s) {
-        s.autoDuck = true;
-        s.autoDuckDepthDB = -12;
-        s.leaveAloneBundleIDs = {safari};
-    });
+    turnOn({.autoDuck = true, .autoDuckDepthDB = -12, .leaveAloneBundleIDs = {safari}});
     pass();
     EXPECT_FALSE(tapped(music)) << "nothing is ducked while no microphone is live";
 
@@ -120,10 +116,7 @@ TEST_F(SmartTickRuntimeTest, AutoDuckEasesOtherPlayersWhileAMicIsLiveButSparesTh
 
 TEST_F(SmartTickRuntimeTest, LoudnessGuardHoldsTheCeilingOnHeadphonesOnly) {
     h.startReady();
-    turnOn([](SmartSettings& s) {
-        s.loudnessGuard = true;
-        s.loudnessGuardCeilingDBFS = -6;
-    });
+    turnOn({.loudnessGuard = true, .loudnessGuardCeilingDBFS = -6});
     pass();
     EXPECT_FALSE(tapped(music)) << "the speakers are not protected";
     EXPECT_FALSE(live().loudnessGuardActive);

@@ -123,23 +123,6 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
     }
 }
 
-TEST(AppRequests, MuteOnADirectLockedAppKeepsItEligibleForASilencingTap) {
-    RuntimeHarness h;
-    TonaviConfig persisted = TonaviConfig::firstRunDefaults();
-    persisted.app(safari)->directLocked = true;
-    persisted.app("com.google.Chrome")->directLocked = true;
-    startWith(h, persisted);
-
-    ASSERT_TRUE(h.send(R::SetAppMuted{safari, true}).ok);
-    EXPECT_TRUE(h.runtime->engine().config().app(safari)->muteWhileBypassed);
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap(safari); }));
-
-    // Without the mute a direct-locked app stays direct, whatever else its row says.
-    ASSERT_TRUE(h.send(R::SetAppVolume{"com.google.Chrome", 0.2}).ok);
-    h.runtime->engine().reconcile();
-    EXPECT_FALSE(h.runtime->engine().hasTap("com.google.Chrome"));
-}
-
 TEST(AppRequests, SoloIsRefusedInStageModeEndsWithAnEmptyListOrWhenItsAppIsHidden) {
     RuntimeHarness h;
     h.start();
@@ -187,11 +170,26 @@ TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
     EXPECT_EQ(h.runtime->engine().config().app("e.Five")->displayName, "Five");
 }
 
-TEST(AppRequests, RedirectToAnotherAppsLockedLaneIsRefusedAndTheTapStillRefreshed) {
+TEST(AppRequests, DirectLocksAndLockedLanesHoldAgainstRequestsYetAMuteStillSilences) {
     RuntimeHarness h;
+    const std::string chrome = "com.google.Chrome", spotify = "com.spotify.client";
     TonaviConfig persisted = TonaviConfig::firstRunDefaults();
-    persisted.lanes.push_back({"lane-1", "com.google.Chrome", "lane-device", true});
+    persisted.app(chrome)->directLocked = true;
+    persisted.apps.push_back(AppAudioState(spotify));
+    persisted.apps.back().directLocked = true;
+    persisted.lanes.push_back({"lane-1", chrome, "lane-device", true});
     startWith(h, persisted);
+
+    // A mute on a direct-locked app keeps it eligible for a silencing tap ...
+    ASSERT_TRUE(h.send(R::SetAppMuted{chrome, true}).ok);
+    EXPECT_TRUE(h.runtime->engine().config().app(chrome)->muteWhileBypassed);
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap(chrome); }));
+    // ... without the mute a direct-locked app stays direct, whatever else its row says.
+    ASSERT_TRUE(h.send(R::SetAppVolume{spotify, 0.2}).ok);
+    h.runtime->engine().reconcile();
+    EXPECT_FALSE(h.runtime->engine().hasTap(spotify));
+
+    // A redirect to another app's locked lane is refused.
     ASSERT_TRUE(h.send(R::SetAppRedirect{safari, "free-device"}).ok);
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) >= 1; }));
     const int before = h.provider->taps.createCalls(safari);

@@ -14,10 +14,7 @@ namespace tonavi::testing {
 
 inline SimDevice simDevice(std::string uid, std::string name, std::uint32_t transport, std::uint32_t outputs,
                            std::uint32_t inputs = 0) {
-    SimDevice d;
-    d.uid = std::move(uid);
-    d.name = std::move(name);
-    d.transport = transport;
+    SimDevice d{.uid = std::move(uid), .name = std::move(name), .transport = transport};
     if (outputs > 0) {
         d.outputStreams = {outputs};
         d.volumeElements = {{0, 0.5f}};
@@ -39,11 +36,7 @@ inline SimWorld worldOf(std::vector<SimDevice> devices, const std::string& defau
 }
 
 inline DeviceSettings deviceSettings(std::string uid, double maxPercent = 100, bool hidden = false) {
-    DeviceSettings s;
-    s.id = std::move(uid);
-    s.maxVolumePercent = maxPercent;
-    s.hidden = hidden;
-    return s;
+    return {.id = std::move(uid), .maxVolumePercent = maxPercent, .hidden = hidden};
 }
 
 inline const TonaviDeviceManager::BluetoothInfo noBluetooth = [](const std::string&) {

@@ -22,12 +22,8 @@ class ProcessDiscoveryTest : public ::testing::Test {
 
     void addProcess(const std::string& bundleID, pid_t pid) {
         laptop.edit([&](SimWorld& w) {
-            SimProcess p;
-            p.id = w.allocateID();
-            p.pid = pid;
-            p.bundleID = bundleID;
-            p.runningOutput = true;
-            w.processes.push_back(p);
+            w.processes.push_back(
+                {.id = w.allocateID(), .pid = pid, .bundleID = bundleID, .runningOutput = true});
             return std::string();
         });
     }

@@ -81,7 +81,6 @@ TEST_F(TonaviTapProviderTest, RoutedAppIsHeardOnlyThroughTheTapUntilItIsDestroye
     EXPECT_EQ(leftovers(), 0u);
     EXPECT_EQ(provider->level(music), 0.0f);
     for (const std::string& line : std::vector<std::string>{
-             "tonavi: com.apple.Music tap quantum 512 -> 128 frames (requested 128, accepted true)",
              "tonavi: com.apple.Music stream layout tap[2] output[2] at 48000.0 Hz; tap buffer 128",
              "tonavi: engaged com.apple.Music over 1 process(es) using device-stream, source "
              "BuiltInSpeakerDevice -> "

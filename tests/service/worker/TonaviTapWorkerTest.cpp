@@ -17,25 +17,21 @@ using namespace tonavi::testing;
 
 namespace {
 
-struct Outcome {
-    int status = -1;
-    std::string output;
-};
-
-// Runs `executable arguments` through the shell with `input` on its stdin; collects stdout and status.
-Outcome runWorker(const ScratchFolder& folder, const std::string& executable,
-                  const std::vector<std::string>& arguments, const std::string& input) {
+// Runs the service with `arguments` and `input` on its stdin, on the simulated machine in the folder's
+// world.json; its status and what it wrote to stdout.
+std::pair<int, std::string> runWorker(const ScratchFolder& folder, const std::vector<std::string>& arguments,
+                                      const std::string& input) {
     std::ofstream(folder.path + "/input") << input;
-    std::string command = "'" + executable + "'";
+    std::string command = "TONAVI_AUDIO_BACKEND=sim TONAVI_SIM_WORLD='" + folder.path +
+                          "/world.json' XDG_STATE_HOME='" + folder.path + "' '" + serviceExecutable() + "'";
     for (const auto& argument : arguments)
         command += " '" + argument + "'";
     FILE* pipe = ::popen((command + " < '" + folder.path + "/input'").c_str(), "r");
-    Outcome outcome;
+    std::string output;
     for (char buffer[256]; const std::size_t n = std::fread(buffer, 1, sizeof buffer, pipe);)
-        outcome.output.append(buffer, n);
+        output.append(buffer, n);
     const int status = ::pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
 }
 
 std::string stateLine(const std::string& bundleID) {
@@ -52,8 +48,6 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
     // Workers run on a simulated machine of their own, where the absent app has nothing to tap.
     ScratchFolder folder;
     ASSERT_EQ(SimWorldFile(folder.path + "/world.json").create(SimWorld::preset(), false), "");
-    ScopedEnvironment backend("TONAVI_AUDIO_BACKEND", "sim"),
-        world("TONAVI_SIM_WORLD", folder.path + "/world.json"), logs("XDG_STATE_HOME", folder.path);
     const std::string worker = "--tonavi-tap-worker", player = "com.example.player";
     struct Case {
         std::vector<std::string> arguments;
@@ -71,9 +65,6 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
          66,
          "{\"kind\":\"failure\",\"message\":\"Core Audio tap creation failed\"}\n"},
     };
-    for (const auto& c : cases) {
-        auto outcome = runWorker(folder, serviceExecutable(), c.arguments, c.input);
-        EXPECT_EQ(outcome.status, c.status) << c.input;
-        EXPECT_EQ(outcome.output, c.output) << c.input;
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(runWorker(folder, c.arguments, c.input), std::pair(c.status, c.output)) << c.input;
 }
