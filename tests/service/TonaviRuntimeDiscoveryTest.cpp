@@ -124,38 +124,33 @@ TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence)
 }
 
 TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
-    struct Case {
-        const char* name;
-        std::string source, target, redirect;
-        bool stale;
-        std::string reason; // empty: nothing to heal
-    };
-    const Case cases[] = {
+    // Rows: name, the tap's source and target, a redirect, a stale IO path, the reason (none: no heal).
+    const std::tuple<const char*, std::string, std::string, std::string, bool, std::string> cases[] = {
         {"dead io first", speakers, "Gone:1", "", true, "io path stale"},
         {"target unplugged", speakers, "Gone:1", "", false, "device vanished"},
         {"redirect is back", speakers, speakers, headphones, false, "device returned"},
         {"default moved", headphones, speakers, "", false, "default output moved"},
         {"all in place", speakers, speakers, "", false, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, source, target, redirect, stale, reason] : cases) {
+        SCOPED_TRACE(name);
         RuntimeHarness h;
         tapSafari(h);
-        if (!c.redirect.empty()) {
-            ASSERT_TRUE(h.send(R::SetAppRedirect{safari, c.redirect}).ok);
+        if (!redirect.empty()) {
+            ASSERT_TRUE(h.send(R::SetAppRedirect{safari, redirect}).ok);
             drainTapWork(h);
         }
-        h.provider->source[safari] = c.source;
-        h.provider->target[safari] = c.target;
-        if (c.stale)
+        h.provider->source[safari] = source;
+        h.provider->target[safari] = target;
+        if (stale)
             h.provider->stale.insert(safari);
 
         const std::string line =
-            "tonavi: self-heal rebuilding " + safari + " (" + c.reason + ", bounded retry)";
+            "tonavi: self-heal rebuilding " + safari + " (" + reason + ", bounded retry)";
         watchdogPass(h);
         watchdogPass(h); // the same issue at the same moment waits for its delay
-        EXPECT_EQ(occurrences(logText(), "self-heal rebuilding"), c.reason.empty() ? 0 : 1);
-        if (c.reason.empty())
+        EXPECT_EQ(occurrences(logText(), "self-heal rebuilding"), reason.empty() ? 0 : 1);
+        if (reason.empty())
             continue;
         EXPECT_EQ(occurrences(logText(), line), 1);
 

@@ -18,27 +18,23 @@ TEST(TonaviDeviceManager, OutputsNamedAlikeShowOnce) {
     noVolume.volumeElements.clear();
     noVolume.hasVirtualMainVolume = false;
     const auto mic = simDevice("mic", "Display", kAudioDeviceTransportTypeUSB, 0, 1);
-    struct Case {
-        const char* why;
-        std::vector<SimDevice> devices;
-        std::string defaultOutput;
-        bool hideB;
-        std::vector<std::string> shown;
-    };
-    const std::vector<Case> cases{
-        {"the default wins, listed second", {a, b, mic}, "b", false, {"mic", "b"}},
-        {"the default wins, listed first", {a, b, mic}, "a", false, {"mic", "a"}},
-        {"the visible one wins over more channels", {a, b}, "", true, {"a"}},
-        {"volume control wins over more channels", {a, noVolume}, "", false, {"a"}},
-        {"otherwise more channels win", {a, b}, "", false, {"b"}},
-    };
-    for (const auto& c : cases) {
-        DeviceHarness h(worldOf(c.devices, c.defaultOutput));
-        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings("b", 100, c.hideB)}); });
+    // Rows: why, devices, default output, whether b is hidden, the devices shown.
+    const std::vector<
+        std::tuple<const char*, std::vector<SimDevice>, std::string, bool, std::vector<std::string>>>
+        cases{
+            {"the default wins, listed second", {a, b, mic}, "b", false, {"mic", "b"}},
+            {"the default wins, listed first", {a, b, mic}, "a", false, {"mic", "a"}},
+            {"the visible one wins over more channels", {a, b}, "", true, {"a"}},
+            {"volume control wins over more channels", {a, noVolume}, "", false, {"a"}},
+            {"otherwise more channels win", {a, b}, "", false, {"b"}},
+        };
+    for (const auto& [why, devices, defaultOutput, hideB, expected] : cases) {
+        DeviceHarness h(worldOf(devices, defaultOutput));
+        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings("b", 100, hideB)}); });
         std::vector<std::string> shown;
         for (const auto& s : h.manager->liveStatus(noBluetooth))
             shown.push_back(s.id);
-        EXPECT_EQ(shown, c.shown) << c.why;
+        EXPECT_EQ(shown, expected) << why;
     }
 }
 
@@ -162,28 +158,22 @@ TEST(TonaviDeviceManager, LocksCaptureOnceAndOnlyEverRestore) {
 }
 
 TEST(TonaviDeviceManager, PreferredOrderIsEnforcedUnlessTheUserIsSwitchingOrChoseThisSession) {
-    struct Case {
-        const char* why;
-        bool pending;
-        std::optional<std::string> session;
-        bool hideUSB;
-        std::string expected;
-    };
-    const std::vector<Case> cases{
+    // Rows: why, a switch pending, the session's choice, whether USB is hidden, the default after.
+    const std::vector<std::tuple<const char*, bool, std::optional<std::string>, bool, std::string>> cases{
         {"moves to the first available preference", false, std::nullopt, false, usb},
         {"a user's switch in flight suppresses it", true, std::nullopt, false, speakers},
         {"the session's choice stands", false, std::string(speakers), false, speakers},
         {"a vanished session choice falls through", false, std::string("gone"), false, usb},
         {"hidden preferences are skipped", false, std::nullopt, true, buds},
     };
-    for (const auto& c : cases) {
+    for (const auto& [why, pending, session, hideUSB, expected] : cases) {
         DeviceHarness h;
         h.onQueue([&] {
-            h.manager->setManualOutputSelectionPending(c.pending);
-            h.manager->setSessionOutputUID(c.session);
-            h.manager->apply({deviceSettings(usb, 100, c.hideUSB)}, {}, {"missing", usb, buds});
+            h.manager->setManualOutputSelectionPending(pending);
+            h.manager->setSessionOutputUID(session);
+            h.manager->apply({deviceSettings(usb, 100, hideUSB)}, {}, {"missing", usb, buds});
         });
-        EXPECT_EQ(h.defaultOutput(), c.expected) << c.why;
+        EXPECT_EQ(h.defaultOutput(), expected) << why;
     }
 }
 

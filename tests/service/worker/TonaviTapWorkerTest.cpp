@@ -49,13 +49,8 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
     ScratchFolder folder;
     ASSERT_EQ(SimWorldFile(folder.path + "/world.json").create(SimWorld::preset(), false), "");
     const std::string worker = "--tonavi-tap-worker", player = "com.example.player";
-    struct Case {
-        std::vector<std::string> arguments;
-        std::string input;
-        int status;
-        std::string output;
-    };
-    const Case cases[] = {
+    // Rows: arguments, stdin, exit status, stdout.
+    const std::tuple<std::vector<std::string>, std::string, int, std::string> cases[] = {
         {{worker, ""}, "", 64, ""},
         {{worker, player}, "garbage\n", 65, failureLine},
         {{worker, player}, "{\"action\":\"stop\"}\n", 65, failureLine},
@@ -65,6 +60,6 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
          66,
          "{\"kind\":\"failure\",\"message\":\"Core Audio tap creation failed\"}\n"},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(runWorker(folder, c.arguments, c.input), std::pair(c.status, c.output)) << c.input;
+    for (const auto& [arguments, input, status, output] : cases)
+        EXPECT_EQ(runWorker(folder, arguments, input), std::pair(status, output)) << input;
 }
