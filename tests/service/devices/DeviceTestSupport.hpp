@@ -4,8 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
+
+#include "tests/platform/support/Eventually.hpp"
 
 #include "platform/sim/SimMachine.hpp"
 #include "service/devices/TonaviDeviceManager.hpp"
@@ -48,7 +49,7 @@ class DeviceHarness {
     explicit DeviceHarness(SimWorld world = SimWorld::preset())
         : machine(std::move(world)),
           manager(TonaviDeviceManager::make(machine, queue, {.verifiedWait = [] {}})) {
-        manager->setOnDevicesChanged([this] { signal([&] { ++devicesChanged; }); });
+        manager->setOnDevicesChanged([this] { ++devicesChanged; });
     }
     ~DeviceHarness() {
         queue.sync([this] { manager.reset(); });
@@ -59,23 +60,13 @@ class DeviceHarness {
     // Runs on the state queue, where the manager's policy state lives.
     template <class F> auto onQueue(F&& f) { return queue.syncResult(std::forward<F>(f)); }
     bool waitForDevicesChanged(int count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return devicesChanged >= count; });
+        return test::eventually([&] { return devicesChanged.load() >= count; });
     }
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     SimMachine machine;
     DispatchQueue queue{"tonavi.test.devices", clock};
     std::shared_ptr<TonaviDeviceManager> manager;
-
-  private:
-    template <class F> void signal(F&& f) {
-        std::lock_guard<std::mutex> guard(mutex);
-        f();
-        changed.notify_all();
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    int devicesChanged = 0;
+    std::atomic<int> devicesChanged{0};
 };
 
 } // namespace tonavi::testing
