@@ -55,10 +55,8 @@ TEST(BluetoothMemory, RecalledOnDefaultOutputAndOnReturnWithinTheDeviceLimit) {
 
     // Without a saved volume the profile is recalled and the volume left alone.
     h.edit([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, budsOut); });
-    ASSERT_TRUE(waitUntil([&] {
-        h.advance(0.02);
-        return h.logged("tonavi: recalled bluetooth profile for Work Earbuds");
-    }));
+    ASSERT_TRUE(
+        h.advanceUntil([&] { return h.logged("tonavi: recalled bluetooth profile for Work Earbuds"); }));
     EXPECT_FLOAT_EQ(budsVolume(h), 0.5f);
 
     // A saved volume comes back when the device does, held under its maximum.
@@ -68,10 +66,7 @@ TEST(BluetoothMemory, RecalledOnDefaultOutputAndOnReturnWithinTheDeviceLimit) {
     h.edit([](SimWorld& w) { return w.unplug(budsOut); });
     h.advance(0.02);
     h.edit([](SimWorld& w) { return w.replug(budsOut); });
-    ASSERT_TRUE(waitUntil([&] {
-        h.advance(0.02);
-        return std::abs(budsVolume(h) - 0.3f) < 1e-6;
-    })) << budsVolume(h);
+    ASSERT_TRUE(h.advanceUntil([&] { return std::abs(budsVolume(h) - 0.3f) < 1e-6; })) << budsVolume(h);
 }
 
 TEST(BluetoothMemory, OutputOnlyHeadsetGivesUpTheDefaultInputToUSBFirst) {
@@ -93,10 +88,8 @@ TEST(BluetoothMemory, OutputOnlyHeadsetGivesUpTheDefaultInputToUSBFirst) {
     h.edit([](SimWorld& w) { return w.unplug(usbMic); });
     setDefaultInput(h, budsIn);
     h.edit([](SimWorld& w) { return w.rename(budsOut, "Earbuds Pro"); });
-    ASSERT_TRUE(waitUntil([&] {
-        h.advance(0.02);
-        return h.machine->world()->defaultInputUID == "BuiltInMicrophoneDevice";
-    }));
+    ASSERT_TRUE(
+        h.advanceUntil([&] { return h.machine->world()->defaultInputUID == "BuiltInMicrophoneDevice"; }));
 
     // Turned off, the headset's microphone may stay.
     ASSERT_TRUE(h.send(R::SetOutputOnlyMode{budsOut, false}).ok);

@@ -102,6 +102,18 @@ class RuntimeHarness {
         clock->advance(std::chrono::round<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)));
         runtime->serialQueue().sync([] {});
     }
+    // Moves the clock in poll-sized steps until `done`. The polls hop through a hardware queue between
+    // steps, so the bound is real time, not clock time.
+    bool advanceUntil(const std::function<bool()>& done) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            advance(0.02);
+            std::this_thread::yield();
+        }
+        return true;
+    }
     // Lets one process and hardware discovery probe finish on a status request, so that their
     // results (and the apps they place in the user's order) are in before the test goes on.
     void settleDiscovery() {

@@ -27,22 +27,9 @@ bool arrived(const Late& reply) {
     return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
 }
 
-// Moves the manual clock in poll-sized steps until `done`. The polls hop through a hardware queue
-// between steps, so the bound is real time, not clock time.
-bool advanceUntil(RuntimeHarness& h, const std::function<bool()>& done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        h.advance(0.02);
-        std::this_thread::yield();
-    }
-    return true;
-}
-
 TonaviReply sendAndWait(RuntimeHarness& h, R::Value value) {
     const Late reply = sendLate(h, std::move(value));
-    EXPECT_TRUE(advanceUntil(h, [&] { return arrived(reply); }));
+    EXPECT_TRUE(h.advanceUntil([&] { return arrived(reply); }));
     return arrived(reply) ? reply.get() : TonaviReply{};
 }
 
@@ -60,7 +47,7 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     h.startReady();
     const Late first = sendLate(h, R::SetOutputDevice{"Earbuds"});
     const Late second = sendLate(h, R::SetOutputDeviceOrdered{"USB Headphones", "ui", 1});
-    ASSERT_TRUE(advanceUntil(h, [&] { return arrived(first) && arrived(second); }));
+    ASSERT_TRUE(h.advanceUntil([&] { return arrived(first) && arrived(second); }));
 
     EXPECT_EQ(std::pair(first.get().ok, first.get().message),
               std::pair(false, std::string("superseded by a newer output selection")));
