@@ -73,7 +73,6 @@ class RuntimeHarness {
         };
         store = std::make_shared<TonaviConfigStore>(folder.path(), fileSystem);
     }
-    ~RuntimeHarness() { runtime.reset(); }
 
     // A profiler read of the test's own stands in for the slow Bluetooth source.
     TonaviRuntime& start(BluetoothInfo::ProfilerRead profiler = {}) {
@@ -145,7 +144,7 @@ class RuntimeHarness {
     std::atomic<double> wall{1'700'000'000.0};
     std::atomic<int> stateWrites{0};
     std::atomic<bool> failWrites{false};
-    std::unique_ptr<TonaviRuntime> runtime;
+    std::unique_ptr<TonaviRuntime> runtime; // last, so that it goes first
 };
 
 } // namespace tonavi::testing

@@ -31,9 +31,7 @@ class ProcessDiscoveryTest : public ::testing::Test {
 
 TEST_F(ProcessDiscoveryTest, OneInvalidEntryVoidsTheWholeList) {
     auto& hw = *laptop.machine;
-    ASSERT_EQ(Provider::readAudioProcesses(hw).value().size(), 5u);
-    EXPECT_EQ(Provider::readAudioProcesses(hw)->at(1),
-              (Provider::AudioProcess{helper, 4102, "com.apple.WebKit.GPU"}));
+    ASSERT_EQ(Provider::readAudioProcesses(hw).value().size(), 5u); // what is in them is the next test's
     addProcess("com.example.Broken", 0);
     EXPECT_EQ(Provider::readAudioProcesses(hw), std::nullopt);
     EXPECT_EQ(Provider::audioSnapshot(hw, laptop.workspace), std::nullopt);
