@@ -31,7 +31,7 @@ class FakeServiceTaps final : public ServiceTapProvider {
     TapHandlePtr createTap(const std::string& id) override { return taps.createTap(id); }
     void destroyTap(const TapHandlePtr& handle) override { taps.destroyTap(handle); }
     void setHooks(Hooks h) override { hooks = std::move(h); }
-    void syncStates() override { ++syncs; }
+    void syncStates() override {}
 
     // Scripted answers of the live counters, by app; set them while the runtime's queue is idle.
     std::optional<std::string> sourceDevice(std::string_view id) const override { return find(source, id); }
@@ -44,7 +44,6 @@ class FakeServiceTaps final : public ServiceTapProvider {
 
     FakeTaps taps;
     Hooks hooks;
-    std::atomic<int> syncs{0};
     std::map<std::string, std::string> source, target;
     std::map<std::string, double> idle, levels;
     std::set<std::string> stale;
