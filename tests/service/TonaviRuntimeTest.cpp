@@ -67,8 +67,9 @@ TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEn
     }));
 }
 
-TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStart) {
+TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStartAndAFailedTapIsReported) {
     RuntimeHarness h;
+    h.provider->taps.failAlways("com.apple.Safari", true);
     TonaviConfig persisted = TonaviConfig::firstRunDefaults();
     AppAudioState timed("com.spotify.client");
     timed.timedMuteUntil = h.wall.load() - 1.0; // already over
@@ -82,12 +83,8 @@ TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStart) {
     h.advance(0.01); // 2.0 s: the watchdog clears the expired timer and saves
     EXPECT_FALSE(timedMute().has_value());
     EXPECT_FALSE(h.onDisk().app("com.spotify.client")->timedMuteUntil.has_value());
-}
 
-TEST(RuntimeStart, AProviderWithoutTapsLeavesEveryAppDirectAndReportsIt) {
-    RuntimeHarness h;
-    h.provider->taps.failAlways("com.apple.Safari", true);
-    h.startReady();
+    // A provider without taps leaves the app direct, keeps its row and says so.
     ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.3}).ok);
     ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasControlFailure("com.apple.Safari"); }));
     const TonaviStatus status = *h.send(R::Status{}).status;
