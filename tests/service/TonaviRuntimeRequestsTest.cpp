@@ -201,20 +201,7 @@ TEST(AppRequests, DirectLocksAndLockedLanesHoldAgainstRequestsYetAMuteStillSilen
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) > before; }));
 }
 
-TEST(Requests, ThoseWithoutAStatusAndThoseNotAvailableYet) {
-    RuntimeHarness h;
-    h.start();
-    const TonaviReply shutdown = h.send(R::Shutdown{});
-    EXPECT_EQ(std::tuple(shutdown.ok, shutdown.message, shutdown.status.has_value()),
-              std::tuple(true, "audio returned to the OS", false));
-    const TonaviReply later = h.send(R::LoadConfig{"scene"});
-    EXPECT_FALSE(later.ok);
-    EXPECT_TRUE(later.message.starts_with("loadConfig") &&
-                later.message.find("not available yet") != std::string::npos)
-        << later.message;
-}
-
-TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
+TEST(Status, HealthCarriesTheNewestTwentyDiagnosticsAllAndShutdownNone) {
     RuntimeHarness h;
     h.provider->taps.failAlways(safari, true);
     h.startReady();
@@ -233,4 +220,12 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     EXPECT_EQ(document.version, "9.9-test");
     EXPECT_EQ(document.healthLog, all);
     EXPECT_EQ(document.config, h.runtime->engine().config());
+
+    const TonaviReply later = h.send(R::LoadConfig{"scene"});
+    EXPECT_TRUE(!later.ok && later.message.starts_with("loadConfig") &&
+                later.message.find("not available yet") != std::string::npos)
+        << later.message;
+    const TonaviReply shutdown = h.send(R::Shutdown{});
+    EXPECT_EQ(std::tuple(shutdown.ok, shutdown.message, shutdown.status.has_value()),
+              std::tuple(true, "audio returned to the OS", false));
 }
