@@ -45,7 +45,7 @@ class OutputGroupManagerTest : public ::testing::Test {
     OutputGroupManager groups{h.machine, h.manager};
 };
 
-TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateAndSetsMemberLevels) {
+TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateSetsMemberLevelsAndRefusalsKeepIt) {
     groups.save(desk({{usb, 0.4, false}, {speakers, 0.9, true}, {airplay, 0.7, true}}));
     const auto* d = aggregate("desk");
     ASSERT_TRUE(d);
@@ -61,9 +61,8 @@ TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateAndSetsMemberL
     EXPECT_TRUE(w.deviceByUID(speakers)->muted);
     EXPECT_FLOAT_EQ(w.deviceByUID(speakers)->volumeElements.at(1), 0.5f); // muted: volume left alone
     EXPECT_FLOAT_EQ(w.deviceByUID(airplay)->volumeElements.at(0), 0.0f);  // no mute control: silenced
-}
 
-TEST_F(OutputGroupManagerTest, RefusedGroupsLeaveTheInstalledAggregateAlone) {
+    // Refused groups leave the installed aggregate alone.
     groups.save(desk({{usb, 1, false}, {speakers, 1, false}}));
     const auto before = aggregate("desk")->id;
     const std::vector<std::pair<OutputGroup, std::string>> cases{
