@@ -5,8 +5,6 @@ namespace tonavi::testing {
 namespace {
 
 using R = TonaviRequest;
-constexpr const char* budsOut = "AC-DE-48-00-11-22:output";
-constexpr const char* budsIn = "AC-DE-48-00-11-22:input";
 constexpr const char* usbMic = "usb-mic";
 
 void plugUSBMicrophone(RuntimeHarness& h) {

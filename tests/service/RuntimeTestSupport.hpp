@@ -11,6 +11,7 @@
 #include "tests/core/config/ConfigTestSupport.hpp"
 #include "tests/core/engine/FakeTaps.hpp"
 #include "tests/platform/support/Eventually.hpp"
+#include "tests/service/SimLaptopNames.hpp"
 
 #include <gtest/gtest.h>
 

@@ -11,13 +11,8 @@
 namespace tonavi::testing {
 namespace {
 
-const std::string safari = "com.apple.Safari";
-const std::string music = "com.apple.Music";
 const std::string zoom = "us.zoom.xos";
 const std::string logic = "com.apple.logic10";
-const std::string budsIn = "AC-DE-48-00-11-22:input";
-const std::string budsOut = "AC-DE-48-00-11-22:output";
-const std::string builtInMic = "BuiltInMicrophoneDevice";
 
 class SmartTickRuntimeTest : public ::testing::Test {
   protected:

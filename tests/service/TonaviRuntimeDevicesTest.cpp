@@ -11,9 +11,6 @@ namespace tonavi::testing {
 namespace {
 
 using R = TonaviRequest;
-constexpr const char* speakers = "BuiltInSpeakerDevice";
-constexpr const char* usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
-constexpr const char* buds = "AC-DE-48-00-11-22:output";
 
 // A reply that arrives later, on the runtime's queue.
 using Late = std::shared_future<TonaviReply>;
@@ -41,7 +38,7 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     RuntimeHarness h;
     // A Bluetooth route that is still settling when the user changes their mind.
     h.edit([](SimWorld& w) {
-        w.deviceByUID(buds)->settleReads = 1000;
+        w.deviceByUID(budsOut)->settleReads = 1000;
         return std::string();
     });
     h.startReady();

@@ -11,10 +11,7 @@ using R = TonaviRequest;
 
 namespace {
 
-const std::string safari = "com.apple.Safari";
 const std::string agent = "com.example.SyncAgent";
-const std::string speakers = "BuiltInSpeakerDevice";
-const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 
 std::string logText() {
     return readText(Log::filePath());
@@ -128,8 +125,8 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
     const std::tuple<const char*, std::string, std::string, std::string, bool, std::string> cases[] = {
         {"dead io first", speakers, "Gone:1", "", true, "io path stale"},
         {"target unplugged", speakers, "Gone:1", "", false, "device vanished"},
-        {"redirect is back", speakers, speakers, headphones, false, "device returned"},
-        {"default moved", headphones, speakers, "", false, "default output moved"},
+        {"redirect is back", speakers, speakers, usb, false, "device returned"},
+        {"default moved", usb, speakers, "", false, "default output moved"},
         {"all in place", speakers, speakers, "", false, ""},
     };
     for (const auto& [name, source, target, redirect, stale, reason] : cases) {

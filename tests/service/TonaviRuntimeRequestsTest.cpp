@@ -14,8 +14,6 @@ using R = TonaviRequest;
 
 namespace {
 
-const std::string safari = "com.apple.Safari";
-
 bool listed(const TonaviReply& reply, const std::string& id) {
     return reply.status &&
            std::ranges::find(reply.status->apps, id, &AppLiveStatus::id) != reply.status->apps.end();

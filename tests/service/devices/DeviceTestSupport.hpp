@@ -10,6 +10,7 @@
 
 #include "platform/sim/SimMachine.hpp"
 #include "service/devices/TonaviDeviceManager.hpp"
+#include "tests/service/SimLaptopNames.hpp"
 
 namespace tonavi::testing {
 

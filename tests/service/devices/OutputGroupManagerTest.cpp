@@ -10,8 +10,6 @@
 namespace tonavi::testing {
 namespace {
 
-constexpr const char* speakers = "BuiltInSpeakerDevice";
-constexpr const char* usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 constexpr const char* airplay = "AirPlay:Living-Room-Speaker"; // no mute control
 
 OutputGroup desk(std::vector<OutputGroupMember> members) {

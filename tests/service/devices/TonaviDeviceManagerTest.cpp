@@ -7,10 +7,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* speakers = "BuiltInSpeakerDevice";
-constexpr const char* usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
-constexpr const char* buds = "AC-DE-48-00-11-22:output";
-
 TEST(TonaviDeviceManager, OutputsNamedAlikeShowOnce) {
     auto a = simDevice("a", "Display", kAudioDeviceTransportTypeUSB, 2);
     auto b = simDevice("b", "Display", kAudioDeviceTransportTypeUSB, 8);
@@ -39,7 +35,7 @@ TEST(TonaviDeviceManager, OutputsNamedAlikeShowOnce) {
 }
 
 TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayInvisible) {
-    auto connecting = simDevice(buds, "Earbuds", kAudioDeviceTransportTypeBluetooth, 0);
+    auto connecting = simDevice(budsOut, "Earbuds", kAudioDeviceTransportTypeBluetooth, 0);
     auto tap = simDevice("com.brelmoor.tonavi.agg.1", "Tap", kAudioDeviceTransportTypeAggregate, 2);
     DeviceHarness h(
         worldOf({connecting, tap, simDevice("out", "Out", kAudioDeviceTransportTypeUSB, 2)}, "out"));
@@ -53,7 +49,7 @@ TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayI
     // No streams yet, but present as an output route.
     EXPECT_TRUE(!status[0].isOutput && status[0].batteryPercent == 80 && !status[1].batteryPercent);
     const auto topology = h.manager->outputTopology();
-    EXPECT_TRUE(topology.size() == 2u && topology.count(buds));
+    EXPECT_TRUE(topology.size() == 2u && topology.count(budsOut));
 }
 
 TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
@@ -119,7 +115,8 @@ TEST(TonaviDeviceManager, HiddenDevicesNeverHoldASystemRole) {
     // A hidden default gives way to the first visible output, alerts with it, unless there is none.
     for (const auto& [world, hidden, expected] :
          {std::tuple(SimWorld::preset(), speakers, usb),
-          std::tuple(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"), "a", "a")}) {
+          std::tuple(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"), std::string("a"),
+                     std::string("a"))}) {
         DeviceHarness h(world);
         h.onQueue([&] {
             h.manager->updateSettingsOnly({deviceSettings(hidden, 100, true)});
@@ -164,14 +161,14 @@ TEST(TonaviDeviceManager, PreferredOrderIsEnforcedUnlessTheUserIsSwitchingOrChos
         {"a user's switch in flight suppresses it", true, std::nullopt, false, speakers},
         {"the session's choice stands", false, std::string(speakers), false, speakers},
         {"a vanished session choice falls through", false, std::string("gone"), false, usb},
-        {"hidden preferences are skipped", false, std::nullopt, true, buds},
+        {"hidden preferences are skipped", false, std::nullopt, true, budsOut},
     };
     for (const auto& [why, pending, session, hideUSB, expected] : cases) {
         DeviceHarness h;
         h.onQueue([&] {
             h.manager->setManualOutputSelectionPending(pending);
             h.manager->setSessionOutputUID(session);
-            h.manager->apply({deviceSettings(usb, 100, hideUSB)}, {}, {"missing", usb, buds});
+            h.manager->apply({deviceSettings(usb, 100, hideUSB)}, {}, {"missing", usb, budsOut});
         });
         EXPECT_EQ(h.defaultOutput(), expected) << why;
     }
