@@ -109,16 +109,14 @@ TEST_F(SmartTickRuntimeTest, AutoDuckEasesOtherPlayersWhileAMicIsLiveButSparesTh
     EXPECT_TRUE(waitTapped(music, false)) << "the ducked app recovers on its direct path";
 }
 
-TEST_F(SmartTickRuntimeTest, LoudnessGuardHoldsTheCeilingOnHeadphonesOnly) {
+TEST_F(SmartTickRuntimeTest, LoudnessGuardHoldsTheCeilingOnHeadphonesOnlyAndPreferredMicsPersist) {
     h.startReady();
     turnOn({.loudnessGuard = true, .loudnessGuardCeilingDBFS = -6});
     pass();
     EXPECT_FALSE(tapped(music)) << "the speakers are not protected";
     EXPECT_FALSE(live().loudnessGuardActive);
 
-    h.edit([](SimWorld& w) {
-        return w.setDefault(SimDefaultRole::output, "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1");
-    });
+    h.edit([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, usb); });
     pass();
     pass();
     ASSERT_TRUE(waitTapped(music, true));
@@ -126,6 +124,18 @@ TEST_F(SmartTickRuntimeTest, LoudnessGuardHoldsTheCeilingOnHeadphonesOnly) {
     EXPECT_NEAR(renderedGain(music, 0.9f) * 0.9, ceiling, 0.01);
     EXPECT_TRUE(live().loudnessGuardActive);
     EXPECT_EQ(live().loudnessGuardOutputName, "USB Headphones");
+
+    // The preferred microphones persist, at most eight; mic follow starts from the mic in use.
+    const std::vector<std::string> nine{"a", "b", "c", "d", "e", "f", "g", "h", "i"};
+    ASSERT_TRUE(h.send(TonaviRequest::SetPreferredMics{nine}).ok);
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, std::vector<std::string>(nine.begin(), nine.begin() + 8));
+
+    turnOn([](SmartSettings& s) { s.micFollow = true; });
+    const std::vector<std::string> expected{builtInMic, "a", "b", "c", "d", "e", "f", "g"};
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected);
+    EXPECT_TRUE(h.onDisk().smart.micFollow);
+    turnOn([](SmartSettings& s) { s.micFollow = true; });
+    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected) << "only the switch turning on takes the mic";
 }
 
 TEST_F(SmartTickRuntimeTest, MicFollowTakesNewEarbudsUnlessTheyAreForOutputOnly) {
@@ -166,20 +176,6 @@ TEST_F(SmartTickRuntimeTest, TheTrailShowsNewPlayersAndAlertsButNotWhatPlayedAtS
               << o.frontmostAppID.value_or("-") << " " << now - o.startedAt << " s ago; ";
     EXPECT_EQ(trail.str(), "alert:macos alert in front of com.apple.Safari 0 s ago; com.apple.Safari app in "
                            "front of - 2 s ago; ");
-}
-
-TEST_F(SmartTickRuntimeTest, SmartRequestsPersistAndMicFollowStartsFromTheMicInUse) {
-    h.startReady();
-    const std::vector<std::string> nine{"a", "b", "c", "d", "e", "f", "g", "h", "i"};
-    ASSERT_TRUE(h.send(TonaviRequest::SetPreferredMics{nine}).ok);
-    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, std::vector<std::string>(nine.begin(), nine.begin() + 8));
-
-    turnOn([](SmartSettings& s) { s.micFollow = true; });
-    const std::vector<std::string> expected{builtInMic, "a", "b", "c", "d", "e", "f", "g"};
-    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected);
-    EXPECT_TRUE(h.onDisk().smart.micFollow);
-    turnOn([](SmartSettings& s) { s.micFollow = true; });
-    EXPECT_EQ(h.onDisk().smart.preferredMicUIDs, expected) << "only the switch turning on takes the mic";
 }
 
 } // namespace

@@ -52,7 +52,8 @@ TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayI
     EXPECT_TRUE(topology.size() == 2u && topology.count(budsOut));
 }
 
-TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
+TEST(TonaviDeviceManager,
+     StatusCacheLastsHalfASecondAndVolumeWritesInvalidateItReachEveryChannelAndRespectTheMaximum) {
     DeviceHarness h;
     const auto first = h.manager->liveStatus(noBluetooth);
     h.machine.mutate([](SimWorld& w) { return w.rename(usb, "Renamed"); });
@@ -64,10 +65,8 @@ TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
     ASSERT_TRUE(h.manager->setVolume(h.id(usb), 0.25));
     const auto after = h.manager->liveStatus(noBluetooth);
     EXPECT_NEAR(std::ranges::find(after, usb, &DeviceLiveStatus::id)->volume, 0.25, 1e-6);
-}
 
-TEST(TonaviDeviceManager, VolumeWritesReachEveryChannelAndRespectTheMaximum) {
-    DeviceHarness h;
+    // Volume writes reach every channel and respect the maximum.
     // The speakers have a stereo pair and no main element; one failing channel still succeeds.
     h.machine.failNext(SimOperation::setProperty, 1, kAudioHardwareIllegalOperationError,
                        kAudioDevicePropertyVolumeScalar);

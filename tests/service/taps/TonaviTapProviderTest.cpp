@@ -146,7 +146,7 @@ TEST_F(TonaviTapProviderTest, QuantumAndInputStreamFollowTheTarget) {
     }
 }
 
-TEST_F(TonaviTapProviderTest, RoutingInfrastructureIsRefusedAndAnAppWithoutAudioIsDeferredSayingSoOnce) {
+TEST_F(TonaviTapProviderTest, RefusalsDeferralsAndPartialFailuresLeaveNothingBehind) {
     const std::string blocked = *TonaviTapSafety::blockedBundleIDs().begin();
     EXPECT_FALSE(provider->createTap(blocked));
     EXPECT_TRUE(laptop.logged("tonavi: refused to tap audio-routing infrastructure " + blocked));
@@ -155,9 +155,8 @@ TEST_F(TonaviTapProviderTest, RoutingInfrastructureIsRefusedAndAnAppWithoutAudio
     EXPECT_EQ(
         laptop.timesLogged("tonavi: no running audio process for com.example.Quiet; engagement deferred"),
         1u);
-}
 
-TEST_F(TonaviTapProviderTest, EveryPartialFailureReleasesWhatWasMade) {
+    // Every partial failure releases what was made.
     const std::string nope = " (" + std::to_string(kAudioHardwareIllegalOperationError) + ")";
     const std::tuple<SimOperation, std::uint32_t, std::string> cases[] = {
         {SimOperation::createAggregate, 0, "tonavi: aggregate create failed for com.apple.Music" + nope},
