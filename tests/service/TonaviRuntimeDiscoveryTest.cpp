@@ -56,31 +56,6 @@ void tapSafari(RuntimeHarness& h) {
 
 } // namespace
 
-TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndTheLevelOfEachTap) {
-    RuntimeHarness h;
-    h.provider->levels[safari] = 0.3;
-    h.startReady();
-    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
-    h.settleDiscovery();
-    drainTapWork(h);
-    const TonaviStatus status = *h.send(R::Status{}).status;
-
-    // Safari's helper is folded into it; a background agent is no audio app.
-    const std::set<std::string> watched = {"com.apple.Music", "us.zoom.xos", safari, "com.apple.WebKit.GPU",
-                                           agent};
-    std::ostringstream seen;
-    for (const auto& a : status.apps)
-        if (watched.contains(a.id))
-            seen << a.id << (a.isPlayingAudio ? " plays" : "")
-                 << (a.isCapturingAudio ? (*a.isCapturingAudio ? " records" : "") : " unknown")
-                 << (a.engaged ? " engaged" : "") << " " << a.level << "; ";
-    EXPECT_EQ(seen.str(), "com.apple.Safari engaged 0.3; com.apple.Music plays 0; us.zoom.xos records 0; ");
-    auto music = std::ranges::find(status.apps, "com.apple.Music", &AppLiveStatus::id);
-    EXPECT_EQ(music->displayName + " " + std::to_string(music->pid.value_or(0)) + " on " +
-                  status.defaultOutputUID + " of " + std::to_string(status.devices.size()),
-              "Music 4103 on BuiltInSpeakerDevice of 6");
-}
-
 TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence) {
     RuntimeHarness h;
     h.startReady();
@@ -161,9 +136,28 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
     }
 }
 
-TEST(Watchdog, ATapWhoseProcessesAreGoneIsReleasedOnlyOnTrustedDiscovery) {
+TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndATapWhoseProcessesAreGoneIsReleasedOnTrustedDiscovery) {
     RuntimeHarness h;
+    h.provider->levels[safari] = 0.3;
     tapSafari(h);
+    const TonaviStatus status = *h.send(R::Status{}).status;
+
+    // Safari's helper is folded into it; a background agent is no audio app.
+    const std::set<std::string> watched = {"com.apple.Music", "us.zoom.xos", safari, "com.apple.WebKit.GPU",
+                                           agent};
+    std::ostringstream seen;
+    for (const auto& a : status.apps)
+        if (watched.contains(a.id))
+            seen << a.id << (a.isPlayingAudio ? " plays" : "")
+                 << (a.isCapturingAudio ? (*a.isCapturingAudio ? " records" : "") : " unknown")
+                 << (a.engaged ? " engaged" : "") << " " << a.level << "; ";
+    EXPECT_EQ(seen.str(), "com.apple.Safari engaged 0.3; com.apple.Music plays 0; us.zoom.xos records 0; ");
+    auto music = std::ranges::find(status.apps, "com.apple.Music", &AppLiveStatus::id);
+    EXPECT_EQ(music->displayName + " " + std::to_string(music->pid.value_or(0)) + " on " +
+                  status.defaultOutputUID + " of " + std::to_string(status.devices.size()),
+              "Music 4103 on BuiltInSpeakerDevice of 6");
+
+    // Safari quits.
     h.provider->source[safari] = h.provider->target[safari] = speakers;
     const TapHandlePtr handle = h.runtime->engine().tapHandle(safari);
     h.edit([](SimWorld& w) { return w.quit(safari); });

@@ -59,7 +59,7 @@ TEST(AppRequests, ValuesAreClampedToTheirRanges) {
     }
 }
 
-TEST(AppRequests, MutationsKeepWhatTheyDoNotName) {
+TEST(AppRequests, MutationsKeepWhatTheyDoNotNameAndSoloEndsInStageModeOrWithItsApp) {
     RuntimeHarness h;
     h.start();
     auto row = [&] {
@@ -85,6 +85,31 @@ TEST(AppRequests, MutationsKeepWhatTheyDoNotName) {
     ASSERT_TRUE(h.send(R::SetAppSteadyVolume{safari, false}).ok);
     ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
     EXPECT_EQ(row(), "Safari volume 0.9999 devices 0");
+
+    // Solo is refused in stage mode, ends with an empty list or when its app is hidden.
+    ASSERT_TRUE(h.send(R::SetAppSolo{safari, true}).ok);
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{safari});
+
+    EXPECT_EQ(h.send(R::StageMode{true}).message,
+              "stage mode ON: every tap released; muted apps are audible until you turn it off");
+    EXPECT_EQ(h.send(R::SetSoloApps{{safari}}).message, "Turn off Bypass All before starting Solo.");
+    EXPECT_TRUE(h.send(R::SetSoloApps{{}}).ok);
+    EXPECT_FALSE(h.runtime->engine().soloActive());
+    EXPECT_TRUE(h.onDisk().stageModePersisted);
+
+    EXPECT_EQ(h.send(R::StageMode{false}).message, "stage mode off: every setting restored, mutes included");
+
+    // Hiding an app ends its solo; restoring it brings the app back.
+    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
+    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
+    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
+    EXPECT_FALSE(listed(hidden, safari));
+    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
+    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
+    EXPECT_EQ(restored.message, "App restored to Tonavi.");
+    EXPECT_TRUE(listed(restored, safari));
+    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }
 
 TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
@@ -119,34 +144,6 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         EXPECT_EQ(readText(h.store->configURL()), diskBefore);
         EXPECT_FALSE(h.runtime->engine().soloActive());
     }
-}
-
-TEST(AppRequests, SoloIsRefusedInStageModeEndsWithAnEmptyListOrWhenItsAppIsHidden) {
-    RuntimeHarness h;
-    h.start();
-    ASSERT_TRUE(h.send(R::SetAppSolo{safari, true}).ok);
-    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{safari});
-
-    EXPECT_EQ(h.send(R::StageMode{true}).message,
-              "stage mode ON: every tap released; muted apps are audible until you turn it off");
-    EXPECT_EQ(h.send(R::SetSoloApps{{safari}}).message, "Turn off Bypass All before starting Solo.");
-    EXPECT_TRUE(h.send(R::SetSoloApps{{}}).ok);
-    EXPECT_FALSE(h.runtime->engine().soloActive());
-    EXPECT_TRUE(h.onDisk().stageModePersisted);
-
-    EXPECT_EQ(h.send(R::StageMode{false}).message, "stage mode off: every setting restored, mutes included");
-
-    // Hiding an app ends its solo; restoring it brings the app back.
-    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
-    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
-    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
-    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
-    EXPECT_FALSE(listed(hidden, safari));
-    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
-    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
-    EXPECT_EQ(restored.message, "App restored to Tonavi.");
-    EXPECT_TRUE(listed(restored, safari));
-    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }
 
 TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
