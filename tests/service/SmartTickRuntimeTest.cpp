@@ -120,8 +120,7 @@ TEST_F(SmartTickRuntimeTest, LoudnessGuardHoldsTheCeilingOnHeadphonesOnlyAndPref
     pass();
     pass();
     ASSERT_TRUE(waitTapped(music, true));
-    const double ceiling = std::pow(10.0, -6.0 / 20.0);
-    EXPECT_NEAR(renderedGain(music, 0.9f) * 0.9, ceiling, 0.01);
+    EXPECT_NEAR(renderedGain(music, 0.9f) * 0.9, std::pow(10.0, -6.0 / 20.0), 0.01); // the ceiling
     EXPECT_TRUE(live().loudnessGuardActive);
     EXPECT_EQ(live().loudnessGuardOutputName, "USB Headphones");
 

@@ -30,10 +30,6 @@ TonaviReply sendAndWait(RuntimeHarness& h, R::Value value) {
     return arrived(reply) ? reply.get() : TonaviReply{};
 }
 
-std::string defaultOutput(RuntimeHarness& h) {
-    return h.machine->world()->defaultOutputUID;
-}
-
 TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     RuntimeHarness h;
     // A Bluetooth route that is still settling when the user changes their mind.
@@ -50,7 +46,7 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
               std::pair(false, std::string("superseded by a newer output selection")));
     ASSERT_TRUE(second.get().ok) << second.get().message;
     EXPECT_EQ(second.get().status->defaultOutputUID, usb);
-    EXPECT_EQ(defaultOutput(h), usb);
+    EXPECT_EQ(h.machine->world()->defaultOutputUID, usb);
     // The newer choice is remembered as the one preferred output.
     const TonaviConfig live =
         h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().config(); });
@@ -62,7 +58,7 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     // The same client's stale generation is refused at once, with nothing switched.
     EXPECT_EQ(sendAndWait(h, R::SetOutputDeviceOrdered{"Earbuds", "ui", 1}).message,
               "superseded by a newer output selection");
-    EXPECT_EQ(defaultOutput(h), usb);
+    EXPECT_EQ(h.machine->world()->defaultOutputUID, usb);
 }
 
 TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
@@ -72,7 +68,7 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     h.machine->failNext(SimOperation::setProperty, 1, noErr, kAudioHardwarePropertyDefaultOutputDevice);
     EXPECT_EQ(sendAndWait(h, R::SetOutputDevice{"USB Headphones"}).message,
               "macOS did not switch to USB Headphones; output remains on MacBook Pro Speakers");
-    EXPECT_EQ(defaultOutput(h), speakers);
+    EXPECT_EQ(h.machine->world()->defaultOutputUID, speakers);
     const TonaviReply blocked = h.send(R::SetDeviceHidden{speakers, true});
     EXPECT_TRUE(!blocked.ok && blocked.message.starts_with("Choose another system output") &&
                 blocked.message.ends_with(" device first, then remove this device from Tonavi."))
@@ -83,7 +79,7 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
               "Removed from Tonavi. The macOS driver was left installed.");
     EXPECT_EQ(sendAndWait(h, R::SetOutputDevice{"USB Headphones"}).message,
               "no available output device matching USB Headphones");
-    EXPECT_EQ(defaultOutput(h), speakers);
+    EXPECT_EQ(h.machine->world()->defaultOutputUID, speakers);
 
     EXPECT_EQ(h.send(R::SetDeviceHidden{usb, false}).message, "Device restored to Tonavi.");
     EXPECT_EQ(h.send(R::SetDeviceVolume{"nope", 0.3}).message, "no device with uid nope");
@@ -103,7 +99,7 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
 
     const TonaviReply chosen = sendAndWait(h, R::SetOutputDevice{"Desk"});
     EXPECT_TRUE(chosen.ok) << chosen.message;
-    EXPECT_EQ(defaultOutput(h), uid);
+    EXPECT_EQ(h.machine->world()->defaultOutputUID, uid);
 
     group.members.resize(1);
     const TonaviReply refused = h.send(R::SaveGroup{group}); // one member is no group; the old one stays

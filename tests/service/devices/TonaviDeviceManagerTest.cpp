@@ -104,24 +104,22 @@ TEST(TonaviDeviceManager, ADeviceArrivingAboveItsMaximumIsBroughtDownByTheListen
 }
 
 TEST(TonaviDeviceManager, HiddenDevicesNeverHoldASystemRole) {
-    {
-        DeviceHarness h;
-        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings(usb, 100, true)}); });
-        EXPECT_FALSE(h.manager->setDefaultDevice(h.id(usb), false));
-        EXPECT_FALSE(h.manager->setSystemSoundEffectsDevice(h.id(usb)));
-        EXPECT_EQ(h.defaultOutput(), speakers);
-    }
+    DeviceHarness h;
+    h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings(usb, 100, true)}); });
+    EXPECT_FALSE(h.manager->setDefaultDevice(h.id(usb), false));
+    EXPECT_FALSE(h.manager->setSystemSoundEffectsDevice(h.id(usb)));
+    EXPECT_EQ(h.defaultOutput(), speakers);
     // A hidden default gives way to the first visible output, alerts with it, unless there is none.
     for (const auto& [world, hidden, expected] :
          {std::tuple(SimWorld::preset(), speakers, usb),
           std::tuple(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"), std::string("a"),
                      std::string("a"))}) {
-        DeviceHarness h(world);
-        h.onQueue([&] {
-            h.manager->updateSettingsOnly({deviceSettings(hidden, 100, true)});
-            h.manager->enforceHiddenDevices();
+        DeviceHarness other(world);
+        other.onQueue([&] {
+            other.manager->updateSettingsOnly({deviceSettings(hidden, 100, true)});
+            other.manager->enforceHiddenDevices();
         });
-        EXPECT_EQ(h.defaultOutput() + " " + h.machine.world()->systemOutputUID,
+        EXPECT_EQ(other.defaultOutput() + " " + other.machine.world()->systemOutputUID,
                   std::string(expected) + " " + expected);
     }
 }
