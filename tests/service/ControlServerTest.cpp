@@ -63,45 +63,38 @@ std::string errorOf(const std::function<void()>& f) {
 }
 } // namespace
 
-TEST_F(ControlServer, AnswersPingWithVersionAndNoStatusAndSocketIsPrivate) {
+TEST_F(ControlServer, ASocketOnlyItsOwnerMayUseAnswersOneFrameOnceAndClosesOnBadInput) {
     startServer();
     struct stat st {};
     ASSERT_EQ(::stat(path.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    TonaviReply reply = TonaviChannel::send(path, TonaviRequest::ping(), 5);
-    EXPECT_TRUE(reply.ok);
-    EXPECT_EQ(reply.message, "tonavi 9.9-test");
+    EXPECT_EQ(st.st_mode & (S_IFMT | 0777), S_IFSOCK | 0600u);
     EXPECT_NE(readLog().find("tonavi control server listening at " + path), std::string::npos);
-}
-
-TEST_F(ControlServer, OneFrameIsAnsweredOnceAndBadInputClosesWithoutReply) {
-    startServer();
     // A half-closed client still gets its reply; a second frame in the same write is never answered.
     const std::string frame = frameOf("{\"ping\":{}}");
     int fd = connectRaw();
     ASSERT_EQ(::write(fd, (frame + frame).data(), 2 * frame.size()), ssize_t(2 * frame.size()));
     ::shutdown(fd, SHUT_WR);
-    const Bytes reply = ControlTransport::readFrame(fd);
-    EXPECT_EQ(decodeReply(std::string(reply.begin(), reply.end())).message, "tonavi 9.9-test");
+    const Bytes first = ControlTransport::readFrame(fd);
+    EXPECT_EQ(decodeReply(std::string(first.begin(), first.end())).message, "tonavi 9.9-test");
     const std::string second = errorOf([&] { ControlTransport::readFrame(fd); });
     EXPECT_TRUE(second == "io error: connection closed" || second == "io error: Connection reset by peer")
         << second;
     ::close(fd);
 
     const std::string huge = {'\x01', '\0', '\0', '\0'};
-    for (const std::string& bytes : {frameOf("not json"), frameOf("{\"ping\":{},\"status\":{}}"), frameOf(""),
-                                     frameOf("{\"nope\":{}}"), huge}) {
+    // (What the decoder refuses is the wire's own test: one refusal and one oversized frame here.)
+    for (const std::string& bytes : {frameOf("{\"ping\":{},\"status\":{}}"), huge}) {
         fd = connectRaw();
         ASSERT_EQ(::write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
         EXPECT_EQ(errorOf([&] { ControlTransport::readFrame(fd); }), "io error: connection closed") << bytes;
         ::close(fd);
     }
-    EXPECT_TRUE(TonaviChannel::send(path, TonaviRequest::ping(), 5).ok);
-    const std::string log = readLog();
-    EXPECT_NE(log.find("tonavi control connection error: Invalid number of keys found, expected one."),
+    // ... and the server still answers: with its version, and no status.
+    TonaviReply reply = TonaviChannel::send(path, TonaviRequest::ping(), 5);
+    EXPECT_EQ(std::tuple(reply.ok, reply.message, reply.status.has_value()),
+              std::tuple(true, "tonavi 9.9-test", false));
+    EXPECT_NE(readLog().find("tonavi control connection error: io error: frame too large"),
               std::string::npos);
-    EXPECT_NE(log.find("tonavi control connection error: io error: frame too large"), std::string::npos);
 }
 
 TEST_F(ControlServer, ConnectionsBlockedOnTheRuntimeQueueNeverHoldUpOthers) {

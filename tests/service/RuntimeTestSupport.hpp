@@ -10,6 +10,8 @@
 #include "service/TonaviRuntime.hpp"
 #include "tests/core/config/ConfigTestSupport.hpp"
 #include "tests/core/engine/FakeTaps.hpp"
+#include "tests/platform/support/Eventually.hpp"
+#include "tests/service/SimLaptopNames.hpp"
 
 #include <gtest/gtest.h>
 
@@ -30,7 +32,7 @@ class FakeServiceTaps final : public ServiceTapProvider {
     TapHandlePtr createTap(const std::string& id) override { return taps.createTap(id); }
     void destroyTap(const TapHandlePtr& handle) override { taps.destroyTap(handle); }
     void setHooks(Hooks h) override { hooks = std::move(h); }
-    void syncStates() override { ++syncs; }
+    void syncStates() override {}
 
     // Scripted answers of the live counters, by app; set them while the runtime's queue is idle.
     std::optional<std::string> sourceDevice(std::string_view id) const override { return find(source, id); }
@@ -43,7 +45,6 @@ class FakeServiceTaps final : public ServiceTapProvider {
 
     FakeTaps taps;
     Hooks hooks;
-    std::atomic<int> syncs{0};
     std::map<std::string, std::string> source, target;
     std::map<std::string, double> idle, levels;
     std::set<std::string> stale;
@@ -58,13 +59,7 @@ class FakeServiceTaps final : public ServiceTapProvider {
 
 // Waits for a condition another thread makes true; fails the test after five seconds.
 inline bool waitUntil(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::yield();
-    }
-    return true;
+    return test::eventually(condition, std::chrono::seconds(5));
 }
 
 class RuntimeHarness {
@@ -78,10 +73,11 @@ class RuntimeHarness {
         };
         store = std::make_shared<TonaviConfigStore>(folder.path(), fileSystem);
     }
-    ~RuntimeHarness() { runtime.reset(); }
 
-    TonaviRuntime& start() {
+    // A profiler read of the test's own stands in for the slow Bluetooth source.
+    TonaviRuntime& start(BluetoothInfo::ProfilerRead profiler = {}) {
         TonaviRuntime::Environment environment;
+        environment.bluetoothProfiler = std::move(profiler);
         environment.version = "9.9-test";
         environment.store = store;
         environment.audio = machine;
@@ -93,8 +89,8 @@ class RuntimeHarness {
         return *runtime;
     }
     // Starts and lets the warm-up finish with a fast hardware.
-    TonaviRuntime& startReady() {
-        start();
+    TonaviRuntime& startReady(BluetoothInfo::ProfilerRead profiler = {}) {
+        start(std::move(profiler));
         EXPECT_TRUE(waitUntil([&] { return runtime->warmUpProbes() >= 1; }));
         advance(0.5);
         EXPECT_TRUE(waitUntil([&] { return runtime->coreAudioReady(); }));
@@ -104,6 +100,18 @@ class RuntimeHarness {
     void advance(double seconds) {
         clock->advance(std::chrono::round<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)));
         runtime->serialQueue().sync([] {});
+    }
+    // Moves the clock in poll-sized steps until `done`. The polls hop through a hardware queue between
+    // steps, so the bound is real time, not clock time.
+    bool advanceUntil(const std::function<bool()>& done) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            advance(0.02);
+            std::this_thread::yield();
+        }
+        return true;
     }
     // Lets one process and hardware discovery probe finish on a status request, so that their
     // results (and the apps they place in the user's order) are in before the test goes on.
@@ -120,11 +128,11 @@ class RuntimeHarness {
         }));
         send(TonaviRequest::Status{});
     }
+    void edit(const std::function<std::string(SimWorld&)>& change) { ASSERT_EQ(machine->mutate(change), ""); }
+    std::string log() const { return readText(folder.path() / "service.log"); }
+    bool logged(const std::string& line) const { return log().find(line) != std::string::npos; }
     TonaviReply send(TonaviRequest::Value value) { return runtime->handle(TonaviRequest{std::move(value)}); }
     TonaviConfig onDisk() const { return decodeTonaviConfig(readText(store->configURL())); }
-    const AppAudioState* app(const TonaviConfig& config, const std::string& id) const {
-        return config.app(id);
-    }
 
     TemporaryFolder folder;
     std::shared_ptr<FaultyFileSystem> fileSystem = std::make_shared<FaultyFileSystem>();
@@ -136,7 +144,7 @@ class RuntimeHarness {
     std::atomic<double> wall{1'700'000'000.0};
     std::atomic<int> stateWrites{0};
     std::atomic<bool> failWrites{false};
-    std::unique_ptr<TonaviRuntime> runtime;
+    std::unique_ptr<TonaviRuntime> runtime; // last, so that it goes first
 };
 
 } // namespace tonavi::testing

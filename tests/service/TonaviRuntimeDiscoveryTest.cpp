@@ -11,10 +11,7 @@ using R = TonaviRequest;
 
 namespace {
 
-const std::string safari = "com.apple.Safari";
 const std::string agent = "com.example.SyncAgent";
-const std::string speakers = "BuiltInSpeakerDevice";
-const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 
 std::string logText() {
     return readText(Log::filePath());
@@ -31,10 +28,9 @@ void watchdogPass(RuntimeHarness& h) {
     h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); });
 }
 
-template <class T> T onQueue(TonaviRuntime& rt, const std::function<T()>& read) {
-    T value{};
-    rt.serialQueue().sync([&] { value = read(); });
-    return value;
+bool suppressed(RuntimeHarness& h) {
+    return h.runtime->serialQueue().syncResult(
+        [&] { return h.runtime->outputSuppressedUntilPlaybackStops().contains(agent); });
 }
 
 // Runs everything queued for tap work, then what that queued on the runtime's queue, then the tap work
@@ -49,32 +45,16 @@ void drainTapWork(RuntimeHarness& h) {
     }
 }
 
-} // namespace
-
-TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndTheLevelOfEachTap) {
-    RuntimeHarness h;
-    h.provider->levels[safari] = 0.3;
+// Safari under control with its tap made, on a fresh discovery.
+void tapSafari(RuntimeHarness& h) {
     h.startReady();
     ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
     h.settleDiscovery();
     drainTapWork(h);
-    const TonaviStatus status = *h.send(R::Status{}).status;
-
-    // Safari's helper is folded into it; a background agent is no audio app.
-    const std::set<std::string> watched = {"com.apple.Music", "us.zoom.xos", safari, "com.apple.WebKit.GPU",
-                                           agent};
-    std::ostringstream seen;
-    for (const auto& a : status.apps)
-        if (watched.contains(a.id))
-            seen << a.id << (a.isPlayingAudio ? " plays" : "")
-                 << (a.isCapturingAudio ? (*a.isCapturingAudio ? " records" : "") : " unknown")
-                 << (a.engaged ? " engaged" : "") << " " << a.level << "; ";
-    EXPECT_EQ(seen.str(), "com.apple.Safari engaged 0.3; com.apple.Music plays 0; us.zoom.xos records 0; ");
-    auto music = std::ranges::find(status.apps, "com.apple.Music", &AppLiveStatus::id);
-    EXPECT_EQ(music->displayName + " " + std::to_string(music->pid.value_or(0)), "Music 4103");
-    EXPECT_EQ(status.defaultOutputUID, speakers);
-    EXPECT_EQ(status.devices.size(), 6u);
+    ASSERT_TRUE(h.runtime->engine().hasTap(safari));
 }
+
+} // namespace
 
 TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence) {
     RuntimeHarness h;
@@ -106,51 +86,43 @@ TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence)
     drainTapWork(h);
     EXPECT_EQ(h.provider->taps.createCalls(agent), calls);
     EXPECT_EQ(h.provider->taps.liveCount(), 0);
-    EXPECT_TRUE(onQueue<bool>(rt, [&] { return rt.outputSuppressedUntilPlaybackStops().contains(agent); }));
+    EXPECT_TRUE(suppressed(h));
 
     // ... until it stopped once.
-    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.setPlaying(agent, false, std::nullopt); }), "");
+    h.edit([](SimWorld& w) { return w.setPlaying(agent, false, std::nullopt); });
     h.wall = h.wall + 2.0;
     h.settleDiscovery();
-    EXPECT_FALSE(onQueue<bool>(rt, [&] { return rt.outputSuppressedUntilPlaybackStops().contains(agent); }));
+    EXPECT_FALSE(suppressed(h));
 }
 
 TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
-    struct Case {
-        const char* name;
-        std::string source, target, redirect;
-        bool stale;
-        std::string reason; // empty: nothing to heal
-    };
-    const Case cases[] = {
+    // Rows: name, the tap's source and target, a redirect, a stale IO path, the reason (none: no heal).
+    const std::tuple<const char*, std::string, std::string, std::string, bool, std::string> cases[] = {
         {"dead io first", speakers, "Gone:1", "", true, "io path stale"},
         {"target unplugged", speakers, "Gone:1", "", false, "device vanished"},
-        {"redirect is back", speakers, speakers, headphones, false, "device returned"},
-        {"default moved", headphones, speakers, "", false, "default output moved"},
+        {"redirect is back", speakers, speakers, usb, false, "device returned"},
+        {"default moved", usb, speakers, "", false, "default output moved"},
         {"all in place", speakers, speakers, "", false, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, source, target, redirect, stale, reason] : cases) {
+        SCOPED_TRACE(name);
         RuntimeHarness h;
-        h.startReady();
-        ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
-        if (!c.redirect.empty()) {
-            ASSERT_TRUE(h.send(R::SetAppRedirect{safari, c.redirect}).ok);
+        tapSafari(h);
+        if (!redirect.empty()) {
+            ASSERT_TRUE(h.send(R::SetAppRedirect{safari, redirect}).ok);
+            drainTapWork(h);
         }
-        h.settleDiscovery();
-        drainTapWork(h);
-        ASSERT_TRUE(h.runtime->engine().hasTap(safari));
-        h.provider->source[safari] = c.source;
-        h.provider->target[safari] = c.target;
-        if (c.stale)
+        h.provider->source[safari] = source;
+        h.provider->target[safari] = target;
+        if (stale)
             h.provider->stale.insert(safari);
 
         const std::string line =
-            "tonavi: self-heal rebuilding " + safari + " (" + c.reason + ", bounded retry)";
+            "tonavi: self-heal rebuilding " + safari + " (" + reason + ", bounded retry)";
         watchdogPass(h);
         watchdogPass(h); // the same issue at the same moment waits for its delay
-        EXPECT_EQ(occurrences(logText(), "self-heal rebuilding"), c.reason.empty() ? 0 : 1);
-        if (c.reason.empty())
+        EXPECT_EQ(occurrences(logText(), "self-heal rebuilding"), reason.empty() ? 0 : 1);
+        if (reason.empty())
             continue;
         EXPECT_EQ(occurrences(logText(), line), 1);
 
@@ -164,16 +136,31 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
     }
 }
 
-TEST(Watchdog, ATapWhoseProcessesAreGoneIsReleasedOnlyOnTrustedDiscovery) {
+TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndATapWhoseProcessesAreGoneIsReleasedOnTrustedDiscovery) {
     RuntimeHarness h;
-    h.startReady();
-    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
-    h.settleDiscovery();
-    drainTapWork(h);
-    ASSERT_TRUE(h.runtime->engine().hasTap(safari));
+    h.provider->levels[safari] = 0.3;
+    tapSafari(h);
+    const TonaviStatus status = *h.send(R::Status{}).status;
+
+    // Safari's helper is folded into it; a background agent is no audio app.
+    const std::set<std::string> watched = {"com.apple.Music", "us.zoom.xos", safari, "com.apple.WebKit.GPU",
+                                           agent};
+    std::ostringstream seen;
+    for (const auto& a : status.apps)
+        if (watched.contains(a.id))
+            seen << a.id << (a.isPlayingAudio ? " plays" : "")
+                 << (a.isCapturingAudio ? (*a.isCapturingAudio ? " records" : "") : " unknown")
+                 << (a.engaged ? " engaged" : "") << " " << a.level << "; ";
+    EXPECT_EQ(seen.str(), "com.apple.Safari engaged 0.3; com.apple.Music plays 0; us.zoom.xos records 0; ");
+    auto music = std::ranges::find(status.apps, "com.apple.Music", &AppLiveStatus::id);
+    EXPECT_EQ(music->displayName + " " + std::to_string(music->pid.value_or(0)) + " on " +
+                  status.defaultOutputUID + " of " + std::to_string(status.devices.size()),
+              "Music 4103 on BuiltInSpeakerDevice of 6");
+
+    // Safari quits.
     h.provider->source[safari] = h.provider->target[safari] = speakers;
     const TapHandlePtr handle = h.runtime->engine().tapHandle(safari);
-    ASSERT_EQ(h.machine->mutate([](SimWorld& w) { return w.quit(safari); }), "");
+    h.edit([](SimWorld& w) { return w.quit(safari); });
 
     // The last trusted snapshot still has Safari's processes; a stale one is no basis for a release.
     h.wall = h.wall + 7.0;

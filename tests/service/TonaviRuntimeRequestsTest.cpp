@@ -14,19 +14,15 @@ using R = TonaviRequest;
 
 namespace {
 
-const std::string safari = "com.apple.Safari";
-
-const AppLiveStatus* liveApp(const TonaviReply& reply, const std::string& id) {
-    if (!reply.status)
-        return nullptr;
-    for (const auto& app : reply.status->apps)
-        if (app.id == id)
-            return &app;
-    return nullptr;
+bool listed(const TonaviReply& reply, const std::string& id) {
+    return reply.status &&
+           std::ranges::find(reply.status->apps, id, &AppLiveStatus::id) != reply.status->apps.end();
 }
 
-std::string defaultOutputUID(RuntimeHarness& h) {
-    return h.machine->world()->defaultOutputUID;
+// A harness over a store that already holds `persisted`.
+void startWith(RuntimeHarness& h, const TonaviConfig& persisted, bool ready = true) {
+    h.store->save(persisted);
+    ready ? (void)h.startReady() : (void)h.start();
 }
 
 } // namespace
@@ -51,20 +47,19 @@ TEST(AppRequests, ValuesAreClampedToTheirRanges) {
         RuntimeHarness h;
         h.start();
         const TonaviReply reply = h.send(request);
-        ASSERT_TRUE(reply.ok) << reply.message;
-        ASSERT_NE(liveApp(reply, safari), nullptr);
+        ASSERT_TRUE(reply.ok && listed(reply, safari)) << reply.message;
         for (const AppAudioState& a : {*h.runtime->engine().config().app(safari), *h.onDisk().app(safari)}) {
             EXPECT_DOUBLE_EQ(read(a), expected);
             EXPECT_FALSE(a.muted); // a timed mute is no mute
             if (read == volume) {
-                EXPECT_DOUBLE_EQ(a.volumePerDevice.at(defaultOutputUID(h)), expected);
+                EXPECT_DOUBLE_EQ(a.volumePerDevice.at(h.machine->world()->defaultOutputUID), expected);
                 EXPECT_TRUE(a.controlAttached);
             }
         }
     }
 }
 
-TEST(AppRequests, MutationsKeepWhatTheyDoNotName) {
+TEST(AppRequests, MutationsKeepWhatTheyDoNotNameAndSoloEndsInStageModeOrWithItsApp) {
     RuntimeHarness h;
     h.start();
     auto row = [&] {
@@ -90,6 +85,31 @@ TEST(AppRequests, MutationsKeepWhatTheyDoNotName) {
     ASSERT_TRUE(h.send(R::SetAppSteadyVolume{safari, false}).ok);
     ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
     EXPECT_EQ(row(), "Safari volume 0.9999 devices 0");
+
+    // Solo is refused in stage mode, ends with an empty list or when its app is hidden.
+    ASSERT_TRUE(h.send(R::SetAppSolo{safari, true}).ok);
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{safari});
+
+    EXPECT_EQ(h.send(R::StageMode{true}).message,
+              "stage mode ON: every tap released; muted apps are audible until you turn it off");
+    EXPECT_EQ(h.send(R::SetSoloApps{{safari}}).message, "Turn off Bypass All before starting Solo.");
+    EXPECT_TRUE(h.send(R::SetSoloApps{{}}).ok);
+    EXPECT_FALSE(h.runtime->engine().soloActive());
+    EXPECT_TRUE(h.onDisk().stageModePersisted);
+
+    EXPECT_EQ(h.send(R::StageMode{false}).message, "stage mode off: every setting restored, mutes included");
+
+    // Hiding an app ends its solo; restoring it brings the app back.
+    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
+    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
+    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
+    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
+    EXPECT_FALSE(listed(hidden, safari));
+    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
+    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
+    EXPECT_EQ(restored.message, "App restored to Tonavi.");
+    EXPECT_TRUE(listed(restored, safari));
+    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }
 
 TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
@@ -113,67 +133,17 @@ TEST(AppRequests, RefusalsChangeNothingAndSayWhy) {
         RuntimeHarness h;
         TonaviConfig persisted = TonaviConfig::firstRunDefaults();
         persisted.hiddenAppIDs.push_back("com.hidden.App");
-        h.store->save(persisted);
-        h.start();
+        startWith(h, persisted, false);
         h.settleDiscovery();
         const TonaviConfig before = h.runtime->engine().config();
         const std::string diskBefore = readText(h.store->configURL());
         const TonaviReply reply = h.send(request);
-        EXPECT_FALSE(reply.ok);
-        EXPECT_EQ(reply.message, message);
-        EXPECT_TRUE(reply.status.has_value());
+        EXPECT_EQ(std::tuple(reply.ok, reply.message, reply.status.has_value()),
+                  std::tuple(false, message, true));
         EXPECT_EQ(h.runtime->engine().config(), before);
         EXPECT_EQ(readText(h.store->configURL()), diskBefore);
         EXPECT_FALSE(h.runtime->engine().soloActive());
     }
-}
-
-TEST(AppRequests, MuteOnADirectLockedAppKeepsItEligibleForASilencingTap) {
-    RuntimeHarness h;
-    TonaviConfig persisted = TonaviConfig::firstRunDefaults();
-    persisted.app(safari)->directLocked = true;
-    persisted.app("com.google.Chrome")->directLocked = true;
-    h.store->save(persisted);
-    h.startReady();
-
-    ASSERT_TRUE(h.send(R::SetAppMuted{safari, true}).ok);
-    EXPECT_TRUE(h.runtime->engine().config().app(safari)->muteWhileBypassed);
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap(safari); }));
-
-    // Without the mute a direct-locked app stays direct, whatever else its row says.
-    ASSERT_TRUE(h.send(R::SetAppVolume{"com.google.Chrome", 0.2}).ok);
-    h.runtime->engine().reconcile();
-    EXPECT_FALSE(h.runtime->engine().hasTap("com.google.Chrome"));
-}
-
-TEST(AppRequests, SoloIsRefusedInStageModeEndsWithAnEmptyListOrWhenItsAppIsHidden) {
-    RuntimeHarness h;
-    h.start();
-    ASSERT_TRUE(h.send(R::SetAppSolo{safari, true}).ok);
-    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{safari});
-
-    EXPECT_EQ(h.send(R::StageMode{true}).message,
-              "stage mode ON: every tap released; muted apps are audible until you turn it off");
-    const TonaviReply refused = h.send(R::SetSoloApps{{safari}});
-    EXPECT_FALSE(refused.ok);
-    EXPECT_EQ(refused.message, "Turn off Bypass All before starting Solo.");
-    EXPECT_TRUE(h.send(R::SetSoloApps{{}}).ok);
-    EXPECT_FALSE(h.runtime->engine().soloActive());
-    EXPECT_TRUE(h.onDisk().stageModePersisted);
-
-    EXPECT_EQ(h.send(R::StageMode{false}).message, "stage mode off: every setting restored, mutes included");
-
-    // Hiding an app ends its solo; restoring it brings the app back.
-    ASSERT_TRUE(h.send(R::SetSoloApps{{safari, "com.google.Chrome"}}).ok);
-    const TonaviReply hidden = h.send(R::SetAppVisible{safari, false});
-    EXPECT_EQ(hidden.message, "Removed from Tonavi and returned to direct audio.");
-    EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{"com.google.Chrome"});
-    EXPECT_EQ(liveApp(hidden, safari), nullptr);
-    EXPECT_EQ(h.onDisk().hiddenAppIDs, std::vector<std::string>{safari});
-    const TonaviReply restored = h.send(R::SetAppVisible{safari, true});
-    EXPECT_EQ(restored.message, "App restored to Tonavi.");
-    EXPECT_NE(liveApp(restored, safari), nullptr);
-    EXPECT_TRUE(h.onDisk().hiddenAppIDs.empty());
 }
 
 TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
@@ -184,8 +154,7 @@ TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
         app.displayRank = static_cast<std::int64_t>(persisted.apps.size());
         persisted.apps.push_back(app);
     }
-    h.store->save(persisted);
-    h.start();
+    startWith(h, persisted, false);
     // The client shows only Four and Two, swapped, and a new app.
     ASSERT_TRUE(h.send(R::SetAppDisplayOrder{{"d.Four", "b.Two", "e.Five"}}).ok);
     std::map<std::string, std::int64_t> ranks;
@@ -196,44 +165,38 @@ TEST(AppRequests, DisplayOrderMergesTheVisibleOrderIntoTheFullOne) {
     EXPECT_EQ(h.runtime->engine().config().app("e.Five")->displayName, "Five");
 }
 
-TEST(AppRequests, RedirectToAnotherAppsLockedLaneIsRefusedAndTheTapStillRefreshed) {
+TEST(AppRequests, DirectLocksAndLockedLanesHoldAgainstRequestsYetAMuteStillSilences) {
     RuntimeHarness h;
+    const std::string chrome = "com.google.Chrome", spotify = "com.spotify.client";
     TonaviConfig persisted = TonaviConfig::firstRunDefaults();
-    WorkspaceLane lane;
-    lane.id = "lane-1";
-    lane.appBundleID = "com.google.Chrome";
-    lane.deviceUID = "lane-device";
-    lane.locked = true;
-    persisted.lanes.push_back(lane);
-    h.store->save(persisted);
-    h.startReady();
+    persisted.app(chrome)->directLocked = true;
+    persisted.apps.push_back(AppAudioState(spotify));
+    persisted.apps.back().directLocked = true;
+    persisted.lanes.push_back({"lane-1", chrome, "lane-device", true});
+    startWith(h, persisted);
+
+    // A mute on a direct-locked app keeps it eligible for a silencing tap ...
+    ASSERT_TRUE(h.send(R::SetAppMuted{chrome, true}).ok);
+    EXPECT_TRUE(h.runtime->engine().config().app(chrome)->muteWhileBypassed);
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap(chrome); }));
+    // ... without the mute a direct-locked app stays direct, whatever else its row says.
+    ASSERT_TRUE(h.send(R::SetAppVolume{spotify, 0.2}).ok);
+    h.runtime->engine().reconcile();
+    EXPECT_FALSE(h.runtime->engine().hasTap(spotify));
+
+    // A redirect to another app's locked lane is refused.
     ASSERT_TRUE(h.send(R::SetAppRedirect{safari, "free-device"}).ok);
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) >= 1; }));
     const int before = h.provider->taps.createCalls(safari);
 
-    const TonaviReply reply = h.send(R::SetAppRedirect{safari, "lane-device"});
-    EXPECT_FALSE(reply.ok);
-    EXPECT_EQ(reply.message, "that device is a locked lane for another app");
+    EXPECT_EQ(h.send(R::SetAppRedirect{safari, "lane-device"}).message,
+              "that device is a locked lane for another app");
     EXPECT_EQ(h.runtime->engine().config().app(safari)->redirectUID, "free-device");
     // The refresh was asked for: a provider that cannot say where a tap is bound rebuilds it.
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) > before; }));
 }
 
-TEST(Requests, ThoseWithoutAStatusAndThoseNotAvailableYet) {
-    RuntimeHarness h;
-    h.start();
-    EXPECT_FALSE(h.send(R::Ping{}).status.has_value());
-    const TonaviReply shutdown = h.send(R::Shutdown{});
-    EXPECT_TRUE(shutdown.ok);
-    EXPECT_EQ(shutdown.message, "audio returned to the OS");
-    EXPECT_FALSE(shutdown.status.has_value());
-    const TonaviReply later = h.send(R::LoadConfig{"scene"});
-    EXPECT_FALSE(later.ok);
-    EXPECT_EQ(later.message.rfind("loadConfig", 0), 0u) << later.message;
-    EXPECT_NE(later.message.find("not available yet"), std::string::npos);
-}
-
-TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
+TEST(Status, HealthCarriesTheNewestTwentyDiagnosticsAllAndShutdownNone) {
     RuntimeHarness h;
     h.provider->taps.failAlways(safari, true);
     h.startReady();
@@ -244,16 +207,20 @@ TEST(Status, HealthCarriesTheNewestTwentyAndDiagnosticsAll) {
     }
     const std::vector<HealthEvent> all = h.runtime->engine().healthLog();
     ASSERT_GT(all.size(), 20u);
-    const TonaviStatus status = *h.send(R::Status{}).status;
-    ASSERT_EQ(status.health.size(), 20u);
-    EXPECT_EQ(status.health.back(), all.back());
-    EXPECT_EQ(status.health.front(), all[all.size() - 20]);
+    EXPECT_EQ(h.send(R::Status{}).status->health, std::vector(all.end() - 20, all.end()));
 
     const TonaviReply diagnostics = h.send(R::Diagnostics{});
-    ASSERT_TRUE(diagnostics.ok);
-    ASSERT_TRUE(diagnostics.payload.has_value());
+    ASSERT_TRUE(diagnostics.ok && diagnostics.payload);
     const Diagnostics document = TonaviPayload::decodeDiagnostics(*diagnostics.payload);
     EXPECT_EQ(document.version, "9.9-test");
     EXPECT_EQ(document.healthLog, all);
     EXPECT_EQ(document.config, h.runtime->engine().config());
+
+    const TonaviReply later = h.send(R::LoadConfig{"scene"});
+    EXPECT_TRUE(!later.ok && later.message.starts_with("loadConfig") &&
+                later.message.find("not available yet") != std::string::npos)
+        << later.message;
+    const TonaviReply shutdown = h.send(R::Shutdown{});
+    EXPECT_EQ(std::tuple(shutdown.ok, shutdown.message, shutdown.status.has_value()),
+              std::tuple(true, "audio returned to the OS", false));
 }

@@ -20,28 +20,15 @@ std::vector<std::string> sortedIDs(const auto& apps) {
 
 } // namespace
 
-TEST(RuntimeStart, AnUnusableConfigurationGivesARunningServiceWithFirstRunDefaults) {
-    struct Case {
-        const char* name;
-        std::function<void(RuntimeHarness&)> damage;
-    };
-    const Case cases[] = {
-        {"garbage in the file",
-         [](RuntimeHarness& h) { writeText(h.store->configURL(), "{\"apps\": [ nonsense"); }},
-        {"no file and no way to write one", [](RuntimeHarness& h) { h.failWrites = true; }},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        RuntimeHarness h;
-        c.damage(h);
-        h.start();
-        const TonaviReply reply = h.send(R::Status{});
-        ASSERT_TRUE(reply.ok);
-        ASSERT_TRUE(reply.status.has_value());
-        EXPECT_EQ(sortedIDs(reply.status->apps), sortedIDs(TonaviConfig::firstRunDefaults().apps));
-        EXPECT_EQ(sortedIDs(h.runtime->engine().config().apps),
-                  sortedIDs(TonaviConfig::firstRunDefaults().apps));
-    }
+// (What the store reads from a damaged file is the store's own test.)
+TEST(RuntimeStart, NoFileAndNoWayToWriteOneGivesARunningServiceWithFirstRunDefaults) {
+    RuntimeHarness h;
+    h.failWrites = true;
+    h.start();
+    const TonaviReply reply = h.send(R::Status{});
+    ASSERT_TRUE(reply.ok && reply.status);
+    EXPECT_EQ(sortedIDs(reply.status->apps), sortedIDs(TonaviConfig::firstRunDefaults().apps));
+    EXPECT_EQ(sortedIDs(h.runtime->engine().config().apps), sortedIDs(TonaviConfig::firstRunDefaults().apps));
 }
 
 TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEnds) {
@@ -61,8 +48,9 @@ TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEn
     h.advance(0.5); // a second slow probe
     ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 2; }));
     EXPECT_FALSE(h.runtime->coreAudioReady());
-    EXPECT_EQ(h.provider->taps.createCalls("com.apple.Safari"), 0);
-    EXPECT_EQ(h.provider->taps.createCalls("com.spotify.client"), 0);
+    EXPECT_EQ(h.provider->taps.createCalls("com.apple.Safari") +
+                  h.provider->taps.createCalls("com.spotify.client"),
+              0);
     EXPECT_TRUE(h.runtime->engine().engagedBundleIDs().empty());
 
     h.machine->setReadDelay(std::chrono::milliseconds(0));
@@ -73,12 +61,15 @@ TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEn
     ASSERT_TRUE(waitUntil([&] { return h.runtime->coreAudioReady(); }));
     // The warm-up's reconcile takes the taps: the controlled app's, and the persisted engaged app's,
     // which the request's eligibility made standing.
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.apple.Safari"); }));
-    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.spotify.client"); }));
+    ASSERT_TRUE(waitUntil([&] {
+        return h.runtime->engine().hasTap("com.apple.Safari") &&
+               h.runtime->engine().hasTap("com.spotify.client");
+    }));
 }
 
-TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStart) {
+TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStartAndAFailedTapIsReported) {
     RuntimeHarness h;
+    h.provider->taps.failAlways("com.apple.Safari", true);
     TonaviConfig persisted = TonaviConfig::firstRunDefaults();
     AppAudioState timed("com.spotify.client");
     timed.timedMuteUntil = h.wall.load() - 1.0; // already over
@@ -92,21 +83,16 @@ TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStart) {
     h.advance(0.01); // 2.0 s: the watchdog clears the expired timer and saves
     EXPECT_FALSE(timedMute().has_value());
     EXPECT_FALSE(h.onDisk().app("com.spotify.client")->timedMuteUntil.has_value());
-}
 
-TEST(RuntimeStart, AProviderWithoutTapsLeavesEveryAppDirectAndReportsIt) {
-    RuntimeHarness h;
-    h.provider->taps.failAlways("com.apple.Safari", true);
-    h.startReady();
+    // A provider without taps leaves the app direct, keeps its row and says so.
     ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.3}).ok);
     ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasControlFailure("com.apple.Safari"); }));
     const TonaviStatus status = *h.send(R::Status{}).status;
     auto safari = std::ranges::find(status.apps, "com.apple.Safari", &AppLiveStatus::id);
     ASSERT_NE(safari, status.apps.end());
-    EXPECT_FALSE(safari->engaged);
-    EXPECT_DOUBLE_EQ(safari->volume, 0.3);
-    EXPECT_EQ(safari->controlIssue,
-              "Audio control could not attach. Sound is on the direct path; Tonavi is retrying.");
+    EXPECT_EQ(std::tuple(safari->engaged, safari->volume, safari->controlIssue),
+              std::tuple(false, 0.3,
+                         "Audio control could not attach. Sound is on the direct path; Tonavi is retrying."));
     EXPECT_DOUBLE_EQ(h.onDisk().app("com.apple.Safari")->volume, 0.3);
 }
 
@@ -120,9 +106,8 @@ TEST(RuntimePersistence, AVolumeStreamIsWrittenOnceAQuarterSecondAfterItsLastUpd
         volume(i / 20.0);
         h.advance(0.1);
     }
-    EXPECT_EQ(writes(), 0); // 0.1 s after the last: nothing yet
     h.advance(0.14);
-    EXPECT_EQ(writes(), 0);
+    EXPECT_EQ(writes(), 0); // 0.24 s after the last: nothing yet
     h.advance(0.01);
     EXPECT_EQ(writes(), 1);
     EXPECT_DOUBLE_EQ(h.onDisk().app("com.apple.Safari")->volume, 0.5);

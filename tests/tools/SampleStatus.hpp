@@ -38,8 +38,7 @@ inline TonaviStatus sampleStatus() {
     s.devices[0].isDefaultOutput = s.devices[0].hasVolume = s.devices[2].isDefaultInput = true;
     s.devices[0].volume = 0.5;
     s.devices[1].nickname = "Desk cans";
-    s.devices[1].muted = true;
-    s.devices[1].hidden = true;
+    s.devices[1].hidden = s.devices[1].muted = true;
     s.defaultOutputUID = s.soundEffectsUID = "BuiltIn";
     s.defaultInputUID = "Mic";
     return s;

@@ -62,11 +62,8 @@ TEST(StatusTable, EmptyStatusSaysSoAndTheMeterRoundsDown) {
     EXPECT_EQ(StatusTable::render(status),
               "output none | volume 0% | 48000 Hz | 0 engaged\n\nApplications\n  (none)\n"
               "\nDevices\n  (none)\n");
-    const std::pair<double, const char*> bars[] = {{0.0, ".........."},
-                                                   {0.19, "#........."},
-                                                   {0.2, "##........"},
-                                                   {-1, ".........."},
-                                                   {std::nan(""), ".........."}};
+    const std::pair<double, const char*> bars[] = {
+        {0.19, "#........."}, {0.2, "##........"}, {-1, ".........."}, {std::nan(""), ".........."}};
     for (const auto& [level, bar] : bars)
         EXPECT_EQ(StatusTable::levelBar(level), bar) << level;
 }

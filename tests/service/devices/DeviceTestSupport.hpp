@@ -4,20 +4,19 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <atomic>
+
+#include "tests/platform/support/Eventually.hpp"
 
 #include "platform/sim/SimMachine.hpp"
 #include "service/devices/TonaviDeviceManager.hpp"
+#include "tests/service/SimLaptopNames.hpp"
 
 namespace tonavi::testing {
 
 inline SimDevice simDevice(std::string uid, std::string name, std::uint32_t transport, std::uint32_t outputs,
                            std::uint32_t inputs = 0) {
-    SimDevice d;
-    d.uid = std::move(uid);
-    d.name = std::move(name);
-    d.transport = transport;
+    SimDevice d{.uid = std::move(uid), .name = std::move(name), .transport = transport};
     if (outputs > 0) {
         d.outputStreams = {outputs};
         d.volumeElements = {{0, 0.5f}};
@@ -39,11 +38,7 @@ inline SimWorld worldOf(std::vector<SimDevice> devices, const std::string& defau
 }
 
 inline DeviceSettings deviceSettings(std::string uid, double maxPercent = 100, bool hidden = false) {
-    DeviceSettings s;
-    s.id = std::move(uid);
-    s.maxVolumePercent = maxPercent;
-    s.hidden = hidden;
-    return s;
+    return {.id = std::move(uid), .maxVolumePercent = maxPercent, .hidden = hidden};
 }
 
 inline const TonaviDeviceManager::BluetoothInfo noBluetooth = [](const std::string&) {
@@ -55,7 +50,7 @@ class DeviceHarness {
     explicit DeviceHarness(SimWorld world = SimWorld::preset())
         : machine(std::move(world)),
           manager(TonaviDeviceManager::make(machine, queue, {.verifiedWait = [] {}})) {
-        manager->setOnDevicesChanged([this] { signal([&] { ++devicesChanged; }); });
+        manager->setOnDevicesChanged([this] { ++devicesChanged; });
     }
     ~DeviceHarness() {
         queue.sync([this] { manager.reset(); });
@@ -66,23 +61,13 @@ class DeviceHarness {
     // Runs on the state queue, where the manager's policy state lives.
     template <class F> auto onQueue(F&& f) { return queue.syncResult(std::forward<F>(f)); }
     bool waitForDevicesChanged(int count) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return devicesChanged >= count; });
+        return test::eventually([&] { return devicesChanged.load() >= count; });
     }
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
     SimMachine machine;
     DispatchQueue queue{"tonavi.test.devices", clock};
     std::shared_ptr<TonaviDeviceManager> manager;
-
-  private:
-    template <class F> void signal(F&& f) {
-        std::lock_guard<std::mutex> guard(mutex);
-        f();
-        changed.notify_all();
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    int devicesChanged = 0;
+    std::atomic<int> devicesChanged{0};
 };
 
 } // namespace tonavi::testing

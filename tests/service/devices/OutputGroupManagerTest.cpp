@@ -10,8 +10,6 @@
 namespace tonavi::testing {
 namespace {
 
-constexpr const char* speakers = "BuiltInSpeakerDevice";
-constexpr const char* usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
 constexpr const char* airplay = "AirPlay:Living-Room-Speaker"; // no mute control
 
 OutputGroup desk(std::vector<OutputGroupMember> members) {
@@ -45,17 +43,15 @@ class OutputGroupManagerTest : public ::testing::Test {
     OutputGroupManager groups{h.machine, h.manager};
 };
 
-TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateAndSetsMemberLevels) {
+TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateSetsMemberLevelsAndRefusalsKeepIt) {
     groups.save(desk({{usb, 0.4, false}, {speakers, 0.9, true}, {airplay, 0.7, true}}));
     const auto* d = aggregate("desk");
     ASSERT_TRUE(d);
-    EXPECT_EQ(d->name, "Tonavi Group — Desk");
-    EXPECT_FALSE(d->aggregate.isPrivate);
-    EXPECT_FALSE(d->aggregate.isStacked);
-    EXPECT_EQ(d->aggregate.mainSubDevice, usb);
     ASSERT_EQ(d->aggregate.subDevices.size(), 3u);
-    EXPECT_TRUE(!d->aggregate.subDevices[0].driftCompensation &&
-                d->aggregate.subDevices[2].driftCompensation);
+    EXPECT_EQ(std::tuple(d->name, d->aggregate.isPrivate, d->aggregate.isStacked, d->aggregate.mainSubDevice,
+                         d->aggregate.subDevices[0].driftCompensation,
+                         d->aggregate.subDevices[2].driftCompensation),
+              std::tuple("Tonavi Group — Desk", false, false, usb, false, true));
     EXPECT_EQ(groups.installed().at("desk"), d->id);
 
     const auto& w = *h.machine.world(); // member levels
@@ -63,24 +59,18 @@ TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateAndSetsMemberL
     EXPECT_TRUE(w.deviceByUID(speakers)->muted);
     EXPECT_FLOAT_EQ(w.deviceByUID(speakers)->volumeElements.at(1), 0.5f); // muted: volume left alone
     EXPECT_FLOAT_EQ(w.deviceByUID(airplay)->volumeElements.at(0), 0.0f);  // no mute control: silenced
-}
 
-TEST_F(OutputGroupManagerTest, RefusedGroupsLeaveTheInstalledAggregateAlone) {
+    // Refused groups leave the installed aggregate alone.
     groups.save(desk({{usb, 1, false}, {speakers, 1, false}}));
     const auto before = aggregate("desk")->id;
-    struct Case {
-        OutputGroup group;
-        std::string text;
-    };
-    const std::vector<Case> cases{
+    const std::vector<std::pair<OutputGroup, std::string>> cases{
         {desk({{usb, 1, false}, {"gone", 1, false}}), "output device gone is not connected"},
         {desk({{usb, 1, false}, {OutputGroupIdentity::aggregateDeviceUID("other"), 1, false}}),
          "output groups cannot contain another Tonavi output group"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(expectThrow([&] { groups.save(c.group); }), c.text);
-        ASSERT_TRUE(aggregate("desk"));
-        EXPECT_EQ(aggregate("desk")->id, before);
+    for (const auto& [group, text] : cases) {
+        EXPECT_EQ(expectThrow([&] { groups.save(group); }), text);
+        EXPECT_EQ(aggregate("desk") ? aggregate("desk")->id : 0u, before);
     }
 
     h.machine.failNext(SimOperation::createAggregate, 1, kAudioHardwareIllegalOperationError);

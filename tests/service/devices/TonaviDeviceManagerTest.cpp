@@ -7,10 +7,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* speakers = "BuiltInSpeakerDevice";
-constexpr const char* usb = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:1";
-constexpr const char* buds = "AC-DE-48-00-11-22:output";
-
 TEST(TonaviDeviceManager, OutputsNamedAlikeShowOnce) {
     auto a = simDevice("a", "Display", kAudioDeviceTransportTypeUSB, 2);
     auto b = simDevice("b", "Display", kAudioDeviceTransportTypeUSB, 8);
@@ -18,32 +14,28 @@ TEST(TonaviDeviceManager, OutputsNamedAlikeShowOnce) {
     noVolume.volumeElements.clear();
     noVolume.hasVirtualMainVolume = false;
     const auto mic = simDevice("mic", "Display", kAudioDeviceTransportTypeUSB, 0, 1);
-    struct Case {
-        const char* why;
-        std::vector<SimDevice> devices;
-        std::string defaultOutput;
-        bool hideB;
-        std::vector<std::string> shown;
-    };
-    const std::vector<Case> cases{
-        {"the default wins, listed second", {a, b, mic}, "b", false, {"mic", "b"}},
-        {"the default wins, listed first", {a, b, mic}, "a", false, {"mic", "a"}},
-        {"the visible one wins over more channels", {a, b}, "", true, {"a"}},
-        {"volume control wins over more channels", {a, noVolume}, "", false, {"a"}},
-        {"otherwise more channels win", {a, b}, "", false, {"b"}},
-    };
-    for (const auto& c : cases) {
-        DeviceHarness h(worldOf(c.devices, c.defaultOutput));
-        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings("b", 100, c.hideB)}); });
+    // Rows: why, devices, default output, whether b is hidden, the devices shown.
+    const std::vector<
+        std::tuple<const char*, std::vector<SimDevice>, std::string, bool, std::vector<std::string>>>
+        cases{
+            {"the default wins, listed second", {a, b, mic}, "b", false, {"mic", "b"}},
+            {"the default wins, listed first", {a, b, mic}, "a", false, {"mic", "a"}},
+            {"the visible one wins over more channels", {a, b}, "", true, {"a"}},
+            {"volume control wins over more channels", {a, noVolume}, "", false, {"a"}},
+            {"otherwise more channels win", {a, b}, "", false, {"b"}},
+        };
+    for (const auto& [why, devices, defaultOutput, hideB, expected] : cases) {
+        DeviceHarness h(worldOf(devices, defaultOutput));
+        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings("b", 100, hideB)}); });
         std::vector<std::string> shown;
         for (const auto& s : h.manager->liveStatus(noBluetooth))
             shown.push_back(s.id);
-        EXPECT_EQ(shown, c.shown) << c.why;
+        EXPECT_EQ(shown, expected) << why;
     }
 }
 
 TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayInvisible) {
-    auto connecting = simDevice(buds, "Earbuds", kAudioDeviceTransportTypeBluetooth, 0);
+    auto connecting = simDevice(budsOut, "Earbuds", kAudioDeviceTransportTypeBluetooth, 0);
     auto tap = simDevice("com.brelmoor.tonavi.agg.1", "Tap", kAudioDeviceTransportTypeAggregate, 2);
     DeviceHarness h(
         worldOf({connecting, tap, simDevice("out", "Out", kAudioDeviceTransportTypeUSB, 2)}, "out"));
@@ -54,15 +46,14 @@ TEST(TonaviDeviceManager, BluetoothDetailsAreAskedByAddressAndTapAggregatesStayI
     });
     ASSERT_EQ(status.size(), 2u);
     EXPECT_EQ(asked, std::vector<std::string>{"ac:de:48:00:11:22"});
-    EXPECT_FALSE(status[0].isOutput); // no streams yet, but present as an output route
-    EXPECT_EQ(status[0].batteryPercent, 80);
-    EXPECT_FALSE(status[1].batteryPercent);
+    // No streams yet, but present as an output route.
+    EXPECT_TRUE(!status[0].isOutput && status[0].batteryPercent == 80 && !status[1].batteryPercent);
     const auto topology = h.manager->outputTopology();
-    EXPECT_EQ(topology.size(), 2u);
-    EXPECT_TRUE(topology.count(buds));
+    EXPECT_TRUE(topology.size() == 2u && topology.count(budsOut));
 }
 
-TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
+TEST(TonaviDeviceManager,
+     StatusCacheLastsHalfASecondAndVolumeWritesInvalidateItReachEveryChannelAndRespectTheMaximum) {
     DeviceHarness h;
     const auto first = h.manager->liveStatus(noBluetooth);
     h.machine.mutate([](SimWorld& w) { return w.rename(usb, "Renamed"); });
@@ -73,12 +64,9 @@ TEST(TonaviDeviceManager, StatusCacheLastsHalfASecondAndOwnWritesInvalidateIt) {
     EXPECT_NE(second, first);
     ASSERT_TRUE(h.manager->setVolume(h.id(usb), 0.25));
     const auto after = h.manager->liveStatus(noBluetooth);
-    EXPECT_NEAR(std::find_if(after.begin(), after.end(), [](auto& s) { return s.id == usb; })->volume, 0.25,
-                1e-6);
-}
+    EXPECT_NEAR(std::ranges::find(after, usb, &DeviceLiveStatus::id)->volume, 0.25, 1e-6);
 
-TEST(TonaviDeviceManager, VolumeWritesReachEveryChannelAndRespectTheMaximum) {
-    DeviceHarness h;
+    // Volume writes reach every channel and respect the maximum.
     // The speakers have a stereo pair and no main element; one failing channel still succeeds.
     h.machine.failNext(SimOperation::setProperty, 1, kAudioHardwareIllegalOperationError,
                        kAudioDevicePropertyVolumeScalar);
@@ -116,29 +104,23 @@ TEST(TonaviDeviceManager, ADeviceArrivingAboveItsMaximumIsBroughtDownByTheListen
 }
 
 TEST(TonaviDeviceManager, HiddenDevicesNeverHoldASystemRole) {
-    {
-        DeviceHarness h;
-        h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings(usb, 100, true)}); });
-        EXPECT_FALSE(h.manager->setDefaultDevice(h.id(usb), false));
-        EXPECT_FALSE(h.manager->setSystemSoundEffectsDevice(h.id(usb)));
-        EXPECT_EQ(h.defaultOutput(), speakers);
-    }
-    {
-        DeviceHarness h;
-        h.onQueue([&] {
-            h.manager->updateSettingsOnly({deviceSettings(speakers, 100, true)});
-            h.manager->enforceHiddenDevices();
+    DeviceHarness h;
+    h.onQueue([&] { h.manager->updateSettingsOnly({deviceSettings(usb, 100, true)}); });
+    EXPECT_FALSE(h.manager->setDefaultDevice(h.id(usb), false));
+    EXPECT_FALSE(h.manager->setSystemSoundEffectsDevice(h.id(usb)));
+    EXPECT_EQ(h.defaultOutput(), speakers);
+    // A hidden default gives way to the first visible output, alerts with it, unless there is none.
+    for (const auto& [world, hidden, expected] :
+         {std::tuple(SimWorld::preset(), speakers, usb),
+          std::tuple(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"), std::string("a"),
+                     std::string("a"))}) {
+        DeviceHarness other(world);
+        other.onQueue([&] {
+            other.manager->updateSettingsOnly({deviceSettings(hidden, 100, true)});
+            other.manager->enforceHiddenDevices();
         });
-        EXPECT_EQ(h.defaultOutput(), usb);                  // the first visible output
-        EXPECT_EQ(h.machine.world()->systemOutputUID, usb); // alerts follow the default output
-    }
-    {
-        DeviceHarness h(worldOf({simDevice("a", "A", kAudioDeviceTransportTypeUSB, 2)}, "a"));
-        h.onQueue([&] {
-            h.manager->updateSettingsOnly({deviceSettings("a", 100, true)});
-            h.manager->enforceHiddenDevices();
-        });
-        EXPECT_EQ(h.defaultOutput(), "a"); // nowhere visible to go
+        EXPECT_EQ(other.defaultOutput() + " " + other.machine.world()->systemOutputUID,
+                  std::string(expected) + " " + expected);
     }
 }
 
@@ -170,28 +152,22 @@ TEST(TonaviDeviceManager, LocksCaptureOnceAndOnlyEverRestore) {
 }
 
 TEST(TonaviDeviceManager, PreferredOrderIsEnforcedUnlessTheUserIsSwitchingOrChoseThisSession) {
-    struct Case {
-        const char* why;
-        bool pending;
-        std::optional<std::string> session;
-        bool hideUSB;
-        std::string expected;
-    };
-    const std::vector<Case> cases{
+    // Rows: why, a switch pending, the session's choice, whether USB is hidden, the default after.
+    const std::vector<std::tuple<const char*, bool, std::optional<std::string>, bool, std::string>> cases{
         {"moves to the first available preference", false, std::nullopt, false, usb},
         {"a user's switch in flight suppresses it", true, std::nullopt, false, speakers},
         {"the session's choice stands", false, std::string(speakers), false, speakers},
         {"a vanished session choice falls through", false, std::string("gone"), false, usb},
-        {"hidden preferences are skipped", false, std::nullopt, true, buds},
+        {"hidden preferences are skipped", false, std::nullopt, true, budsOut},
     };
-    for (const auto& c : cases) {
+    for (const auto& [why, pending, session, hideUSB, expected] : cases) {
         DeviceHarness h;
         h.onQueue([&] {
-            h.manager->setManualOutputSelectionPending(c.pending);
-            h.manager->setSessionOutputUID(c.session);
-            h.manager->apply({deviceSettings(usb, 100, c.hideUSB)}, {}, {"missing", usb, buds});
+            h.manager->setManualOutputSelectionPending(pending);
+            h.manager->setSessionOutputUID(session);
+            h.manager->apply({deviceSettings(usb, 100, hideUSB)}, {}, {"missing", usb, budsOut});
         });
-        EXPECT_EQ(h.defaultOutput(), c.expected) << c.why;
+        EXPECT_EQ(h.defaultOutput(), expected) << why;
     }
 }
 

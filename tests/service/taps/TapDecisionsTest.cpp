@@ -50,14 +50,10 @@ TEST(TapActivityWindow, CountsFromTheLastSoundOrElseFromCreation) {
 }
 
 TEST(OutputEligibility, StandingControlNeedsNoSound) {
-    std::vector<AppAudioState> apps(4);
-    apps[0].id = "a.half";
+    std::vector<AppAudioState> apps{AppAudioState("a.half"), AppAudioState("b.unity"),
+                                    AppAudioState("c.held"), AppAudioState("d.direct")};
     apps[0].volume = 0.5;
-    apps[1].id = "b.unity";
-    apps[2].id = "c.held";
-    apps[2].directLocked = apps[2].muteWhileBypassed = true;
-    apps[3].id = "d.direct";
-    apps[3].directLocked = apps[3].muted = true;
+    apps[2].directLocked = apps[2].muteWhileBypassed = apps[3].directLocked = apps[3].muted = true;
     AudioSnapshot snapshot;
     snapshot.resolved = {{"b.unity", {true, false}}, {"e.other", {}}, {"f.agent", {true, false}}};
     auto regular = [](const std::string& id) { return id != "f.agent"; };

@@ -34,11 +34,11 @@ struct SimLaptop {
     }
     ~SimLaptop() { std::filesystem::remove(logPath); }
 
-    double wallNow() const {
-        return epoch + std::chrono::duration<double>(clock->now().time_since_epoch()).count();
-    }
+    // Its wall clock is the epoch plus the manual clock's time.
     std::shared_ptr<TonaviTapProvider> makeProvider() {
-        return TonaviTapProvider::make(*machine, workspace, [this] { return wallNow(); });
+        return TonaviTapProvider::make(*machine, workspace, [this] {
+            return epoch + std::chrono::duration<double>(clock->now().time_since_epoch()).count();
+        });
     }
     void edit(const std::function<std::string(SimWorld&)>& change) {
         if (const auto error = machine->mutate(change); !error.empty())

@@ -41,12 +41,8 @@ class TonaviTapProviderTest : public ::testing::Test {
     void plug(const std::string& uid, std::uint32_t transport, std::vector<std::uint32_t> inputs,
               std::vector<std::uint32_t> outputs, bool asDefault = false) {
         laptop.edit([&](SimWorld& w) {
-            SimDevice d;
-            d.uid = uid;
-            d.transport = transport;
-            d.inputStreams = inputs;
-            d.outputStreams = outputs;
-            auto error = w.plug(d);
+            auto error = w.plug(
+                {.uid = uid, .transport = transport, .inputStreams = inputs, .outputStreams = outputs});
             return error.empty() && asDefault ? w.setDefault(SimDefaultRole::output, uid) : error;
         });
     }
@@ -85,7 +81,6 @@ TEST_F(TonaviTapProviderTest, RoutedAppIsHeardOnlyThroughTheTapUntilItIsDestroye
     EXPECT_EQ(leftovers(), 0u);
     EXPECT_EQ(provider->level(music), 0.0f);
     for (const std::string& line : std::vector<std::string>{
-             "tonavi: com.apple.Music tap quantum 512 -> 128 frames (requested 128, accepted true)",
              "tonavi: com.apple.Music stream layout tap[2] output[2] at 48000.0 Hz; tap buffer 128",
              "tonavi: engaged com.apple.Music over 1 process(es) using device-stream, source "
              "BuiltInSpeakerDevice -> "
@@ -96,26 +91,21 @@ TEST_F(TonaviTapProviderTest, RoutedAppIsHeardOnlyThroughTheTapUntilItIsDestroye
 }
 
 TEST_F(TonaviTapProviderTest, MixdownMakesUpForTheChannelsItLosesAndCatchesAFailedDeviceStream) {
-    struct Case {
-        std::vector<std::uint32_t> defaultOutputs; // empty: the speakers stay the default
-        std::string route;
-        int injectedFailures;
-        float compensation;
-    };
-    const Case cases[] = {
+    // Rows: a new default output's streams (none: the speakers stay), route, tap failures, compensation.
+    const std::tuple<std::vector<std::uint32_t>, std::string, int, float> cases[] = {
         {{}, "", 0, 1.0f}, {{6}, "", 0, 3.0f}, {{2, 2}, "", 0, 2.0f}, {{}, SimLaptop::usb, 1, 1.0f}};
     int n = 0;
-    for (const auto& c : cases) {
-        if (!c.defaultOutputs.empty())
-            plug("desk" + std::to_string(n++), kAudioDeviceTransportTypeUSB, {}, c.defaultOutputs, true);
-        route = c.route;
-        laptop.machine->failNext(SimOperation::createTap, c.injectedFailures,
+    for (const auto& [defaultOutputs, routeTo, injectedFailures, compensation] : cases) {
+        if (!defaultOutputs.empty())
+            plug("desk" + std::to_string(n++), kAudioDeviceTransportTypeUSB, {}, defaultOutputs, true);
+        route = routeTo;
+        laptop.machine->failNext(SimOperation::createTap, injectedFailures,
                                  kAudioHardwareIllegalOperationError);
         auto handle = create();
         ASSERT_TRUE(handle);
         EXPECT_EQ(handle->tapForm, "mixdown-compensated");
-        EXPECT_EQ(handle->tapGainCompensation, c.compensation);
-        EXPECT_NEAR(play(handle).peakDB, -12.0 + 20 * std::log10(c.compensation), 0.1);
+        EXPECT_EQ(handle->tapGainCompensation, compensation);
+        EXPECT_NEAR(play(handle).peakDB, -12.0 + 20 * std::log10(compensation), 0.1);
         provider->destroyTap(handle);
     }
     laptop.machine->failNext(SimOperation::createTap, 2, kAudioHardwareIllegalOperationError);
@@ -129,14 +119,9 @@ TEST_F(TonaviTapProviderTest, MixdownMakesUpForTheChannelsItLosesAndCatchesAFail
 TEST_F(TonaviTapProviderTest, QuantumAndInputStreamFollowTheTarget) {
     plug("loopback", kAudioDeviceTransportTypeVirtual, {}, {2});
     plug("headset", kAudioDeviceTransportTypeUSB, {2}, {2});
-    struct Case {
-        std::string target;
-        int frames;
-        std::string line;
-        std::vector<std::uint32_t> usage; // only the tap's stream is read
-    };
+    // Rows: target, tap quantum, its log line, the input streams read (only the tap's).
     const std::string kept = "tonavi: com.apple.Music retaining wireless tap quantum ";
-    const Case cases[] = {
+    const std::tuple<std::string, int, std::string, std::vector<std::uint32_t>> cases[] = {
         {"AC-DE-48-00-11-22:output", 1024, kept + "1024 frames", {1}},
         {"AirPlay:Living-Room-Speaker", 1024, kept + "1024 frames", {1}},
         {"loopback", 512, kept + "512 frames", {1}},
@@ -145,23 +130,23 @@ TEST_F(TonaviTapProviderTest, QuantumAndInputStreamFollowTheTarget) {
          "tonavi: com.apple.Music tap quantum 512 -> 128 frames (requested 128, accepted true)",
          {0, 1}},
     };
-    for (const auto& c : cases) {
-        route = c.target;
+    for (const auto& [target, frames, line, expectedUsage] : cases) {
+        route = target;
         auto handle = create();
-        ASSERT_TRUE(handle) << c.target;
-        EXPECT_EQ(handle->tapBufferFrames, c.frames) << c.target;
-        EXPECT_TRUE(laptop.logged(c.line)) << c.target;
+        ASSERT_TRUE(handle) << target;
+        EXPECT_EQ(handle->tapBufferFrames, frames) << target;
+        EXPECT_TRUE(laptop.logged(line)) << target;
         AudioHardwareIOProcStreamUsage usage{*handle->ioProcID, {}};
         laptop.machine->get(
             handle->aggregateID,
             scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput), usage);
-        EXPECT_EQ(usage.mStreamIsOn, c.usage) << c.target;
-        EXPECT_NEAR(play(handle).peakDB, -12.0, 0.1) << c.target;
+        EXPECT_EQ(usage.mStreamIsOn, expectedUsage) << target;
+        EXPECT_NEAR(play(handle).peakDB, -12.0, 0.1) << target;
         provider->destroyTap(handle);
     }
 }
 
-TEST_F(TonaviTapProviderTest, RoutingInfrastructureIsRefusedAndAnAppWithoutAudioIsDeferredSayingSoOnce) {
+TEST_F(TonaviTapProviderTest, RefusalsDeferralsAndPartialFailuresLeaveNothingBehind) {
     const std::string blocked = *TonaviTapSafety::blockedBundleIDs().begin();
     EXPECT_FALSE(provider->createTap(blocked));
     EXPECT_TRUE(laptop.logged("tonavi: refused to tap audio-routing infrastructure " + blocked));
@@ -170,9 +155,8 @@ TEST_F(TonaviTapProviderTest, RoutingInfrastructureIsRefusedAndAnAppWithoutAudio
     EXPECT_EQ(
         laptop.timesLogged("tonavi: no running audio process for com.example.Quiet; engagement deferred"),
         1u);
-}
 
-TEST_F(TonaviTapProviderTest, EveryPartialFailureReleasesWhatWasMade) {
+    // Every partial failure releases what was made.
     const std::string nope = " (" + std::to_string(kAudioHardwareIllegalOperationError) + ")";
     const std::tuple<SimOperation, std::uint32_t, std::string> cases[] = {
         {SimOperation::createAggregate, 0, "tonavi: aggregate create failed for com.apple.Music" + nope},
@@ -197,30 +181,27 @@ TEST_F(TonaviTapProviderTest, IOCycleMapsTheTapPairOntoEveryOutputLayout) {
     route = SimLaptop::usb;
     auto handle = create();
     ASSERT_TRUE(handle);
-    struct Case {
-        std::uint32_t tapChannels;
-        std::vector<std::uint32_t> outputs;
-        std::vector<float> firstFrame; // all output channels in order; every later frame is silent
-    };
+    // Rows: tap channels, output streams, the first frame over all outputs (every later one is silent).
     // The tap's first frame is (0.5, -0.25); a mono tap stream carries 0.5 on both sides.
-    const Case cases[] = {{2, {2}, {0.5f, -0.25f}},          {2, {1}, {0.125f}},
-                          {2, {4}, {0.5f, -0.25f, 0, 0}},    {2, {1, 1}, {0.5f, -0.25f}},
-                          {2, {2, 2}, {0.5f, -0.25f, 0, 0}}, {1, {2}, {0.5f, 0.5f}}};
-    for (const auto& c : cases) {
-        test::BufferSet in({c.tapChannels}, 64), out(c.outputs, 64);
+    const std::tuple<std::uint32_t, std::vector<std::uint32_t>, std::vector<float>> cases[] = {
+        {2, {2}, {0.5f, -0.25f}},          {2, {1}, {0.125f}},
+        {2, {4}, {0.5f, -0.25f, 0, 0}},    {2, {1, 1}, {0.5f, -0.25f}},
+        {2, {2, 2}, {0.5f, -0.25f, 0, 0}}, {1, {2}, {0.5f, 0.5f}}};
+    for (const auto& [tapChannels, outputs, firstFrame] : cases) {
+        test::BufferSet in({tapChannels}, 64), out(outputs, 64);
         in.streams[0][0] = 0.5f;
-        in.streams[0][1] = c.tapChannels > 1 ? -0.25f : 0.0f;
+        in.streams[0][1] = tapChannels > 1 ? -0.25f : 0.0f;
         std::vector<float> first;
         for (auto& s : out.streams)
             std::fill(s.begin(), s.end(), 9.0f); // stale data must go
         auto input = in.list(), output = out.list();
         provider->ioCycle(*handle, input, output, {0, 42, kAudioTimeStampHostTimeValid});
-        for (std::size_t b = 0; b < c.outputs.size(); ++b) {
-            first.insert(first.end(), out.streams[b].begin(), out.streams[b].begin() + c.outputs[b]);
-            EXPECT_TRUE(std::all_of(out.streams[b].begin() + c.outputs[b], out.streams[b].end(),
+        for (std::size_t b = 0; b < outputs.size(); ++b) {
+            first.insert(first.end(), out.streams[b].begin(), out.streams[b].begin() + outputs[b]);
+            EXPECT_TRUE(std::all_of(out.streams[b].begin() + outputs[b], out.streams[b].end(),
                                     [](float v) { return v == 0.0f; }));
         }
-        EXPECT_EQ(first, c.firstFrame) << c.outputs.size() << " streams of " << c.outputs[0];
+        EXPECT_EQ(first, firstFrame) << outputs.size() << " streams of " << outputs[0];
     }
     EXPECT_EQ(rendered.back(), (std::pair<int, std::uint64_t>{64, 42}));
     EXPECT_EQ(handle->ioCallbackCount.load(), 6u);

@@ -42,36 +42,45 @@ class IsolatedProviderTest : public ::testing::Test {
     }
     std::shared_ptr<IsolatedTonaviTapProvider> makeProvider(const std::string& executable,
                                                             std::chrono::milliseconds readyTimeout = 10s) {
-        IsolatedTonaviTapProvider::Environment environment;
-        environment.mayCapture = [](std::string_view id) { return id != "com.rogueamoeba.Loopback"; };
-        environment.processGroup = [](const std::string& id) {
-            TonaviTapProvider::ProcessGroup group;
-            group.identity.objects = {41};
-            if (id != "com.example.silent")
-                group.objects = {41};
-            return group;
-        };
-        environment.defaultOutputUID = [this] { return locked([&] { return defaultOutput; }); };
-        environment.deviceID = [](const std::string& uid) { return uid.empty() ? 0u : 7u; };
-        environment.now = [this] { return now.load(); };
-        environment.uptime = [this] { return uptime.load(); };
-        environment.executable = executable;
-        environment.readyTimeout = readyTimeout;
-        auto provider = std::make_shared<IsolatedTonaviTapProvider>(environment);
-        ServiceTapProvider::Hooks hooks;
-        hooks.workerState = [this](const std::string& id) {
-            TapWorkerState state;
-            state.app = AppAudioState(id);
-            state.app.volume = locked([&] { return volume; });
-            return state;
-        };
-        hooks.tapFailed = [this](const std::string& id, const std::string& message,
-                                 const TapHandlePtr& handle) {
-            locked([&] { failures.push_back({id, message, handle}); });
-        };
-        hooks.heard = [this](const std::string&) { ++activity; };
-        provider->setHooks(std::move(hooks));
+        auto provider = std::make_shared<IsolatedTonaviTapProvider>(IsolatedTonaviTapProvider::Environment{
+            .mayCapture = [](std::string_view id) { return id != "com.rogueamoeba.Loopback"; },
+            .processGroup =
+                [](const std::string& id) {
+                    TonaviTapProvider::ProcessGroup group;
+                    group.identity.objects = {41};
+                    if (id != "com.example.silent")
+                        group.objects = {41};
+                    return group;
+                },
+            .defaultOutputUID = [this] { return locked([&] { return defaultOutput; }); },
+            .deviceID = [](const std::string& uid) { return uid.empty() ? 0u : 7u; },
+            .now = [this] { return now.load(); },
+            .uptime = [this] { return uptime.load(); },
+            .executable = executable,
+            .readyTimeout = readyTimeout});
+        provider->setHooks(
+            {.workerState =
+                 [this](const std::string& id) {
+                     TapWorkerState state;
+                     state.app = AppAudioState(id);
+                     state.app.volume = locked([&] { return volume; });
+                     return state;
+                 },
+             .heard = [this](const std::string&) { ++activity; },
+             .tapFailed =
+                 [this](const std::string& id, const std::string& message, const TapHandlePtr& handle) {
+                     locked([&] { failures.push_back({id, message, handle}); });
+                 }});
         return provider;
+    }
+    // What the provider mirrors of a worker's metrics, in one line.
+    static std::string metrics(ServiceTapProvider& p, const std::string& id) {
+        const auto frames = p.bufferFrames(id).value_or(ServiceTapProvider::BufferFrames{});
+        std::ostringstream out;
+        out << p.sampleRate(id) << " Hz, " << frames.tap << "/" << frames.output << " frames, "
+            << p.sourceDevice(id).value_or("-") << " -> " << p.targetDevice(id).value_or("-") << ", level "
+            << p.level(id);
+        return out.str();
     }
     std::string log() const { return folder.read("service.log"); }
     bool logged(const std::string& line) const { return log().find(line) != std::string::npos; }
@@ -96,14 +105,9 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     auto handle = std::dynamic_pointer_cast<IsolatedTapHandle>(provider->createTap("com.example.player"));
     ASSERT_TRUE(handle);
     EXPECT_EQ(provider->liveHandle("com.example.player"), handle);
-    EXPECT_EQ(provider->sampleRate("com.example.player"), 48000.0);
-    const auto frames =
-        provider->bufferFrames("com.example.player").value_or(ServiceTapProvider::BufferFrames{});
-    EXPECT_EQ(std::pair(frames.tap, frames.output), std::pair(128, 512));
-    EXPECT_EQ(provider->sourceDevice("com.example.player").value_or("") + " " +
-                  provider->targetDevice("com.example.player").value_or(""),
-              "Speakers Headphones");
-    EXPECT_EQ(provider->sampleRate("com.example.other"), 0.0);
+    EXPECT_EQ(metrics(*provider, "com.example.player"),
+              "48000 Hz, 128/512 frames, Speakers -> Headphones, level 0");
+    EXPECT_EQ(metrics(*provider, "com.example.other"), "0 Hz, 0/0 frames, - -> -, level 0");
     now = 1005.0;
     EXPECT_EQ(provider->secondsSinceRawAudio("com.example.player"), 5.0)
         << "no sound yet: counted from creation";
@@ -141,10 +145,8 @@ printf '{"kind":"what"}\n{"kind":"ready","outputBufferFrames":256}\n'
 while read line; do case "$line" in *stop*) exit 0;; esac; done)"));
     auto handle = provider->createTap("com.example.player");
     ASSERT_TRUE(handle);
-    EXPECT_EQ(provider->sampleRate("com.example.player"), 0.0) << "a mistyped field is not believed";
-    EXPECT_EQ(provider->bufferFrames("com.example.player").value_or(ServiceTapProvider::BufferFrames{}).tap,
-              64);
-    EXPECT_FLOAT_EQ(provider->level("com.example.player"), 0.9f);
+    // A mistyped field is not believed.
+    EXPECT_EQ(metrics(*provider, "com.example.player"), "0 Hz, 64/256 frames,  -> , level 0.9");
     EXPECT_EQ(activity.load(), 1);
     provider->destroyTap(handle);
 }
