@@ -883,7 +883,8 @@ namespace tonavi {
 
 std::vector<BluetoothRegistryEntry> SimMachine::bluetoothRegistry() {
     std::vector<BluetoothRegistryEntry> entries;
-    for (const auto& d : world()->devices) {
+    const auto snapshot = world(); // held for the loop, not freed by the range expression
+    for (const auto& d : snapshot->devices) {
         const bool bluetooth = d.transport == kAudioDeviceTransportTypeBluetooth ||
                                d.transport == kAudioDeviceTransportTypeBluetoothLE;
         if (!bluetooth || !(d.bluetoothBattery || d.bluetoothCodec || d.bluetoothRSSI))

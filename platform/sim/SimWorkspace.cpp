@@ -24,14 +24,18 @@ SimWorkspace::~SimWorkspace() {
 
 std::vector<RunningApplication> SimWorkspace::runningApplications() {
     std::vector<RunningApplication> apps;
-    for (const auto& a : machine_->world()->applications)
+    // Hold the snapshot: a temporary in the range expression would be freed before the loop runs.
+    const auto world = machine_->world();
+    for (const auto& a : world->applications)
         apps.push_back(toRunning(a));
     return apps;
 }
 
 std::vector<RunningApplication> SimWorkspace::runningApplications(const std::string& bundleIdentifier) {
     std::vector<RunningApplication> apps;
-    for (const auto& a : machine_->world()->applications)
+    // Hold the snapshot: a temporary in the range expression would be freed before the loop runs.
+    const auto world = machine_->world();
+    for (const auto& a : world->applications)
         if (a.bundleID == bundleIdentifier)
             apps.push_back(toRunning(a));
     return apps;

@@ -72,7 +72,8 @@ inline AudioDeviceIOProcID startIO(AudioHardware& audio, AudioObjectID device, A
 
 // The process object of a running application on a simulated machine, or 0.
 inline AudioObjectID processOf(SimMachine& machine, const std::string& bundleID) {
-    for (const auto& p : machine.world()->processes)
+    const auto world = machine.world();
+    for (const auto& p : world->processes)
         if (p.bundleID == bundleID)
             return p.id;
     return 0;

@@ -45,7 +45,8 @@ struct SimLaptop {
             throw std::runtime_error(error);
     }
     AudioObjectID processObject(const std::string& bundleID) const {
-        for (const auto& p : machine->world()->processes)
+        const auto world = machine->world();
+        for (const auto& p : world->processes)
             if (p.bundleID == bundleID)
                 return p.id;
         return 0;
