@@ -37,17 +37,7 @@ void HeadphoneEQ::process(std::span<float> buffer) {
     if (!active_) {
         return;
     }
-    // The signal stays in double between filters, as in a per-sample cascade.
-    double block[BiquadCascade::blockSize];
-    for (std::size_t start = 0; start < buffer.size(); start += BiquadCascade::blockSize) {
-        const std::size_t n = std::min(BiquadCascade::blockSize, buffer.size() - start);
-        float* const samples = buffer.data() + start;
-        for (std::size_t i = 0; i < n; ++i)
-            block[i] = static_cast<double>(samples[i]) * preampLinear_;
-        BiquadCascade::process(cascade_, std::span<double>(block, n));
-        for (std::size_t i = 0; i < n; ++i)
-            samples[i] = static_cast<float>(block[i]);
-    }
+    BiquadCascade::processFloat(cascade_, buffer, preampLinear_);
 }
 
 } // namespace kavore

@@ -1,5 +1,7 @@
 #include "audio/primitives/BiquadCascade.hpp"
 
+#include <algorithm>
+
 namespace kavore::BiquadCascade {
 
 namespace {
@@ -55,6 +57,19 @@ void process(std::span<Biquad> sections, std::span<double> block) {
         break;
     default:
         break;
+    }
+}
+
+void processFloat(std::span<Biquad> sections, std::span<float> buffer, double gain) {
+    double block[blockSize];
+    for (std::size_t start = 0; start < buffer.size(); start += blockSize) {
+        const std::size_t n = std::min(blockSize, buffer.size() - start);
+        float* const samples = buffer.data() + start;
+        for (std::size_t i = 0; i < n; ++i)
+            block[i] = static_cast<double>(samples[i]) * gain;
+        process(sections, std::span<double>(block, n));
+        for (std::size_t i = 0; i < n; ++i)
+            samples[i] = static_cast<float>(block[i]);
     }
 }
 

@@ -12,10 +12,14 @@
 
 namespace kavore::BiquadCascade {
 
-// A block size for callers that stage float buffers in double on the stack.
+// How many samples processFloat stages in double on the stack at a time.
 inline constexpr std::size_t blockSize = 256;
 
 // Filters the block in place and advances every section's memory.
 void process(std::span<Biquad> sections, std::span<double> block);
+
+// Scales a float buffer by `gain` and filters it in place. The signal stays in double between
+// sections, as in a per-sample cascade; no allocation.
+void processFloat(std::span<Biquad> sections, std::span<float> buffer, double gain);
 
 } // namespace kavore::BiquadCascade
