@@ -1,6 +1,7 @@
 // Construction, the warm-up, timers, sleep and wake, tap work and persistence of TonaviRuntime.
 
 #include "service/TonaviRuntime.hpp"
+#include "service/RuntimeCallbacks.hpp"
 
 #include "base/Log.hpp"
 #include "service/UnavailableTapProvider.hpp"
@@ -13,21 +14,12 @@ namespace tonavi {
 
 namespace {
 
-std::chrono::nanoseconds seconds(double s) {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
-}
-
 double systemSecondsSince1970() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
 // Runs `body` with the runtime if it still exists. Every closure handed to another object or queue
 // goes through this, so it holds the runtime weakly.
-template <class Body> void withRuntime(const std::weak_ptr<TonaviRuntime*>& weak, Body&& body) {
-    if (auto anchor = weak.lock())
-        body(**anchor);
-}
-
 } // namespace
 
 std::string TonaviRuntime::versionFromEnvironment() {

@@ -3,6 +3,7 @@
 // except the hardware probe, which runs on its own queue and hands its result back.
 
 #include "service/TonaviRuntime.hpp"
+#include "service/RuntimeCallbacks.hpp"
 #include "service/taps/TonaviTapProvider.hpp"
 
 #include "base/Log.hpp"
@@ -24,15 +25,6 @@ namespace tonavi {
 namespace {
 
 constexpr const char* supersededText = "superseded by a newer output selection";
-
-template <class Body> void withRuntime(const std::weak_ptr<TonaviRuntime*>& weak, Body&& body) {
-    if (auto anchor = weak.lock())
-        body(**anchor);
-}
-
-std::chrono::nanoseconds seconds(double s) {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
-}
 
 // What the reconnection pass and output resolution ask of Bluetooth devices: nothing, so that
 // they never wait on a slow source.

@@ -2,6 +2,7 @@
 // rebuilds or lets go of taps whose ground moved.
 
 #include "service/TonaviRuntime.hpp"
+#include "service/RuntimeCallbacks.hpp"
 
 #include "base/Log.hpp"
 #include "core/engine/RouteRefreshPolicy.hpp"
@@ -14,11 +15,6 @@
 namespace tonavi {
 
 namespace {
-
-template <class Body> void withRuntime(const std::weak_ptr<TonaviRuntime*>& weak, Body&& body) {
-    if (auto anchor = weak.lock())
-        body(**anchor);
-}
 
 } // namespace
 

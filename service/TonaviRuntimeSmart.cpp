@@ -4,6 +4,7 @@
 // the cached snapshots and carries the plan out on the engine.
 
 #include "service/TonaviRuntime.hpp"
+#include "service/RuntimeCallbacks.hpp"
 
 #include "base/Log.hpp"
 #include "core/smart/SmartTickPolicy.hpp"
@@ -16,17 +17,8 @@ namespace tonavi {
 
 namespace {
 
-template <class Body> void withRuntime(const std::weak_ptr<TonaviRuntime*>& weak, Body&& body) {
-    if (auto anchor = weak.lock())
-        body(**anchor);
-}
-
 constexpr auto smartNudgeDelay = std::chrono::milliseconds(60);
 constexpr auto smartTimerLeeway = std::chrono::milliseconds(250);
-
-std::chrono::nanoseconds seconds(double s) {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
-}
 
 } // namespace
 
