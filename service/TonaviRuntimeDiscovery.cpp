@@ -14,10 +14,6 @@
 
 namespace tonavi {
 
-namespace {
-
-} // namespace
-
 // MARK: Process discovery
 
 void TonaviRuntime::refreshAudioSnapshotsIfNeeded(bool force) {
