@@ -98,6 +98,8 @@ class TonaviRuntime {
     };
 
     // The waits of the warm-up: a probe faster than this ends it; at most this many probes.
+    // The depth of the manual duck, in decibels; 0 when it is off.
+    static constexpr double manualDuckDepthDB = -15.0;
     static constexpr double warmUpFastProbeSeconds = 0.05;
     static constexpr int warmUpMaxProbes = 40;
     static constexpr double warmUpRetrySeconds = 0.5;

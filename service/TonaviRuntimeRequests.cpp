@@ -346,7 +346,7 @@ TonaviReply TonaviRuntime::setStageMode(bool on) {
 }
 
 TonaviReply TonaviRuntime::setManualDuck(bool on) {
-    engine_->setManualDuckDB(on ? -15.0 : 0.0);
+    engine_->setManualDuckDB(on ? manualDuckDepthDB : 0.0);
     manualDuckOn_ = on;
     if (coreAudioReady_.load())
         smartTick();

@@ -125,7 +125,7 @@ void TonaviRuntime::smartTick() {
         }
     }
     inputs.hasHardwareVolume = hardwareSnapshot_.outputHardwareVolume.has_value();
-    inputs.manualDuckDB = manualDuckOn_ ? -15.0 : 0.0;
+    inputs.manualDuckDB = manualDuckOn_ ? manualDuckDepthDB : 0.0;
     inputs.soloActive = engine_->soloActive();
     inputs.soloedBundleIDs = engine_->soloedBundleIDs().value_or(IDSet{});
     inputs.frontmost = [this] { return frontmostBundleID(); };
