@@ -732,10 +732,7 @@ void PipeWireAudioHardware::routeLocked() {
                 const pid_t pid = pidOfNode(g, n);
                 if (std::find(tap.pids.begin(), tap.pids.end(), pid) == tap.pids.end())
                     continue;
-                auto meta = g.nodeMetadata.find(global);
-                const std::string current = meta != g.nodeMetadata.end() && meta->second.count("target.object")
-                                                ? meta->second.at("target.object")
-                                                : std::string();
+                const std::string current = g.targetOf(global);
                 // A stream goes to one sink only: when two taps hold the same process (a tap being
                 // replaced, in this process or another), the newest sink keeps it. Taking it back
                 // would make both makers rewrite the entry in turn, and the session manager relink
@@ -751,10 +748,7 @@ void PipeWireAudioHardware::routeLocked() {
         }
         // A write is done when the entry shows it; one that never shows is retried after a while.
         std::erase_if(pendingTargets_, [&](const auto& p) {
-            auto meta = g.nodeMetadata.find(p.first);
-            return !g.nodes.count(p.first) ||
-                   (meta != g.nodeMetadata.end() && meta->second.count("target.object") &&
-                    meta->second.at("target.object") == p.second.serial);
+            return !g.nodes.count(p.first) || g.targetOf(p.first) == p.second.serial;
         });
         return 0;
     });
@@ -775,11 +769,8 @@ void PipeWireAudioHardware::unrouteLocked(Tap& tap) {
         return sink ? sink->prop("object.serial") : std::string();
     });
     for (std::uint32_t node : tap.movedNodes) {
-        const bool ours = connection_->read([&](const PipeWireGraph& g) {
-            auto meta = g.nodeMetadata.find(node);
-            return meta != g.nodeMetadata.end() && meta->second.count("target.object") &&
-                   meta->second.at("target.object") == serial;
-        });
+        const bool ours = !serial.empty() &&
+                          connection_->read([&](const PipeWireGraph& g) { return g.targetOf(node) == serial; });
         if (ours)
             connection_->setMetadata("default", node, "target.object", nullptr, nullptr);
         pendingTargets_.erase(node);

@@ -107,6 +107,14 @@ const PipeWireGraph::Client* PipeWireGraph::clientOfNode(const Node& node) const
     return it == clients.end() ? nullptr : &it->second;
 }
 
+std::string PipeWireGraph::targetOf(std::uint32_t node) const {
+    auto meta = nodeMetadata.find(node);
+    if (meta == nodeMetadata.end())
+        return {};
+    auto target = meta->second.find("target.object");
+    return target == meta->second.end() ? std::string() : target->second;
+}
+
 std::string PipeWireGraph::defaultNodeName(const std::string& key) const {
     auto it = defaults.find(key);
     if (it == defaults.end())

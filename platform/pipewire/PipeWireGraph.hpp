@@ -65,6 +65,8 @@ struct PipeWireGraph {
     const Client* clientOfNode(const Node& node) const;
     // The node.name inside a default entry's JSON value ({"name":"speakers"}).
     std::string defaultNodeName(const std::string& key) const;
+    // The node's "target.object" metadata entry (a sink's object.serial), empty when it has none.
+    std::string targetOf(std::uint32_t node) const;
     std::uint32_t setting(const std::string& key, std::uint32_t fallback) const;
     // The Core Audio transport word of a device node, from device.api and device.bus (of the node,
     // else of its device), its factory and its name.
