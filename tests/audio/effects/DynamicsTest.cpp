@@ -51,17 +51,15 @@ double expectedReductionDB(double stepDB, double t) {
 TEST(OneKnobCompressor, StaticCurveVoicingsAndAttack) {
     OneKnobCompressor c;
     c.configure(CompressorSettings(1.0, CompressorVoicing::music, true), 48000);
-    // Threshold -32, ratio 6, makeup 32 * (5/6) * 0.25 = 6.667 dB. Far above the knee a steady
-    // -6.02 dBFS comes out at T + (L - T) / R + makeup = -21.00 dBFS.
-    auto loud = square(48000, 0.5f);
-    c.process(loud);
-    EXPECT_NEAR(dbRatio(std::fabs(loud.back()), 1.0), -21.003, 0.01);
-    EXPECT_NEAR(c.gainReductionDB(), 21.65, 0.01);
-    // Far below the knee only the makeup acts, once the envelope has released.
-    auto quiet = square(96000, 0.001f);
-    c.process(quiet);
-    EXPECT_NEAR(dbRatio(std::fabs(quiet.back()), 0.001), 6.667, 0.01);
-    EXPECT_NEAR(c.gainReductionDB(), 0.0, 1e-9);
+    // Threshold -32, ratio 6, makeup 32 * (5/6) * 0.25 = 6.667 dB; the curve itself is the exact-formula
+    // sweep's. A steady -6.02 dBFS is reduced by T + (L - T) / R - L = 21.65 dB, and silence by nothing.
+    EXPECT_EQ(std::make_pair(c.thresholdDB(), c.ratio()), std::make_pair(-32.0, 6.0));
+    EXPECT_NEAR(dbRatio(c.makeupLinear(), 1.0), 6.667, 0.001);
+    for (const auto& [amplitude, reductionDB] : {std::pair{0.5f, 21.65}, {0.001f, 0.0}}) {
+        auto steady = square(96000, amplitude);
+        c.process(steady);
+        EXPECT_NEAR(c.gainReductionDB(), reductionDB, 0.01) << amplitude;
+    }
 
     c.configure(CompressorSettings(0.001, CompressorVoicing::voice, true), 48000);
     EXPECT_FALSE(c.active());
