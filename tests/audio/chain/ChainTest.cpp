@@ -109,7 +109,9 @@ TEST(RenderChain, CorruptSettingsGiveNeutralEffects) {
     } cases[] = {
         {EffectKind::eq10, "not json"},
         {EffectKind::compressor, R"({"amount":1,"enabled":true})"},
+        {EffectKind::magicBoost, R"({"amount":"1","enabled":true})"},
         {EffectKind::headphoneEQ, R"({"id":"x","name":"y","preampDB":-6})"},
+        {EffectKind::balancePan, R"({"balance":1})"},
         {EffectKind::noiseSuppressor, "[1,2]"},
         // Well formed, the same keys do change the audio: the fallback, not a silent processor.
         {EffectKind::balancePan, R"({"balance":1,"enabled":true})", false},
