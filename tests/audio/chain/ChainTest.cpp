@@ -281,7 +281,8 @@ TEST(EffectSettingsJSON, EqualiserIsNormalisedAndAmountsAreClampedInCodeButKeptF
          {R"({"amount": 1, "voicing": "opera", "enabled": true})", R"({"amount": 1, "enabled": true})"})
         EXPECT_THROW(compressorSettingsFromJSON(json::parse(bad)), JSONDecodeError) << bad;
     EXPECT_THROW(levelerSettingsFromJSON(json{{"amount", 0.5}}), JSONDecodeError);
-    EXPECT_THROW(balancePanSettingsFromJSON(json::parse(R"({"balance": "0.5", "enabled": true})")), JSONDecodeError);
+    EXPECT_THROW(balancePanSettingsFromJSON(json::parse(R"({"balance": "0.5", "enabled": true})")),
+                 JSONDecodeError);
     EXPECT_THROW(noiseSuppressorSettingsFromJSON(json::parse(R"({"enabled": true})")), JSONDecodeError);
 }
 

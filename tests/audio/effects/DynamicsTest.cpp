@@ -186,8 +186,8 @@ TEST(NoiseSuppressor, AmountSetsThresholdFloorSlopeAndTheHissShelf) {
     full.configure(NoiseSuppressorSettings(1.0, true), rate);
     half.configure(NoiseSuppressorSettings(0.5, true), rate);
     off.configure(NoiseSuppressorSettings(0.8, false), rate);
-    EXPECT_EQ(std::make_tuple(full.thresholdDB(), full.floorDB(), full.slope(), half.thresholdDB(), half.floorDB(),
-                              half.slope(), half.hissActive(), off.active()),
+    EXPECT_EQ(std::make_tuple(full.thresholdDB(), full.floorDB(), full.slope(), half.thresholdDB(),
+                              half.floorDB(), half.slope(), half.hissActive(), off.active()),
               std::make_tuple(-30.0, -40.0, 4.0, -45.0, -29.0, 2.5, false, false));
     EXPECT_NEAR(full.hissLeft().magnitudeDB(rate / 2.0, rate), -6.0, 0.01);
 }

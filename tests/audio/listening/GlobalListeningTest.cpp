@@ -167,7 +167,6 @@ TEST(GlobalListeningSettingsJSON, GoldenDocumentTolerantReadingAndValidation) {
     const json three = json::array({toJSON(auSlot("1")), toJSON(auSlot("2")), toJSON(auSlot("3"))});
     EXPECT_EQ(ids(globalListeningSettingsFromJSON(json{{"audioUnitSlots", three}}).audioUnitSlots),
               (std::vector<std::string>{"1", "2"}));
-
 }
 
 TEST(GlobalListeningEQ, EachChannelKeepsItsOwnFiltersAndEveryKindStaysBelowNyquist) {
