@@ -37,8 +37,7 @@ StereoBuffer programme() {
 StereoBuffer tone(double amplitude) {
     StereoBuffer b{};
     for (std::size_t i = 0; i < b.size(); ++i)
-        b[i] =
-            static_cast<float>(amplitude * std::sin(2.0 * 3.141592653589793 * 997.0 * double(i / 2) / kRate));
+        b[i] = static_cast<float>(amplitude * std::sin(0.1305 * double(i / 2))); // about 997 Hz at 48 kHz
     return b;
 }
 
@@ -134,7 +133,6 @@ BENCHMARK_CAPTURE(runChain, BM_BypassedChain, neutralChain(true), false);
 namespace {
 
 using namespace tonavi;
-using kavore::bench::slot;
 
 class BenchTaps : public TapProviding {
   public:
@@ -145,20 +143,13 @@ class BenchTaps : public TapProviding {
 const std::string appID = "com.example.player";
 
 // A unity app leaves the buffer alone and a muted one silences it: neither needs a refill between
-// cycles. The chain does, outside the timing, and runs under the loudness guard.
+// cycles. The whole chain does, outside the timing, and runs under the loudness guard.
 void renderUnchanging(benchmark::State& state, bool muted, bool chain) {
     TonaviConfig config;
     config.apps = {AppAudioState(appID)};
     config.apps[0].muted = muted;
-    if (chain) {
-        config.apps[0].volume = 0.5;
-        config.apps[0].chain.slots = {
-            slot("eq", EffectKind::eq10, toJSON(EQ10Settings({3, 2, 1, 0, -1, -2, 0, 1, 2, 3}, -2.0, true))),
-            slot("comp", EffectKind::compressor,
-                 toJSON(CompressorSettings(0.6, CompressorVoicing::music, true))),
-            slot("pan", EffectKind::balancePan, toJSON(BalancePanSettings(0.3, true))),
-            slot("nr", EffectKind::noiseSuppressor, toJSON(NoiseSuppressorSettings(0.7, true)))};
-    }
+    if (chain)
+        config.apps[0].volume = 0.5, config.apps[0].chain = bench::fullChainSettings();
     auto engine = std::make_unique<EngagementEngine>(config, std::make_shared<BenchTaps>(),
                                                      AutoDirectList::bundled(), 48000.0, false);
     engine->setForceEngaged({appID}, {}); // reconciles: the app gets its tap

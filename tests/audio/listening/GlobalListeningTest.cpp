@@ -69,7 +69,6 @@ TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClampsAndList
     const double inf = std::numeric_limits<double>::infinity();
     EXPECT_EQ(ListeningEQBand("x", bell, std::numeric_limits<double>::quiet_NaN(), inf, -inf),
               ListeningEQBand("x", bell));
-    EXPECT_THROW(listeningEQBandFromJSON(json{{"kind", "bell"}}), JSONDecodeError);
     EXPECT_THROW(listeningEQBandFromJSON(json{{"id", "x"}, {"kind", "notch"}}), JSONDecodeError);
 
     // The band list reads whole or not at all, and keeps sixteen.
@@ -82,7 +81,6 @@ TEST(ListeningEQBandJSON, MissingOrOutOfRangeNumbersTakeDefaultsAndClampsAndList
 
     json withBadBand = json::array({band({{"gainDB", 3}}), json{{"kind", "bell"}}});
     EXPECT_EQ(listeningEQSettingsFromJSON(json{{"bands", withBadBand}}), ListeningEQSettings::flat());
-    EXPECT_EQ(listeningEQSettingsFromJSON(json{{"bands", 3}}), ListeningEQSettings::flat());
     EXPECT_TRUE(listeningEQSettingsFromJSON(json{{"bands", json::array()}}).bands.empty());
 }
 
@@ -97,7 +95,7 @@ TEST(ListeningSettings, FlatEQIsNeutralUntilAPassFilterIsEnabledAndBalancerRecor
         eq.bands[2].gainDB = gain;
         EXPECT_EQ(eq.isNeutral(), neutral) << gain;
     }
-    eq = ListeningEQSettings::flat();
+    eq.bands[2].gainDB = 0.0;
     eq.bands.back().enabled = true;
     EXPECT_FALSE(eq.isNeutral()) << "a pass filter shapes the sound at 0 dB";
 
@@ -107,7 +105,6 @@ TEST(ListeningSettings, FlatEQIsNeutralUntilAPassFilterIsEnabledAndBalancerRecor
         {json::object(), ListeningBalancerSettings::defaults()},
         {{{"enabled", true}, {"targetDBFS", 0}, {"strengthPercent", 400}},
          ListeningBalancerSettings(true, -12, 100)},
-        {{{"targetDBFS", -90}}, ListeningBalancerSettings(false, -32, 50)},
         {{{"targetDBFS", "x"}, {"strengthPercent", -1}}, ListeningBalancerSettings(false, -20, 0)}};
     for (const auto& [j, expected] : cases)
         EXPECT_EQ(listeningBalancerSettingsFromJSON(j), expected) << j;
@@ -163,14 +160,11 @@ TEST(GlobalListeningSettingsJSON, GoldenDocumentTolerantReadingAndValidation) {
                                                          "balancer": "x", "audioUnitSlots": [1, 2]})")})
         EXPECT_EQ(globalListeningSettingsFromJSON(j), GlobalListeningSettings::off()) << j;
 
-    // One unreadable slot empties the list; the rest of the record survives.
+    // One unreadable slot empties the list; the rest of the record survives. Reading validates slots too.
     json slots = json::array({toJSON(auSlot("1")), json{{"id", "broken"}}});
-    const auto partial = globalListeningSettingsFromJSON(json{{"enabled", true}, {"audioUnitSlots", slots}});
-    EXPECT_TRUE(partial.enabled);
-    EXPECT_TRUE(partial.audioUnitSlots.empty());
-
-    // Reading validates slots too.
-    json three = json::array({toJSON(auSlot("1")), toJSON(auSlot("2")), toJSON(auSlot("3"))});
+    EXPECT_EQ(globalListeningSettingsFromJSON(json{{"enabled", true}, {"audioUnitSlots", slots}}),
+              GlobalListeningSettings(true, ListeningEQSettings::flat(), {}, {}));
+    const json three = json::array({toJSON(auSlot("1")), toJSON(auSlot("2")), toJSON(auSlot("3"))});
     EXPECT_EQ(ids(globalListeningSettingsFromJSON(json{{"audioUnitSlots", three}}).audioUnitSlots),
               (std::vector<std::string>{"1", "2"}));
 }

@@ -88,10 +88,7 @@ TEST(DriftCorrector, RatioFollowsAClampedMeasurementAndResampleCarriesPosition) 
     EXPECT_NEAR(fast.fractional(), 0.2, 1e-12);
     EXPECT_FLOAT_EQ(fast.last(), 3.0f);
     const std::vector<float> b{4, 5, 6, 7};
-    const auto second = fast.resample(b, 2);
-    EXPECT_FLOAT_EQ(second[0], 4.2f);
-    EXPECT_FLOAT_EQ(second[1], 5.25f);
-    EXPECT_TRUE(fast.resample(b, 0).empty());
+    EXPECT_EQ(fast.resample(b, 2), (std::vector<float>{4.2f, 5.25f}));
 }
 
 // RMS rises with the attack and falls with the release; the peak decays unless beaten, and an empty
@@ -155,9 +152,7 @@ TEST(Biquad, DesignsHaveTheirGainDegenerateOnesPassAndRetuningKeepsState) {
         bool rendered;
     } cases[] = {
         {[](Biquad& f) { f.setPeaking(1000.0, rate, 6.0, 1.0); }, 1000.0, 6.0, 0.005, true},
-        {[](Biquad& f) { f.setLowShelf(1000.0, rate, 6.0, 0.707); }, 0.0, 6.0, 0.005, false},
         {[](Biquad& f) { f.setLowShelf(1000.0, rate, 6.0, 0.707); }, 1000.0, 3.0, 0.005, false},
-        {[](Biquad& f) { f.setHighShelf(1000.0, rate, -6.0, 0.707); }, 1000.0, -3.0, 0.005, false},
         {[](Biquad& f) { f.setHighShelf(1000.0, rate, -6.0, 0.707); }, rate / 2.0, -6.0, 0.005, false},
         {[q](Biquad& f) { f.setLowpass(1000.0, rate, q); }, 1000.0, -3.01, 0.01, false},
         {[q](Biquad& f) { f.setLowpass(30000.0, rate, q); }, 21600.0, -3.01, 0.01, false},
@@ -272,14 +267,11 @@ TEST(ProcessTapHelpers, SelectorPrefersTheLastStereoStreamAndMapperFeedsMonoAndW
     EXPECT_EQ(ProcessTapBufferSelector::index(Counts{2, 1, 2, 6}), 2u);
     EXPECT_EQ(ProcessTapBufferSelector::index(Counts{4, 1, 0}), 1u);
     EXPECT_EQ(ProcessTapBufferSelector::index(Counts{0, 0}), std::nullopt);
-    EXPECT_EQ(ProcessTapBufferSelector::index(Counts{}), std::nullopt);
     EXPECT_EQ(ProcessTapBufferSelector::inputStreamUsage(Counts{2, 2, 1}),
               (std::vector<std::uint32_t>{0, 1, 0}));
-    EXPECT_EQ(ProcessTapBufferSelector::inputStreamUsage(Counts{0, 0}), (std::vector<std::uint32_t>{0, 0}));
     // Within the device's range; an unknown (zero) or inverted range takes what is asked.
     for (const auto& [low, high, asked, expected] : {std::tuple{64, 4096, 16, 64},
                                                      {64, 4096, 8192, 4096},
-                                                     {64, 4096, 512, 512},
                                                      {0, 4096, 8192, 8192},
                                                      {512, 256, 8192, 8192}})
         EXPECT_EQ(ProcessTapBufferSelector::preferredFrameSize(low, high, asked), expected)
