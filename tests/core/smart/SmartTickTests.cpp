@@ -1,7 +1,6 @@
 #include "core/smart/AudioOnsetPolicy.hpp"
 #include "core/smart/AudioOnsetTrail.hpp"
 #include "core/smart/FollowMePolicy.hpp"
-#include "core/smart/LoudnessGuardPolicy.hpp"
 #include "core/smart/MicFollowPolicy.hpp"
 #include "core/smart/SmartTickPolicy.hpp"
 
@@ -103,8 +102,6 @@ TEST(SmartTick, LeftAloneAndCapturingAppsAreProtectedInTheSamePass) {
     auto plan = p.run({spotify, safari, live, zoom}, {zoom});
     EXPECT_EQ(plan.smartProtected, (BundleIDSet{live, spotify, zoom}));
     EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{std::nullopt, 0.0}));
-    p.front = zoom;
-    EXPECT_EQ(p.run({spotify, safari, zoom}, {zoom}).followMe->hero, std::nullopt);
     p.front = safari;
     plan = p.run({spotify, safari, zoom}, {zoom});
     EXPECT_EQ(plan.followMe->hero, safari);
@@ -242,14 +239,6 @@ TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
         EXPECT_EQ(FollowMePolicy::hero(frontmost, audible, held, refuse), hero) << frontmost.value_or("-");
 }
 
-TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
-    const std::tuple<Transport, const char*, bool> cases[] = {{Transport::usb, "JBL Speaker", false},
-                                                              {Transport::bluetooth, "JBL Speaker", true},
-                                                              {Transport::builtin, "External HEADSET", true}};
-    for (const auto& [transport, name, protectedOutput] : cases)
-        EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(transport, name), protectedOutput) << name;
-}
-
 TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
     const std::vector<InputCandidate> inputs{
         {"X:input", Transport::bluetooth, {}},
@@ -296,9 +285,8 @@ std::vector<std::string> ids(const std::vector<AudioOnset>& onsets) {
 }
 
 TEST(AudioOnsetPolicy, AgoText) {
-    const std::pair<double, const char*> cases[] = {{0.4, "1s ago"},    {-3, "1s ago"}, {1.5, "2s ago"},
-                                                    {59.6, "60s ago"},  {60, "1m ago"}, {3599, "59m ago"},
-                                                    {86400, "24h ago"}, {NAN, "1s ago"}};
+    const std::pair<double, const char*> cases[] = {
+        {-3, "1s ago"}, {59.6, "60s ago"}, {60, "1m ago"}, {86400, "24h ago"}, {NAN, "1s ago"}};
     for (const auto& [seconds, text] : cases)
         EXPECT_EQ(AudioOnsetPolicy::agoText(seconds), text) << seconds;
 }
