@@ -159,7 +159,6 @@ TEST(OutputGroupIdentity, ValidationNamesTheFirstFailedRule) {
     const std::string self = OutputGroupIdentity::aggregateDeviceUID("g");
     const std::vector<std::tuple<OutputGroup, std::optional<Kind>>> cases{
         {outputGroup("g", " \n\t", {"a", "b"}), Kind::emptyName},
-        {outputGroup("g", "", {}), Kind::emptyName},
         {outputGroup("g", "Desk", {"a"}), Kind::tooFewMembers},
         {outputGroup("g", "Desk", {"a", ""}), Kind::emptyMemberUID},
         {outputGroup("g", "Desk", {"a", "b", "a"}), Kind::duplicateMemberUID},
