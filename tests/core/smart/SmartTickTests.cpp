@@ -239,25 +239,6 @@ TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
         EXPECT_EQ(FollowMePolicy::hero(frontmost, audible, held, refuse), hero) << frontmost.value_or("-");
 }
 
-TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
-    const std::vector<InputCandidate> inputs{
-        {"X:input", Transport::bluetooth, {}},
-        {"X:output", Transport::usb, {}}, // not Bluetooth: only an exact UID drops it
-        {"Y:input", Transport::usb, {}},
-        {"Z", Transport::bluetooth, {"X:output"}}, // related to the output-only headset
-        {"W", Transport::builtin, {"X:output"}}};
-    const std::tuple<BundleIDSet, std::vector<std::string>> cases[] = {
-        {{"X:output"}, {"Y:input", "W"}},
-        {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
-        {{"Y:input"}, {"X:input", "X:output", "Z", "W"}}};
-    for (const auto& [outputOnly, expected] : cases) {
-        std::vector<std::string> kept;
-        for (const auto& candidate : MicFollowPolicy::filtered(inputs, outputOnly))
-            kept.push_back(candidate.uid);
-        EXPECT_EQ(kept, expected) << *outputOnly.begin();
-    }
-}
-
 TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
     const InputCandidate usb{"usb", Transport::usb, {}}, builtin{"mac", Transport::builtin, {}},
         other{"odd", Transport::other, {}}, bt{"H:input", Transport::bluetooth, {}},
