@@ -352,11 +352,10 @@ TEST(ConfigSalvage, ScansStringsBracketsAndScalars) {
         {"cut off inside the array", "{\"apps\": [ { \"id\": \"a\" ", nullptr},
         {"a scalar needs a line feed, comma or brace after it", "\"groups\": 7", nullptr},
         {"a scalar ended by a brace", "\"groups\": \"g\"}", R"({"groups": "g"})"},
-        {"carriage return is not skipped", "\"apps\":\r\n[1]", nullptr},
         {"first occurrence at any depth; bracket kinds are not told apart",
          "{\"a\": {\"devices\": [1, {2]}, \"devices\": [3]", nullptr},
         {"found inside nested arrays", "[[{\"devices\": [\"x\"]}", R"({"devices": ["x"]})"},
-        {"not UTF-8", "\"apps\": [1] \xc3\x28", nullptr}};
+    };
     for (const auto& c : cases) {
         const auto found = TonaviConfigStore::salvageTopLevel(c.text);
         if (c.expected)
