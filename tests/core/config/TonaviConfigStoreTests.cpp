@@ -34,9 +34,6 @@ class ConfigStoreTest : public ::testing::Test {
     }
 
     fs::path corruptURL() const { return folder.path() / "state.corrupt-1700000000.json"; }
-    void failOn(FaultyFileSystem::Op op) {
-        files->shouldFail = [op](FaultyFileSystem::Op o, const fs::path&) { return o == op; };
-    }
 
     testing::TemporaryFolder folder;
     std::shared_ptr<FaultyFileSystem> files;
@@ -122,12 +119,6 @@ TEST_F(ConfigStoreTest, UnreadableFileIsRecoveredAndTheNextSaveReplacesIt) {
     files->shouldFail = nullptr;
     EXPECT_EQ(decodeTonaviConfig(readText(store.configURL())), testing::sampleConfig(1));
     EXPECT_EQ(decodeTonaviConfig(readText(store.previousURL())), testing::sampleConfig(1));
-}
-
-TEST_F(ConfigStoreTest, FirstRunSaveFailureRaises) {
-    failOn(FaultyFileSystem::Op::move);
-    EXPECT_THROW(store.load(), std::system_error);
-    EXPECT_FALSE(fs::exists(store.configURL()) || fs::exists(store.temporaryURL()));
 }
 
 // Every file operation of a save, made to fail in turn. The old file is backed up before it is
