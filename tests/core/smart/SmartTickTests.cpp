@@ -207,22 +207,6 @@ TEST(SmartTick, MicFollowCandidatesAndStageMode) {
     EXPECT_EQ(SmartTickPolicy::micFollowPick(config, true, devices), std::nullopt);
 }
 
-TEST(SmartTick, LiveStatusReportsTheLatestPass) {
-    Passes p;
-    p.config.smart.followMe = p.config.smart.loudnessGuard = p.config.smart.autoDuck = true;
-    p.config.smart.followMeBackgroundPercent = 30;
-    p.inputs.defaultOutputName = "AirPods";
-    p.inputs.defaultOutputTransport = Transport::bluetooth;
-    p.front = safari;
-    p.run({safari, spotify, zoom}, {zoom});
-    const auto status = SmartTickPolicy::liveStatus(
-        p.state, p.config.smart, {"AirPods", "Mic", [](const std::string& id) { return "<" + id + ">"; }});
-    // Mic follow is off: no input name.
-    const SmartLiveStatus expected{safari, "<" + safari + ">", true, "AirPods",
-                                   true,   {"<" + zoom + ">"}, 2,    {}};
-    EXPECT_EQ(status, expected);
-}
-
 using MicFollowPolicy::InputCandidate;
 using Opt = std::optional<std::string>;
 
