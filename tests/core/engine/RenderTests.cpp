@@ -279,6 +279,7 @@ TEST(GlobalListeningPolicy, DecidesInItsOrder) {
         {"com.apple.Music", &plain, protecting, true},
         {"hidden.app", nullptr, protecting, false},
         {"com.apple.Music", &bypassed, protecting, false},
+        {"com.apple.Music", &locked, protecting, false},
         {"com.apple.Music", &plain, leaveAlone, false},
         // A production tool is refused outright while music apps are protected; otherwise it gets
         // the treatment only when its own row asks for control.
