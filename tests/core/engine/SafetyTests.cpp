@@ -145,6 +145,7 @@ TEST(SafetyPolicies, CaptureLatencyAndDefaultMixerRules) {
     // A name matches a whole leading word, not a prefix of one.
     EXPECT_TRUE(DefaultMixerAppPolicy::includes("org.example.player", "Reason 12 Studio"));
     EXPECT_FALSE(DefaultMixerAppPolicy::includes("org.example.player", "Reasonable Player"));
+    EXPECT_TRUE(DefaultMixerAppPolicy::includes("com.microsoft.edgemac", "")); // by its ID alone
 }
 
 TEST(RouteRefreshPolicy, RebuildsWhenForcedDeadMovedOrBoundElsewhere) {
