@@ -218,7 +218,6 @@ TEST(TonaviReplyJSON, GoldenReplies) {
 
     const std::pair<const char*, const char*> bad[] = {
         {R"({"ok":true})", "TonaviReply: missing required key \"message\""},
-        {R"({"ok":"yes","message":""})", "TonaviReply: ok: expected a boolean, found a string"},
         {R"({"ok":true,"message":"","payload":"***"})", "TonaviReply: payload: not valid base64"},
         {R"({"ok":true,"message":"","status":{}})", "TonaviReply: status: missing required key"}};
     for (const auto& [doc, expectedError] : bad)
