@@ -7,18 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace tonavi;
 using namespace tonavi::testing;
-namespace fs = std::filesystem;
 
 namespace {
 

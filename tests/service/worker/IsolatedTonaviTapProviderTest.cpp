@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <sstream>
