@@ -7,18 +7,14 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace tonavi;
 using namespace tonavi::testing;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -41,7 +37,6 @@ class ControlServer : public ::testing::Test {
         ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
         return fd;
     }
-    std::string readLog() { return readText(harness.folder.path() / "service.log"); }
 
     RuntimeHarness harness;
     TonaviRuntime& runtime = harness.start();
@@ -68,7 +63,7 @@ TEST_F(ControlServer, ASocketOnlyItsOwnerMayUseAnswersOneFrameOnceAndClosesOnBad
     struct stat st {};
     ASSERT_EQ(::stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & (S_IFMT | 0777), S_IFSOCK | 0600u);
-    EXPECT_NE(readLog().find("tonavi control server listening at " + path), std::string::npos);
+    EXPECT_NE(harness.log().find("tonavi control server listening at " + path), std::string::npos);
     // A half-closed client still gets its reply; a second frame in the same write is never answered.
     const std::string frame = frameOf("{\"ping\":{}}");
     int fd = connectRaw();
@@ -93,7 +88,7 @@ TEST_F(ControlServer, ASocketOnlyItsOwnerMayUseAnswersOneFrameOnceAndClosesOnBad
     TonaviReply reply = TonaviChannel::send(path, TonaviRequest::ping(), 5);
     EXPECT_EQ(std::tuple(reply.ok, reply.message, reply.status.has_value()),
               std::tuple(true, "tonavi 9.9-test", false));
-    EXPECT_NE(readLog().find("tonavi control connection error: io error: frame too large"),
+    EXPECT_NE(harness.log().find("tonavi control connection error: io error: frame too large"),
               std::string::npos);
 }
 

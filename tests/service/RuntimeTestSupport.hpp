@@ -76,16 +76,9 @@ class RuntimeHarness {
 
     // A profiler read of the test's own stands in for the slow Bluetooth source.
     TonaviRuntime& start(BluetoothInfo::ProfilerRead profiler = {}) {
-        TonaviRuntime::Environment environment;
-        environment.bluetoothProfiler = std::move(profiler);
-        environment.version = "9.9-test";
-        environment.store = store;
-        environment.audio = machine;
-        environment.workspace = workspace;
-        environment.tapProvider = provider;
-        environment.clock = clock;
-        environment.wallClock = [this] { return wall.load(); };
-        runtime = std::make_unique<TonaviRuntime>(std::move(environment));
+        runtime = std::make_unique<TonaviRuntime>(TonaviRuntime::Environment{
+            "9.9-test", store, machine, workspace, provider, clock, [this] { return wall.load(); },
+            std::move(profiler)});
         return *runtime;
     }
     // Starts and lets the warm-up finish with a fast hardware.

@@ -13,10 +13,6 @@ namespace {
 
 const std::string agent = "com.example.SyncAgent";
 
-std::string logText() {
-    return readText(Log::filePath());
-}
-
 int occurrences(const std::string& text, const std::string& line) {
     int n = 0;
     for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
@@ -74,8 +70,8 @@ TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence)
     h.provider->idle[agent] = 20.5;
     watchdogPass(h);
     drainTapWork(h);
-    EXPECT_FALSE(rt.engine().hasTap(agent)) << logText();
-    EXPECT_EQ(occurrences(logText(), "tonavi: released idle output tap for " + agent), 1);
+    EXPECT_FALSE(rt.engine().hasTap(agent)) << h.log();
+    EXPECT_EQ(occurrences(h.log(), "tonavi: released idle output tap for " + agent), 1);
     // (A reconcile that was under way may still have made one, which the engine let go at once.)
     EXPECT_EQ(h.provider->taps.liveCount(), 0);
     const int calls = h.provider->taps.createCalls(agent);
@@ -121,18 +117,18 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
             "tonavi: self-heal rebuilding " + safari + " (" + reason + ", bounded retry)";
         watchdogPass(h);
         watchdogPass(h); // the same issue at the same moment waits for its delay
-        EXPECT_EQ(occurrences(logText(), "self-heal rebuilding"), reason.empty() ? 0 : 1);
+        EXPECT_EQ(occurrences(h.log(), "self-heal rebuilding"), reason.empty() ? 0 : 1);
         if (reason.empty())
             continue;
-        EXPECT_EQ(occurrences(logText(), line), 1);
+        EXPECT_EQ(occurrences(h.log(), line), 1);
 
         h.wall = h.wall + 2.0; // the first delay is over
         watchdogPass(h);
-        EXPECT_EQ(occurrences(logText(), line), 2);
+        EXPECT_EQ(occurrences(h.log(), line), 2);
 
         h.wall = h.wall + 7.0; // discovery older than six seconds is no basis for rebuilding
         watchdogPass(h);
-        EXPECT_EQ(occurrences(logText(), line), 2);
+        EXPECT_EQ(occurrences(h.log(), line), 2);
     }
 }
 

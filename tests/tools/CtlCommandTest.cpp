@@ -18,7 +18,7 @@ using tonavi::testing::sampleStatus;
 using R = TonaviRequest;
 using Words = std::vector<std::string>;
 
-TEST(CtlCommand, WrongWordsAreRefusedWithWhatIsWrong) {
+TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
     const std::string level = " give 0...1 or 0%...100%";
     const std::pair<Words, std::string> cases[] = {
         {{}, "no command given"},
@@ -28,12 +28,10 @@ TEST(CtlCommand, WrongWordsAreRefusedWithWhatIsWrong) {
         {{"volume", "Music"},
          "volume takes an application and a level, e.g. volume Music 0.5 (tonavictl help)"},
         {{"volume", "Music", "loud"}, "volume level \"loud\" is not a number;" + level},
-        {{"volume", "Music", "0.5x"}, "volume level \"0.5x\" is not a number;" + level},
         {{"volume", "Music", "nan"}, "volume level \"nan\" is not a number;" + level},
         {{"volume", "Music", "1.5"}, "volume level 1.5 is out of range;" + level},
         {{"volume", "Music", "150%"}, "volume level 150% is out of range;" + level},
         {{"boost", "Music", "5"}, "boost factor 5 is out of range; give 1...4"},
-        {{"boost", "Music", "2%"}, "boost factor \"2%\" is not a number; give 1...4"},
         {{"mute", "Music", "Safari"}, "mute takes one application (tonavictl help)"},
         {{"stage", "maybe"}, "stage takes on or off"},
         {{"redirect", "Music"}, "redirect takes an application and a device, or 'default' (tonavictl help)"},
@@ -54,10 +52,9 @@ TEST(CtlCommand, WrongWordsAreRefusedWithWhatIsWrong) {
     };
     for (const auto& [words, error] : cases)
         EXPECT_EQ(CtlCommand::parse(words).command ? "(accepted)" : CtlCommand::parse(words).error, error);
-}
 
-TEST(CtlCommand, NamesThatDoNotResolveStopTheRequest) {
-    const std::pair<Words, std::string> cases[] = {
+    // Names that do not resolve stop the request.
+    const std::pair<Words, std::string> unresolved[] = {
         {{"solo", "Music", "Chrome"}, "no application matches \"Chrome\" (tonavictl status lists them)"},
         {{"redirect", "Music", "AirPods"},
          "no output device matches \"AirPods\" (tonavictl status lists them)"},
@@ -69,7 +66,7 @@ TEST(CtlCommand, NamesThatDoNotResolveStopTheRequest) {
         {{"lock", "rate", "on"}, "no locks to change"},
     };
     const auto status = sampleStatus();
-    for (const auto& [words, error] : cases)
+    for (const auto& [words, error] : unresolved)
         EXPECT_EQ(CtlCommand::parse(words).command->toRequest(&status).error, error);
     // Only lines that name something ask for the status first.
     for (const auto& [words, needs] : {std::pair(Words{"stage", "on"}, false),
@@ -85,15 +82,11 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
     const std::pair<Words, TonaviRequest> cases[] = {
         {{"diagnostics"}, R{R::Diagnostics{}}},
         {{"volume", "music", "0.25"}, R{R::SetAppVolume{"com.apple.Music", 0.25}}},
-        {{"volume", "Safari", "40%"}, R{R::SetAppVolume{"com.apple.Safari", 0.4}}},
-        {{"volume", "com.apple.Music", "0"}, R{R::SetAppVolume{"com.apple.Music", 0.0}}},
         {{"mute", "SAFARI"}, R{R::SetAppMuted{"com.apple.Safari", true}}},
-        {{"unmute", "Safari"}, R{R::SetAppMuted{"com.apple.Safari", false}}},
         {{"solo", "Safari", "music", "com.apple.Safari"},
          R{R::SetSoloApps{{"com.apple.Safari", "com.apple.Music"}}}},
         {{"solo"}, R{R::SetSoloApps{{}}}},
         {{"stage", "on"}, R{R::StageMode{true}}},
-        {{"stage", "off"}, R{R::StageMode{false}}},
         {{"boost", "Music", "2.5"}, R{R::SetAppBoost{"com.apple.Music", 2.5}}},
         {{"redirect", "Music", "usb headphones"}, R{R::SetAppRedirect{"com.apple.Music", "USB-HP"}}},
         {{"redirect", "Music", "default"}, R{R::SetAppRedirect{"com.apple.Music", ""}}},
@@ -104,8 +97,6 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
         {{"output", "Living"}, R{R::SetOutputDevice{livingGroupUID}}},
         {{"device-volume", "usb headphones", "40%"}, R{R::SetDeviceVolume{"USB-HP", 0.4}}},
         {{"device-mute", "macbook pro microphone"}, R{R::SetDeviceMuted{"Mic", true}}},
-        {{"device-unmute", "BuiltIn"}, R{R::SetDeviceMuted{"BuiltIn", false}}},
-        {{"hide", "USB-HP"}, R{R::SetDeviceHidden{"USB-HP", true}}},
         {{"show", "Gone-Device-UID"}, R{R::SetDeviceHidden{"Gone-Device-UID", false}}},
         {{"prefer", "USB Headphones", "BuiltIn"}, R{R::SetPreferredOrder{{"USB-HP", "BuiltIn"}}}},
         {{"lock", "volume", "on"}, R{R::SetLocks{volumeToo}}},
@@ -125,13 +116,10 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
     const auto group = CtlCommand::parse(Words{"group", "create", "Desk", "BuiltIn", "desk cans"})
                            .command->toRequest(&status);
     const auto& saved = std::get<R::SaveGroup>(group.request->value)._0;
-    EXPECT_FALSE(saved.id.empty());
-    ASSERT_EQ(saved.members.size(), 2u);
+    ASSERT_TRUE(!saved.id.empty() && saved.members.size() == 2u);
     EXPECT_EQ(saved.name + ": " + saved.members[0].id + ", " + saved.members[1].id, "Desk: BuiltIn, USB-HP");
-}
 
-TEST(CtlCommand, EqBuildsOneEqualiserSlotFromTheBuiltInPresetAndKeepsTheBoost) {
-    const auto status = sampleStatus();
+    // eq builds one equaliser slot from the built-in preset and keeps the boost.
     for (const auto& words :
          {Words{"eq", "Music", "bass", "booster"}, Words{"eq", "Music", "Bass-Booster"}}) {
         const auto built = CtlCommand::parse(words).command->toRequest(&status);
@@ -148,13 +136,11 @@ TEST(CtlCommand, EqBuildsOneEqualiserSlotFromTheBuiltInPresetAndKeepsTheBoost) {
     }
 }
 
-TEST(CtlSmartCommand, EachSwitchChangesOneFieldAndKeepsTheRest) {
+TEST(CtlSmartCommand, EachSwitchChangesOneFieldAndTheTablesSayWhatEachAutomationDoes) {
     const SmartSettings current{
         .followMe = true, .followMeBackgroundPercent = 30, .leaveAloneBundleIDs = {"com.apple.Safari"}};
     const std::tuple<Words, bool SmartSettings::*, bool> cases[] = {
         {{"smart", "follow-me", "off"}, &SmartSettings::followMe, false},
-        {{"smart", "guard", "on"}, &SmartSettings::loudnessGuard, true},
-        {{"smart", "duck", "on"}, &SmartSettings::autoDuck, true},
         {{"smart", "mic-follow", "on"}, &SmartSettings::micFollow, true},
     };
     for (const auto& [words, field, value] : cases) {
@@ -175,15 +161,16 @@ TEST(CtlSmartCommand, EachSwitchChangesOneFieldAndKeepsTheRest) {
         EXPECT_FALSE(CtlCommand::parse(words).command) << words.back();
     EXPECT_EQ(CtlCommand::parse(Words{"smart", "duck"}).error,
               "smart takes --json, or follow-me, guard, duck or mic-follow, then on or off");
-}
 
-TEST(CtlSmartCommand, SmartTableSaysWhatEachAutomationDoesNow) {
+    // The smart and recent tables say what each automation does and what started sounding.
     TonaviStatus status = sampleStatus(); // its default input is the MacBook Pro Microphone
     // Music is the hero; the duck eases two apps for Zoom's microphone.
     status.smartLive = SmartLiveStatus{"com.apple.Music", "Music", false, std::nullopt, true, {"Zoom"}, 2};
-    SmartSettings on;
-    on.followMe = on.loudnessGuard = on.autoDuck = on.micFollow = true;
-    on.followMeBackgroundPercent = 25;
+    const SmartSettings on{.followMe = true,
+                           .followMeBackgroundPercent = 25,
+                           .loudnessGuard = true,
+                           .autoDuck = true,
+                           .micFollow = true};
     EXPECT_EQ(StatusTable::renderSmart(status, on),
               "  FEATURE     SETTING  NOW\n"
               "  follow-me   on       hero Music; others at 25%\n"
@@ -193,10 +180,8 @@ TEST(CtlSmartCommand, SmartTableSaysWhatEachAutomationDoesNow) {
     EXPECT_EQ(StatusTable::renderSmart(status, SmartSettings{}),
               "  FEATURE     SETTING  NOW\n  follow-me   off      -\n  guard       off      -\n"
               "  duck        off      -\n  mic-follow  off      -\n");
-}
 
-TEST(CtlSmartCommand, RecentListsTheTrailNewestFirstWithItsAge) {
-    TonaviStatus status = sampleStatus();
+    // recent lists the trail newest first with its age.
     const double now = 1'700'000'000.0;
     using K = AudioOnset::Kind;
     status.recentOnsets = std::vector<AudioOnset>{

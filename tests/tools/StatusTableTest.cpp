@@ -9,7 +9,7 @@
 
 using namespace tonavi;
 
-TEST(StatusTable, RendersSummaryAppsDevicesAndNewestHealthEvents) {
+TEST(StatusTable, RendersSummaryAppsDevicesNewestHealthEventsLocksAndEmptyTables) {
     TonaviStatus status = tonavi::testing::sampleStatus();
     status.outputVolume = 0.75;
     status.outputVolumeIsSoft = true;
@@ -23,28 +23,22 @@ TEST(StatusTable, RendersSummaryAppsDevicesAndNewestHealthEvents) {
 
     EXPECT_EQ(StatusTable::render(status),
               "output MacBook Pro Speakers | volume 75% (software) | 48000 Hz | 2 engaged | solo Music, com.example.Gone\n"
-              "\n"
-              "Applications\n"
+              "\nApplications\n"
               "  NAME    ID                VOLUME  MUTED  ENGAGED  LEVEL       OUTPUT     ISSUES\n"
               "  Music   com.apple.Music   50% x2  no     yes      ####......  Desk cans\n"
               "  Safari  com.apple.Safari  100%    yes    yes      ##########  default    Audio control could not "
               "attach. Sound is on the direct path; Tonavi is retrying.\n"
               "  Mäil    com.apple.mail    100%    no     locked   -           default\n"
-              "\n"
-              "Devices\n"
+              "\nDevices\n"
               "  NAME                        UID                                   TRANSPORT  IO   DEFAULT         VOLUME  MUTED\n"
               "  MacBook Pro Speakers        BuiltIn                               builtin    out  output, alerts  50%     no\n"
               "  Desk cans (USB Headphones)  USB-HP                                usb        out                  -       yes\n"
               "  MacBook Pro Microphone      Mic                                   builtin    in   input           -       no\n"
               "  Living                      com.brelmoor.tonavi.output-group.g-1  aggregate  out                  -       no\n"
-              "\n"
-              "Recent health events\n"
-              "  tapFailed: event 2\n"
-              "  tapFailed: event 3\n"
-              "  tapFailed: event 4\n");
-}
+              "\nRecent health events\n"
+              "  tapFailed: event 2\n  tapFailed: event 3\n  tapFailed: event 4\n");
 
-TEST(StatusTable, DevicesTableMarksDefaultsHiddenDevicesAndTheLocksThatHoldThem) {
+    // The devices table marks defaults, hidden devices and the locks that hold them.
     const GlobalLocks locks{.volume = true, .sampleRate = true};
     EXPECT_EQ(StatusTable::renderDevices(tonavi::testing::sampleStatus(), locks),
               "  NAME                        TRANSPORT  DEFAULT         VOLUME  MUTED  HIDDEN  LOCKS\n"
@@ -54,12 +48,8 @@ TEST(StatusTable, DevicesTableMarksDefaultsHiddenDevicesAndTheLocksThatHoldThem)
               "  Living                      aggregate                  -       no     no      rate\n");
     EXPECT_EQ(StatusTable::outputLine(tonavi::testing::sampleStatus()), "output is on MacBook Pro Speakers");
     EXPECT_EQ(StatusTable::renderDevices(TonaviStatus{}, locks), "  (no devices)\n");
-}
-
-TEST(StatusTable, EmptyStatusSaysSoAndTheMeterRoundsDown) {
-    TonaviStatus status;
-    status.sampleRate = 48000;
-    EXPECT_EQ(StatusTable::render(status),
+    // An empty status says so; the meter rounds down.
+    EXPECT_EQ(StatusTable::render(TonaviStatus{.sampleRate = 48000}),
               "output none | volume 0% | 48000 Hz | 0 engaged\n\nApplications\n  (none)\n"
               "\nDevices\n  (none)\n");
     const std::pair<double, const char*> bars[] = {

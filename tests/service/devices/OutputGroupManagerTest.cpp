@@ -13,11 +13,7 @@ namespace {
 constexpr const char* airplay = "AirPlay:Living-Room-Speaker"; // no mute control
 
 OutputGroup desk(std::vector<OutputGroupMember> members) {
-    OutputGroup g;
-    g.id = "desk";
-    g.name = "Desk";
-    g.members = std::move(members);
-    return g;
+    return {.id = "desk", .name = "Desk", .members = std::move(members)};
 }
 
 class OutputGroupManagerTest : public ::testing::Test {
