@@ -137,18 +137,24 @@ TEST_F(SmartTickRuntimeTest, LoudnessGuardHoldsTheCeilingOnHeadphonesOnlyAndPref
 }
 
 // (Output-only earbuds are never taken: the policy's own test.)
-TEST_F(SmartTickRuntimeTest, MicFollowTakesNewEarbuds) {
-    TonaviConfig config = TonaviConfig::firstRunDefaults();
-    config.smart.micFollow = true;
-    h.store->save(config);
-    h.edit([](SimWorld& w) { return w.unplug(budsIn) + w.unplug(budsOut); });
-    h.startReady();
-    h.advance(4.0);
-    EXPECT_EQ(h.machine->world()->defaultInputUID, builtInMic);
+TEST(SmartTickRuntime, MicFollowTakesNewEarbudsUnlessTheyAreForOutputOnly) {
+    for (const bool outputOnly : {false, true}) {
+        SCOPED_TRACE(outputOnly ? "output-only earbuds" : "earbuds");
+        RuntimeHarness h;
+        TonaviConfig config = TonaviConfig::firstRunDefaults();
+        config.smart.micFollow = true;
+        if (outputOnly)
+            config.bluetooth.push_back({.id = budsOut, .outputOnlyMode = true});
+        h.store->save(config);
+        h.edit([](SimWorld& w) { return w.unplug(budsIn) + w.unplug(budsOut); });
+        h.startReady();
+        h.advance(4.0);
+        EXPECT_EQ(h.machine->world()->defaultInputUID, builtInMic);
 
-    h.edit([](SimWorld& w) { return w.replug(budsOut) + w.replug(budsIn); });
-    h.advance(2.0);
-    EXPECT_EQ(h.machine->world()->defaultInputUID, budsIn);
+        h.edit([](SimWorld& w) { return w.replug(budsOut) + w.replug(budsIn); });
+        h.advance(2.0);
+        EXPECT_EQ(h.machine->world()->defaultInputUID, outputOnly ? builtInMic : budsIn);
+    }
 }
 
 } // namespace
