@@ -14,26 +14,13 @@
 using namespace tonavi;
 using namespace std::chrono_literals;
 
-namespace {
-// A child that waits until it is killed.
-pid_t startChild() {
-    const pid_t pid = ::fork();
-    while (pid == 0)
-        ::pause();
-    return pid;
-}
-} // namespace
-
 TEST(DispatchQueue, SerialQueueRunsInOrderOnOneThreadAndSyncRunsInlineOnItsOwnQueue) {
     DispatchQueue q("test.serial");
     std::vector<int> order, expected(1000);
     std::iota(expected.begin(), expected.end(), 0);
     std::set<std::thread::id> threads;
     for (int i : expected)
-        q.async([&, i] {
-            order.push_back(i);
-            threads.insert(std::this_thread::get_id());
-        });
+        q.async([&, i] { order.push_back(i), threads.insert(std::this_thread::get_id()); });
     q.sync([] {}); // waits for the work queued so far
     EXPECT_EQ(order, expected);
     EXPECT_EQ(threads.size(), 1u);
@@ -127,31 +114,28 @@ TEST(EventSources, SignalsAndProcessExitsArriveOnTheirQueueAndNeverOnceCancelled
     source.cancel();
     ::raise(SIGUSR1); // a cancelled source swallows the signal instead of killing the process
 
-    // Process exits, once the handler reaps.
+    // Process exits, once the handler reaps; the child waits until it is killed.
+    const auto startChild = [] {
+        const pid_t pid = ::fork();
+        while (pid == 0)
+            ::pause();
+        return pid;
+    };
     const pid_t child = startChild();
     ASSERT_GT(child, 0);
     std::promise<std::pair<bool, int>> fired;
-    ProcessExitSource watch(child, q, [&] {
-        int status = 0;
+    auto result = fired.get_future();
+    ProcessExitSource watch(child, q, [&, status = 0]() mutable {
         ::waitpid(child, &status, 0);
         fired.set_value({q.isCurrent(), WIFSIGNALED(status) ? WTERMSIG(status) : -1});
     });
     watch.resume();
-    auto result = fired.get_future();
     EXPECT_EQ(result.wait_for(100ms), std::future_status::timeout) << "fired while the child lives";
     ::kill(child, SIGKILL);
     ASSERT_EQ(result.wait_for(5s), std::future_status::ready);
     EXPECT_EQ(result.get(), std::make_pair(true, SIGKILL));
 
-    // A process already gone fires at once.
-    const pid_t gone = startChild();
-    ::kill(gone, SIGKILL);
-    ::waitpid(gone, nullptr, 0);
-    std::promise<void> lateFired;
-    ProcessExitSource late(gone, q, [&] { lateFired.set_value(); });
-    late.resume();
-    EXPECT_EQ(lateFired.get_future().wait_for(5s), std::future_status::ready);
-
+    // A cancelled watch never fires; a process already gone fires at once.
     const pid_t held = startChild();
     std::atomic<int> calls{0};
     {
@@ -161,6 +145,10 @@ TEST(EventSources, SignalsAndProcessExitsArriveOnTheirQueueAndNeverOnceCancelled
     } // destruction waits for the watch thread
     ::kill(held, SIGKILL);
     ::waitpid(held, nullptr, 0);
+    std::promise<void> lateFired;
+    ProcessExitSource late(held, q, [&] { lateFired.set_value(); });
+    late.resume();
+    EXPECT_EQ(lateFired.get_future().wait_for(5s), std::future_status::ready);
     q.sync([] {});
     EXPECT_EQ(calls.load(), 0);
 }
