@@ -68,7 +68,7 @@ TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimitsAndEarbudsKee
     EXPECT_EQ(std::vector<OSStatus>(std::begin(statuses), std::end(statuses)),
               (std::vector<OSStatus>{noErr, kAudioHardwareIllegalOperationError, noErr,
                                      kAudioDeviceUnsupportedFormatError}));
-    EXPECT_EQ(std::pair(get<std::uint32_t>(id, frames), get<double>(id, rate)), std::pair(128u, 96000.0));
+    EXPECT_EQ(std::pair(*get<std::uint32_t>(id, frames), *get<double>(id, rate)), std::pair(128u, 96000.0));
     // Earbuds are Bluetooth, related to their microphone, and keep their quantum: the size is not settable.
     const auto buds = idOf(budsUID);
     EXPECT_EQ(get<std::uint32_t>(buds, globalAddress(kAudioDevicePropertyTransportType)),
@@ -77,7 +77,8 @@ TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimitsAndEarbudsKee
         get<std::vector<AudioObjectID>>(buds, globalAddress(kAudioDevicePropertyRelatedDevices));
     EXPECT_NE(std::find(related->begin(), related->end(), idOf("AC-DE-48-00-11-22:input")), related->end());
     bool settable = true;
-    EXPECT_EQ(std::pair(machine.isPropertySettable(buds, frames, settable), settable), std::pair(noErr, false));
+    EXPECT_EQ((std::pair{machine.isPropertySettable(buds, frames, settable), settable}),
+              std::pair(noErr, false));
     EXPECT_EQ(machine.set(buds, frames, std::uint32_t{1024}), kAudioHardwareIllegalOperationError);
     // A device can refuse a write it otherwise supports.
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.deviceByUID(usbUID)->readOnly = {"nsrt"}, ""; }),
@@ -262,7 +263,8 @@ TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriodAndRecordingsKeepWhat
     clock->advance(1s);
     EXPECT_EQ(stamps.size(), 94u);
 
-    ASSERT_EQ(machine.stopRecording(proc) + "|" + machine.stopRecording(proc), "|no recording is running");
+    const std::string stops[] = {machine.stopRecording(proc), machine.stopRecording(proc)};
+    EXPECT_EQ(stops[0] + "|" + stops[1], "|no recording is running");
     std::ifstream in(wav, std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     // 0.05 s at 48 kHz is 2400 stereo frames of 4-byte floats behind a 58-byte header: RIFF, WAVE, IEEE
