@@ -384,8 +384,7 @@ TEST_F(PipeWireBackendTest, LosingTheServerRemovesItsDevicesAndReconnectingBring
     ASSERT_EQ(before.size(), 3u);
 
     server->stopAudio();
-    EXPECT_TRUE(eventually([&] { return devicesOf(*audio).empty(); }));
-    EXPECT_TRUE(listener.waitForCalls(1));
+    EXPECT_TRUE(eventually([&] { return devicesOf(*audio).empty(); }) && listener.waitForCalls(1));
     std::uint32_t alive = 1;
     EXPECT_EQ(audio->get(before[0], globalAddress(kAudioDevicePropertyDeviceIsAlive), alive),
               kAudioHardwareBadObjectError);
