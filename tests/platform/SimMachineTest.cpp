@@ -152,8 +152,7 @@ TEST(SimSettleTest, ASwitchToASlowDeviceLandsAfterItsReadsAndIsHeard) {
     EXPECT_TRUE(listener.waitForCalls(1));
 
     // A newer write supersedes a pending one; a pending device that goes away never lands.
-    ASSERT_EQ(write(speakersUID), noErr);
-    ASSERT_EQ(write(budsUID), noErr);
+    ASSERT_TRUE(write(speakersUID) == noErr && write(budsUID) == noErr);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(budsUID); }), "");
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(current(), speakersUID);
