@@ -55,14 +55,13 @@ TEST_F(LogFile, EveryFivehundredthLineRotatesAtExactlyTheLimit) {
 }
 
 TEST_F(LogFile, ConcurrentWritersNeverInterleaveLines) {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
             for (int i = 0; i < 100; ++i)
                 Log::info("thread " + std::to_string(t) + " line " + std::to_string(i));
         });
-    for (auto& th : threads)
-        th.join();
+    threads.clear(); // joins every writer
     const std::string text = read(path);
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 400);
     EXPECT_TRUE(std::regex_match(text, std::regex(R"((\S+Z thread \d line \d+\n)+)")));
