@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <future>
-#include <algorithm>
 #include <set>
 #include <sys/wait.h>
 #include <thread>

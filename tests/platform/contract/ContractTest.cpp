@@ -125,7 +125,8 @@ TEST_P(ContractTest, DevicesAnswerTheirPropertiesWithCoreAudioStatusesAndTellLis
     EXPECT_EQ(audio().getPropertyDataSize(system, devices, size), noErr);
     EXPECT_EQ(size, value<std::vector<AudioObjectID>>(system, devices).size() * sizeof(AudioObjectID));
     bool settable = true;
-    EXPECT_EQ((std::pair{audio().isPropertySettable(first, uid, settable), settable}), std::pair(noErr, false));
+    EXPECT_EQ((std::pair{audio().isPropertySettable(first, uid, settable), settable}),
+              std::pair(noErr, false));
     EXPECT_EQ(audio().set(first, uid, std::string("x")), kAudioHardwareIllegalOperationError);
     EXPECT_EQ(audio().set(system, devices, std::vector<AudioObjectID>{}),
               kAudioHardwareIllegalOperationError);
@@ -238,7 +239,8 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
 
     // Only the tap's stream is read, as the tap provider asks: every other input switched off. With the
     // tap's stream switched off too, the block gets no data at all, and silence on the direct path shows.
-    const auto usageAddress = inputAddress(kAudioDevicePropertyIOProcStreamUsage);
+    const auto usageAddress =
+        scopedAddress(kAudioDevicePropertyIOProcStreamUsage, kAudioObjectPropertyScopeInput);
     for (const bool tapOn : {true, false}) {
         SCOPED_TRACE(tapOn);
         // The cycles, those with tap data and those whose tap was loud, counted without allocating; the
