@@ -211,13 +211,7 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOnlyItsDevice) {
     // Music plays on the speakers, so a tap on the headphones neither hears nor silences it.
     clock->advance(20ms);
     EXPECT_EQ(machine.directlyAudible(speakersUID), Heard{"com.apple.Music"});
-    EXPECT_LT(amplitude(440.0), 1e-6);
-    // Routed to the headphones, Music reaches the tap and leaves the headphones' direct path.
-    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.routeProcess("com.apple.Music", usbUID); }), "");
-    EXPECT_TRUE(machine.directlyAudible(usbUID).empty());
-    left.clear();
-    clock->advance(100ms);
-    EXPECT_NEAR(amplitude(440.0), minus12dB, 0.01);
+    EXPECT_LT(amplitude(440.0), 1e-6); // a routed application reaching the tap is the tap provider's test
 }
 
 TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriodAndRecordingsKeepWhatTheBlockPlayed) {

@@ -442,42 +442,6 @@ TEST_F(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) 
     EXPECT_TRUE(hasSink(false)) << "the group outlived its maker";
 }
 
-// A tap of a process with an IO proc passing the tap on to `output`, on one connection.
-struct TappedPath {
-    PipeWireAudioHardware& audio;
-    AudioObjectID tap = 0, device = 0;
-    AudioDeviceIOProcID proc = 0;
-
-    bool start(AudioObjectID process, const std::string& output) {
-        auto description = TapDescription::stereoMixdown({process});
-        description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-        device = tapAggregate(audio, description, {output}, &tap);
-        proc = startIO(
-            audio, device, [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
-                if (!in.mBuffers.empty() && in.mBuffers.back().mData)
-                    std::memcpy(out.mBuffers[0].mData, in.mBuffers.back().mData,
-                                std::min(in.mBuffers.back().mDataByteSize, out.mBuffers[0].mDataByteSize));
-            });
-        return device && proc;
-    }
-    void stop() {
-        audio.deviceStop(device, proc);
-        audio.destroyIOProcID(device, proc);
-        audio.destroyAggregateDevice(device);
-        audio.destroyProcessTap(tap);
-    }
-    // Whether the application's stream targets this tap's sink.
-    bool routed(const PipeWireGraph& g, pid_t pid) const {
-        const auto* sink = g.nodeByName(audio.tapNodeName(tap));
-        for (const auto& [global, n] : g.nodes)
-            if (auto meta = g.nodeMetadata.find(global);
-                n.pid == pid && n.mediaClass() == "Stream/Output/Audio" && meta != g.nodeMetadata.end())
-                if (auto t = meta->second.find("target.object"); t != meta->second.end())
-                    return sink && t->second == sink->prop("object.serial");
-        return false;
-    }
-};
-
 TEST_F(PipeWireTapHandoverTest, TheNewestTapOfAnApplicationKeepsItsStream) {
     PipeWireRig& rig = *this->rig;
     PipeWireRig successor(*server); // another connection: the worker that replaces the first
