@@ -307,17 +307,8 @@ TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     // Killed hard, as a crash would: its taps die with it.
     ::kill(pid, SIGKILL);
     ::pclose(holder);
+    // No stream target left behind by the dead holder is the service's end-to-end test on PipeWire.
     EXPECT_TRUE(eventually([&] { return rig->heard(output, app); }));
-    // Nothing is left pointing at the dead tap's sink: a process that saw it vanish cleared the target.
-    if (auto* pw = dynamic_cast<PipeWireRig*>(rig.get())) {
-        EXPECT_TRUE(eventually([&]() -> bool {
-            return pw->pipewire().connection().read([](const PipeWireGraph& g) {
-                return std::none_of(g.nodeMetadata.begin(), g.nodeMetadata.end(), [](const auto& entry) {
-                    return entry.second.count("target.object") > 0;
-                });
-            });
-        }));
-    }
     rig->stopApp(app);
 }
 
