@@ -206,12 +206,13 @@ TEST_P(ContractTest, PlayingApplicationsAreProcessObjects) {
                              value<std::uint32_t>(process, kAudioProcessPropertyIsRunningOutput),
                              value<std::uint32_t>(process, kAudioProcessPropertyIsRunningInput)),
                   std::tuple(std::string(bundleID), 1u, 0u));
-        const auto devices = outputAddress(kAudioProcessPropertyDevices);
+        // It plays on the default output, and is heard there.
         EXPECT_TRUE(eventually([&] {
-            return read<std::vector<AudioObjectID>>(audio(), process, devices) ==
-                   std::vector{defaultOutput()};
+            return read<std::vector<AudioObjectID>>(audio(), process,
+                                                    outputAddress(kAudioProcessPropertyDevices)) ==
+                       std::vector{defaultOutput()} &&
+                   rig->heard(rig->firstOutput(), app);
         }));
-        EXPECT_TRUE(eventually([&] { return rig->heard(rig->firstOutput(), app); }));
         rig->stopApp(app);
         EXPECT_TRUE(eventually([&] { return rig->processObject(app.pid) == kAudioObjectUnknown; }));
         audio().removePropertyListener(kAudioObjectSystemObject, list, queue, listener.block);
@@ -297,9 +298,8 @@ TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     ASSERT_TRUE(eventually([&] { return rig->heard(output, app); }));
     rig->exportEnvironment();
     FILE* holder = ::popen("exec '" TONAVI_TAP_HOLDER "' org.tonavi.Orphaned", "r");
-    ASSERT_NE(holder, nullptr);
     int pid = 0;
-    ASSERT_EQ(std::fscanf(holder, "ready %d", &pid), 1);
+    ASSERT_TRUE(holder && std::fscanf(holder, "ready %d", &pid) == 1);
     EXPECT_TRUE(eventually([&] { return !rig->heard(output, app); }));
     // The holder's aggregate is private: not ours to see.
     EXPECT_EQ(value<std::vector<AudioObjectID>>(kAudioObjectSystemObject, devicesAddress), devices);
@@ -420,9 +420,8 @@ TEST_F(PipeWireOutputGroupTest, AGroupPlaysOnEveryMemberAndLeavesNothingBehind) 
     const std::string command = std::string("TONAVI_AUDIO_BACKEND=pipewire exec '") + TONAVI_TAP_HOLDER +
                                 "' --group " + groupUID + " speakers headphones";
     FILE* out = ::popen(command.c_str(), "r");
-    ASSERT_NE(out, nullptr);
     int holder = 0;
-    ASSERT_EQ(std::fscanf(out, "ready %d", &holder), 1);
+    ASSERT_TRUE(out && std::fscanf(out, "ready %d", &holder) == 1);
     const auto hasSink = [&](bool present) {
         return rig.pipewire().connection().waitUntil(
             [&](const PipeWireGraph& g) { return (g.nodeByName(groupUID) != nullptr) == present; }, 3000ms);
