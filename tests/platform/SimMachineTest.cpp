@@ -339,9 +339,8 @@ TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {
 
 // Worlds cross the file in every test above; here, what a decoder must refuse.
 TEST(SimWorldJSONTest, DuplicateIDsAndUnknownPoliciesAreRefused) {
-    const auto json = simWorldToJSON(SimWorld::preset());
     std::string error;
-    auto twice = json, badPolicy = json;
+    auto twice = simWorldToJSON(SimWorld::preset()), badPolicy = twice;
     twice["processes"][1]["id"] = twice["processes"][0]["id"];
     EXPECT_FALSE(simWorldFromJSON(twice, error) || error.find("used twice") == std::string::npos) << error;
     badPolicy["applications"][0]["policy"] = "sometimes";

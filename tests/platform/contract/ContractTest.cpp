@@ -69,7 +69,7 @@ class ContractTest : public ::testing::TestWithParam<const char*> {
     const AudioObjectPropertyAddress defaultOutputAddress =
         globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
     PrivatePipeWireServer* server = nullptr;
-    std::unique_ptr<ContractRig> rig;
+    std::unique_ptr<ContractRig> rig; // the applications a test starts end with it
     DispatchQueue queue{"contract.listener"};
 };
 
@@ -286,8 +286,6 @@ TEST_P(ContractTest, TapSilencesTheDirectPathAndFeedsTheIOProc) {
                           audio().destroyProcessTap(tap)}),
               std::tuple(noErr, noErr, kAudioHardwareBadObjectError));
     EXPECT_TRUE(eventually([&] { return rig->heard(output, app); }));
-    rig->stopApp(app);
-    rig->stopApp(other);
 }
 
 TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
@@ -309,7 +307,6 @@ TEST_P(ContractTest, AppComesBackWhenTheTapOwnerDies) {
     ::pclose(holder);
     // No stream target left behind by the dead holder is the service's end-to-end test on PipeWire.
     EXPECT_TRUE(eventually([&] { return rig->heard(output, app); }));
-    rig->stopApp(app);
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, ContractTest, ::testing::Values("sim", "pipewire"),
@@ -357,7 +354,6 @@ TEST_F(PipeWireBackendTest, RunningApplicationsAreTheProcessesWithClients) {
     // Started by this test binary, a different program: it answers for itself.
     EXPECT_EQ(std::pair(workspace.responsiblePID(app.pid), workspace.responsiblePID(0x3fffffff)),
               std::pair(app.pid, -1));
-    rig->stopApp(app);
 }
 
 // Restarts the shared server; it is whole again when the test ends, whatever runs next.
