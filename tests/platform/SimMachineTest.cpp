@@ -44,12 +44,10 @@ TEST_F(SimPropertiesTest, SpeakersHaveStereoVolumeElementsButNoMainElement) {
     const auto main = outputAddress(kAudioHardwareServiceDeviceProperty_VirtualMainVolume);
     for (std::uint32_t element : {0u, 1u, 2u, 3u})
         EXPECT_EQ(machine.hasProperty(id, volume(element)), element == 1 || element == 2) << element;
-    EXPECT_EQ(machine.set(id, volume(1), 0.2f), noErr);
-    EXPECT_EQ(machine.set(id, volume(2), 0.6f), noErr);
+    ASSERT_TRUE(machine.set(id, volume(1), 0.2f) == noErr && machine.set(id, volume(2), 0.6f) == noErr);
     EXPECT_NEAR(*get<float>(id, main), 0.4f, 1e-6); // the mean of the two channels
     // Out of range is clamped (writing the main volume moves both channels: the contract's).
-    EXPECT_EQ(machine.set(id, volume(1), 1.5f), noErr);
-    EXPECT_EQ(get<float>(id, volume(1)), 1.0f);
+    EXPECT_TRUE(machine.set(id, volume(1), 1.5f) == noErr && get<float>(id, volume(1)) == 1.0f);
     // The AirPlay speaker has no mute control at all.
     EXPECT_FALSE(
         machine.hasProperty(idOf("AirPlay:Living-Room-Speaker"), outputAddress(kAudioDevicePropertyMute)));
@@ -61,12 +59,14 @@ TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimitsAndEarbudsKee
     const auto rate = globalAddress(kAudioDevicePropertyNominalSampleRate);
     EXPECT_EQ(get<AudioValueRange>(id, globalAddress(kAudioDevicePropertyBufferFrameSizeRange)),
               (AudioValueRange{32, 4096}));
-    EXPECT_EQ(machine.set(id, frames, std::uint32_t{128}), noErr);
-    EXPECT_EQ(machine.set(id, frames, std::uint32_t{16}), kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(get<std::uint32_t>(id, frames), 128u);
-    EXPECT_EQ(machine.set(id, rate, 96000.0), noErr);
-    EXPECT_EQ(machine.set(id, rate, 22050.0), kAudioDeviceUnsupportedFormatError);
-    EXPECT_EQ(get<double>(id, rate), 96000.0);
+    // A refused write keeps the accepted one before it.
+    const OSStatus statuses[] = {machine.set(id, frames, std::uint32_t{128}),
+                                 machine.set(id, frames, std::uint32_t{16}), machine.set(id, rate, 96000.0),
+                                 machine.set(id, rate, 22050.0)};
+    EXPECT_EQ(std::vector<OSStatus>(std::begin(statuses), std::end(statuses)),
+              (std::vector<OSStatus>{noErr, kAudioHardwareIllegalOperationError, noErr,
+                                     kAudioDeviceUnsupportedFormatError}));
+    EXPECT_EQ(std::pair(*get<std::uint32_t>(id, frames), *get<double>(id, rate)), std::pair(128u, 96000.0));
     // Earbuds are Bluetooth, related to their microphone, and keep their quantum: the size is not settable.
     const auto buds = idOf(budsUID);
     EXPECT_EQ(get<std::uint32_t>(buds, globalAddress(kAudioDevicePropertyTransportType)),
@@ -75,8 +75,8 @@ TEST_F(SimPropertiesTest, RatesAndBufferSizesFollowTheDevicesLimitsAndEarbudsKee
         get<std::vector<AudioObjectID>>(buds, globalAddress(kAudioDevicePropertyRelatedDevices));
     EXPECT_NE(std::find(related->begin(), related->end(), idOf("AC-DE-48-00-11-22:input")), related->end());
     bool settable = true;
-    ASSERT_EQ(machine.isPropertySettable(buds, frames, settable), noErr);
-    EXPECT_FALSE(settable);
+    EXPECT_EQ((std::pair{machine.isPropertySettable(buds, frames, settable), settable}),
+              std::pair(noErr, false));
     EXPECT_EQ(machine.set(buds, frames, std::uint32_t{1024}), kAudioHardwareIllegalOperationError);
     // A device can refuse a write it otherwise supports.
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.deviceByUID(usbUID)->readOnly = {"nsrt"}, ""; }),
@@ -90,11 +90,9 @@ TEST_F(SimPropertiesTest, ListenersHearTheirPropertyOnTheirQueueAndProcessesAndD
     const auto leftVolume = outputAddress(kAudioDevicePropertyVolumeScalar, 1);
     const auto speakers = idOf(speakersUID), buds = idOf(budsUID);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.setDefault(SimDefaultRole::output, budsUID); }), "");
-    // Process objects follow the default output; a helper plays nothing.
-    const auto processDevices = outputAddress(kAudioProcessPropertyDevices);
-    EXPECT_EQ(get<std::vector<AudioObjectID>>(processOf(machine, "com.apple.Music"), processDevices),
-              std::vector<AudioObjectID>{buds});
-    EXPECT_EQ(get<std::vector<AudioObjectID>>(processOf(machine, "com.apple.WebKit.GPU"), processDevices),
+    // A helper plays nothing (a playing process following the default output is the contract's).
+    EXPECT_EQ(get<std::vector<AudioObjectID>>(processOf(machine, "com.apple.WebKit.GPU"),
+                                              outputAddress(kAudioProcessPropertyDevices)),
               std::vector<AudioObjectID>{});
     for (auto [object, address, listener] :
          {std::tuple{buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), &alive},
@@ -103,46 +101,33 @@ TEST_F(SimPropertiesTest, ListenersHearTheirPropertyOnTheirQueueAndProcessesAndD
         ASSERT_EQ(machine.addPropertyListener(object, address, queue, listener->block), noErr);
     EXPECT_EQ(machine.addPropertyListener(4242, leftVolume, queue, left.block), kAudioHardwareBadObjectError);
 
-    ASSERT_EQ(machine.set(speakers, outputAddress(kAudioDevicePropertyVolumeScalar, 2), 0.1f), noErr);
-    ASSERT_EQ(machine.set(speakers, leftVolume, 0.1f), noErr);
-    ASSERT_EQ(machine.set(speakers, leftVolume, 0.1f), noErr); // no change, no call
+    // The second write of the left volume changes nothing and calls nobody.
+    ASSERT_TRUE(machine.set(speakers, outputAddress(kAudioDevicePropertyVolumeScalar, 2), 0.1f) == noErr &&
+                machine.set(speakers, leftVolume, 0.1f) == noErr &&
+                machine.set(speakers, leftVolume, 0.1f) == noErr);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(budsUID); }), "");
     queue.sync([] {});
     EXPECT_EQ(left.heard(), std::vector<AudioObjectPropertyAddress>{leftVolume});
-    EXPECT_EQ(alive.calls(), 1);
-    EXPECT_EQ(devices.calls(), 1);
-    EXPECT_EQ(left.offQueue() + alive.offQueue() + devices.offQueue(), 0);
+    EXPECT_EQ(
+        std::tuple(alive.calls(), devices.calls(), left.offQueue() + alive.offQueue() + devices.offQueue()),
+        std::tuple(1, 1, 0));
     // The unplugged default's object is dead and the default moves; plugged back, it is a new object.
     EXPECT_EQ(get<AudioObjectID>(kAudioObjectSystemObject, defaultOutput), speakers);
     std::string name;
     EXPECT_EQ(machine.get(buds, globalAddress(kAudioObjectPropertyName), name), kAudioHardwareBadObjectError);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.replug(budsUID); }), "");
     EXPECT_NE(idOf(budsUID), buds);
-    EXPECT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug("no-such-device"); }),
-              "no device no-such-device");
 }
 
-// Which call meets which fault is the service's tests' (tap creation, device writes, dropped writes); here,
-// the count, the selector and the refusals.
-TEST(SimFaultsTest, TheNextCallsOfAnOperationFailOnTheirSelectorAndBadRequestsAreRefused) {
+// How many calls meet a fault and on which selector is the service's tests' (tap creation, device writes,
+// dropped writes); here, the refusals of a bad request.
+TEST(SimFaultsTest, BadFaultRequestsAreRefusedAndChangeNothing) {
     SimMachine machine(SimWorld::preset());
-    const auto output = globalAddress(kAudioHardwarePropertyDefaultOutputDevice);
-    const auto devices = globalAddress(kAudioHardwarePropertyDevices);
-    AudioObjectID got = 0;
-    ASSERT_EQ(machine.failNext(SimOperation::getProperty, 2, kAudioHardwareBadObjectError, output.mSelector),
-              "");
-    EXPECT_EQ(read<std::vector<AudioObjectID>>(machine, kAudioObjectSystemObject, devices)->size(), 6u);
-    for (OSStatus status : {kAudioHardwareBadObjectError, kAudioHardwareBadObjectError, noErr})
-        EXPECT_EQ(machine.get(kAudioObjectSystemObject, output, got), status);
-    EXPECT_EQ(got, machine.world()->deviceByUID(speakersUID)->id);
-    EXPECT_TRUE(machine.world()->faults.empty());
-
     const auto generation = machine.world()->generation;
-    EXPECT_EQ(machine.failNext(SimOperation::createTap, -1, kAudioHardwareIllegalOperationError),
-              "a fault count is not negative");
-    EXPECT_EQ(machine.failNext(SimOperation::createTap, 3, noErr),
-              "a fault needs a non-zero status (only a write can be dropped silently)");
-    EXPECT_EQ(machine.setReadDelay(-5ms), "a read delay is between 0 and 60000 ms");
+    EXPECT_EQ(machine.failNext(SimOperation::createTap, -1, kAudioHardwareIllegalOperationError) + "|" +
+                  machine.failNext(SimOperation::createTap, 3, noErr) + "|" + machine.setReadDelay(-5ms),
+              "a fault count is not negative|a fault needs a non-zero status (only a write can be dropped "
+              "silently)|a read delay is between 0 and 60000 ms");
     EXPECT_EQ(machine.world()->generation, generation);
 }
 
@@ -167,8 +152,7 @@ TEST(SimSettleTest, ASwitchToASlowDeviceLandsAfterItsReadsAndIsHeard) {
     EXPECT_TRUE(listener.waitForCalls(1));
 
     // A newer write supersedes a pending one; a pending device that goes away never lands.
-    ASSERT_EQ(write(speakersUID), noErr);
-    ASSERT_EQ(write(budsUID), noErr);
+    ASSERT_TRUE(write(speakersUID) == noErr && write(budsUID) == noErr);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.unplug(budsUID); }), "");
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(current(), speakersUID);
@@ -212,8 +196,7 @@ TEST_F(SimTapTest, TapDeliversExactlyItsProcessesToneAndMutesItOnlyWhileRead) {
     ASSERT_EQ(machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, {}); }), "");
     left.clear();
     clock->advance(50ms);
-    ASSERT_FALSE(left.empty());
-    EXPECT_EQ(*std::max_element(left.begin(), left.end()), 0.0f);
+    EXPECT_TRUE(!left.empty() && *std::max_element(left.begin(), left.end()) == 0.0f);
     ASSERT_EQ(machine.deviceStop(aggregate, proc), noErr);
     ASSERT_EQ(machine.mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", true, {}); }), "");
     EXPECT_EQ(machine.directlyAudible(speakersUID), Heard{"com.apple.Music"});
@@ -227,13 +210,7 @@ TEST_F(SimTapTest, DeviceStreamTapHearsOnlyItsDevice) {
     // Music plays on the speakers, so a tap on the headphones neither hears nor silences it.
     clock->advance(20ms);
     EXPECT_EQ(machine.directlyAudible(speakersUID), Heard{"com.apple.Music"});
-    EXPECT_LT(amplitude(440.0), 1e-6);
-    // Routed to the headphones, Music reaches the tap and leaves the headphones' direct path.
-    ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.routeProcess("com.apple.Music", usbUID); }), "");
-    EXPECT_TRUE(machine.directlyAudible(usbUID).empty());
-    left.clear();
-    clock->advance(100ms);
-    EXPECT_NEAR(amplitude(440.0), minus12dB, 0.01);
+    EXPECT_LT(amplitude(440.0), 1e-6); // a routed application reaching the tap is the tap provider's test
 }
 
 TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriodAndRecordingsKeepWhatTheBlockPlayed) {
@@ -254,17 +231,18 @@ TEST_F(SimTapTest, ManualClockStepsCyclesAtTheDevicesPeriodAndRecordingsKeepWhat
     clock->advance(10ms);
     EXPECT_TRUE(stamps.empty()); // one cycle takes 10.67 ms
     clock->advance(1001ms);
-    ASSERT_EQ(stamps.size(), 94u);                      // floor(1.011 s / 10.67 ms)
-    EXPECT_EQ(stamps[0].mHostTime, start + 10'666'667); // 512 / 48000 s in nanoseconds
-    EXPECT_EQ(stamps[93].mSampleTime, 93.0 * 512.0);
-    EXPECT_EQ(machine.currentHostTime() - start, 1'011'000'000u);
+    // floor(1.011 s / 10.67 ms) cycles, the first at 512 / 48000 s in nanoseconds.
+    ASSERT_EQ(stamps.size(), 94u);
+    EXPECT_EQ(
+        std::tuple(stamps[0].mHostTime - start, stamps[93].mSampleTime, machine.currentHostTime() - start),
+        std::tuple(10'666'667u, 93.0 * 512.0, 1'011'000'000u));
     ASSERT_EQ(machine.deviceStop(speakers, proc), noErr);
     EXPECT_EQ(machine.startRecording(proc, wav, 0.05), "IO proc 1 is not running");
     clock->advance(1s);
-    EXPECT_EQ(stamps.size(), 94u);
+    EXPECT_EQ(stamps.size(), 94u) << "cycles after the stop";
 
-    ASSERT_EQ(machine.stopRecording(proc), "");
-    EXPECT_EQ(machine.stopRecording(proc), "no recording is running");
+    const std::string stops[] = {machine.stopRecording(proc), machine.stopRecording(proc)};
+    EXPECT_EQ(stops[0] + "|" + stops[1], "|no recording is running");
     std::ifstream in(wav, std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     // 0.05 s at 48 kHz is 2400 stereo frames of 4-byte floats behind a 58-byte header: RIFF, WAVE, IEEE
@@ -292,7 +270,6 @@ TEST_F(SimTapTest, IOStopsDeliveringWhenItsDeviceStallsOrVanishes) {
         clock->advance(100ms);
         EXPECT_EQ(calls, expected);
     }
-    EXPECT_EQ(machine.mutate([&](SimWorld& w) { return w.stallIO("nowhere", true); }), "no device nowhere");
     EXPECT_EQ(machine.deviceStop(aggregate, proc), noErr);
 }
 
@@ -304,12 +281,6 @@ class SimSharedWorldTest : public ::testing::Test {
         std::string error;
         machine = SimMachine::open(path, error);
         ASSERT_TRUE(machine) << error;
-    }
-    // The helper process listening on this world, its output read line by line.
-    FILE* listen(const std::string& selector) {
-        const std::string command = "TONAVI_AUDIO_BACKEND=sim TONAVI_SIM_WORLD='" + path + "' exec '" +
-                                    TONAVI_TAP_HOLDER + "' --listen '" + selector + "'";
-        return ::popen(command.c_str(), "r");
     }
     static std::string line(FILE* out) {
         char buffer[256] = {};
@@ -324,7 +295,10 @@ class SimSharedWorldTest : public ::testing::Test {
 };
 
 TEST_F(SimSharedWorldTest, ChangesMadeByAnyProcessFireTheListenersOfAllOnTheirQueues) {
-    FILE* listening = listen("dev#");
+    // The helper process listening on this world, its output read line by line.
+    const std::string command = "TONAVI_AUDIO_BACKEND=sim TONAVI_SIM_WORLD='" + path + "' exec '" +
+                                TONAVI_TAP_HOLDER + "' --listen dev#";
+    FILE* listening = ::popen(command.c_str(), "r");
     ASSERT_EQ(line(listening), "armed\n");
     ASSERT_EQ(machine->mutate([&](SimWorld& w) { return w.unplug(usbUID); }), "");
     EXPECT_EQ(line(listening), "fired 1 on-queue 1\n");
@@ -338,25 +312,18 @@ TEST_F(SimSharedWorldTest, ChangesMadeByAnyProcessFireTheListenersOfAllOnTheirQu
     const auto music = processOf(*machine, "com.apple.Music");
     const auto running = globalAddress(kAudioProcessPropertyIsRunningOutput);
     ASSERT_EQ(machine->addPropertyListener(music, running, queue, listener.block), noErr);
-    ASSERT_EQ(machine->addPropertyListener(kAudioObjectSystemObject, defaultOutput, queue, listener.block),
-              noErr);
     ASSERT_EQ(other->mutate([](SimWorld& w) { return w.setPlaying("com.apple.Music", false, {}); }), "");
     ASSERT_TRUE(listener.waitForCalls(1));
-    EXPECT_EQ(read<std::uint32_t>(*machine, music, running), 0u);
-    ASSERT_EQ(other->mutate([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, budsUID); }), "");
-    ASSERT_TRUE(listener.waitForCalls(2));
-    EXPECT_EQ(read<AudioObjectID>(*machine, kAudioObjectSystemObject, defaultOutput),
-              machine->world()->deviceByUID(budsUID)->id);
-    EXPECT_EQ(listener.offQueue(), 0);
-    EXPECT_EQ(listener.heard(), (std::vector{running, defaultOutput}));
+    EXPECT_EQ(
+        std::tuple(read<std::uint32_t>(*machine, music, running), listener.offQueue(), listener.heard()),
+        std::tuple(std::optional(0u), 0, std::vector{running}));
 }
 
 TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {
     const auto goodOutput = read<AudioObjectID>(*machine, kAudioObjectSystemObject, defaultOutput);
     std::ofstream(path, std::ios::trunc) << R"({ "devices": [ { "uid": 12 } ] })";
     std::string error;
-    EXPECT_FALSE(SimMachine::open(path, error));
-    EXPECT_NE(error.find("is damaged"), std::string::npos) << error;
+    EXPECT_FALSE(SimMachine::open(path, error) || error.find("is damaged") == std::string::npos) << error;
     // The running machine keeps its last good world, and an edit refuses to build on the bad file.
     EXPECT_EQ(read<AudioObjectID>(*machine, kAudioObjectSystemObject, defaultOutput), goodOutput);
     const auto why = machine->mutate([](SimWorld& w) { return w.rename(speakersUID, "X"); });
@@ -364,24 +331,19 @@ TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {
     EXPECT_EQ(machine->world()->deviceByUID(speakersUID)->name, "MacBook Pro Speakers");
 
     std::ofstream(path, std::ios::trunc) << "not json";
-    EXPECT_FALSE(SimMachine::open(path, error));
-    EXPECT_NE(error.find("not valid JSON"), std::string::npos) << error;
+    EXPECT_FALSE(SimMachine::open(path, error) || error.find("not valid JSON") == std::string::npos) << error;
     EXPECT_EQ(SimWorldFile(path).create(SimWorld::preset(), false), "a world already exists at " + path);
-    EXPECT_EQ(SimWorldFile(path).create(SimWorld::preset(), true), "");
-    EXPECT_TRUE(SimMachine::open(path, error));
+    EXPECT_TRUE(SimWorldFile(path).create(SimWorld::preset(), true).empty() && SimMachine::open(path, error));
 }
 
 // Worlds cross the file in every test above; here, what a decoder must refuse.
 TEST(SimWorldJSONTest, DuplicateIDsAndUnknownPoliciesAreRefused) {
-    const auto json = simWorldToJSON(SimWorld::preset());
     std::string error;
-    auto twice = json, badPolicy = json;
+    auto twice = simWorldToJSON(SimWorld::preset()), badPolicy = twice;
     twice["processes"][1]["id"] = twice["processes"][0]["id"];
-    EXPECT_FALSE(simWorldFromJSON(twice, error));
-    EXPECT_NE(error.find("used twice"), std::string::npos) << error;
+    EXPECT_FALSE(simWorldFromJSON(twice, error) || error.find("used twice") == std::string::npos) << error;
     badPolicy["applications"][0]["policy"] = "sometimes";
     EXPECT_FALSE(simWorldFromJSON(badPolicy, error));
-    EXPECT_TRUE(simWorldFromJSON(json, error)) << error;
 }
 
 } // namespace

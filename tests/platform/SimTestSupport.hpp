@@ -28,9 +28,6 @@ inline AudioObjectPropertyAddress outputAddress(AudioObjectPropertySelector sele
                                                 AudioObjectPropertyElement element = 0) {
     return scopedAddress(selector, kAudioObjectPropertyScopeOutput, element);
 }
-inline AudioObjectPropertyAddress inputAddress(AudioObjectPropertySelector selector) {
-    return scopedAddress(selector, kAudioObjectPropertyScopeInput);
-}
 
 // An aggregate of `members`, the first its clock; the others (or all, with `driftAll`) drift-corrected.
 inline AggregateDeviceDescription groupOf(const std::string& uid, const std::vector<std::string>& members,

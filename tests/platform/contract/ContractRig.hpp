@@ -5,10 +5,12 @@
 // runs real clients on the private server and records the device's monitor.
 
 #include <cstdio>
+#include <cstring>
 
 #include "../SimTestSupport.hpp"
 #include "PrivatePipeWireServer.hpp"
 #include "platform/pipewire/PipeWireAudioHardware.hpp"
+#include "platform/pipewire/PipeWireGraph.hpp"
 
 namespace tonavi::test {
 
@@ -164,6 +166,42 @@ class PipeWireRig : public ContractRig {
     PrivatePipeWireServer& server_;
     std::shared_ptr<PipeWireAudioHardware> audio_;
     std::vector<pid_t> running_;
+};
+
+// A tap of a process with an IO proc passing the tap on to `output`, on one connection.
+struct TappedPath {
+    PipeWireAudioHardware& audio;
+    AudioObjectID tap = 0, device = 0;
+    AudioDeviceIOProcID proc = 0;
+
+    bool start(AudioObjectID process, const std::string& output) {
+        auto description = TapDescription::stereoMixdown({process});
+        description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
+        device = tapAggregate(audio, description, {output}, &tap);
+        proc = startIO(
+            audio, device, [](const AudioBufferList& in, AudioBufferList& out, const AudioTimeStamp&) {
+                if (!in.mBuffers.empty() && in.mBuffers.back().mData)
+                    std::memcpy(out.mBuffers[0].mData, in.mBuffers.back().mData,
+                                std::min(in.mBuffers.back().mDataByteSize, out.mBuffers[0].mDataByteSize));
+            });
+        return device && proc;
+    }
+    void stop() {
+        audio.deviceStop(device, proc);
+        audio.destroyIOProcID(device, proc);
+        audio.destroyAggregateDevice(device);
+        audio.destroyProcessTap(tap);
+    }
+    // Whether the application's stream targets this tap's sink.
+    bool routed(const PipeWireGraph& g, pid_t pid) const {
+        const auto* sink = g.nodeByName(audio.tapNodeName(tap));
+        for (const auto& [global, n] : g.nodes)
+            if (auto meta = g.nodeMetadata.find(global);
+                n.pid == pid && n.mediaClass() == "Stream/Output/Audio" && meta != g.nodeMetadata.end())
+                if (auto t = meta->second.find("target.object"); t != meta->second.end())
+                    return sink && t->second == sink->prop("object.serial");
+        return false;
+    }
 };
 
 } // namespace tonavi::test

@@ -63,22 +63,13 @@ int main() {
                   std::uint32_t{256}) != noErr)
         std::printf("quantum 256 not set\n");
     const double baseline = cpuShare(5);
-    auto description = TapDescription::stereoMixdown({processes[0]});
-    description.muteBehavior = TapMuteBehavior::mutedWhenTapped;
-    AudioObjectID tap = 0;
-    const AudioObjectID device = tapAggregate(audio, description, {"speakers"}, &tap);
-    const AudioDeviceIOProcID proc =
-        startIO(audio, device, [](const AudioBufferList& in, AudioBufferList& out, const auto&) {
-            if (!in.mBuffers.empty() && in.mBuffers[0].mData && out.mBuffers[0].mData)
-                std::memcpy(out.mBuffers[0].mData, in.mBuffers[0].mData,
-                            std::min(in.mBuffers[0].mDataByteSize, out.mBuffers[0].mDataByteSize));
-        });
-    if (!proc)
+    TappedPath path{audio};
+    if (!path.start(processes[0], "speakers"))
         return std::fprintf(stderr, "tap IO did not start\n"), 1;
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    const auto before = *audio.ioStatistics(device, proc);
+    const auto before = *audio.ioStatistics(path.device, path.proc);
     const double withIO = cpuShare(10);
-    const auto after = *audio.ioStatistics(device, proc);
+    const auto after = *audio.ioStatistics(path.device, path.proc);
     std::printf("tap IO, unity block, quantum 256: %.2f%% of a core (process %.2f%%, idle baseline %.2f%%), "
                 "%.1f cycles/s\n",
                 100 * (withIO - baseline), 100 * withIO, 100 * baseline,
@@ -88,8 +79,5 @@ int main() {
                 static_cast<long long>(after.reportedLatencyFrames), after.reportedLatencyFrames / 48.0,
                 static_cast<unsigned long long>(after.lateInputs - before.lateInputs),
                 static_cast<unsigned long long>(after.cycles - before.cycles));
-    audio.deviceStop(device, proc);
-    audio.destroyIOProcID(device, proc);
-    audio.destroyAggregateDevice(device);
-    audio.destroyProcessTap(tap); // the rig stops the applications
+    path.stop(); // the rig stops the applications
 }
