@@ -232,8 +232,13 @@ void TonaviRuntime::selectOutputAsync(const std::string& query, bool rememberPre
     manualOutputIntentPending_ = false;
     devices_->setManualOutputSelectionPending(false);
 
-    const auto uid =
-        AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
+    auto uid = AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
+    if (!uid) {
+        // The snapshot may predate a device that has just appeared (a group saved a moment ago):
+        // look once more at the hardware before saying there is no such output.
+        applyHardwareSnapshot(captureHardwareSnapshot());
+        uid = AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
+    }
     const auto settings = devices_->settingsSnapshot();
     if (!uid || (settings.contains(*uid) && settings.at(*uid).hidden))
         return completion(failure("no available output device matching " + query));
