@@ -4,17 +4,18 @@
 
 namespace tonavi {
 
-bool IsolatedTapHandle::send(const TapWorkerEnvelope& envelope) {
+bool IsolatedTapHandle::sendState(const TapWorkerState& state) {
     if (!process)
         return false;
-    std::string line;
     try {
-        line = envelope.line();
+        return process->sendLatest(TapWorkerEnvelope::makeState(state).line());
     } catch (const std::exception&) {
-        return false;
+        return false; // a state that cannot be encoded is not sent
     }
-    std::lock_guard guard(writeLock);
-    return process->write(line);
+}
+
+bool IsolatedTapHandle::sendStop() {
+    return process && process->sendFinal(TapWorkerEnvelope::makeStop().line());
 }
 
 void IsolatedTapHandle::signalReady(std::optional<std::string> error) {

@@ -1,7 +1,7 @@
 #pragma once
 // One tap worker as the service sees it: the child process, its pipes and the health it reports.
 // The metric fields are guarded by the provider's `stateLock`; the protocol fields by
-// `protocolLock`; writes to the worker by `writeLock`.
+// `protocolLock`. Writes to the worker go through its process's outbox, which never blocks.
 
 #include "core/engine/TapProviding.hpp"
 #include "service/taps/TapProcessIdentity.hpp"
@@ -17,14 +17,18 @@
 
 namespace tonavi {
 
-struct TapWorkerEnvelope;
+struct TapWorkerState;
 
 class IsolatedTapHandle final : public TapHandle {
   public:
     IsolatedTapHandle(std::string id, double created) : bundleID(std::move(id)), createdAt(created), lastIOAt(created) {}
 
-    // Writes one envelope line under `writeLock`; false when the worker's stdin is gone.
-    bool send(const TapWorkerEnvelope& envelope);
+    // A "state" line, sent now or as soon as the worker reads; a newer state replaces one that
+    // waits. False when the worker's stdin is gone.
+    bool sendState(const TapWorkerState& state);
+    // A "stop" line if the worker can take it now; false when it cannot (it stopped reading, or
+    // its stdin is gone), and only signals will end it.
+    bool sendStop();
     // Only the first call counts: it records the error (none for "ready") and wakes the creator.
     void signalReady(std::optional<std::string> error);
     bool isRunning() const { return process && process->isRunning(); }
@@ -35,12 +39,15 @@ class IsolatedTapHandle final : public TapHandle {
     std::shared_ptr<TapWorkerProcess> process;
 
     std::mutex protocolLock;
-    std::mutex writeLock;
     std::string protocolBuffer;
     std::optional<std::string> readyError;
     bool readySignaled = false;
     std::counting_semaphore<> ready{0};
     std::atomic<bool> intentionalStop{false};
+    // The worker read nothing for the stall limit while states waited; it is being stopped.
+    std::atomic<bool> stalled{false};
+    // "stop" could not be written: waiting for the worker to leave by itself would be in vain.
+    std::atomic<bool> stopUndelivered{false};
 
     // Set once before the worker starts, then only read.
     TapProcessIdentity processIdentity;

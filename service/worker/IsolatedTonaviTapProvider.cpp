@@ -143,15 +143,23 @@ TapHandlePtr IsolatedTonaviTapProvider::createTap(const std::string& bundleID) {
         Log::info("tonavi: could not launch isolated tap helper for " + bundleID + ": " + launchError);
         return nullptr;
     }
-    handle->process->startReading([weakSelf, weakHandle](std::string_view bytes) {
-        auto self = weakSelf.lock();
-        auto handle = weakHandle.lock();
-        if (self && handle)
-            self->receive(handle, bytes);
-    });
+    handle->process->startReading(
+        [weakSelf, weakHandle](std::string_view bytes) {
+            auto self = weakSelf.lock();
+            auto handle = weakHandle.lock();
+            if (self && handle)
+                self->receive(handle, bytes);
+        },
+        [weakSelf, weakHandle] {
+            auto self = weakSelf.lock();
+            auto handle = weakHandle.lock();
+            if (self && handle)
+                self->onStall(handle);
+        },
+        environment_.stallLimit);
 
     // A state that cannot be written fails the start without waiting.
-    if (handle->send(TapWorkerEnvelope::makeState(*state))) {
+    if (handle->sendState(*state)) {
         const bool signalled = handle->ready.try_acquire_for(environment_.readyTimeout);
         std::optional<std::string> error;
         {
@@ -166,7 +174,7 @@ TapHandlePtr IsolatedTonaviTapProvider::createTap(const std::string& bundleID) {
             }
             // A change made during the start-up is not lost.
             if (auto latest = workerStateFor ? workerStateFor(bundleID) : std::nullopt; latest && *latest != *state)
-                handle->send(TapWorkerEnvelope::makeState(*latest));
+                handle->sendState(*latest);
             Log::info("tonavi: isolated tap helper " + std::to_string(handle->pid()) + " owns " + bundleID);
             return handle;
         }
@@ -245,13 +253,37 @@ void IsolatedTonaviTapProvider::onTermination(const std::shared_ptr<IsolatedTapH
     }
     if (unexpected && onTapFailure)
         onTapFailure(handle->bundleID,
-                     "isolated tap helper exited (status " + std::to_string(status) + "); direct audio restored",
+                     handle->stalled.load()
+                         ? "isolated tap helper stalled (it read nothing for " + stallText() +
+                               "); direct audio restored"
+                         : "isolated tap helper exited (status " + std::to_string(status) + "); direct audio restored",
                      handle);
+}
+
+// A worker that stopped reading is ended like one that crashed: its app goes direct when it is gone,
+// and the failure report (with its health event and retry) follows from its termination.
+void IsolatedTonaviTapProvider::onStall(const std::shared_ptr<IsolatedTapHandle>& handle) {
+    {
+        std::lock_guard guard(stateLock_);
+        auto it = liveHandles_.find(handle->bundleID);
+        if (it == liveHandles_.end() || it->second != handle || handle->intentionalStop.load())
+            return;
+    }
+    handle->stalled.store(true);
+    Log::info("tonavi: isolated tap helper " + std::to_string(handle->pid()) + " for " + handle->bundleID +
+              " read nothing for " + stallText() + "; stopping it");
+    DispatchQueue::global(QoS::utility).async([self = shared_from_this(), handle] { self->forceStop(handle); });
+}
+
+std::string IsolatedTonaviTapProvider::stallText() const {
+    const auto ms = environment_.stallLimit.count();
+    return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
 }
 
 void IsolatedTonaviTapProvider::requestStop(IsolatedTapHandle& handle) {
     handle.intentionalStop.store(true);
-    handle.send(TapWorkerEnvelope::makeStop());
+    if (!handle.sendStop())
+        handle.stopUndelivered.store(true);
 }
 
 void IsolatedTonaviTapProvider::destroyTap(const TapHandlePtr& handle) {
@@ -304,7 +336,8 @@ void IsolatedTonaviTapProvider::retireReplacedTap(const TapHandlePtr& handle) {
 }
 
 void IsolatedTonaviTapProvider::finishStopping(const std::shared_ptr<IsolatedTapHandle>& handle) {
-    if (!waitForExit(*handle, 25ms, 1500ms))
+    // A worker that could not be told to stop is not waited for: it is ended by signals at once.
+    if (handle->stopUndelivered.load() || !waitForExit(*handle, 25ms, 1500ms))
         forceStop(handle);
     if (handle->process)
         handle->process->clearReader();
@@ -339,7 +372,7 @@ void IsolatedTonaviTapProvider::syncStates() {
         return;
     for (const auto& handle : handles) {
         if (auto state = workerStateFor(handle->bundleID))
-            handle->send(TapWorkerEnvelope::makeState(*state));
+            handle->sendState(*state);
     }
 }
 

@@ -54,6 +54,8 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
         // Empty: workerExecutableURL().
         std::string executable;
         std::chrono::nanoseconds readyTimeout = std::chrono::seconds(12);
+        // How long a worker may leave states unread before it counts as stalled.
+        std::chrono::milliseconds stallLimit = std::chrono::seconds(3);
     };
 
     static constexpr double activityLevel = 0.0005;
@@ -85,7 +87,9 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
     void retireReplacedTap(const TapHandlePtr& handle) override;
 
     // Sends every live worker its current state. No diffing: a worker applies a same state without
-    // an audible change. Write failures are ignored; the watchdog sees the stale IO.
+    // an audible change. Never blocks: a worker that is not reading gets the newest state when it
+    // reads again, and one that reads nothing for `stallLimit` is ended as stalled. Write failures
+    // are ignored; the watchdog sees the stale IO.
     void syncStates() override;
     // A fresh series for every app (wake, output topology change).
     void resetCreationBackoff() override;
@@ -114,8 +118,10 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
     void consume(const std::shared_ptr<IsolatedTapHandle>& handle, const TapWorkerEvent& event);
     void updateMetrics(IsolatedTapHandle& handle, const TapWorkerEvent& event);
     void onTermination(const std::shared_ptr<IsolatedTapHandle>& handle, int status);
+    void onStall(const std::shared_ptr<IsolatedTapHandle>& handle);
+    std::string stallText() const;
     void receive(const std::shared_ptr<IsolatedTapHandle>& handle, std::string_view bytes);
-    // Sets `intentionalStop` and sends "stop".
+    // Sets `intentionalStop` and sends "stop"; notes when it could not be sent.
     static void requestStop(IsolatedTapHandle& handle);
 
     const Environment environment_;

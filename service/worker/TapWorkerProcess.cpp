@@ -63,6 +63,32 @@ AdoptedWatches& adoptedWatches() {
     return *watches;
 }
 
+// One non-blocking write. A child that died leaves a broken pipe: its SIGPIPE is kept on this thread
+// and swallowed, so the caller sees EPIPE instead of a dead process. EINTR is retried.
+ssize_t writeWithoutSIGPIPE(int fd, std::string_view bytes) {
+    sigset_t pipeOnly, previous;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous);
+    ssize_t n;
+    do {
+        n = ::write(fd, bytes.data(), bytes.size());
+    } while (n < 0 && errno == EINTR);
+    const int error = errno;
+    if (n < 0 && error == EPIPE) {
+        sigset_t pending;
+        sigpending(&pending);
+        if (sigismember(&pending, SIGPIPE) && !sigismember(&previous, SIGPIPE)) {
+            timespec zero{0, 0};
+            while (sigtimedwait(&pipeOnly, nullptr, &zero) < 0 && errno == EINTR) {
+            }
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    errno = error;
+    return n;
+}
+
 int statusFrom(int waitStatus) {
     if (WIFEXITED(waitStatus))
         return WEXITSTATUS(waitStatus);
@@ -72,6 +98,44 @@ int statusFrom(int waitStatus) {
 }
 
 } // namespace
+
+// Lines on their way to the child, and our non-blocking end of its stdin. Shared with the reader
+// thread, which flushes it as the pipe drains. `mutex` ("outboxLock") is a leaf lock, held only
+// around non-blocking writes.
+struct TapWorkerProcess::Outbox {
+    using Clock = std::chrono::steady_clock;
+    int fd = -1;
+    std::mutex mutex;
+    std::string begun;   // the rest of a line partly written
+    std::string newest;  // a whole line not begun; a newer one replaces it
+    Clock::time_point lastProgress{}; // the last write that took bytes while lines waited
+    bool broken = false;
+
+    bool waitingLocked() const { return !begun.empty() || !newest.empty(); }
+    // Writes what the pipe takes now.
+    void flushLocked() {
+        while (!broken) {
+            if (begun.empty()) {
+                if (newest.empty())
+                    return;
+                begun.swap(newest);
+                newest.clear();
+            }
+            const ssize_t n = writeWithoutSIGPIPE(fd, begun);
+            if (n > 0) {
+                begun.erase(0, static_cast<std::size_t>(n));
+                lastProgress = Clock::now();
+            } else if (n < 0 && errno == EAGAIN) {
+                return;
+            } else {
+                broken = true;
+                begun.clear();
+                newest.clear();
+            }
+        }
+    }
+    ~Outbox() { closeFD(fd); }
+};
 
 // The reader thread's own state, shared so that a thread that outlives its process object (a
 // reader cleared from its own handler) touches nothing freed.
@@ -104,7 +168,7 @@ std::shared_ptr<TapWorkerProcess> TapWorkerProcess::launch(const std::string& ex
     int output[2] = {-1, -1};
     auto reader = std::make_shared<Reader>();
     if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0 ||
-        ::pipe2(reader->wake, O_CLOEXEC) != 0) {
+        ::pipe2(reader->wake, O_CLOEXEC | O_NONBLOCK) != 0) {
         error = std::string("pipe: ") + std::strerror(errno);
         closeFD(input[0]), closeFD(input[1]), closeFD(output[0]), closeFD(output[1]);
         return nullptr;
@@ -152,7 +216,10 @@ std::shared_ptr<TapWorkerProcess> TapWorkerProcess::launch(const std::string& ex
 
     std::shared_ptr<TapWorkerProcess> process(new TapWorkerProcess());
     process->pid_ = pid;
-    process->inputFD_ = input[1];
+    // Only our end is non-blocking: the child reads its stdin as an ordinary blocking file.
+    ::fcntl(input[1], F_SETFL, ::fcntl(input[1], F_GETFL) | O_NONBLOCK);
+    process->outbox_ = std::make_shared<Outbox>();
+    process->outbox_->fd = input[1];
     reader->fd = output[0];
     process->reader_ = std::move(reader);
     std::weak_ptr<TapWorkerProcess> weak = process;
@@ -196,7 +263,6 @@ TapWorkerProcess::~TapWorkerProcess() {
     // A child still running keeps its watch, whose handler reaps it by pid, so no zombie is left.
     if (exitSource_ && !reaped)
         adoptedWatches().adopt(adoption_, std::move(exitSource_));
-    closeFD(inputFD_);
 }
 
 void TapWorkerProcess::reapLocked(bool wait) const {
@@ -236,58 +302,110 @@ void TapWorkerProcess::signal(int signalNumber) const {
         ::kill(pid_, signalNumber);
 }
 
-bool TapWorkerProcess::write(std::string_view bytes) {
-    if (inputFD_ < 0)
-        return false;
-    // A worker that died leaves a broken pipe; keep its SIGPIPE on this thread and swallow it.
-    sigset_t pipeOnly, previous;
-    sigemptyset(&pipeOnly);
-    sigaddset(&pipeOnly, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous);
-    bool ok = true;
-    while (!bytes.empty()) {
-        ssize_t n = ::write(inputFD_, bytes.data(), bytes.size());
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-    }
-    if (!ok && errno == EPIPE) {
-        sigset_t pending;
-        sigpending(&pending);
-        if (sigismember(&pending, SIGPIPE) && !sigismember(&previous, SIGPIPE)) {
-            timespec zero{0, 0};
-            while (sigtimedwait(&pipeOnly, nullptr, &zero) < 0 && errno == EINTR) {
-            }
-        }
-    }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return ok;
+void TapWorkerProcess::terminate() const {
+    signal(SIGTERM);
+    signal(SIGCONT);
 }
 
-void TapWorkerProcess::closeInput() { closeFD(inputFD_); }
+bool TapWorkerProcess::sendLatest(std::string line) {
+    bool wake;
+    {
+        std::lock_guard guard(outbox_->mutex);
+        if (outbox_->broken)
+            return false;
+        const bool wasWaiting = outbox_->waitingLocked();
+        outbox_->newest = std::move(line);
+        outbox_->flushLocked();
+        if (outbox_->broken)
+            return false;
+        wake = !wasWaiting && outbox_->waitingLocked();
+        if (wake)
+            outbox_->lastProgress = Outbox::Clock::now();
+    }
+    // The reader thread watches the pipe for room only while lines wait: tell it they do.
+    if (wake) {
+        char byte = 0;
+        ssize_t ignored = ::write(reader_->wake[1], &byte, 1);
+        (void)ignored;
+    }
+    return true;
+}
 
-void TapWorkerProcess::startReading(ReadHandler handler) {
+bool TapWorkerProcess::sendFinal(std::string_view line) {
+    std::lock_guard guard(outbox_->mutex);
+    outbox_->newest.clear();
+    if (outbox_->broken || !outbox_->begun.empty())
+        return false;
+    const ssize_t n = writeWithoutSIGPIPE(outbox_->fd, line);
+    if (n == static_cast<ssize_t>(line.size()))
+        return true;
+    // Short lines go whole or not at all on a pipe; a longer one cut short would leave the child a
+    // torn line, so its rest still goes out as the pipe drains.
+    if (n > 0) {
+        outbox_->begun.assign(line.substr(static_cast<std::size_t>(n)));
+        outbox_->lastProgress = Outbox::Clock::now();
+        return true;
+    }
+    if (errno != EAGAIN)
+        outbox_->broken = true;
+    return false;
+}
+
+std::optional<std::chrono::steady_clock::duration> TapWorkerProcess::blockedFor() const {
+    std::lock_guard guard(outbox_->mutex);
+    if (!outbox_->waitingLocked())
+        return std::nullopt;
+    return Outbox::Clock::now() - outbox_->lastProgress;
+}
+
+void TapWorkerProcess::startReading(ReadHandler handler, StallHandler onStall,
+                                    std::chrono::milliseconds stallLimit) {
     auto reader = reader_;
     if (reader->started.exchange(true))
         return;
-    readerThread_ = std::thread([reader, handler = std::move(handler)] {
+    readerThread_ = std::thread([reader, outbox = outbox_, handler = std::move(handler),
+                                 onStall = std::move(onStall), stallLimit] {
         pthread_setname_np(pthread_self(), "tonavi.tap-read");
         struct Finish {
             Reader& reader;
             ~Finish() { reader.finish(); }
         } finish{*reader};
         char buffer[4096];
+        bool stallReported = false;
         for (;;) {
-            pollfd fds[2] = {{reader->fd, POLLIN, 0}, {reader->wake[0], POLLIN, 0}};
-            int n = ::poll(fds, 2, -1);
+            // While lines wait for the child, watch its stdin for room and time the wait.
+            int timeout = -1;
+            bool waiting, stalled = false;
+            {
+                std::lock_guard guard(outbox->mutex);
+                waiting = outbox->waitingLocked() && !outbox->broken;
+                if (waiting && !stallReported) {
+                    const auto blocked = Outbox::Clock::now() - outbox->lastProgress;
+                    stalled = stallReported = blocked >= stallLimit;
+                    if (!stalled)
+                        timeout = static_cast<int>(
+                            std::chrono::ceil<std::chrono::milliseconds>(stallLimit - blocked).count());
+                }
+            }
+            if (stalled && onStall)
+                onStall();
+            pollfd fds[3] = {{reader->fd, POLLIN, 0}, {reader->wake[0], POLLIN, 0}, {waiting ? outbox->fd : -1, POLLOUT, 0}};
+            int n = ::poll(fds, 3, timeout);
             if (n < 0 && errno == EINTR)
                 continue;
-            if (n < 0 || reader->cleared.load() || fds[1].revents != 0)
+            if (n < 0 || reader->cleared.load())
                 return;
+            if (fds[1].revents != 0)
+                while (::read(reader->wake[0], buffer, sizeof buffer) > 0) {
+                }
+            if (fds[2].revents != 0) {
+                std::lock_guard guard(outbox->mutex);
+                outbox->flushLocked();
+                if (!outbox->waitingLocked())
+                    stallReported = false;
+            }
+            if (fds[0].revents == 0)
+                continue;
             ssize_t got = ::read(reader->fd, buffer, sizeof buffer);
             if (got < 0 && (errno == EINTR || errno == EAGAIN))
                 continue;

@@ -2,10 +2,19 @@
 // One tap worker as a child process: its stdin and stdout pipes, its exit, and the signals that end
 // it. Every descriptor is close-on-exec, and the child gets only its two pipe ends and /dev/null
 // for stderr, so no worker keeps another worker's pipe (or the control socket) open.
+//
+// Writing to the child never blocks: a child that stops reading (stopped, hung in a plug-in) must
+// not hold up whoever writes, which is often the runtime's serial queue. Our end of its stdin is
+// non-blocking, and what the pipe does not take at once waits in the outbox: the rest of a line
+// already begun (it must go out whole, or the child would read a torn line), then at most one whole
+// line, the newest, since every line we send supersedes the one before. The reader thread sends the
+// outbox as the pipe drains, and tells once when the child has taken nothing for the stall limit
+// while something waited.
 
 #include "base/Dispatch.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -25,6 +34,8 @@ class TapWorkerProcess {
     // Bytes as they arrive from the child's stdout; called on the reader thread. An empty view
     // means end of file, after which nothing more comes.
     using ReadHandler = std::function<void(std::string_view bytes)>;
+    // The child took nothing for the stall limit while lines waited; called once, on the reader thread.
+    using StallHandler = std::function<void()>;
 
     // Starts `executable` with `arguments` (without argv[0], which is the executable). Null with
     // `error` set when the launch fails; the termination handler is then never called.
@@ -40,16 +51,23 @@ class TapWorkerProcess {
     // False once the child has ended, even before its termination handler has run.
     bool isRunning() const;
     std::optional<int> terminationStatus() const;
-    void terminate() const { signal(15); }
+    // SIGTERM, then SIGCONT so that a stopped child acts on it at once.
+    void terminate() const;
     void kill() const { signal(9); }
 
-    // Writes all of `bytes` to the child's stdin; false when the pipe is closed or broken. Never
-    // raises SIGPIPE, also in a process that does not ignore it. Callers serialise their writes.
-    bool write(std::string_view bytes);
-    // Closes the child's stdin: the end of its input.
-    void closeInput();
-    // Starts the reader thread ("tonavi.tap-read"). At most once.
-    void startReading(ReadHandler handler);
+    // Sends `line` (one whole line with its line feed), or keeps it as the newest waiting line,
+    // replacing one that has not begun. False only when the pipe is closed or broken. Never blocks
+    // and never raises SIGPIPE, also in a process that does not ignore it.
+    bool sendLatest(std::string line);
+    // The last line the child gets (a stop): a waiting line that has not begun is dropped, since
+    // the child will not need it. False when the pipe cannot take `line` whole now (a line already
+    // begun still waits, or the pipe is full), closed or broken; the caller then uses signals.
+    bool sendFinal(std::string_view line);
+    // How long lines have waited without the child taking a byte; nothing when none waits.
+    std::optional<std::chrono::steady_clock::duration> blockedFor() const;
+    // Starts the reader thread ("tonavi.tap-read"). At most once. `onStall` may be empty.
+    void startReading(ReadHandler handler, StallHandler onStall = {},
+                      std::chrono::milliseconds stallLimit = std::chrono::seconds(3));
     // Stops delivering reads; returns when the reader no longer calls the handler (at once when
     // called from the handler itself).
     void clearReader();
@@ -67,7 +85,8 @@ class TapWorkerProcess {
     void reapLocked(bool wait) const;
 
     int pid_ = -1;
-    int inputFD_ = -1;
+    struct Outbox;
+    std::shared_ptr<Outbox> outbox_; // made at launch, owns our end of the stdin pipe
     struct Reader;
     std::shared_ptr<Reader> reader_; // made at launch, owns the stdout pipe
     std::thread readerThread_;

@@ -3,6 +3,7 @@
 #include "core/wire/TonaviChannel.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -119,6 +120,37 @@ std::vector<pid_t> children(pid_t parent) {
     return found;
 }
 
+// The tap worker of one app among the service's children, from its command line.
+pid_t workerOf(pid_t service, const std::string& id) {
+    for (pid_t child : children(service)) {
+        std::ifstream in("/proc/" + std::to_string(child) + "/cmdline", std::ios::binary);
+        const std::string cmdline(std::istreambuf_iterator<char>(in), {});
+        if (cmdline.find(std::string(1, '\0') + id + '\0') != std::string::npos)
+            return child;
+    }
+    return -1;
+}
+
+// The 99th percentile of ping round trips, in milliseconds, from a client pinging while `work` runs.
+double pingP99During(const std::function<bool()>& work, bool& ok) {
+    std::atomic<bool> done{false}, failed{false};
+    std::vector<double> latencies;
+    std::thread pinger([&] {
+        while (!done.load()) {
+            const auto t0 = Clock::now();
+            if (!send(TonaviRequest::Ping{}))
+                failed = true;
+            latencies.push_back(millisecondsSince(t0));
+        }
+    });
+    const bool worked = work();
+    done = true;
+    pinger.join();
+    ok = ok && worked && !failed;
+    std::sort(latencies.begin(), latencies.end());
+    return latencies.empty() ? 0.0 : latencies[static_cast<std::size_t>(0.99 * double(latencies.size() - 1))];
+}
+
 std::string appID(int i) {
     return i < 0 ? "com.tonavi.mix.warmup" : "com.tonavi.mix.app" + std::to_string(i + 1);
 }
@@ -186,6 +218,31 @@ int MixMeasurement::run() {
         ok = ok && send(TonaviRequest::StageMode{false}) &&
              waitFor([] { return engagedCount() == appCount; }, std::chrono::seconds(60));
     }
+    // A worker that stops reading: ping while a thousand states are pushed its way, against the same
+    // with every worker reading; then stage mode with that worker still stopped.
+    double pingCleanP99 = 0, pingStalledP99 = 0, stageStalledMS = 0;
+    if (ok) {
+        const std::string id = appID(0);
+        const auto pushStates = [&] {
+            for (int i = 0; i < 1000; ++i)
+                if (!send(TonaviRequest::SetAppVolume{id, 0.3 + (i % 10) / 100.0}))
+                    return false;
+            return true;
+        };
+        pingCleanP99 = pingP99During(pushStates, ok);
+        const pid_t worker = workerOf(service, id);
+        ok = ok && worker > 0 && kill(worker, SIGSTOP) == 0;
+        pingStalledP99 = ok ? pingP99During(pushStates, ok) : 0.0;
+        const auto t0 = Clock::now();
+        ok = ok && send(TonaviRequest::StageMode{true}) &&
+             waitFor([] { return engagedCount() == 0; }, std::chrono::seconds(20));
+        stageStalledMS = millisecondsSince(t0);
+        if (worker > 0)
+            kill(worker, SIGCONT);
+        ok = ok && send(TonaviRequest::StageMode{false}) &&
+             waitFor([] { return engagedCount() == appCount; }, std::chrono::seconds(60));
+    }
+
     // ... against one release after another.
     double sequentialMS = 0;
     if (ok) {
@@ -206,9 +263,11 @@ int MixMeasurement::run() {
 
     std::printf("{\"ok\":%s,\"first_sound_to_tap_p50_ms\":%.1f,\"first_sound_to_tap_max_ms\":%.1f,"
                 "\"stage_release_8_ms\":%.1f,\"sequential_release_8_ms\":%.1f,\"worker_rss_kb\":%ld,"
-                "\"service_rss_kb_with_workers\":%ld,\"workers\":%zu}\n",
+                "\"service_rss_kb_with_workers\":%ld,\"workers\":%zu,\"ping_p99_ms_1000_states\":%.2f,"
+                "\"ping_p99_ms_1000_states_one_stopped\":%.2f,\"stage_release_8_one_stopped_ms\":%.1f}\n",
                 ok ? "true" : "false", sorted.empty() ? 0.0 : sorted[sorted.size() / 2],
-                sorted.empty() ? 0.0 : sorted.back(), stageMS, sequentialMS, workerKB, serviceKB, workers);
+                sorted.empty() ? 0.0 : sorted.back(), stageMS, sequentialMS, workerKB, serviceKB, workers, pingCleanP99, pingStalledP99,
+                stageStalledMS);
     return ok ? 0 : 1;
 }
 

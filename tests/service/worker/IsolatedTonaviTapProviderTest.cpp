@@ -40,7 +40,8 @@ class IsolatedProviderTest : public ::testing::Test {
         return f();
     }
     std::shared_ptr<IsolatedTonaviTapProvider> makeProvider(const std::string& executable,
-                                                            std::chrono::milliseconds readyTimeout = 10s) {
+                                                            std::chrono::milliseconds readyTimeout = 10s,
+                                                            std::chrono::milliseconds stallLimit = 60s) {
         auto provider = std::make_shared<IsolatedTonaviTapProvider>(IsolatedTonaviTapProvider::Environment{
             .mayCapture = [](std::string_view id) { return id != "com.rogueamoeba.Loopback"; },
             .processGroup =
@@ -56,7 +57,8 @@ class IsolatedProviderTest : public ::testing::Test {
             .now = [this] { return now.load(); },
             .uptime = [this] { return uptime.load(); },
             .executable = executable,
-            .readyTimeout = readyTimeout});
+            .readyTimeout = readyTimeout,
+            .stallLimit = stallLimit});
         provider->setHooks(
             {.workerState =
                  [this](const std::string& id) {
@@ -227,4 +229,39 @@ TEST_F(IsolatedProviderTest, AWorkerThatIgnoresStopAndTermIsKilledAndAReplacedOn
     EXPECT_TRUE(eventually([&] { return replaced->process->terminationStatus().has_value(); }, 5s));
     EXPECT_TRUE(eventually([&] { return provider->liveHandle("com.example.player") == nullptr; }, 5s));
     EXPECT_EQ(failureCount(), 0u);
+}
+
+// A worker that stops reading never blocks the one who writes to it: a thousand states go nowhere
+// without waiting. A stopped worker that cannot take "stop" is ended by signals, and one that reads
+// nothing for the stall limit is ended and reported as stalled.
+TEST_F(IsolatedProviderTest, AWorkerThatStopsReadingNeverBlocksItsWriterAndIsEndedAsStalled) {
+    auto deaf = makeProvider(folder.script("deaf", "read line; printf '{\"kind\":\"ready\"}\\n'; exec sleep 60"),
+                             10s, 300ms);
+    auto patient = makeProvider(folder.script("worker", readyWorker));
+    auto unread = std::dynamic_pointer_cast<IsolatedTapHandle>(deaf->createTap("com.example.player"));
+    auto stopped = std::dynamic_pointer_cast<IsolatedTapHandle>(patient->createTap("com.example.app"));
+    ASSERT_TRUE(unread && stopped);
+    ::kill(stopped->pid(), SIGSTOP);
+    for (int i = 0; i < 1000; ++i) {
+        locked([&] { volume = i / 1000.0; });
+        deaf->syncStates();
+        patient->syncStates();
+    }
+    ASSERT_TRUE(stopped->process->blockedFor()) << "the pipe must be full for this test to mean anything";
+
+    patient->destroyTaps({stopped});
+    EXPECT_TRUE(eventually([&] { return stopped->process->terminationStatus() == SIGTERM; }, 5s))
+        << "a stopped worker is continued, so that it dies of TERM";
+    EXPECT_EQ(folder.lineCount("received-com.example.app"), 1) << "it read nothing after its first state";
+
+    ASSERT_TRUE(eventually([&] { return failureCount() == 1; }, 10s)) << log();
+    EXPECT_EQ(locked([&] { return failures[0]; }),
+              std::make_tuple(std::string("com.example.player"),
+                              std::string("isolated tap helper stalled (it read nothing for 300 ms); direct audio restored"),
+                              std::static_pointer_cast<TapHandle>(unread)));
+    EXPECT_TRUE(logged("tonavi: isolated tap helper " + std::to_string(unread->pid()) +
+                       " for com.example.player read nothing for 300 ms; stopping it"));
+    EXPECT_TRUE(eventually([&] { return unread->process->terminationStatus() == SIGTERM; }, 5s));
+    deaf->destroyTap(unread); // what the engine's release does with the failure
+    EXPECT_EQ(deaf->liveHandle("com.example.player"), nullptr);
 }
