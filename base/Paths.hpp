@@ -4,6 +4,14 @@
 
 #include <string>
 
+namespace tonavi {
+
+// The identifier the service and its tap workers go by on every platform: the one their audio
+// clients carry, so that nothing of theirs is ever taken for an application to control.
+inline constexpr const char* serviceBundleIdentifier = "com.brelmoor.tonavi";
+
+} // namespace tonavi
+
 namespace tonavi::Paths {
 
 std::string homeDirectory();

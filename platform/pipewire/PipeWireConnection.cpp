@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <set>
 
 #include <pipewire/extensions/metadata.h>
 #include <pipewire/impl-module.h>
@@ -13,6 +14,7 @@
 #include <spa/utils/result.h>
 
 #include "base/Log.hpp"
+#include "base/Paths.hpp"
 
 namespace tonavi {
 
@@ -334,7 +336,8 @@ bool PipeWireConnection::start(std::string& error) {
 }
 
 bool PipeWireConnection::connectLocked(std::string& error) {
-    pw_properties* props = pw_properties_new(PW_KEY_APP_NAME, "Tonavi", nullptr);
+    // The service and its workers name themselves, so that their clients are known for their own.
+    pw_properties* props = pw_properties_new(PW_KEY_APP_NAME, "Tonavi", PW_KEY_APP_ID, serviceBundleIdentifier, nullptr);
     core_ = pw_context_connect(context_, props, 0);
     if (!core_) {
         error = std::string("no PipeWire server answers: ") + std::strerror(errno);
@@ -417,11 +420,17 @@ void PipeWireConnection::setChangeHandler(std::function<void()> handler) {
 }
 
 void PipeWireConnection::changedLocked() {
-    // One process object per pid: a new pid gets a new ID, a pid without clients loses its own.
+    // One process object per pid: a new pid gets a new ID, a pid without clients loses its own. The
+    // service's and its workers' own processes are none: their sound is never an application's.
+    std::set<pid_t> own;
+    for (const auto& [id, client] : graph_.clients)
+        if (auto app = client.props.find("application.id");
+            app != client.props.end() && app->second == serviceBundleIdentifier)
+            own.insert(client.pid());
     std::map<pid_t, AudioObjectID> processes;
     for (const auto& [id, client] : graph_.clients) {
         const pid_t pid = client.pid();
-        if (pid <= 0 || processes.count(pid))
+        if (pid <= 0 || processes.count(pid) || own.count(pid))
             continue;
         auto it = graph_.processIDs.find(pid);
         processes[pid] = it != graph_.processIDs.end() ? it->second : allocateID();
@@ -539,6 +548,17 @@ bool PipeWireConnection::moduleLoaded(std::uint64_t handle) const {
     const bool loaded = modules_.count(handle) != 0;
     pw_thread_loop_unlock(loop_);
     return loaded;
+}
+
+void PipeWireConnection::fenceDataThread() {
+    pw_data_loop* data = context_ ? pw_context_get_data_loop(context_) : nullptr;
+    if (!data)
+        return;
+    // A blocking invoke runs between two callbacks of the data thread (or at once on it).
+    pw_loop_invoke(
+        pw_data_loop_get_loop(data),
+        [](spa_loop*, bool, std::uint32_t, const void*, std::size_t, void*) { return 0; }, 0, nullptr, 0, true,
+        nullptr);
 }
 
 void PipeWireConnection::withCore(const std::function<void(pw_core*)>& f) {

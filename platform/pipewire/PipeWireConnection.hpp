@@ -70,6 +70,9 @@ class PipeWireConnection {
     // Runs f on the caller's thread with the loop locked and the core of this connection
     // (nullptr while disconnected): streams are made and destroyed in there.
     void withCore(const std::function<void(pw_core*)>& f);
+    // Returns once PipeWire's data thread has left whatever callback it was in: a pointer that a
+    // realtime callback may have loaded is safe to drop after this. Any thread, lock held or not.
+    void fenceDataThread();
     pw_thread_loop* threadLoop() const { return loop_; }
 
     struct Bound;

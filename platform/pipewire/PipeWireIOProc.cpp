@@ -146,10 +146,13 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
         std::uint8_t buffer[1024];
         spa_pod_builder b = SPA_POD_BUILDER_INIT(buffer, sizeof(buffer));
         const spa_pod* params[] = {buildFloatFormat(b, outputChannels_, target.rate)};
+        // Triggered by the first tap's sink once the cycle's samples are in, never by the graph on
+        // its own: see PipeWireTap.
         const int res = pw_stream_connect(stream_, PW_DIRECTION_OUTPUT, PW_ID_ANY,
                                           static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT |
                                                                        PW_STREAM_FLAG_MAP_BUFFERS |
-                                                                       PW_STREAM_FLAG_RT_PROCESS),
+                                                                       PW_STREAM_FLAG_RT_PROCESS |
+                                                                       PW_STREAM_FLAG_TRIGGER),
                                           params, 1);
         if (res < 0) {
             error = "the IO stream could not connect";
@@ -159,6 +162,8 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
             stream_ = nullptr;
             return;
         }
+        for (std::size_t i = 0; i < taps_.size(); ++i)
+            taps_[i]->setConsumer(i == 0 ? stream_ : nullptr, true);
         ok = true;
     });
     return ok;
@@ -186,6 +191,10 @@ void PipeWireIOProc::stop() {
     connection_.withCore([this](pw_core*) {
         if (!stream_)
             return;
+        for (auto* tap : taps_)
+            tap->setConsumer(nullptr, false);
+        // A sink's process that loaded this stream before must be over before it is destroyed.
+        connection_.fenceDataThread();
         spa_hook_remove(hook_.get());
         hook_.reset();
         // Destroying with the loop locked waits for the data thread to leave the callback.

@@ -4,6 +4,7 @@
 // own path, with nothing of Tonavi left in the graph. When the audio server goes away and comes back,
 // the applications reconnect to the new server and the service taps them again.
 
+#include "base/Paths.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
@@ -265,6 +266,28 @@ TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPat
     EXPECT_TRUE(waitUntil([&] { return !alive(replacements[0]); }, 3s)) << "the worker outlived the service";
     EXPECT_NEAR(speakers.settle({treble}, [&](const auto& l) { return l[0] > reference - 1; })[0], reference,
                 1.0);
+}
+
+// The service's and its workers' own streams are never taken for an application's: under a solo and
+// auto-duck, which give a tap to whatever plays, only the silenced player gets a worker.
+TEST_F(PipeWireServiceTest, TheServiceNeverTapsItselfOrItsWorkers) {
+    seedConfig(1.0);
+    play("org.tonavi.Low", "Low", "4000");
+    play("org.tonavi.High", "High", "880");
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    ASSERT_TRUE(waitUntil([&] { return tonavi::testing::ctl(home.env(), {"solo", "High"}).first == 0; }, 10s));
+    ctl({"smart", "duck", "on"});
+    ASSERT_TRUE(waitUntil([&] { return workersOf(service.pid, "org.tonavi.Low").size() == 1; }, 10s))
+        << home.logText();
+    // Its worker plays now; several snapshots and watchdog passes later, still nothing else is tapped.
+    const auto selfTapped = [&] {
+        const std::string status = tonavi::testing::ctl(home.env(), {"status", "--json"}).second;
+        return workersOf(service.pid).size() != 1 || status.find(serviceBundleIdentifier) != std::string::npos ||
+               status.find("onavi-service") != std::string::npos;
+    };
+    EXPECT_FALSE(waitUntil(selfTapped, 8s)) << tonavi::testing::ctl(home.env(), {"status"}).second;
+    const std::string log = home.logText();
+    EXPECT_EQ(log.find("tonavi-service"), std::string::npos) << log;
 }
 
 TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {

@@ -154,6 +154,40 @@ class PipeWireRig : public ContractRig {
         const std::size_t skip = 48000 / 5;
         return got > skip && amplitudeAt(samples.data() + skip, got - skip, app.frequency, 48000) > 0.05;
     }
+    // An application playing a click every 4,800 frames on one channel (0 left, 1 right) only.
+    App startClicks(const std::string& bundleID, int channel) {
+        const pid_t pid = server_.spawn(
+            {TONAVI_TONE_CLIENT, bundleID, bundleID, "click:" + std::to_string(channel), "0.5"}, "clicks");
+        running_.push_back(pid);
+        eventually([&] { return processObject(pid) != kAudioObjectUnknown; });
+        return {bundleID, 0, pid};
+    }
+    // How many frames the right channel's clicks come after the left one's on the device, from one
+    // recording of its monitor (-2400...2399, the clicks' period being 4,800); nothing without both.
+    std::optional<int> clickLag(const std::string& deviceUID) {
+        const std::string command = "timeout 3 parec --latency-msec=20 --device=" + deviceUID +
+                                    ".monitor --raw --format=float32le --rate=48000 --channels=2 2>/dev/null";
+        FILE* pipe = ::popen(command.c_str(), "r");
+        if (!pipe)
+            return std::nullopt;
+        std::vector<float> samples(2 * 48000 * 6 / 10);
+        const std::size_t frames = std::fread(samples.data(), 2 * sizeof(float), samples.size() / 2, pipe);
+        ::pclose(pipe);
+        // After 0.3 s to settle, the first click of each channel.
+        std::optional<std::size_t> first[2];
+        for (std::size_t f = 48000 * 3 / 10; f < frames; ++f)
+            for (int c = 0; c < 2; ++c)
+                if (!first[c] && std::abs(samples[2 * f + c]) > 0.1f)
+                    first[c] = f;
+        if (!first[0] || !first[1])
+            return std::nullopt;
+        return wrapClickLag(static_cast<int>(static_cast<long>(*first[1]) - static_cast<long>(*first[0])));
+    }
+    // A difference of click positions as the nearest lag: -2400...2399 frames.
+    static int wrapClickLag(int frames) {
+        const int period = 4800;
+        return ((frames % period) + period + period / 2) % period - period / 2;
+    }
     bool setVolumeFromOutside(const std::string& deviceUID, float volume) override {
         // Pulse volumes use the same cubic law: 50% is a scalar of 0.5.
         const std::string command = "pactl set-sink-volume " + deviceUID + " " +

@@ -326,6 +326,7 @@ class PipeWireBackendTest : public ::testing::Test {
 };
 using PipeWireOutputGroupTest = PipeWireBackendTest;
 using PipeWireTapHandoverTest = PipeWireBackendTest;
+using PipeWireTapLatencyTest = PipeWireBackendTest;
 
 TEST_F(PipeWireBackendTest, PipeWireIsTheDefaultWhereAServerAnswersAndChildrenInheritIt) {
     TempFolder folder;
@@ -350,6 +351,9 @@ TEST_F(PipeWireBackendTest, RunningApplicationsAreTheProcessesWithClients) {
 
     const auto found = workspace.runningApplication(app.pid).value_or(RunningApplication{});
     EXPECT_EQ(found.bundleIdentifier + " " + found.localizedName, "org.tonavi.Listed org.tonavi.Listed");
+    // This process's connections are the service's own: no application, no process object.
+    EXPECT_FALSE(workspace.runningApplication(::getpid()));
+    EXPECT_EQ(rig->processObject(::getpid()), kAudioObjectUnknown);
     EXPECT_EQ(workspace.runningApplications("org.tonavi.Listed").size(), 1u);
     // Started by this test binary, a different program: it answers for itself.
     EXPECT_EQ(std::pair(workspace.responsiblePID(app.pid), workspace.responsiblePID(0x3fffffff)),
@@ -452,6 +456,39 @@ TEST_F(PipeWireTapHandoverTest, TheNewestTapOfAnApplicationKeepsItsStream) {
     EXPECT_FALSE(leaves(500ms)) << "the old tap's release moved the stream away from its successor";
     EXPECT_TRUE(eventually([&] { return rig.heard("headphones", app) && !rig.heard("speakers", app); }));
     next.stop();
+}
+
+// A tapped application is heard in the same graph cycle as it would be on its direct path: its clicks
+// keep their distance to those of an untapped one, whatever the quantum.
+TEST_F(PipeWireTapLatencyTest, ATappedApplicationAddsNoLatency) {
+    PipeWireRig& rig = *this->rig;
+    PipeWireConnection observer; // the rig's own connection is busy with the tap while routing it
+    std::string why;
+    ASSERT_TRUE(observer.start(why)) << why;
+    const App direct = rig.startClicks("org.tonavi.ClicksLeft", 0);
+    const App tapped = rig.startClicks("org.tonavi.ClicksRight", 1);
+    for (int quantum : {256, 1024}) {
+        SCOPED_TRACE(quantum);
+        const std::string force = "pw-metadata -n settings 0 clock.force-quantum " + std::to_string(quantum);
+        ASSERT_EQ(std::system((force + " >/dev/null").c_str()), 0);
+        std::optional<int> before;
+        ASSERT_TRUE(eventually([&] { return (before = rig.clickLag("speakers")).has_value(); }));
+        TappedPath path{rig.pipewire()};
+        ASSERT_TRUE(path.start(rig.processObject(tapped.pid), "speakers"));
+        // Measured once the stream plays through the tap, not while it is still on its direct path.
+        ASSERT_TRUE(observer.waitUntil([&](const PipeWireGraph& g) { return path.routed(g, tapped.pid); }, 5000ms));
+        ASSERT_TRUE(eventually([&] { return rig.pipewire().ioStatistics(path.device, path.proc)->cycles > 50; }));
+        std::optional<int> after;
+        EXPECT_TRUE(eventually([&] { return (after = rig.clickLag("speakers")).has_value(); }));
+        path.stop();
+        ASSERT_TRUE(after);
+        const int added = PipeWireRig::wrapClickLag(*after - *before);
+        EXPECT_EQ(added, 0) << "frames added by the tap";
+        std::printf("tap latency at quantum %d: %d frames added\n", quantum, added);
+    }
+    std::system("pw-metadata -n settings 0 clock.force-quantum 0 >/dev/null");
+    rig.stopApp(direct);
+    rig.stopApp(tapped);
 }
 
 } // namespace

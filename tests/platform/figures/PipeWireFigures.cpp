@@ -1,15 +1,21 @@
 // Figures of the PipeWire backend on a private server, printed for the record (not a test):
 //   - a status-style property read (is-running-output) with 30 playing applications, from memory;
 //   - CPU of one tap's IO with a unity block at quantum 256;
-//   - the latency PipeWire reports for a tap's nodes, and how often the IO saw its input a cycle late.
+//   - the latency PipeWire reports for a tap's nodes, and how often the IO saw its input a cycle late;
+//   - the latency a tap adds to an application, at quanta 256 and 1024, next to pw-loopback's: the
+//     lag between two click players on the speakers' monitor, one left alone and one tapped (or
+//     moved into the loopback's sink), against the same lag before.
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <optional>
 #include <sys/resource.h>
 #include <thread>
 
 #include "../contract/ContractRig.hpp"
+#include "platform/pipewire/PipeWireConnection.hpp"
 
 using namespace tonavi;
 using namespace tonavi::test;
@@ -27,6 +33,65 @@ double cpuShare(double seconds) {
     const auto t0 = Clock::now();
     std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
     return (cpu() - cpu0) / std::chrono::duration<double>(Clock::now() - t0).count();
+}
+// Frames the path that `engage` sets up adds to `moved`'s clicks, at the quantum; nothing when a
+// recording failed.
+std::optional<int> addedFrames(PipeWireRig& rig, int quantum, const std::function<bool()>& engage,
+                               const std::function<void()>& release) {
+    const std::string force = "pw-metadata -n settings 0 clock.force-quantum " + std::to_string(quantum);
+    if (std::system((force + " >/dev/null").c_str()) != 0)
+        return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto before = rig.clickLag("speakers");
+    if (!before || !engage())
+        return std::nullopt;
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const auto after = rig.clickLag("speakers");
+    release();
+    if (!after)
+        return std::nullopt;
+    return PipeWireRig::wrapClickLag(*after - *before);
+}
+
+void reportAddedLatency(PrivatePipeWireServer& server, PipeWireRig& rig) {
+    auto& audio = rig.pipewire();
+    const App left = rig.startClicks("org.tonavi.FigureClicksLeft", 0);
+    const App right = rig.startClicks("org.tonavi.FigureClicksRight", 1);
+    const AudioObjectID process = rig.processObject(right.pid);
+    pid_t loopback = -1;
+    for (int quantum : {256, 1024}) {
+        TappedPath path{audio};
+        const auto tapped = addedFrames(rig, quantum, [&] { return path.start(process, "speakers"); },
+                                        [&] { path.stop(); });
+        // The loopback module's own sink, with the player's stream moved into it the way a tap moves it.
+        const auto looped = addedFrames(
+            rig, quantum,
+            [&] {
+                loopback = server.spawn({"pw-loopback", "--capture-props=media.class=Audio/Sink node.name=figure.loopback",
+                                         "--playback-props=target.object=speakers"},
+                                        "loopback");
+                std::string serial;
+                std::uint32_t stream = 0;
+                const bool found = audio.connection().waitUntil(
+                    [&](const PipeWireGraph& g) {
+                        const auto* sink = g.nodeByName("figure.loopback");
+                        for (const auto& [id, n] : g.nodes)
+                            if (n.pid == right.pid && n.mediaClass() == "Stream/Output/Audio")
+                                stream = id;
+                        serial = sink ? sink->prop("object.serial") : "";
+                        return sink && stream;
+                    },
+                    std::chrono::milliseconds(5000));
+                return found &&
+                       audio.connection().setMetadata("default", stream, "target.object", "Spa:Id", serial.c_str());
+            },
+            [&] { PrivatePipeWireServer::terminate(loopback); });
+        std::printf("added latency at quantum %d: tap %s frames, pw-loopback %s frames\n", quantum,
+                    tapped ? std::to_string(*tapped).c_str() : "?", looped ? std::to_string(*looped).c_str() : "?");
+    }
+    std::system("pw-metadata -n settings 0 clock.force-quantum 0 >/dev/null");
+    rig.stopApp(left);
+    rig.stopApp(right);
 }
 } // namespace
 
@@ -80,4 +145,5 @@ int main() {
                 static_cast<unsigned long long>(after.lateInputs - before.lateInputs),
                 static_cast<unsigned long long>(after.cycles - before.cycles));
     path.stop(); // the rig stops the applications
+    reportAddedLatency(*server, *rig);
 }

@@ -1,7 +1,10 @@
 // A small PipeWire application for the platform tests: plays a stereo sine until it is killed,
 // with the application properties it is given. Several frequencies joined by '+' play together,
-// each at the level.
-//   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]> [level 0..1]
+// each at the level. "click:C" plays instead one sample at the level on channel C only (0 left, 1
+// right) wherever the graph's clock passes a multiple of 4,800 frames, silence elsewhere: two such
+// clients on the two channels of one device click at once, however their streams were moved or
+// restarted, so a recording of its monitor shows how much later one path delivers than the other.
+//   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]|click:C> [level 0..1]
 
 #include <cmath>
 #include <csignal>
@@ -18,6 +21,9 @@ pw_main_loop* loop = nullptr;
 pw_stream* stream = nullptr;
 std::vector<double> frequencies, phases;
 double level = 0.5;
+int clickChannel = -1; // a click train on this channel instead of tones
+std::uint64_t frame = 0;
+constexpr std::uint64_t clickPeriod = 4800;
 
 void process(void*) {
     pw_buffer* b = pw_stream_dequeue_buffer(stream);
@@ -28,7 +34,18 @@ void process(void*) {
     std::uint32_t frames = d.maxsize / (2 * sizeof(float));
     if (b->requested)
         frames = std::min<std::uint32_t>(frames, static_cast<std::uint32_t>(b->requested));
-    for (std::uint32_t i = 0; samples && i < frames; ++i) {
+    if (clickChannel >= 0) {
+        pw_time time{};
+        pw_stream_get_time_n(stream, &time, sizeof time);
+        frame = time.ticks;
+    }
+    for (std::uint32_t i = 0; samples && i < frames; ++i, ++frame) {
+        if (clickChannel >= 0) {
+            samples[2 * i] = samples[2 * i + 1] = 0.0f;
+            if (frame % clickPeriod == 0)
+                samples[2 * i + clickChannel] = static_cast<float>(level);
+            continue;
+        }
         double v = 0;
         for (std::size_t k = 0; k < frequencies.size(); ++k) {
             v += level * std::sin(phases[k]);
@@ -46,7 +63,9 @@ int main(int argc, char** argv) {
     if (argc < 4)
         return 64;
     pw_init(&argc, &argv);
-    for (const char* f = argv[3]; *f;) {
+    if (std::string(argv[3]).starts_with("click:"))
+        clickChannel = argv[3][6] == '1' ? 1 : 0;
+    for (const char* f = clickChannel >= 0 ? "" : argv[3]; *f;) {
         char* end = nullptr;
         frequencies.push_back(std::strtod(f, &end));
         if (end == f)
