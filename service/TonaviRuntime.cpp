@@ -61,7 +61,7 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     } catch (const std::exception& e) {
         Log::info(std::string("tonavi: configuration could not be loaded (") + e.what() +
                   "); starting with first-run defaults");
-        loaded = TonaviConfig::firstRunDefaults();
+        loaded = TonaviConfig::firstRunDefaults(store_->platform);
     }
 
     // 5. Recency.

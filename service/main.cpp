@@ -52,6 +52,9 @@ int main(int argc, char** argv) {
         return 1;
     }
     environment.audio = backend->sharedAudio();
+    // The simulated machine is a Mac; on PipeWire applications go by their Linux identifiers.
+    if (backend->name() == "pipewire")
+        environment.store->platform = AppPlatform::linuxDesktop;
     // On Linux battery and signal of Bluetooth devices are BlueZ's; a simulated machine has none.
     if (backend->name() == "pipewire")
         environment.bluetoothProfiler = BluetoothInfo::readBlueZ;

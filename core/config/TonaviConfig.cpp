@@ -1,6 +1,7 @@
 #include "core/config/TonaviConfig.hpp"
 
 #include <algorithm>
+#include <array>
 #include <locale>
 #include <map>
 #include <set>
@@ -8,18 +9,27 @@
 
 namespace tonavi {
 
-TonaviConfig TonaviConfig::firstRunDefaults() {
-    static const std::pair<const char*, const char*> favourites[] = {
+TonaviConfig TonaviConfig::firstRunDefaults(AppPlatform platform) {
+    using Favourites = std::array<std::pair<const char*, const char*>, 5>;
+    static constexpr Favourites macOS = {{
         {"com.anthropic.claudefordesktop", "Claude"},
         {"com.openai.chat", "ChatGPT"},
         {"com.google.Chrome", "Chrome"},
         {"com.apple.Safari", "Safari"},
         {"org.musescore.MuseScore", "MuseScore"},
-    };
+    }};
+    // Applications a Linux desktop has, by the identifiers its audio clients carry.
+    static constexpr Favourites linuxDesktop = {{
+        {"firefox", "Firefox"},
+        {"chromium", "Chromium"},
+        {"google-chrome", "Chrome"},
+        {"com.spotify.Client", "Spotify"},
+        {"org.musescore.MuseScore", "MuseScore"},
+    }};
     TonaviConfig config;
     config.startAtLogin = true;
     std::int64_t rank = 0;
-    for (const auto& [id, name] : favourites) {
+    for (const auto& [id, name] : platform == AppPlatform::linuxDesktop ? linuxDesktop : macOS) {
         AppAudioState state(id);
         state.displayName = name;
         state.favorite = true;

@@ -28,6 +28,10 @@
 
 namespace tonavi {
 
+// Whose application identifiers a machine uses: bundle identifiers (macOS, and the simulated
+// machine, which models a Mac) or desktop-entry and Flatpak identifiers (Linux).
+enum class AppPlatform { macOS, linuxDesktop };
+
 struct TonaviConfig {
     std::int64_t schemaVersion = currentSchemaVersion;
     std::vector<AppAudioState> apps;
@@ -57,8 +61,9 @@ struct TonaviConfig {
 
     static constexpr std::int64_t currentSchemaVersion = 2;
 
-    // The record of a new installation: five favourite applications and start at login.
-    static TonaviConfig firstRunDefaults();
+    // The record of a new installation: five favourite applications of the platform, under the
+    // identifiers it gives them, and start at login.
+    static TonaviConfig firstRunDefaults(AppPlatform platform = AppPlatform::macOS);
 
     // The first record with this id, or nullptr. The pointer lives as long as `apps` is unchanged.
     const AppAudioState* app(std::string_view id) const;

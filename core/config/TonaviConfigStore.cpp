@@ -195,7 +195,7 @@ TonaviConfig TonaviConfigStore::load() const {
     const Path target = configURL();
     removeLeftoverTemporaries();
     if (!fs_->exists(target)) {
-        TonaviConfig config = TonaviConfig::firstRunDefaults();
+        TonaviConfig config = TonaviConfig::firstRunDefaults(platform);
         save(config);
         return config;
     }
@@ -230,7 +230,7 @@ TonaviConfig TonaviConfigStore::recover(const std::optional<std::string>& damage
         fromPrevious = true;
         kept.emplace_back("your last saved setup");
     } catch (const std::exception&) {
-        working = TonaviConfig::firstRunDefaults();
+        working = TonaviConfig::firstRunDefaults(platform);
     }
 
     if (damagedBytes && !fromPrevious) {

@@ -37,6 +37,9 @@ class TonaviConfigStore {
     // The per-user support folder, created with its parents (a failure is dropped).
     static Path defaultBase();
 
+    // Whose first-run favourites a new or unreadable configuration starts from.
+    AppPlatform platform = AppPlatform::macOS;
+
     const Path& baseDir() const { return baseDir_; }
     Path configURL() const { return baseDir_ / "state.json"; }
     Path temporaryURL() const { return baseDir_ / "state.json.tmp"; }

@@ -8,7 +8,7 @@ namespace tonavi::DefaultMixerAppPolicy {
 
 namespace {
 
-constexpr std::array<std::string_view, 34> bundleFragments{
+constexpr auto bundleFragments = std::to_array<std::string_view>({
     "anthropic.claudefordesktop",
     "openai.chat",
     "chatgpt",
@@ -43,15 +43,24 @@ constexpr std::array<std::string_view, 34> bundleFragments{
     "digitalperformer",
     "harrison.mixbus",
     "adobe.audition",
-};
+    // Linux browsers and music tools by desktop-entry or Flatpak identifier.
+    "chromium",
+    "librewolf",
+    "epiphany",
+    "lmms",
+    "qtractor",
+    "zrythm",
+    "rosegarden",
+});
 
-constexpr std::array<std::string_view, 30> names{
+constexpr auto names = std::to_array<std::string_view>({
     "claude",     "chatgpt",        "safari",    "chrome",   "arc",        "brave",     "firefox",
     "edge",       "opera",          "vivaldi",   "orion",    "comet",      "musescore", "logic pro",
     "garageband", "ableton live",   "reaper",    "cubase",   "studio one", "pro tools", "bitwig",
     "fl studio",  "reason",         "mainstage", "pianoteq", "ardour",     "waveform",  "digital performer",
     "mixbus",     "adobe audition",
-};
+    "chromium", "librewolf", "lmms", "qtractor", "zrythm", "rosegarden",
+});
 
 std::string lowered(std::string_view text) {
     std::string out(text);

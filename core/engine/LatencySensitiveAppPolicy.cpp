@@ -7,7 +7,7 @@ namespace tonavi::LatencySensitiveAppPolicy {
 
 namespace {
 
-constexpr std::array<std::string_view, 20> markers{
+constexpr auto markers = std::to_array<std::string_view>({
     "pianoteq",
     "mainstage",
     "logic10",
@@ -28,7 +28,17 @@ constexpr std::array<std::string_view, 20> markers{
     "harrison.mixbus",
     "native-instruments",
     "kontakt",
-};
+    // The same kinds of tool on Linux, by desktop-entry or Flatpak identifier.
+    "lmms",
+    "qtractor",
+    "rosegarden",
+    "zrythm",
+    "hydrogen",
+    "renoise",
+    "mixxx",
+    "guitarix",
+    "carla",
+});
 
 char lowerASCII(char c) {
     return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;

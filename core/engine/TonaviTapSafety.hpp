@@ -1,6 +1,6 @@
 #pragma once
-// What may never be tapped: this system's own apps and other audio-routing infrastructure. A tap
-// on a routing service can feed back or silence every app.
+// What may never be tapped: this system's own apps and other audio-routing infrastructure, on
+// every platform. A tap on a routing service can feed back or silence every app.
 
 #include <set>
 #include <string>

@@ -9,7 +9,7 @@ namespace tonavi::KnownAudioApps {
 
 namespace {
 
-constexpr std::array<std::string_view, 84> list{
+constexpr auto list = std::to_array<std::string_view>({
     "safari",     "chrome",      "thebrowser",   "brave",
     "firefox",    "edge",        "opera",        "vivaldi",
     "orion",      "spotify",     "apple.music",  "itunes",
@@ -31,7 +31,16 @@ constexpr std::array<std::string_view, 84> list{
     "finalcut",   "capcut",      "filmora",      "twitch",
     "youtube",    "netflix",     "podcast",      "overcast",
     "pocketcast", "apple.tv",    "com.apple.tv", "quicktimeplayer",
-};
+    // Desktop-entry and Flatpak identifiers on Linux where the fragments above miss them.
+    "chromium",    "epiphany",     "librewolf",    "rhythmbox",
+    "strawberry",  "clementine",   "lollypop",     "amberol",
+    "elisa",       "audacious",    "totem",        "mpv",
+    "celluloid",   "clapper",      "smplayer",     "shortwave",
+    "gnome.music", "juk",          "haruna",       "kdenlive",
+    "shotcut",     "lmms",         "ardour",       "qtractor",
+    "rosegarden",  "hydrogen",     "mixxx",        "tenacity",
+    "mumble",      "jitsi",        "element",      "teamspeak",
+});
 
 } // namespace
 

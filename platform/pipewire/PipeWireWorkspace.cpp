@@ -5,6 +5,7 @@
 #include <sstream>
 #include <unistd.h>
 
+#include "platform/DesktopEntry.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 
 namespace tonavi {
@@ -37,8 +38,13 @@ std::string programOf(pid_t pid) {
 PipeWireWorkspace::PipeWireWorkspace(std::shared_ptr<PipeWireConnection> connection)
     : connection_(std::move(connection)) {}
 
+ActivationPolicy PipeWireWorkspace::activationPolicyOf(const std::string& bundleIdentifier) {
+    const auto entry = DesktopEntries::shared().find(bundleIdentifier);
+    return entry && entry->visible() ? ActivationPolicy::regular : ActivationPolicy::accessory;
+}
+
 std::vector<RunningApplication> PipeWireWorkspace::runningApplications() {
-    return connection_->read([](const PipeWireGraph& g) {
+    auto apps = connection_->read([](const PipeWireGraph& g) {
         std::vector<RunningApplication> apps;
         for (const auto& [pid, id] : g.processIDs) {
             RunningApplication app;
@@ -49,6 +55,10 @@ std::vector<RunningApplication> PipeWireWorkspace::runningApplications() {
         }
         return apps;
     });
+    // Read outside the graph's lock: the entries may come from disk.
+    for (auto& app : apps)
+        app.activationPolicy = activationPolicyOf(app.bundleIdentifier);
+    return apps;
 }
 
 std::vector<RunningApplication> PipeWireWorkspace::runningApplications(const std::string& bundleIdentifier) {

@@ -1,6 +1,8 @@
 #pragma once
 // The workspace on Linux: running applications are the processes with PipeWire clients, named as
-// the audio hardware names them; responsible processes come from /proc. A desktop-neutral
+// the audio hardware names them; responsible processes come from /proc. An application with a
+// visible desktop entry under its identifier is regular, as a Dock application is on macOS; one
+// whose entry is hidden, or that has none (a helper, a daemon, a script), is an accessory. A desktop-neutral
 // service has no focus or sleep source here: no frontmost application, no window list, and the
 // activation, sleep and wake observers are kept but never called.
 
@@ -31,6 +33,8 @@ class PipeWireWorkspace : public Workspace {
     ObserverToken addWillSleepObserver(std::function<void()> handler) override;
     ObserverToken addDidWakeObserver(std::function<void()> handler) override;
     void removeObserver(ObserverToken token) override;
+
+    static ActivationPolicy activationPolicyOf(const std::string& bundleIdentifier);
 
   private:
     ObserverToken addToken();

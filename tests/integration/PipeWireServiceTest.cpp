@@ -155,7 +155,11 @@ class PipeWireServiceTest : public ::testing::Test {
             << R"({"apps":[{"id":"org.tonavi.Low","displayName":"Low","volume":)" << lowVolume
             << R"(},{"id":"org.tonavi.High","displayName":"High"}]})";
     }
+    // A player with a desktop entry of its own, as an application a person opened has.
     void play(const std::string& id, const std::string& name, const std::string& frequencies) {
+        std::filesystem::create_directories(home.home + "/.local/share/applications");
+        std::ofstream(home.home + "/.local/share/applications/" + id + ".desktop")
+            << "[Desktop Entry]\nType=Application\nName=" << name << "\nExec=platform_tone_client\n";
         tones.push_back(server->spawn({TONAVI_TONE_CLIENT, id, name, frequencies, "0.25"}, "tone-" + name));
     }
     void ctl(const std::vector<std::string>& args) {

@@ -3,6 +3,7 @@
 #include "core/engine/LatencySensitiveAppPolicy.hpp"
 #include "core/engine/RouteRefreshPolicy.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
+#include "core/smart/KnownAudioApps.hpp"
 
 #include <atomic>
 #include <chrono>
@@ -141,6 +142,48 @@ TEST(SafetyPolicies, CaptureLatencyAndDefaultMixerRules) {
     // Lowercased before matching.
     EXPECT_TRUE(LatencySensitiveAppPolicy::prefersDirectSoftMaster("com.ABLETON.live"));
     EXPECT_FALSE(LatencySensitiveAppPolicy::prefersDirectSoftMaster("com.apple.logic"));
+
+    // Every platform's identifiers, in one list per kind: may it be tapped, is it known to play
+    // sound, does it want no added latency, does it join the mixer on first sight.
+    struct Identity {
+        const char* id;
+        bool capture, audio, latency, mixer;
+    };
+    const Identity identities[] = {
+        {"com.brelmoor.tonavi", false, false, false, false}, // the service and its workers
+        {"pipewire", false, false, false, false},
+        {"pipewire-pulse", false, false, false, false},
+        {"wireplumber", false, false, false, false},
+        {"speech-dispatcher", false, false, false, false},
+        {"com.apple.Safari", true, true, false, true},
+        {"firefox", true, true, false, true},
+        {"org.mozilla.firefox", true, true, false, true},
+        {"chromium", true, true, false, true},
+        {"google-chrome", true, true, false, true},
+        {"com.spotify.Client", true, true, false, false},
+        {"org.gnome.Rhythmbox3", true, true, false, false},
+        {"org.strawberrymusicplayer.strawberry", true, true, false, false},
+        {"org.videolan.VLC", true, true, false, false},
+        {"us.zoom.Zoom", true, true, false, false},
+        {"com.discordapp.Discord", true, true, false, false},
+        {"com.obsproject.Studio", true, true, false, false},
+        {"org.musescore.MuseScore", true, true, false, true},
+        {"org.ardour.Ardour", true, true, true, true},
+        {"io.lmms.LMMS", true, true, true, true},
+        {"org.gnome.Nautilus", true, false, false, false},
+    };
+    for (const auto& i : identities) {
+        SCOPED_TRACE(i.id);
+        EXPECT_EQ(TonaviTapSafety::mayCapture(i.id), i.capture);
+        EXPECT_EQ(KnownAudioApps::isAudioApp(i.id), i.audio);
+        EXPECT_EQ(LatencySensitiveAppPolicy::prefersDirectSoftMaster(i.id), i.latency);
+        EXPECT_EQ(DefaultMixerAppPolicy::includes(i.id, ""), i.mixer);
+    }
+    // A new installation's favourites are applications of its own platform.
+    for (const auto& app : TonaviConfig::firstRunDefaults(AppPlatform::linuxDesktop).apps)
+        EXPECT_FALSE(app.id.starts_with("com.apple.") || app.id.starts_with("com.openai.")) << app.id;
+    EXPECT_TRUE(TonaviConfig::firstRunDefaults(AppPlatform::linuxDesktop).app("firefox"));
+    EXPECT_TRUE(TonaviConfig::firstRunDefaults().app("com.apple.Safari"));
 
     // A name matches a whole leading word, not a prefix of one.
     EXPECT_TRUE(DefaultMixerAppPolicy::includes("org.example.player", "Reason 12 Studio"));
