@@ -44,6 +44,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace tonavi {
@@ -189,6 +190,12 @@ class TonaviRuntime {
     const IDSet& outputSuppressedUntilPlaybackStops() const { return outputSuppressedUntilPlaybackStops_; }
     std::size_t armedOutputListenerCount() const { return armedOutputListeners_.size(); }
 
+    // Loads a saved scene, on serialQueue: merges it into the configuration, selects its input, then
+    // its output through the verified selection and sets that output's volume. `completion` gets the
+    // reply on serialQueue once the system shows the output (or the selection ended); a saved device
+    // that is not connected fails nothing, the reply's message names it. See docs/scenes.md.
+    void loadSceneAsync(const std::string& name, std::function<void(TonaviReply)> completion);
+
     // Output selection, on serialQueue. `completion` gets the reply, on serialQueue, once the system
     // was seen to report the device or the attempt ended; a newer selection supersedes this one.
     void selectOutputAsync(const std::string& query, bool rememberPreference,
@@ -297,6 +304,19 @@ class TonaviRuntime {
     TonaviReply setOutputDeviceLocked(const std::string& query);
     TonaviReply saveGroup(const OutputGroup& group);
     TonaviReply deleteGroup(const std::string& id);
+
+    // Configuration requests, saved scenes and lists (TonaviRuntimeConfigs.cpp).
+    std::optional<TonaviReply> handleConfigRequestLocked(const TonaviRequest& request);
+    // Takes loadConfig, which replies once the scene's output is seen; false for any other request.
+    bool handleSceneLoadAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
+    // Apply, persist, reply with success and `message`.
+    TonaviReply changeConfig(const std::function<void(TonaviConfig&)>& change, std::string message = {});
+    TonaviReply importConfiguration(const TonaviConfig& config, const AutoDirectList& autoDirect);
+    TonaviReply saveQuickConfig(const std::string& name);
+    TonaviReply renameQuickConfig(const std::string& oldName, const std::string& newName);
+    // The scene merged and applied, without touching devices; the failure reply when it cannot be.
+    std::variant<QuickConfig, TonaviReply> mergeQuickConfigLocked(const std::string& name);
+    TonaviReply loadQuickConfigLocked(const std::string& name);
 
     // Smart automation (TonaviRuntimeSmart.cpp).
     TonaviReply setSmartSettings(SmartSettings settings);

@@ -44,9 +44,8 @@ std::vector<std::string> mergingVisibleOrder(const std::vector<std::string>& exi
 // MARK: Entry
 
 void TonaviRuntime::handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion) {
-    // Output selection waits for the operating system and completes later; scene loads join it
-    // when scenes land.
-    if (handleOutputSelectionAsync(request, completion))
+    // Output selection and scene loads wait for the operating system and complete later.
+    if (handleOutputSelectionAsync(request, completion) || handleSceneLoadAsync(request, completion))
         return;
     completion(handle(request));
 }
@@ -184,9 +183,11 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
                 return setPreferredMics(c.uids);
             } else if (auto reply = handleDeviceRequestLocked(request)) {
                 return std::move(*reply);
+            } else if (auto configReply = handleConfigRequestLocked(request)) {
+                return std::move(*configReply);
             } else {
-                // Scenes, lists, MIDI, plug-ins, lanes and rules: their
-                // subsystems are not part of this service yet.
+                // The application directory, MIDI and plug-ins: their subsystems are not part of
+                // this service yet.
                 return notAvailable(request.caseName());
             }
         },
