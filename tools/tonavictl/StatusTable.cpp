@@ -270,4 +270,45 @@ std::string StatusTable::renderRecent(const TonaviStatus& status, double now) {
     return out;
 }
 
+std::string StatusTable::renderPresets(const std::vector<kavore::EQPreset>& presets) {
+    Table table({"PRESET", "KIND"});
+    for (const auto& p : presets)
+        table.add({p.name, p.builtin ? "built-in" : "saved"});
+    return table.text();
+}
+
+std::string StatusTable::renderLanes(const TonaviConfig& config, const TonaviStatus& status) {
+    if (config.lanes.empty())
+        return "  (no lanes)\n";
+    Table table({"APP", "DEVICE", "LOCKED"});
+    for (const auto& lane : config.lanes)
+        table.add({appName(status, lane.appBundleID), deviceName(status, lane.deviceUID),
+                   lane.locked ? "yes" : "no"});
+    return table.text();
+}
+
+std::string StatusTable::renderDuckRules(const TonaviConfig& config, const TonaviStatus& status) {
+    if (config.duckRules.empty())
+        return "  (no duck rules)\n";
+    Table table({"TRIGGER", "LOWERS", "BY", "ON"});
+    for (const auto& rule : config.duckRules) {
+        std::vector<std::string> ducked;
+        for (const auto& id : rule.duckedBundleIDs)
+            ducked.push_back(appName(status, id));
+        char db[32];
+        std::snprintf(db, sizeof db, "%g dB", rule.duckDB);
+        table.add({appName(status, rule.triggerBundleID), join(ducked, ", "), db, rule.enabled ? "yes" : "no"});
+    }
+    return table.text();
+}
+
+std::string StatusTable::renderFocusLinks(const TonaviConfig& config) {
+    if (config.focusLinks.empty())
+        return "  (no focus links)\n";
+    Table table({"FOCUS", "SCENE"});
+    for (const auto& link : config.focusLinks)
+        table.add({link.focusName, link.configName});
+    return table.text();
+}
+
 } // namespace tonavi
