@@ -26,6 +26,7 @@
 #include "core/wire/TonaviStatus.hpp"
 #include "platform/AudioHardware.hpp"
 #include "platform/Workspace.hpp"
+#include "service/AppDirectory.hpp"
 #include "service/CoalescedRefreshState.hpp"
 #include "service/RecencyTracker.hpp"
 #include "service/ServiceTapProvider.hpp"
@@ -68,6 +69,9 @@ class TonaviRuntime {
         std::function<double()> wallClock;
         // The slow source of Bluetooth battery and signal, run in the background. Empty: none.
         BluetoothInfo::ProfilerRead bluetoothProfiler;
+        // The installed applications' desktop entries, read off serialQueue. Empty: the user's XDG
+        // folders.
+        AppDirectory::Source installedApplications;
     };
 
     // Cached hardware state: the status reads only this, never the hardware.
@@ -183,6 +187,12 @@ class TonaviRuntime {
     void applyAudioSnapshot(AudioSnapshot snapshot);
     void armOutputRunningListeners();
     void publishCreationEligibility();
+    // Remembers which installed apps were heard, from the latest snapshot; writes the configuration
+    // only when the set grows or a time is refreshed (at most every 15 minutes per app). On serialQueue.
+    void rememberAudibleInstalledApps();
+    static constexpr double lastHeardRefreshSeconds = 900.0;
+    static constexpr double lastHeardForgetSeconds = 2'592'000.0; // 30 days
+    static constexpr double runningAppsRecencyWindow = 60.0;
     // Read on serialQueue (tests look through sync).
     const DiscoveryHealth& audioDiscoveryHealth() const { return audioDiscoveryHealth_; }
     const DiscoveryHealth& hardwareDiscoveryHealth() const { return hardwareDiscoveryHealth_; }
@@ -318,6 +328,13 @@ class TonaviRuntime {
     std::variant<QuickConfig, TonaviReply> mergeQuickConfigLocked(const std::string& name);
     TonaviReply loadQuickConfigLocked(const std::string& name);
 
+    // The application directory and the app lists (TonaviRuntimeApps.cpp).
+    // Takes listInstalledApps, whose scan runs off serialQueue; false for any other request.
+    bool handleDirectoryAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
+    // `apps` with audioCapable forced for every app ever heard, as a list reply.
+    TonaviReply installedAppsReply(std::vector<InstalledApp> apps) const;
+    TonaviReply runningAudioAppsReply() const;
+
     // Smart automation (TonaviRuntimeSmart.cpp).
     TonaviReply setSmartSettings(SmartSettings settings);
     TonaviReply setPreferredMics(const std::vector<std::string>& uids);
@@ -406,6 +423,9 @@ class TonaviRuntime {
     std::set<std::string> lastConnectedUIDs_;
     OutputTopologyTracker outputTopology_;
     std::vector<Workspace::ObserverToken> workspaceObservers_;
+
+    // Its own lock and queue; destroyed before the queues above, waiting for a scan that runs.
+    std::unique_ptr<AppDirectory> appDirectory_;
 };
 
 } // namespace tonavi

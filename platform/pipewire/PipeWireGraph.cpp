@@ -1,4 +1,5 @@
 #include "platform/pipewire/PipeWireGraph.hpp"
+#include "platform/DesktopEntries.hpp"
 
 #include <cctype>
 #include <cstdlib>
@@ -175,41 +176,10 @@ std::string PipeWireGraph::desktopEntryOf(const std::string& binary) {
     std::lock_guard<std::mutex> guard(cacheMutex);
     if (auto it = cache.find(binary); it != cache.end())
         return it->second;
-    std::vector<std::string> roots;
-    const char* home = std::getenv("HOME");
-    const char* dataHome = std::getenv("XDG_DATA_HOME");
-    if (dataHome && *dataHome)
-        roots.push_back(dataHome);
-    else if (home && *home)
-        roots.push_back(std::string(home) + "/.local/share");
-    const char* dataDirs = std::getenv("XDG_DATA_DIRS");
-    std::stringstream dirs(dataDirs && *dataDirs ? dataDirs : "/usr/local/share:/usr/share");
-    for (std::string dir; std::getline(dirs, dir, ':');)
-        if (!dir.empty())
-            roots.push_back(dir);
-    std::string found;
-    for (const auto& root : roots) {
-        std::error_code ec;
-        for (std::filesystem::directory_iterator it(root + "/applications", ec), end; !ec && it != end;
-             it.increment(ec)) {
-            if (it->path().extension() != ".desktop")
-                continue;
-            std::ifstream in(it->path());
-            for (std::string line; std::getline(in, line);) {
-                if (line.rfind("Exec=", 0) != 0)
-                    continue;
-                std::string program = line.substr(
-                    5, line.find(' ', 5) == std::string::npos ? std::string::npos : line.find(' ', 5) - 5);
-                if (std::filesystem::path(program).filename() == binary)
-                    found = it->path().stem().string();
-                break;
-            }
-            if (!found.empty())
-                break;
-        }
-        if (!found.empty())
-            break;
-    }
+    // The same reader as the application directory, so a process and its installed entry share an ID.
+    const std::string found =
+        DesktopEntries::idRunning(DesktopEntries::read(DesktopEntries::applicationFolders(), {}), binary)
+            .value_or(std::string());
     cache[binary] = found;
     return found;
 }
