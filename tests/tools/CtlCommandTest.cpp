@@ -37,6 +37,7 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
         {{"redirect", "Music"}, "redirect takes an application and a device, or 'default' (tonavictl help)"},
         {{"config", "rename", "Only"}, "config takes save NAME, load NAME, delete NAME, rename OLD NEW or list"},
         {{"config", "list", "--xml"}, "config list takes only --json, not \"--xml\""},
+        {{"apps", "--all"}, "apps takes --installed and --json, not \"--all\""},
         {{"eq-preset", "save", "Mine"}, "eq-preset takes save NAME APP or delete NAME"},
         {{"lane", "add", "Music"}, "lane takes add APP DEVICE [--unlocked], remove APP or list"},
         {{"duck-rule", "add", "Zoom"}, "duck-rule add takes a trigger application and the applications it lowers"},
@@ -117,6 +118,8 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
         {{"config", "rename", "Desk", "Home"}, R{R::RenameConfig{"Desk", "Home"}}},
         {{"config", "list", "--json"}, R{R::ListConfigs{}}},
         {{"eq-presets"}, R{R::ListEQPresets{}}},
+        {{"apps"}, R{R::ListRunningAudioApps{}}},
+        {{"apps", "--json", "--installed"}, R{R::ListInstalledApps{}}},
     };
     const auto status = sampleStatus();
     for (const auto& [words, request] : cases) {

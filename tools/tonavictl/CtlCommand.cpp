@@ -57,6 +57,8 @@ const char* const ctlUsageText =
     "  listen band N FREQ GAIN [Q]  set band N (1...) of the listening equaliser: Hz, dB, Q\n"
     "  system-chain eq PRESET|off | system-chain bypass on|off | system-chain boost AMOUNT|off\n"
     "                             the system row's chain and its magic boost (AMOUNT 0...1)\n"
+    "  apps [--json]              applications with audio processes, and seconds since their last sound\n"
+    "  apps --installed [--json]  installed applications, and whether they can make sound\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
     "  sim <command> ...          drive the simulated machine (tonavictl sim help)\n"
@@ -109,6 +111,7 @@ constexpr VerbName verbNames[] = {
     {"focus-link", Verb::focusLinkAdd},
     {"listen", Verb::listen},
     {"system-chain", Verb::systemChain},
+    {"apps", Verb::apps},
 };
 
 constexpr const char* smartFeatures[] = {"follow-me", "guard", "duck", "mic-follow"};
@@ -401,6 +404,16 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
     }
 
     switch (c.verb) {
+    case Verb::apps:
+        for (const auto& option : rest) {
+            if (option == "--json")
+                c.json = true;
+            else if (option == "--installed")
+                c.verb = Verb::installedApps;
+            else
+                return fail("apps takes --installed and --json, not \"" + option + "\"");
+        }
+        break;
     case Verb::help:
     case Verb::ping:
     case Verb::diagnostics:
@@ -638,6 +651,10 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         return {R{R::ListConfigs{}}, {}};
     case Verb::eqPresets:
         return {R{R::ListEQPresets{}}, {}};
+    case Verb::apps:
+        return {R{R::ListRunningAudioApps{}}, {}};
+    case Verb::installedApps:
+        return {R{R::ListInstalledApps{}}, {}};
     case Verb::lanes:
     case Verb::duckRules:
     case Verb::focusLinks:

@@ -64,6 +64,8 @@ struct CtlCommand {
         focusLinks,
         listen,
         systemChain,
+        apps,
+        installedApps,
     };
 
     struct Parsed;

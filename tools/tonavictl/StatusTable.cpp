@@ -311,4 +311,26 @@ std::string StatusTable::renderFocusLinks(const TonaviConfig& config) {
     return table.text();
 }
 
+std::string StatusTable::renderRunningApps(const std::vector<RunningApp>& apps, const TonaviStatus& status) {
+    if (apps.empty())
+        return "  (no application has an audio process)\n";
+    Table table({"APP", "ID", "PID", "LAST SOUND"});
+    for (const auto& app : apps) {
+        char seconds[32] = "-";
+        if (app.secondsSinceAudio)
+            std::snprintf(seconds, sizeof seconds, "%.0fs ago", *app.secondsSinceAudio);
+        table.add({appName(status, app.bundleID), app.bundleID, std::to_string(app.pid), seconds});
+    }
+    return table.text();
+}
+
+std::string StatusTable::renderInstalledApps(const std::vector<InstalledApp>& apps) {
+    if (apps.empty())
+        return "  (no installed applications found)\n";
+    Table table({"NAME", "ID", "AUDIO"});
+    for (const auto& app : apps)
+        table.add({app.name, app.id, app.audioCapable ? "yes" : "no"});
+    return table.text();
+}
+
 } // namespace tonavi

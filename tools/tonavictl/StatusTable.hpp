@@ -6,6 +6,8 @@
 #include "core/config/GlobalLocks.hpp"
 #include "core/config/SmartSettings.hpp"
 #include "core/config/TonaviConfig.hpp"
+#include "core/wire/InstalledApp.hpp"
+#include "core/wire/RunningApp.hpp"
 
 #include <string>
 #include <vector>
@@ -34,6 +36,9 @@ class StatusTable {
     static std::string renderLanes(const TonaviConfig& config, const TonaviStatus& status);
     static std::string renderDuckRules(const TonaviConfig& config, const TonaviStatus& status);
     static std::string renderFocusLinks(const TonaviConfig& config);
+    // `tonavictl apps`: by name where the status knows the app, its pid and seconds since its last sound.
+    static std::string renderRunningApps(const std::vector<RunningApp>& apps, const TonaviStatus& status);
+    static std::string renderInstalledApps(const std::vector<InstalledApp>& apps);
 
     // A ten-character meter for a level in 0...1: "#" for each tenth reached, "." for the rest.
     static std::string levelBar(double level);

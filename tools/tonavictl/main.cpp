@@ -56,7 +56,7 @@ int run(const CtlCommand& command) {
         return sendRaw(encodeRequest(TonaviRequest{TonaviRequest::Status{}}));
 
     std::optional<TonaviStatus> status;
-    if (command.needsStatus()) {
+    if (command.needsStatus() || (command.verb == Verb::apps && !command.json)) {
         TonaviReply reply = TonaviChannel::send({TonaviRequest::Status{}}, clientTimeoutSeconds);
         if (!reply.ok || !reply.status)
             return refused("the service gave no status to look names up in" +
@@ -151,6 +151,20 @@ int run(const CtlCommand& command) {
         }
         break;
     }
+    case Verb::apps:
+    case Verb::installedApps:
+        if (!reply.payload)
+            return refused("the reply holds no list");
+        if (command.json)
+            std::printf("%s\n", nlohmann::json::parse(reply.payload->begin(), reply.payload->end()).dump(2).c_str());
+        else if (command.verb == Verb::apps)
+            std::fputs(StatusTable::renderRunningApps(TonaviPayload::decodeRunningApps(*reply.payload), *status)
+                           .c_str(),
+                       stdout);
+        else
+            std::fputs(StatusTable::renderInstalledApps(TonaviPayload::decodeInstalledApps(*reply.payload)).c_str(),
+                       stdout);
+        break;
     case Verb::lanes:
     case Verb::duckRules:
     case Verb::focusLinks: {
