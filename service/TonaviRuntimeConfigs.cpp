@@ -278,17 +278,18 @@ void TonaviRuntime::loadSceneAsync(const std::string& name, std::function<void(T
     if (savedInput) {
         const auto* input = findDevice(hardwareSnapshot_.devices, false, saved.inputDeviceUID,
                                        saved.inputDeviceName);
+        const std::string label = "input " + savedDeviceLabel(saved.inputDeviceUID, saved.inputDeviceName);
         if (!input)
-            missing.push_back("input " + savedDeviceLabel(saved.inputDeviceUID, saved.inputDeviceName));
-        else if (!input->isDefaultInput)
-            setInputDevice(input->id);
+            missing.push_back(label + " is missing");
+        else if (!input->isDefaultInput && !setInputDevice(input->id).ok)
+            missing.push_back(label + " could not be selected");
     }
     // A saved device that is not there today does not fail the load: the rest is applied, and the
     // message names what was missing.
     auto finish = [this, name](std::vector<std::string> missing) {
         std::string message = "loaded " + name;
         for (const auto& m : missing)
-            message += "; " + m + " is not connected";
+            message += "; " + m;
         return success(std::move(message));
     };
 
@@ -298,8 +299,9 @@ void TonaviRuntime::loadSceneAsync(const std::string& name, std::function<void(T
                                      : nullptr;
     if (!output) {
         if (savedOutput)
-            missing.insert(missing.begin(),
-                           "output " + savedDeviceLabel(saved.outputDeviceUID, saved.outputDeviceName));
+            missing.insert(missing.begin(), "output " +
+                                                savedDeviceLabel(saved.outputDeviceUID, saved.outputDeviceName) +
+                                                " is missing");
         return completion(finish(std::move(missing)));
     }
     // The output goes through the verified selection, so the reply waits until the system shows it.

@@ -225,7 +225,7 @@ TEST(Scenes, ASceneWhoseOutputIsGoneLoadsTheRestAndSaysSo) {
     h.edit([](SimWorld& w) { return w.unplug(usb); });
     const TonaviReply loaded = sendAndWait(h, R::LoadConfig{"Desk"});
     EXPECT_TRUE(loaded.ok);
-    EXPECT_EQ(loaded.message, "loaded Desk; output \"USB Headphones\" is not connected");
+    EXPECT_EQ(loaded.message, "loaded Desk; output \"USB Headphones\" is missing");
     EXPECT_EQ(h.machine->world()->defaultOutputUID, speakers);
     EXPECT_DOUBLE_EQ(live(h).app(music)->volume, 0.2);
 }
