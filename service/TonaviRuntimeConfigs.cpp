@@ -188,6 +188,9 @@ TonaviReply TonaviRuntime::importConfiguration(const TonaviConfig& config, const
 // MARK: Quick configurations
 
 TonaviReply TonaviRuntime::saveQuickConfig(const std::string& name) {
+    // An empty name would make a file no list shows and no load finds.
+    if (name.empty())
+        return failure("empty name");
     applyHardwareSnapshot(captureHardwareSnapshot());
     const TonaviStatus status = buildStatus();
     const DeviceLiveStatus* output = nullptr;

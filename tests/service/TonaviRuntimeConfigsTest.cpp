@@ -176,6 +176,7 @@ TEST(Scenes, SavedScenesKeepTheirIconOverASaveAndARenameToItselfDeletesNothing) 
         ASSERT_TRUE(h.send(R::RenameConfig{same, "Rock/Pop"}).ok);
     }
     EXPECT_EQ(h.send(R::RenameConfig{"Rock/Pop", ""}).message, "empty name");
+    EXPECT_EQ(h.send(R::SaveConfig{""}).message, "empty name");
     EXPECT_EQ(h.send(R::RenameConfig{"Rock/Pop", "Jazz"}).message, "renamed to Jazz");
     EXPECT_TRUE(h.send(R::SaveConfig{"Ambient"}).ok);
     const TonaviReply list = h.send(R::ListConfigs{});
