@@ -51,6 +51,16 @@ PlatformBackend::PlatformBackend(std::string name, std::shared_ptr<AudioHardware
                                  std::shared_ptr<Workspace> workspace)
     : name_(std::move(name)), audio_(std::move(audio)), workspace_(std::move(workspace)) {}
 
+std::vector<DesktopEntry> PlatformBackend::installedApplications() const {
+    if (auto machine = std::dynamic_pointer_cast<SimMachine>(audio_)) {
+        std::vector<DesktopEntry> entries;
+        for (const auto& app : machine->world()->installed)
+            entries.push_back({app.bundleID, app.name, app.path, app.categories, {}, "Application"});
+        return entries;
+    }
+    return DesktopEntries::read(DesktopEntries::applicationFolders(), DesktopEntries::currentLocale());
+}
+
 std::string PlatformBackend::requestedName() {
     const char* value = std::getenv(environmentVariable);
     if (value && *value)

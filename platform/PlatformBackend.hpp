@@ -7,6 +7,7 @@
 #include <string>
 
 #include "platform/AudioHardware.hpp"
+#include "platform/DesktopEntries.hpp"
 #include "platform/Workspace.hpp"
 
 namespace tonavi {
@@ -33,6 +34,9 @@ class PlatformBackend {
     AudioHardware& audio() { return *audio_; }
     Workspace& workspace() { return *workspace_; }
     const std::shared_ptr<AudioHardware>& sharedAudio() const { return audio_; }
+    // The applications installed on this machine: the user's desktop entries on a real one, the
+    // world's list on the simulated one. Reads files; blocks.
+    std::vector<DesktopEntry> installedApplications() const;
 
   private:
     std::string name_;

@@ -49,6 +49,9 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     tapWorkQueue_ = std::make_unique<DispatchQueue>("tonavi.tap-lifecycle", clock_);
     warmUpQueue_ = std::make_unique<DispatchQueue>("tonavi.warm-up", clock_);
     discoveryQueue_ = std::make_unique<DispatchQueue>("tonavi.discovery", clock_);
+    // The directory's first scan starts now on its own queue: start-up does not wait for it.
+    appDirectory_ = std::make_unique<AppDirectory>(std::move(environment.installedApplications), wallClock_);
+    appDirectory_->presentationApps();
 
     // 3. The device manager, on serialQueue as its state queue.
     createDeviceManager();

@@ -26,6 +26,7 @@
 #include "core/wire/TonaviStatus.hpp"
 #include "platform/AudioHardware.hpp"
 #include "platform/Workspace.hpp"
+#include "service/AppDirectory.hpp"
 #include "service/CoalescedRefreshState.hpp"
 #include "service/RecencyTracker.hpp"
 #include "service/ServiceTapProvider.hpp"
@@ -44,6 +45,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <variant>
 #include <vector>
 
 namespace tonavi {
@@ -67,6 +69,9 @@ class TonaviRuntime {
         std::function<double()> wallClock;
         // The slow source of Bluetooth battery and signal, run in the background. Empty: none.
         BluetoothInfo::ProfilerRead bluetoothProfiler;
+        // The installed applications' desktop entries, read off serialQueue. Empty: the user's XDG
+        // folders.
+        AppDirectory::Source installedApplications;
     };
 
     // Cached hardware state: the status reads only this, never the hardware.
@@ -182,12 +187,24 @@ class TonaviRuntime {
     void applyAudioSnapshot(AudioSnapshot snapshot);
     void armOutputRunningListeners();
     void publishCreationEligibility();
+    // Remembers which installed apps were heard, from the latest snapshot; writes the configuration
+    // only when the set grows or a time is refreshed (at most every 15 minutes per app). On serialQueue.
+    void rememberAudibleInstalledApps();
+    static constexpr double lastHeardRefreshSeconds = 900.0;
+    static constexpr double lastHeardForgetSeconds = 2'592'000.0; // 30 days
+    static constexpr double runningAppsRecencyWindow = 60.0;
     // Read on serialQueue (tests look through sync).
     const DiscoveryHealth& audioDiscoveryHealth() const { return audioDiscoveryHealth_; }
     const DiscoveryHealth& hardwareDiscoveryHealth() const { return hardwareDiscoveryHealth_; }
     const IDSet& outputEligible() const { return outputEligible_; }
     const IDSet& outputSuppressedUntilPlaybackStops() const { return outputSuppressedUntilPlaybackStops_; }
     std::size_t armedOutputListenerCount() const { return armedOutputListeners_.size(); }
+
+    // Loads a saved scene, on serialQueue: merges it into the configuration, selects its input, then
+    // its output through the verified selection and sets that output's volume. `completion` gets the
+    // reply on serialQueue once the system shows the output (or the selection ended); a saved device
+    // that is not connected fails nothing, the reply's message names it. See docs/scenes.md.
+    void loadSceneAsync(const std::string& name, std::function<void(TonaviReply)> completion);
 
     // Output selection, on serialQueue. `completion` gets the reply, on serialQueue, once the system
     // was seen to report the device or the attempt ended; a newer selection supersedes this one.
@@ -298,6 +315,26 @@ class TonaviRuntime {
     TonaviReply saveGroup(const OutputGroup& group);
     TonaviReply deleteGroup(const std::string& id);
 
+    // Configuration requests, saved scenes and lists (TonaviRuntimeConfigs.cpp).
+    std::optional<TonaviReply> handleConfigRequestLocked(const TonaviRequest& request);
+    // Takes loadConfig, which replies once the scene's output is seen; false for any other request.
+    bool handleSceneLoadAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
+    // Apply, persist, reply with success and `message`.
+    TonaviReply changeConfig(const std::function<void(TonaviConfig&)>& change, std::string message = {});
+    TonaviReply importConfiguration(const TonaviConfig& config, const AutoDirectList& autoDirect);
+    TonaviReply saveQuickConfig(const std::string& name);
+    TonaviReply renameQuickConfig(const std::string& oldName, const std::string& newName);
+    // The scene merged and applied, without touching devices; the failure reply when it cannot be.
+    std::variant<QuickConfig, TonaviReply> mergeQuickConfigLocked(const std::string& name);
+    TonaviReply loadQuickConfigLocked(const std::string& name);
+
+    // The application directory and the app lists (TonaviRuntimeApps.cpp).
+    // Takes listInstalledApps, whose scan runs off serialQueue; false for any other request.
+    bool handleDirectoryAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
+    // `apps` with audioCapable forced for every app ever heard, as a list reply.
+    TonaviReply installedAppsReply(std::vector<InstalledApp> apps) const;
+    TonaviReply runningAudioAppsReply() const;
+
     // Smart automation (TonaviRuntimeSmart.cpp).
     TonaviReply setSmartSettings(SmartSettings settings);
     TonaviReply setPreferredMics(const std::vector<std::string>& uids);
@@ -386,6 +423,9 @@ class TonaviRuntime {
     std::set<std::string> lastConnectedUIDs_;
     OutputTopologyTracker outputTopology_;
     std::vector<Workspace::ObserverToken> workspaceObservers_;
+
+    // Its own lock and queue; destroyed before the queues above, waiting for a scan that runs.
+    std::unique_ptr<AppDirectory> appDirectory_;
 };
 
 } // namespace tonavi

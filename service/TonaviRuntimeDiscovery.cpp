@@ -83,6 +83,7 @@ void TonaviRuntime::applyAudioSnapshot(AudioSnapshot snapshot) {
     audioOwnersByObject_ = std::move(snapshot.ownersByObject);
     audioSnapshotAt_ = audioDiscoveryHealth_.lastSuccessfulRead;
     armOutputRunningListeners();
+    rememberAudibleInstalledApps();
 }
 
 void TonaviRuntime::armOutputRunningListeners() {

@@ -4,6 +4,7 @@
 
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
+#include "core/lists/AppListPolicy.hpp"
 
 #include <algorithm>
 #include <cassert>
@@ -11,42 +12,13 @@
 
 namespace tonavi {
 
-namespace {
-
-// The user's order of the apps on screen merged into the full order: the existing IDs without
-// duplicates, the visible ones among them placed in the order of `visible` in the positions that
-// visible IDs held, and new visible IDs appended.
-std::vector<std::string> mergingVisibleOrder(const std::vector<std::string>& existing,
-                                             const std::vector<std::string>& visible) {
-    std::vector<std::string> unique;
-    std::set<std::string> seen;
-    for (const auto& id : existing)
-        if (seen.insert(id).second)
-            unique.push_back(id);
-    const std::set<std::string> visibleSet(visible.begin(), visible.end());
-    std::vector<std::string> visibleInExisting;
-    for (const auto& id : visible)
-        if (seen.contains(id))
-            visibleInExisting.push_back(id);
-    std::vector<std::string> merged;
-    std::size_t next = 0;
-    for (const auto& id : unique)
-        merged.push_back(visibleSet.contains(id) ? visibleInExisting[next++] : id);
-    std::set<std::string> appended;
-    for (const auto& id : visible)
-        if (!seen.contains(id) && appended.insert(id).second)
-            merged.push_back(id);
-    return merged;
-}
-
-} // namespace
-
 // MARK: Entry
 
 void TonaviRuntime::handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion) {
-    // Output selection waits for the operating system and completes later; scene loads join it
-    // when scenes land.
-    if (handleOutputSelectionAsync(request, completion))
+    // Output selection and scene loads wait for the operating system and complete later.
+    // The installed-app list may have to read the disk, which never happens on serialQueue.
+    if (handleOutputSelectionAsync(request, completion) || handleSceneLoadAsync(request, completion) ||
+        handleDirectoryAsync(request, completion))
         return;
     completion(handle(request));
 }
@@ -182,11 +154,18 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
                 return setSmartSettings(c._0);
             } else if constexpr (std::is_same_v<T, R::SetPreferredMics>) {
                 return setPreferredMics(c.uids);
+            } else if constexpr (std::is_same_v<T, R::ListInstalledApps>) {
+                // Internal callers get the cache: this branch runs on serialQueue, which never waits
+                // for a scan. Clients go through handleDirectoryAsync.
+                return installedAppsReply(appDirectory_->presentationApps());
+            } else if constexpr (std::is_same_v<T, R::ListRunningAudioApps>) {
+                return runningAudioAppsReply();
             } else if (auto reply = handleDeviceRequestLocked(request)) {
                 return std::move(*reply);
+            } else if (auto configReply = handleConfigRequestLocked(request)) {
+                return std::move(*configReply);
             } else {
-                // Scenes, lists, MIDI, plug-ins, lanes and rules: their
-                // subsystems are not part of this service yet.
+                // MIDI and plug-ins: their subsystems are not part of this service yet.
                 return notAvailable(request.caseName());
             }
         },
@@ -311,7 +290,7 @@ TonaviReply TonaviRuntime::setAppDisplayOrder(const std::vector<std::string>& bu
     std::vector<std::string> existing;
     for (const auto* app : ranked)
         existing.push_back(app->id);
-    const std::vector<std::string> merged = mergingVisibleOrder(existing, bundleIDs);
+    const std::vector<std::string> merged = AppListPolicy::mergingVisibleOrder(existing, bundleIDs);
 
     for (auto& app : copy.apps)
         app.displayRank.reset();

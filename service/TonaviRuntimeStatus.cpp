@@ -5,6 +5,7 @@
 
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
+#include "core/lists/AppListPolicy.hpp"
 #include "core/smart/AudioOnsetPolicy.hpp"
 #include "core/wire/TonaviPayload.hpp"
 
@@ -24,20 +25,6 @@ constexpr std::size_t statusHealthCount = 20;
 
 bool contains(const std::vector<std::string>& list, const std::string& id) {
     return std::find(list.begin(), list.end(), id) != list.end();
-}
-
-// Display rank ascending with no rank last, then the name, then the identifier.
-void orderApps(std::vector<AppLiveStatus>& apps) {
-    std::stable_sort(apps.begin(), apps.end(), [](const AppLiveStatus& a, const AppLiveStatus& b) {
-        const std::int64_t rankA = a.displayRank.value_or(LLONG_MAX);
-        const std::int64_t rankB = b.displayRank.value_or(LLONG_MAX);
-        if (rankA != rankB)
-            return rankA < rankB;
-        const int byName = localizedCaseInsensitiveCompare(a.displayName, b.displayName);
-        if (byName != 0)
-            return byName < 0;
-        return a.id < b.id;
-    });
 }
 
 std::string operatingSystemVersion() {
@@ -216,7 +203,7 @@ TonaviStatus TonaviRuntime::buildStatus() {
             live.controlIssue = controlIssueText;
         status.apps.push_back(std::move(live));
     }
-    orderApps(status.apps);
+    AppListPolicy::order(status.apps);
 
     const HardwareSnapshot& hw = hardwareSnapshot_;
     status.devices = hw.devices;

@@ -1,6 +1,6 @@
 #include "platform/pipewire/PipeWireGraph.hpp"
 
-#include "platform/DesktopEntry.hpp"
+#include "platform/DesktopEntryCache.hpp"
 
 #include <cctype>
 #include <cstdlib>
@@ -170,7 +170,8 @@ std::string PipeWireGraph::applicationNameOf(pid_t pid) const {
 }
 
 std::string PipeWireGraph::desktopEntryOf(const std::string& binary) {
-    return DesktopEntries::shared().idForProgram(binary);
+    // The same reader as the application directory, so a process and its installed entry share an ID.
+    return DesktopEntryCache::shared().idForProgram(binary);
 }
 
 } // namespace tonavi

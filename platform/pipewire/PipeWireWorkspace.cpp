@@ -5,7 +5,7 @@
 #include <sstream>
 #include <unistd.h>
 
-#include "platform/DesktopEntry.hpp"
+#include "platform/DesktopEntryCache.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 
 namespace tonavi {
@@ -39,8 +39,8 @@ PipeWireWorkspace::PipeWireWorkspace(std::shared_ptr<PipeWireConnection> connect
     : connection_(std::move(connection)) {}
 
 ActivationPolicy PipeWireWorkspace::activationPolicyOf(const std::string& bundleIdentifier) {
-    const auto entry = DesktopEntries::shared().find(bundleIdentifier);
-    return entry && entry->visible() ? ActivationPolicy::regular : ActivationPolicy::accessory;
+    const auto entry = DesktopEntryCache::shared().find(bundleIdentifier);
+    return entry && entry->listed() ? ActivationPolicy::regular : ActivationPolicy::accessory;
 }
 
 std::vector<RunningApplication> PipeWireWorkspace::runningApplications() {

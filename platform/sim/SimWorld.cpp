@@ -152,6 +152,14 @@ SimWorld SimWorld::preset() {
     addProcess("us.zoom.xos", 4104, 0, false, true, {300.0, -20.0, false});
     addProcess("com.example.SyncAgent", 4105, 0, true, false, {0.0, -120.0, true});
 
+    // What is installed: the players, and a few apps that make no sound.
+    const std::vector<std::string> audio{"Audio", "Player"};
+    w.installed = {{"com.apple.Safari", "Safari", "/Applications/Safari.app", {"Network", "WebBrowser"}},
+                   {"com.apple.Music", "Music", "/System/Applications/Music.app", audio},
+                   {"us.zoom.xos", "zoom.us", "/Applications/zoom.us.app", {"AudioVideo", "Network"}},
+                   {"com.apple.TextEdit", "TextEdit", "/System/Applications/TextEdit.app", {"Utility"}},
+                   {"com.apple.calculator", "Calculator", "/System/Applications/Calculator.app", {"Utility"}}};
+
     w.frontmostPID = 4101;
     w.windows = {{88, 25}, {4101, 0}, {4103, 0}, {4104, 0}}; // the menu bar first, then app windows
     return w;
@@ -427,6 +435,16 @@ std::string SimWorld::launch(const Application& app, bool withProcessObject) {
     }
     if (app.policy == ActivationPolicy::regular)
         windows.push_back({app.pid, 0});
+    return {};
+}
+
+std::string SimWorld::install(InstalledApplication app) {
+    if (app.bundleID.empty())
+        return "an installed application needs a bundle ID";
+    if (app.name.empty())
+        app.name = app.bundleID;
+    std::erase_if(installed, [&](const InstalledApplication& a) { return a.bundleID == app.bundleID; });
+    installed.push_back(std::move(app));
     return {};
 }
 

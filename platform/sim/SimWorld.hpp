@@ -49,6 +49,13 @@ struct SimWorld {
         pid_t pid = 0;
         ActivationPolicy policy = ActivationPolicy::regular;
     };
+    // An application installed on the machine, as its desktop entry would describe it.
+    struct InstalledApplication {
+        std::string bundleID;
+        std::string name;
+        std::string path;
+        std::vector<std::string> categories;
+    };
     struct Window {
         pid_t ownerPID = 0;
         int layer = 0;
@@ -82,6 +89,7 @@ struct SimWorld {
     std::vector<SimDevice> detached; // unplugged, remembered so that they can come back
     std::vector<SimProcess> processes;
     std::vector<Application> applications;
+    std::vector<InstalledApplication> installed;
     std::vector<Tap> taps;
     std::string defaultOutputUID;
     std::string defaultInputUID;
@@ -148,6 +156,8 @@ struct SimWorld {
     std::string routeProcess(const std::string& who, const std::string& deviceUID);
     std::string launch(const Application& app, bool withProcessObject);
     std::string quit(const std::string& bundleID);
+    // Installs an application, or replaces the one with the same bundle ID.
+    std::string install(InstalledApplication app);
     std::string activate(const std::string& bundleID);
     std::string failNext(SimOperation operation, int count, OSStatus status, std::uint32_t selector);
     void setReadDelay(std::uint32_t milliseconds, std::uint32_t selector);

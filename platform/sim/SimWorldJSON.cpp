@@ -222,6 +222,10 @@ json simWorldToJSON(const SimWorld& w) {
                                      {"name", a.name},
                                      {"pid", a.pid},
                                      {"policy", activationPolicyName(a.policy)}});
+    j["installed"] = json::array();
+    for (auto& a : w.installed)
+        j["installed"].push_back(
+            {{"bundleID", a.bundleID}, {"name", a.name}, {"path", a.path}, {"categories", a.categories}});
     j["taps"] = json::array();
     for (auto& t : w.taps)
         j["taps"].push_back(tapToJSON(t));
@@ -280,6 +284,14 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
             if (!activationPolicyFromName(a.value("policy", std::string("regular")), app.policy))
                 throw std::invalid_argument("unknown activation policy for " + app.bundleID);
             w.applications.push_back(app);
+        }
+        for (auto& a : j.value("installed", json::array())) {
+            SimWorld::InstalledApplication app;
+            app.bundleID = a.at("bundleID").get<std::string>();
+            app.name = a.value("name", app.bundleID);
+            app.path = a.value("path", std::string());
+            app.categories = a.value("categories", std::vector<std::string>{});
+            w.installed.push_back(std::move(app));
         }
         for (auto& t : j.value("taps", json::array()))
             w.taps.push_back(tapFromJSON(t));

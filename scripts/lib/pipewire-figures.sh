@@ -2,7 +2,8 @@
 # Figures of the service on a private PipeWire server, printed for the record:
 #   - the latency PipeWire reports for a tapped application's nodes (its tap sink and IO stream);
 #   - CPU of the tap worker at quantum 256, from /proc/<pid>/stat over 20 s;
-#   - tonavictl status with 30 applications playing.
+#   - tonavictl status with 30 applications playing;
+#   - stage mode releasing 24 live taps (apps 0 to 23 are configured at half volume), and 12.
 # Assumes a built tree (build/); takes about a minute.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
@@ -24,7 +25,9 @@ export HOME="$folder/home"
 mkdir -p "$HOME" "$XDG_DATA_HOME/Tonavi"
 {
     printf '{"apps":[{"id":"org.tonavi.fig.App0","displayName":"App0","volume":0.5}'
-    for i in $(seq 1 29); do printf ',{"id":"org.tonavi.fig.App%d","displayName":"App%d"}' "$i" "$i"; done
+    for i in $(seq 1 29); do
+        printf ',{"id":"org.tonavi.fig.App%d","displayName":"App%d"%s}' "$i" "$i" "$( [ "$i" -lt 24 ] && echo ',"volume":0.5')"
+    done
     printf ']}\n'
 } >"$XDG_DATA_HOME/Tonavi/state.json"
 
@@ -75,3 +78,21 @@ start=$(date +%s%N)
 for _ in $(seq 1 10); do "$bin/tonavictl" status --json >/dev/null; done
 echo "  $(( ($(date +%s%N) - start) / 10000000 )) ms a status read (tonavictl process included, mean of 10)"
 echo "  $("$bin/tonavictl" status | grep -c 'org.tonavi.fig') applications listed"
+
+echo "== stage mode releasing live taps"
+stage() { # $1: taps expected live first
+    for _ in $(seq 1 100); do
+        [ "$(pgrep -c -P "$service" -f -- --tonavi-tap-worker)" -ge "$1" ] && break
+        sleep 0.2
+    done
+    local live start
+    live=$(pgrep -c -P "$service" -f -- --tonavi-tap-worker)
+    start=$(date +%s%N)
+    "$bin/tonavictl" stage on >/dev/null
+    echo "  $(( ($(date +%s%N) - start) / 1000000 )) ms for stage on to release $live taps (tonavictl included); $(pgrep -c -P "$service" -f -- --tonavi-tap-worker || true) left"
+    "$bin/tonavictl" stage off >/dev/null
+}
+stage 24
+for i in $(seq 12 23); do "$bin/tonavictl" reset "org.tonavi.fig.App$i" >/dev/null; done
+sleep 1
+stage 12

@@ -9,10 +9,8 @@
 #include "service/worker/TapWorkerEvent.hpp"
 #include "service/worker/TonaviTapWorkerMain.hpp"
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -33,15 +31,17 @@ double uptimeSeconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-// Polls until the worker has ended or `limit` has passed; true when it ended.
-bool waitForExit(const IsolatedTapHandle& handle, std::chrono::milliseconds step, std::chrono::milliseconds limit) {
+using Workers = std::vector<std::shared_ptr<IsolatedTapHandle>>;
+
+// Polls every worker at once until all have ended or `limit` has passed; the ones still running.
+Workers waitForExit(Workers workers, std::chrono::milliseconds step, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (handle.isRunning()) {
-        if (std::chrono::steady_clock::now() >= deadline)
-            return false;
+    for (;;) {
+        std::erase_if(workers, [](const auto& w) { return !w->isRunning(); });
+        if (workers.empty() || std::chrono::steady_clock::now() >= deadline)
+            return workers;
         std::this_thread::sleep_for(step);
     }
-    return true;
 }
 
 std::shared_ptr<IsolatedTapHandle> isolated(const TapHandlePtr& handle) {
@@ -295,35 +295,13 @@ void IsolatedTonaviTapProvider::destroyTap(const TapHandlePtr& handle) {
 }
 
 void IsolatedTonaviTapProvider::destroyTaps(const std::vector<TapHandlePtr>& handles) {
-    std::vector<std::shared_ptr<IsolatedTapHandle>> workers;
+    Workers workers;
     for (const auto& handle : handles)
         if (auto worker = isolated(handle))
             workers.push_back(std::move(worker));
     for (const auto& worker : workers)
         requestStop(*worker);
-    // A concurrent loop: the calling thread takes part, so N workers stop in the time of one.
-    struct Loop {
-        std::atomic<std::size_t> next{0};
-        std::atomic<std::size_t> done{0};
-        std::mutex mutex;
-        std::condition_variable finished;
-    };
-    auto loop = std::make_shared<Loop>();
-    auto self = shared_from_this();
-    auto drain = [loop, self, workers] {
-        for (std::size_t i; (i = loop->next.fetch_add(1)) < workers.size();) {
-            self->finishStopping(workers[i]);
-            if (loop->done.fetch_add(1) + 1 == workers.size()) {
-                std::lock_guard guard(loop->mutex);
-                loop->finished.notify_all();
-            }
-        }
-    };
-    for (std::size_t i = 1; i < workers.size(); ++i)
-        DispatchQueue::global(QoS::userInitiated).async(drain);
-    drain();
-    std::unique_lock guard(loop->mutex);
-    loop->finished.wait(guard, [&] { return loop->done.load() == workers.size(); });
+    finishStopping(workers);
 }
 
 void IsolatedTonaviTapProvider::retireReplacedTap(const TapHandlePtr& handle) {
@@ -336,28 +314,46 @@ void IsolatedTonaviTapProvider::retireReplacedTap(const TapHandlePtr& handle) {
 }
 
 void IsolatedTonaviTapProvider::finishStopping(const std::shared_ptr<IsolatedTapHandle>& handle) {
+    finishStopping(Workers{handle});
+}
+
+// All at once: one loop watches every worker, so N stop in the time of the slowest, not of the sum.
+void IsolatedTonaviTapProvider::finishStopping(const Workers& handles) {
     // A worker that could not be told to stop is not waited for: it is ended by signals at once.
-    if (handle->stopUndelivered.load() || !waitForExit(*handle, 25ms, 1500ms))
-        forceStop(handle);
-    if (handle->process)
-        handle->process->clearReader();
-    bool remains;
-    {
-        std::lock_guard guard(stateLock_);
-        auto it = liveHandles_.find(handle->bundleID);
-        if (it != liveHandles_.end() && it->second == handle)
-            liveHandles_.erase(it);
-        remains = liveHandles_.contains(handle->bundleID);
+    Workers told, stubborn;
+    for (const auto& handle : handles)
+        (handle->stopUndelivered.load() ? stubborn : told).push_back(handle);
+    for (auto& handle : waitForExit(told, 5ms, 1500ms))
+        stubborn.push_back(std::move(handle));
+    forceStop(stubborn);
+    for (const auto& handle : handles) {
+        if (handle->process)
+            handle->process->clearReader();
+        bool remains;
+        {
+            std::lock_guard guard(stateLock_);
+            auto it = liveHandles_.find(handle->bundleID);
+            if (it != liveHandles_.end() && it->second == handle)
+                liveHandles_.erase(it);
+            remains = liveHandles_.contains(handle->bundleID);
+        }
+        Log::info("tonavi: isolated tap helper released " + handle->bundleID + "; " +
+                  (remains ? "replacement remains active" : "direct path restored"));
     }
-    Log::info("tonavi: isolated tap helper released " + handle->bundleID + "; " +
-              (remains ? "replacement remains active" : "direct path restored"));
 }
 
 void IsolatedTonaviTapProvider::forceStop(const std::shared_ptr<IsolatedTapHandle>& handle) {
-    if (!handle->process || !handle->isRunning())
-        return;
-    handle->process->terminate();
-    if (!waitForExit(*handle, 20ms, 400ms))
+    forceStop(Workers{handle});
+}
+
+void IsolatedTonaviTapProvider::forceStop(const Workers& handles) {
+    Workers running;
+    for (const auto& handle : handles)
+        if (handle->process && handle->isRunning()) {
+            handle->process->terminate();
+            running.push_back(handle);
+        }
+    for (const auto& handle : waitForExit(std::move(running), 5ms, 400ms))
         handle->process->kill();
 }
 

@@ -110,9 +110,12 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
                              const std::optional<TapProcessIdentity>& current = std::nullopt) const override;
     std::shared_ptr<IsolatedTapHandle> liveHandle(std::string_view bundleID) const;
 
-    // Waits for a stopping worker, then makes sure it is gone and forgets it.
+    // Waits for stopping workers (all at once), then makes sure they are gone and forgets them.
     void finishStopping(const std::shared_ptr<IsolatedTapHandle>& handle);
+    void finishStopping(const std::vector<std::shared_ptr<IsolatedTapHandle>>& handles);
+    // SIGTERM (and SIGCONT), then SIGKILL for whoever is still running 0.4 s later.
     void forceStop(const std::shared_ptr<IsolatedTapHandle>& handle);
+    void forceStop(const std::vector<std::shared_ptr<IsolatedTapHandle>>& handles);
 
   private:
     void consume(const std::shared_ptr<IsolatedTapHandle>& handle, const TapWorkerEvent& event);

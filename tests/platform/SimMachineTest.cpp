@@ -336,6 +336,23 @@ TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {
     EXPECT_TRUE(SimWorldFile(path).create(SimWorld::preset(), true).empty() && SimMachine::open(path, error));
 }
 
+TEST_F(SimSharedWorldTest, AnInstalledAppReachesEveryMachineOfTheWorldOnceUnderItsID) {
+    const std::string rhythmbox = "org.gnome.Rhythmbox3";
+    ASSERT_EQ(machine->mutate([&](SimWorld& w) { return w.install({rhythmbox, "", "/x", {"Audio"}}); }), "");
+    ASSERT_EQ(machine->mutate([&](SimWorld& w) { return w.install({rhythmbox, "Rhythmbox", "/y", {"Player"}}); }),
+              "");
+    EXPECT_EQ(machine->mutate([](SimWorld& w) { return w.install({}); }),
+              "an installed application needs a bundle ID");
+    std::string error;
+    auto other = SimMachine::open(path, error);
+    ASSERT_TRUE(other) << error;
+    std::vector<std::string> found;
+    for (const auto& app : other->world()->installed)
+        if (app.bundleID == rhythmbox)
+            found.push_back(app.name + " " + app.path + " " + app.categories.at(0));
+    EXPECT_EQ(found, std::vector<std::string>{"Rhythmbox /y Player"});
+}
+
 // Worlds cross the file in every test above; here, what a decoder must refuse.
 TEST(SimWorldJSONTest, DuplicateIDsAndUnknownPoliciesAreRefused) {
     std::string error;

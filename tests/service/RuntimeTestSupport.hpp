@@ -78,7 +78,7 @@ class RuntimeHarness {
     TonaviRuntime& start(BluetoothInfo::ProfilerRead profiler = {}) {
         runtime = std::make_unique<TonaviRuntime>(TonaviRuntime::Environment{
             "9.9-test", store, machine, workspace, provider, clock, [this] { return wall.load(); },
-            std::move(profiler)});
+            std::move(profiler), installedApplications});
         return *runtime;
     }
     // Starts and lets the warm-up finish with a fast hardware.
@@ -137,6 +137,8 @@ class RuntimeHarness {
     std::atomic<double> wall{1'700'000'000.0};
     std::atomic<int> stateWrites{0};
     std::atomic<bool> failWrites{false};
+    // The desktop entries the runtime's directory reads: none unless a test gives some.
+    AppDirectory::Source installedApplications = [] { return std::vector<DesktopEntry>{}; };
     std::unique_ptr<TonaviRuntime> runtime; // last, so that it goes first
 };
 

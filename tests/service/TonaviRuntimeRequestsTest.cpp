@@ -214,8 +214,8 @@ TEST(Status, HealthCarriesTheNewestTwentyDiagnosticsAllAndShutdownNone) {
     EXPECT_EQ(document.healthLog, all);
     EXPECT_EQ(document.config, h.runtime->engine().config());
 
-    const TonaviReply later = h.send(R::LoadConfig{"scene"});
-    EXPECT_TRUE(!later.ok && later.message.starts_with("loadConfig") &&
+    const TonaviReply later = h.send(R::ScanAudioUnits{});
+    EXPECT_TRUE(!later.ok && later.message.starts_with("scanAudioUnits") &&
                 later.message.find("not available yet") != std::string::npos)
         << later.message;
     const TonaviReply shutdown = h.send(R::Shutdown{});

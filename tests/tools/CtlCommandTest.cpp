@@ -35,11 +35,17 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
         {{"mute", "Music", "Safari"}, "mute takes one application (tonavictl help)"},
         {{"stage", "maybe"}, "stage takes on or off"},
         {{"redirect", "Music"}, "redirect takes an application and a device, or 'default' (tonavictl help)"},
-        {{"eq", "Music", "Rokc"}, "no EQ preset is named \"Rokc\"; did you mean Rock?"},
-        {{"eq", "Music", "Polka"},
-         "no EQ preset is named \"Polka\"; the presets are Flat, Acoustic, Bass Booster, Bass Reducer, "
-         "Classical, Dance, Deep, Electronic, Hip-Hop, Jazz, Latin, Loudness, Lounge, Piano, Pop, R&B, Rock, "
-         "Small Speakers, Spoken Word, Treble Booster, Treble Reducer, Vocal Booster, Metal, Podcast"},
+        {{"config", "rename", "Only"}, "config takes save NAME, load NAME, delete NAME, rename OLD NEW or list"},
+        {{"config", "list", "--xml"}, "config list takes only --json, not \"--xml\""},
+        {{"apps", "--all"}, "apps takes --installed and --json, not \"--all\""},
+        {{"eq-preset", "save", "Mine"}, "eq-preset takes save NAME APP or delete NAME"},
+        {{"lane", "add", "Music"}, "lane takes add APP DEVICE [--unlocked], remove APP or list"},
+        {{"duck-rule", "add", "Zoom"}, "duck-rule add takes a trigger application and the applications it lowers"},
+        {{"duck-rule", "add", "Zoom", "Music", "--db", "6"}, "duck-rule --db takes a level in dB, -60...0"},
+        {{"listen", "band", "1", "loud", "3"},
+         "listen band takes a band number, a frequency in Hz, a gain in dB and a Q"},
+        {{"system-chain", "boost", "2"},
+         "system-chain takes eq PRESET|off, bypass on|off or boost AMOUNT|off (0...1)"},
         {{"eq", "Music"}, "eq takes an application and a preset name, or 'off' (tonavictl help)"},
         {{"status", "--xml"}, "status takes only --json, not \"--xml\""},
         {{"ping", "now"}, "ping takes no arguments"},
@@ -64,6 +70,11 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
         {{"output", "macbook pro"},
          "no output device matches \"macbook pro\"; did you mean: MacBook Pro Speakers (BuiltIn)?"},
         {{"lock", "rate", "on"}, "no locks to change"},
+        {{"eq", "Music", "Rokc"}, "no EQ preset is named \"Rokc\"; did you mean Rock?"},
+        {{"eq", "Music", "Polka"},
+         "no EQ preset is named \"Polka\"; the presets are Flat, Acoustic, Bass Booster, Bass Reducer, "
+         "Classical, Dance, Deep, Electronic, Hip-Hop, Jazz, Latin, Loudness, Lounge, Piano, Pop, R&B, Rock, "
+         "Small Speakers, Spoken Word, Treble Booster, Treble Reducer, Vocal Booster, Metal, Podcast"},
     };
     const auto status = sampleStatus();
     for (const auto& [words, error] : unresolved)
@@ -102,6 +113,13 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
         {{"lock", "volume", "on"}, R{R::SetLocks{volumeToo}}},
         {{"lock", "mute", "off"}, R{R::SetLocks{GlobalLocks{}}}},
         {{"group", "delete", "living"}, R{R::DeleteGroup{"g-1"}}},
+        {{"config", "save", "Rock/Pop"}, R{R::SaveConfig{"Rock/Pop"}}},
+        {{"config", "load", "Desk"}, R{R::LoadConfig{"Desk"}}},
+        {{"config", "rename", "Desk", "Home"}, R{R::RenameConfig{"Desk", "Home"}}},
+        {{"config", "list", "--json"}, R{R::ListConfigs{}}},
+        {{"eq-presets"}, R{R::ListEQPresets{}}},
+        {{"apps"}, R{R::ListRunningAudioApps{}}},
+        {{"apps", "--json", "--installed"}, R{R::ListInstalledApps{}}},
     };
     const auto status = sampleStatus();
     for (const auto& [words, request] : cases) {
@@ -197,4 +215,77 @@ TEST(CtlSmartCommand, EachSwitchChangesOneFieldAndTheTablesSayWhatEachAutomation
     status.recentOnsets.reset();
     EXPECT_EQ(StatusTable::renderRecent(status, now),
               "  (nothing has started to sound in the last 5 minutes)\n");
+}
+
+TEST(CtlSetupCommand, LinesThatChangePartOfTheConfigurationKeepTheRestAndReuseIDs) {
+    const auto status = sampleStatus();
+    TonaviConfig config;
+    kavore::EQPreset mine;
+    mine.id = "preset-1";
+    mine.name = "Late Night";
+    mine.settings.bandGainsDB[0] = -6;
+    config.customEQPresets = {mine};
+    config.lanes = {{"lane-1", "com.apple.Music", "BuiltIn", true}};
+    config.duckRules = {{"rule-1", "com.apple.Safari", {"com.apple.mail"}}};
+    config.focusLinks = {{"link-1", "Work", "Desk"}};
+    AppAudioState safari("com.apple.Safari");
+    kavore::EffectSlot eq;
+    eq.kind = kavore::EffectKind::eq10;
+    eq.settingsJSON = kavore::settingsJSONBytes(kavore::toJSON(kavore::EQPresets::named("Rock")->settings));
+    safari.chain.slots = {eq};
+    config.apps = {safari};
+    config.systemRows.systemMagicBoost = kavore::LevelerSettings(0.4, true);
+
+    auto build = [&](const Words& words) {
+        const auto parsed = CtlCommand::parse(words);
+        EXPECT_TRUE(parsed.command) << parsed.error;
+        EXPECT_TRUE(parsed.command->needsConfig()) << words.front();
+        EXPECT_FALSE(parsed.command->toRequest(&status).request) << "refused without the configuration";
+        const auto built = parsed.command->toRequest(&status, nullptr, nullptr, &config);
+        EXPECT_TRUE(built.request) << built.error;
+        return built.request.value_or(R{R::Ping{}});
+    };
+    // The same app, trigger or focus again changes the entry it has; a new one gets a fresh ID.
+    EXPECT_EQ(build({"lane", "add", "music", "desk cans", "--unlocked"}),
+              (R{R::SetLane{{"lane-1", "com.apple.Music", "USB-HP", false}}}));
+    const auto fresh = std::get<R::SetLane>(build({"lane", "add", "Safari", "BuiltIn"}).value)._0;
+    EXPECT_TRUE(isUUID(fresh.id) && fresh.locked);
+    EXPECT_EQ(build({"duck-rule", "add", "Safari", "Music", "--db", "-9"}),
+              (R{R::SetDuckRule{{"rule-1", "com.apple.Safari", {"com.apple.Music"}, -9.0}}}));
+    EXPECT_EQ(build({"focus-link", "add", "work", "Home"}), (R{R::SetFocusLink{{"link-1", "work", "Home"}}}));
+    EXPECT_EQ(build({"lane", "remove", "Music"}), R{R::RemoveLane{"lane-1"}});
+    EXPECT_EQ(build({"duck-rule", "remove", "com.apple.Safari"}), R{R::RemoveDuckRule{"rule-1"}});
+    EXPECT_EQ(build({"focus-link", "remove", "WORK"}), R{R::RemoveFocusLink{"link-1"}});
+    EXPECT_EQ(build({"eq-preset", "delete", "late night"}), R{R::DeleteEQPreset{"preset-1"}});
+    EXPECT_EQ(CtlCommand::parse(Words{"lane", "remove", "Safari"}).command->toRequest(&status, {}, {}, &config).error,
+              "no lane for Safari (tonavictl lane list lists them)");
+
+    // A saved preset is Safari's EQ as it is now, under the name given; eq takes saved presets too.
+    const auto saved = std::get<R::SaveEQPreset>(build({"eq-preset", "save", "Loud", "Safari"}).value)._0;
+    EXPECT_EQ(std::tuple(saved.name, saved.settings, saved.builtin),
+              std::tuple("Loud", kavore::EQPresets::named("Rock")->settings, false));
+    EXPECT_TRUE(isUUID(saved.id));
+    // Saving under a saved preset's name replaces it.
+    EXPECT_EQ(std::get<R::SaveEQPreset>(build({"eq-preset", "save", "late", "night", "Safari"}).value)._0.id,
+              "preset-1");
+    EXPECT_EQ(CtlCommand::parse(Words{"eq-preset", "save", "X", "Music"}).command->toRequest(&status, {}, {}, &config).error,
+              "Music has no EQ to save");
+    const auto chain = std::get<R::SetAppChain>(build({"eq", "Music", "late", "night"}).value).chain;
+    ASSERT_EQ(chain.slots.size(), 1u);
+    EXPECT_EQ(chain.slots[0].nickname, "Late Night");
+
+    // Listening and the system row change the one thing named.
+    const auto listening = std::get<R::SetGlobalListening>(build({"listen", "balance", "on", "-18", "70%"}).value)._0;
+    EXPECT_EQ(std::tuple(listening.enabled, listening.balancer.enabled, listening.balancer.targetDBFS,
+                         listening.balancer.strengthPercent),
+              std::tuple(false, true, -18.0, 70.0));
+    const auto band = std::get<R::SetGlobalListening>(build({"listen", "band", "3", "250", "4"}).value)._0;
+    EXPECT_EQ(std::tuple(band.equalizer.bands[2].frequencyHz, band.equalizer.bands[2].gainDB),
+              std::tuple(250.0, 4.0));
+    EXPECT_EQ(band.equalizer.bands[2].q, config.globalListening.equalizer.bands[2].q);
+    EXPECT_EQ(build({"system-chain", "boost", "off"}),
+              R{R::SetSystemMagicBoost{kavore::LevelerSettings(0.4, false)}});
+    const auto system = std::get<R::SetSystemChain>(build({"system-chain", "eq", "Rock"}).value).chain;
+    EXPECT_EQ(system.slots.size(), 1u);
+    EXPECT_TRUE(std::get<R::SetSystemChain>(build({"system-chain", "bypass", "on"}).value).chain.bypassed);
 }

@@ -27,7 +27,7 @@ const char* const ctlUsageText =
     "  boost APP FACTOR           amplify an application 1...4 times\n"
     "  redirect APP DEVICE        play an application on another output; DEVICE 'default' follows the "
     "system\n"
-    "  eq APP PRESET              equalise an application with a built-in preset; PRESET 'off' removes it\n"
+    "  eq APP PRESET              equalise an application with a built-in or saved preset; 'off' removes it\n"
     "  reset APP                  forget every setting of an application\n"
     "  diagnostics                print the service's support dump (JSON)\n"
     "  devices                    the audio devices as a table\n"
@@ -42,6 +42,23 @@ const char* const ctlUsageText =
     "  smart [--json]             what follow-me, loudness guard, auto-duck and mic follow are doing\n"
     "  smart follow-me|guard|duck|mic-follow on|off  turn one automation on or off\n"
     "  recent [--json]            which apps began to sound, alerts and output moves, newest first\n"
+    "  config save|load|delete NAME  save the whole mixer as a scene, bring one back, or forget it\n"
+    "  config rename OLD NEW | config list [--json]\n"
+    "  eq-preset save NAME APP    keep an application's current EQ as a preset\n"
+    "  eq-preset delete NAME | eq-presets [--json]  forget a saved preset; list built-in and saved ones\n"
+    "  lane add APP DEVICE [--unlocked]  keep an application on a device (locked: no other app goes there)\n"
+    "  lane remove APP | lane list [--json]\n"
+    "  duck-rule add TRIGGER APP... [--db DB]  lower the apps by DB (default -18) while TRIGGER sounds\n"
+    "  duck-rule remove TRIGGER | duck-rule list [--json]\n"
+    "  focus-link add FOCUS SCENE  load a scene when a focus mode begins\n"
+    "  focus-link remove FOCUS | focus-link list [--json]\n"
+    "  listen on|off              the global listening treatment for every application\n"
+    "  listen balance on|off [TARGET_DBFS [STRENGTH%]]  the level balancer (the -0.3 dBFS ceiling is fixed)\n"
+    "  listen band N FREQ GAIN [Q]  set band N (1...) of the listening equaliser: Hz, dB, Q\n"
+    "  system-chain eq PRESET|off | system-chain bypass on|off | system-chain boost AMOUNT|off\n"
+    "                             the system row's chain and its magic boost (AMOUNT 0...1)\n"
+    "  apps [--json]              applications with audio processes, and seconds since their last sound\n"
+    "  apps --installed [--json]  installed applications, and whether they can make sound\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
     "  sim <command> ...          drive the simulated machine (tonavictl sim help)\n"
@@ -86,6 +103,15 @@ constexpr VerbName verbNames[] = {
     {"group", Verb::groupCreate},
     {"smart", Verb::smart},
     {"recent", Verb::recent},
+    {"config", Verb::configSave},
+    {"eq-preset", Verb::eqPresetSave},
+    {"eq-presets", Verb::eqPresets},
+    {"lane", Verb::laneAdd},
+    {"duck-rule", Verb::duckRuleAdd},
+    {"focus-link", Verb::focusLinkAdd},
+    {"listen", Verb::listen},
+    {"system-chain", Verb::systemChain},
+    {"apps", Verb::apps},
 };
 
 constexpr const char* smartFeatures[] = {"follow-me", "guard", "duck", "mic-follow"};
@@ -144,11 +170,197 @@ std::optional<kavore::EQPreset> findPreset(const std::string& name) {
     return kavore::EQPresets::named(spaced);
 }
 
-std::vector<std::string> presetNames() {
-    std::vector<std::string> names;
+std::string lowered(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char ch) { return static_cast<char>(std::tolower(ch)); });
+    return text;
+}
+
+// The built-in presets first, then the user's saved ones, by name ignoring case.
+std::optional<kavore::EQPreset> findPreset(const std::string& name, const TonaviConfig* config) {
+    if (auto preset = findPreset(name))
+        return preset;
+    if (config)
+        for (const auto& p : config->customEQPresets)
+            if (lowered(p.name) == lowered(name))
+                return p;
+    return std::nullopt;
+}
+
+std::string noPresetError(const std::string& name, const TonaviConfig* config) {
+    std::vector<NameResolver::Candidate> presets;
+    std::vector<std::string> all;
     for (const auto& p : kavore::EQPresets::all())
-        names.push_back(p.name);
-    return names;
+        presets.push_back({p.name, p.name, {}}), all.push_back(p.name);
+    if (config)
+        for (const auto& p : config->customEQPresets)
+            presets.push_back({p.name, p.name, {}}), all.push_back(p.name);
+    const auto close = NameResolver("preset", presets).suggestions(name);
+    std::string names;
+    for (const auto& n : close.empty() ? all : close)
+        names += (names.empty() ? "" : ", ") + n;
+    return "no EQ preset is named \"" + name + "\"" +
+           (close.empty() ? "; the presets are " + names : "; did you mean " + names + "?");
+}
+
+kavore::EffectSlot eqSlot(const kavore::EQPreset& preset) {
+    kavore::EffectSlot slot;
+    slot.id = makeUUID();
+    slot.kind = kavore::EffectKind::eq10;
+    slot.nickname = preset.name;
+    slot.settingsJSON = kavore::settingsJSONBytes(kavore::toJSON(preset.settings));
+    return slot;
+}
+
+// An application word for a removal: the status's name when it resolves, else the word itself (an
+// app that is no longer running keeps its lanes and rules).
+std::string looseAppID(const TonaviStatus* status, const std::string& word) {
+    if (status)
+        if (auto resolved = NameResolver::applications(*status).resolve(word); resolved.id)
+            return *resolved.id;
+    return word;
+}
+
+bool onOff(const std::string& word) {
+    return word == "on" || word == "off";
+}
+
+// config, eq-preset(s), lane, duck-rule, focus-link, listen and system-chain.
+CtlCommand::Parsed parseSetupCommand(CtlCommand c, const std::string& word, std::span<const std::string> rest) {
+    const std::string sub = rest.empty() ? std::string() : rest[0];
+    const auto args = rest.empty() ? rest : rest.subspan(1);
+    auto listForm = [&](Verb verb) -> CtlCommand::Parsed {
+        for (const auto& option : args)
+            if (option != "--json")
+                return fail(word + " list takes only --json, not \"" + option + "\"");
+        c.verb = verb;
+        c.json = !args.empty();
+        return {c, {}};
+    };
+    switch (c.verb) {
+    case Verb::configSave:
+        if (sub == "list")
+            return listForm(Verb::configList);
+        if ((sub == "save" || sub == "load" || sub == "delete") && args.size() == 1) {
+            c.verb = sub == "save" ? Verb::configSave : sub == "load" ? Verb::configLoad : Verb::configDelete;
+            c.text = args[0];
+            return {c, {}};
+        }
+        if (sub == "rename" && args.size() == 2) {
+            c.verb = Verb::configRename;
+            c.words.assign(args.begin(), args.end());
+            return {c, {}};
+        }
+        return fail("config takes save NAME, load NAME, delete NAME, rename OLD NEW or list");
+    case Verb::eqPresetSave:
+        if (sub == "save" && args.size() >= 2) {
+            // The name may have blanks when quoted; the application is the last word.
+            c.text = joinWords(args.first(args.size() - 1));
+            c.apps = {args.back()};
+            return {c, {}};
+        }
+        if (sub == "delete" && !args.empty()) {
+            c.verb = Verb::eqPresetDelete;
+            c.text = joinWords(args);
+            return {c, {}};
+        }
+        return fail("eq-preset takes save NAME APP or delete NAME");
+    case Verb::eqPresets:
+        if (rest.size() > 1 || (rest.size() == 1 && rest[0] != "--json"))
+            return fail("eq-presets takes only --json");
+        c.json = !rest.empty();
+        return {c, {}};
+    case Verb::laneAdd:
+        if (sub == "list")
+            return listForm(Verb::lanes);
+        if (sub == "add" && (args.size() == 2 || (args.size() == 3 && args[2] == "--unlocked"))) {
+            c.apps = {args[0]};
+            c.device = args[1];
+            c.on = args.size() == 2; // locked
+            return {c, {}};
+        }
+        if (sub == "remove" && args.size() == 1) {
+            c.verb = Verb::laneRemove;
+            c.text = args[0];
+            return {c, {}};
+        }
+        return fail("lane takes add APP DEVICE [--unlocked], remove APP or list");
+    case Verb::duckRuleAdd:
+        if (sub == "list")
+            return listForm(Verb::duckRules);
+        if (sub == "add") {
+            std::vector<std::string> apps;
+            for (std::size_t i = 0; i < args.size(); ++i) {
+                if (args[i] != "--db") {
+                    apps.push_back(args[i]);
+                    continue;
+                }
+                const auto db = i + 1 < args.size() ? number(args[i + 1], false) : std::nullopt;
+                if (!db || *db > 0 || *db < -60)
+                    return fail("duck-rule --db takes a level in dB, -60...0");
+                c.duckDB = *db;
+                ++i;
+            }
+            if (apps.size() < 2)
+                return fail("duck-rule add takes a trigger application and the applications it lowers");
+            c.apps = apps;
+            return {c, {}};
+        }
+        if (sub == "remove" && args.size() == 1) {
+            c.verb = Verb::duckRuleRemove;
+            c.text = args[0];
+            return {c, {}};
+        }
+        return fail("duck-rule takes add TRIGGER APP... [--db DB], remove TRIGGER or list");
+    case Verb::focusLinkAdd:
+        if (sub == "list")
+            return listForm(Verb::focusLinks);
+        if (sub == "add" && args.size() == 2) {
+            c.words.assign(args.begin(), args.end());
+            return {c, {}};
+        }
+        if (sub == "remove" && args.size() == 1) {
+            c.verb = Verb::focusLinkRemove;
+            c.text = args[0];
+            return {c, {}};
+        }
+        return fail("focus-link takes add FOCUS SCENE, remove FOCUS or list");
+    case Verb::listen: {
+        c.words.assign(rest.begin(), rest.end());
+        if (rest.size() == 1 && onOff(sub))
+            return {c, {}};
+        if (sub == "balance" && !args.empty() && args.size() <= 3 && onOff(args[0])) {
+            for (std::size_t i = 1; i < args.size(); ++i)
+                if (!number(args[i], i == 2))
+                    return fail("listen balance takes on or off, a target in dBFS and a strength in %");
+            return {c, {}};
+        }
+        if (sub == "band" && (args.size() == 3 || args.size() == 4)) {
+            for (const auto& a : args)
+                if (!number(a, false))
+                    return fail("listen band takes a band number, a frequency in Hz, a gain in dB and a Q");
+            return {c, {}};
+        }
+        return fail("listen takes on|off, balance on|off [TARGET_DBFS [STRENGTH%]] or band N FREQ GAIN [Q]");
+    }
+    case Verb::systemChain: {
+        c.words.assign(rest.begin(), rest.end());
+        if (sub == "bypass" && args.size() == 1 && onOff(args[0]))
+            return {c, {}};
+        if (sub == "eq" && !args.empty()) {
+            c.text = joinWords(args);
+            return {c, {}};
+        }
+        if (sub == "boost" && args.size() == 1) {
+            const auto amount = number(args[0], false);
+            if (args[0] == "off" || (amount && *amount >= 0 && *amount <= 1))
+                return {c, {}};
+        }
+        return fail("system-chain takes eq PRESET|off, bypass on|off or boost AMOUNT|off (0...1)");
+    }
+    default:
+        return fail("not a setup command");
+    }
 }
 
 } // namespace
@@ -177,8 +389,31 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
     }
     c.verb = named->verb;
     const std::string usageHint = " (tonavictl help)";
+    switch (c.verb) {
+    case Verb::configSave:
+    case Verb::eqPresetSave:
+    case Verb::eqPresets:
+    case Verb::laneAdd:
+    case Verb::duckRuleAdd:
+    case Verb::focusLinkAdd:
+    case Verb::listen:
+    case Verb::systemChain:
+        return parseSetupCommand(c, word, rest);
+    default:
+        break;
+    }
 
     switch (c.verb) {
+    case Verb::apps:
+        for (const auto& option : rest) {
+            if (option == "--json")
+                c.json = true;
+            else if (option == "--installed")
+                c.verb = Verb::installedApps;
+            else
+                return fail("apps takes --installed and --json, not \"" + option + "\"");
+        }
+        break;
     case Verb::help:
     case Verb::ping:
     case Verb::diagnostics:
@@ -310,30 +545,44 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
             return fail("eq takes an application and a preset name, or 'off'" + usageHint);
         c.apps = {rest[0]};
         c.text = joinWords(rest.subspan(1));
-        if (c.text != "off" && !findPreset(c.text)) {
-            std::vector<NameResolver::Candidate> presets;
-            for (const auto& p : kavore::EQPresets::all())
-                presets.push_back({p.name, p.name, {}});
-            const auto close = NameResolver("preset", presets).suggestions(c.text);
-            std::string error = "no EQ preset is named \"" + c.text + "\"";
-            std::string names;
-            for (const auto& name : close.empty() ? presetNames() : close)
-                names += (names.empty() ? "" : ", ") + name;
-            error += close.empty() ? "; the presets are " + names : "; did you mean " + names + "?";
-            return fail(error);
-        }
         break;
     }
+    default: // the setup commands, parsed above
+        break;
     }
     return {c, {}};
 }
 
 bool CtlCommand::needsStatus() const {
-    return !apps.empty() || !device.empty() || !devices.empty() || verb == Verb::groupDelete;
+    return !apps.empty() || !device.empty() || !devices.empty() || verb == Verb::groupDelete ||
+           verb == Verb::laneRemove || verb == Verb::duckRuleRemove;
+}
+
+bool CtlCommand::needsConfig() const {
+    switch (verb) {
+    case Verb::eq:
+        return text != "off";
+    case Verb::eqPresetSave:
+    case Verb::eqPresetDelete:
+    case Verb::laneAdd:
+    case Verb::laneRemove:
+    case Verb::lanes:
+    case Verb::duckRuleAdd:
+    case Verb::duckRuleRemove:
+    case Verb::duckRules:
+    case Verb::focusLinkAdd:
+    case Verb::focusLinkRemove:
+    case Verb::focusLinks:
+    case Verb::listen:
+    case Verb::systemChain:
+        return true;
+    default:
+        return false;
+    }
 }
 
 CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const GlobalLocks* locks,
-                                        const SmartSettings* smart) const {
+                                        const SmartSettings* smart, const TonaviConfig* config) const {
     using R = TonaviRequest;
     std::vector<std::string> ids;
     if (!apps.empty()) {
@@ -383,17 +632,155 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
                                       [&](const auto& a) { return a.id == ids[0]; });
         chain.overdrive = kavore::OverdriveSettings(app->boost);
         if (text != "off") {
-            const auto preset = findPreset(text);
+            const auto preset = findPreset(text, config);
             if (!preset)
-                return {std::nullopt, "no EQ preset is named \"" + text + "\""};
-            kavore::EffectSlot slot;
-            slot.id = makeUUID();
-            slot.kind = kavore::EffectKind::eq10;
-            slot.nickname = preset->name;
-            slot.settingsJSON = kavore::settingsJSONBytes(kavore::toJSON(preset->settings));
-            chain.slots.push_back(std::move(slot));
+                return {std::nullopt, noPresetError(text, config)};
+            chain.slots.push_back(eqSlot(*preset));
         }
         return {R{R::SetAppChain{ids[0], std::move(chain)}}, {}};
+    }
+    case Verb::configSave:
+        return {R{R::SaveConfig{text}}, {}};
+    case Verb::configLoad:
+        return {R{R::LoadConfig{text}}, {}};
+    case Verb::configDelete:
+        return {R{R::DeleteConfig{text}}, {}};
+    case Verb::configRename:
+        return {R{R::RenameConfig{words[0], words[1]}}, {}};
+    case Verb::configList:
+        return {R{R::ListConfigs{}}, {}};
+    case Verb::eqPresets:
+        return {R{R::ListEQPresets{}}, {}};
+    case Verb::apps:
+        return {R{R::ListRunningAudioApps{}}, {}};
+    case Verb::installedApps:
+        return {R{R::ListInstalledApps{}}, {}};
+    case Verb::lanes:
+    case Verb::duckRules:
+    case Verb::focusLinks:
+        // The lists live in the configuration, which the support dump carries.
+        return {R{R::Diagnostics{}}, {}};
+    default:
+        break;
+    }
+    if (needsConfig() && !config)
+        return {std::nullopt, "no configuration to change"};
+    switch (verb) {
+    case Verb::eqPresetSave: {
+        const AppAudioState* app = config->app(ids[0]);
+        const kavore::EffectSlot* slot = nullptr;
+        if (app)
+            for (const auto& s : app->chain.slots)
+                if (!slot && s.kind == kavore::EffectKind::eq10)
+                    slot = &s;
+        if (!slot)
+            return {std::nullopt, apps[0] + " has no EQ to save"};
+        kavore::EQPreset preset;
+        preset.name = text;
+        preset.icon = "slider.horizontal.3";
+        preset.settings = kavore::eq10SettingsFromJSON(
+            nlohmann::json::parse(slot->settingsJSON.begin(), slot->settingsJSON.end()));
+        // Saving under a name already saved replaces that preset.
+        preset.id = makeUUID();
+        for (const auto& p : config->customEQPresets)
+            if (lowered(p.name) == lowered(text))
+                preset.id = p.id;
+        return {R{R::SaveEQPreset{std::move(preset)}}, {}};
+    }
+    case Verb::eqPresetDelete:
+        for (const auto& p : config->customEQPresets)
+            if (lowered(p.name) == lowered(text))
+                return {R{R::DeleteEQPreset{p.id}}, {}};
+        return {std::nullopt, "no saved EQ preset is named \"" + text + "\" (tonavictl eq-presets lists them)"};
+    case Verb::laneAdd: {
+        auto resolved = NameResolver::outputDevices(*status).resolve(device);
+        if (!resolved.id)
+            return {std::nullopt, resolved.error};
+        // One lane per application: adding again moves the one it has.
+        WorkspaceLane lane{makeUUID(), ids[0], *resolved.id, on};
+        for (const auto& l : config->lanes)
+            if (l.appBundleID == ids[0])
+                lane.id = l.id;
+        return {R{R::SetLane{std::move(lane)}}, {}};
+    }
+    case Verb::laneRemove: {
+        const std::string id = looseAppID(status, text);
+        for (const auto& l : config->lanes)
+            if (l.appBundleID == id || l.id == text)
+                return {R{R::RemoveLane{l.id}}, {}};
+        return {std::nullopt, "no lane for " + text + " (tonavictl lane list lists them)"};
+    }
+    case Verb::duckRuleAdd: {
+        AutoDuckRule rule{makeUUID(), ids[0], std::vector<std::string>(ids.begin() + 1, ids.end())};
+        if (duckDB)
+            rule.duckDB = *duckDB;
+        for (const auto& r : config->duckRules)
+            if (r.triggerBundleID == ids[0])
+                rule.id = r.id;
+        return {R{R::SetDuckRule{std::move(rule)}}, {}};
+    }
+    case Verb::duckRuleRemove: {
+        const std::string id = looseAppID(status, text);
+        for (const auto& r : config->duckRules)
+            if (r.triggerBundleID == id || r.id == text)
+                return {R{R::RemoveDuckRule{r.id}}, {}};
+        return {std::nullopt, "no duck rule for " + text + " (tonavictl duck-rule list lists them)"};
+    }
+    case Verb::focusLinkAdd: {
+        FocusLink link{makeUUID(), words[0], words[1]};
+        for (const auto& l : config->focusLinks)
+            if (lowered(l.focusName) == lowered(words[0]))
+                link.id = l.id;
+        return {R{R::SetFocusLink{std::move(link)}}, {}};
+    }
+    case Verb::focusLinkRemove:
+        for (const auto& l : config->focusLinks)
+            if (lowered(l.focusName) == lowered(text) || l.id == text)
+                return {R{R::RemoveFocusLink{l.id}}, {}};
+        return {std::nullopt, "no focus link for " + text + " (tonavictl focus-link list lists them)"};
+    case Verb::listen: {
+        kavore::GlobalListeningSettings next = config->globalListening;
+        if (words.size() == 1) {
+            next.enabled = words[0] == "on";
+        } else if (words[0] == "balance") {
+            auto& b = next.balancer;
+            const double target = words.size() > 2 ? *number(words[2], false) : b.targetDBFS;
+            const double strength = words.size() > 3 ? *number(words[3], true) * (words[3].ends_with('%') ? 100 : 1)
+                                                     : b.strengthPercent;
+            b = kavore::ListeningBalancerSettings(words[1] == "on", target, strength);
+        } else {
+            const double index = *number(words[1], false);
+            auto bands = next.equalizer.bands;
+            if (index < 1 || index > static_cast<double>(bands.size()) || index != std::floor(index))
+                return {std::nullopt, "the listening equaliser has bands 1..." + std::to_string(bands.size())};
+            auto& band = bands[static_cast<std::size_t>(index) - 1];
+            band = kavore::ListeningEQBand(band.id, band.kind, *number(words[2], false), *number(words[3], false),
+                                           words.size() > 4 ? *number(words[4], false) : band.q, true);
+            next.equalizer = kavore::ListeningEQSettings(bands);
+        }
+        return {R{R::SetGlobalListening{std::move(next)}}, {}};
+    }
+    case Verb::systemChain: {
+        const auto& rows = config->systemRows;
+        if (words[0] == "boost") {
+            const bool off = words[1] == "off";
+            return {R{R::SetSystemMagicBoost{
+                        kavore::LevelerSettings(off ? rows.systemMagicBoost.amount : *number(words[1], false), !off)}},
+                    {}};
+        }
+        kavore::ChainSettings chain = rows.systemChain;
+        if (words[0] == "bypass") {
+            chain.bypassed = words[1] == "on";
+        } else {
+            std::erase_if(chain.slots, [](const auto& s) { return s.kind == kavore::EffectKind::eq10; });
+            if (text != "off") {
+                const auto preset = findPreset(text, config);
+                if (!preset)
+                    return {std::nullopt, noPresetError(text, config)};
+                chain.slots.insert(chain.slots.begin(), eqSlot(*preset));
+            }
+        }
+        return {R{R::SetSystemChain{std::move(chain)}}, {}};
     }
     case Verb::devices:
         return {R{R::ListDevices{}}, {}};

@@ -45,6 +45,27 @@ struct CtlCommand {
         smart,
         smartSet,
         recent,
+        configSave,
+        configLoad,
+        configList,
+        configRename,
+        configDelete,
+        eqPresetSave,
+        eqPresetDelete,
+        eqPresets,
+        laneAdd,
+        laneRemove,
+        lanes,
+        duckRuleAdd,
+        duckRuleRemove,
+        duckRules,
+        focusLinkAdd,
+        focusLinkRemove,
+        focusLinks,
+        listen,
+        systemChain,
+        apps,
+        installedApps,
     };
 
     struct Parsed;
@@ -60,6 +81,9 @@ struct CtlCommand {
                                       // lock: volume|mute|rate; group: the group's name;
                                       // smart: follow-me|guard|duck|mic-follow
     std::vector<std::string> devices; // device words as typed: prefer, group create
+    std::vector<std::string> words;   // the remaining words of config, eq-preset, lane, duck-rule,
+                                      // focus-link, listen and system-chain, after the sub-command
+    std::optional<double> duckDB;     // duck-rule add --db
 
     // args excludes the program name. The error says what is wrong with the words.
     static Parsed parse(std::span<const std::string> args);
@@ -70,10 +94,14 @@ struct CtlCommand {
     // smart on|off changes one switch of the smart settings and keeps the rest as they are now.
     bool needsSmartSettings() const { return verb == Verb::smartSet; }
 
-    // status is required when needsStatus(), locks when needsLocks(), smart when needsSmartSettings().
-    // The error names the word that resolves to nothing.
+    // Commands that read or change part of the configuration (custom presets, lanes, rules, links,
+    // listening, the system rows) need it as it is now.
+    bool needsConfig() const;
+
+    // status is required when needsStatus(), locks when needsLocks(), smart when needsSmartSettings(),
+    // config when needsConfig(). The error names the word that resolves to nothing.
     Built toRequest(const TonaviStatus* status, const GlobalLocks* locks = nullptr,
-                    const SmartSettings* smart = nullptr) const;
+                    const SmartSettings* smart = nullptr, const TonaviConfig* config = nullptr) const;
 };
 
 struct CtlCommand::Parsed {

@@ -46,6 +46,7 @@ const char* usageText =
     "  route <app> <uid>|default              play an app on one device, or follow the default\n"
     "  launch <bundle-id> --pid N [--name N] [--policy regular|accessory|prohibited] [--no-audio]\n"
     "  quit <bundle-id>                       quit an app, with its helpers\n"
+    "  install <bundle-id> [--name N] [--categories Audio;Player] [--path P]  install an app\n"
     "  activate <bundle-id>                   bring an app to the front\n"
     "  sleep | wake                           the machine goes to sleep or wakes\n"
     "  windows on|off                         make the window list available or not\n"
@@ -451,6 +452,16 @@ int runSimCommand(int argc, char** argv) {
         edit = [app, audio = a.options.count("--no-audio") == 0](SimWorld& w) {
             return w.launch(app, audio);
         };
+    } else if (command == "install" && need(1)) {
+        SimWorld::InstalledApplication app;
+        app.bundleID = p[0];
+        app.name = a.options.count("--name") ? a.options["--name"] : std::string();
+        app.path = a.options.count("--path") ? a.options["--path"] : "/Applications/" + p[0] + ".app";
+        std::stringstream categories(a.options.count("--categories") ? a.options["--categories"] : std::string());
+        for (std::string c; std::getline(categories, c, ';');)
+            if (!c.empty())
+                app.categories.push_back(c);
+        edit = [app](SimWorld& w) { return w.install(app); };
     } else if (command == "quit" && need(1)) {
         edit = [id = p[0]](SimWorld& w) { return w.quit(id); };
     } else if (command == "activate" && need(1)) {

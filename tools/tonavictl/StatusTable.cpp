@@ -270,4 +270,67 @@ std::string StatusTable::renderRecent(const TonaviStatus& status, double now) {
     return out;
 }
 
+std::string StatusTable::renderPresets(const std::vector<kavore::EQPreset>& presets) {
+    Table table({"PRESET", "KIND"});
+    for (const auto& p : presets)
+        table.add({p.name, p.builtin ? "built-in" : "saved"});
+    return table.text();
+}
+
+std::string StatusTable::renderLanes(const TonaviConfig& config, const TonaviStatus& status) {
+    if (config.lanes.empty())
+        return "  (no lanes)\n";
+    Table table({"APP", "DEVICE", "LOCKED"});
+    for (const auto& lane : config.lanes)
+        table.add({appName(status, lane.appBundleID), deviceName(status, lane.deviceUID),
+                   lane.locked ? "yes" : "no"});
+    return table.text();
+}
+
+std::string StatusTable::renderDuckRules(const TonaviConfig& config, const TonaviStatus& status) {
+    if (config.duckRules.empty())
+        return "  (no duck rules)\n";
+    Table table({"TRIGGER", "LOWERS", "BY", "ON"});
+    for (const auto& rule : config.duckRules) {
+        std::vector<std::string> ducked;
+        for (const auto& id : rule.duckedBundleIDs)
+            ducked.push_back(appName(status, id));
+        char db[32];
+        std::snprintf(db, sizeof db, "%g dB", rule.duckDB);
+        table.add({appName(status, rule.triggerBundleID), join(ducked, ", "), db, rule.enabled ? "yes" : "no"});
+    }
+    return table.text();
+}
+
+std::string StatusTable::renderFocusLinks(const TonaviConfig& config) {
+    if (config.focusLinks.empty())
+        return "  (no focus links)\n";
+    Table table({"FOCUS", "SCENE"});
+    for (const auto& link : config.focusLinks)
+        table.add({link.focusName, link.configName});
+    return table.text();
+}
+
+std::string StatusTable::renderRunningApps(const std::vector<RunningApp>& apps, const TonaviStatus& status) {
+    if (apps.empty())
+        return "  (no application has an audio process)\n";
+    Table table({"APP", "ID", "PID", "LAST SOUND"});
+    for (const auto& app : apps) {
+        char seconds[32] = "-";
+        if (app.secondsSinceAudio)
+            std::snprintf(seconds, sizeof seconds, "%.0fs ago", *app.secondsSinceAudio);
+        table.add({appName(status, app.bundleID), app.bundleID, std::to_string(app.pid), seconds});
+    }
+    return table.text();
+}
+
+std::string StatusTable::renderInstalledApps(const std::vector<InstalledApp>& apps) {
+    if (apps.empty())
+        return "  (no installed applications found)\n";
+    Table table({"NAME", "ID", "AUDIO"});
+    for (const auto& app : apps)
+        table.add({app.name, app.id, app.audioCapable ? "yes" : "no"});
+    return table.text();
+}
+
 } // namespace tonavi

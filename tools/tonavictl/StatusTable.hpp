@@ -2,10 +2,15 @@
 // The text `tonavictl status` prints: a summary line of the system output, a table of applications
 // (volume, mute, engaged, level, output, issues), a table of devices, and the newest health events.
 
+#include "audio/effects/EQPreset.hpp"
 #include "core/config/GlobalLocks.hpp"
 #include "core/config/SmartSettings.hpp"
+#include "core/config/TonaviConfig.hpp"
+#include "core/wire/InstalledApp.hpp"
+#include "core/wire/RunningApp.hpp"
 
 #include <string>
+#include <vector>
 
 namespace tonavi {
 
@@ -23,6 +28,17 @@ class StatusTable {
     static std::string renderRecent(const TonaviStatus& status, double now);
     // Where the system output is, by name: what `tonavictl output` prints after a switch.
     static std::string outputLine(const TonaviStatus& status);
+
+    // `tonavictl eq-presets`: name and whether it is built in or saved.
+    static std::string renderPresets(const std::vector<kavore::EQPreset>& presets);
+    // The lanes, duck rules and focus links of a configuration, with apps and devices by the names the
+    // status gives them (an ID the status does not know is shown as it is).
+    static std::string renderLanes(const TonaviConfig& config, const TonaviStatus& status);
+    static std::string renderDuckRules(const TonaviConfig& config, const TonaviStatus& status);
+    static std::string renderFocusLinks(const TonaviConfig& config);
+    // `tonavictl apps`: by name where the status knows the app, its pid and seconds since its last sound.
+    static std::string renderRunningApps(const std::vector<RunningApp>& apps, const TonaviStatus& status);
+    static std::string renderInstalledApps(const std::vector<InstalledApp>& apps);
 
     // A ten-character meter for a level in 0...1: "#" for each tenth reached, "." for the rest.
     static std::string levelBar(double level);

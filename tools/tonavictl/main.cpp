@@ -56,7 +56,7 @@ int run(const CtlCommand& command) {
         return sendRaw(encodeRequest(TonaviRequest{TonaviRequest::Status{}}));
 
     std::optional<TonaviStatus> status;
-    if (command.needsStatus()) {
+    if (command.needsStatus() || (command.verb == Verb::apps && !command.json)) {
         TonaviReply reply = TonaviChannel::send({TonaviRequest::Status{}}, clientTimeoutSeconds);
         if (!reply.ok || !reply.status)
             return refused("the service gave no status to look names up in" +
@@ -65,7 +65,8 @@ int run(const CtlCommand& command) {
     }
     // The locks and the system roles live in the configuration and the status: the support dump has both.
     std::optional<Diagnostics> dump;
-    if (command.needsLocks() || command.needsSmartSettings() || command.verb == Verb::devices) {
+    if (command.needsLocks() || command.needsSmartSettings() || command.needsConfig() ||
+        command.verb == Verb::devices) {
         TonaviReply reply = TonaviChannel::send({TonaviRequest::Diagnostics{}}, clientTimeoutSeconds);
         if (!reply.ok || !reply.payload)
             return refused("the service gave no configuration to read the locks from");
@@ -75,8 +76,8 @@ int run(const CtlCommand& command) {
         dump ? std::optional<GlobalLocks>(dump->config.locks) : std::nullopt;
     const std::optional<SmartSettings> smart =
         dump ? std::optional<SmartSettings>(dump->config.smart) : std::nullopt;
-    auto built =
-        command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr, smart ? &*smart : nullptr);
+    auto built = command.toRequest(status ? &*status : nullptr, locks ? &*locks : nullptr,
+                                   smart ? &*smart : nullptr, dump ? &dump->config : nullptr);
     if (!built.request)
         return refused(built.error);
 
@@ -127,6 +128,61 @@ int run(const CtlCommand& command) {
             const double now =
                 std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
             std::fputs(StatusTable::renderRecent(*reply.status, now).c_str(), stdout);
+        }
+        break;
+    }
+    case Verb::configLoad:
+        // Where the output really is once the scene is in: the reply waits for the system to show it.
+        std::printf("%s\n", reply.message.c_str());
+        if (reply.status)
+            std::printf("%s\n", StatusTable::outputLine(*reply.status).c_str());
+        break;
+    case Verb::configList:
+    case Verb::eqPresets: {
+        if (!reply.payload)
+            return refused("the reply holds no list");
+        if (command.json) {
+            std::printf("%s\n", nlohmann::json::parse(reply.payload->begin(), reply.payload->end()).dump(2).c_str());
+        } else if (command.verb == Verb::eqPresets) {
+            std::fputs(StatusTable::renderPresets(TonaviPayload::decodeEQPresets(*reply.payload)).c_str(), stdout);
+        } else {
+            for (const auto& name : TonaviPayload::decodeNames(*reply.payload))
+                std::printf("%s\n", name.c_str());
+        }
+        break;
+    }
+    case Verb::apps:
+    case Verb::installedApps:
+        if (!reply.payload)
+            return refused("the reply holds no list");
+        if (command.json)
+            std::printf("%s\n", nlohmann::json::parse(reply.payload->begin(), reply.payload->end()).dump(2).c_str());
+        else if (command.verb == Verb::apps)
+            std::fputs(StatusTable::renderRunningApps(TonaviPayload::decodeRunningApps(*reply.payload), *status)
+                           .c_str(),
+                       stdout);
+        else
+            std::fputs(StatusTable::renderInstalledApps(TonaviPayload::decodeInstalledApps(*reply.payload)).c_str(),
+                       stdout);
+        break;
+    case Verb::lanes:
+    case Verb::duckRules:
+    case Verb::focusLinks: {
+        if (!reply.payload)
+            return refused("the reply holds no configuration");
+        const Diagnostics current = TonaviPayload::decodeDiagnostics(*reply.payload);
+        const auto& config = current.config;
+        if (command.json) {
+            const nlohmann::json out = command.verb == Verb::lanes       ? nlohmann::json(config.lanes)
+                                       : command.verb == Verb::duckRules ? nlohmann::json(config.duckRules)
+                                                                         : nlohmann::json(config.focusLinks);
+            std::printf("%s\n", out.dump(2).c_str());
+        } else {
+            std::fputs((command.verb == Verb::lanes       ? StatusTable::renderLanes(config, current.status)
+                        : command.verb == Verb::duckRules ? StatusTable::renderDuckRules(config, current.status)
+                                                          : StatusTable::renderFocusLinks(config))
+                           .c_str(),
+                       stdout);
         }
         break;
     }
