@@ -42,6 +42,7 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
          "Small Speakers, Spoken Word, Treble Booster, Treble Reducer, Vocal Booster, Metal, Podcast"},
         {{"eq", "Music"}, "eq takes an application and a preset name, or 'off' (tonavictl help)"},
         {{"status", "--xml"}, "status takes only --json, not \"--xml\""},
+        {{"mixer", "--wide"}, "mixer takes only --once, not \"--wide\""},
         {{"ping", "now"}, "ping takes no arguments"},
         {{"send"}, "send takes one argument, the request JSON in quotes"},
         {{"output"}, "output takes one device (tonavictl help)"},

@@ -42,6 +42,7 @@ const char* const ctlUsageText =
     "  smart [--json]             what follow-me, loudness guard, auto-duck and mic follow are doing\n"
     "  smart follow-me|guard|duck|mic-follow on|off  turn one automation on or off\n"
     "  recent [--json]            which apps began to sound, alerts and output moves, newest first\n"
+    "  mixer [--once]             the live mixer, full screen (? lists its keys); --once prints one frame\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
     "  sim <command> ...          drive the simulated machine (tonavictl sim help)\n"
@@ -86,6 +87,7 @@ constexpr VerbName verbNames[] = {
     {"group", Verb::groupCreate},
     {"smart", Verb::smart},
     {"recent", Verb::recent},
+    {"mixer", Verb::mixer},
 };
 
 constexpr const char* smartFeatures[] = {"follow-me", "guard", "duck", "mic-follow"};
@@ -214,6 +216,13 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
         }
         break;
     case Verb::smartSet:
+        break;
+    case Verb::mixer:
+        for (const auto& option : rest) {
+            if (option != "--once")
+                return fail("mixer takes only --once, not \"" + option + "\"");
+            c.once = true;
+        }
         break;
     case Verb::volume: {
         if (rest.size() != 2)
@@ -427,6 +436,7 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
     }
     case Verb::help:
     case Verb::send:
+    case Verb::mixer:
         break;
     default: {
         if (!status)

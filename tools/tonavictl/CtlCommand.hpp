@@ -45,6 +45,7 @@ struct CtlCommand {
         smart,
         smartSet,
         recent,
+        mixer,
     };
 
     struct Parsed;
@@ -56,6 +57,7 @@ struct CtlCommand {
     double amount = 0;                // volume 0...1, boost multiplier 1...4
     bool on = false;                  // stage on|off
     bool json = false;                // status, smart and recent --json
+    bool once = false;                // mixer --once: one frame, then exit
     std::string text;                 // send: the request JSON; eq: the preset name, or "off";
                                       // lock: volume|mute|rate; group: the group's name;
                                       // smart: follow-me|guard|duck|mic-follow
