@@ -84,6 +84,9 @@ void fetchStatus(Shared& shared, bool withConfiguration) {
         error = e.what();
     }
     std::lock_guard guard(shared.lock);
+    // Most polls bring nothing new; the screen is drawn again only for what changed.
+    const bool changed = (status && status != shared.status) || (config && config != shared.config) ||
+                         error != shared.connectionError;
     if (status)
         shared.status = std::move(status);
     if (config) {
@@ -91,7 +94,8 @@ void fetchStatus(Shared& shared, bool withConfiguration) {
         shared.configWanted = false;
     }
     shared.connectionError = error;
-    ++shared.generation;
+    if (changed)
+        ++shared.generation;
 }
 
 std::map<std::string, std::string> eqPresetsOf(const TonaviConfig& config) {
@@ -477,7 +481,9 @@ void Session::draw() {
     getmaxyx(stdscr, height, width);
     if (status)
         locateSelection(*status);
-    if (seen_ == drawn_ && width == view_.width && height == view_.height && notice == view_.notice)
+    // Positions set by keys lapse without a new status, so the frame is drawn again while any is held.
+    const bool holding = !appVolumes_.empty() || !appMutes_.empty() || !deviceVolumes_.empty();
+    if (seen_ == drawn_ && !holding && width == view_.width && height == view_.height && notice == view_.notice)
         return;
     drawn_ = seen_;
     view_.width = width;
