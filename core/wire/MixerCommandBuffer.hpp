@@ -12,8 +12,7 @@
 
 namespace tonavi {
 
-template <class Value>
-struct MixerCommandBuffer {
+template <class Value> struct MixerCommandBuffer {
     struct Entry {
         std::optional<std::string> key;
         Value value;

@@ -42,7 +42,7 @@ class MixerCommandDispatcher {
     MixerCommandBuffer<Closure> pending_; // commands not started
     bool draining_ = false;               // a drain is queued or running
     std::size_t drainsStarted_ = 0;
-    std::condition_variable idle_;        // notified when a drain ends
+    std::condition_variable idle_; // notified when a drain ends
     // Declared last so that it is destroyed first: its destructor waits for a running drain, which still
     // uses everything above.
     DispatchQueue queue_{"tonavi.mixer-commands"};

@@ -22,7 +22,8 @@ Size fittedRows(int rows, Size available, bool compact) {
     const double width = std::min(std::clamp(available.width, minWidth, maxExtent), narrow ? 640.0 : 960.0);
     const double rowHeight = narrow ? 100 : 52;
     const double wanted = rowHeight * std::max(rows, 1) + 360;
-    const double height = std::max(std::min(std::clamp(available.height, minHeight, maxExtent), wanted), minHeight);
+    const double height =
+        std::max(std::min(std::clamp(available.height, minHeight, maxExtent), wanted), minHeight);
     return {width, height};
 }
 

@@ -33,7 +33,8 @@ std::string tmuxPath() {
 // A tmux server of its own (its socket in the home), one 100x30 pane running a plain shell.
 class Terminal {
   public:
-    Terminal(std::string tmux, std::string socket, const Env& env) : tmux_(std::move(tmux)), socket_(std::move(socket)) {
+    Terminal(std::string tmux, std::string socket, const Env& env)
+        : tmux_(std::move(tmux)), socket_(std::move(socket)) {
         std::vector<std::string> start = {"new-session", "-d", "-x", "100", "-y", "30", "-s", "mixer"};
         for (const auto& [k, v] : env)
             start.insert(start.end(), {"-e", k + "=" + v});
@@ -57,7 +58,9 @@ class Terminal {
         command(keys);
     }
     std::string screen() const { return command({"capture-pane", "-p", "-t", "mixer"}).second; }
-    std::string format(const std::string& f) const { return command({"display-message", "-p", "-t", "mixer", f}).second; }
+    std::string format(const std::string& f) const {
+        return command({"display-message", "-p", "-t", "mixer", f}).second;
+    }
     bool waitForScreen(const std::function<bool(const std::string&)>& condition) const {
         return waitUntil([&] { return condition(screen()); }, 15s);
     }
@@ -120,8 +123,10 @@ TEST(MixerTerminalTest, KeysSelectCoalesceMuteAndQuitCleanly) {
     Terminal terminal(tmux, home.home + "/tmux.sock", mixerEnv);
     ASSERT_TRUE(terminal.started());
     // The shell's prompt first, then the mixer started from it as a user would.
-    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) { return s.find_first_not_of(" \n") != std::string::npos; }));
-    terminal.keys({std::filesystem::absolute(binPath("tonavictl")).string() + " mixer; echo mixer-exit=$?", "Enter"});
+    ASSERT_TRUE(terminal.waitForScreen(
+        [](const auto& s) { return s.find_first_not_of(" \n") != std::string::npos; }));
+    terminal.keys(
+        {std::filesystem::absolute(binPath("tonavictl")).string() + " mixer; echo mixer-exit=$?", "Enter"});
     ASSERT_TRUE(terminal.waitForScreen([](const auto& s) {
         return s.find("Tonavi mixer") != std::string::npos && s.find("Music") != std::string::npos;
     })) << terminal.screen();
@@ -129,28 +134,46 @@ TEST(MixerTerminalTest, KeysSelectCoalesceMuteAndQuitCleanly) {
 
     for (std::size_t i = 0; i < row; ++i)
         terminal.keys({"Down"});
-    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) { return hasLine(s, "> Music"); })) << terminal.screen();
+    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) { return hasLine(s, "> Music"); }))
+        << terminal.screen();
 
     // 50 presses of right in one burst, from 20 %: the volume ends at 100 %, in a handful of requests.
     std::vector<std::string> rights(50, "Right");
     terminal.keys(rights);
-    ASSERT_TRUE(waitUntil([&] { auto m = savedMusic(home); return m && (*m)["volume"] == 1.0; }, 15s));
-    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) { return hasLine(s, "> Music ", "[##########] 100%"); }))
-        << terminal.screen();
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            auto m = savedMusic(home);
+            return m && (*m)["volume"] == 1.0;
+        },
+        15s));
+    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) {
+        return hasLine(s, "> Music ", "[##########] 100%");
+    })) << terminal.screen();
     const std::size_t upRequests = proxy.count("setAppVolume");
     EXPECT_GE(upRequests, 1u);
     EXPECT_LE(upRequests, 10u);
 
     // 50 presses of the 1 % key down: exactly 50 %, again in a handful.
     terminal.keys(std::vector<std::string>(50, ","));
-    ASSERT_TRUE(waitUntil([&] { auto m = savedMusic(home); return m && (*m)["volume"] == 0.5; }, 15s))
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            auto m = savedMusic(home);
+            return m && (*m)["volume"] == 0.5;
+        },
+        15s))
         << savedMusic(home).value_or(nlohmann::json()).dump();
-    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) { return hasLine(s, "> Music ", "[#####-----]  50%"); }))
-        << terminal.screen();
+    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) {
+        return hasLine(s, "> Music ", "[#####-----]  50%");
+    })) << terminal.screen();
     EXPECT_LE(proxy.count("setAppVolume") - upRequests, 10u);
 
     terminal.keys({"m"});
-    EXPECT_TRUE(waitUntil([&] { auto m = savedMusic(home); return m && (*m)["muted"] == true; }, 15s));
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            auto m = savedMusic(home);
+            return m && (*m)["muted"] == true;
+        },
+        15s));
     EXPECT_GT(proxy.count("status"), 0u);
 
     // q gives the terminal back: the normal screen again, with the command line and what followed it.

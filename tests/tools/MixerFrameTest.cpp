@@ -64,7 +64,8 @@ TEST(MixerFrameTest, GoldenFrames) {
     // Each frame as the terminal shows it: the selected row marked, a muted application (M), a soloed one
     // (S and SOLO in the title), one with a control issue (! and its text on the line above the keys).
     const std::tuple<const char*, const TonaviStatus*, MixerFrame::View, std::string> cases[] = {
-        {"80x24", &status, narrow, R"(Tonavi mixer  SOLO                                      [Applications]  Devices
+        {"80x24", &status, narrow,
+         R"(Tonavi mixer  SOLO                                      [Applications]  Devices
  Output: MacBook Pro Speakers  [#####-----]  50%
   APPLICATION   VOLUME            LEVEL      M S  PATH   OUTPUT     EQ         !
   Music         [#####-----]  50% ||||......      tapped Desk cans  Bass Boos~
@@ -88,7 +89,8 @@ TEST(MixerFrameTest, GoldenFrames) {
 
  Safari (com.apple.Safari): Audio control could not attach. Sound is on the dir~
 <-> 5%  ,. 1%  m mute  s solo  o output  e EQ  r reset  S stage  ? keys  q quit)"},
-        {"120x12", &status, wide, R"(Tonavi mixer  SOLO                                                                              [Applications]  Devices
+        {"120x12", &status, wide,
+         R"(Tonavi mixer  SOLO                                                                              [Applications]  Devices
  Output: MacBook Pro Speakers  [#####-----]  50%
   APPLICATION                VOLUME            LEVEL      M S  PATH   OUTPUT                  EQ                       !
 > Music                      [#####-----]  50% ||||......      tapped Desk cans               Bass Booster
@@ -100,7 +102,8 @@ TEST(MixerFrameTest, GoldenFrames) {
 
  Music (com.apple.Music), boost x2
 up/down select  left/right 5%  ,/. 1%  m mute  s solo  o output  e EQ  r reset  S stage  Tab devices  ? help  q quit)"},
-        {"devices", &status, devices, R"(Tonavi mixer  SOLO                                       Applications  [Devices]
+        {"devices", &status, devices,
+         R"(Tonavi mixer  SOLO                                       Applications  [Devices]
  Output: MacBook Pro Speakers  [#####-----]  50%
   DEVICE           TRANSPORT DEFAULT VOLUME            M  HIDDEN LOCKS
 > MacBook Pro Spe~ builtin   out     [#####-----]  50%           vol
@@ -112,7 +115,8 @@ up/down select  left/right 5%  ,/. 1%  m mute  s solo  o output  e EQ  r reset  
 
 
 up/down select  left/right 5%  ,/. 1%  m mute  Tab applications  ? help  q quit)"},
-        {"chooser", &status, chooser, R"(Tonavi mixer  SOLO                                      [Applications]  Devices
+        {"chooser", &status, chooser,
+         R"(Tonavi mixer  SOLO                                      [Applications]  Devices
  Output: MacBook Pro Speakers  [#####-----]  50%
          +------------------------------------------------------------+
          | Output for Music                                           |
@@ -124,7 +128,8 @@ up/down select  left/right 5%  ,/. 1%  m mute  Tab applications  ? help  q quit)
          +------------------------------------------------------------+
  Music (com.apple.Music), boost x2
 <-> 5%  ,. 1%  m mute  s solo  o output  e EQ  r reset  S stage  ? keys  q quit)"},
-        {"unreachable", nullptr, unreachable, R"(Tonavi mixer  NOT CONNECTED                             [Applications]  Devices
+        {"unreachable", nullptr, unreachable,
+         R"(Tonavi mixer  NOT CONNECTED                             [Applications]  Devices
  Output: -
 
 
@@ -147,7 +152,8 @@ up/down select  left/right 5%  ,/. 1%  m mute  Tab applications  ? help  q quit)
 TEST(MixerFrameTest, ScrollsWithTheSelectionAndFitsTheTerminal) {
     TonaviStatus status;
     for (int i = 1; i <= 30; ++i)
-        status.apps.push_back(AppLiveStatus{.id = "app" + std::to_string(i), .displayName = "App" + std::to_string(i)});
+        status.apps.push_back(
+            AppLiveStatus{.id = "app" + std::to_string(i), .displayName = "App" + std::to_string(i)});
     const std::tuple<int, int, std::size_t, std::string, std::string> cases[] = {
         {80, 10, 0, "> App1 ", "1-5 of 30"},
         {80, 10, 17, "> App18 ", "14-18 of 30"},
@@ -164,8 +170,7 @@ TEST(MixerFrameTest, ScrollsWithTheSelectionAndFitsTheTerminal) {
         for (const auto& line : lines)
             EXPECT_LE(line.size(), static_cast<std::size_t>(width)) << line;
     }
-    EXPECT_EQ(MixerFrame::render(&status, view(40, 24))[0],
-              "Too small for the mixer: 60x10 at least");
+    EXPECT_EQ(MixerFrame::render(&status, view(40, 24))[0], "Too small for the mixer: 60x10 at least");
 }
 
 } // namespace

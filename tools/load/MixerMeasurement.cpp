@@ -81,7 +81,8 @@ int MixerMeasurement::run() {
     for (int i = 0; i < applications; ++i)
         TonaviChannel::send(servicePath_, TonaviRequest{TonaviRequest::SetAppVolume{appID(i), 1.0}},
                             requestTimeoutSeconds);
-    const auto status = TonaviChannel::send(servicePath_, TonaviRequest{TonaviRequest::Status{}}, requestTimeoutSeconds);
+    const auto status =
+        TonaviChannel::send(servicePath_, TonaviRequest{TonaviRequest::Status{}}, requestTimeoutSeconds);
     if (!status.status) {
         std::fprintf(stderr, "tonavi-load: the service gave no status\n");
         return 1;
@@ -107,8 +108,8 @@ int MixerMeasurement::run() {
         const long ticks1 = cpuTicks(pid);
         const double elapsed = std::chrono::duration<double>(Clock::now() - t0).count();
         auto after = proxy.counts();
-        const double cpuPercent =
-            100.0 * static_cast<double>(ticks1 - ticks0) / static_cast<double>(::sysconf(_SC_CLK_TCK)) / elapsed;
+        const double cpuPercent = 100.0 * static_cast<double>(ticks1 - ticks0) /
+                                  static_cast<double>(::sysconf(_SC_CLK_TCK)) / elapsed;
         auto perSecond = [&](const std::string& name) {
             const std::size_t start = before.count(name) ? before.at(name) : 0;
             return static_cast<double>(after[name] - start) / elapsed;
@@ -135,8 +136,8 @@ int MixerMeasurement::run() {
         std::printf("{\"applications\":%zu,\"idle_seconds\":%.1f,\"mixer_cpu_percent\":%.2f,"
                     "\"status_per_second\":%.2f,\"diagnostics_per_second\":%.2f,\"key_presses\":50,"
                     "\"set_app_volume_requests\":%zu,\"final_volume\":%.4f,\"expected_volume\":0.5}\n",
-                    status.status->apps.size(), elapsed, cpuPercent, perSecond("status"), perSecond("diagnostics"),
-                    volumeRequests, volume);
+                    status.status->apps.size(), elapsed, cpuPercent, perSecond("status"),
+                    perSecond("diagnostics"), volumeRequests, volume);
         exitStatus = std::abs(volume - 0.5) < 1e-9 ? 0 : 1;
     } else {
         std::fprintf(stderr, "tonavi-load: the mixer did not start in tmux\n");

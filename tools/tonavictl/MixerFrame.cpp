@@ -99,7 +99,8 @@ const std::string applicationKeys =
     "up/down select  left/right 5%  ,/. 1%  m mute  s solo  o output  e EQ  r reset  S stage  "
     "Tab devices  ? help  q quit";
 // At 80 columns: the rest is on the help page.
-const std::string applicationKeysShort = "<-> 5%  ,. 1%  m mute  s solo  o output  e EQ  r reset  S stage  ? keys  q quit";
+const std::string applicationKeysShort =
+    "<-> 5%  ,. 1%  m mute  s solo  o output  e EQ  r reset  S stage  ? keys  q quit";
 const char* const deviceKeys =
     "up/down select  left/right 5%  ,/. 1%  m mute  Tab applications  ? help  q quit";
 
@@ -156,7 +157,9 @@ std::vector<const DeviceLiveStatus*> MixerFrame::deviceRows(const TonaviStatus& 
     return rows;
 }
 
-std::size_t MixerFrame::listHeight(int height) { return height > 5 ? static_cast<std::size_t>(height - 5) : 0; }
+std::size_t MixerFrame::listHeight(int height) {
+    return height > 5 ? static_cast<std::size_t>(height - 5) : 0;
+}
 
 std::vector<std::string> MixerFrame::render(const TonaviStatus* status, const View& view) {
     const int height = std::max(view.height, 1);
@@ -179,7 +182,8 @@ std::vector<std::string> MixerFrame::render(const TonaviStatus* status, const Vi
         flags += "  STAGE MODE";
     if (status && status->soloAppIDs && !status->soloAppIDs->empty())
         flags += "  SOLO";
-    lines[0] = spread("Tonavi mixer" + flags, apps ? "[Applications]  Devices " : " Applications  [Devices]", width);
+    lines[0] =
+        spread("Tonavi mixer" + flags, apps ? "[Applications]  Devices " : " Applications  [Devices]", width);
 
     std::size_t rowCount = 0;
     if (!status) {
@@ -193,7 +197,8 @@ std::vector<std::string> MixerFrame::render(const TonaviStatus* status, const Vi
         if (apps) {
             const AppColumns c(width);
             lines[2] = "  " + fit("APPLICATION", c.name) + " " + fit("VOLUME", 17) + " " + fit("LEVEL", 10) +
-                       " M S  " + fit("PATH", 6) + " " + fit("OUTPUT", c.output) + " " + fit("EQ", c.eq) + " !";
+                       " M S  " + fit("PATH", 6) + " " + fit("OUTPUT", c.output) + " " + fit("EQ", c.eq) +
+                       " !";
             const auto rows = applicationRows(*status);
             rowCount = rows.size();
             const std::size_t first = firstShown(view.selected, rows.size(), listRows);
@@ -204,16 +209,21 @@ std::vector<std::string> MixerFrame::render(const TonaviStatus* status, const Vi
                     std::string(i == view.selected ? "> " : "  ") + fit(a.displayName, c.name) + " " +
                     volumeBar(a.volume) + " " + percent(a.volume) + " " + meter(a.level) + " " +
                     (a.muted ? "M" : " ") + " " + (a.soloed.value_or(false) ? "S" : " ") + "  " +
-                    fit(a.engaged ? "tapped" : a.directLocked ? "locked" : "direct", 6) + " " +
-                    fit(a.redirectUID.empty() ? "default" : deviceName(*status, a.redirectUID), c.output) + " " +
-                    fit(eq == view.eqPresets.end() ? "-" : eq->second, c.eq) + " " + (a.controlIssue ? "!" : " ");
+                    fit(a.engaged        ? "tapped"
+                        : a.directLocked ? "locked"
+                                         : "direct",
+                        6) +
+                    " " +
+                    fit(a.redirectUID.empty() ? "default" : deviceName(*status, a.redirectUID), c.output) +
+                    " " + fit(eq == view.eqPresets.end() ? "-" : eq->second, c.eq) + " " +
+                    (a.controlIssue ? "!" : " ");
             }
             if (rows.empty())
                 lines[3] = "  No applications yet: they appear once they play or are configured.";
         } else {
             const std::size_t nameWidth = 16 + (width > 80 ? (width - 80) / 2 : 0);
-            lines[2] = "  " + fit("DEVICE", nameWidth) + " " + fit("TRANSPORT", 9) + " " + fit("DEFAULT", 7) + " " +
-                       fit("VOLUME", 17) + " M  " + fit("HIDDEN", 6) + " LOCKS";
+            lines[2] = "  " + fit("DEVICE", nameWidth) + " " + fit("TRANSPORT", 9) + " " + fit("DEFAULT", 7) +
+                       " " + fit("VOLUME", 17) + " M  " + fit("HIDDEN", 6) + " LOCKS";
             const auto rows = deviceRows(*status);
             rowCount = rows.size();
             const std::size_t first = firstShown(view.selected, rows.size(), listRows);
@@ -234,20 +244,21 @@ std::vector<std::string> MixerFrame::render(const TonaviStatus* status, const Vi
                 lines[3 + i - first] =
                     std::string(i == view.selected ? "> " : "  ") +
                     fit(d.nickname.empty() ? d.name : d.nickname, nameWidth) + " " +
-                    fit(std::string(transportName(d.transport)), 9) + " " + fit(marks.empty() ? "-" : marks, 7) + " " +
-                    (d.hasVolume ? volumeBar(d.volume) + " " + percent(d.volume) : fit("no volume", 17)) + " " +
-                    (d.muted ? "M" : " ") + "  " + fit(d.hidden.value_or(false) ? "hidden" : "", 6) + " " +
-                    (view.locks ? (held.empty() ? "-" : trimmed(held)) : "?");
+                    fit(std::string(transportName(d.transport)), 9) + " " +
+                    fit(marks.empty() ? "-" : marks, 7) + " " +
+                    (d.hasVolume ? volumeBar(d.volume) + " " + percent(d.volume) : fit("no volume", 17)) +
+                    " " + (d.muted ? "M" : " ") + "  " + fit(d.hidden.value_or(false) ? "hidden" : "", 6) +
+                    " " + (view.locks ? (held.empty() ? "-" : trimmed(held)) : "?");
             }
             if (rows.empty())
                 lines[3] = "  No devices yet.";
         }
         if (rowCount > listRows)
-            lines[2] = spread(lines[2], " " + std::to_string(firstShown(view.selected, rowCount, listRows) + 1) +
-                                            "-" +
-                                            std::to_string(std::min(rowCount, firstShown(view.selected, rowCount,
-                                                                                         listRows) + listRows)) +
-                                            " of " + std::to_string(rowCount),
+            lines[2] = spread(lines[2],
+                              " " + std::to_string(firstShown(view.selected, rowCount, listRows) + 1) + "-" +
+                                  std::to_string(std::min(
+                                      rowCount, firstShown(view.selected, rowCount, listRows) + listRows)) +
+                                  " of " + std::to_string(rowCount),
                               width);
     }
 
@@ -265,15 +276,16 @@ std::vector<std::string> MixerFrame::render(const TonaviStatus* status, const Vi
             detail += ": " + *a.controlIssue;
     }
     lines[static_cast<std::size_t>(height - 2)] = " " + detail;
-    lines[static_cast<std::size_t>(height - 1)] =
-        !apps ? deviceKeys : width >= applicationKeys.size() ? applicationKeys : applicationKeysShort;
+    lines[static_cast<std::size_t>(height - 1)] = !apps                             ? deviceKeys
+                                                  : width >= applicationKeys.size() ? applicationKeys
+                                                                                    : applicationKeysShort;
 
     if (view.overlay != Overlay::none) {
         const bool help = view.overlay == Overlay::help;
-        const auto covered = box(help ? "Keys" : view.chooserTitle,
-                                 help ? std::vector<std::string>(std::begin(helpLines), std::end(helpLines))
-                                      : view.choices,
-                                 help ? std::nullopt : std::optional<std::size_t>(view.choice), width, listRows + 1);
+        const auto covered =
+            box(help ? "Keys" : view.chooserTitle,
+                help ? std::vector<std::string>(std::begin(helpLines), std::end(helpLines)) : view.choices,
+                help ? std::nullopt : std::optional<std::size_t>(view.choice), width, listRows + 1);
         for (std::size_t i = 0; i < covered.size(); ++i)
             lines[2 + i] = covered[i];
     }

@@ -51,15 +51,17 @@ constexpr int inputTimeoutMS = 100;
 
 volatile std::sig_atomic_t stopSignal = 0;
 
-extern "C" void onStopSignal(int s) { stopSignal = s; }
+extern "C" void onStopSignal(int s) {
+    stopSignal = s;
+}
 
 // The status and the configuration's facts as the poller last saw them; every field under `lock`.
 struct Shared {
     std::mutex lock;
     std::optional<TonaviStatus> status;
     std::optional<TonaviConfig> config;
-    std::string connectionError;  // empty while the service answers
-    std::string notice;           // the newest refused request
+    std::string connectionError; // empty while the service answers
+    std::string notice;          // the newest refused request
     Clock::time_point noticeAt{};
     std::uint64_t generation = 0; // changes with anything above
     bool configWanted = true;
@@ -136,15 +138,18 @@ std::pair<int, int> terminalSize() {
 }
 
 // A value set by a key and not yet seen in a status.
-template <class T>
-struct Held {
+template <class T> struct Held {
     T value{};
     Clock::time_point at{};
 };
 
 class Session {
   public:
-    Session() : pollTimer_(pollQueue_, 0ms, pollInterval, [this] { poll(); }, 20ms) { pollTimer_.resume(); }
+    Session()
+        : pollTimer_(
+              pollQueue_, 0ms, pollInterval, [this] { poll(); }, 20ms) {
+        pollTimer_.resume();
+    }
     ~Session() { pollTimer_.cancel(); }
 
     // One pass of the main loop: a key (ERR for none). False once the user quits.
@@ -190,8 +195,7 @@ class Session {
     }
 
     bool busy() { return !dispatcher_.waitUntilIdle(0ms); }
-    template <class T>
-    std::optional<T> held(std::map<std::string, Held<T>>& values, const std::string& id) {
+    template <class T> std::optional<T> held(std::map<std::string, Held<T>>& values, const std::string& id) {
         const auto it = values.find(id);
         if (it == values.end())
             return std::nullopt;
@@ -287,8 +291,9 @@ void Session::changeVolume(const TonaviStatus& status, int percentStep) {
     const bool apps = view_.page == MixerFrame::Page::applications;
     double current = 0;
     if (apps)
-        current = std::find_if(status.apps.begin(), status.apps.end(), [&](const auto& a) { return a.id == id; })
-                      ->volume;
+        current = std::find_if(status.apps.begin(), status.apps.end(), [&](const auto& a) {
+                      return a.id == id;
+                  })->volume;
     else
         current = std::find_if(status.devices.begin(), status.devices.end(), [&](const auto& d) {
                       return d.id == id;
@@ -364,8 +369,8 @@ void Session::choose(const TonaviStatus& status) {
     view_.eqPresets[choiceApp_] = value == "off" ? std::string() : value;
     if (value == "off")
         view_.eqPresets.erase(choiceApp_);
-    send(choiceApp_ + "/chain", {TonaviRequest::SetAppChain{choiceApp_, chainWithPreset(std::move(chain), value)}},
-         true);
+    send(choiceApp_ + "/chain",
+         {TonaviRequest::SetAppChain{choiceApp_, chainWithPreset(std::move(chain), value)}}, true);
 }
 
 bool Session::handle(int key) {
@@ -449,7 +454,8 @@ bool Session::handle(int key) {
     }
     case 's':
         if (apps && !id.empty())
-            send(id + "/solo", {TonaviRequest::SetAppSolo{id, !status->apps[view_.selected].soloed.value_or(false)}});
+            send(id + "/solo",
+                 {TonaviRequest::SetAppSolo{id, !status->apps[view_.selected].soloed.value_or(false)}});
         break;
     case 'r':
         if (apps && !id.empty()) {
@@ -483,7 +489,8 @@ void Session::draw() {
         locateSelection(*status);
     // Positions set by keys lapse without a new status, so the frame is drawn again while any is held.
     const bool holding = !appVolumes_.empty() || !appMutes_.empty() || !deviceVolumes_.empty();
-    if (seen_ == drawn_ && !holding && width == view_.width && height == view_.height && notice == view_.notice)
+    if (seen_ == drawn_ && !holding && width == view_.width && height == view_.height &&
+        notice == view_.notice)
         return;
     drawn_ = seen_;
     view_.width = width;

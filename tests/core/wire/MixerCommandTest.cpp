@@ -35,7 +35,9 @@ TEST(MixerCommandBufferTest, OrdersAndCoalesces) {
         {"a newer key moves to the end", {{"a", 1}, {"b", 2}, {"a", 3}}, {2, 3}},
         {"a keyless entry is a barrier", {{"a", 1}, {nullptr, 2}, {"a", 3}}, {1, 2, 3}},
         {"no key removes nothing", {{nullptr, 1}, {nullptr, 1}, {"a", 2}, {nullptr, 3}}, {1, 1, 2, 3}},
-        {"only the newest barrier counts", {{"a", 1}, {nullptr, 2}, {"a", 3}, {"b", 4}, {"a", 5}}, {1, 2, 4, 5}},
+        {"only the newest barrier counts",
+         {{"a", 1}, {nullptr, 2}, {"a", 3}, {"b", 4}, {"a", 5}},
+         {1, 2, 4, 5}},
         {"one replacement per append", {{"a", 1}, {"a", 2}, {"a", 3}}, {3}},
     };
     for (const auto& c : cases) {
@@ -53,8 +55,15 @@ TEST(MixerCommandBufferTest, OrdersAndCoalesces) {
 
 TEST(MixerPresentationTest, MeterSegments) {
     const std::pair<float, int> cases[] = {
-        {1.5f, 10}, {-1.f, 0}, {0.19f, 1}, {0.f, 0}, {1.f, 10}, {0.7f, 7}, {0.0999f, 0},
-        {std::numeric_limits<float>::quiet_NaN(), 0}, {std::numeric_limits<float>::infinity(), 0},
+        {1.5f, 10},
+        {-1.f, 0},
+        {0.19f, 1},
+        {0.f, 0},
+        {1.f, 10},
+        {0.7f, 7},
+        {0.0999f, 0},
+        {std::numeric_limits<float>::quiet_NaN(), 0},
+        {std::numeric_limits<float>::infinity(), 0},
     };
     for (const auto& [level, segments] : cases)
         EXPECT_EQ(MixerPresentation::meterSegments(level), segments) << level;
@@ -70,12 +79,9 @@ TEST(MixerWindowSizingTest, Rules) {
     };
     const Fitted fitted[] = {
         {0, {800, 1400}, false, {640, 460}}, // 0 rows count as 1
-        {1, {1400, 1400}, false, {960, 420}},
-        {10, {1400, 1400}, false, {960, 880}},
-        {10, {1400, 700}, false, {960, 700}},
-        {3, {1049, 1400}, false, {640, 660}},
-        {3, {1400, 1400}, true, {640, 660}},
-        {2, {300, 300}, true, {500, 420}},
+        {1, {1400, 1400}, false, {960, 420}}, {10, {1400, 1400}, false, {960, 880}},
+        {10, {1400, 700}, false, {960, 700}}, {3, {1049, 1400}, false, {640, 660}},
+        {3, {1400, 1400}, true, {640, 660}},  {2, {300, 300}, true, {500, 420}},
     };
     for (const auto& f : fitted)
         EXPECT_EQ(MixerWindowSizing::fittedRows(f.rows, f.available, f.compact), f.expected)
@@ -84,14 +90,13 @@ TEST(MixerWindowSizingTest, Rules) {
               MixerWindowSizing::fittedRows(1, {800, 1400}, false));
 
     const std::tuple<Size, Size, Size> constrained[] = {
-        {{300, 300}, {2000, 2000}, {500, 420}},
-        {{900, 800}, {2000, 2000}, {900, 800}},
-        {{1500, 1500}, {2000, 2000}, {1100, 1100}},
-        {{900, 800}, {700, 600}, {700, 600}},
+        {{300, 300}, {2000, 2000}, {500, 420}},     {{900, 800}, {2000, 2000}, {900, 800}},
+        {{1500, 1500}, {2000, 2000}, {1100, 1100}}, {{900, 800}, {700, 600}, {700, 600}},
         {{900, 800}, {100, 100}, {500, 420}},
     };
     for (const auto& [size, available, expected] : constrained)
-        EXPECT_EQ(MixerWindowSizing::constrained(size, available), expected) << size.width << "x" << size.height;
+        EXPECT_EQ(MixerWindowSizing::constrained(size, available), expected)
+            << size.width << "x" << size.height;
 }
 
 // A command that blocks until the test lets it go, so that submits can arrive while it runs.
@@ -144,7 +149,8 @@ TEST(MixerCommandDispatcherTest, SubmitsDuringARunningCommandJoinItsDrainAndCoal
     EXPECT_EQ(dispatcher.drainsStarted(), 1u);
     gate.open();
     ASSERT_TRUE(dispatcher.waitUntilIdle(10s));
-    EXPECT_EQ(ran, (std::vector<std::string>{"Music 10%", "Music 60%", "Music muted", "stage on", "Music 70%"}));
+    EXPECT_EQ(ran,
+              (std::vector<std::string>{"Music 10%", "Music 60%", "Music muted", "stage on", "Music 70%"}));
     EXPECT_EQ(dispatcher.drainsStarted(), 1u);
 
     // Idle again: the next submit starts a drain of its own.
@@ -170,7 +176,8 @@ TEST(MixerCommandDispatcherTest, ManyThreadsSubmittingWhileTheDrainRuns) {
             for (int i = 1; i <= perThread; ++i) {
                 // Every hundredth command of a thread is a barrier.
                 const bool barrier = i % 100 == 50;
-                dispatcher.submit(barrier ? std::nullopt : std::optional<std::string>("app" + std::to_string(t)),
+                dispatcher.submit(barrier ? std::nullopt
+                                          : std::optional<std::string>("app" + std::to_string(t)),
                                   [&, t, i] {
                                       if (running.fetch_add(1) != 0)
                                           overlapped = true;
