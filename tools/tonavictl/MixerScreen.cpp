@@ -366,9 +366,6 @@ void Session::choose(const TonaviStatus& status) {
         if (app != status.apps.end())
             chain.overdrive = kavore::OverdriveSettings(app->boost);
     }
-    view_.eqPresets[choiceApp_] = value == "off" ? std::string() : value;
-    if (value == "off")
-        view_.eqPresets.erase(choiceApp_);
     send(choiceApp_ + "/chain",
          {TonaviRequest::SetAppChain{choiceApp_, chainWithPreset(std::move(chain), value)}}, true);
 }
