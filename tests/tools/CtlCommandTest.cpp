@@ -48,6 +48,7 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
          "system-chain takes eq PRESET|off, bypass on|off or boost AMOUNT|off (0...1)"},
         {{"eq", "Music"}, "eq takes an application and a preset name, or 'off' (tonavictl help)"},
         {{"status", "--xml"}, "status takes only --json, not \"--xml\""},
+        {{"mixer", "--wide"}, "mixer takes only --once, not \"--wide\""},
         {{"ping", "now"}, "ping takes no arguments"},
         {{"send"}, "send takes one argument, the request JSON in quotes"},
         {{"output"}, "output takes one device (tonavictl help)"},

@@ -5,6 +5,9 @@
 //     Sets up 30 configured applications, then N clients poll `status` while one more client streams
 //     `setAppVolume` at 100 updates a second; afterwards it waits for the configuration to go quiet and
 //     counts the writes of "state.json" since the stream began (one is the target: the deferred save).
+//   tonavi-load mixer --seconds S [--socket PATH]
+//     Sets up 30 configured applications and opens `tonavictl mixer` in tmux: its CPU and request rate
+//     while idle, and the requests 50 key presses become (see MixerMeasurement.hpp).
 //   tonavi-load mix
 //     Starts its own service on a simulated machine and measures per-application mixing: first sound
 //     to live tap, stage mode against sequential releases, resident memory (see MixMeasurement.hpp).
@@ -15,6 +18,7 @@
 #include "core/wire/TonaviChannel.hpp"
 #include "tools/load/ConfigWriteWatcher.hpp"
 #include "tools/load/MixMeasurement.hpp"
+#include "tools/load/MixerMeasurement.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -40,6 +44,7 @@ constexpr double requestTimeoutSeconds = 10;
 
 int usage() {
     std::fprintf(stderr, "usage: tonavi-load ping|status --clients N --seconds S [--socket PATH]\n"
+                         "       tonavi-load mixer --seconds S [--socket PATH]\n"
                          "       tonavi-load mix\n");
     return 2;
 }
@@ -186,7 +191,7 @@ int main(int argc, char** argv) {
     const std::string mode = argv[1];
     if (mode == "mix" && argc == 2)
         return MixMeasurement(std::filesystem::absolute(argv[0]).parent_path().string()).run();
-    if (mode != "ping" && mode != "status")
+    if (mode != "ping" && mode != "status" && mode != "mixer")
         return usage();
     int clients = 1;
     double seconds = 5;
@@ -208,6 +213,8 @@ int main(int argc, char** argv) {
     if (clients < 1 || !(seconds > 0))
         return usage();
     try {
+        if (mode == "mixer")
+            return MixerMeasurement(std::filesystem::absolute(argv[0]).parent_path().string(), path, seconds).run();
         return mode == "ping" ? runPing(clients, seconds, path) : runStatus(clients, seconds, path);
     } catch (const std::exception& e) {
         std::fprintf(stderr, "tonavi-load: %s\n", e.what());

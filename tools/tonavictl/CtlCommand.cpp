@@ -59,6 +59,7 @@ const char* const ctlUsageText =
     "                             the system row's chain and its magic boost (AMOUNT 0...1)\n"
     "  apps [--json]              applications with audio processes, and seconds since their last sound\n"
     "  apps --installed [--json]  installed applications, and whether they can make sound\n"
+    "  mixer [--once]             the live mixer, full screen (? lists its keys); --once prints one frame\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
     "  sim <command> ...          drive the simulated machine (tonavictl sim help)\n"
@@ -112,6 +113,7 @@ constexpr VerbName verbNames[] = {
     {"listen", Verb::listen},
     {"system-chain", Verb::systemChain},
     {"apps", Verb::apps},
+    {"mixer", Verb::mixer},
 };
 
 constexpr const char* smartFeatures[] = {"follow-me", "guard", "duck", "mic-follow"};
@@ -449,6 +451,13 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
         }
         break;
     case Verb::smartSet:
+        break;
+    case Verb::mixer:
+        for (const auto& option : rest) {
+            if (option != "--once")
+                return fail("mixer takes only --once, not \"" + option + "\"");
+            c.once = true;
+        }
         break;
     case Verb::volume: {
         if (rest.size() != 2)
@@ -814,6 +823,7 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
     }
     case Verb::help:
     case Verb::send:
+    case Verb::mixer:
         break;
     default: {
         if (!status)

@@ -66,6 +66,7 @@ struct CtlCommand {
         systemChain,
         apps,
         installedApps,
+        mixer,
     };
 
     struct Parsed;
@@ -77,6 +78,7 @@ struct CtlCommand {
     double amount = 0;                // volume 0...1, boost multiplier 1...4
     bool on = false;                  // stage on|off
     bool json = false;                // status, smart and recent --json
+    bool once = false;                // mixer --once: one frame, then exit
     std::string text;                 // send: the request JSON; eq: the preset name, or "off";
                                       // lock: volume|mute|rate; group: the group's name;
                                       // smart: follow-me|guard|duck|mic-follow

@@ -11,6 +11,7 @@
 #include "core/wire/WireError.hpp"
 
 #include "tools/tonavictl/CtlCommand.hpp"
+#include "tools/tonavictl/MixerScreen.hpp"
 #include "tools/tonavictl/SimCommand.hpp"
 #include "tools/tonavictl/StatusTable.hpp"
 
@@ -219,6 +220,8 @@ int main(int argc, char** argv) {
         std::fputs(tonavi::ctlUsageText, stdout);
         return exitOK;
     }
+    if (parsed.command->verb == tonavi::CtlCommand::Verb::mixer)
+        return parsed.command->once ? tonavi::MixerScreen::printOnce() : tonavi::MixerScreen::run();
     try {
         return run(*parsed.command);
     } catch (const std::exception& e) {
