@@ -107,6 +107,7 @@ TEST(MixerTerminalTest, KeysSelectCoalesceMuteAndQuitCleanly) {
     } stopAtEnd{service};
     // Players are known once the service has looked at the machine, a status or two after it starts.
     ASSERT_TRUE(waitUntil([&] { return ctl(env, {"volume", "Music", "0.2"}).first == 0; }, 15s));
+    ASSERT_EQ(ctl(env, {"config", "save", "Quiet"}).first, 0);
     // Music's place in the list, as the mixer will draw it.
     const auto status = nlohmann::json::parse(ctl(env, {"status", "--json"}).second);
     std::size_t row = 0;
@@ -175,6 +176,19 @@ TEST(MixerTerminalTest, KeysSelectCoalesceMuteAndQuitCleanly) {
         },
         15s));
     EXPECT_GT(proxy.count("status"), 0u);
+
+    // c lists the saved scenes; Enter loads one: Music is back at 20 % and unmuted.
+    terminal.keys({"c"});
+    ASSERT_TRUE(terminal.waitForScreen([](const auto& s) { return s.find("Load a scene") != std::string::npos; }))
+        << terminal.screen();
+    terminal.keys({"Enter"});
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            auto m = savedMusic(home);
+            return m && (*m)["volume"] == 0.2 && (*m)["muted"] != true;
+        },
+        15s))
+        << savedMusic(home).value_or(nlohmann::json()).dump();
 
     // q gives the terminal back: the normal screen again, with the command line and what followed it.
     terminal.keys({"q"});

@@ -114,6 +114,7 @@ const char* const helpLines[] = {
     "e                 choose the EQ preset",
     "r                 reset: forget the application's settings",
     "S                 stage mode on or off",
+    "c                 load a saved scene",
     "Tab               applications or devices",
     "Enter, Esc        in a list: choose, or close it",
     "q, Ctrl-C         quit",

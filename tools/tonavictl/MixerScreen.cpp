@@ -262,7 +262,8 @@ class Session {
     }
 
     void changeVolume(const TonaviStatus& status, int percentStep);
-    void openChooser(const TonaviStatus& status, bool outputs);
+    enum class Choosing { output, preset, scene };
+    void openChooser(const TonaviStatus& status, Choosing what);
     void choose(const TonaviStatus& status);
 
     Shared shared_;
@@ -276,8 +277,8 @@ class Session {
     std::map<std::string, Held<bool>> appMutes_;
     std::map<std::string, Held<double>> deviceVolumes_;
     std::map<std::string, kavore::ChainSettings> chains_;
-    bool choosingOutput_ = false;
-    std::vector<std::string> choiceValues_; // device UIDs ("" for the system output) or preset names
+    Choosing choosing_ = Choosing::output;
+    std::vector<std::string> choiceValues_; // device UIDs ("" for the system output), presets or scenes
     std::string choiceApp_;
     MixerCommandDispatcher dispatcher_;
     DispatchQueue pollQueue_{"tonavi.mixer-status"};
@@ -310,17 +311,34 @@ void Session::changeVolume(const TonaviStatus& status, int percentStep) {
     }
 }
 
-void Session::openChooser(const TonaviStatus& status, bool outputs) {
+void Session::openChooser(const TonaviStatus& status, Choosing what) {
+    choosing_ = what;
+    view_.choices.clear();
+    choiceValues_.clear();
+    view_.choice = 0;
+    if (what == Choosing::scene) {
+        // Asked when the list opens: scenes change only when someone saves or deletes one.
+        std::vector<std::string> names;
+        try {
+            const TonaviReply reply = TonaviChannel::send({TonaviRequest::ListConfigs{}}, requestTimeoutSeconds);
+            if (reply.ok && reply.payload)
+                names = TonaviPayload::decodeNames(*reply.payload);
+        } catch (const std::exception&) {
+            return; // the status poll says when the service is gone
+        }
+        view_.chooserTitle = names.empty() ? "No saved scenes  (tonavictl config save NAME; Esc close)"
+                                           : "Load a scene  (Enter load, Esc close)";
+        view_.choices = names;
+        choiceValues_ = std::move(names);
+        view_.overlay = MixerFrame::Overlay::chooser;
+        return;
+    }
     choiceApp_ = rowID(status, view_.selected);
     if (choiceApp_.empty())
         return;
     const auto& app = *std::find_if(status.apps.begin(), status.apps.end(),
                                     [&](const auto& a) { return a.id == choiceApp_; });
-    choosingOutput_ = outputs;
-    view_.choices.clear();
-    choiceValues_.clear();
-    view_.choice = 0;
-    if (outputs) {
+    if (what == Choosing::output) {
         view_.chooserTitle = "Output for " + app.displayName + "  (Enter choose, Esc close)";
         view_.choices.push_back("The system output");
         choiceValues_.push_back("");
@@ -352,7 +370,11 @@ void Session::choose(const TonaviStatus& status) {
     if (view_.choice >= choiceValues_.size())
         return;
     const std::string& value = choiceValues_[view_.choice];
-    if (choosingOutput_) {
+    if (choosing_ == Choosing::scene) {
+        send("scene", {TonaviRequest::LoadConfig{value}}, true);
+        return;
+    }
+    if (choosing_ == Choosing::output) {
         send(choiceApp_ + "/output", {TonaviRequest::SetAppRedirect{choiceApp_, value}});
         return;
     }
@@ -467,7 +489,10 @@ bool Session::handle(int key) {
     case 'o':
     case 'e':
         if (apps)
-            openChooser(*status, key == 'o');
+            openChooser(*status, key == 'o' ? Choosing::output : Choosing::preset);
+        break;
+    case 'c':
+        openChooser(*status, Choosing::scene);
         break;
     default:
         break;

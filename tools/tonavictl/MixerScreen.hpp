@@ -2,7 +2,7 @@
 // `tonavictl mixer`: the live mixer in a terminal, on ncurses. It polls `status` a few times a second,
 // draws MixerFrame's lines, and sends every change through a MixerCommandDispatcher keyed by application
 // (or device) and control, so that a held key sends a handful of requests and the last position always
-// arrives. Saved scenes are not offered: the service has no requests for them yet.
+// arrives. `c` loads a saved scene.
 
 namespace tonavi {
 
