@@ -7,6 +7,7 @@
 #include "core/engine/TonaviTapSafety.hpp"
 #include "core/lists/AppListPolicy.hpp"
 #include "core/wire/TonaviPayload.hpp"
+#include "service/PayloadReply.hpp"
 
 #include <cassert>
 
@@ -32,13 +33,7 @@ TonaviReply TonaviRuntime::installedAppsReply(std::vector<InstalledApp> apps) co
     for (auto& app : apps)
         if (std::find(heard.begin(), heard.end(), app.id) != heard.end())
             app.audioCapable = true;
-    try {
-        TonaviReply reply = TonaviReply::success();
-        reply.payload = TonaviPayload::encode(apps);
-        return reply;
-    } catch (const std::exception& e) {
-        return TonaviReply::failure(e.what());
-    }
+    return payloadReply(apps);
 }
 
 TonaviReply TonaviRuntime::runningAudioAppsReply() const {
@@ -49,13 +44,7 @@ TonaviReply TonaviRuntime::runningAudioAppsReply() const {
             app.secondsSinceAudio = *seconds;
         apps.push_back(std::move(app));
     }
-    try {
-        TonaviReply reply = TonaviReply::success();
-        reply.payload = TonaviPayload::encode(apps);
-        return reply;
-    } catch (const std::exception& e) {
-        return TonaviReply::failure(e.what());
-    }
+    return payloadReply(apps);
 }
 
 void TonaviRuntime::rememberAudibleInstalledApps() {

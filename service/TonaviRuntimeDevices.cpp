@@ -13,6 +13,7 @@
 #include "core/outputs/OutputGroupValidationError.hpp"
 #include "core/outputs/VerifiedOutputSwitch.hpp"
 #include "core/wire/TonaviPayload.hpp"
+#include "service/PayloadReply.hpp"
 
 #include <algorithm>
 #include <cassert>
@@ -510,13 +511,7 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
                     std::erase_if(list, [](const DeviceLiveStatus& d) {
                         return d.transport != DeviceLiveStatus::Transport::bluetooth;
                     });
-                try {
-                    TonaviReply reply = TonaviReply::success();
-                    reply.payload = TonaviPayload::encode(list);
-                    return reply;
-                } catch (const std::exception& e) {
-                    return TonaviReply::failure(e.what());
-                }
+                return payloadReply(list);
             } else if constexpr (std::is_same_v<T, R::SetOutputDevice>) {
                 return setOutputDeviceLocked(c.uid);
             } else if constexpr (std::is_same_v<T, R::SetOutputDeviceOrdered>) {

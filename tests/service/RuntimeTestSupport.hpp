@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -141,5 +142,23 @@ class RuntimeHarness {
     AppDirectory::Source installedApplications = [] { return std::vector<DesktopEntry>{}; };
     std::unique_ptr<TonaviRuntime> runtime; // last, so that it goes first
 };
+
+// A reply that arrives later, on the runtime's queue.
+using Late = std::shared_future<TonaviReply>;
+inline Late sendLate(RuntimeHarness& h, TonaviRequest::Value value) {
+    auto reply = std::make_shared<std::promise<TonaviReply>>();
+    h.runtime->handleAsync(TonaviRequest{std::move(value)},
+                           [reply](TonaviReply r) { reply->set_value(std::move(r)); });
+    return reply->get_future().share();
+}
+inline bool arrived(const Late& reply) {
+    return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+// The reply, with the harness's clock advanced until it arrives.
+inline TonaviReply sendAndWait(RuntimeHarness& h, TonaviRequest::Value value) {
+    const Late reply = sendLate(h, std::move(value));
+    EXPECT_TRUE(h.advanceUntil([&] { return arrived(reply); }));
+    return arrived(reply) ? reply.get() : TonaviReply{};
+}
 
 } // namespace tonavi::testing

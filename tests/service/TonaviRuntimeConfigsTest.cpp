@@ -11,19 +11,6 @@ namespace {
 
 using R = TonaviRequest;
 
-using Late = std::shared_future<TonaviReply>;
-Late sendLate(RuntimeHarness& h, R::Value value) {
-    auto reply = std::make_shared<std::promise<TonaviReply>>();
-    h.runtime->handleAsync(TonaviRequest{std::move(value)},
-                           [reply](TonaviReply r) { reply->set_value(std::move(r)); });
-    return reply->get_future().share();
-}
-TonaviReply sendAndWait(RuntimeHarness& h, R::Value value) {
-    const Late reply = sendLate(h, std::move(value));
-    auto arrived = [&] { return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready; };
-    EXPECT_TRUE(h.advanceUntil(arrived));
-    return arrived() ? reply.get() : TonaviReply{};
-}
 
 TonaviConfig live(RuntimeHarness& h) {
     return h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().config(); });

@@ -12,23 +12,6 @@ namespace {
 
 using R = TonaviRequest;
 
-// A reply that arrives later, on the runtime's queue.
-using Late = std::shared_future<TonaviReply>;
-Late sendLate(RuntimeHarness& h, R::Value value) {
-    auto reply = std::make_shared<std::promise<TonaviReply>>();
-    h.runtime->handleAsync(TonaviRequest{std::move(value)},
-                           [reply](TonaviReply r) { reply->set_value(std::move(r)); });
-    return reply->get_future().share();
-}
-bool arrived(const Late& reply) {
-    return reply.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-}
-
-TonaviReply sendAndWait(RuntimeHarness& h, R::Value value) {
-    const Late reply = sendLate(h, std::move(value));
-    EXPECT_TRUE(h.advanceUntil([&] { return arrived(reply); }));
-    return arrived(reply) ? reply.get() : TonaviReply{};
-}
 
 TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     RuntimeHarness h;
