@@ -90,6 +90,7 @@ stage() { # $1: taps expected live first
     start=$(date +%s%N)
     "$bin/tonavictl" stage on >/dev/null
     echo "  $(( ($(date +%s%N) - start) / 1000000 )) ms for stage on to release $live taps (tonavictl included); $(pgrep -c -P "$service" -f -- --tonavi-tap-worker || true) left"
+    pgrep -a -P "$service" -f -- --tonavi-tap-worker | sed 's/^/    still running: /' || true
     "$bin/tonavictl" stage off >/dev/null
 }
 stage 24
