@@ -124,11 +124,12 @@ void PipeWireWorkspace::activeWindowChanged(std::optional<pid_t> pid) {
     std::vector<Observer> due;
     {
         std::lock_guard guard(mutex_);
-        if (app == front_)
+        // Nothing in front (a window manager clears the active window between two focus changes,
+        // a display goes away) is no activation, and the application before it stays the last one
+        // announced, so that its return is not announced twice.
+        if (!app || app->bundleIdentifier.empty() || app == front_)
             return;
         front_ = app;
-        if (!app || app->bundleIdentifier.empty())
-            return; // nothing in front is no activation
         for (const auto& [token, o] : observers_)
             if (o.kind == Kind::activation)
                 due.push_back(o);

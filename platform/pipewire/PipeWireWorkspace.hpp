@@ -70,7 +70,7 @@ class PipeWireWorkspace : public Workspace {
     std::mutex mutex_; // leaf: the observers and the last frontmost application
     std::map<ObserverToken, Observer> observers_;
     ObserverToken nextToken_ = 1;
-    std::optional<RunningApplication> front_; // as last announced
+    std::optional<RunningApplication> front_; // the last application announced
 
     std::once_flag focusOnce_, sleepOnce_;
     std::unique_ptr<X11FocusSource> focus_;
