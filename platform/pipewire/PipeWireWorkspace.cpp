@@ -1,6 +1,7 @@
 #include "platform/pipewire/PipeWireWorkspace.hpp"
 
 #include <climits>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <unistd.h>
@@ -147,6 +148,17 @@ std::optional<std::vector<WindowInfo>> PipeWireWorkspace::onScreenWindows() {
     return focus().windows();
 }
 
+std::optional<std::string> PipeWireWorkspace::frontmostUnavailableReason() {
+    if (focus().connected())
+        return std::nullopt;
+    const char* display = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    if (!display || !*display)
+        return wayland && *wayland ? "a Wayland session without X11 windows offers no focus source"
+                                   : "no X display (DISPLAY is unset)";
+    return std::string("the X display ") + display + " does not answer";
+}
+
 pid_t PipeWireWorkspace::responsiblePID(pid_t pid) {
     const std::string program = programOf(pid);
     if (pid <= 0 || parentOf(pid) < 0)
@@ -186,7 +198,20 @@ void PipeWireWorkspace::sleepChanged(bool sleeping) {
 Workspace::ObserverToken
 PipeWireWorkspace::addActivationObserver(DispatchQueue& queue,
                                          std::function<void(const RunningApplication&)> handler) {
-    const auto token = add({Kind::activation, &queue, std::move(handler), {}});
+    // The display's first answer can land between a caller's frontmostApplication() and this
+    // registration; an application already announced is delivered to the new observer once, so
+    // that it is not lost until the next focus change.
+    Observer observer{Kind::activation, &queue, std::move(handler), {}};
+    std::optional<RunningApplication> known;
+    ObserverToken token = 0;
+    {
+        std::lock_guard guard(mutex_);
+        known = front_;
+        token = nextToken_++;
+        observers_[token] = observer;
+    }
+    if (known)
+        queue.async([handler = observer.activated, app = *known] { handler(app); });
     focus();
     return token;
 }

@@ -35,9 +35,11 @@ class PipeWireWorkspace : public Workspace {
     std::optional<RunningApplication> runningApplication(pid_t pid) override;
     std::optional<RunningApplication> frontmostApplication() override;
     std::optional<std::vector<WindowInfo>> onScreenWindows() override;
+    std::optional<std::string> frontmostUnavailableReason() override;
     // The furthest ancestor running the same program (a browser's helpers answer to the browser);
     // the pid itself when its parent runs something else; -1 when there is no such process.
     pid_t responsiblePID(pid_t pid) override;
+    // An application already in front when the observer is added is delivered to it once.
     ObserverToken addActivationObserver(DispatchQueue& queue,
                                         std::function<void(const RunningApplication&)> handler) override;
     ObserverToken addWillSleepObserver(std::function<void()> handler) override;
