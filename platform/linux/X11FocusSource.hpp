@@ -19,28 +19,27 @@
 #include <thread>
 #include <vector>
 
-#include "platform/Workspace.hpp"
+#include "platform/linux/FocusSource.hpp"
 
 namespace tonavi {
 
-class X11FocusSource {
+class X11FocusSource : public FocusSource {
   public:
-    // Called on the source's thread with the pid owning the active window, nullopt when there is none
-    // (no active window, a window without `_NET_WM_PID`, a window of another host, no display).
-    using ActiveChanged = std::function<void(std::optional<pid_t>)>;
+    // onChange: nullopt when there is no active window, a window without `_NET_WM_PID`, a window of
+    // another host, or no display.
 
     // `display` is the X display name ("" takes $DISPLAY). Starts the thread unless no display is
     // named at all, which is logged once.
     X11FocusSource(std::string display, ActiveChanged onChange);
-    ~X11FocusSource(); // stops and joins the thread; no callback runs after it returns
+    ~X11FocusSource() override; // stops and joins the thread; no callback runs after it returns
     X11FocusSource(const X11FocusSource&) = delete;
     X11FocusSource& operator=(const X11FocusSource&) = delete;
 
     // Whether a connection with an EWMH window manager is up now.
-    bool connected() const;
-    std::optional<pid_t> activePID() const;
-    // Mapped client windows, front to back, with their owners' pids; nullopt without a connection.
-    std::optional<std::vector<WindowInfo>> windows() const;
+    bool connected() const override;
+    std::optional<pid_t> activePID() const override;
+    // nullopt without a connection, or without the window manager's stacking list.
+    std::optional<std::vector<WindowInfo>> windows() const override;
 
   private:
     struct Connection;

@@ -9,6 +9,7 @@
 #include "base/Dispatch.hpp"
 #include "platform/DesktopEntryCache.hpp"
 #include "platform/linux/LogindSleepSource.hpp"
+#include "platform/linux/SwayFocusSource.hpp"
 #include "platform/linux/X11FocusSource.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 
@@ -111,10 +112,17 @@ std::optional<RunningApplication> PipeWireWorkspace::applicationOwning(pid_t pid
     return app;
 }
 
-X11FocusSource& PipeWireWorkspace::focus() {
+FocusSource& PipeWireWorkspace::focus() {
     std::call_once(focusOnce_, [this] {
-        focus_ = std::make_unique<X11FocusSource>(
-            std::string(), [this](std::optional<pid_t> pid) { activeWindowChanged(pid); });
+        auto changed = [this](std::optional<pid_t> pid) { activeWindowChanged(pid); };
+        // sway and i3 know every window, XWayland's and native ones, so their socket comes first.
+        for (const char* variable : {"SWAYSOCK", "I3SOCK"})
+            if (const char* socket = std::getenv(variable); socket && *socket && focusSocket_.empty())
+                focusSocket_ = socket;
+        if (!focusSocket_.empty())
+            focus_ = std::make_unique<SwayFocusSource>(focusSocket_, changed);
+        else
+            focus_ = std::make_unique<X11FocusSource>(std::string(), changed);
     });
     return *focus_;
 }
@@ -151,10 +159,12 @@ std::optional<std::vector<WindowInfo>> PipeWireWorkspace::onScreenWindows() {
 std::optional<std::string> PipeWireWorkspace::frontmostUnavailableReason() {
     if (focus().connected())
         return std::nullopt;
+    if (!focusSocket_.empty())
+        return "the compositor's IPC socket " + focusSocket_ + " does not answer";
     const char* display = std::getenv("DISPLAY");
     const char* wayland = std::getenv("WAYLAND_DISPLAY");
     if (!display || !*display)
-        return wayland && *wayland ? "a Wayland session without X11 windows offers no focus source"
+        return wayland && *wayland ? "this Wayland session offers no focus source (no sway or i3 IPC socket, no X display)"
                                    : "no X display (DISPLAY is unset)";
     return std::string("the X display ") + display + " does not answer";
 }

@@ -4,9 +4,10 @@
 // visible desktop entry under its identifier is regular, as a Dock application is on macOS; one
 // whose entry is hidden, or that has none (a helper, a daemon, a script), is an accessory.
 //
-// The application in front comes from the X display (X11FocusSource): the process owning the active
+// The application in front comes from sway's or i3's IPC socket when the session names one ($SWAYSOCK,
+// $I3SOCK: SwayFocusSource), else from the X display (X11FocusSource): the process owning the focused
 // window, answered for by its responsible process, is the frontmost application, and a change of it is
-// an activation event; the window list is the window manager's stacking list. Sleep and wake come
+// an activation event; the window list is the X window manager's stacking list. Sleep and wake come
 // from logind (LogindSleepSource). Both sources start at first use, not at construction, so a tap
 // worker, which makes a workspace too but never asks, opens no display and no bus. Without a display
 // there is no frontmost application and no window list, as on a session without a focus source;
@@ -22,7 +23,7 @@
 namespace tonavi {
 
 class PipeWireConnection;
-class X11FocusSource;
+class FocusSource;
 class LogindSleepSource;
 
 class PipeWireWorkspace : public Workspace {
@@ -63,7 +64,7 @@ class PipeWireWorkspace : public Workspace {
         std::function<void()> handler;
     };
     ObserverToken add(Observer observer);
-    X11FocusSource& focus();
+    FocusSource& focus();
     void ensureSleepSource();
     void activeWindowChanged(std::optional<pid_t> pid);
     void sleepChanged(bool sleeping);
@@ -75,7 +76,8 @@ class PipeWireWorkspace : public Workspace {
     std::optional<RunningApplication> front_; // the last application announced
 
     std::once_flag focusOnce_, sleepOnce_;
-    std::unique_ptr<X11FocusSource> focus_;
+    std::unique_ptr<FocusSource> focus_;
+    std::string focusSocket_; // the compositor's IPC socket when that is the source, else empty (X11)
     std::unique_ptr<LogindSleepSource> sleep_;
 };
 

@@ -5,13 +5,17 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <systemd/sd-bus.h>
 
 #include "base/Dispatch.hpp"
 #include "platform/linux/LogindSleepSource.hpp"
+#include "platform/linux/SwayFocusSource.hpp"
 #include "platform/linux/X11FocusSource.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 #include "platform/pipewire/PipeWireWorkspace.hpp"
@@ -254,4 +258,123 @@ TEST(LogindSleepSource, WithoutASystemBusNothingIsObservedAndItStopsAtOnce) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
     ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+}
+
+// sway and i3: the IPC socket's framing and events, against a compositor of ours speaking the
+// protocol on a socket in a temporary folder (sway itself needs a GPU or a headless backend that the
+// test machines do not have).
+namespace {
+
+struct FakeCompositor {
+    std::string path = "/tmp/tonavi-sway-" + std::to_string(::getpid()) + ".sock";
+    int listener = -1;
+    FakeCompositor() {
+        ::unlink(path.c_str());
+        listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+        EXPECT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(::listen(listener, 4), 0);
+    }
+    ~FakeCompositor() {
+        ::close(listener);
+        ::unlink(path.c_str());
+    }
+    static void send(int fd, std::uint32_t type, const std::string& payload) {
+        std::string frame = "i3-ipc";
+        const auto length = static_cast<std::uint32_t>(payload.size());
+        frame.append(reinterpret_cast<const char*>(&length), 4).append(reinterpret_cast<const char*>(&type), 4);
+        frame += payload;
+        ASSERT_EQ(::write(fd, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+    }
+    // The type of the next request, after its payload has been read.
+    static std::uint32_t request(int fd) {
+        char header[14] = {};
+        std::size_t got = 0;
+        for (ssize_t n; got < sizeof header && (n = ::read(fd, header + got, sizeof header - got)) > 0;)
+            got += static_cast<std::size_t>(n);
+        std::uint32_t length = 0, type = 0;
+        std::memcpy(&length, header + 6, 4);
+        std::memcpy(&type, header + 10, 4);
+        std::string payload(length, '\0');
+        for (std::size_t read = 0; read < length;)
+            read += static_cast<std::size_t>(std::max<ssize_t>(::read(fd, payload.data() + read, length - read), 1));
+        return type;
+    }
+    // Accepts the source and answers its tree request and subscription.
+    int accept(const std::string& tree) {
+        const int fd = ::accept(listener, nullptr, nullptr);
+        EXPECT_EQ(request(fd), 4u);
+        send(fd, 4, tree);
+        EXPECT_EQ(request(fd), 2u);
+        send(fd, 2, R"({"success":true})");
+        return fd;
+    }
+};
+
+std::string treeFocusing(int pid) {
+    return R"({"type":"root","nodes":[{"type":"output","nodes":[{"type":"workspace","nodes":[)"
+           R"({"type":"con","focused":false,"pid":1},{"type":"con","focused":true,"pid":)" +
+           std::to_string(pid) + R"(}],"floating_nodes":[]}]}]})";
+}
+
+} // namespace
+
+TEST(SwayFocusSource, TheFocusedPIDOfATreeIsFoundWhereverItIs) {
+    EXPECT_EQ(SwayFocusSource::focusedPIDInTree(treeFocusing(4242)), 4242);
+    EXPECT_EQ(SwayFocusSource::focusedPIDInTree(
+                  R"({"nodes":[{"nodes":[],"floating_nodes":[{"focused":true,"pid":77}]}]})"),
+              77);
+    EXPECT_EQ(SwayFocusSource::focusedPIDInTree(R"({"nodes":[{"focused":false,"pid":5}]})"), std::nullopt);
+    EXPECT_EQ(SwayFocusSource::focusedPIDInTree(R"({"focused":true})"), std::nullopt) << "a workspace has no pid";
+    EXPECT_EQ(SwayFocusSource::focusedPIDInTree(R"({"focused":true,"pid":"12"})"), std::nullopt);
+    EXPECT_EQ(SwayFocusSource::focusedPIDInTree("{\"nodes\":[{\"focu"), std::nullopt);
+}
+
+TEST(SwayFocusSource, FocusEventsAreFollowedAndALostSocketIsReconnected) {
+    FakeCompositor compositor;
+    Announcements announced;
+    SwayFocusSource source(compositor.path, [&](std::optional<pid_t> pid) { announced.add(pid); });
+    int fd = compositor.accept(treeFocusing(111));
+    ASSERT_TRUE(eventually([&] { return source.connected() && announced.last() == 111; }));
+    EXPECT_EQ(source.windows(), std::nullopt);
+
+    const std::uint32_t window = 0x80000003u;
+    FakeCompositor::send(fd, window, R"({"change":"focus","container":{"pid":222}})");
+    FakeCompositor::send(fd, window, R"({"change":"focus","contai)");              // damaged: skipped
+    FakeCompositor::send(fd, window, R"({"change":7,"container":{"pid":9}})");      // not a change name
+    FakeCompositor::send(fd, window, R"({"change":"title","container":{"pid":9}})"); // not a focus change
+    FakeCompositor::send(fd, window, R"({"change":"focus","container":{"pid":333}})");
+    ASSERT_TRUE(eventually([&] { return announced.last() == 333; }));
+    {
+        std::lock_guard guard(announced.mutex);
+        EXPECT_EQ(announced.seen, (std::vector<std::optional<pid_t>>{111, 222, 333}));
+    }
+
+    ::close(fd); // the compositor restarts
+    ASSERT_TRUE(eventually([&] { return !source.connected(); }));
+    EXPECT_EQ(source.activePID(), std::nullopt);
+    fd = compositor.accept(treeFocusing(444));
+    ASSERT_TRUE(eventually([&] { return source.connected() && announced.last() == 444; }));
+    ::close(fd);
+}
+
+TEST(SwayFocusSource, TheWorkspaceTakesTheCompositorsSocketBeforeTheXDisplay) {
+    FakeCompositor compositor;
+    ::setenv("SWAYSOCK", compositor.path.c_str(), 1);
+    ::setenv("DISPLAY", ":987", 1); // a display nobody serves: the socket must win all the same
+    PipeWireWorkspace workspace(std::make_shared<PipeWireConnection>());
+    DispatchQueue queue("tonavi.test.activations");
+    std::atomic<pid_t> activated{0};
+    workspace.addActivationObserver(queue, [&](const RunningApplication& app) { activated = app.processIdentifier; });
+    const int fd = compositor.accept(treeFocusing(::getpid())); // this test's process is in front
+    EXPECT_TRUE(eventually([&] { return activated.load() == ::getpid(); }));
+    EXPECT_TRUE(eventually([&] { return !workspace.frontmostUnavailableReason(); }));
+    ::close(fd);
+    EXPECT_TRUE(eventually([&] {
+        return workspace.frontmostUnavailableReason().value_or("").find("IPC socket") != std::string::npos;
+    }));
+    ::unsetenv("SWAYSOCK");
+    ::unsetenv("DISPLAY");
 }
