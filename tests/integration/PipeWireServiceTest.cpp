@@ -352,6 +352,7 @@ class PipeWireDesktopTest : public PipeWireServiceTest {
     void TearDown() override {
         PipeWireServiceTest::TearDown();
         x.stop();
+        test::stopProcess(bus); // on every path, a failed assertion's too
         ::unsetenv("DISPLAY");
         ::unsetenv("TONAVI_TONE_WINDOW");
         ::unsetenv("TONAVI_TONE_ROLE");
@@ -378,6 +379,7 @@ class PipeWireDesktopTest : public PipeWireServiceTest {
         return Clock::now();
     }
     test::XSession x;
+    pid_t bus = -1;
 };
 
 TEST_F(PipeWireDesktopTest, FollowMeLowersTheApplicationBehindTheWindowInFront) {
@@ -426,8 +428,8 @@ TEST_F(PipeWireDesktopTest, FollowMeLowersTheApplicationBehindTheWindowInFront) 
 
 TEST_F(PipeWireDesktopTest, LogindsWakeRebuildsTheTapsAndEventSoundsAreAlerts) {
     int out = -1;
-    const pid_t daemon = test::spawnProcess({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, &out);
-    const std::string address = daemon > 0 ? test::readLine(out) : std::string();
+    bus = test::spawnProcess({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, &out);
+    const std::string address = bus > 0 ? test::readLine(out) : std::string();
     if (out >= 0)
         ::close(out);
     ASSERT_FALSE(address.empty()) << "the private bus did not start";
@@ -492,5 +494,4 @@ TEST_F(PipeWireDesktopTest, LogindsWakeRebuildsTheTapsAndEventSoundsAreAlerts) {
     EXPECT_NE(smart.find("no application in front on this session: no X display (DISPLAY is unset)"),
               std::string::npos)
         << smart;
-    test::stopProcess(daemon);
 }

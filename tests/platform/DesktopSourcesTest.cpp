@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <utility>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <systemd/sd-bus.h>
@@ -203,7 +204,10 @@ TEST(LogindSleepSource, PrepareForSleepFromLogindDrivesSleepAndWakeAndForgeriesD
     if (!test::programExists("dbus-daemon"))
         GTEST_SKIP() << "dbus-daemon is not installed";
     int out = -1;
-    const pid_t daemon = test::spawnProcess({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, &out);
+    struct Daemon { // stopped on every path, a failed assertion's too
+        pid_t pid;
+        ~Daemon() { test::stopProcess(pid); }
+    } daemon{test::spawnProcess({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, &out)};
     const std::string address = test::readLine(out);
     ::close(out);
     ASSERT_FALSE(address.empty());
@@ -244,7 +248,7 @@ TEST(LogindSleepSource, PrepareForSleepFromLogindDrivesSleepAndWakeAndForgeriesD
     sd_bus_flush_close_unref(logind);
 
     // The bus going away is survived; the source stops at once all the same.
-    test::stopProcess(daemon);
+    test::stopProcess(std::exchange(daemon.pid, -1));
     ASSERT_TRUE(eventually([&] { return !source.listening(); }));
     ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
 }
