@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "platform/RunningApplication.hpp"
@@ -30,6 +31,10 @@ class Workspace {
     virtual std::vector<RunningApplication> runningApplications(const std::string& bundleIdentifier) = 0;
     virtual std::optional<RunningApplication> runningApplication(pid_t pid) = 0;
     virtual std::optional<RunningApplication> frontmostApplication() = 0;
+
+    // Why no application in front can be known on this session (no display, a compositor that offers
+    // no focus source); nullopt while a focus source answers.
+    virtual std::optional<std::string> frontmostUnavailableReason() { return std::nullopt; }
 
     // On-screen windows excluding desktop elements, front to back; nullopt when the list cannot be had.
     virtual std::optional<std::vector<WindowInfo>> onScreenWindows() = 0;

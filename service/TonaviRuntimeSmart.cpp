@@ -198,7 +198,11 @@ SmartLiveStatus TonaviRuntime::smartLiveStatus(const TonaviConfig& config,
                 return app.displayName;
         return displayName(id);
     };
-    return SmartTickPolicy::liveStatus(smartState_, config.smart, facts);
+    SmartLiveStatus live = SmartTickPolicy::liveStatus(smartState_, config.smart, facts);
+    // Said plainly rather than left as a silent "no hero": a session without a focus source.
+    if (config.smart.followMe)
+        live.followMeNoFront = workspace_->frontmostUnavailableReason();
+    return live;
 }
 
 // MARK: Audio onsets

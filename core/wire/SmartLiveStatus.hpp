@@ -18,6 +18,8 @@ struct SmartLiveStatus {
     std::vector<std::string> autoDuckMicNames;
     std::int64_t autoDuckCount = 0;
     std::optional<std::string> micFollowName;
+    // While follow-me is on: why this session can tell no application in front (no focus source).
+    std::optional<std::string> followMeNoFront;
 
     bool operator==(const SmartLiveStatus&) const = default;
 };

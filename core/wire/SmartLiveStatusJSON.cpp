@@ -7,6 +7,7 @@ TONAVI_WIRE_RECORD(SmartLiveStatus, f("followMeHeroID", r.followMeHeroID);
                    f("followMeHeroName", r.followMeHeroName); f("loudnessGuardActive", r.loudnessGuardActive);
                    f("loudnessGuardOutputName", r.loudnessGuardOutputName);
                    f("autoDuckActive", r.autoDuckActive); f("autoDuckMicNames", r.autoDuckMicNames);
-                   f("autoDuckCount", r.autoDuckCount); f("micFollowName", r.micFollowName);)
+                   f("autoDuckCount", r.autoDuckCount); f("micFollowName", r.micFollowName);
+                   f("followMeNoFront", r.followMeNoFront);)
 
 } // namespace tonavi

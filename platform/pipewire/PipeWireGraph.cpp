@@ -151,10 +151,33 @@ std::string lookup(const PipeWireGraph::Properties& p, const char* key) {
 }
 } // namespace
 
+bool PipeWireGraph::isEventSound(const Node& stream) {
+    std::string role = stream.prop("media.role");
+    for (auto& c : role)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return role == "event" || role == "notification";
+}
+
+bool PipeWireGraph::playsOnlyEventSounds(pid_t pid) const {
+    bool any = false;
+    for (const auto& [id, n] : nodes) {
+        if (n.pid != pid || n.mediaClass() != "Stream/Output/Audio")
+            continue;
+        if (!isEventSound(n))
+            return false;
+        any = true;
+    }
+    return any;
+}
+
 std::string PipeWireGraph::bundleIdentifierOf(pid_t pid) const {
     const Client* client = mainClientOf(*this, pid);
     if (!client)
         return {};
+    // A process that plays nothing but event sounds is the desktop's alert player for the trail; an
+    // application that plays music too keeps its own name, and its event sounds count as its own.
+    if (playsOnlyEventSounds(pid))
+        return std::string(alertBundleID);
     std::string id = lookup(client->props, "application.id");
     if (id.empty())
         id = lookup(client->props, "pipewire.access.portal.app_id");

@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -75,8 +76,19 @@ struct PipeWireGraph {
     // The desktop entry (file name without ".desktop") whose Exec runs `binary`, searched once per
     // binary in $XDG_DATA_HOME and $XDG_DATA_DIRS "applications" folders and remembered; empty when none.
     // The bundle identifier of a process: application.id, else the Flatpak app id, else the desktop
-    // entry that runs its binary, else the binary's name. Empty when no client has that pid.
+    // entry that runs its binary, else the binary's name. Empty when no client has that pid. A
+    // process whose output streams are all desktop event sounds answers `alertBundleID` instead.
     std::string bundleIdentifierOf(pid_t pid) const;
+
+    // The identifier under which the service's trail takes a sound as the system's alert: the
+    // player of alert sounds on a Mac. On Linux the players of event sounds (libcanberra's
+    // canberra-gtk-play, a shell's sound theme) take that part.
+    static constexpr std::string_view alertBundleID = "systemsoundserverd";
+    // Whether a stream is a desktop event sound: media.role "Event", or "Notification", which is
+    // what pipewire-pulse makes of PulseAudio's "event" role that libcanberra sets (any case).
+    static bool isEventSound(const Node& stream);
+    // The process has output streams, and every one of them is an event sound.
+    bool playsOnlyEventSounds(pid_t pid) const;
     std::string applicationNameOf(pid_t pid) const;
 
     static std::string desktopEntryOf(const std::string& binary);

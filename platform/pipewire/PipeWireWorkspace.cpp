@@ -1,11 +1,16 @@
 #include "platform/pipewire/PipeWireWorkspace.hpp"
 
 #include <climits>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <unistd.h>
 
+#include "base/Dispatch.hpp"
 #include "platform/DesktopEntryCache.hpp"
+#include "platform/linux/LogindSleepSource.hpp"
+#include "platform/linux/SwayFocusSource.hpp"
+#include "platform/linux/X11FocusSource.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 
 namespace tonavi {
@@ -37,6 +42,12 @@ std::string programOf(pid_t pid) {
 
 PipeWireWorkspace::PipeWireWorkspace(std::shared_ptr<PipeWireConnection> connection)
     : connection_(std::move(connection)) {}
+
+PipeWireWorkspace::~PipeWireWorkspace() {
+    // The sources call back into this object from their threads; they stop before it goes.
+    sleep_.reset();
+    focus_.reset();
+}
 
 ActivationPolicy PipeWireWorkspace::activationPolicyOf(const std::string& bundleIdentifier) {
     const auto entry = DesktopEntryCache::shared().find(bundleIdentifier);
@@ -74,12 +85,88 @@ std::optional<RunningApplication> PipeWireWorkspace::runningApplication(pid_t pi
     return std::nullopt;
 }
 
+std::optional<RunningApplication> PipeWireWorkspace::applicationOwning(pid_t pid) {
+    const pid_t responsible = responsiblePID(pid);
+    if (responsible < 0)
+        return std::nullopt;
+    auto apps = runningApplications();
+    for (auto& app : apps)
+        if (app.processIdentifier == pid || app.processIdentifier == responsible)
+            return std::move(app);
+    for (auto& app : apps)
+        if (responsiblePID(app.processIdentifier) == responsible)
+            return std::move(app);
+    // Silent: named as the graph names a client without an application.id.
+    std::string program = programOf(responsible);
+    program = program.substr(program.rfind('/') + 1);
+    if (program.empty())
+        return std::nullopt;
+    RunningApplication app;
+    app.processIdentifier = responsible;
+    app.bundleIdentifier = PipeWireGraph::desktopEntryOf(program);
+    if (app.bundleIdentifier.empty())
+        app.bundleIdentifier = program;
+    const auto entry = DesktopEntryCache::shared().find(app.bundleIdentifier);
+    app.localizedName = entry && !entry->name.empty() ? entry->name : program;
+    app.activationPolicy = activationPolicyOf(app.bundleIdentifier);
+    return app;
+}
+
+FocusSource& PipeWireWorkspace::focus() {
+    std::call_once(focusOnce_, [this] {
+        auto changed = [this](std::optional<pid_t> pid) { activeWindowChanged(pid); };
+        // sway and i3 know every window, XWayland's and native ones, so their socket comes first.
+        for (const char* variable : {"SWAYSOCK", "I3SOCK"})
+            if (const char* socket = std::getenv(variable); socket && *socket && focusSocket_.empty())
+                focusSocket_ = socket;
+        if (!focusSocket_.empty())
+            focus_ = std::make_unique<SwayFocusSource>(focusSocket_, changed);
+        else
+            focus_ = std::make_unique<X11FocusSource>(std::string(), changed);
+    });
+    return *focus_;
+}
+
+void PipeWireWorkspace::activeWindowChanged(std::optional<pid_t> pid) {
+    // On the focus source's thread: the lookups read /proc and the graph, never the runtime's queue.
+    std::optional<RunningApplication> app = pid ? applicationOwning(*pid) : std::nullopt;
+    std::vector<Observer> due;
+    {
+        std::lock_guard guard(mutex_);
+        // Nothing in front (a window manager clears the active window between two focus changes,
+        // a display goes away) is no activation, and the application before it stays the last one
+        // announced, so that its return is not announced twice.
+        if (!app || app->bundleIdentifier.empty() || app == front_)
+            return;
+        front_ = app;
+        for (const auto& [token, o] : observers_)
+            if (o.kind == Kind::activation)
+                due.push_back(o);
+    }
+    for (auto& o : due)
+        o.queue->async([handler = std::move(o.activated), app = *app] { handler(app); });
+}
+
 std::optional<RunningApplication> PipeWireWorkspace::frontmostApplication() {
-    return std::nullopt;
+    const auto pid = focus().activePID();
+    return pid ? applicationOwning(*pid) : std::nullopt;
 }
 
 std::optional<std::vector<WindowInfo>> PipeWireWorkspace::onScreenWindows() {
-    return std::nullopt;
+    return focus().windows();
+}
+
+std::optional<std::string> PipeWireWorkspace::frontmostUnavailableReason() {
+    if (focus().connected())
+        return std::nullopt;
+    if (!focusSocket_.empty())
+        return "the compositor's IPC socket " + focusSocket_ + " does not answer";
+    const char* display = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    if (!display || !*display)
+        return wayland && *wayland ? "this Wayland session offers no focus source (no sway or i3 IPC socket, no X display)"
+                                   : "no X display (DISPLAY is unset)";
+    return std::string("the X display ") + display + " does not answer";
 }
 
 pid_t PipeWireWorkspace::responsiblePID(pid_t pid) {
@@ -93,26 +180,67 @@ pid_t PipeWireWorkspace::responsiblePID(pid_t pid) {
     return answer;
 }
 
-Workspace::ObserverToken PipeWireWorkspace::addToken() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    tokens_.insert(nextToken_);
+Workspace::ObserverToken PipeWireWorkspace::add(Observer observer) {
+    std::lock_guard guard(mutex_);
+    observers_[nextToken_] = std::move(observer);
     return nextToken_++;
 }
 
+void PipeWireWorkspace::ensureSleepSource() {
+    std::call_once(sleepOnce_, [this] {
+        sleep_ = std::make_unique<LogindSleepSource>([this](bool sleeping) { sleepChanged(sleeping); });
+    });
+}
+
+void PipeWireWorkspace::sleepChanged(bool sleeping) {
+    // On the logind thread, the posting thread of these events.
+    std::vector<std::function<void()>> due;
+    {
+        std::lock_guard guard(mutex_);
+        for (const auto& [token, o] : observers_)
+            if (o.kind == (sleeping ? Kind::willSleep : Kind::didWake))
+                due.push_back(o.handler);
+    }
+    for (auto& handler : due)
+        handler();
+}
+
 Workspace::ObserverToken
-PipeWireWorkspace::addActivationObserver(DispatchQueue&, std::function<void(const RunningApplication&)>) {
-    return addToken();
+PipeWireWorkspace::addActivationObserver(DispatchQueue& queue,
+                                         std::function<void(const RunningApplication&)> handler) {
+    // The display's first answer can land between a caller's frontmostApplication() and this
+    // registration; an application already announced is delivered to the new observer once, so
+    // that it is not lost until the next focus change.
+    Observer observer{Kind::activation, &queue, std::move(handler), {}};
+    std::optional<RunningApplication> known;
+    ObserverToken token = 0;
+    {
+        std::lock_guard guard(mutex_);
+        known = front_;
+        token = nextToken_++;
+        observers_[token] = observer;
+    }
+    if (known)
+        queue.async([handler = observer.activated, app = *known] { handler(app); });
+    focus();
+    return token;
 }
-Workspace::ObserverToken PipeWireWorkspace::addWillSleepObserver(std::function<void()>) {
-    return addToken();
+
+Workspace::ObserverToken PipeWireWorkspace::addWillSleepObserver(std::function<void()> handler) {
+    const auto token = add({Kind::willSleep, nullptr, {}, std::move(handler)});
+    ensureSleepSource();
+    return token;
 }
-Workspace::ObserverToken PipeWireWorkspace::addDidWakeObserver(std::function<void()>) {
-    return addToken();
+
+Workspace::ObserverToken PipeWireWorkspace::addDidWakeObserver(std::function<void()> handler) {
+    const auto token = add({Kind::didWake, nullptr, {}, std::move(handler)});
+    ensureSleepSource();
+    return token;
 }
 
 void PipeWireWorkspace::removeObserver(ObserverToken token) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    tokens_.erase(token);
+    std::lock_guard guard(mutex_);
+    observers_.erase(token);
 }
 
 } // namespace tonavi

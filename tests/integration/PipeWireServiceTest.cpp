@@ -10,6 +10,10 @@
 
 #include "PrivatePipeWireServer.hpp"
 #include "ToneLevel.hpp"
+#include "XSession.hpp"
+
+#include <set>
+#include <systemd/sd-bus.h>
 
 #include <gtest/gtest.h>
 
@@ -340,3 +344,154 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
 }
 
 } // namespace
+
+// The desktop around the service: the application in front from a real X display, sleep and wake
+// from logind's signal on a private bus in the place of the system bus, and event sounds as alerts.
+class PipeWireDesktopTest : public PipeWireServiceTest {
+  protected:
+    void TearDown() override {
+        PipeWireServiceTest::TearDown();
+        x.stop();
+        test::stopProcess(bus); // on every path, a failed assertion's too
+        ::unsetenv("DISPLAY");
+        ::unsetenv("TONAVI_TONE_WINDOW");
+        ::unsetenv("TONAVI_TONE_ROLE");
+    }
+    // A player that owns a window titled with its name on the private display.
+    void playInWindow(const std::string& id, const std::string& name, const std::string& frequencies) {
+        ::setenv("TONAVI_TONE_WINDOW", name.c_str(), 1);
+        play(id, name, frequencies);
+        ::unsetenv("TONAVI_TONE_WINDOW");
+    }
+    // Activates the window of the process `pid` from outside, as a click would; the time it was done.
+    Clock::time_point activate(pid_t pid) {
+        const std::string command =
+            "DISPLAY=" + x.display() + " xdotool search --sync --pid " + std::to_string(pid) + " 2>/dev/null";
+        std::string window;
+        if (FILE* out = ::popen(command.c_str(), "r")) {
+            char line[64] = {};
+            if (std::fgets(line, sizeof line, out))
+                window = std::string(line).substr(0, std::strcspn(line, "\n"));
+            ::pclose(out);
+        }
+        EXPECT_FALSE(window.empty()) << "no window of pid " << pid;
+        EXPECT_TRUE(x.xdotool("windowactivate --sync " + window));
+        return Clock::now();
+    }
+    test::XSession x;
+    pid_t bus = -1;
+};
+
+TEST_F(PipeWireDesktopTest, FollowMeLowersTheApplicationBehindTheWindowInFront) {
+    std::string why;
+    if (!x.startServer(why))
+        GTEST_SKIP() << "no X display for follow-me: " << why;
+    ASSERT_TRUE(x.startWindowManager(why)) << why;
+    ::setenv("DISPLAY", x.display().c_str(), 1);
+    // Follow-me on, the application behind at 25 %: 12 dB under its own level.
+    std::filesystem::create_directories(home.supportDir());
+    std::ofstream(home.supportDir() + "/state.json")
+        << R"({"apps":[{"id":"org.tonavi.Low","displayName":"Low"},{"id":"org.tonavi.High","displayName":"High"}],)"
+        << R"("smart":{"followMe":true,"followMeBackgroundPercent":25}})";
+    playInWindow("org.tonavi.Low", "Low", "4000");
+    playInWindow("org.tonavi.High", "High", "880");
+    MonitorRecording speakers("speakers");
+    const auto direct = speakers.settle({treble, high}, [](const auto& l) { return l[0] > -20 && l[1] > -20; });
+    ASSERT_GT(direct[0], -20);
+    ASSERT_GT(direct[1], -20);
+    const double lowered = -12.04;
+
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    const auto highInFront = activate(tones[1]);
+    const auto lowDown = speakers.secondsUntil(
+        highInFront, treble, [&](double l) { return std::abs(l - (direct[0] + lowered)) < 1.0; }, 15s);
+    ASSERT_TRUE(lowDown.has_value()) << "Low behind was never lowered\n" << home.logText();
+    const auto front = speakers.settle({treble, high}, [&](const auto& l) { return l[0] < direct[0] - 11; });
+    EXPECT_NEAR(front[0] - direct[0], lowered, 0.5);
+    EXPECT_NEAR(front[1], direct[1], 0.5) << "High in front keeps its level";
+    std::cout << "focus change to the one behind lowered (first tap, with the service starting): "
+              << *lowDown * 1000 << " ms\n";
+
+    // Switching back: High goes down, Low comes back.
+    const auto lowInFront = activate(tones[0]);
+    const auto highDown = speakers.secondsUntil(
+        lowInFront, high, [&](double l) { return std::abs(l - (direct[1] + lowered)) < 1.0; }, 10s);
+    ASSERT_TRUE(highDown.has_value()) << "High behind was never lowered\n" << home.logText();
+    const auto back = speakers.settle({treble, high}, [&](const auto& l) { return l[1] < direct[1] - 11; });
+    EXPECT_NEAR(back[0], direct[0], 0.5) << "Low in front is back at its level";
+    EXPECT_NEAR(back[1] - direct[1], lowered, 0.5);
+    std::cout << "focus change to the one behind lowered: " << *highDown * 1000 << " ms\n";
+    EXPECT_LT(*highDown, 2.3) << "within one smart pass and 300 ms";
+    const std::string log = home.logText();
+    EXPECT_NE(log.find("follow-me sees frontmost org.tonavi.Low"), std::string::npos) << log;
+}
+
+TEST_F(PipeWireDesktopTest, LogindsWakeRebuildsTheTapsAndEventSoundsAreAlerts) {
+    int out = -1;
+    bus = test::spawnProcess({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, &out);
+    const std::string address = bus > 0 ? test::readLine(out) : std::string();
+    if (out >= 0)
+        ::close(out);
+    ASSERT_FALSE(address.empty()) << "the private bus did not start";
+    seedConfig(0.5);
+    play("org.tonavi.Low", "Low", "4000");
+    // No display: follow-me has no application in front here, and says so.
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}, {"DBUS_SYSTEM_BUS_ADDRESS", address},
+                                  {"DISPLAY", ""}, {"WAYLAND_DISPLAY", ""}});
+    std::vector<pid_t> workers;
+    ASSERT_TRUE(waitUntil([&] { return (workers = workersOf(service.pid, "org.tonavi.Low")).size() == 1; }, 15s))
+        << home.logText();
+    ASSERT_TRUE(waitUntil([&] { return home.logText().find("observing sleep and wake") != std::string::npos; }, 5s));
+    auto tapSinks = [] {
+        PipeWireConnection graph;
+        std::string error;
+        std::set<std::string> names;
+        if (graph.start(error) && graph.roundTrip())
+            graph.read([&](const PipeWireGraph& g) {
+                for (const auto& [id, n] : g.nodes)
+                    if (n.prop("node.name").starts_with("tonavi.tap."))
+                        names.insert(n.prop("node.name"));
+                return 0;
+            });
+        return names;
+    };
+    std::set<std::string> before;
+    ASSERT_TRUE(waitUntil([&] { return !(before = tapSinks()).empty(); }, 5s));
+
+    sd_bus* logind = nullptr;
+    ASSERT_GE(sd_bus_new(&logind), 0);
+    ASSERT_GE(sd_bus_set_address(logind, address.c_str()), 0);
+    ASSERT_GE(sd_bus_set_bus_client(logind, 1), 0);
+    ASSERT_GE(sd_bus_start(logind), 0);
+    ASSERT_GE(sd_bus_request_name(logind, "org.freedesktop.login1", 0), 0);
+    for (int sleeping : {1, 0})
+        ASSERT_GE(sd_bus_emit_signal(logind, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                     "PrepareForSleep", "b", sleeping),
+                  0);
+    sd_bus_flush(logind);
+    EXPECT_TRUE(waitUntil([&] { return home.logText().find("rebuilt engaged taps after wake") != std::string::npos; },
+                          5s))
+        << home.logText();
+    std::set<std::string> after;
+    EXPECT_TRUE(waitUntil([&] { return !(after = tapSinks()).empty() && after != before; }, 10s))
+        << "the tap was not rebuilt after the wake";
+    sd_bus_flush_close_unref(logind);
+
+    // A desktop event sound starting while the service runs enters the trail as an alert.
+    ::setenv("TONAVI_TONE_ROLE", "Event", 1);
+    play("org.tonavi.Beep", "Beep", "2000");
+    ::unsetenv("TONAVI_TONE_ROLE");
+    EXPECT_TRUE(waitUntil(
+        [&] {
+            return tonavi::testing::ctl(home.env(), {"status", "--json"}).second.find("alert:macos") !=
+                   std::string::npos;
+        },
+        10s))
+        << tonavi::testing::ctl(home.env(), {"recent"}).second;
+
+    ctl({"smart", "follow-me", "on"});
+    const std::string smart = tonavi::testing::ctl(home.env(), {"smart"}).second;
+    EXPECT_NE(smart.find("no application in front on this session: no X display (DISPLAY is unset)"),
+              std::string::npos)
+        << smart;
+}

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "SimTestSupport.hpp"
+#include "core/smart/AudioOnsetPolicy.hpp"
 #include "platform/pipewire/PipeWireGraph.hpp"
 
 namespace tonavi {
@@ -60,6 +61,33 @@ TEST(PipeWireGraphTest, BundleIdentifierPrefersTheApplicationIdThenFlatpakThenDe
         EXPECT_EQ(graph.bundleIdentifierOf(4242) + "|" + graph.bundleIdentifierOf(4243), bundleID + "|");
     }
     ::unsetenv("XDG_DATA_HOME");
+}
+
+TEST(PipeWireGraphTest, AProcessPlayingOnlyEventSoundsIsTheAlertPlayerOfTheTrail) {
+    // The trail knows the alert player by this identifier; the backend must answer the same one.
+    EXPECT_EQ(PipeWireGraph::alertBundleID, AudioOnsetPolicy::alertSourceID);
+    auto stream = [](std::string role, std::string mediaClass = "Stream/Output/Audio") {
+        PipeWireGraph::Node n = nodeWith({{"media.role", role}});
+        n.mediaClassValue = std::move(mediaClass);
+        n.pid = 4242;
+        return n;
+    };
+    const std::pair<std::vector<PipeWireGraph::Node>, std::string> cases[] = {
+        {{stream("Event")}, "systemsoundserverd"},
+        {{stream("event"), stream("Notification")}, "systemsoundserverd"},
+        {{stream("Event"), stream("Music")}, "org.example.Player"}, // an application's own beeps are its own
+        {{stream("Event", "Stream/Input/Audio")}, "org.example.Player"},
+        {{stream("")}, "org.example.Player"},
+        {{}, "org.example.Player"},
+    };
+    for (const auto& [nodes, bundleID] : cases) {
+        PipeWireGraph graph;
+        graph.clients[5] = {5, {{"application.id", "org.example.Player"}, {"application.process.id", "4242"}}};
+        std::uint32_t global = 10;
+        for (const auto& n : nodes)
+            graph.nodes[global++] = n;
+        EXPECT_EQ(graph.bundleIdentifierOf(4242), bundleID) << nodes.size() << " streams";
+    }
 }
 
 TEST(PipeWireGraphTest, DefaultsAndChannelCountsReadWhatTheServerWrites) {

@@ -199,6 +199,16 @@ TEST(CtlSmartCommand, EachSwitchChangesOneFieldAndTheTablesSayWhatEachAutomation
     EXPECT_EQ(StatusTable::renderSmart(status, SmartSettings{}),
               "  FEATURE     SETTING  NOW\n  follow-me   off      -\n  guard       off      -\n"
               "  duck        off      -\n  mic-follow  off      -\n");
+    // A session without a focus source says so, with and without a held hero.
+    status.smartLive->followMeNoFront = "no X display (DISPLAY is unset)";
+    EXPECT_NE(StatusTable::renderSmart(status, on)
+                  .find("hero Music; others at 25%; no application in front on this session: no X display"),
+              std::string::npos);
+    status.smartLive->followMeHeroID.reset();
+    EXPECT_NE(StatusTable::renderSmart(status, on)
+                  .find("follow-me   on       no application in front on this session: no X display (DISPLAY is unset)\n"),
+              std::string::npos)
+        << StatusTable::renderSmart(status, on);
 
     // recent lists the trail newest first with its age.
     const double now = 1'700'000'000.0;

@@ -217,6 +217,9 @@ std::string StatusTable::renderSmart(const TonaviStatus& status, const SmartSett
         followMe = live.followMeHeroID ? "hero " + live.followMeHeroName.value_or(*live.followMeHeroID) +
                                              "; others at " + number
                                        : "no hero: nothing audible in front";
+        if (live.followMeNoFront)
+            followMe = (live.followMeHeroID ? followMe + "; " : std::string()) +
+                       "no application in front on this session: " + *live.followMeNoFront;
     }
     std::string guard = "-";
     if (settings.loudnessGuard) {

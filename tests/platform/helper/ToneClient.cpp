@@ -5,6 +5,9 @@
 // clients on the two channels of one device click at once, however their streams were moved or
 // restarted, so a recording of its monitor shows how much later one path delivers than the other.
 //   platform_tone_client <application.id> <application.name> <frequency Hz[+Hz...]|click:C> [level 0..1]
+// From the environment: TONAVI_TONE_ROLE, the stream's media.role (default "Music"); TONAVI_TONE_WINDOW,
+// the title of an X11 window this process opens on $DISPLAY before it plays (exit 69 without one),
+// so that one process both owns a window and plays, as a desktop application does.
 
 #include <cmath>
 #include <csignal>
@@ -13,8 +16,12 @@
 #include <string>
 #include <vector>
 
+#include <memory>
+
 #include <pipewire/pipewire.h>
 #include <spa/param/audio/format-utils.h>
+
+#include "TestWindow.hpp"
 
 namespace {
 pw_main_loop* loop = nullptr;
@@ -77,6 +84,20 @@ int main(int argc, char** argv) {
     loop = pw_main_loop_new(nullptr);
     for (int signal : {SIGTERM, SIGINT})
         std::signal(signal, [](int) { pw_main_loop_quit(loop); });
+    std::unique_ptr<tonavi::test::TestWindow> window;
+    if (const char* title = std::getenv("TONAVI_TONE_WINDOW"); title && *title) {
+        window = std::make_unique<tonavi::test::TestWindow>();
+        if (!window->open(title))
+            return 69;
+        pw_loop_add_io(
+            pw_main_loop_get_loop(loop), window->fd(), SPA_IO_IN, false,
+            [](void* data, int, std::uint32_t) {
+                if (!static_cast<tonavi::test::TestWindow*>(data)->drain())
+                    pw_main_loop_quit(loop); // the display went away, and the application with it
+            },
+            window.get());
+    }
+    const char* role = std::getenv("TONAVI_TONE_ROLE");
     pw_context* context = pw_context_new(pw_main_loop_get_loop(loop), nullptr, 0);
     pw_core* core = pw_context_connect(
         context, pw_properties_new(PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr), 0);
@@ -84,7 +105,7 @@ int main(int argc, char** argv) {
         return 69;
     pw_properties* props =
         pw_properties_new(PW_KEY_MEDIA_TYPE, "Audio", PW_KEY_MEDIA_CATEGORY, "Playback", PW_KEY_MEDIA_ROLE,
-                          "Music", PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr);
+                          role && *role ? role : "Music", PW_KEY_APP_ID, argv[1], PW_KEY_APP_NAME, argv[2], nullptr);
     stream = pw_stream_new(core, argv[2], props);
     static pw_stream_events events{};
     events.version = PW_VERSION_STREAM_EVENTS, events.process = process;

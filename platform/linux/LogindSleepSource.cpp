@@ -1,0 +1,136 @@
+#include "platform/linux/LogindSleepSource.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <poll.h>
+#include <pthread.h>
+#include <string>
+#include <sys/eventfd.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include "base/Log.hpp"
+
+namespace tonavi {
+
+namespace {
+
+struct BusCloser {
+    void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+
+int onPrepareForSleep(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    int sleeping = 0;
+    if (sd_bus_message_read(message, "b", &sleeping) < 0) {
+        Log::info("tonavi: PrepareForSleep without a boolean ignored");
+        return 0;
+    }
+    (*static_cast<LogindSleepSource::SleepChanged*>(userdata))(sleeping != 0);
+    return 0;
+}
+
+} // namespace
+
+LogindSleepSource::LogindSleepSource(SleepChanged onSleep) : onSleep_(std::move(onSleep)) {
+    wakeFD_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeFD_ < 0) {
+        Log::info(std::string("tonavi: sleep and wake not observed: eventfd: ") + std::strerror(errno));
+        return;
+    }
+    thread_ = std::thread([this] {
+        pthread_setname_np(pthread_self(), "tonavi.logind");
+        run();
+    });
+}
+
+LogindSleepSource::~LogindSleepSource() {
+    stopping_.store(true);
+    if (wakeFD_ >= 0) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] auto n = ::write(wakeFD_, &one, sizeof(one));
+    }
+    if (thread_.joinable())
+        thread_.join();
+    if (wakeFD_ >= 0)
+        ::close(wakeFD_);
+}
+
+bool LogindSleepSource::listening() const {
+    return listening_.load();
+}
+
+bool LogindSleepSource::waitForRetry(int milliseconds) {
+    pollfd fd{wakeFD_, POLLIN, 0};
+    ::poll(&fd, 1, milliseconds);
+    return !stopping_.load();
+}
+
+void LogindSleepSource::run() {
+    int backoff = 1000;
+    bool loggedFailure = false;
+    auto failed = [&](const std::string& what, int r) {
+        if (!loggedFailure)
+            Log::info("tonavi: no system bus for sleep and wake (" + what + ": " + std::strerror(-r) +
+                      "); the wake work will not run until one answers");
+        loggedFailure = true;
+    };
+    while (!stopping_.load()) {
+        sd_bus* raw = nullptr;
+        int r = sd_bus_open_system(&raw);
+        std::unique_ptr<sd_bus, BusCloser> bus(raw);
+        sd_bus_slot* slot = nullptr;
+        if (r >= 0)
+            r = sd_bus_match_signal(bus.get(), &slot, "org.freedesktop.login1", "/org/freedesktop/login1",
+                                    "org.freedesktop.login1.Manager", "PrepareForSleep", onPrepareForSleep,
+                                    const_cast<SleepChanged*>(&onSleep_));
+        if (r < 0) {
+            failed(bus ? "match" : "connect", r);
+            bus.reset();
+            if (!waitForRetry(backoff))
+                break;
+            backoff = std::min(backoff * 2, 30000);
+            continue;
+        }
+        // The match is only in place once the bus has answered the AddMatch call.
+        while (r >= 0 && !stopping_.load()) {
+            r = sd_bus_process(bus.get(), nullptr);
+            if (r > 0)
+                continue;
+            if (r < 0)
+                break;
+            if (!listening_.exchange(true)) {
+                Log::info("tonavi: observing sleep and wake through logind");
+                loggedFailure = false;
+                backoff = 1000;
+            }
+            const int events = sd_bus_get_events(bus.get());
+            std::uint64_t usec = UINT64_MAX;
+            sd_bus_get_timeout(bus.get(), &usec);
+            int timeout = -1;
+            if (usec != UINT64_MAX) {
+                timespec now{};
+                ::clock_gettime(CLOCK_MONOTONIC, &now);
+                const std::uint64_t nowUsec = static_cast<std::uint64_t>(now.tv_sec) * 1000000u +
+                                              static_cast<std::uint64_t>(now.tv_nsec) / 1000u;
+                timeout = usec <= nowUsec ? 0 : static_cast<int>(std::min<std::uint64_t>((usec - nowUsec) / 1000 + 1, 60000));
+            }
+            pollfd fds[2] = {{sd_bus_get_fd(bus.get()), static_cast<short>(events < 0 ? POLLIN : events), 0},
+                             {wakeFD_, POLLIN, 0}};
+            if (::poll(fds, 2, timeout) < 0 && errno != EINTR)
+                r = -errno;
+        }
+        listening_.store(false);
+        sd_bus_slot_unref(slot);
+        bus.reset();
+        if (stopping_.load())
+            break;
+        failed("connection lost", r < 0 ? r : -ECONNRESET);
+        if (!waitForRetry(backoff))
+            break;
+        backoff = std::min(backoff * 2, 30000);
+    }
+}
+
+} // namespace tonavi
