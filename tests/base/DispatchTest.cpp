@@ -80,12 +80,17 @@ TEST(DispatchTimer, RepeatsAtItsIntervalSkipsMissedTicksAndStopsWhenCancelled) {
 
 TEST(DispatchQueue, GlobalQueueRunsConcurrentlyAndMainRunsOnTheThreadThatRunsIt) {
     // Two items that each wait for the other can only finish if they run at the same time.
+    // The items own what they touch: the first may still be leaving its wait when the test ends.
     auto& g = DispatchQueue::global(QoS::utility);
-    std::promise<void> a, b, done;
-    auto fa = a.get_future().share(), fb = b.get_future().share();
-    g.async([&] { a.set_value(), fb.wait(); });
-    g.async([&] { b.set_value(), fa.wait(), done.set_value(); });
-    EXPECT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
+    struct Meeting {
+        std::promise<void> a, b, done;
+        std::shared_future<void> fa = a.get_future().share(), fb = b.get_future().share();
+    };
+    auto meeting = std::make_shared<Meeting>();
+    auto done = meeting->done.get_future();
+    g.async([meeting] { meeting->a.set_value(), meeting->fb.wait(); });
+    g.async([meeting] { meeting->b.set_value(), meeting->fa.wait(), meeting->done.set_value(); });
+    EXPECT_EQ(done.wait_for(10s), std::future_status::ready);
 
     std::atomic<bool> stop{false};
     std::thread::id ranOn;
