@@ -120,17 +120,24 @@ TEST(EventSources, SignalsAndProcessExitsArriveOnTheirQueueAndNeverOnceCancelled
             ::pause();
         return pid;
     };
-    const pid_t child = startChild();
-    std::promise<std::pair<bool, int>> fired;
-    auto result = fired.get_future();
-    ProcessExitSource watch(child, q, [&, status = 0]() mutable {
-        ::waitpid(child, &status, 0);
-        fired.set_value({q.isCurrent(), WIFSIGNALED(status) ? WTERMSIG(status) : -1});
-    });
-    watch.resume();
-    EXPECT_EQ(result.wait_for(100ms), std::future_status::timeout) << "fired while the child lives";
-    ::kill(child, SIGKILL);
-    EXPECT_TRUE(result.wait_for(5s) == std::future_status::ready && result.get() == std::pair(true, SIGKILL));
+    // With a pid descriptor, and as a kernel without them makes us watch: a dead child is a zombie
+    // until the handler reaps it, and must count as gone all the same.
+    for (const bool descriptors : {true, false}) {
+        ProcessExitSource::setPidDescriptorsForTesting(descriptors);
+        const pid_t child = startChild();
+        std::promise<std::pair<bool, int>> fired;
+        auto result = fired.get_future();
+        ProcessExitSource watch(child, q, [&, status = 0]() mutable {
+            ::waitpid(child, &status, 0);
+            fired.set_value({q.isCurrent(), WIFSIGNALED(status) ? WTERMSIG(status) : -1});
+        });
+        watch.resume();
+        EXPECT_EQ(result.wait_for(150ms), std::future_status::timeout) << "fired while the child lives";
+        ::kill(child, SIGKILL);
+        EXPECT_TRUE(result.wait_for(5s) == std::future_status::ready && result.get() == std::pair(true, SIGKILL))
+            << "pid descriptors " << descriptors;
+    }
+    ProcessExitSource::setPidDescriptorsForTesting(true);
 
     // A cancelled watch never fires; a process already gone fires at once.
     const pid_t held = startChild();
