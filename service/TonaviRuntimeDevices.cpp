@@ -622,7 +622,8 @@ TonaviReply TonaviRuntime::setOutputVolume(double volume) {
     TonaviConfig config = engine_->config();
     config.softMasterPercent = std::max(0.0, std::min(volume * 100.0, std::min(limit, 100.0)));
     engine_->apply(config);
-    // The software master reaches the render path with the next worker state.
+    // The reply already shows the new level; the render path hears it with the state persist sends.
+    applySoftMasterNow();
     persist();
     return success();
 }
@@ -636,6 +637,7 @@ TonaviReply TonaviRuntime::setOutputMuted(bool muted) {
     TonaviConfig config = engine_->config();
     config.softMasterMuted = muted;
     engine_->apply(config);
+    applySoftMasterNow();
     persist();
     return success();
 }

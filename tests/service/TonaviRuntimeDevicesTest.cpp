@@ -100,6 +100,15 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     const TonaviReply chosen = sendAndWait(h, R::SetOutputDevice{"Desk"});
     EXPECT_TRUE(chosen.ok) << chosen.message;
     EXPECT_EQ(h.machine->world()->defaultOutputUID, uid);
+    // The group has no hardware volume: the software master stands in, and is heard at once, not at
+    // the next smart pass.
+    ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.8}).ok);
+    const auto softMaster = [&] { return h.runtime->engine().tapWorkerState(music).value().softMasterGain; };
+    EXPECT_TRUE(h.send(R::SetOutputVolume{0.3}).ok);
+    EXPECT_EQ(softMaster(), 0.3);
+    EXPECT_TRUE(h.send(R::SetOutputMuted{true}).ok);
+    EXPECT_EQ(softMaster(), 0.0);
+    EXPECT_TRUE(h.send(R::SetOutputMuted{false}).ok);
 
     group.members.resize(1);
     const TonaviReply refused = h.send(R::SaveGroup{group}); // one member is no group; the old one stays
