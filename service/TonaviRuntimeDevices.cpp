@@ -213,8 +213,9 @@ bool TonaviRuntime::handleOutputSelectionAsync(const TonaviRequest& request,
     serialQueue_->async([weak, request, completion = std::move(completion)] {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             if (const auto* o = std::get_if<TonaviRequest::SetOutputDeviceOrdered>(&request.value)) {
+                // Refused before anything is looked at: the reply carries no status.
                 if (!rt.outputSelectionOrder_.accept(o->clientID, o->generation))
-                    return completion(rt.failure(supersededText));
+                    return completion(TonaviReply::failure(supersededText));
                 return rt.selectOutputAsync(o->uid, true, completion);
             }
             rt.selectOutputAsync(std::get<TonaviRequest::SetOutputDevice>(request.value).uid, true,
@@ -521,7 +522,7 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
                 return setOutputDeviceLocked(c.uid);
             } else if constexpr (std::is_same_v<T, R::SetOutputDeviceOrdered>) {
                 if (!outputSelectionOrder_.accept(c.clientID, c.generation))
-                    return failure(supersededText);
+                    return TonaviReply::failure(supersededText);
                 return setOutputDeviceLocked(c.uid);
             } else if constexpr (std::is_same_v<T, R::SetOutputVolume>) {
                 return setOutputVolume(c.volume);

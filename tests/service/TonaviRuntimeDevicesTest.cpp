@@ -55,9 +55,10 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
               std::tuple(std::string(usb), std::optional<std::int64_t>(0), std::int64_t(1)));
     EXPECT_EQ(h.onDisk().devices[0].preferredRank, 0);
 
-    // The same client's stale generation is refused at once, with nothing switched.
-    EXPECT_EQ(sendAndWait(h, R::SetOutputDeviceOrdered{"Earbuds", "ui", 1}).message,
-              "superseded by a newer output selection");
+    // The same client's stale generation is refused at once, with nothing switched and no status.
+    const TonaviReply stale = sendAndWait(h, R::SetOutputDeviceOrdered{"Earbuds", "ui", 1});
+    EXPECT_EQ(std::pair(stale.message, stale.status.has_value()),
+              std::pair(std::string("superseded by a newer output selection"), false));
     EXPECT_EQ(h.machine->world()->defaultOutputUID, usb);
 }
 
