@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 
 namespace tonavi {
 
@@ -395,15 +396,31 @@ struct ProcessExitSource::Shared {
 };
 
 namespace {
+std::atomic<bool> pidDescriptorsAllowed{true};
+
 int openPidFD(int pid) {
 #ifdef SYS_pidfd_open
-    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-#else
+    if (pidDescriptorsAllowed.load())
+        return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+#endif
     errno = ENOSYS;
     return -1;
-#endif
+}
+
+// Without a pid descriptor. A child that has ended stays a zombie until its handler reaps it, and a
+// zombie still answers kill(pid, 0): so a child is asked with waitid, which leaves it to be reaped,
+// and only another process is probed with a signal.
+bool hasEnded(int pid) {
+    siginfo_t info{};
+    if (::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0)
+        return info.si_pid == pid;
+    if (errno != ECHILD)
+        return false;
+    return ::kill(pid, 0) != 0 && errno == ESRCH;
 }
 }  // namespace
+
+void ProcessExitSource::setPidDescriptorsForTesting(bool allowed) { pidDescriptorsAllowed.store(allowed); }
 
 ProcessExitSource::ProcessExitSource(int pid, DispatchQueue& queue, Closure handler)
     : shared_(std::make_shared<Shared>()) {
@@ -441,8 +458,7 @@ void ProcessExitSource::resume() {
             int n = ::poll(fds, pidFD >= 0 ? 2 : 1, pidFD >= 0 ? -1 : 100);
             if (n < 0 && errno == EINTR) continue;
             if (s->cancelled.load() || (n > 0 && fds[0].revents != 0)) break;
-            const bool gone = pidFD >= 0 ? (n > 0 && fds[1].revents != 0)
-                                         : (::kill(s->pid, 0) != 0 && errno == ESRCH);
+            const bool gone = pidFD >= 0 ? (n > 0 && fds[1].revents != 0) : hasEnded(s->pid);
             if (gone) {
                 Shared::fire(s);
                 break;

@@ -161,6 +161,8 @@ public:
     // The handler does not run after this returns, unless it is already running.
     void cancel();
     bool isCancelled() const;
+    // Tests: watch the way a kernel without pid descriptors makes us, by looking ten times a second.
+    static void setPidDescriptorsForTesting(bool allowed);
 
     struct Shared;
 

@@ -24,8 +24,9 @@ class ServiceTapProvider : public TapProviding {
     struct Hooks {
         // Audio of one cycle, rendered in place: bundle ID, interleaved samples, frames, host time.
         std::function<void(const std::string&, std::span<float>, int, std::uint64_t)> render;
-        // The state a worker for this app renders with; a default state when the runtime is gone.
-        std::function<TapWorkerState(const std::string&)> workerState;
+        // The state a worker for this app renders with; nothing when the app has no row (any more) or
+        // the runtime is gone, and then no worker is started for it.
+        std::function<std::optional<TapWorkerState>(const std::string&)> workerState;
         // The app made a sound.
         std::function<void(const std::string&)> heard;
         // The device UID the app is routed to; empty for the default output.

@@ -158,7 +158,8 @@ void TonaviControlServer::serve(int fd) {
             box->signal.wait_for(guard, std::chrono::duration<double>(replyWaitSeconds), [&] { return box->done; });
             reply = box->reply;
         }
-        ControlTransport::writeFrame(fd, encodeReply(reply));
+        // A reply the wire cannot carry still answers, as a failure that says why.
+        ControlTransport::writeFrame(fd, encodeReplyOrFailure(reply));
     } catch (const std::exception& e) {
         Log::info(std::string("tonavi control connection error: ") + e.what());
     }

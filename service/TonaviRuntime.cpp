@@ -180,11 +180,8 @@ void TonaviRuntime::connectTapProviderHooks() {
         });
     };
     hooks.workerState = [weak](const std::string& bundleID) {
-        TapWorkerState state;
-        withRuntime(weak, [&](TonaviRuntime& rt) {
-            if (auto current = rt.engine_->tapWorkerState(bundleID))
-                state = std::move(*current);
-        });
+        std::optional<TapWorkerState> state;
+        withRuntime(weak, [&](TonaviRuntime& rt) { state = rt.engine_->tapWorkerState(bundleID); });
         return state;
     };
     hooks.heard = [weak](const std::string& bundleID) {

@@ -339,6 +339,9 @@ class TonaviRuntime {
     TonaviReply setSmartSettings(SmartSettings settings);
     TonaviReply setPreferredMics(const std::vector<std::string>& uids);
     void applyMicFollow(const TonaviConfig& config);
+    // The software master of an output without hardware volume, from the configuration, at once
+    // rather than at the next smart pass (which computes the same gain).
+    void applySoftMasterNow();
     void noteActiveApp(const RunningApplication& app);
     // `shown` are the status's app rows, whose names (the user's, else the running app's) win.
     SmartLiveStatus smartLiveStatus(const TonaviConfig& config, const std::vector<AppLiveStatus>& shown) const;

@@ -214,8 +214,9 @@ bool TonaviRuntime::handleOutputSelectionAsync(const TonaviRequest& request,
     serialQueue_->async([weak, request, completion = std::move(completion)] {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             if (const auto* o = std::get_if<TonaviRequest::SetOutputDeviceOrdered>(&request.value)) {
+                // Refused before anything is looked at: the reply carries no status.
                 if (!rt.outputSelectionOrder_.accept(o->clientID, o->generation))
-                    return completion(rt.failure(supersededText));
+                    return completion(TonaviReply::failure(supersededText));
                 return rt.selectOutputAsync(o->uid, true, completion);
             }
             rt.selectOutputAsync(std::get<TonaviRequest::SetOutputDevice>(request.value).uid, true,
@@ -516,7 +517,7 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
                 return setOutputDeviceLocked(c.uid);
             } else if constexpr (std::is_same_v<T, R::SetOutputDeviceOrdered>) {
                 if (!outputSelectionOrder_.accept(c.clientID, c.generation))
-                    return failure(supersededText);
+                    return TonaviReply::failure(supersededText);
                 return setOutputDeviceLocked(c.uid);
             } else if constexpr (std::is_same_v<T, R::SetOutputVolume>) {
                 return setOutputVolume(c.volume);
@@ -617,7 +618,8 @@ TonaviReply TonaviRuntime::setOutputVolume(double volume) {
     TonaviConfig config = engine_->config();
     config.softMasterPercent = std::max(0.0, std::min(volume * 100.0, std::min(limit, 100.0)));
     engine_->apply(config);
-    // The software master reaches the render path with the next worker state.
+    // The reply already shows the new level; the render path hears it with the state persist sends.
+    applySoftMasterNow();
     persist();
     return success();
 }
@@ -631,6 +633,7 @@ TonaviReply TonaviRuntime::setOutputMuted(bool muted) {
     TonaviConfig config = engine_->config();
     config.softMasterMuted = muted;
     engine_->apply(config);
+    applySoftMasterNow();
     persist();
     return success();
 }

@@ -151,6 +151,11 @@ void TonaviRuntime::smartTick() {
     tapProvider_->syncStates();
 }
 
+void TonaviRuntime::applySoftMasterNow() {
+    const TonaviConfig config = engine_->config();
+    engine_->setSoftMasterGain(config.softMasterMuted ? 0.0 : config.softMasterPercent / 100.0);
+}
+
 // The one feature that reads hardware, and only while it is on.
 void TonaviRuntime::applyMicFollow(const TonaviConfig& config) {
     if (!config.smart.micFollow || engine_->stageMode())

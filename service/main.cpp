@@ -71,7 +71,10 @@ int main(int argc, char** argv) {
         server->start();
     } catch (const std::exception& e) {
         Log::info(std::string("Tonavi control server failed to start: ") + e.what());
-        return 1;
+        // Leave the way a stop does: the runtime's queues are still at work, and returning would run
+        // the static destructors under them.
+        runtime->serialQueue().sync([] { runtime->releaseTapsThenStop(); });
+        _exit(1);
     }
 
     // Ignore first, so that only the source acts on the signal.

@@ -12,6 +12,8 @@
 namespace tonavi::OutputGroupIdentity {
 
 inline constexpr std::string_view aggregateUIDPrefix = "com.brelmoor.tonavi.output-group.";
+// The aggregate's name is this followed by the group's own name.
+inline constexpr std::string_view aggregateNamePrefix = "Tonavi Group — ";
 
 // The prefix followed by the 64-bit FNV-1a hash of the ID's UTF-8 bytes, upper-case hex, unpadded.
 std::string aggregateDeviceUID(std::string_view groupID);

@@ -140,15 +140,15 @@ void SimMachine::installLocked(SimWorld next, Notice& notice) {
     notice.after = world_;
     const auto changes = SimProperties::changes(*notice.before, *notice.after, viewer_);
     for (const auto& l : listeners_) {
-        Delivery d{l.queue, l.block, {}};
+        Delivery d{l.queue, l.block, l.live, {}};
         for (const auto& [object, address] : changes)
             if (object == l.object && SimProperties::matches(l.address, address))
                 d.addresses.push_back(address);
         if (!d.addresses.empty())
             notice.deliveries.push_back(std::move(d));
     }
-    for (const auto& [token, observer] : observers_)
-        notice.observers.push_back(observer);
+    for (const auto& [token, slot] : observers_)
+        notice.observers.push_back(slot);
     updateIOLocked();
 }
 
@@ -157,13 +157,21 @@ void SimMachine::deliver(const Notice& notice) {
         // Held while posting, so that a listener removed after this returns is never posted to.
         std::lock_guard<std::mutex> posting(deliveryMutex_);
         for (const auto& d : notice.deliveries) {
-            d.queue->async([block = d.block, addresses = d.addresses] { (*block)(addresses); });
+            if (!d.live->load())
+                continue;
+            d.queue->async([block = d.block, live = d.live, addresses = d.addresses] {
+                if (live->load())
+                    (*block)(addresses);
+            });
         }
     }
     if (!notice.before || !notice.after)
         return;
-    for (const auto& observer : notice.observers)
-        observer(*notice.before, *notice.after);
+    for (const auto& slot : notice.observers) {
+        std::lock_guard<std::recursive_mutex> calling(slot->callMutex);
+        if (slot->live)
+            slot->observer(*notice.before, *notice.after);
+    }
 }
 
 void SimMachine::refresh() {
@@ -226,13 +234,24 @@ std::string SimMachine::mutate(const std::function<std::string(SimWorld&)>& edit
 std::uint64_t SimMachine::addWorldObserver(WorldObserver observer) {
     std::lock_guard<std::mutex> guard(mutex_);
     const auto token = nextObserverToken_++;
-    observers_[token] = std::move(observer);
+    observers_[token] = std::make_shared<ObserverSlot>();
+    observers_[token]->observer = std::move(observer);
     return token;
 }
 
 void SimMachine::removeWorldObserver(std::uint64_t token) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    observers_.erase(token);
+    std::shared_ptr<ObserverSlot> slot;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        auto it = observers_.find(token);
+        if (it == observers_.end())
+            return;
+        slot = std::move(it->second);
+        observers_.erase(it);
+    }
+    // Waits out a call in flight on another thread; none starts after this.
+    std::lock_guard<std::recursive_mutex> calling(slot->callMutex);
+    slot->live = false;
 }
 
 std::string SimMachine::failNext(SimOperation operation, int count, OSStatus status, std::uint32_t selector) {
@@ -422,7 +441,7 @@ OSStatus SimMachine::addPropertyListener(AudioObjectID object, const AudioObject
         return kAudio_ParamError;
     if (!SimProperties::isVisible(*world_, viewer_, object))
         return kAudioHardwareBadObjectError;
-    listeners_.push_back({object, address, &queue, block});
+    listeners_.push_back({object, address, &queue, block, std::make_shared<std::atomic<bool>>(true)});
     return noErr;
 }
 
@@ -437,10 +456,13 @@ OSStatus SimMachine::removePropertyListener(AudioObjectID object, const AudioObj
     });
     if (it == listeners_.end())
         return kAudio_ParamError;
+    const auto live = it->live;
     listeners_.erase(it);
     guard.unlock();
-    // Wait out a delivery that picked the listener up before it went.
+    // A delivery may have picked the listener up before it went: wait out its posting, and fence
+    // off what it has not posted or run yet.
     std::lock_guard<std::mutex> posting(deliveryMutex_);
+    live->store(false);
     return noErr;
 }
 

@@ -5,6 +5,7 @@
 // processes they capture, aggregates expose a tap's stream as input, and IO procs run on a
 // real-time-like thread or are stepped by a manual clock. Faults and slow reads can be injected.
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -85,6 +86,7 @@ class SimMachine final : public AudioHardware {
     bool isShared() const { return file_ != nullptr; }
 
     // Called after every change with the world before and after, on the thread that noticed it.
+    // Removal returns only once a call in flight has finished; none starts after it.
     std::uint64_t addWorldObserver(WorldObserver observer);
     void removeWorldObserver(std::uint64_t token);
 
@@ -108,16 +110,28 @@ class SimMachine final : public AudioHardware {
         AudioObjectPropertyAddress address;
         DispatchQueue* queue;
         AudioObjectPropertyListenerBlock block;
+        // Cleared under `deliveryMutex_` when the listener goes: a change picked up before the
+        // removal is then neither posted to its queue (which may be gone) nor run from it.
+        std::shared_ptr<std::atomic<bool>> live;
     };
     struct Delivery {
         DispatchQueue* queue;
         AudioObjectPropertyListenerBlock block;
+        std::shared_ptr<std::atomic<bool>> live;
         std::vector<AudioObjectPropertyAddress> addresses;
+    };
+    // An observer is called with its own lock held, and removal takes that lock before it returns,
+    // so that no call reaches an observer whose owner has gone. Recursive: an observer may remove
+    // itself from inside its call.
+    struct ObserverSlot {
+        std::recursive_mutex callMutex;
+        bool live = true; // under callMutex
+        WorldObserver observer;
     };
     // What a change owes to listeners and observers, handed out after the lock is released.
     struct Notice {
         std::vector<Delivery> deliveries;
-        std::vector<WorldObserver> observers;
+        std::vector<std::shared_ptr<ObserverSlot>> observers;
         std::shared_ptr<const SimWorld> before;
         std::shared_ptr<const SimWorld> after;
     };
@@ -164,7 +178,7 @@ class SimMachine final : public AudioHardware {
     SimWorldFile::Stamp stamp_;
     bool orphansOnDisk_ = false;
     std::vector<Listener> listeners_;
-    std::map<std::uint64_t, WorldObserver> observers_;
+    std::map<std::uint64_t, std::shared_ptr<ObserverSlot>> observers_;
     std::uint64_t nextObserverToken_ = 1;
     std::map<AudioDeviceIOProcID, std::unique_ptr<SimIOProc>> ioProcs_;
     AudioDeviceIOProcID nextProcID_ = 1;

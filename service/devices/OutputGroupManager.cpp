@@ -59,7 +59,7 @@ AudioObjectID OutputGroupManager::create(const OutputGroup& group,
                                          const std::vector<std::string>& memberUIDs) {
     AggregateDeviceDescription description;
     description.uid = OutputGroupIdentity::aggregateDeviceUID(group);
-    description.name = "Tonavi Group — " + group.name;
+    description.name = std::string(OutputGroupIdentity::aggregateNamePrefix) + group.name;
     description.isPrivate = false; // other software must see the group
     description.isStacked = false; // mirrors the sound on every member rather than adding channels
     description.mainSubDevice = memberUIDs.front();

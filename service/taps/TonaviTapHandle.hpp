@@ -41,7 +41,12 @@ class TonaviTapHandle final : public TapHandle {
     TapProcessIdentity processIdentity;
     std::string targetDeviceUID;
 
-    // IO block only: interleaved stereo, frames x 2, and the meter over it.
+    // The largest quantum either audio system hands an IO cycle (PipeWire's default ceiling; Core
+    // Audio stops at 4096). The render buffer is sized for it once, so that a change of quantum never
+    // allocates on the IO thread; a larger cycle still renders, in pieces of this size.
+    static constexpr std::size_t largestQuantumFrames = 8192;
+
+    // IO block only: interleaved stereo, `largestQuantumFrames` x 2 or more, and the meter over it.
     std::vector<float> renderBuffer;
     kavore::LevelMeter meter{0.6f, 0.08f};
 

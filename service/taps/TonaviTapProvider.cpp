@@ -252,7 +252,8 @@ TapHandlePtr TonaviTapProvider::createTap(const std::string& id) {
     if (!tapIndex)
         return fail("tonavi: aggregate has no process-tap input buffer for " + id);
     handle->tapInputBufferIndex = *tapIndex;
-    handle->renderBuffer.assign(frames > 0 ? static_cast<std::size_t>(frames) * 2 : 2, 0.0f);
+    handle->renderBuffer.assign(
+        std::max<std::size_t>(TonaviTapHandle::largestQuantumFrames, static_cast<std::size_t>(frames)) * 2, 0.0f);
 
     std::weak_ptr<TonaviTapProvider> weakProvider = weak_from_this();
     std::weak_ptr<TonaviTapHandle> weakHandle = handle;
@@ -330,32 +331,12 @@ void TonaviTapProvider::ioCycle(TonaviTapHandle& handle, const AudioBufferList& 
     if (samples < channels)
         return;
     const std::size_t frames = samples / channels;
-
-    auto& buffer = handle.renderBuffer;
-    if (buffer.size() != frames * 2)
-        buffer.assign(frames * 2, 0.0f); // a change of quantum: rare, and the only allocation here
-
-    // Compensation and interleaving in one pass.
-    const auto* in = static_cast<const float*>(tapBuffer.mData);
-    const float gain = handle.tapGainCompensation;
-    float peak = 0.0f;
-    for (std::size_t f = 0; f < frames; ++f) {
-        const float left = in[f * channels] * gain;
-        const float right = channels > 1 ? in[f * channels + 1] * gain : left;
-        buffer[f * 2] = left;
-        buffer[f * 2 + 1] = right;
-        peak = std::max({peak, std::abs(left), std::abs(right)});
-    }
-    if (peak > rawAudioThreshold)
-        handle.rawAudioCallbackCount.fetch_add(1, std::memory_order_relaxed);
-
+    const std::size_t piece = handle.renderBuffer.size() / 2;
+    if (piece == 0)
+        return;
     const std::uint64_t hostTime = (outputTime.mFlags & kAudioTimeStampHostTimeValid) != 0
                                        ? outputTime.mHostTime
                                        : hardware_.currentHostTime();
-    if (render_)
-        render_(handle.bundleID, std::span<float>(buffer), static_cast<int>(frames), hostTime);
-    handle.meter.process(buffer);
-    handle.meterLevel.store(handle.meter.normalized(), std::memory_order_relaxed);
 
     std::size_t outputFrames = 0;
     int destinationChannels = 0;
@@ -371,28 +352,54 @@ void TonaviTapProvider::ioCycle(TonaviTapHandle& handle, const AudioBufferList& 
         handle.outputBufferFrames.store(static_cast<int>(outputFrames), std::memory_order_relaxed);
 
     bool wroteOutput = false;
-    int channelBase = 0;
     for (auto& out : output.mBuffers) {
-        const int outChannels = static_cast<int>(out.mNumberChannels);
         if (out.mData) {
-            auto* dst = static_cast<float*>(out.mData);
-            const std::size_t stride = std::max(outChannels, 1);
-            const std::size_t room = out.mDataByteSize / sizeof(float) / stride;
-            std::memset(dst, 0, out.mDataByteSize);
-            const std::size_t count = std::min(frames, room);
-            for (std::size_t f = 0; f < count; ++f) {
-                const float left = buffer[f * 2];
-                const float right = buffer[f * 2 + 1];
-                // Channels past the first two of the device stay silent.
-                for (int c = 0; c < outChannels && channelBase + c < 2; ++c)
-                    dst[f * stride + static_cast<std::size_t>(c)] = kavore::ProcessTapOutputMapper::sample(
-                        left, right, channelBase + c, destinationChannels);
-            }
-            if (out.mDataByteSize > 0)
-                wroteOutput = true;
+            std::memset(out.mData, 0, out.mDataByteSize);
+            wroteOutput = wroteOutput || out.mDataByteSize > 0;
         }
-        channelBase += outChannels;
     }
+
+    // Compensation and interleaving in one pass, a buffer's worth at a time (one piece but for a
+    // quantum larger than any audio system hands out).
+    const auto* in = static_cast<const float*>(tapBuffer.mData);
+    const float gain = handle.tapGainCompensation;
+    float peak = 0.0f;
+    for (std::size_t start = 0; start < frames; start += piece) {
+        const std::size_t count = std::min(piece, frames - start);
+        const std::span<float> buffer(handle.renderBuffer.data(), count * 2);
+        for (std::size_t f = 0; f < count; ++f) {
+            const float left = in[(start + f) * channels] * gain;
+            const float right = channels > 1 ? in[(start + f) * channels + 1] * gain : left;
+            buffer[f * 2] = left;
+            buffer[f * 2 + 1] = right;
+            peak = std::max({peak, std::abs(left), std::abs(right)});
+        }
+        if (render_)
+            render_(handle.bundleID, buffer, static_cast<int>(count), hostTime);
+        handle.meter.process(buffer);
+
+        int channelBase = 0;
+        for (auto& out : output.mBuffers) {
+            const int outChannels = static_cast<int>(out.mNumberChannels);
+            if (out.mData) {
+                auto* dst = static_cast<float*>(out.mData);
+                const std::size_t stride = std::max(outChannels, 1);
+                const std::size_t room = out.mDataByteSize / sizeof(float) / stride;
+                for (std::size_t f = start; f < std::min(start + count, room); ++f) {
+                    const float left = buffer[(f - start) * 2];
+                    const float right = buffer[(f - start) * 2 + 1];
+                    // Channels past the first two of the device stay silent.
+                    for (int c = 0; c < outChannels && channelBase + c < 2; ++c)
+                        dst[f * stride + static_cast<std::size_t>(c)] = kavore::ProcessTapOutputMapper::sample(
+                            left, right, channelBase + c, destinationChannels);
+                }
+            }
+            channelBase += outChannels;
+        }
+    }
+    if (peak > rawAudioThreshold)
+        handle.rawAudioCallbackCount.fetch_add(1, std::memory_order_relaxed);
+    handle.meterLevel.store(handle.meter.normalized(), std::memory_order_relaxed);
     // Only a cycle with a valid output proves that playback runs.
     if (wroteOutput)
         handle.ioCallbackCount.fetch_add(1, std::memory_order_relaxed);

@@ -90,10 +90,7 @@ IsolatedTonaviTapProvider::~IsolatedTonaviTapProvider() = default;
 
 void IsolatedTonaviTapProvider::setHooks(Hooks hooks) {
     render = std::move(hooks.render);
-    if (hooks.workerState)
-        workerStateFor = [state = std::move(hooks.workerState)](const std::string& id) {
-            return std::optional<TapWorkerState>(state(id));
-        };
+    workerStateFor = std::move(hooks.workerState);
     onAudioActivity = std::move(hooks.heard);
     routeFor = std::move(hooks.route);
     onTapFailure = std::move(hooks.tapFailed);

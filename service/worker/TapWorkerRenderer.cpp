@@ -23,10 +23,13 @@ void TapWorkerRenderer::apply(const TapWorkerState& state) {
     config.apps = {state.app};
     config.duckRules = state.duckRules;
     config.globalListening = state.globalListening;
-    engine_->apply(config);
+    // The service sends a state on every smart pass, mostly unchanged: the inputs go in without a
+    // reconcile each, and stage mode is touched only when it changes (each switch is a health event).
+    engine_->setConfigWithoutReconcile(config);
     engine_->setForceEngaged({state.app.id}, {{state.app.id, state.app.displayName}});
-    engine_->setStageMode(state.stageMode);
-    engine_->defaultOutputChanged(state.currentDefaultOutputUID);
+    if (engine_->stageMode() != state.stageMode)
+        engine_->setStageMode(state.stageMode);
+    engine_->defaultOutputChanged(state.currentDefaultOutputUID, /*reconcile=*/false);
     engine_->setFollowMe(state.followMeHero, state.followMeBackgroundGain);
     engine_->setSoftMasterGain(state.softMasterGain);
     engine_->setManualDuckDB(state.manualDuckDB);
@@ -35,6 +38,7 @@ void TapWorkerRenderer::apply(const TapWorkerState& state) {
     engine_->setLoudnessGuard(state.loudnessGuardActive, state.loudnessGuardCeilingDBFS);
     engine_->setActiveTriggers(EngagementEngine::IDSet(state.activeDuckTriggers.begin(),
                                                        state.activeDuckTriggers.end()));
+    engine_->reconcile();
 }
 
 void TapWorkerRenderer::render(std::span<float> buffer, long long frames, double hostTimeSeconds) {

@@ -80,12 +80,17 @@ TEST(DispatchTimer, RepeatsAtItsIntervalSkipsMissedTicksAndStopsWhenCancelled) {
 
 TEST(DispatchQueue, GlobalQueueRunsConcurrentlyAndMainRunsOnTheThreadThatRunsIt) {
     // Two items that each wait for the other can only finish if they run at the same time.
+    // The items own what they touch: the first may still be leaving its wait when the test ends.
     auto& g = DispatchQueue::global(QoS::utility);
-    std::promise<void> a, b, done;
-    auto fa = a.get_future().share(), fb = b.get_future().share();
-    g.async([&] { a.set_value(), fb.wait(); });
-    g.async([&] { b.set_value(), fa.wait(), done.set_value(); });
-    EXPECT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
+    struct Meeting {
+        std::promise<void> a, b, done;
+        std::shared_future<void> fa = a.get_future().share(), fb = b.get_future().share();
+    };
+    auto meeting = std::make_shared<Meeting>();
+    auto done = meeting->done.get_future();
+    g.async([meeting] { meeting->a.set_value(), meeting->fb.wait(); });
+    g.async([meeting] { meeting->b.set_value(), meeting->fa.wait(), meeting->done.set_value(); });
+    EXPECT_EQ(done.wait_for(10s), std::future_status::ready);
 
     std::atomic<bool> stop{false};
     std::thread::id ranOn;
@@ -115,17 +120,24 @@ TEST(EventSources, SignalsAndProcessExitsArriveOnTheirQueueAndNeverOnceCancelled
             ::pause();
         return pid;
     };
-    const pid_t child = startChild();
-    std::promise<std::pair<bool, int>> fired;
-    auto result = fired.get_future();
-    ProcessExitSource watch(child, q, [&, status = 0]() mutable {
-        ::waitpid(child, &status, 0);
-        fired.set_value({q.isCurrent(), WIFSIGNALED(status) ? WTERMSIG(status) : -1});
-    });
-    watch.resume();
-    EXPECT_EQ(result.wait_for(100ms), std::future_status::timeout) << "fired while the child lives";
-    ::kill(child, SIGKILL);
-    EXPECT_TRUE(result.wait_for(5s) == std::future_status::ready && result.get() == std::pair(true, SIGKILL));
+    // With a pid descriptor, and as a kernel without them makes us watch: a dead child is a zombie
+    // until the handler reaps it, and must count as gone all the same.
+    for (const bool descriptors : {true, false}) {
+        ProcessExitSource::setPidDescriptorsForTesting(descriptors);
+        const pid_t child = startChild();
+        std::promise<std::pair<bool, int>> fired;
+        auto result = fired.get_future();
+        ProcessExitSource watch(child, q, [&, status = 0]() mutable {
+            ::waitpid(child, &status, 0);
+            fired.set_value({q.isCurrent(), WIFSIGNALED(status) ? WTERMSIG(status) : -1});
+        });
+        watch.resume();
+        EXPECT_EQ(result.wait_for(150ms), std::future_status::timeout) << "fired while the child lives";
+        ::kill(child, SIGKILL);
+        EXPECT_TRUE(result.wait_for(5s) == std::future_status::ready && result.get() == std::pair(true, SIGKILL))
+            << "pid descriptors " << descriptors;
+    }
+    ProcessExitSource::setPidDescriptorsForTesting(true);
 
     // A cancelled watch never fires; a process already gone fires at once.
     const pid_t held = startChild();

@@ -117,6 +117,12 @@ TEST_F(SimPropertiesTest, ListenersHearTheirPropertyOnTheirQueueAndProcessesAndD
     EXPECT_EQ(machine.get(buds, globalAddress(kAudioObjectPropertyName), name), kAudioHardwareBadObjectError);
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.replug(budsUID); }), "");
     EXPECT_NE(idOf(budsUID), buds);
+    // Removed before the recorders go: the replug above may still be on its way to them.
+    for (auto [object, address, listener] :
+         {std::tuple{buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), &alive},
+          {speakers, leftVolume, &left},
+          {kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), &devices}})
+        EXPECT_EQ(machine.removePropertyListener(object, address, queue, listener->block), noErr);
 }
 
 // How many calls meet a fault and on which selector is the service's tests' (tap creation, device writes,
@@ -317,6 +323,8 @@ TEST_F(SimSharedWorldTest, ChangesMadeByAnyProcessFireTheListenersOfAllOnTheirQu
     EXPECT_EQ(
         std::tuple(read<std::uint32_t>(*machine, music, running), listener.offQueue(), listener.heard()),
         std::tuple(std::optional(0u), 0, std::vector{running}));
+    // Gone before its queue and its recorder: the machine's watch thread still delivers changes.
+    EXPECT_EQ(machine->removePropertyListener(music, running, queue, listener.block), noErr);
 }
 
 TEST_F(SimSharedWorldTest, DamagedFilesAreRefusedWithAMessage) {

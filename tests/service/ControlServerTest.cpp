@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <future>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -90,6 +91,21 @@ TEST_F(ControlServer, ASocketOnlyItsOwnerMayUseAnswersOneFrameOnceAndClosesOnBad
               std::tuple(true, "tonavi 9.9-test", false));
     EXPECT_NE(harness.log().find("tonavi control connection error: io error: frame too large"),
               std::string::npos);
+
+    // A reply the wire cannot carry (a driver reports a volume that is not a number) is still answered.
+    harness.edit([](SimWorld& w) {
+        for (auto& [element, value] : w.deviceByUID(usb)->volumeElements)
+            value = std::nanf("");
+        w.deviceByUID(usb)->virtualMainVolume = std::nanf("");
+        return std::string();
+    });
+    ASSERT_TRUE(harness.advanceUntil([&] {
+        reply = TonaviChannel::send(path, TonaviRequest{TonaviRequest::Status{}}, 5);
+        return !reply.ok;
+    }));
+    EXPECT_TRUE(reply.message.starts_with("The reply could not be encoded: cannot encode a number that is not "
+                                          "finite at status.devices["))
+        << reply.message;
 }
 
 TEST_F(ControlServer, ConnectionsBlockedOnTheRuntimeQueueNeverHoldUpOthers) {

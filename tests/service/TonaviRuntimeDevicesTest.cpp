@@ -38,9 +38,10 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
               std::tuple(std::string(usb), std::optional<std::int64_t>(0), std::int64_t(1)));
     EXPECT_EQ(h.onDisk().devices[0].preferredRank, 0);
 
-    // The same client's stale generation is refused at once, with nothing switched.
-    EXPECT_EQ(sendAndWait(h, R::SetOutputDeviceOrdered{"Earbuds", "ui", 1}).message,
-              "superseded by a newer output selection");
+    // The same client's stale generation is refused at once, with nothing switched and no status.
+    const TonaviReply stale = sendAndWait(h, R::SetOutputDeviceOrdered{"Earbuds", "ui", 1});
+    EXPECT_EQ(std::pair(stale.message, stale.status.has_value()),
+              std::pair(std::string("superseded by a newer output selection"), false));
     EXPECT_EQ(h.machine->world()->defaultOutputUID, usb);
 }
 
@@ -83,6 +84,15 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     const TonaviReply chosen = sendAndWait(h, R::SetOutputDevice{"Desk"});
     EXPECT_TRUE(chosen.ok) << chosen.message;
     EXPECT_EQ(h.machine->world()->defaultOutputUID, uid);
+    // The group has no hardware volume: the software master stands in, and is heard at once, not at
+    // the next smart pass.
+    ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.8}).ok);
+    const auto softMaster = [&] { return h.runtime->engine().tapWorkerState(music).value().softMasterGain; };
+    EXPECT_TRUE(h.send(R::SetOutputVolume{0.3}).ok);
+    EXPECT_EQ(softMaster(), 0.3);
+    EXPECT_TRUE(h.send(R::SetOutputMuted{true}).ok);
+    EXPECT_EQ(softMaster(), 0.0);
+    EXPECT_TRUE(h.send(R::SetOutputMuted{false}).ok);
 
     group.members.resize(1);
     const TonaviReply refused = h.send(R::SaveGroup{group}); // one member is no group; the old one stays

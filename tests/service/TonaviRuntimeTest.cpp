@@ -65,6 +65,10 @@ TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEn
         return h.runtime->engine().hasTap("com.apple.Safari") &&
                h.runtime->engine().hasTap("com.spotify.client");
     }));
+    // A worker gets the state of an app with a row, and none is started for an app without one.
+    const auto state = h.provider->hooks.workerState("com.spotify.client");
+    EXPECT_EQ(state ? state->app.volume : -1.0, 0.4);
+    EXPECT_EQ(h.provider->hooks.workerState("com.example.gone"), std::nullopt);
 }
 
 TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStartAndAFailedTapIsReported) {

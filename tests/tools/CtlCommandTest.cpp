@@ -19,7 +19,7 @@ using R = TonaviRequest;
 using Words = std::vector<std::string>;
 
 TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
-    const std::string level = " give 0...1 or 0%...100%";
+    const std::string level = " give 0...1 or 0%...100%, or +5% / -5%";
     const std::pair<Words, std::string> cases[] = {
         {{}, "no command given"},
         {{"volum", "Music", "0.5"},
@@ -31,6 +31,8 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
         {{"volume", "Music", "nan"}, "volume level \"nan\" is not a number;" + level},
         {{"volume", "Music", "1.5"}, "volume level 1.5 is out of range;" + level},
         {{"volume", "Music", "150%"}, "volume level 150% is out of range;" + level},
+        {{"volume", "Music", "+150%"}, "volume level +150% is out of range;" + level},
+        {{"mute", "Music", "flip"}, "mute takes one application (tonavictl help)"},
         {{"boost", "Music", "5"}, "boost factor 5 is out of range; give 1...4"},
         {{"mute", "Music", "Safari"}, "mute takes one application (tonavictl help)"},
         {{"stage", "maybe"}, "stage takes on or off"},
@@ -52,7 +54,7 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
         {{"ping", "now"}, "ping takes no arguments"},
         {{"send"}, "send takes one argument, the request JSON in quotes"},
         {{"output"}, "output takes one device (tonavictl help)"},
-        {{"device-volume", "USB", "2"}, "device volume \"2\" is not a level;" + level},
+        {{"device-volume", "USB", "2"}, "device volume 2 is out of range;" + level},
         {{"prefer"}, "prefer takes one or more devices, most preferred first (tonavictl help)"},
         {{"lock", "balance", "on"}, "lock takes volume, mute or rate, then on or off"},
         {{"group", "create", "Desk", "BuiltIn"}, "group takes create NAME DEVICE DEVICE... or delete NAME"},
@@ -63,6 +65,11 @@ TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
     // Names that do not resolve stop the request.
     const std::pair<Words, std::string> unresolved[] = {
         {{"solo", "Music", "Chrome"}, "no application matches \"Chrome\" (tonavictl status lists them)"},
+        // An identifier the status does not list yet is sent, but nothing can be changed from its value.
+        {{"mute", "com.spotify.Client", "toggle"},
+         "com.spotify.Client is not in the status yet, so it has no mute to toggle"},
+        {{"volume", "com.spotify.Client", "-5%"},
+         "com.spotify.Client is not in the status yet, so it has no volume to change; give a level"},
         {{"redirect", "Music", "AirPods"},
          "no output device matches \"AirPods\" (tonavictl status lists them)"},
         // An input is never an output, nor offered as one.
@@ -107,6 +114,16 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
         {{"devices"}, R{R::ListDevices{}}},
         {{"output", "desk cans"}, R{R::SetOutputDevice{"USB-HP"}}},
         {{"output", "Living"}, R{R::SetOutputDevice{livingGroupUID}}},
+        {{"redirect", "Music", "living"}, R{R::SetAppRedirect{"com.apple.Music", livingGroupUID}}},
+        {{"output", "@default"}, R{R::SetOutputDevice{"BuiltIn"}}},
+        {{"redirect", "Music", "@default"}, R{R::SetAppRedirect{"com.apple.Music", "BuiltIn"}}},
+        {{"device-volume", "@default", "-25%"}, R{R::SetDeviceVolume{"BuiltIn", 0.25}}},
+        {{"device-volume", "BuiltIn", "+0.75"}, R{R::SetDeviceVolume{"BuiltIn", 1.0}}},
+        {{"volume", "Music", "-25%"}, R{R::SetAppVolume{"com.apple.Music", 0.25}}},
+        {{"volume", "Music", "+60%"}, R{R::SetAppVolume{"com.apple.Music", 1.0}}},
+        {{"volume", "com.spotify.Client", "0.5"}, R{R::SetAppVolume{"com.spotify.Client", 0.5}}},
+        {{"mute", "Safari", "toggle"}, R{R::SetAppMuted{"com.apple.Safari", false}}},
+        {{"mute", "Music", "toggle"}, R{R::SetAppMuted{"com.apple.Music", true}}},
         {{"device-volume", "usb headphones", "40%"}, R{R::SetDeviceVolume{"USB-HP", 0.4}}},
         {{"device-mute", "macbook pro microphone"}, R{R::SetDeviceMuted{"Mic", true}}},
         {{"show", "Gone-Device-UID"}, R{R::SetDeviceHidden{"Gone-Device-UID", false}}},
@@ -122,11 +139,15 @@ TEST(CtlCommand, EachLineBecomesItsRequestWithNamesResolved) {
         {{"apps"}, R{R::ListRunningAudioApps{}}},
         {{"apps", "--json", "--installed"}, R{R::ListInstalledApps{}}},
     };
-    const auto status = sampleStatus();
+    // The group's aggregate as the service names it; the configuration knows the group by its ID.
+    auto status = sampleStatus();
+    status.devices[3].name = "Tonavi Group — Living";
+    TonaviConfig config;
+    config.groups = {OutputGroup{.id = "g-1", .name = "Living"}};
     for (const auto& [words, request] : cases) {
         const auto parsed = CtlCommand::parse(words);
         ASSERT_TRUE(parsed.command) << parsed.error;
-        const auto built = parsed.command->toRequest(&status, &locks);
+        const auto built = parsed.command->toRequest(&status, &locks, nullptr, &config);
         ASSERT_TRUE(built.request) << words.front() << ": " << built.error;
         EXPECT_EQ(*built.request, request) << words.front() << " " << words.back();
     }

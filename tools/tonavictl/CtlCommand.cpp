@@ -4,7 +4,6 @@
 #include "audio/effects/EQPresets.hpp"
 #include "audio/effects/EffectSettingsJSON.hpp"
 #include "base/Encoding.hpp"
-#include "core/outputs/OutputGroupIdentity.hpp"
 #include "core/wire/TonaviStatus.hpp"
 #include "tools/tonavictl/NameResolver.hpp"
 
@@ -20,8 +19,8 @@ namespace tonavi {
 const char* const ctlUsageText =
     "usage: tonavictl <command> [arguments]\n"
     "  status [--json]            applications and devices as tables (--json: the raw reply)\n"
-    "  volume APP LEVEL           set an application's volume: 0...1 or 0%...100%\n"
-    "  mute APP | unmute APP      mute or unmute an application\n"
+    "  volume APP LEVEL           set an application's volume: 0...1 or 0%...100%, or +5% / -5% from now\n"
+    "  mute APP [toggle] | unmute APP  mute or unmute an application; toggle flips it\n"
     "  solo [APP...]              hear only these applications; with none, end the solo\n"
     "  stage on|off               release every tap (on) or restore every setting (off)\n"
     "  boost APP FACTOR           amplify an application 1...4 times\n"
@@ -32,7 +31,7 @@ const char* const ctlUsageText =
     "  diagnostics                print the service's support dump (JSON)\n"
     "  devices                    the audio devices as a table\n"
     "  output DEVICE              make DEVICE the system output; prints where the output really is\n"
-    "  device-volume DEVICE LEVEL set a device's volume: 0...1 or 0%...100%\n"
+    "  device-volume DEVICE LEVEL set a device's volume: 0...1 or 0%...100%, or +5% / -5% from now\n"
     "  device-mute DEVICE | device-unmute DEVICE\n"
     "  hide DEVICE | show DEVICE  remove a device from Tonavi, or restore it\n"
     "  prefer DEVICE...           the preferred outputs, most preferred first\n"
@@ -64,8 +63,9 @@ const char* const ctlUsageText =
     "  send '<request JSON>'      send any request and print the reply JSON\n"
     "  sim <command> ...          drive the simulated machine (tonavictl sim help)\n"
     "  help                       this text\n"
-    "APP is a bundle identifier or an application's name, DEVICE a device UID, name or nickname; names\n"
-    "ignore case. Exit status: 0 done, 1 refused by the service or nothing matches a name, 2 the service\n"
+    "APP is a bundle identifier or an application's name; an identifier with a dot is sent as it is even\n"
+    "when the status does not list it yet. DEVICE is a device UID, name or nickname, an output group's name,\n"
+    "or @default for the current output; names ignore case. Exit status: 0 done, 1 refused by the service or nothing matches a name, 2 the service\n"
     "cannot be reached, 64 wrong arguments.\n";
 
 namespace {
@@ -118,22 +118,21 @@ constexpr VerbName verbNames[] = {
 
 constexpr const char* smartFeatures[] = {"follow-me", "guard", "duck", "mic-follow"};
 
-// Every device of a status, inputs too, by UID, name and nickname.
-NameResolver allDevices(const TonaviStatus& status) {
+// The output groups of the configuration, by ID and by the name the user gave them. (The status only
+// has their aggregates, whose UIDs are a hash of the ID.)
+NameResolver groups(const TonaviConfig& config) {
     std::vector<NameResolver::Candidate> candidates;
-    for (const auto& device : status.devices)
-        candidates.push_back({device.id, device.name, device.nickname});
-    return NameResolver("device", std::move(candidates));
+    for (const auto& group : config.groups)
+        candidates.push_back({group.id, group.name, {}});
+    return NameResolver("output group", std::move(candidates));
 }
 
-// The output groups of a status: the aggregates carrying the group prefix, by group ID and name.
-NameResolver groups(const TonaviStatus& status) {
-    std::vector<NameResolver::Candidate> candidates;
-    const std::string_view prefix = OutputGroupIdentity::aggregateUIDPrefix;
-    for (const auto& device : status.devices)
-        if (device.id.starts_with(prefix))
-            candidates.push_back({device.id.substr(prefix.size()), device.name, {}});
-    return NameResolver("output group", std::move(candidates));
+// A word that is itself an application's identifier: the service's own rules decide whether it may be
+// controlled, so it is sent even before the status lists the application (right after a start, the
+// status comes from the configuration alone).
+bool looksLikeAppIdentifier(const std::string& word) {
+    return word.find('.') != std::string::npos && word.front() != '.' && word.back() != '.' &&
+           std::none_of(word.begin(), word.end(), [](unsigned char ch) { return std::isspace(ch); });
 }
 
 std::optional<double> number(const std::string& word, bool allowPercent) {
@@ -150,6 +149,21 @@ std::optional<double> number(const std::string& word, bool allowPercent) {
     if (end != digits.c_str() + digits.size() || !std::isfinite(value))
         return std::nullopt;
     return percent ? value / 100.0 : value;
+}
+
+// "+5%" and "-0.1" move a level from where it is; the rest set it.
+bool relativeLevel(const std::string& word) {
+    return !word.empty() && (word.front() == '+' || word.front() == '-');
+}
+
+// A level word for volume and device-volume: an absolute level in 0...1, or a change of at most 1.
+std::optional<std::string> checkLevel(const std::string& word, const std::string& what) {
+    const auto level = number(word, true);
+    if (!level)
+        return what + " \"" + word + "\" is not a number; give 0...1 or 0%...100%, or +5% / -5%";
+    if (relativeLevel(word) ? std::abs(*level) > 1 : *level < 0 || *level > 1)
+        return what + " " + word + " is out of range; give 0...1 or 0%...100%, or +5% / -5%";
+    return std::nullopt;
 }
 
 CtlCommand::Parsed fail(std::string error) {
@@ -462,16 +476,20 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
     case Verb::volume: {
         if (rest.size() != 2)
             return fail("volume takes an application and a level, e.g. volume Music 0.5" + usageHint);
-        const auto level = number(rest[1], true);
-        if (!level)
-            return fail("volume level \"" + rest[1] + "\" is not a number; give 0...1 or 0%...100%");
-        if (*level < 0 || *level > 1)
-            return fail("volume level " + rest[1] + " is out of range; give 0...1 or 0%...100%");
+        if (auto error = checkLevel(rest[1], "volume level"))
+            return fail(*error);
         c.apps = {rest[0]};
-        c.amount = *level;
+        c.amount = *number(rest[1], true);
+        c.relative = relativeLevel(rest[1]);
         break;
     }
     case Verb::mute:
+        if (rest.size() == 2 && rest[1] == "toggle") {
+            c.apps = {rest[0]};
+            c.toggle = true;
+            break;
+        }
+        [[fallthrough]];
     case Verb::unmute:
     case Verb::reset:
         if (rest.size() != 1)
@@ -517,11 +535,11 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
         if (rest.size() != 2)
             return fail("device-volume takes a device and a level, e.g. device-volume Headphones 0.4" +
                         usageHint);
-        const auto level = number(rest[1], true);
-        if (!level || *level < 0 || *level > 1)
-            return fail("device volume \"" + rest[1] + "\" is not a level; give 0...1 or 0%...100%");
+        if (auto error = checkLevel(rest[1], "device volume"))
+            return fail(*error);
         c.device = rest[0];
-        c.amount = *level;
+        c.amount = *number(rest[1], true);
+        c.relative = relativeLevel(rest[1]);
         break;
     }
     case Verb::prefer:
@@ -563,14 +581,15 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
 }
 
 bool CtlCommand::needsStatus() const {
-    return !apps.empty() || !device.empty() || !devices.empty() || verb == Verb::groupDelete ||
-           verb == Verb::laneRemove || verb == Verb::duckRuleRemove;
+    return !apps.empty() || !device.empty() || !devices.empty() || verb == Verb::laneRemove ||
+           verb == Verb::duckRuleRemove;
 }
 
 bool CtlCommand::needsConfig() const {
     switch (verb) {
     case Verb::eq:
         return text != "off";
+    case Verb::groupDelete:
     case Verb::eqPresetSave:
     case Verb::eqPresetDelete:
     case Verb::laneAdd:
@@ -600,6 +619,8 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         const auto resolver = NameResolver::applications(*status);
         for (const auto& word : apps) {
             auto resolved = resolver.resolve(word);
+            if (!resolved.id && looksLikeAppIdentifier(word))
+                resolved.id = word;
             if (!resolved.id)
                 return {std::nullopt, resolved.error};
             if (std::find(ids.begin(), ids.end(), *resolved.id) == ids.end())
@@ -614,10 +635,23 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
     case Verb::diagnostics:
         return {R{R::Diagnostics{}}, {}};
     case Verb::volume:
-        return {R{R::SetAppVolume{ids[0], amount}}, {}};
-    case Verb::mute:
+    case Verb::mute: {
+        if (verb == Verb::volume && !relative)
+            return {R{R::SetAppVolume{ids[0], amount}}, {}};
+        if (verb == Verb::mute && !toggle)
+            return {R{R::SetAppMuted{ids[0], true}}, {}};
+        // A change from the current value needs the application in the status.
+        const auto app = std::find_if(status->apps.begin(), status->apps.end(),
+                                      [&](const auto& a) { return a.id == ids[0]; });
+        if (app == status->apps.end())
+            return {std::nullopt, ids[0] + " is not in the status yet, so it has no " +
+                                      (toggle ? "mute to toggle" : "volume to change; give a level")};
+        if (toggle)
+            return {R{R::SetAppMuted{ids[0], !app->muted}}, {}};
+        return {R{R::SetAppVolume{ids[0], std::clamp(app->volume + amount, 0.0, 1.0)}}, {}};
+    }
     case Verb::unmute:
-        return {R{R::SetAppMuted{ids[0], verb == Verb::mute}}, {}};
+        return {R{R::SetAppMuted{ids[0], false}}, {}};
     case Verb::solo:
         return {R{R::SetSoloApps{ids}}, {}};
     case Verb::stage:
@@ -629,17 +663,22 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
     case Verb::redirect: {
         if (device == "default")
             return {R{R::SetAppRedirect{ids[0], ""}}, {}};
+        // "@default" is the output playing now: the app stays there when the system output moves.
         auto resolved = NameResolver::outputDevices(*status).resolve(device);
         if (!resolved.id)
             return {std::nullopt, resolved.error};
         return {R{R::SetAppRedirect{ids[0], *resolved.id}}, {}};
     }
     case Verb::eq: {
-        // The request replaces the whole chain, so the app's boost is carried over into the new one.
+        // The request replaces the whole chain, so the app's boost is carried over into the new one,
+        // from the status, or from the configuration for an app the status does not list yet.
         kavore::ChainSettings chain;
         const auto app = std::find_if(status->apps.begin(), status->apps.end(),
                                       [&](const auto& a) { return a.id == ids[0]; });
-        chain.overdrive = kavore::OverdriveSettings(app->boost);
+        if (app != status->apps.end())
+            chain.overdrive = kavore::OverdriveSettings(app->boost);
+        else if (const AppAudioState* row = config ? config->app(ids[0]) : nullptr)
+            chain.overdrive = row->chain.overdrive;
         if (text != "off") {
             const auto preset = findPreset(text, config);
             if (!preset)
@@ -816,7 +855,7 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         return {R{R::SetSmartSettings{std::move(next)}}, {}};
     }
     case Verb::groupDelete: {
-        auto resolved = groups(*status).resolve(text);
+        auto resolved = groups(*config).resolve(text);
         if (!resolved.id)
             return {std::nullopt, resolved.error};
         return {R{R::DeleteGroup{*resolved.id}}, {}};
@@ -830,7 +869,7 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
             return {std::nullopt, "no status to resolve names in"};
         const NameResolver resolver = verb == Verb::output        ? NameResolver::outputDevices(*status)
                                       : verb == Verb::groupCreate ? NameResolver::outputDevices(*status)
-                                                                  : allDevices(*status);
+                                                                  : NameResolver::allDevices(*status);
         std::vector<std::string> uids;
         for (const auto& word : device.empty() ? devices : std::vector<std::string>{device}) {
             auto resolved = resolver.resolve(word);
@@ -844,8 +883,16 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         switch (verb) {
         case Verb::output:
             return {R{R::SetOutputDevice{uids[0]}}, {}};
-        case Verb::deviceVolume:
-            return {R{R::SetDeviceVolume{uids[0], amount}}, {}};
+        case Verb::deviceVolume: {
+            if (!relative)
+                return {R{R::SetDeviceVolume{uids[0], amount}}, {}};
+            const auto found = std::find_if(status->devices.begin(), status->devices.end(),
+                                            [&](const auto& d) { return d.id == uids[0]; });
+            if (found == status->devices.end())
+                return {std::nullopt, uids[0] + " is not in the status yet, so it has no volume to change; "
+                                                "give a level"};
+            return {R{R::SetDeviceVolume{uids[0], std::clamp(found->volume + amount, 0.0, 1.0)}}, {}};
+        }
         case Verb::deviceMute:
         case Verb::deviceUnmute:
             return {R{R::SetDeviceMuted{uids[0], verb == Verb::deviceMute}}, {}};

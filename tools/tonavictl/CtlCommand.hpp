@@ -76,6 +76,8 @@ struct CtlCommand {
     std::vector<std::string> apps;    // application words as typed
     std::string device;               // a device word as typed, or "default" for no redirect
     double amount = 0;                // volume 0...1, boost multiplier 1...4
+    bool relative = false;            // volume and device-volume: amount is a change, -1...1
+    bool toggle = false;              // mute APP toggle
     bool on = false;                  // stage on|off
     bool json = false;                // status, smart and recent --json
     bool once = false;                // mixer --once: one frame, then exit

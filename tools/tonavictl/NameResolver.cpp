@@ -1,5 +1,6 @@
 #include "tools/tonavictl/NameResolver.hpp"
 
+#include "core/outputs/OutputGroupIdentity.hpp"
 #include "core/wire/TonaviStatus.hpp"
 
 #include <algorithm>
@@ -72,15 +73,45 @@ NameResolver NameResolver::applications(const TonaviStatus& status) {
     return NameResolver("application", std::move(candidates));
 }
 
+namespace {
+
+// A device by UID, name and nickname. An output group's aggregate is named "Tonavi Group — NAME";
+// without a nickname of its own it also answers to NAME, the name the user typed when creating it.
+NameResolver devicesOf(const TonaviStatus& status, bool outputsOnly, std::string kind) {
+    std::vector<NameResolver::Candidate> candidates;
+    const std::string_view groupPrefix = OutputGroupIdentity::aggregateNamePrefix;
+    for (const auto& device : status.devices) {
+        if (outputsOnly && !device.isOutput)
+            continue;
+        std::string alias = device.nickname;
+        if (alias.empty() && device.id.starts_with(OutputGroupIdentity::aggregateUIDPrefix) &&
+            device.name.starts_with(groupPrefix))
+            alias = device.name.substr(groupPrefix.size());
+        candidates.push_back({device.id, device.name, std::move(alias)});
+    }
+    return NameResolver(std::move(kind), std::move(candidates));
+}
+
+} // namespace
+
 NameResolver NameResolver::outputDevices(const TonaviStatus& status) {
-    std::vector<Candidate> candidates;
-    for (const auto& device : status.devices)
-        if (device.isOutput)
-            candidates.push_back({device.id, device.name, device.nickname});
-    return NameResolver("output device", std::move(candidates));
+    auto resolver = devicesOf(status, true, "output device");
+    resolver.currentOutput_ = status.defaultOutputUID;
+    return resolver;
+}
+
+NameResolver NameResolver::allDevices(const TonaviStatus& status) {
+    auto resolver = devicesOf(status, false, "device");
+    resolver.currentOutput_ = status.defaultOutputUID;
+    return resolver;
 }
 
 NameResolver::Result NameResolver::resolve(std::string_view query) const {
+    if (currentOutput_ && query == currentOutputWord) {
+        if (currentOutput_->empty())
+            return {std::nullopt, "there is no current output for " + std::string(currentOutputWord)};
+        return {*currentOutput_, {}};
+    }
     for (const auto& c : candidates_)
         if (c.id == query)
             return {c.id, {}};

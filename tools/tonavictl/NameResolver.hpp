@@ -30,10 +30,16 @@ class NameResolver {
 
     // The applications of a status, by bundle identifier and display name.
     static NameResolver applications(const TonaviStatus& status);
-    // The output devices of a status, by UID, name and nickname.
+    // The output devices of a status, by UID, name and nickname; an output group also by the name
+    // the user gave it. "@default" is the current output.
     static NameResolver outputDevices(const TonaviStatus& status);
+    // Every device of a status, inputs too, the same way.
+    static NameResolver allDevices(const TonaviStatus& status);
+    // The word that stands for the current output wherever a device is taken.
+    static constexpr std::string_view currentOutputWord = "@default";
 
-    // Exact identifier, then identifier ignoring case, then name or alias ignoring case.
+    // "@default" (when the resolver knows the current output), exact identifier, then identifier
+    // ignoring case, then name or alias ignoring case.
     Result resolve(std::string_view query) const;
 
     // Up to `limit` candidates close to the query, closest first, as "Name (id)": those whose name,
@@ -43,6 +49,7 @@ class NameResolver {
   private:
     std::string kind_;
     std::vector<Candidate> candidates_;
+    std::optional<std::string> currentOutput_; // set for devices: the status's default output UID
 };
 
 // Levenshtein distance over bytes.

@@ -1,10 +1,13 @@
 // The pure decisions around a live tap: when its process group has drifted, when it has gone quiet,
-// and which apps hold a standing claim to one. (The app that plays digital silence is the watchdog's test.)
+// which apps hold a standing claim to one, and how tap work on one key coalesces. (The app that plays
+// digital silence is the watchdog's test.)
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <vector>
 
+#include "service/CoalescedRefreshState.hpp"
 #include "service/taps/OutputEligibility.hpp"
 #include "service/taps/TapActivityWindow.hpp"
 #include "service/taps/TapProcessIdentity.hpp"
@@ -30,6 +33,23 @@ TEST(TapProcessIdentity, NeedsRefreshFollowsTheFirstRuleThatApplies) {
     };
     for (const auto& [what, current, refresh] : cases)
         EXPECT_EQ(bound.needsRefresh(current), refresh) << what;
+}
+
+TEST(CoalescedRefreshState, RequestsDuringAPassCostExactlyOneMorePass) {
+    CoalescedRefreshState state;
+    EXPECT_EQ(state.generationForNextPass("a"), 0u);
+    ASSERT_TRUE(state.request("a")); // idle: the caller starts a pass
+    const auto first = state.generationForNextPass("a");
+    // Three requests while it runs start nothing, and another key is not held up by it.
+    EXPECT_EQ(std::vector({state.request("a"), state.request("a"), state.request("b"), state.request("a")}),
+              std::vector({false, false, true, false}));
+    EXPECT_TRUE(state.finishPass("a", first)); // one more pass covers all three
+    const auto second = state.generationForNextPass("a");
+    EXPECT_GT(second, first);
+    EXPECT_FALSE(state.finishPass("a", second));
+    EXPECT_FALSE(state.isActive("a"));
+    EXPECT_TRUE(state.isActive("b"));
+    EXPECT_TRUE(state.request("a")); // idle again
 }
 
 TEST(TapActivityWindow, CountsFromTheLastSoundOrElseFromCreation) {

@@ -174,7 +174,7 @@ TEST_F(IsolatedProviderTest, AStartThatFailsOrNeedNotHappenLeavesNoWorkerAndSays
     auto refusing = makeProvider(folder.script("worker", readyWorker));
     EXPECT_EQ(refusing->createTap("com.rogueamoeba.Loopback"), nullptr);
     EXPECT_EQ(refusing->createTap("com.example.silent"), nullptr);
-    refusing->workerStateFor = [](const std::string&) { return std::nullopt; };
+    refusing->setHooks({.workerState = [](const std::string&) { return std::optional<TapWorkerState>(); }});
     EXPECT_EQ(refusing->createTap("com.example.player"), nullptr);
     EXPECT_EQ(folder.lineCount("launches"), 0);
 

@@ -2,6 +2,8 @@
 // killed service, are the end-to-end mixing test's.)
 
 #include "service/worker/TapWorkerEnvelope.hpp"
+#include "service/worker/TapWorkerEventWriter.hpp"
+#include "service/worker/TapWorkerRenderer.hpp"
 
 #include "WorkerTestSupport.hpp"
 #include "platform/sim/SimWorldFile.hpp"
@@ -62,4 +64,21 @@ TEST(TonaviTapWorker, RefusesBadStartsWithItsExitStatuses) {
     };
     for (const auto& [arguments, input, status, output] : cases)
         EXPECT_EQ(runWorker(folder, arguments, input), std::pair(status, output)) << input;
+}
+
+TEST(TonaviTapWorker, ARendererRecordsAStageModeSwitchOnlyWhenTheStateChangesIt) {
+    // The service sends a state on every smart pass; one that repeats leaves the health log alone.
+    TapWorkerState state;
+    state.app = AppAudioState("com.apple.Music");
+    TapWorkerEventWriter writer(-1);
+    TapWorkerRenderer renderer(state, writer, 48000.0);
+    for (const bool stage : {false, false, true, true, false, false}) {
+        state.stageMode = stage;
+        renderer.apply(state);
+    }
+    std::vector<std::string> heard;
+    for (const auto& event : renderer.engine().healthLog())
+        heard.push_back(event.kind + ": " + event.detail);
+    EXPECT_EQ(heard, (std::vector<std::string>{"stage-mode: engaged: every app tap released to the OS direct path",
+                                               "stage-mode: released"}));
 }

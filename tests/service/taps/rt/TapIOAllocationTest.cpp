@@ -1,47 +1,64 @@
 // The tap's IO cycle runs on the device's real-time thread: it must not touch the heap, whatever the
-// output layout, except once when the quantum changes.
+// output layout and whatever quantum the graph picks, through the worker's whole render path.
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "bench/audio/FullChainSettings.hpp"
+#include "service/worker/TapWorkerEventWriter.hpp"
+#include "service/worker/TapWorkerRenderer.hpp"
 #include "tests/audio/rt/AllocationCounter.hpp"
 #include "tests/service/taps/TapTestSupport.hpp"
 
 namespace tonavi {
 namespace {
 
-TEST(TapIOCycle, AllocatesOnlyWhenTheQuantumChanges) {
+TEST(TapIOCycle, TheWorkerRenderPathNeverAllocatesAcrossQuantumChanges) {
     test::SimLaptop laptop;
     auto provider = laptop.makeProvider();
     provider->setRouteFor([](const std::string&) { return std::string(test::SimLaptop::usb); });
-    provider->setRender([](const std::string&, std::span<float> buffer, int, std::uint64_t) {
-        for (float& s : buffer)
-            s *= 1.0f;
+
+    // What a worker renders with: its own engine, the app's chain, a fader that is not at unity (the
+    // smoother) and the loudness guard (the limiter).
+    TapWorkerState state;
+    state.app.id = "com.apple.Music";
+    state.app.displayName = "Music";
+    state.app.volume = 0.5;
+    state.app.chain = kavore::bench::fullChainSettings();
+    state.loudnessGuardActive = true;
+    state.loudnessGuardCeilingDBFS = -12.0;
+    const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    TapWorkerEventWriter writer(devNull);
+    TapWorkerRenderer renderer(state, writer, 48000.0);
+    provider->setRender([&](const std::string&, std::span<float> buffer, int frames, std::uint64_t hostTime) {
+        renderer.render(buffer, frames, static_cast<double>(hostTime) / 1e9);
     });
     auto handle = std::dynamic_pointer_cast<TonaviTapHandle>(provider->createTap("com.apple.Music"));
     ASSERT_TRUE(handle);
-    const std::tuple<std::size_t, std::vector<std::uint32_t>, std::size_t> cases[] = {
-        {128, {2}, 0}, {128, {6}, 0}, {128, {1, 1}, 0}, {256, {2}, 1}, {256, {2, 2}, 0}};
-    for (const auto& [frames, outputs, onFirstCycle] : cases) {
+
+    // The quantum changes between cases; the last is past the largest the buffer is sized for.
+    const std::tuple<std::size_t, std::vector<std::uint32_t>> cases[] = {
+        {128, {2}}, {128, {6}}, {128, {1, 1}}, {256, {2}}, {256, {2, 2}}, {1024, {2}}, {8192, {2}}, {9000, {2}}};
+    for (const auto& [frames, outputs] : cases) {
         test::BufferSet in({2}, frames), out(outputs, frames);
         std::fill(in.streams[0].begin(), in.streams[0].end(), 0.25f);
         auto input = in.list(), output = out.list();
-        std::size_t first = 0, steady = 0;
+        std::size_t allocations = 0;
         {
             kavore::test::AllocationCounter counter;
-            provider->ioCycle(*handle, input, output, {}); // no host time: the hardware is asked
-            first = counter.count();
+            for (int i = 0; i < 50; ++i)
+                provider->ioCycle(*handle, input, output, {}); // no host time: the hardware is asked
+            allocations = counter.count();
         }
-        {
-            kavore::test::AllocationCounter counter;
-            for (int i = 0; i < 500; ++i)
-                provider->ioCycle(*handle, input, output, {});
-            steady = counter.count();
-        }
-        EXPECT_EQ(first, onFirstCycle) << frames << " frames, " << outputs.size() << " streams";
-        EXPECT_EQ(steady, 0u) << frames << " frames, " << outputs.size() << " streams";
-        EXPECT_EQ(out.streams[0][0], 0.25f) << "written, not just left alone";
+        EXPECT_EQ(allocations, 0u) << frames << " frames, " << outputs.size() << " streams";
+        // Rendered to the last frame, and through the chain and the fader rather than passed on.
+        const float last = out.streams[0][(frames - 1) * outputs[0]];
+        EXPECT_TRUE(last != 0.0f && std::abs(last - 0.25f) > 1e-3f) << frames << " frames: " << last;
     }
-    EXPECT_EQ(handle->ioCallbackCount.load(), 5u * 501u);
+    EXPECT_EQ(handle->ioCallbackCount.load(), std::size(cases) * 50u);
+    ::close(devNull);
 }
 
 } // namespace
