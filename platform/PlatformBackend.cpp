@@ -9,6 +9,7 @@
 #include "platform/pipewire/PipeWireAudioHardware.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 #include "platform/pipewire/PipeWireWorkspace.hpp"
+#include "platform/sim/SimMIDI.hpp"
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
 
@@ -34,7 +35,9 @@ std::unique_ptr<PlatformBackend> makeSim(std::string& error) {
     if (!machine)
         return nullptr;
     auto workspace = std::make_shared<SimWorkspace>(machine);
-    return std::make_unique<PlatformBackend>("sim", machine, workspace);
+    auto backend = std::make_unique<PlatformBackend>("sim", machine, workspace);
+    backend->setMIDIFactory([machine] { return std::make_shared<SimMIDI>(machine); });
+    return backend;
 }
 
 std::unique_ptr<PlatformBackend> makePipeWire(std::string& error) {
@@ -59,6 +62,13 @@ std::vector<DesktopEntry> PlatformBackend::installedApplications() const {
         return entries;
     }
     return DesktopEntries::read(DesktopEntries::applicationFolders(), DesktopEntries::currentLocale());
+}
+
+std::shared_ptr<MIDISystem> PlatformBackend::midi() {
+    std::lock_guard<std::mutex> guard(midiLock_);
+    if (!midi_ && midiFactory_)
+        midi_ = midiFactory_();
+    return midi_;
 }
 
 std::string PlatformBackend::requestedName() {
