@@ -8,6 +8,7 @@
 #include "base/Paths.hpp"
 #include "platform/pipewire/PipeWireAudioHardware.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
+#include "platform/pipewire/PipeWireMIDI.hpp"
 #include "platform/pipewire/PipeWireWorkspace.hpp"
 #include "platform/sim/SimMIDI.hpp"
 #include "platform/sim/SimMachine.hpp"
@@ -46,7 +47,10 @@ std::unique_ptr<PlatformBackend> makePipeWire(std::string& error) {
         return nullptr;
     auto audio = std::make_shared<PipeWireAudioHardware>(connection);
     auto workspace = std::make_shared<PipeWireWorkspace>(connection);
-    return std::make_unique<PlatformBackend>("pipewire", audio, workspace);
+    auto backend = std::make_unique<PlatformBackend>("pipewire", audio, workspace);
+    // A connection of its own: MIDI's thread loop never waits behind the graph's.
+    backend->setMIDIFactory([] { return std::make_shared<PipeWireMIDI>(); });
+    return backend;
 }
 } // namespace
 
