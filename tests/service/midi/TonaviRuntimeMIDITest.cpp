@@ -157,7 +157,11 @@ TEST(MIDIRuntime, AControlChangeFromASourceMovesAnAppsVolume) {
     EXPECT_EQ(midi->connected, std::set<MIDIEndpointRef>{40});
 
     midi->sendControlChange(2, 7, 64); // channel 3
-    EXPECT_TRUE(waitUntil([&] { return std::abs(live(h).app(music)->volume - 64 / 127.0) < 1e-9; }));
+    // Music has no row until the first message makes one.
+    EXPECT_TRUE(waitUntil([&] {
+        const TonaviConfig config = live(h);
+        return config.app(music) && std::abs(config.app(music)->volume - 64 / 127.0) < 1e-9;
+    }));
     midi->sendControlChange(0, 7, 127); // channel 1: not this mapping
     h.runtime->midiQueue().sync([] {});
     EXPECT_NEAR(live(h).app(music)->volume, 64 / 127.0, 1e-9);
