@@ -8,7 +8,9 @@
 #include "base/Paths.hpp"
 #include "platform/pipewire/PipeWireAudioHardware.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
+#include "platform/pipewire/PipeWireMIDI.hpp"
 #include "platform/pipewire/PipeWireWorkspace.hpp"
+#include "platform/sim/SimMIDI.hpp"
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
 
@@ -34,7 +36,9 @@ std::unique_ptr<PlatformBackend> makeSim(std::string& error) {
     if (!machine)
         return nullptr;
     auto workspace = std::make_shared<SimWorkspace>(machine);
-    return std::make_unique<PlatformBackend>("sim", machine, workspace);
+    auto backend = std::make_unique<PlatformBackend>("sim", machine, workspace);
+    backend->setMIDIFactory([machine] { return std::make_shared<SimMIDI>(machine); });
+    return backend;
 }
 
 std::unique_ptr<PlatformBackend> makePipeWire(std::string& error) {
@@ -43,7 +47,10 @@ std::unique_ptr<PlatformBackend> makePipeWire(std::string& error) {
         return nullptr;
     auto audio = std::make_shared<PipeWireAudioHardware>(connection);
     auto workspace = std::make_shared<PipeWireWorkspace>(connection);
-    return std::make_unique<PlatformBackend>("pipewire", audio, workspace);
+    auto backend = std::make_unique<PlatformBackend>("pipewire", audio, workspace);
+    // A connection of its own: MIDI's thread loop never waits behind the graph's.
+    backend->setMIDIFactory([] { return std::make_shared<PipeWireMIDI>(); });
+    return backend;
 }
 } // namespace
 
@@ -59,6 +66,13 @@ std::vector<DesktopEntry> PlatformBackend::installedApplications() const {
         return entries;
     }
     return DesktopEntries::read(DesktopEntries::applicationFolders(), DesktopEntries::currentLocale());
+}
+
+std::shared_ptr<MIDISystem> PlatformBackend::midi() {
+    std::lock_guard<std::mutex> guard(midiLock_);
+    if (!midi_ && midiFactory_)
+        midi_ = midiFactory_();
+    return midi_;
 }
 
 std::string PlatformBackend::requestedName() {

@@ -3,11 +3,14 @@
 // TONAVI_AUDIO_BACKEND and inherited by child processes (the variable is set when absent).
 // Without the variable, "pipewire" where a PipeWire server answers for this user, else "sim".
 
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "platform/AudioHardware.hpp"
 #include "platform/DesktopEntries.hpp"
+#include "platform/MIDISystem.hpp"
 #include "platform/Workspace.hpp"
 
 namespace tonavi {
@@ -37,8 +40,15 @@ class PlatformBackend {
     // The applications installed on this machine: the user's desktop entries on a real one, the
     // world's list on the simulated one. Reads files; blocks.
     std::vector<DesktopEntry> installedApplications() const;
+    // The MIDI sources of this machine, made at the first call (tap workers never ask); null when
+    // the backend has no MIDI.
+    std::shared_ptr<MIDISystem> midi();
+    void setMIDIFactory(std::function<std::shared_ptr<MIDISystem>()> factory) { midiFactory_ = std::move(factory); }
 
   private:
+    std::mutex midiLock_; // leaf: guards the two fields below
+    std::function<std::shared_ptr<MIDISystem>()> midiFactory_;
+    std::shared_ptr<MIDISystem> midi_;
     std::string name_;
     std::shared_ptr<AudioHardware> audio_;
     std::shared_ptr<Workspace> workspace_;

@@ -32,7 +32,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
       audio_(std::move(environment.audio)), workspace_(std::move(environment.workspace)),
       tapProvider_(std::move(environment.tapProvider)), clock_(std::move(environment.clock)),
       wallClock_(std::move(environment.wallClock)), anchor_(std::make_shared<TonaviRuntime*>(this)),
-      weakSelf_(anchor_), bluetoothProfiler_(std::move(environment.bluetoothProfiler)) {
+      weakSelf_(anchor_), midiSystem_(std::move(environment.midi)),
+      bluetoothProfiler_(std::move(environment.bluetoothProfiler)) {
     assert(store_ && audio_ && workspace_);
     if (!clock_)
         clock_ = DispatchClock::system();
@@ -49,6 +50,7 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     tapWorkQueue_ = std::make_unique<DispatchQueue>("tonavi.tap-lifecycle", clock_);
     warmUpQueue_ = std::make_unique<DispatchQueue>("tonavi.warm-up", clock_);
     discoveryQueue_ = std::make_unique<DispatchQueue>("tonavi.discovery", clock_);
+    midiQueue_ = std::make_unique<DispatchQueue>("tonavi.midi", clock_);
     // The directory's first scan starts now on its own queue: start-up does not wait for it.
     appDirectory_ = std::make_unique<AppDirectory>(std::move(environment.installedApplications), wallClock_);
     appDirectory_->presentationApps();
@@ -89,8 +91,15 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     // 10. The tap provider's hooks.
     connectTapProviderHooks();
 
-    // 11-14. Device manager hooks, MIDI mapper, hosted-effect hooks and slot failure hooks join here
-    //        with their subsystems.
+    // 12. The MIDI mapper gets the mappings; its triggers become requests.
+    midi_ = std::make_unique<MIDIMapper>(midiSystem_, *midiQueue_);
+    midi_->setMappings(midiMappings_);
+    midi_->setOnTrigger([weak = std::weak_ptr<TonaviRuntime*>(weakSelf_)](const MIDIMapping& mapping, double value) {
+        withRuntime(weak, [&](TonaviRuntime& rt) { rt.handleMIDI(mapping, value); });
+    });
+
+    // 11, 13, 14. Device manager hooks, hosted-effect hooks and slot failure hooks join here with
+    //             their subsystems.
 
     // 15.
     syncAUSlots();
@@ -128,6 +137,8 @@ TonaviRuntime::TonaviRuntime(Environment environment)
 
 TonaviRuntime::~TonaviRuntime() {
     anchor_.reset();
+    // First, so that the MIDI thread is done with us; triggers it posted find the anchor gone.
+    midi_.reset();
     if (watchdogTimer_)
         watchdogTimer_->cancel();
     if (smartTimer_)
@@ -143,13 +154,14 @@ TonaviRuntime::~TonaviRuntime() {
     // Only items running now still hold the anchor, and they may queue work on any queue. Each queue
     // is drained while all of them exist; whatever is queued after that finds the anchor gone.
     for (auto* queue : {serialQueue_.get(), hardwareProbeQueue_.get(), discoveryQueue_.get(), warmUpQueue_.get(),
-                        tapWorkQueue_.get(), activityListenerQueue_.get()})
+                        tapWorkQueue_.get(), activityListenerQueue_.get(), midiQueue_.get()})
         queue->sync([] {});
     hardwareProbeQueue_.reset();
     discoveryQueue_.reset();
     warmUpQueue_.reset();
     tapWorkQueue_.reset();
     activityListenerQueue_.reset();
+    midiQueue_.reset();
     // The device manager unregisters against serialQueue, so it goes while the queue still exists.
     outputGroups_.reset();
     devices_.reset();
@@ -447,6 +459,5 @@ void TonaviRuntime::releaseTapsThenStop() {
 // MARK: Seams of subsystems not in this build
 
 void TonaviRuntime::syncAUSlots() {}
-void TonaviRuntime::startMIDI() {}
 
 } // namespace tonavi

@@ -33,6 +33,7 @@
 #include "service/devices/BluetoothInfo.hpp"
 #include "service/devices/OutputGroupManager.hpp"
 #include "service/devices/TonaviDeviceManager.hpp"
+#include "service/midi/MIDIMapper.hpp"
 #include "service/taps/AudioSnapshot.hpp"
 #include "service/taps/TapProcessIdentity.hpp"
 #include "service/worker/TapRecoveryBackoff.hpp"
@@ -72,6 +73,8 @@ class TonaviRuntime {
         // The installed applications' desktop entries, read off serialQueue. Empty: the user's XDG
         // folders.
         AppDirectory::Source installedApplications;
+        // The system's MIDI sources. Null: no MIDI; the mappings still work as a list.
+        std::shared_ptr<MIDISystem> midi;
     };
 
     // Cached hardware state: the status reads only this, never the hardware.
@@ -206,6 +209,13 @@ class TonaviRuntime {
     // that is not connected fails nothing, the reply's message names it. See docs/scenes.md.
     void loadSceneAsync(const std::string& name, std::function<void(TonaviReply)> completion);
 
+    // A MIDI trigger turned into the ordinary request of its target, on the "tonavi.midi" queue,
+    // which owns the pressed state of buttons. Each request hops to serialQueue and its reply is
+    // dropped; a scene load goes the asynchronous way. See TonaviRuntimeMIDI.cpp.
+    void handleMIDI(const MIDIMapping& mapping, double value);
+    DispatchQueue& midiQueue() { return *midiQueue_; }
+    const MIDIMapper& midiMapper() const { return *midi_; }
+
     // Output selection, on serialQueue. `completion` gets the reply, on serialQueue, once the system
     // was seen to report the device or the attempt ended; a newer selection supersedes this one.
     void selectOutputAsync(const std::string& query, bool rememberPreference,
@@ -274,7 +284,6 @@ class TonaviRuntime {
     void applyDevicePolicies();
     // Seams of subsystems that are not part of this build. Each does nothing.
     void syncAUSlots();
-    void startMIDI();
     void installDeviceListeners();
     void enforceDeviceLimits();
 
@@ -335,6 +344,14 @@ class TonaviRuntime {
     TonaviReply installedAppsReply(std::vector<InstalledApp> apps) const;
     TonaviReply runningAudioAppsReply() const;
 
+    // MIDI (TonaviRuntimeMIDI.cpp).
+    void startMIDI();
+    std::optional<TonaviReply> handleMIDIRequestLocked(const TonaviRequest& request);
+    // Saves `list` as the mappings file; only then do the mapper and midiMappings_ take it.
+    TonaviReply storeMIDIMappings(std::vector<MIDIMapping> list, const char* failurePrefix);
+    // The edge of a button: true only when it goes from released to pressed. On midiQueue_.
+    bool midiPressedEdge(const MIDIMapping& mapping, bool pressed);
+
     // Smart automation (TonaviRuntimeSmart.cpp).
     TonaviReply setSmartSettings(SmartSettings settings);
     TonaviReply setPreferredMics(const std::vector<std::string>& uids);
@@ -361,7 +378,14 @@ class TonaviRuntime {
 
     std::unique_ptr<RecencyTracker> recency_;
     std::unique_ptr<EngagementEngine> engine_;
-    std::vector<MIDIMapping> midiMappings_;
+    std::vector<MIDIMapping> midiMappings_; // serialQueue; the mapper holds a copy
+
+    // MIDI: triggers arrive on midiQueue_, which alone touches midiPressed_; the mapper posts there
+    // from the MIDI thread and never waits.
+    std::unique_ptr<DispatchQueue> midiQueue_; // "tonavi.midi"
+    std::map<std::string, bool> midiPressed_;
+    std::shared_ptr<MIDISystem> midiSystem_;
+    std::unique_ptr<MIDIMapper> midi_;
 
     std::unique_ptr<DispatchQueue> serialQueue_;           // "tonavi.runtime"
     std::unique_ptr<DispatchQueue> activityListenerQueue_; // "tonavi.activity-events"

@@ -164,8 +164,10 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
                 return std::move(*reply);
             } else if (auto configReply = handleConfigRequestLocked(request)) {
                 return std::move(*configReply);
+            } else if (auto midiReply = handleMIDIRequestLocked(request)) {
+                return std::move(*midiReply);
             } else {
-                // MIDI and plug-ins: their subsystems are not part of this service yet.
+                // Plug-ins: their subsystem is not part of this service yet.
                 return notAvailable(request.caseName());
             }
         },

@@ -61,6 +61,8 @@ int main(int argc, char** argv) {
     // The backend lives as long as the process; the runtime borrows its workspace.
     environment.workspace = std::shared_ptr<Workspace>(std::shared_ptr<Workspace>(), &backend->workspace());
     environment.installedApplications = [backend] { return backend->installedApplications(); };
+    // Controllers on this machine; a backend without MIDI leaves the mappings a list.
+    environment.midi = backend->midi();
     // Every tap lives in a worker process of its own; the runtime connects the provider's hooks.
     environment.tapProvider = std::make_shared<IsolatedTonaviTapProvider>(
         IsolatedTonaviTapProvider::platformEnvironment(backend->audio(), backend->workspace()));

@@ -160,6 +160,9 @@ SimWorld SimWorld::preset() {
                    {"com.apple.TextEdit", "TextEdit", "/System/Applications/TextEdit.app", {"Utility"}},
                    {"com.apple.calculator", "Calculator", "/System/Applications/Calculator.app", {"Utility"}}};
 
+    // A desk controller with faders and buttons.
+    w.midiSources = {"nanoKONTROL"};
+
     w.frontmostPID = 4101;
     w.windows = {{88, 25}, {4101, 0}, {4103, 0}, {4104, 0}}; // the menu bar first, then app windows
     return w;
@@ -435,6 +438,34 @@ std::string SimWorld::launch(const Application& app, bool withProcessObject) {
     }
     if (app.policy == ActivationPolicy::regular)
         windows.push_back({app.pid, 0});
+    return {};
+}
+
+std::string SimWorld::plugMIDISource(const std::string& name) {
+    if (name.empty())
+        return "a MIDI source needs a name";
+    if (std::find(midiSources.begin(), midiSources.end(), name) == midiSources.end())
+        midiSources.push_back(name);
+    return {};
+}
+
+std::string SimWorld::unplugMIDISource(const std::string& name) {
+    if (std::erase(midiSources, name) == 0)
+        return "no MIDI source \"" + name + "\"";
+    return {};
+}
+
+std::string SimWorld::sendMIDI(const std::string& source, std::vector<std::uint32_t> words,
+                               std::uint64_t sentAtNanos) {
+    if (std::find(midiSources.begin(), midiSources.end(), source) == midiSources.end()) {
+        std::string known;
+        for (const auto& s : midiSources)
+            known += (known.empty() ? "" : ", ") + s;
+        return "no MIDI source \"" + source + "\" (sources: " + (known.empty() ? "none" : known) + ")";
+    }
+    midiMessages.push_back({++midiSequence, source, std::move(words), sentAtNanos});
+    if (midiMessages.size() > midiMessagesKept)
+        midiMessages.erase(midiMessages.begin(), midiMessages.end() - midiMessagesKept);
     return {};
 }
 

@@ -118,6 +118,19 @@ struct SimWorld {
     };
     std::vector<Recording> recordings;
 
+    // MIDI sources by name, and the newest messages they sent (at most `midiMessagesKept`), each
+    // numbered so that every process delivers each message once.
+    struct MIDIMessage {
+        std::uint64_t sequence = 0;
+        std::string source;
+        std::vector<std::uint32_t> words; // UMP words
+        std::uint64_t sentAtNanos = 0;    // host time of the sender
+    };
+    static constexpr std::size_t midiMessagesKept = 256;
+    std::vector<std::string> midiSources;
+    std::uint64_t midiSequence = 0;
+    std::vector<MIDIMessage> midiMessages;
+
     // A laptop with speakers and microphone, USB headphones, Bluetooth earbuds with a microphone and
     // an AirPlay speaker; Safari with a helper, Music, Zoom capturing, and a silent background agent.
     static SimWorld preset();
@@ -158,6 +171,11 @@ struct SimWorld {
     std::string quit(const std::string& bundleID);
     // Installs an application, or replaces the one with the same bundle ID.
     std::string install(InstalledApplication app);
+    // A MIDI source comes or goes; plugging one that is there is no change.
+    std::string plugMIDISource(const std::string& name);
+    std::string unplugMIDISource(const std::string& name);
+    // One message from a source that is there.
+    std::string sendMIDI(const std::string& source, std::vector<std::uint32_t> words, std::uint64_t sentAtNanos);
     std::string activate(const std::string& bundleID);
     std::string failNext(SimOperation operation, int count, OSStatus status, std::uint32_t selector);
     void setReadDelay(std::uint32_t milliseconds, std::uint32_t selector);

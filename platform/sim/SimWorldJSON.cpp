@@ -251,6 +251,12 @@ json simWorldToJSON(const SimWorld& w) {
     j["recordings"] = json::array();
     for (auto& r : w.recordings)
         j["recordings"].push_back({{"deviceUID", r.deviceUID}, {"path", r.path}, {"seconds", r.seconds}});
+    j["midiSources"] = w.midiSources;
+    j["midiSequence"] = w.midiSequence;
+    j["midiMessages"] = json::array();
+    for (auto& m : w.midiMessages)
+        j["midiMessages"].push_back(
+            {{"sequence", m.sequence}, {"source", m.source}, {"words", m.words}, {"sentAtNanos", m.sentAtNanos}});
     j["meters"] = json::array();
     for (auto& m : w.meters)
         j["meters"].push_back({{"aggregateUID", m.aggregateUID},
@@ -323,6 +329,12 @@ std::optional<SimWorld> simWorldFromJSON(const json& j, std::string& error) {
         for (auto& r : j.value("recordings", json::array()))
             w.recordings.push_back({r.at("deviceUID").get<std::string>(), r.at("path").get<std::string>(),
                                     r.value("seconds", 1.0)});
+        w.midiSources = j.value("midiSources", std::vector<std::string>{});
+        w.midiSequence = j.value("midiSequence", std::uint64_t{0});
+        for (auto& m : j.value("midiMessages", json::array()))
+            w.midiMessages.push_back({m.at("sequence").get<std::uint64_t>(), m.at("source").get<std::string>(),
+                                      m.at("words").get<std::vector<std::uint32_t>>(),
+                                      m.value("sentAtNanos", std::uint64_t{0})});
         for (auto& m : j.value("meters", json::array())) {
             w.meters.push_back({m.value("aggregateUID", std::string()), m.value("deviceUID", std::string()),
                                 m.value("ownerPID", 0), m.value("peakDB", -120.0), m.value("rmsDB", -120.0),

@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -296,6 +297,42 @@ TEST_F(PipeWireServiceTest, TheServiceNeverTapsItselfOrItsWorkers) {
     EXPECT_FALSE(waitUntil(selfTapped, 8s)) << tonavi::testing::ctl(home.env(), {"status"}).second;
     const std::string log = home.logText();
     EXPECT_EQ(log.find("tonavi-service"), std::string::npos) << log;
+}
+
+// A standard MIDI file of one track: Control Change 7 on channel 1 to `value`, twice half a second
+// apart (at 120 beats a minute, 96 ticks a beat), then the end of the track.
+void writeControlChangeFile(const std::string& path, unsigned char value) {
+    const unsigned char track[] = {0x00, 0xB0, 0x07, value, 0x30, 0xB0, 0x07, value, 0x60, 0xFF, 0x2F, 0x00};
+    std::ofstream out(path, std::ios::binary);
+    const unsigned char header[] = {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96,
+                                    'M', 'T', 'r', 'k', 0, 0, 0, static_cast<unsigned char>(sizeof track)};
+    out.write(reinterpret_cast<const char*>(header), sizeof header);
+    out.write(reinterpret_cast<const char*>(track), sizeof track);
+}
+
+TEST_F(PipeWireServiceTest, AMIDIPlayerInTheGraphMovesAnApplicationsVolume) {
+    seedConfig(1.0);
+    std::ofstream(home.supportDir() + "/midi-mappings.json")
+        << R"([{"id":"fader","channel":1,"cc":7,"target":{"appVolume":{"bundleID":"org.tonavi.Low"}}}])";
+    play("org.tonavi.Low", "Low", "4000");
+    play("org.tonavi.High", "High", "880");
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    EXPECT_TRUE(waitUntil([&] { return home.logText().find("tonavi: MIDI mapper listening (") != std::string::npos; },
+                          5s))
+        << home.logText();
+    MonitorRecording speakers("speakers");
+    const auto direct = speakers.settle({treble, high}, [](const auto& l) { return l[0] > -20 && l[1] > -20; });
+    ASSERT_GT(direct[0], -20) << "Low does not play on the speakers";
+
+    // A MIDI source that is not ours, which nobody connects (--target 0): pw-midiplay's output port
+    // appears, the service links it to "TonaviIn", and fader 7 at 64 sets Low's volume to 64/127; the fader law squares it: -11.95 dB.
+    const std::string file = home.home + "/fader.mid";
+    writeControlChangeFile(file, 64);
+    tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
+    const auto lowered =
+        speakers.settle({treble, high}, [&](const auto& l) { return l[0] < direct[0] - 6; });
+    EXPECT_NEAR(lowered[0] - direct[0], 40 * std::log10(64 / 127.0), 0.5) << home.logText();
+    EXPECT_NEAR(lowered[1], direct[1], 0.5) << "High is untouched";
 }
 
 TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {

@@ -79,7 +79,7 @@ class RuntimeHarness {
     TonaviRuntime& start(BluetoothInfo::ProfilerRead profiler = {}) {
         runtime = std::make_unique<TonaviRuntime>(TonaviRuntime::Environment{
             "9.9-test", store, machine, workspace, provider, clock, [this] { return wall.load(); },
-            std::move(profiler), installedApplications});
+            std::move(profiler), installedApplications, midi});
         return *runtime;
     }
     // Starts and lets the warm-up finish with a fast hardware.
@@ -140,6 +140,8 @@ class RuntimeHarness {
     std::atomic<bool> failWrites{false};
     // The desktop entries the runtime's directory reads: none unless a test gives some.
     AppDirectory::Source installedApplications = [] { return std::vector<DesktopEntry>{}; };
+    // No MIDI unless a test gives a system.
+    std::shared_ptr<MIDISystem> midi;
     std::unique_ptr<TonaviRuntime> runtime; // last, so that it goes first
 };
 

@@ -10,6 +10,8 @@
 #include "tools/tonavictl/StatusTable.hpp"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 using namespace tonavi;
@@ -320,4 +322,66 @@ TEST(CtlSetupCommand, LinesThatChangePartOfTheConfigurationKeepTheRestAndReuseID
     const auto system = std::get<R::SetSystemChain>(build({"system-chain", "eq", "Rock"}).value).chain;
     EXPECT_EQ(system.slots.size(), 1u);
     EXPECT_TRUE(std::get<R::SetSystemChain>(build({"system-chain", "bypass", "on"}).value).chain.bypassed);
+}
+
+TEST(CtlMIDICommand, MapLinesBecomeMappingsWithNamesResolvedAndWrongOnesAreRefused) {
+    using M = MIDIMapping;
+    const auto status = sampleStatus();
+    struct Case {
+        Words words;
+        std::int64_t channel, cc;
+        M::Target target;
+        std::string described; // the target as the table prints it
+    };
+    const std::vector<Case> cases = {
+        {{"midi", "map", "1", "7", "volume", "music"}, 1, 7, M::AppVolume{"com.apple.Music"}, "volume com.apple.Music"},
+        {{"midi", "map", "any", "64", "mute", "Safari"}, 0, 64, M::AppMute{"com.apple.Safari"}, "mute com.apple.Safari"},
+        {{"midi", "map", "16", "0", "device-volume", "desk cans"}, 16, 0, M::DeviceVolume{"USB-HP"}, "device-volume USB-HP"},
+        {{"midi", "map", "2", "127", "output-volume"}, 2, 127, M::OutputVolume{}, "output-volume"},
+        {{"midi", "map", "3", "20", "scene", "Late", "Night"}, 3, 20, M::ConfigLoad{"Late Night"}, "scene Late Night"},
+        {{"midi", "map", "0", "21", "stage"}, 0, 21, M::StageMode{}, "stage"},
+    };
+    std::vector<MIDIMapping> built;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.words[4]);
+        const auto parsed = CtlCommand::parse(c.words);
+        ASSERT_TRUE(parsed.command) << parsed.error;
+        const auto request = parsed.command->toRequest(&status);
+        ASSERT_TRUE(request.request) << request.error;
+        MIDIMapping mapping = std::get<R::SetMIDIMapping>(request.request->value)._0;
+        EXPECT_TRUE(isUUID(mapping.id));
+        EXPECT_EQ(std::tuple(mapping.channel, mapping.cc), std::tuple(c.channel, c.cc));
+        EXPECT_EQ(mapping.target, c.target);
+        EXPECT_EQ(StatusTable::describeMIDITarget(mapping.target), c.described);
+        built.push_back(mapping);
+    }
+    // The table: "any" for channel 0, one row per mapping in the list's order.
+    const std::string table = StatusTable::renderMIDIMappings(built);
+    EXPECT_EQ(std::count(table.begin(), table.end(), '\n'), 7) << table;
+    EXPECT_LT(table.find("volume com.apple.Music"), table.find("scene Late Night"));
+    EXPECT_NE(table.find("any"), std::string::npos);
+    EXPECT_EQ(StatusTable::renderMIDIMappings({}), "  (no MIDI mappings)\n");
+
+    const std::pair<Words, R> plain[] = {{{"midi"}, R{R::ListMIDIMappings{}}},
+                                         {{"midi", "--json"}, R{R::ListMIDIMappings{}}},
+                                         {{"midi", "unmap", "abc"}, R{R::RemoveMIDIMapping{"abc"}}}};
+    for (const auto& [words, request] : plain)
+        EXPECT_EQ(*CtlCommand::parse(words).command->toRequest(&status).request, request);
+
+    const std::string mapUsage = "midi map takes CHANNEL CC, then volume APP, mute APP, device-volume DEVICE, "
+                                 "output-volume, scene NAME or stage";
+    const std::pair<Words, std::string> refused[] = {
+        {{"midi", "map", "17", "7", "stage"}, "a MIDI channel is 1 to 16, or any"},
+        {{"midi", "map", "1.5", "7", "stage"}, "a MIDI channel is 1 to 16, or any"},
+        {{"midi", "map", "1", "128", "stage"}, "a controller number is 0 to 127"},
+        {{"midi", "map", "1", "7", "volume"}, mapUsage},
+        {{"midi", "map", "1", "7", "stage", "now"}, mapUsage},
+        {{"midi", "map", "1", "7", "pan", "Music"}, mapUsage},
+        {{"midi", "learn"}, "midi takes --json, map CHANNEL CC TARGET... or unmap ID"},
+        {{"midi", "unmap"}, "midi takes --json, map CHANNEL CC TARGET... or unmap ID"},
+    };
+    for (const auto& [words, error] : refused)
+        EXPECT_EQ(CtlCommand::parse(words).error, error) << words[2];
+    EXPECT_EQ(CtlCommand::parse(Words{"midi", "map", "1", "7", "volume", "Chrome"}).command->toRequest(&status).error,
+              "no application matches \"Chrome\" (tonavictl status lists them)");
 }

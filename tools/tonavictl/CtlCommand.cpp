@@ -58,6 +58,10 @@ const char* const ctlUsageText =
     "                             the system row's chain and its magic boost (AMOUNT 0...1)\n"
     "  apps [--json]              applications with audio processes, and seconds since their last sound\n"
     "  apps --installed [--json]  installed applications, and whether they can make sound\n"
+    "  midi [--json]              the MIDI mappings: channel, controller and what each one drives\n"
+    "  midi map CHANNEL CC volume APP|mute APP|device-volume DEVICE|output-volume|scene NAME|stage\n"
+    "                             a controller drives a target (CHANNEL 1...16, or any; CC 0...127)\n"
+    "  midi unmap ID              forget a mapping\n"
     "  mixer [--once]             the live mixer, full screen (? lists its keys); --once prints one frame\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
@@ -114,6 +118,7 @@ constexpr VerbName verbNames[] = {
     {"system-chain", Verb::systemChain},
     {"apps", Verb::apps},
     {"mixer", Verb::mixer},
+    {"midi", Verb::midiMappings},
 };
 
 constexpr const char* smartFeatures[] = {"follow-me", "guard", "duck", "mic-follow"};
@@ -379,6 +384,54 @@ CtlCommand::Parsed parseSetupCommand(CtlCommand c, const std::string& word, std:
     }
 }
 
+// midi [--json], midi map CHANNEL CC TARGET..., midi unmap ID.
+CtlCommand::Parsed parseMIDICommand(CtlCommand c, std::span<const std::string> rest) {
+    if (rest.empty() || (rest.size() == 1 && rest[0] == "--json")) {
+        c.json = !rest.empty();
+        return {c, {}};
+    }
+    if (rest[0] == "unmap" && rest.size() == 2) {
+        c.verb = Verb::midiUnmap;
+        c.text = rest[1];
+        return {c, {}};
+    }
+    const char* const mapUsage =
+        "midi map takes CHANNEL CC, then volume APP, mute APP, device-volume DEVICE, output-volume, "
+        "scene NAME or stage";
+    if (rest[0] != "map" || rest.size() < 4)
+        return fail("midi takes --json, map CHANNEL CC TARGET... or unmap ID");
+    MIDIMapping mapping;
+    const auto channel = rest[1] == "any" ? std::optional<double>(0) : number(rest[1], false);
+    if (!channel || *channel != std::floor(*channel) || *channel < 0 || *channel > 16)
+        return fail("a MIDI channel is 1 to 16, or any");
+    const auto cc = number(rest[2], false);
+    if (!cc || *cc != std::floor(*cc) || *cc < 0 || *cc > 127)
+        return fail("a controller number is 0 to 127");
+    mapping.channel = static_cast<std::int64_t>(*channel);
+    mapping.cc = static_cast<std::int64_t>(*cc);
+    const std::string& kind = rest[3];
+    const auto args = rest.subspan(4);
+    if ((kind == "volume" || kind == "mute") && args.size() == 1) {
+        c.apps = {args[0]};
+        mapping.target = kind == "volume" ? MIDIMapping::Target(MIDIMapping::AppVolume{})
+                                          : MIDIMapping::Target(MIDIMapping::AppMute{});
+    } else if (kind == "device-volume" && args.size() == 1) {
+        c.device = args[0];
+        mapping.target = MIDIMapping::DeviceVolume{};
+    } else if (kind == "output-volume" && args.empty()) {
+        mapping.target = MIDIMapping::OutputVolume{};
+    } else if (kind == "scene" && !args.empty()) {
+        mapping.target = MIDIMapping::ConfigLoad{joinWords(args)};
+    } else if (kind == "stage" && args.empty()) {
+        mapping.target = MIDIMapping::StageMode{};
+    } else {
+        return fail(mapUsage);
+    }
+    c.verb = Verb::midiMap;
+    c.midiMapping = std::move(mapping);
+    return {c, {}};
+}
+
 } // namespace
 
 CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
@@ -415,6 +468,8 @@ CtlCommand::Parsed CtlCommand::parse(std::span<const std::string> args) {
     case Verb::listen:
     case Verb::systemChain:
         return parseSetupCommand(c, word, rest);
+    case Verb::midiMappings:
+        return parseMIDICommand(c, rest);
     default:
         break;
     }
@@ -703,6 +758,25 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         return {R{R::ListRunningAudioApps{}}, {}};
     case Verb::installedApps:
         return {R{R::ListInstalledApps{}}, {}};
+    case Verb::midiMappings:
+        return {R{R::ListMIDIMappings{}}, {}};
+    case Verb::midiUnmap:
+        return {R{R::RemoveMIDIMapping{text}}, {}};
+    case Verb::midiMap: {
+        MIDIMapping mapping = *midiMapping;
+        mapping.id = makeUUID();
+        if (auto* app = std::get_if<MIDIMapping::AppVolume>(&mapping.target))
+            app->bundleID = ids[0];
+        else if (auto* mute = std::get_if<MIDIMapping::AppMute>(&mapping.target))
+            mute->bundleID = ids[0];
+        else if (auto* dev = std::get_if<MIDIMapping::DeviceVolume>(&mapping.target)) {
+            auto resolved = allDevices(*status).resolve(device);
+            if (!resolved.id)
+                return {std::nullopt, resolved.error};
+            dev->uid = *resolved.id;
+        }
+        return {R{R::SetMIDIMapping{std::move(mapping)}}, {}};
+    }
     case Verb::lanes:
     case Verb::duckRules:
     case Verb::focusLinks:

@@ -3,6 +3,7 @@
 // Parsing needs no service; turning application and device names into identifiers needs a status reply,
 // which the caller fetches only for commands that name something (needsStatus).
 
+#include "core/config/MIDIMapping.hpp"
 #include "core/config/SmartSettings.hpp"
 #include "core/wire/TonaviRequest.hpp"
 
@@ -67,6 +68,9 @@ struct CtlCommand {
         apps,
         installedApps,
         mixer,
+        midiMappings,
+        midiMap,
+        midiUnmap,
     };
 
     struct Parsed;
@@ -88,6 +92,7 @@ struct CtlCommand {
     std::vector<std::string> words;   // the remaining words of config, eq-preset, lane, duck-rule,
                                       // focus-link, listen and system-chain, after the sub-command
     std::optional<double> duckDB;     // duck-rule add --db
+    std::optional<MIDIMapping> midiMapping; // midi map: the mapping, its app or device still a word
 
     // args excludes the program name. The error says what is wrong with the words.
     static Parsed parse(std::span<const std::string> args);

@@ -1,7 +1,10 @@
 #include "tools/tonavictl/SimCommand.hpp"
 
+#include "platform/MIDISystem.hpp"
+
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
@@ -48,6 +51,9 @@ const char* usageText =
     "  quit <bundle-id>                       quit an app, with its helpers\n"
     "  install <bundle-id> [--name N] [--categories Audio;Player] [--path P]  install an app\n"
     "  activate <bundle-id>                   bring an app to the front\n"
+    "  midi <source> cc <channel> <controller> <value>\n"
+    "                                         a MIDI source sends a Control Change (channel 1...16)\n"
+    "  midi-source add|remove <name>          plug a MIDI source in, or take it away\n"
     "  sleep | wake                           the machine goes to sleep or wakes\n"
     "  windows on|off                         make the window list available or not\n"
     "  record <uid> <absolute-path> <seconds> record what tapped audio plays on a device to a WAV file\n"
@@ -236,6 +242,12 @@ void show(const SimWorld& w, const std::string& path, std::ostream& out) {
     for (const auto& a : w.applications) {
         out << "  pid " << a.pid << " " << a.bundleID << " \"" << a.name << "\" "
             << activationPolicyName(a.policy) << (a.pid == w.frontmostPID ? "  [frontmost]" : "") << "\n";
+    }
+    if (!w.midiSources.empty()) {
+        out << "MIDI sources:";
+        for (const auto& name : w.midiSources)
+            out << " " << name;
+        out << "  (" << w.midiSequence << " messages sent)\n";
     }
     if (!w.taps.empty()) {
         out << "Taps:\n";
@@ -462,6 +474,25 @@ int runSimCommand(int argc, char** argv) {
             if (!c.empty())
                 app.categories.push_back(c);
         edit = [app](SimWorld& w) { return w.install(app); };
+    } else if (command == "midi" && need(5) && p[1] == "cc") {
+        long channel = 0, controller = 0, value = 0;
+        if (!parseInteger(p[2], channel) || channel < 1 || channel > 16)
+            return usage("a MIDI channel is 1 to 16");
+        if (!parseInteger(p[3], controller) || controller < 0 || controller > 127)
+            return usage("a controller number is 0 to 127");
+        if (!parseInteger(p[4], value) || value < 0 || value > 127)
+            return usage("a controller value is 0 to 127");
+        // Host time as every process of the machine reads it, so a receiver can tell the delay.
+        const auto sentAt = static_cast<std::uint64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+                .count());
+        const std::uint32_t word = umpControlChange(static_cast<unsigned>(channel - 1), static_cast<unsigned>(controller),
+                                                    static_cast<unsigned>(value));
+        edit = [source = p[0], word, sentAt](SimWorld& w) { return w.sendMIDI(source, {word}, sentAt); };
+    } else if (command == "midi-source" && need(2) && (p[0] == "add" || p[0] == "remove")) {
+        edit = [add = p[0] == "add", name = p[1]](SimWorld& w) {
+            return add ? w.plugMIDISource(name) : w.unplugMIDISource(name);
+        };
     } else if (command == "quit" && need(1)) {
         edit = [id = p[0]](SimWorld& w) { return w.quit(id); };
     } else if (command == "activate" && need(1)) {

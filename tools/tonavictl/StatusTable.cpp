@@ -336,4 +336,26 @@ std::string StatusTable::renderInstalledApps(const std::vector<InstalledApp>& ap
     return table.text();
 }
 
+std::string StatusTable::describeMIDITarget(const MIDIMapping::Target& target) {
+    struct Describe {
+        std::string operator()(const MIDIMapping::AppVolume& t) const { return "volume " + t.bundleID; }
+        std::string operator()(const MIDIMapping::AppMute& t) const { return "mute " + t.bundleID; }
+        std::string operator()(const MIDIMapping::DeviceVolume& t) const { return "device-volume " + t.uid; }
+        std::string operator()(const MIDIMapping::ConfigLoad& t) const { return "scene " + t.name; }
+        std::string operator()(const MIDIMapping::StageMode&) const { return "stage"; }
+        std::string operator()(const MIDIMapping::OutputVolume&) const { return "output-volume"; }
+    };
+    return std::visit(Describe{}, target);
+}
+
+std::string StatusTable::renderMIDIMappings(const std::vector<MIDIMapping>& mappings) {
+    if (mappings.empty())
+        return "  (no MIDI mappings)\n";
+    Table table({"ID", "CHANNEL", "CC", "TARGET"});
+    for (const auto& m : mappings)
+        table.add({m.id, m.channel == 0 ? "any" : std::to_string(m.channel), std::to_string(m.cc),
+                   describeMIDITarget(m.target)});
+    return table.text();
+}
+
 } // namespace tonavi

@@ -4,6 +4,7 @@
 
 #include "audio/effects/EQPreset.hpp"
 #include "core/config/GlobalLocks.hpp"
+#include "core/config/MIDIMapping.hpp"
 #include "core/config/SmartSettings.hpp"
 #include "core/config/TonaviConfig.hpp"
 #include "core/wire/InstalledApp.hpp"
@@ -39,6 +40,9 @@ class StatusTable {
     // `tonavictl apps`: by name where the status knows the app, its pid and seconds since its last sound.
     static std::string renderRunningApps(const std::vector<RunningApp>& apps, const TonaviStatus& status);
     static std::string renderInstalledApps(const std::vector<InstalledApp>& apps);
+    // One row per mapping: its ID, channel ("any" for 0), controller and target.
+    static std::string renderMIDIMappings(const std::vector<MIDIMapping>& mappings);
+    static std::string describeMIDITarget(const MIDIMapping::Target& target);
 
     // A ten-character meter for a level in 0...1: "#" for each tenth reached, "." for the rest.
     static std::string levelBar(double level);

@@ -187,6 +187,24 @@ int run(const CtlCommand& command) {
         }
         break;
     }
+    case Verb::midiMappings: {
+        if (!reply.payload)
+            return refused("the reply holds no list");
+        if (command.json)
+            std::printf("%s\n", nlohmann::json::parse(reply.payload->begin(), reply.payload->end()).dump(2).c_str());
+        else
+            std::fputs(StatusTable::renderMIDIMappings(TonaviPayload::decodeMIDIMappings(*reply.payload)).c_str(),
+                       stdout);
+        break;
+    }
+    case Verb::midiMap: {
+        const auto& request = std::get<TonaviRequest::SetMIDIMapping>(built.request->value)._0;
+        std::printf("channel %s cc %lld: %s (id %s)\n",
+                    request.channel == 0 ? "any" : std::to_string(request.channel).c_str(),
+                    static_cast<long long>(request.cc), StatusTable::describeMIDITarget(request.target).c_str(),
+                    request.id.c_str());
+        break;
+    }
     case Verb::diagnostics: {
         if (!reply.payload)
             return refused("the reply holds no diagnostics");

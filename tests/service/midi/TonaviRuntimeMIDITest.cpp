@@ -1,0 +1,190 @@
+// MIDI in the runtime: each target becomes its ordinary request, buttons act once per press, and the
+// mapping requests keep their file, the list and the mapper in step, or change none of them.
+
+#include "core/wire/TonaviPayload.hpp"
+#include "tests/service/FakeMIDISystem.hpp"
+#include "tests/service/RuntimeTestSupport.hpp"
+
+namespace tonavi::testing {
+namespace {
+
+using R = TonaviRequest;
+using M = MIDIMapping;
+
+TonaviConfig live(RuntimeHarness& h) {
+    return h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().config(); });
+}
+
+// A trigger as the mapper posts it, then whatever it queued on serialQueue.
+void trigger(RuntimeHarness& h, const MIDIMapping& mapping, double value) {
+    h.runtime->midiQueue().sync([&] { h.runtime->handleMIDI(mapping, value); });
+    h.runtime->serialQueue().sync([] {});
+}
+
+// What the hardware holds now: the mean of the device's volume elements.
+double deviceVolume(RuntimeHarness& h, const std::string& uid) {
+    const SimDevice* device = h.machine->world()->deviceByUID(uid);
+    if (!device) {
+        ADD_FAILURE() << "no device " << uid;
+        return -1;
+    }
+    if (device->volumeElements.empty())
+        return device->virtualMainVolume;
+    double sum = 0;
+    for (const auto& [element, volume] : device->volumeElements)
+        sum += volume;
+    return sum / static_cast<double>(device->volumeElements.size());
+}
+
+std::vector<MIDIMapping> listed(RuntimeHarness& h) {
+    const TonaviReply reply = h.send(R::ListMIDIMappings{});
+    EXPECT_TRUE(reply.ok && reply.payload) << reply.message;
+    return reply.payload ? TonaviPayload::decodeMIDIMappings(*reply.payload) : std::vector<MIDIMapping>{};
+}
+
+TEST(MIDIRuntime, EachTargetBecomesItsRequest) {
+    RuntimeHarness h;
+    h.startReady();
+    h.settleDiscovery();
+    struct Step {
+        const char* name;
+        MIDIMapping mapping;
+        double value;
+        std::function<void()> check;
+    };
+    const std::vector<Step> steps = {
+        {"a fader sets the app's volume", {"v", 0, 7, M::AppVolume{music}}, 0.25,
+         [&] { EXPECT_DOUBLE_EQ(live(h).app(music)->volume, 0.25); }},
+        {"64 is pressed: muted", {"m", 0, 8, M::AppMute{safari}}, 64 / 127.0,
+         [&] { EXPECT_TRUE(live(h).app(safari)->muted); }},
+        {"63 is released: the mute follows the button", {"m", 0, 8, M::AppMute{safari}}, 63 / 127.0,
+         [&] { EXPECT_FALSE(live(h).app(safari)->muted); }},
+        {"a device's volume", {"d", 0, 9, M::DeviceVolume{usb}}, 0.3,
+         [&] { EXPECT_NEAR(deviceVolume(h, usb), 0.3, 1e-6); }},
+        {"the output's volume", {"o", 0, 10, M::OutputVolume{}}, 0.4,
+         [&] { EXPECT_NEAR(deviceVolume(h, speakers), 0.4, 1e-6); }},
+        {"a fader on an app nobody knows fails quietly", {"x", 0, 7, M::AppVolume{"com.example.gone"}}, 0.5,
+         [&] { EXPECT_DOUBLE_EQ(live(h).app(music)->volume, 0.25); }},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.name);
+        trigger(h, step.mapping, step.value);
+        step.check();
+    }
+}
+
+TEST(MIDIRuntime, StageModeAndScenesActOncePerPress) {
+    RuntimeHarness h;
+    h.startReady();
+    h.settleDiscovery();
+    ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.2}).ok);
+    ASSERT_TRUE(h.send(R::SaveConfig{"Evening"}).ok);
+    ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.9}).ok);
+
+    // One controller drives both: they keep a pressed state each, keyed by their target.
+    const MIDIMapping stage{"s", 0, 20, M::StageMode{}};
+    const MIDIMapping scene{"c", 0, 20, M::ConfigLoad{"Evening"}};
+    struct Step {
+        int value;
+        bool stageAfter;
+        bool sceneLoads;
+    };
+    const std::vector<Step> steps = {
+        {127, true, true},   // pressed: both act
+        {100, true, false},  // still held: nothing
+        {127, true, false},  // still held
+        {64, true, false},   // 0.5039 is still held
+        {63, true, false},   // released
+        {127, false, true},  // pressed again: stage goes off, the scene loads again
+        {0, false, false},   // released
+        {80, true, true},    // a fader passing the middle on its way up
+    };
+    int n = 0;
+    for (const auto& step : steps) {
+        SCOPED_TRACE("step " + std::to_string(n++));
+        ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.9}).ok);
+        trigger(h, stage, step.value / 127.0);
+        trigger(h, scene, step.value / 127.0);
+        EXPECT_EQ(h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().stageMode(); }),
+                  step.stageAfter);
+        EXPECT_DOUBLE_EQ(live(h).app(music)->volume, step.sceneLoads ? 0.2 : 0.9);
+    }
+}
+
+TEST(MIDIRuntime, MappingsAreSavedListedAndHeardOrNotChangedAtAll) {
+    RuntimeHarness h;
+    auto midi = std::make_shared<FakeMIDISystem>();
+    h.midi = midi;
+    h.startReady();
+    const MIDIMapping a{"a", 0, 7, M::AppVolume{music}}, b{"b", 2, 8, M::StageMode{}};
+    const MIDIMapping a2{"a", 1, 9, M::AppMute{music}};
+
+    ASSERT_TRUE(h.send(R::SetMIDIMapping{a}).ok);
+    ASSERT_TRUE(h.send(R::SetMIDIMapping{b}).ok);
+    ASSERT_TRUE(h.send(R::SetMIDIMapping{a2}).ok); // same id: replaced, and moved to the end
+    const std::vector<MIDIMapping> expected = {b, a2};
+    EXPECT_EQ(listed(h), expected);
+    EXPECT_EQ(h.store->loadMIDIMappings(), expected);
+    EXPECT_EQ(h.runtime->midiMapper().mappings(), expected);
+
+    h.failWrites = true;
+    const TonaviReply refused = h.send(R::SetMIDIMapping{a});
+    EXPECT_FALSE(refused.ok);
+    EXPECT_TRUE(refused.message.starts_with("could not save MIDI mapping: ")) << refused.message;
+    const TonaviReply notRemoved = h.send(R::RemoveMIDIMapping{"b"});
+    EXPECT_FALSE(notRemoved.ok);
+    EXPECT_TRUE(notRemoved.message.starts_with("could not remove MIDI mapping: ")) << notRemoved.message;
+    EXPECT_EQ(listed(h), expected);
+    EXPECT_EQ(h.store->loadMIDIMappings(), expected);
+    EXPECT_EQ(h.runtime->midiMapper().mappings(), expected);
+
+    h.failWrites = false;
+    EXPECT_TRUE(h.send(R::RemoveMIDIMapping{"b"}).ok);
+    EXPECT_TRUE(h.send(R::RemoveMIDIMapping{"unknown"}).ok);
+    EXPECT_EQ(listed(h), std::vector<MIDIMapping>{a2});
+    EXPECT_EQ(h.runtime->midiMapper().mappings(), std::vector<MIDIMapping>{a2});
+}
+
+TEST(MIDIRuntime, AControlChangeFromASourceMovesAnAppsVolume) {
+    RuntimeHarness h;
+    auto midi = std::make_shared<FakeMIDISystem>();
+    midi->sources = {40};
+    h.midi = midi;
+    // Mappings on disk before the start are heard from the start.
+    h.store->saveMIDIMappings({{"fader", 3, 7, M::AppVolume{music}}});
+    h.startReady();
+    EXPECT_TRUE(h.logged("tonavi: MIDI mapper listening (1 sources)"));
+    EXPECT_EQ(midi->connected, std::set<MIDIEndpointRef>{40});
+
+    midi->sendControlChange(2, 7, 64); // channel 3
+    // Music has no row until the first message makes one.
+    EXPECT_TRUE(waitUntil([&] {
+        const TonaviConfig config = live(h);
+        return config.app(music) && std::abs(config.app(music)->volume - 64 / 127.0) < 1e-9;
+    }));
+    midi->sendControlChange(0, 7, 127); // channel 1: not this mapping
+    h.runtime->midiQueue().sync([] {});
+    EXPECT_NEAR(live(h).app(music)->volume, 64 / 127.0, 1e-9);
+}
+
+TEST(MIDIRuntime, WithoutAMIDIClientTheServiceRunsOnAndTheListStillWorks) {
+    RuntimeHarness h;
+    auto midi = std::make_shared<FakeMIDISystem>();
+    midi->refuseClient = kMIDIServerStartErr;
+    h.midi = midi;
+    h.startReady();
+    EXPECT_TRUE(h.logged("tonavi: MIDI client failed (-10845)"));
+    EXPECT_TRUE(h.send(R::SetMIDIMapping{{"a", 0, 7, M::OutputVolume{}}}).ok);
+    EXPECT_EQ(listed(h).size(), 1u);
+    EXPECT_TRUE(h.send(R::Ping{}).ok);
+}
+
+TEST(MIDIRuntime, ADamagedMappingsFileStartsWithNone) {
+    RuntimeHarness h;
+    writeText(h.store->midiMappingsURL(), "[{\"id\": 3}");
+    h.startReady();
+    EXPECT_TRUE(listed(h).empty());
+}
+
+} // namespace
+} // namespace tonavi::testing
