@@ -167,6 +167,40 @@ TEST(MIDIRuntime, AControlChangeFromASourceMovesAnAppsVolume) {
     EXPECT_NEAR(live(h).app(music)->volume, 64 / 127.0, 1e-9);
 }
 
+// The writes of `state.json` while a fader sweeps 0...127 over one second of the runtime's clock and
+// in the second after, through MIDI or as the same stream of plain requests.
+std::pair<int, int> sweepWrites(bool throughMIDI) {
+    RuntimeHarness h;
+    auto midi = std::make_shared<FakeMIDISystem>();
+    midi->sources = {40};
+    h.midi = midi;
+    h.store->saveMIDIMappings({{"fader", 0, 7, M::AppVolume{music}}});
+    h.startReady();
+    EXPECT_TRUE(h.send(R::SetAppVolume{music, 0.5}).ok);
+    h.advance(1.0); // the deferred save of that request
+    const int before = h.stateWrites.load();
+    for (unsigned value = 0; value < 128; ++value) {
+        if (throughMIDI) {
+            midi->sendControlChange(0, 7, value);
+            h.runtime->midiQueue().sync([] {});
+        } else {
+            h.send(R::SetAppVolume{music, value / 127.0});
+        }
+        h.advance(1.0 / 128);
+    }
+    EXPECT_DOUBLE_EQ(live(h).app(music)->volume, 1.0);
+    const int during = h.stateWrites.load() - before;
+    h.advance(1.0);
+    EXPECT_DOUBLE_EQ(h.onDisk().app(music)->volume, 1.0);
+    return {during, h.stateWrites.load() - before - during};
+}
+
+TEST(MIDIRuntime, AFaderSweepWritesTheConfigurationAsThePlainRequestsDoOnceAfterTheLastMove) {
+    const auto midi = sweepWrites(true), plain = sweepWrites(false);
+    EXPECT_EQ(midi, plain) << "MIDI adds no write of its own";
+    EXPECT_EQ(midi.second, 1) << "the deferred save, once, after the last move";
+}
+
 TEST(MIDIRuntime, WithoutAMIDIClientTheServiceRunsOnAndTheListStillWorks) {
     RuntimeHarness h;
     auto midi = std::make_shared<FakeMIDISystem>();
