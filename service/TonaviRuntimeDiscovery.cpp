@@ -319,6 +319,7 @@ void TonaviRuntime::watchdogPass() {
                 continue;
             outputEligible_.erase(id);
             outputSuppressedUntilPlaybackStops_.erase(id);
+            onsetTrail_.forget(id);
             withdrawEligibility(id);
             engine_->releaseTap(id, "process exited");
         }

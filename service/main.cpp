@@ -69,16 +69,8 @@ int main(int argc, char** argv) {
     runtime = new TonaviRuntime(std::move(environment));
 
     server = std::make_shared<TonaviControlServer>(*runtime, Paths::controlSocketPath());
-    try {
-        server->start();
-    } catch (const std::exception& e) {
-        Log::info(std::string("Tonavi control server failed to start: ") + e.what());
-        // Leave the way a stop does: the runtime's queues are still at work, and returning would run
-        // the static destructors under them.
-        runtime->serialQueue().sync([] { runtime->releaseTapsThenStop(); });
-        _exit(1);
-    }
-
+    // Before the socket answers: whoever sees it answer may stop the service at once, and a SIGTERM
+    // between ignoring the signal and the source taking it would be lost.
     // Ignore first, so that only the source acts on the signal.
     std::signal(SIGTERM, SIG_IGN);
     termination = new SignalSource(SIGTERM, DispatchQueue::main(), [] {
@@ -88,6 +80,15 @@ int main(int argc, char** argv) {
         _exit(0);
     });
     termination->resume();
+    try {
+        server->start();
+    } catch (const std::exception& e) {
+        Log::info(std::string("Tonavi control server failed to start: ") + e.what());
+        // Leave the way a stop does: the runtime's queues are still at work, and returning would run
+        // the static destructors under them.
+        runtime->serialQueue().sync([] { runtime->releaseTapsThenStop(); });
+        _exit(1);
+    }
 
     Log::info("Tonavi service ready");
     DispatchQueue::runMain();

@@ -28,6 +28,11 @@ class AudioOnsetTrail {
     std::optional<std::string> noteSoundOnset(const std::string& id, double now,
                                               const FrontmostSource& frontmost);
     void noteOutputMove(const std::string& uid, const std::string& name, double now);
+    // An app whose processes have all exited leaves the trail.
+    void forget(std::string_view id) {
+        if (auto it = events_.find(id); it != events_.end())
+            events_.erase(it);
+    }
     // The trail as shown: alerts, output moves, and apps the user has not hidden, newest first.
     std::vector<AudioOnset> currentAudioOnsets(const std::vector<std::string>& hiddenAppIDs,
                                                double now) const;

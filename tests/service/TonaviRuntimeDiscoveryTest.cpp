@@ -153,6 +153,19 @@ TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndATapWhoseProcessesAreGoneIsRelea
                   status.defaultOutputUID + " of " + std::to_string(status.devices.size()),
               "Music 4103 on BuiltInSpeakerDevice of 6");
 
+    // Safari pauses and plays again: an onset on the trail.
+    const auto onTrail = [&] {
+        const auto onsets = h.send(R::Status{}).status->recentOnsets.value_or(std::vector<AudioOnset>{});
+        return std::ranges::count(onsets, safari, &AudioOnset::id);
+    };
+    for (const bool playing : {false, true}) {
+        h.edit([&](SimWorld& w) { return w.setPlaying(safari, playing, {}); });
+        h.wall = h.wall + 7.0;
+        watchdogPass(h);
+        h.settleDiscovery();
+    }
+    EXPECT_EQ(onTrail(), 1);
+
     // Safari quits.
     h.provider->source[safari] = h.provider->target[safari] = speakers;
     const TapHandlePtr handle = h.runtime->engine().tapHandle(safari);
@@ -173,4 +186,5 @@ TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndATapWhoseProcessesAreGoneIsRelea
     EXPECT_TRUE(std::any_of(health.begin(), health.end(), [](const HealthEvent& e) {
         return e.kind == "tap-released" && e.detail.find("process exited") != std::string::npos;
     }));
+    EXPECT_EQ(onTrail(), 0) << "an app that has exited leaves the trail";
 }
