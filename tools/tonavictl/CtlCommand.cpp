@@ -770,7 +770,7 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         else if (auto* mute = std::get_if<MIDIMapping::AppMute>(&mapping.target))
             mute->bundleID = ids[0];
         else if (auto* dev = std::get_if<MIDIMapping::DeviceVolume>(&mapping.target)) {
-            auto resolved = allDevices(*status).resolve(device);
+            auto resolved = NameResolver::allDevices(*status).resolve(device);
             if (!resolved.id)
                 return {std::nullopt, resolved.error};
             dev->uid = *resolved.id;
