@@ -4,6 +4,7 @@
 #include "service/TonaviRuntime.hpp"
 
 #include "core/wire/TonaviPayload.hpp"
+#include "service/PayloadReply.hpp"
 
 #include <cassert>
 #include <type_traits>
@@ -84,13 +85,7 @@ std::optional<TonaviReply> TonaviRuntime::handleMIDIRequestLocked(const TonaviRe
                 std::erase_if(list, [&](const MIDIMapping& m) { return m.id == c.id; });
                 return storeMIDIMappings(std::move(list), "could not remove MIDI mapping: ");
             } else if constexpr (std::is_same_v<T, R::ListMIDIMappings>) {
-                try {
-                    TonaviReply reply = TonaviReply::success();
-                    reply.payload = TonaviPayload::encode(midiMappings_);
-                    return reply;
-                } catch (const std::exception& e) {
-                    return TonaviReply::failure(e.what());
-                }
+                return payloadReply(midiMappings_);
             } else {
                 return std::nullopt;
             }
