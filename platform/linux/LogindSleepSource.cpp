@@ -34,27 +34,13 @@ int onPrepareForSleep(sd_bus_message* message, void* userdata, sd_bus_error*) {
 } // namespace
 
 LogindSleepSource::LogindSleepSource(SleepChanged onSleep) : onSleep_(std::move(onSleep)) {
-    wakeFD_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wakeFD_ < 0) {
-        Log::info(std::string("tonavi: sleep and wake not observed: eventfd: ") + std::strerror(errno));
-        return;
-    }
-    thread_ = std::thread([this] {
-        pthread_setname_np(pthread_self(), "tonavi.logind");
-        run();
-    });
+    if (const std::string why = worker_.start("tonavi.logind", [this] { run(); }); !why.empty())
+        Log::info("tonavi: sleep and wake not observed: " + why);
 }
 
 LogindSleepSource::~LogindSleepSource() {
-    stopping_.store(true);
-    if (wakeFD_ >= 0) {
-        const std::uint64_t one = 1;
-        [[maybe_unused]] auto n = ::write(wakeFD_, &one, sizeof(one));
-    }
-    if (thread_.joinable())
-        thread_.join();
-    if (wakeFD_ >= 0)
-        ::close(wakeFD_);
+    worker_.requestStop();
+    worker_.join();
 }
 
 bool LogindSleepSource::listening() const {
@@ -62,9 +48,9 @@ bool LogindSleepSource::listening() const {
 }
 
 bool LogindSleepSource::waitForRetry(int milliseconds) {
-    pollfd fd{wakeFD_, POLLIN, 0};
+    pollfd fd{worker_.wakeFD(), POLLIN, 0};
     ::poll(&fd, 1, milliseconds);
-    return !stopping_.load();
+    return !worker_.stopping();
 }
 
 void LogindSleepSource::run() {
@@ -76,7 +62,7 @@ void LogindSleepSource::run() {
                       "); the wake work will not run until one answers");
         loggedFailure = true;
     };
-    while (!stopping_.load()) {
+    while (!worker_.stopping()) {
         sd_bus* raw = nullptr;
         int r = sd_bus_open_system(&raw);
         std::unique_ptr<sd_bus, BusCloser> bus(raw);
@@ -94,7 +80,7 @@ void LogindSleepSource::run() {
             continue;
         }
         // The match is only in place once the bus has answered the AddMatch call.
-        while (r >= 0 && !stopping_.load()) {
+        while (r >= 0 && !worker_.stopping()) {
             r = sd_bus_process(bus.get(), nullptr);
             if (r > 0)
                 continue;
@@ -117,14 +103,14 @@ void LogindSleepSource::run() {
                 timeout = usec <= nowUsec ? 0 : static_cast<int>(std::min<std::uint64_t>((usec - nowUsec) / 1000 + 1, 60000));
             }
             pollfd fds[2] = {{sd_bus_get_fd(bus.get()), static_cast<short>(events < 0 ? POLLIN : events), 0},
-                             {wakeFD_, POLLIN, 0}};
+                             {worker_.wakeFD(), POLLIN, 0}};
             if (::poll(fds, 2, timeout) < 0 && errno != EINTR)
                 r = -errno;
         }
         listening_.store(false);
         sd_bus_slot_unref(slot);
         bus.reset();
-        if (stopping_.load())
+        if (worker_.stopping())
             break;
         failed("connection lost", r < 0 ? r : -ECONNRESET);
         if (!waitForRetry(backoff))

@@ -14,6 +14,8 @@
 #include <mutex>
 #include <thread>
 
+#include "platform/linux/StoppableThread.hpp"
+
 namespace tonavi {
 
 class LogindSleepSource {
@@ -33,10 +35,8 @@ class LogindSleepSource {
     bool waitForRetry(int milliseconds);
 
     const SleepChanged onSleep_;
-    int wakeFD_ = -1;
-    std::atomic<bool> stopping_{false};
     std::atomic<bool> listening_{false};
-    std::thread thread_;
+    StoppableThread worker_; // last: it stops before the members its loop uses go
 };
 
 } // namespace tonavi

@@ -103,27 +103,13 @@ std::optional<pid_t> SwayFocusSource::focusedPIDInTree(const std::string& json) 
 
 SwayFocusSource::SwayFocusSource(std::string socketPath, ActiveChanged onChange)
     : path_(std::move(socketPath)), onChange_(std::move(onChange)) {
-    wakeFD_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wakeFD_ < 0) {
-        Log::info(std::string("tonavi: sway focus source not started: eventfd: ") + std::strerror(errno));
-        return;
-    }
-    thread_ = std::thread([this] {
-        pthread_setname_np(pthread_self(), "tonavi.swayipc");
-        run();
-    });
+    if (const std::string why = worker_.start("tonavi.swayipc", [this] { run(); }); !why.empty())
+        Log::info("tonavi: sway focus source not started: " + why);
 }
 
 SwayFocusSource::~SwayFocusSource() {
-    stopping_.store(true);
-    if (wakeFD_ >= 0) {
-        const std::uint64_t one = 1;
-        [[maybe_unused]] auto n = ::write(wakeFD_, &one, sizeof(one));
-    }
-    if (thread_.joinable())
-        thread_.join();
-    if (wakeFD_ >= 0)
-        ::close(wakeFD_);
+    worker_.requestStop();
+    worker_.join();
 }
 
 bool SwayFocusSource::connected() const {
@@ -137,9 +123,9 @@ std::optional<pid_t> SwayFocusSource::activePID() const {
 }
 
 bool SwayFocusSource::waitForRetry(int milliseconds) {
-    pollfd fd{wakeFD_, POLLIN, 0};
+    pollfd fd{worker_.wakeFD(), POLLIN, 0};
     ::poll(&fd, 1, milliseconds);
-    return !stopping_.load();
+    return !worker_.stopping();
 }
 
 void SwayFocusSource::publish(std::optional<pid_t> active) {
@@ -151,14 +137,14 @@ void SwayFocusSource::publish(std::optional<pid_t> active) {
         return;
     announced_ = true;
     lastAnnounced_ = active;
-    if (onChange_ && !stopping_.load())
+    if (onChange_ && !worker_.stopping())
         onChange_(active);
 }
 
 void SwayFocusSource::run() {
     int backoff = 250;
     bool loggedFailure = false;
-    while (!stopping_.load()) {
+    while (!worker_.stopping()) {
         const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -179,7 +165,7 @@ void SwayFocusSource::run() {
         Log::info("tonavi: following the focused window through " + path_);
         loggedFailure = false;
         backoff = 250;
-        const bool stopped = serve(fd) || stopping_.load();
+        const bool stopped = serve(fd) || worker_.stopping();
         ::close(fd);
         {
             std::lock_guard guard(mutex_);
@@ -198,18 +184,18 @@ void SwayFocusSource::run() {
 bool SwayFocusSource::serve(int fd) {
     std::uint32_t type = 0;
     std::string payload;
-    if (!sendMessage(fd, getTree, "") || !readMessage(fd, wakeFD_, type, payload) || type != getTree)
-        return stopping_.load();
+    if (!sendMessage(fd, getTree, "") || !readMessage(fd, worker_.wakeFD(), type, payload) || type != getTree)
+        return worker_.stopping();
     const auto initial = focusedPIDInTree(payload);
-    if (!sendMessage(fd, subscribe, R"(["window"])") || !readMessage(fd, wakeFD_, type, payload) ||
+    if (!sendMessage(fd, subscribe, R"(["window"])") || !readMessage(fd, worker_.wakeFD(), type, payload) ||
         type != subscribe)
-        return stopping_.load();
+        return worker_.stopping();
     {
         std::lock_guard guard(mutex_);
         connected_ = true;
     }
     publish(initial);
-    while (readMessage(fd, wakeFD_, type, payload)) {
+    while (readMessage(fd, worker_.wakeFD(), type, payload)) {
         if (type != windowEvent)
             continue;
         const auto event = nlohmann::json::parse(payload, nullptr, false);
@@ -221,7 +207,7 @@ bool SwayFocusSource::serve(int fd) {
         auto container = event.find("container");
         publish(container != event.end() && container->is_object() ? pidOf(*container) : std::nullopt);
     }
-    return stopping_.load();
+    return worker_.stopping();
 }
 
 } // namespace tonavi

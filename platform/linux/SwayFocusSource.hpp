@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "platform/linux/StoppableThread.hpp"
 #include "platform/linux/FocusSource.hpp"
 
 namespace tonavi {
@@ -38,14 +39,12 @@ class SwayFocusSource : public FocusSource {
 
     const std::string path_;
     const ActiveChanged onChange_;
-    int wakeFD_ = -1;
-    std::atomic<bool> stopping_{false};
     mutable std::mutex mutex_; // leaf
     bool connected_ = false;
     std::optional<pid_t> active_;
     bool announced_ = false;
     std::optional<pid_t> lastAnnounced_;
-    std::thread thread_;
+    StoppableThread worker_; // last: it stops before the members its loop uses go
 };
 
 } // namespace tonavi

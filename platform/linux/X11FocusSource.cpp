@@ -155,32 +155,18 @@ X11FocusSource::X11FocusSource(std::string display, ActiveChanged onChange)
         Log::info("tonavi: no X display (DISPLAY is unset): no application in front from X11");
         return;
     }
-    wakeFD_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wakeFD_ < 0) {
-        Log::info(std::string("tonavi: X11 focus source not started: eventfd: ") + std::strerror(errno));
-        return;
-    }
-    thread_ = std::thread([this] {
-        pthread_setname_np(pthread_self(), "tonavi.x11focus");
-        run();
-    });
+    if (const std::string why = worker_.start("tonavi.x11focus", [this] { run(); }); !why.empty())
+        Log::info("tonavi: X11 focus source not started: " + why);
 }
 
 X11FocusSource::~X11FocusSource() {
-    stopping_.store(true);
-    if (wakeFD_ >= 0) {
-        const std::uint64_t one = 1;
-        [[maybe_unused]] auto n = ::write(wakeFD_, &one, sizeof(one));
-    }
+    worker_.requestStop();
     {
         std::lock_guard guard(socketMutex_);
         if (socketFD_ >= 0)
             ::shutdown(socketFD_, SHUT_RDWR);
     }
-    if (thread_.joinable())
-        thread_.join();
-    if (wakeFD_ >= 0)
-        ::close(wakeFD_);
+    worker_.join();
 }
 
 bool X11FocusSource::connected() const {
@@ -199,9 +185,9 @@ std::optional<std::vector<WindowInfo>> X11FocusSource::windows() const {
 }
 
 bool X11FocusSource::waitForRetry(int milliseconds) {
-    pollfd fd{wakeFD_, POLLIN, 0};
+    pollfd fd{worker_.wakeFD(), POLLIN, 0};
     ::poll(&fd, 1, milliseconds);
-    return !stopping_.load();
+    return !worker_.stopping();
 }
 
 void X11FocusSource::publish(std::optional<pid_t> active, std::optional<std::vector<WindowInfo>> windows) {
@@ -214,14 +200,14 @@ void X11FocusSource::publish(std::optional<pid_t> active, std::optional<std::vec
         return;
     announced_ = true;
     lastAnnounced_ = active;
-    if (onChange_ && !stopping_.load())
+    if (onChange_ && !worker_.stopping())
         onChange_(active);
 }
 
 void X11FocusSource::run() {
     int backoff = 250;
     bool loggedFailure = false;
-    while (!stopping_.load()) {
+    while (!worker_.stopping()) {
         Connection c;
         int screen = 0;
         c.xcb = xcb_connect(display_.c_str(), &screen);
@@ -250,7 +236,7 @@ void X11FocusSource::run() {
             std::lock_guard guard(mutex_);
             connected_ = true;
         }
-        const bool stopped = serve(c) || stopping_.load();
+        const bool stopped = serve(c) || worker_.stopping();
         {
             std::lock_guard guard(socketMutex_);
             socketFD_ = -1;
@@ -260,7 +246,7 @@ void X11FocusSource::run() {
             connected_ = false;
         }
         publish(std::nullopt, std::nullopt);
-        if (stopped || stopping_.load())
+        if (stopped || worker_.stopping())
             break;
         Log::info("tonavi: X display " + display_ + " connection lost; reconnecting");
         loggedFailure = true;
@@ -307,7 +293,7 @@ bool X11FocusSource::serve(Connection& c) {
 
     refresh();
     const int fd = xcb_get_file_descriptor(c.xcb);
-    while (!stopping_.load()) {
+    while (!worker_.stopping()) {
         bool dirty = false;
         while (xcb_generic_event_t* raw = xcb_poll_for_event(c.xcb)) {
             Reply<xcb_generic_event_t> event(raw);
@@ -334,7 +320,7 @@ bool X11FocusSource::serve(Connection& c) {
             refresh();
             continue; // the round trips may have queued more events
         }
-        pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFD_, POLLIN, 0}};
+        pollfd fds[2] = {{fd, POLLIN, 0}, {worker_.wakeFD(), POLLIN, 0}};
         if (::poll(fds, 2, -1) < 0 && errno != EINTR)
             return false;
         if (fds[1].revents & POLLIN)

@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/linux/StoppableThread.hpp"
 #include "platform/linux/FocusSource.hpp"
 
 namespace tonavi {
@@ -50,11 +51,9 @@ class X11FocusSource : public FocusSource {
 
     const std::string display_;
     const ActiveChanged onChange_;
-    int wakeFD_ = -1; // an eventfd: stop
     // The connection's socket while one is up, so that a stop can cut a reply wait on a hung server.
     std::mutex socketMutex_;
     int socketFD_ = -1;
-    std::atomic<bool> stopping_{false};
 
     mutable std::mutex mutex_; // leaf: guards the three answers below
     bool connected_ = false;
@@ -63,7 +62,7 @@ class X11FocusSource : public FocusSource {
     bool announced_ = false; // onChange_ has been called at least once (on the thread only)
     std::optional<pid_t> lastAnnounced_;
 
-    std::thread thread_;
+    StoppableThread worker_; // last: it stops before the members its loop uses go
 };
 
 } // namespace tonavi
