@@ -47,6 +47,9 @@ class ServiceTapProvider : public TapProviding {
     // A fresh creation backoff, so that taps rebuilt after a sleep do not wait out older delays.
     virtual void resetCreationBackoff() {}
 
+    // Moves when a value below changes by an event (a worker's metrics, a tap's devices). A provider
+    // whose meters change every cycle keeps it still for them: the status samples those by age.
+    virtual std::uint64_t statusRevision() const { return 0; }
     virtual std::optional<bool> recentAudioSignal(std::string_view /*bundleID*/) const {
         return std::nullopt;
     }

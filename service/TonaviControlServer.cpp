@@ -136,34 +136,41 @@ void TonaviControlServer::serve(int fd) {
     try {
         Bytes payload = ControlTransport::readFrame(fd);
         TonaviRequest request = decodeRequest(payload);
-
-        // The box outlives this wait: a completion that arrives after the time-out writes into it and is
-        // then dropped with it.
-        struct ReplyBox {
-            std::mutex lock;
-            std::condition_variable signal;
-            bool done = false;
-            TonaviReply reply = TonaviReply::failure(timeoutMessage);
-        };
-        auto box = std::make_shared<ReplyBox>();
-        runtime_.handleAsync(request, [box](TonaviReply reply) {
-            std::lock_guard<std::mutex> guard(box->lock);
-            box->reply = std::move(reply);
-            box->done = true;
-            box->signal.notify_all();
-        });
-        TonaviReply reply;
-        {
-            std::unique_lock<std::mutex> guard(box->lock);
-            box->signal.wait_for(guard, std::chrono::duration<double>(replyWaitSeconds), [&] { return box->done; });
-            reply = box->reply;
-        }
-        // A reply the wire cannot carry still answers, as a failure that says why.
-        ControlTransport::writeFrame(fd, encodeReplyOrFailure(reply));
+        // Pollers ask for the status many times a second; it is encoded once per change.
+        if (std::holds_alternative<TonaviRequest::Status>(request.value))
+            ControlTransport::writeFrame(fd, *runtime_.encodedStatusReply());
+        else
+            answer(fd, request);
     } catch (const std::exception& e) {
         Log::info(std::string("tonavi control connection error: ") + e.what());
     }
     ::close(fd);
+}
+
+void TonaviControlServer::answer(int fd, const TonaviRequest& request) {
+    // The box outlives this wait: a completion that arrives after the time-out writes into it and is
+    // then dropped with it.
+    struct ReplyBox {
+        std::mutex lock;
+        std::condition_variable signal;
+        bool done = false;
+        TonaviReply reply = TonaviReply::failure(timeoutMessage);
+    };
+    auto box = std::make_shared<ReplyBox>();
+    runtime_.handleAsync(request, [box](TonaviReply reply) {
+        std::lock_guard<std::mutex> guard(box->lock);
+        box->reply = std::move(reply);
+        box->done = true;
+        box->signal.notify_all();
+    });
+    TonaviReply reply;
+    {
+        std::unique_lock<std::mutex> guard(box->lock);
+        box->signal.wait_for(guard, std::chrono::duration<double>(replyWaitSeconds), [&] { return box->done; });
+        reply = std::move(box->reply);
+    }
+    // A reply the wire cannot carry still answers, as a failure that says why.
+    ControlTransport::writeFrame(fd, encodeReplyOrFailure(reply));
 }
 
 }  // namespace tonavi

@@ -40,6 +40,8 @@ private:
     static void connectionThread(std::weak_ptr<TonaviControlServer> weak, std::shared_ptr<ConnectionThreads> threads);
     void handOff(int fd);
     void serve(int fd);
+    // Hands the request to the runtime and writes its reply, or the time-out failure.
+    void answer(int fd, const TonaviRequest& request);
 
     TonaviRuntime& runtime_;
     std::string path_;

@@ -229,8 +229,9 @@ void TonaviRuntime::readDefaultOutputAtStart() {
     if (audio_->get(device, globalAddress(kAudioDevicePropertyDeviceUID), uid) != noErr || uid.empty())
         return;
     engine_->defaultOutputChanged(uid, false);
+    // Only logged: the first confirmation of this output still does the confirmed-output work (the
+    // session's output, the Bluetooth memory, the lanes), which nothing has done for it yet.
     Log::info("tonavi: confirmed system output " + lastHandledDefaultOutputUID_ + " -> " + uid);
-    lastHandledDefaultOutputUID_ = uid;
 }
 
 void TonaviRuntime::startWatchdog() {

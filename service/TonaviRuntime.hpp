@@ -35,6 +35,7 @@
 #include "service/devices/TonaviDeviceManager.hpp"
 #include "service/midi/MIDIMapper.hpp"
 #include "service/taps/AudioSnapshot.hpp"
+#include "service/taps/OutputEligibility.hpp"
 #include "service/taps/TapProcessIdentity.hpp"
 #include "service/worker/TapRecoveryBackoff.hpp"
 
@@ -144,6 +145,8 @@ class TonaviRuntime {
     void handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
     // Runs handleLocked on serialQueue and waits for it.
     TonaviReply handle(const TonaviRequest& request);
+    // The socket's answer to `status`, already encoded; waits for serialQueue like `handle`.
+    std::shared_ptr<const std::string> encodedStatusReply();
 
     // Save now. On serialQueue.
     void persist();
@@ -179,6 +182,10 @@ class TonaviRuntime {
     std::vector<AudioOnset> currentAudioOnsets() const;
 
     TonaviStatus buildStatus();
+    // The encoded reply to `status`, rebuilt only when something it shows has moved (see statusCache_).
+    std::shared_ptr<const std::string> encodedStatusReplyLocked();
+    // Something the status shows changed on serialQueue (snapshots, onsets, smart state, the duck).
+    void statusInputsChanged() { ++statusRevision_; }
     Bytes buildDiagnostics();
     std::string displayName(const std::string& bundleID) const;
     std::vector<std::string> currentSystemRouteNames(const std::string& uid) const;
@@ -186,7 +193,8 @@ class TonaviRuntime {
     IDSet standingControl();
     // Discovery, on serialQueue. A probe runs off the queue; its result comes back to it.
     void refreshAudioSnapshotsIfNeeded(bool force);
-    void refreshHardwareSnapshotIfNeeded(bool force);
+    // `then` runs on serialQueue once the probe's picture is in (at once when none is needed).
+    void refreshHardwareSnapshotIfNeeded(bool force, std::function<void()> then = {});
     void applyAudioSnapshot(AudioSnapshot snapshot);
     void armOutputRunningListeners();
     void publishCreationEligibility();
@@ -199,8 +207,10 @@ class TonaviRuntime {
     // Read on serialQueue (tests look through sync).
     const DiscoveryHealth& audioDiscoveryHealth() const { return audioDiscoveryHealth_; }
     const DiscoveryHealth& hardwareDiscoveryHealth() const { return hardwareDiscoveryHealth_; }
-    const IDSet& outputEligible() const { return outputEligible_; }
-    const IDSet& outputSuppressedUntilPlaybackStops() const { return outputSuppressedUntilPlaybackStops_; }
+    const IDSet& outputEligible() const { return eligibility_.outputEligible(); }
+    const IDSet& outputSuppressedUntilPlaybackStops() const {
+        return eligibility_.outputSuppressedUntilPlaybackStops();
+    }
     std::size_t armedOutputListenerCount() const { return armedOutputListeners_.size(); }
 
     // Loads a saved scene, on serialQueue: merges it into the configuration, selects its input, then
@@ -308,6 +318,9 @@ class TonaviRuntime {
     TonaviReply setOutputOnlyMode(const std::string& deviceUID, bool on);
     std::optional<HardwareSnapshot> captureHardwareSnapshot();
     void applyHardwareSnapshot(std::optional<HardwareSnapshot> snapshot);
+    // The selection once its query resolves against the snapshot.
+    void switchOutput(std::uint64_t generation, const std::string& query, bool rememberPreference,
+                      std::function<void(TonaviReply)> completion);
     void completeOutputSelection(std::uint64_t generation, const std::string& name, bool succeeded,
                                  std::function<void(TonaviReply)> completion);
     void settleDefaultRoute(std::uint64_t generation, const std::string& uid);
@@ -320,7 +333,6 @@ class TonaviRuntime {
     TonaviReply setDeviceSettings(const DeviceSettings& settings);
     TonaviReply setPreferredOrder(const std::vector<std::string>& uids);
     TonaviReply setDeviceDisplayOrder(const std::vector<std::string>& uids);
-    TonaviReply setOutputDeviceLocked(const std::string& query);
     TonaviReply saveGroup(const OutputGroup& group);
     TonaviReply deleteGroup(const std::string& id);
 
@@ -426,10 +438,22 @@ class TonaviRuntime {
     std::map<AudioObjectID, std::string> audioOwnersByObject_;
     // Process objects that carry a running-output listener, with the block that removes it.
     std::map<AudioObjectID, AudioObjectPropertyListenerBlock> armedOutputListeners_;
-    IDSet outputEligible_;
-    IDSet outputSuppressedUntilPlaybackStops_;
+    OutputEligibility eligibility_;
     HardwareSnapshot hardwareSnapshot_;
     DiscoveryHealth hardwareDiscoveryHealth_;
+
+    // The last encoded status reply and the revisions it was built from, all of serialQueue. Pollers
+    // get these bytes until the runtime's, the engine's or the provider's revision moves, or until it
+    // is `statusCacheMaxAge` seconds old: ages, recent-signal flags and in-process meters change with
+    // time alone, and a poller never sees them staler than that.
+    static constexpr double statusCacheMaxAge = 0.5;
+    struct StatusCache {
+        std::uint64_t runtime = 0, engine = 0, provider = 0;
+        double builtAt = 0;
+        std::shared_ptr<const std::string> reply;
+    };
+    StatusCache statusCache_;
+    std::uint64_t statusRevision_ = 0;
 
     AudioObjectPropertyListenerBlock processRegistryListener_;
 

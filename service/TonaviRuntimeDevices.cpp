@@ -84,8 +84,8 @@ void TonaviRuntime::installDeviceListeners() {
             if (signature.alive)
                 lastConnectedUIDs_.insert(uid);
         (void)outputTopology_.update(topology);
-        // The first status already lists the devices; later ones come from background probes.
-        applyHardwareSnapshot(captureHardwareSnapshot());
+        // Device reads stay off this queue: until the first probe lands, a status lists no devices.
+        refreshHardwareSnapshotIfNeeded(true);
         devices_->installListeners();
         devices_->refreshOutputListeners();
     });
@@ -169,31 +169,38 @@ void TonaviRuntime::applyHardwareSnapshot(std::optional<HardwareSnapshot> snapsh
                   [](const std::string& uid) { return uid.starts_with(TonaviTapProvider::aggregateUIDPrefix); });
     hardwareSnapshot_ = std::move(*snapshot);
     hardwareSnapshotAt_ = clock_->now();
+    statusInputsChanged();
 }
 
-void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool force) {
+void TonaviRuntime::refreshHardwareSnapshotIfNeeded(bool force, std::function<void()> then) {
     assert(serialQueue_->isCurrent());
-    if (hardwareProbeInFlight_ && !force)
-        return;
     // Young by both clocks: the queue's (which tests drive) and the wall's (which dates discovery health).
     const double wallAge = now() - hardwareDiscoveryHealth_.lastSuccessfulRead;
-    if (!force && clock_->now() - hardwareSnapshotAt_ < seconds(hardwareSnapshotLifetimeSeconds) &&
-        wallAge >= 0 && wallAge < hardwareSnapshotLifetimeSeconds)
+    if (!force && (hardwareProbeInFlight_ ||
+                   (clock_->now() - hardwareSnapshotAt_ < seconds(hardwareSnapshotLifetimeSeconds) &&
+                    wallAge >= 0 && wallAge < hardwareSnapshotLifetimeSeconds))) {
+        if (then)
+            then();
         return;
+    }
     const std::uint64_t generation = ++hardwareSnapshotGeneration_;
     hardwareProbeInFlight_ = true;
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
-    hardwareProbeQueue_->async([weak, generation] {
+    hardwareProbeQueue_->async([weak, generation, then = std::move(then)]() mutable {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             auto snapshot = rt.captureHardwareSnapshot();
-            rt.serialQueue_->async([weak, generation, snapshot = std::move(snapshot)]() mutable {
-                withRuntime(weak, [&](TonaviRuntime& rt) {
-                    if (rt.hardwareSnapshotGeneration_ != generation)
-                        return; // a newer probe owns the snapshot
-                    rt.hardwareProbeInFlight_ = false;
-                    rt.applyHardwareSnapshot(std::move(snapshot));
+            rt.serialQueue_->async(
+                [weak, generation, snapshot = std::move(snapshot), then = std::move(then)]() mutable {
+                    withRuntime(weak, [&](TonaviRuntime& rt) {
+                        // A newer probe owns the snapshot; this one's picture is dropped.
+                        if (rt.hardwareSnapshotGeneration_ == generation) {
+                            rt.hardwareProbeInFlight_ = false;
+                            rt.applyHardwareSnapshot(std::move(snapshot));
+                        }
+                        if (then)
+                            then();
+                    });
                 });
-            });
         });
     });
 }
@@ -233,14 +240,22 @@ void TonaviRuntime::selectOutputAsync(const std::string& query, bool rememberPre
     // A newer selection cancels the intents of an older one at once, before it is even resolved.
     manualOutputIntentPending_ = false;
     devices_->setManualOutputSelectionPending(false);
+    if (AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output))
+        return switchOutput(generation, query, rememberPreference, std::move(completion));
+    // The snapshot may predate a device that has just appeared (a group saved a moment ago, a device
+    // that reconnected): look once more at the hardware, off this queue, before saying there is none.
+    refreshHardwareSnapshotIfNeeded(true, [this, generation, query, rememberPreference,
+                                           completion = std::move(completion)]() mutable {
+        if (outputSelectionGeneration_ != generation)
+            return completion(failure(supersededText));
+        switchOutput(generation, query, rememberPreference, std::move(completion));
+    });
+}
 
-    auto uid = AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
-    if (!uid) {
-        // The snapshot may predate a device that has just appeared (a group saved a moment ago):
-        // look once more at the hardware before saying there is no such output.
-        applyHardwareSnapshot(captureHardwareSnapshot());
-        uid = AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
-    }
+void TonaviRuntime::switchOutput(std::uint64_t generation, const std::string& query, bool rememberPreference,
+                                 std::function<void(TonaviReply)> completion) {
+    assert(serialQueue_->isCurrent());
+    const auto uid = AudioEndpointResolver::resolve(query, hardwareSnapshot_.devices, AudioEndpointRole::output);
     const auto settings = devices_->settingsSnapshot();
     if (!uid || (settings.contains(*uid) && settings.at(*uid).hidden))
         return completion(failure("no available output device matching " + query));
@@ -365,10 +380,13 @@ void TonaviRuntime::settleDefaultRoute(std::uint64_t generation, const std::stri
         std::string expected = engine_->routeFor(id);
         if (expected.empty() || !hardwareSnapshot_.deviceUIDs.contains(expected))
             expected = systemDefault;
-        // Process liveness and I/O staleness join with process discovery; the bindings are known.
         const auto source = tapProvider_->sourceDevice(id);
         const auto target = tapProvider_->targetDevice(id);
-        if ((source && *source != systemDefault) || (target && *target != expected))
+        const auto group = audioGroups_.find(id);
+        const bool clientChanged = group != audioGroups_.end() && !group->second.objects.empty() &&
+                                   tapProvider_->processGroupChanged(id, group->second);
+        if (tapProvider_->ioStale(id, ioStaleSeconds) || clientChanged || (source && *source != systemDefault) ||
+            (target && *target != expected))
             outOfStep.push_back(id);
     }
     if (outOfStep.empty())
@@ -443,9 +461,7 @@ void TonaviRuntime::handleReconnectedDevices() {
         AutomaticOutputPolicy::pick(appeared, current, candidates, devices_->preferredOrder());
     if (!target || (current && *target == current->uid))
         return;
-    // The selection resolves against the snapshot, whose background refresh may not have landed yet;
-    // the list just read is fresh, so the snapshot is taken now from the same cache.
-    applyHardwareSnapshot(captureHardwareSnapshot());
+    // A snapshot that predates the arrival makes the selection look again, off this queue.
     std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
     selectOutputAsync(*target, false, [weak, uid = *target](TonaviReply reply) {
         withRuntime(weak, [&](TonaviRuntime& rt) {
@@ -513,12 +529,11 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
                         return d.transport != DeviceLiveStatus::Transport::bluetooth;
                     });
                 return payloadReply(list);
-            } else if constexpr (std::is_same_v<T, R::SetOutputDevice>) {
-                return setOutputDeviceLocked(c.uid);
-            } else if constexpr (std::is_same_v<T, R::SetOutputDeviceOrdered>) {
-                if (!outputSelectionOrder_.accept(c.clientID, c.generation))
-                    return TonaviReply::failure(supersededText);
-                return setOutputDeviceLocked(c.uid);
+            } else if constexpr (std::is_same_v<T, R::SetOutputDevice> ||
+                                 std::is_same_v<T, R::SetOutputDeviceOrdered>) {
+                // One switch path: it waits for the system's confirmation and can be superseded, so it
+                // answers through handleAsync only.
+                return failure(std::string(request.caseName()) + " completes later; send it asynchronously");
             } else if constexpr (std::is_same_v<T, R::SetOutputVolume>) {
                 return setOutputVolume(c.volume);
             } else if constexpr (std::is_same_v<T, R::SetOutputMuted>) {
@@ -572,32 +587,6 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
             }
         },
         request.value);
-}
-
-TonaviReply TonaviRuntime::setOutputDeviceLocked(const std::string& query) {
-    devices_->invalidateDeviceCache();
-    const auto statuses = devices_->liveStatus(noBluetooth);
-    const auto uid = AudioEndpointResolver::resolve(query, statuses, AudioEndpointRole::output);
-    if (!uid)
-        return failure("no output device matching " + query);
-    std::string name = *uid;
-    for (const auto& d : statuses)
-        if (d.id == *uid)
-            name = d.name;
-    const bool ok = devices_->setDefaultOutputVerified(*uid);
-    if (ok) {
-        handleConfirmedDefaultOutput(*uid);
-        promotePreferredOutput(*uid);
-        recordDeviceUse(*uid, now());
-    }
-    applyHardwareSnapshot(captureHardwareSnapshot());
-    if (ok)
-        return success();
-    std::string current = hardwareSnapshot_.defaultOutputUID;
-    for (const auto& d : hardwareSnapshot_.devices)
-        if (d.isDefaultOutput)
-            current = d.name;
-    return failure(VerifiedOutputSwitch::failureText(name, current));
 }
 
 TonaviReply TonaviRuntime::setOutputVolume(double volume) {

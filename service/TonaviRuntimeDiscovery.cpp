@@ -73,6 +73,7 @@ void TonaviRuntime::finishAudioProbe(std::optional<AudioSnapshot> snapshot, doub
 
 void TonaviRuntime::applyAudioSnapshot(AudioSnapshot snapshot) {
     assert(serialQueue_->isCurrent());
+    statusInputsChanged();
     audioProcessSnapshot_.clear();
     for (const auto& p : snapshot.processes)
         audioProcessSnapshot_.push_back({p.bundleID, static_cast<pid_t>(p.pid), p.isRunning});
@@ -132,11 +133,10 @@ void TonaviRuntime::onRunningOutputEdge(AudioObjectID object) {
     serialQueue_->async([weak, owner = *owner] {
         withRuntime(weak, [&](TonaviRuntime& rt) {
             // An app that plays digital silence stays out until it really stopped once.
-            if (rt.outputSuppressedUntilPlaybackStops_.contains(owner))
+            if (!rt.eligibility_.noteRunningOutput(owner))
                 return;
             rt.recency_->noteHeard(owner);
             rt.noteSoundOnset(owner);
-            rt.outputEligible_.insert(owner);
             rt.engine_->setCreationEligibility(rt.creationEligibilitySet());
             rt.engine_->requestReconcile();
         });
@@ -149,43 +149,25 @@ void TonaviRuntime::publishCreationEligibility() {
     for (const auto& [id, activity] : resolvedAudioSnapshot_)
         if (activity.playing)
             playing.insert(id);
-    // An app that stopped playing is forgiven; the others that play become eligible, and a live tap
-    // never loses eligibility here.
-    std::erase_if(outputSuppressedUntilPlaybackStops_,
-                  [&](const std::string& id) { return !playing.contains(id); });
-    for (const auto& id : playing)
-        if (!outputSuppressedUntilPlaybackStops_.contains(id))
-            outputEligible_.insert(id);
-    for (auto& id : engine_->engagedBundleIDs())
-        outputEligible_.insert(std::move(id));
+    eligibility_.publish(playing, engine_->engagedBundleIDs());
     engine_->setCreationEligibility(creationEligibilitySet());
     engine_->requestReconcile();
 }
 
 TonaviRuntime::IDSet TonaviRuntime::creationEligibilitySet() {
-    IDSet set;
+    IDSet set = eligibility_.creationEligibility(standingControl());
     for (auto& id : engine_->engagedBundleIDs())
         set.insert(std::move(id));
-    set.insert(outputEligible_.begin(), outputEligible_.end());
-    const IDSet standing = standingControl();
-    set.insert(standing.begin(), standing.end());
     return set;
 }
 
 TonaviRuntime::IDSet TonaviRuntime::standingControl() {
     const TonaviConfig config = engine_->config();
-    AudioSnapshot snapshot;
-    for (const auto& [id, activity] : resolvedAudioSnapshot_)
-        snapshot.resolved[id] = {activity.playing, activity.capturing};
     const std::optional<IDSet> soloed = engine_->soloActive() ? engine_->soloedBundleIDs() : std::nullopt;
-    const auto runningRegular = [&](const std::string& id) {
-        for (const auto& app : workspace_->runningApplications(id))
-            if (app.activationPolicy == ActivationPolicy::regular)
-                return true;
-        return false;
-    };
+    // A solo claims taps only for the apps it has to silence, which are those heard now.
+    const IDSet audible = soloed ? audibleAppsNow() : IDSet{};
     IDSet standing;
-    for (const auto& id : OutputEligibility::standingControl(config.apps, soloed, snapshot, runningRegular))
+    for (const auto& id : OutputEligibility::standingControl(config.apps, soloed, audible))
         if (TonaviTapSafety::mayCapture(id))
             standing.insert(id);
     return standing;
@@ -292,23 +274,15 @@ void TonaviRuntime::watchdogPass() {
         const auto idle = tapProvider_->secondsSinceRawAudio(id);
         if (!idle || *idle <= idleReleaseSeconds)
             continue;
-        outputEligible_.erase(id);
         // It still "plays" (digital silence): held back until it really stopped once.
-        if (playing.contains(id))
-            outputSuppressedUntilPlaybackStops_.insert(id);
+        eligibility_.releaseIdle(id, playing.contains(id));
         withdrawEligibility(id);
         engine_->releaseTap(id, "output idle");
         Log::info("tonavi: released idle output tap for " + id);
     }
 
     // Eligibility as after a snapshot, without its reconcile.
-    std::erase_if(outputSuppressedUntilPlaybackStops_,
-                  [&](const std::string& id) { return !playing.contains(id); });
-    for (const auto& id : playing)
-        if (!outputSuppressedUntilPlaybackStops_.contains(id))
-            outputEligible_.insert(id);
-    for (auto& id : engine_->engagedBundleIDs())
-        outputEligible_.insert(std::move(id));
+    eligibility_.publish(playing, engine_->engagedBundleIDs());
     engine_->setCreationEligibility(creationEligibilitySet());
 
     // Exit: a tap whose processes are all gone has nothing left to carry.
@@ -317,8 +291,7 @@ void TonaviRuntime::watchdogPass() {
             auto group = audioGroups_.find(id);
             if (group != audioGroups_.end() && !group->second.objects.empty())
                 continue;
-            outputEligible_.erase(id);
-            outputSuppressedUntilPlaybackStops_.erase(id);
+            eligibility_.forget(id);
             onsetTrail_.forget(id);
             withdrawEligibility(id);
             engine_->releaseTap(id, "process exited");

@@ -27,6 +27,10 @@ TonaviReply TonaviRuntime::handle(const TonaviRequest& request) {
     return serialQueue_->syncResult([&] { return handleLocked(request); });
 }
 
+std::shared_ptr<const std::string> TonaviRuntime::encodedStatusReply() {
+    return serialQueue_->syncResult([&] { return encodedStatusReplyLocked(); });
+}
+
 TonaviReply TonaviRuntime::success(std::string message) {
     TonaviReply reply = TonaviReply::success(std::move(message));
     reply.status = buildStatus();
@@ -195,14 +199,9 @@ TonaviReply TonaviRuntime::mutateApp(const std::string& bundleID, bool continuou
     AppAudioState record = existing ? *existing : freshRecord(bundleID);
     mutation(record);
 
-    if (EngagementEngine::isEngaged(record) || (record.directLocked && record.muteWhileBypassed)) {
-        outputEligible_.insert(bundleID);
-    } else {
-        auto activity = resolvedAudioSnapshot_.find(bundleID);
-        const bool playing = activity != resolvedAudioSnapshot_.end() && activity->second.playing;
-        if (!playing)
-            outputEligible_.erase(bundleID);
-    }
+    const auto activity = resolvedAudioSnapshot_.find(bundleID);
+    eligibility_.noteRowChanged(bundleID, OutputEligibility::hasStandingNeed(record),
+                                activity != resolvedAudioSnapshot_.end() && activity->second.playing);
     engine_->setCreationEligibility(creationEligibilitySet());
     engine_->updateApp(record);
     if (continuous)
@@ -264,8 +263,7 @@ TonaviReply TonaviRuntime::setAppVisible(const std::string& bundleID, bool visib
     config.setAppVisible(bundleID, visible);
     engine_->apply(config);
     if (!visible) {
-        outputEligible_.erase(bundleID);
-        outputSuppressedUntilPlaybackStops_.erase(bundleID);
+        eligibility_.forget(bundleID);
         if (auto soloed = engine_->soloedBundleIDs(); soloed && soloed->contains(bundleID)) {
             soloed->erase(bundleID);
             engine_->setSoloApps(*soloed);
@@ -329,6 +327,7 @@ TonaviReply TonaviRuntime::setStageMode(bool on) {
 TonaviReply TonaviRuntime::setManualDuck(bool on) {
     engine_->setManualDuckDB(on ? manualDuckDepthDB : 0.0);
     manualDuckOn_ = on;
+    statusInputsChanged();
     if (coreAudioReady_.load())
         smartTick();
     else

@@ -103,6 +103,7 @@ std::optional<std::string> TonaviRuntime::currentFrontmostBundleID() {
 
 void TonaviRuntime::smartTick() {
     assert(serialQueue_->isCurrent());
+    statusInputsChanged(); // the automations' live state and the mix they set
     if (!coreAudioReady_.load())
         return;
     refreshAudioSnapshotsIfNeeded(false);
@@ -214,6 +215,7 @@ SmartLiveStatus TonaviRuntime::smartLiveStatus(const TonaviConfig& config,
 
 void TonaviRuntime::recordPlaybackOnsets(const IDSet& current) {
     assert(serialQueue_->isCurrent());
+    statusInputsChanged();
     const auto lines =
         onsetTrail_.recordPlaybackOnsets(current, now(), [this] { return frontmostBundleID(); });
     for (const auto& line : lines)
@@ -222,12 +224,14 @@ void TonaviRuntime::recordPlaybackOnsets(const IDSet& current) {
 
 void TonaviRuntime::noteSoundOnset(const std::string& id) {
     assert(serialQueue_->isCurrent());
+    statusInputsChanged();
     if (auto line = onsetTrail_.noteSoundOnset(id, now(), [this] { return frontmostBundleID(); }))
         Log::info(*line);
 }
 
 void TonaviRuntime::noteOutputMove(const std::string& uid, const std::string& name) {
     assert(serialQueue_->isCurrent());
+    statusInputsChanged();
     onsetTrail_.noteOutputMove(uid, name, now());
 }
 

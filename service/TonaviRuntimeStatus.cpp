@@ -6,7 +6,9 @@
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
 #include "core/lists/AppListPolicy.hpp"
+#include "core/outputs/OutputGroupIdentity.hpp"
 #include "core/smart/AudioOnsetPolicy.hpp"
+#include "core/smart/KnownAudioApps.hpp"
 #include "core/wire/TonaviPayload.hpp"
 
 #include <algorithm>
@@ -67,7 +69,22 @@ std::vector<std::string> TonaviRuntime::currentSystemRouteNames(const std::strin
         names.emplace_back("system input");
     if (uid == hardwareSnapshot_.soundEffectsUID)
         names.emplace_back("alert sound");
-    // "active output group" and "active alert-sound group" join with output groups.
+    // A member of the group that plays as the system output (or the alert sound) carries that route too:
+    // hiding it would take the group, and the user's sound, away.
+    const std::vector<OutputGroup> groups = engine_->config().groups;
+    auto memberOfGroupAt = [&](const std::string& routeUID) {
+        if (routeUID.empty())
+            return false;
+        for (const auto& group : groups)
+            if (OutputGroupIdentity::aggregateDeviceUID(group) == routeUID)
+                return std::any_of(group.members.begin(), group.members.end(),
+                                   [&](const OutputGroupMember& m) { return m.id == uid; });
+        return false;
+    };
+    if (memberOfGroupAt(hardwareSnapshot_.defaultOutputUID))
+        names.emplace_back("active output group");
+    if (memberOfGroupAt(hardwareSnapshot_.soundEffectsUID))
+        names.emplace_back("active alert-sound group");
     return names;
 }
 
@@ -78,9 +95,7 @@ TonaviRuntime::IDSet TonaviRuntime::audibleAppsNow() {
     for (const auto& [id, activity] : resolvedAudioSnapshot_) {
         if (!activity.playing || !TonaviTapSafety::mayCapture(id) || contains(config.hiddenAppIDs, id))
             continue;
-        // The list of known audio apps joins with the application directory; a configured record
-        // counts already.
-        if (!config.app(id))
+        if (!KnownAudioApps::isAudioApp(id) && !config.app(id))
             continue;
         if (workspace_->runningApplications(id).empty())
             continue;
@@ -241,6 +256,24 @@ TonaviStatus TonaviRuntime::buildStatus() {
     status.engagedCount = static_cast<std::int64_t>(engaged.size());
     status.manualDuckOn = manualDuckOn_;
     return status;
+}
+
+std::shared_ptr<const std::string> TonaviRuntime::encodedStatusReplyLocked() {
+    assert(serialQueue_->isCurrent());
+    // A cached answer still asks for fresh snapshots, so pollers keep discovery moving.
+    refreshAudioSnapshotsIfNeeded(false);
+    refreshHardwareSnapshotIfNeeded(false);
+    // Revisions are read before the build: a change during it moves them, and the next poll rebuilds.
+    const StatusCache key{statusRevision_, engine_->revision(), tapProvider_->statusRevision(), now(), nullptr};
+    const StatusCache& cached = statusCache_;
+    if (cached.reply && key.runtime == cached.runtime && key.engine == cached.engine &&
+        key.provider == cached.provider && key.builtAt >= cached.builtAt &&
+        key.builtAt - cached.builtAt < statusCacheMaxAge)
+        return cached.reply;
+    TonaviReply reply = success();
+    statusCache_ = key;
+    statusCache_.reply = std::make_shared<const std::string>(encodeReplyOrFailure(reply));
+    return statusCache_.reply;
 }
 
 Bytes TonaviRuntime::buildDiagnostics() {

@@ -56,6 +56,7 @@ EngagementEngine::EngagementEngine(const TonaviConfig& config, std::shared_ptr<T
       anchor_(std::make_shared<EngagementEngine*>(this)),
       smootherCoefficient_(std::exp(-1.0 / (sampleRate * 0.008))) {
     recomputePluginSlotIDsLocked();
+    retired_.reserve(retiredCapacity);
     ducker_ = std::make_unique<Ducker>(config_.duckRules, sampleRate_);
     if (autoReconcile)
         reconcile();
@@ -138,6 +139,7 @@ const AppAudioState* EngagementEngine::configRowLocked(std::string_view bundleID
 }
 
 void EngagementEngine::upsertRowLocked(const AppAudioState& state) {
+    changed();
     // Every row of the ID is replaced, so a configuration holding duplicates cannot keep a stale one.
     bool found = false;
     for (auto& row : config_.apps) {
@@ -210,6 +212,7 @@ void EngagementEngine::recomputePluginSlotIDsLocked() {
 }
 
 TapHandlePtr EngagementEngine::removeTapEntriesLocked(std::string_view bundleID, bool includingLimiter) {
+    changed();
     TapHandlePtr handle;
     if (auto it = tapHandles_.find(bundleID); it != tapHandles_.end()) {
         handle = std::move(it->second);
@@ -232,6 +235,7 @@ TapHandlePtr EngagementEngine::removeTapEntriesLocked(std::string_view bundleID,
 
 void EngagementEngine::storeTapLocked(const std::string& bundleID, TapHandlePtr handle,
                                       std::shared_ptr<kavore::RenderChain> chain) {
+    changed();
     tapHandles_[bundleID] = std::move(handle);
     chains_[bundleID] = std::move(chain);
     smoothedGain_.try_emplace(bundleID);
@@ -291,6 +295,7 @@ void EngagementEngine::install(const TonaviConfig& config, const AutoDirectList*
     std::unique_ptr<Ducker> replacement;
     {
         std::lock_guard guard(lock_);
+        changed();
         if (next.duckRules == config_.duckRules) {
             config_ = std::move(next);
         } else {
@@ -303,6 +308,19 @@ void EngagementEngine::install(const TonaviConfig& config, const AutoDirectList*
         recomputePluginSlotIDsLocked();
     }
     // The old ducker, if any, is destroyed here, outside the lock.
+    freeRetired();
+}
+
+void EngagementEngine::freeRetired() {
+    std::vector<std::shared_ptr<const void>> freed;
+    freed.reserve(retiredCapacity);
+    {
+        std::lock_guard guard(lock_);
+        if (retired_.empty())
+            return;
+        std::swap(freed, retired_);
+    }
+    // Destroyed here, on the control path and outside the lock.
 }
 
 void EngagementEngine::apply(const TonaviConfig& config) {
@@ -364,6 +382,7 @@ void EngagementEngine::setForceEngaged(const IDSet& ids, const std::map<std::str
         }
         std::erase_if(ephemeralApps_, [&](const auto& entry) { return !allowed.contains(entry.first); });
         forceEngaged_ = std::move(allowed);
+        changed();
     }
     requestReconcile();
 }
@@ -393,6 +412,7 @@ void EngagementEngine::setSoloApps(const IDSet& ids) {
             soloAppIDs_.reset();
         else
             soloAppIDs_ = std::move(allowed);
+        changed();
     }
     requestReconcile();
 }
@@ -487,6 +507,7 @@ EngagementEngine::IDSet EngagementEngine::failingBundleIDs() const {
 }
 
 void EngagementEngine::reconcile() {
+    freeRetired();
     const bool blocked = stageFlag_.load() || shutdownFlag_.load() || hardwareSuspended_.load();
 
     Snapshot snapshot;
@@ -573,7 +594,8 @@ void EngagementEngine::reconcileRelease(const std::string& bundleID) {
         return;
     taps_->destroyTap(handle);
     std::lock_guard guard(lock_);
-    failingTaps_.erase(bundleID);
+    if (failingTaps_.erase(bundleID) > 0)
+        changed();
 }
 
 void EngagementEngine::reconcileCreate(const std::string& bundleID, const AppAudioState& app,
@@ -584,6 +606,7 @@ void EngagementEngine::reconcileCreate(const std::string& bundleID, const AppAud
         {
             std::lock_guard guard(lock_);
             inserted = failingTaps_.insert(bundleID).second;
+            changed();
         }
         // Only the edge is logged, so a retry loop cannot flood the health log.
         if (inserted)
@@ -627,6 +650,7 @@ void EngagementEngine::reconcileCreate(const std::string& bundleID, const AppAud
     {
         std::lock_guard guard(lock_);
         wasFailing = failingTaps_.erase(bundleID) > 0;
+        changed();
     }
     if (wasFailing)
         log("tap-recovered", bundleID + " is now controlled");
@@ -768,6 +792,7 @@ std::vector<std::string> EngagementEngine::defaultOutputChanged(const std::strin
         for (const auto& app : config_.apps)
             before.push_back(effectiveVolumeLocked(app));
         currentDefaultOutputUID_ = uid;
+        changed();
         for (std::size_t i = 0; i < config_.apps.size(); ++i)
             if (std::abs(effectiveVolumeLocked(config_.apps[i]) - before[i]) > unityTolerance)
                 moved.push_back(config_.apps[i].id);

@@ -20,6 +20,8 @@
 #include "core/engine/TapProviding.hpp"
 #include "core/engine/TapWorkerState.hpp"
 
+#include <atomic>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -169,6 +171,9 @@ class EngagementEngine {
     void autoRevertAUSlot(const std::string& slotID, const std::string& reason);
     std::vector<HealthEvent> healthLog() const;
     std::vector<std::string> globalPluginSlotIDs() const;
+    // Moves whenever something a status shows changes: the configuration, taps, failures, solo, stage
+    // mode, the default output or the health log. Readers compare it to skip rebuilding a status.
+    std::uint64_t revision() const { return revision_.load(std::memory_order_acquire); }
 
   private:
     struct Snapshot;
@@ -196,15 +201,21 @@ class EngagementEngine {
                         std::shared_ptr<kavore::RenderChain> chain);
 
     void install(const TonaviConfig& config, const AutoDirectList* autoDirect);
+    // A cycle's references that the control path dropped meanwhile are its last: they are parked
+    // here (within reserved room, so the audio thread never allocates) and freed by the control path.
+    void retireLastReferences(RenderContext& context);
+    void freeRetired();
     std::shared_ptr<kavore::RenderChain> makeChain(const kavore::ChainSettings& settings) const;
     double now() const;
     void log(const std::string& kind, const std::string& detail);
+    void changed() { revision_.fetch_add(1, std::memory_order_release); }
 
     void reconcileRelease(const std::string& bundleID);
     void reconcileCreate(const std::string& bundleID, const AppAudioState& app, const Snapshot& snapshot);
     void reconcileSwap(const std::string& bundleID, const AppAudioState& app, const Snapshot& snapshot);
 
     mutable std::mutex lock_;
+    std::atomic<std::uint64_t> revision_{0};
     TonaviConfig config_;
     const std::shared_ptr<TapProviding> taps_;
     const double sampleRate_;
@@ -214,6 +225,8 @@ class EngagementEngine {
     std::shared_ptr<const std::vector<std::string>> globalPluginSlotIDs_;
     ByApp<std::shared_ptr<kavore::SteadyVolume>> steadyProcs_;
     ByApp<TapHandlePtr> tapHandles_;
+    static constexpr std::size_t retiredCapacity = 32;
+    std::vector<std::shared_ptr<const void>> retired_; // under lock_; capacity reserved up front
     AutoDirectList autoDirect_;
     AtomicFlag stageFlag_;
     AtomicFlag hardwareSuspended_;

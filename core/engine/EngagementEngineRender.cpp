@@ -60,7 +60,33 @@ struct EngagementEngine::RenderContext {
     std::optional<double> limiterGR;
     std::optional<double> smoothedGain;
     int stride = 2;
+    EngagementEngine* owner = nullptr; // set once the references are taken
+
+    RenderContext() = default;
+    RenderContext(const RenderContext&) = delete;
+    RenderContext& operator=(const RenderContext&) = delete;
+    ~RenderContext() {
+        if (owner)
+            owner->retireLastReferences(*this);
+    }
 };
+
+void EngagementEngine::retireLastReferences(RenderContext& context) {
+    // A count of one is reliable here: a reference that left the maps cannot be taken again.
+    auto last = [](const auto& p) { return p && p.use_count() == 1; };
+    if (!last(context.chain) && !last(context.global) && !last(context.pluginSlotIDs) && !last(context.steady))
+        return;
+    std::lock_guard guard(lock_);
+    auto park = [&](auto& p) {
+        // Past the reserved room the reference is dropped here after all: late, but never a crash.
+        if (last(p) && retired_.size() < retired_.capacity())
+            retired_.push_back(std::move(p));
+    };
+    park(context.chain);
+    park(context.global);
+    park(context.pluginSlotIDs);
+    park(context.steady);
+}
 
 template <class Now>
 void EngagementEngine::fillContextLocked(std::string_view bundleID, const AppAudioState& row,
@@ -133,6 +159,7 @@ bool EngagementEngine::render(std::string_view bundleID, std::span<float> buffer
             if (!row || !hasHandle)
                 return false;
             fillContextLocked(bundleID, *row, instant, context);
+            context.owner = this;
         }
     }
     if (disposition == Disposition::passThrough)

@@ -14,6 +14,7 @@ void EngagementEngine::log(const std::string& kind, const std::string& detail) {
         while (healthLog_.size() > healthLogCapacity)
             healthLog_.pop_front();
     }
+    changed();
     if (onHealthEvent_)
         onHealthEvent_(event);
 }
@@ -27,6 +28,7 @@ void EngagementEngine::setStageMode(bool on) {
     // The flag is written before the hold that removes handles, so a concurrent reconcile that
     // re-asks wantsTapLocked cannot put one back.
     stageFlag_.store(on);
+    changed();
     std::vector<TapHandlePtr> handles;
     int mutedCount = 0;
     {

@@ -25,7 +25,14 @@ void OutputEligibility::releaseIdle(const std::string& bundleID, bool playing) {
         suppressed_.insert(bundleID);
 }
 
-void OutputEligibility::processExited(const std::string& bundleID) {
+void OutputEligibility::noteRowChanged(const std::string& bundleID, bool standingNeed, bool playing) {
+    if (standingNeed)
+        outputEligible_.insert(bundleID);
+    else if (!playing)
+        outputEligible_.erase(bundleID);
+}
+
+void OutputEligibility::forget(const std::string& bundleID) {
     outputEligible_.erase(bundleID);
     suppressed_.erase(bundleID);
 }
@@ -38,18 +45,20 @@ OutputEligibility::IDSet OutputEligibility::creationEligibility(const IDSet& sta
 
 OutputEligibility::IDSet
 OutputEligibility::standingControl(const std::vector<AppAudioState>& apps, const std::optional<IDSet>& soloed,
-                                   const AudioSnapshot& snapshot,
-                                   const std::function<bool(const std::string&)>& isRunningRegularApp) {
+                                   const IDSet& audibleNow) {
     IDSet standing;
     for (const auto& app : apps)
-        if (EngagementEngine::isEngaged(app) || (app.directLocked && app.muteWhileBypassed))
+        if (hasStandingNeed(app))
             standing.insert(app.id);
-    if (soloed) {
-        for (const auto& [id, activity] : snapshot.resolved)
-            if (!soloed->count(id) && isRunningRegularApp && isRunningRegularApp(id))
+    if (soloed)
+        for (const auto& id : audibleNow)
+            if (!soloed->count(id))
                 standing.insert(id);
-    }
     return standing;
+}
+
+bool OutputEligibility::hasStandingNeed(const AppAudioState& app) {
+    return EngagementEngine::isEngaged(app) || (app.directLocked && app.muteWhileBypassed);
 }
 
 } // namespace tonavi

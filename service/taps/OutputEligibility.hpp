@@ -4,14 +4,12 @@
 // browser tab) would be tapped again by the next snapshot after its idle tap was released; it is
 // held back until it has stopped playing once. A plain value owned by the runtime's queue.
 
-#include <functional>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "core/config/AppAudioState.hpp"
-#include "service/taps/AudioSnapshot.hpp"
 
 namespace tonavi {
 
@@ -27,18 +25,21 @@ class OutputEligibility {
     void publish(const IDSet& playing, const std::vector<std::string>& engaged);
     // An idle tap was released: the app loses eligibility, and is held back if it still "plays".
     void releaseIdle(const std::string& bundleID, bool playing);
-    // The app's processes are gone.
-    void processExited(const std::string& bundleID);
+    // A row that needs a tap without sound makes the app eligible at once; a row without that need
+    // leaves it eligible only while it plays.
+    void noteRowChanged(const std::string& bundleID, bool standingNeed, bool playing);
+    // The app's processes are gone, or the user hid it: nothing of it is kept.
+    void forget(const std::string& bundleID);
 
     // What the engine's creation eligibility is set to.
     IDSet creationEligibility(const IDSet& standingControl) const;
 
     // Apps with a need for a tap that exists without sound: rows that ask for control, and rows
-    // that keep a mute while direct; during solo also every running regular app in the snapshot
-    // that is not soloed, since it must be silenced.
+    // that keep a mute while direct; during solo also every audible app that is not soloed, since
+    // it must be silenced.
     static IDSet standingControl(const std::vector<AppAudioState>& apps, const std::optional<IDSet>& soloed,
-                                 const AudioSnapshot& snapshot,
-                                 const std::function<bool(const std::string&)>& isRunningRegularApp);
+                                 const IDSet& audibleNow);
+    static bool hasStandingNeed(const AppAudioState& app);
 
     const IDSet& outputEligible() const { return outputEligible_; }
     const IDSet& outputSuppressedUntilPlaybackStops() const { return suppressed_; }

@@ -225,19 +225,24 @@ void IsolatedTonaviTapProvider::consume(const std::shared_ptr<IsolatedTapHandle>
 
 void IsolatedTonaviTapProvider::updateMetrics(IsolatedTapHandle& handle, const TapWorkerEvent& event) {
     // A metrics event carries only what changed; absent fields keep their mirrored value.
-    auto take = [](auto& field, const auto& value) {
-        if (value)
+    bool shown = false; // whether a value the status shows moved
+    auto take = [&shown](auto& field, const auto& value, bool showsInStatus) {
+        if (value && !(field == *value)) {
             field = *value;
+            shown = shown || showsInStatus;
+        }
     };
     std::lock_guard guard(stateLock_);
-    take(handle.meterLevel, event.level);
-    take(handle.sampleRate, event.sampleRate);
-    take(handle.tapBufferFrames, event.tapBufferFrames);
-    take(handle.outputBufferFrames, event.outputBufferFrames);
-    take(handle.sourceDeviceUID, event.sourceDeviceUID);
-    take(handle.targetDeviceUID, event.targetDeviceUID);
-    take(handle.lastIOAt, event.lastIOAt);
-    take(handle.lastRawAudioAt, event.lastRawAudioAt);
+    take(handle.meterLevel, event.level, true);
+    take(handle.sampleRate, event.sampleRate, true);
+    take(handle.tapBufferFrames, event.tapBufferFrames, true);
+    take(handle.outputBufferFrames, event.outputBufferFrames, true);
+    take(handle.sourceDeviceUID, event.sourceDeviceUID, true);
+    take(handle.targetDeviceUID, event.targetDeviceUID, true);
+    take(handle.lastIOAt, event.lastIOAt, false);
+    take(handle.lastRawAudioAt, event.lastRawAudioAt, false);
+    if (shown)
+        statusRevision_.fetch_add(1, std::memory_order_release);
 }
 
 void IsolatedTonaviTapProvider::onTermination(const std::shared_ptr<IsolatedTapHandle>& handle, int status) {

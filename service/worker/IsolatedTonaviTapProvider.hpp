@@ -14,6 +14,7 @@
 #include "service/worker/IsolatedTapHandle.hpp"
 #include "service/worker/TapRecoveryBackoff.hpp"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -96,6 +97,7 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
 
     // The mirrors of what each worker reports; the "no worker" answer without one.
     float level(std::string_view bundleID) const override;
+    std::uint64_t statusRevision() const override { return statusRevision_.load(std::memory_order_acquire); }
     double sampleRate(std::string_view bundleID) const override; // 0 without a worker
     std::optional<BufferFrames> bufferFrames(std::string_view bundleID) const override;
     std::optional<bool> recentAudioSignal(std::string_view bundleID) const override;
@@ -129,6 +131,7 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
 
     const Environment environment_;
     mutable std::mutex stateLock_;
+    std::atomic<std::uint64_t> statusRevision_{0};
     std::map<std::string, std::shared_ptr<IsolatedTapHandle>, std::less<>> liveHandles_;
     TapRecoveryBackoff creationBackoff_{2.0, 30.0};
 };

@@ -45,6 +45,35 @@ TEST(OutputSelection, ANewerSelectionSupersedesAnOlderOneWhichRepliesSo) {
     EXPECT_EQ(h.machine->world()->defaultOutputUID, usb);
 }
 
+// The listener and a verified switch both report one change; the output found at start was only
+// read, so its first confirmation still does the work, once.
+TEST(OutputSelection, TheConfirmedOutputWorkRunsOncePerDeviceStartingOneIncluded) {
+    RuntimeHarness h;
+    h.startReady();
+    const std::string line = "tonavi: confirmed system output  -> " + std::string(speakers);
+    auto count = [&] {
+        const std::string log = h.log();
+        std::size_t n = 0;
+        for (auto at = log.find(line); at != std::string::npos; at = log.find(line, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count(), 1u);
+    // A tapped app on the right devices whose tap has stopped carrying audio is caught by the settling
+    // pass that follows the confirmation.
+    ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.5}).ok);
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap(music); }));
+    h.provider->source[music] = h.provider->target[music] = speakers;
+    h.provider->stale.insert(music);
+    h.runtime->serialQueue().sync([&] {
+        h.runtime->handleConfirmedDefaultOutput(speakers);
+        h.runtime->handleConfirmedDefaultOutput(speakers);
+    });
+    EXPECT_EQ(count(), 2u);
+    h.advance(0.8);
+    EXPECT_TRUE(h.logged("tonavi: settling late default-route helpers onto " + std::string(speakers)));
+}
+
 TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     RuntimeHarness h;
     h.startReady();
@@ -93,6 +122,13 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     EXPECT_TRUE(h.send(R::SetOutputMuted{true}).ok);
     EXPECT_EQ(softMaster(), 0.0);
     EXPECT_TRUE(h.send(R::SetOutputMuted{false}).ok);
+    // A member of the group that is the system output carries that route: hiding it is refused, and
+    // the group stays.
+    DeviceSettings hiddenUSB{.id = usb};
+    hiddenUSB.hidden = true;
+    EXPECT_EQ(h.send(R::SetDeviceSettings{hiddenUSB}).message,
+              "Choose another active output group device first, then remove this device from Tonavi.");
+    EXPECT_EQ(h.onDisk().groups.size(), 1u);
 
     group.members.resize(1);
     const TonaviReply refused = h.send(R::SaveGroup{group}); // one member is no group; the old one stays

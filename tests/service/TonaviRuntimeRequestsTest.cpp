@@ -194,6 +194,38 @@ TEST(AppRequests, DirectLocksAndLockedLanesHoldAgainstRequestsYetAMuteStillSilen
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) > before; }));
 }
 
+// Pollers get the same encoded bytes until something the status shows moves, or until they age.
+TEST(Status, TheEncodedReplyIsReusedUntilWhatItShowsMovesOrItAges) {
+    RuntimeHarness h;
+    h.startReady();
+    h.settleDiscovery();
+    auto volumeIn = [](const std::shared_ptr<const std::string>& bytes) {
+        const TonaviReply reply = decodeReply(*bytes);
+        for (const auto& app : reply.status.value().apps)
+            if (app.id == safari)
+                return app.volume;
+        return -1.0;
+    };
+    const auto first = h.runtime->encodedStatusReply();
+    EXPECT_EQ(h.runtime->encodedStatusReply(), first);
+    EXPECT_EQ(decodeReply(*first), h.send(R::Status{}));
+
+    h.send(R::SetAppVolume{safari, 0.3});
+    const auto afterVolume = h.runtime->encodedStatusReply();
+    EXPECT_NE(afterVolume, first);
+    EXPECT_DOUBLE_EQ(volumeIn(afterVolume), 0.3);
+
+    h.send(R::StageMode{true}); // a health event and the stage flag
+    const auto afterStage = h.runtime->encodedStatusReply();
+    EXPECT_NE(afterStage, afterVolume);
+    EXPECT_TRUE(decodeReply(*afterStage).status->stageMode);
+
+    h.wall = h.wall + 0.4;
+    EXPECT_EQ(h.runtime->encodedStatusReply(), afterStage);
+    h.wall = h.wall + 0.2; // older than half a second: ages and recent signals are read again
+    EXPECT_NE(h.runtime->encodedStatusReply(), afterStage);
+}
+
 TEST(Status, HealthCarriesTheNewestTwentyDiagnosticsAllAndShutdownNone) {
     RuntimeHarness h;
     h.provider->taps.failAlways(safari, true);

@@ -7,6 +7,7 @@ namespace {
 
 using kavore::test::activeCounters;
 using kavore::test::allocationsOnThisThread;
+using kavore::test::freesOnThisThread;
 
 // Counts the allocation and returns a block; when there is none, null for the nothrow forms.
 void* allocate(std::size_t size, std::size_t alignment = 0, bool nothrow = false) {
@@ -17,6 +18,11 @@ void* allocate(std::size_t size, std::size_t alignment = 0, bool nothrow = false
     if (!p && !nothrow)
         throw std::bad_alloc();
     return p;
+}
+
+void release(void* p) noexcept {
+    freesOnThisThread += activeCounters > 0 && p ? 1 : 0;
+    std::free(p);
 }
 
 } // namespace
@@ -43,26 +49,26 @@ void* operator new[](std::size_t size, std::align_val_t alignment) {
 }
 
 void operator delete(void* p) noexcept {
-    std::free(p);
+    release(p);
 }
 void operator delete[](void* p) noexcept {
-    std::free(p);
+    release(p);
 }
 void operator delete(void* p, std::size_t) noexcept {
-    std::free(p);
+    release(p);
 }
 void operator delete[](void* p, std::size_t) noexcept {
-    std::free(p);
+    release(p);
 }
 void operator delete(void* p, std::align_val_t) noexcept {
-    std::free(p);
+    release(p);
 }
 void operator delete[](void* p, std::align_val_t) noexcept {
-    std::free(p);
+    release(p);
 }
 void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
+    release(p);
 }
 void operator delete[](void* p, std::size_t, std::align_val_t) noexcept {
-    std::free(p);
+    release(p);
 }

@@ -12,6 +12,7 @@ namespace kavore::test {
 
 // Plain thread-locals of trivial type: touching them never allocates.
 inline thread_local std::size_t allocationsOnThisThread = 0;
+inline thread_local std::size_t freesOnThisThread = 0;
 inline thread_local int activeCounters = 0;
 
 class AllocationCounter {
@@ -23,9 +24,12 @@ class AllocationCounter {
 
     // Allocations on this thread since construction.
     std::size_t count() const { return allocationsOnThisThread - start_; }
+    // Blocks given back on this thread since construction.
+    std::size_t frees() const { return freesOnThisThread - freesStart_; }
 
   private:
     const std::size_t start_ = allocationsOnThisThread;
+    const std::size_t freesStart_ = freesOnThisThread;
 };
 
 } // namespace kavore::test

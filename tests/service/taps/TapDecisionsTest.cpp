@@ -74,18 +74,22 @@ TEST(OutputEligibility, StandingControlNeedsNoSound) {
                                     AppAudioState("c.held"), AppAudioState("d.direct")};
     apps[0].volume = 0.5;
     apps[2].directLocked = apps[2].muteWhileBypassed = apps[3].directLocked = apps[3].muted = true;
-    AudioSnapshot snapshot;
-    snapshot.resolved = {{"b.unity", {true, false}}, {"e.other", {}}, {"f.agent", {true, false}}};
-    auto regular = [](const std::string& id) { return id != "f.agent"; };
-    EXPECT_EQ(OutputEligibility::standingControl(apps, std::nullopt, snapshot, regular),
-              (IDSet{"a.half", "c.held"}));
-    EXPECT_EQ(OutputEligibility::standingControl(apps, IDSet{"b.unity"}, snapshot, regular),
+    // A solo claims the audible apps it has to silence, and nothing else.
+    const IDSet audible{"b.unity", "e.other"};
+    EXPECT_EQ(OutputEligibility::standingControl(apps, std::nullopt, audible), (IDSet{"a.half", "c.held"}));
+    EXPECT_EQ(OutputEligibility::standingControl(apps, IDSet{"b.unity"}, audible),
               (IDSet{"a.half", "c.held", "e.other"}));
 
     OutputEligibility eligibility;
     eligibility.publish({"a.half", "e.other"}, {});
     EXPECT_EQ(eligibility.creationEligibility({"x.standing"}), (IDSet{"a.half", "e.other", "x.standing"}));
-    eligibility.processExited("a.half");
+    eligibility.forget("a.half");
+    EXPECT_EQ(eligibility.outputEligible(), IDSet{"e.other"});
+    // A row that loses its need keeps eligibility only while the app plays.
+    eligibility.noteRowChanged("b.unity", true, false);
+    eligibility.noteRowChanged("e.other", false, true);
+    EXPECT_EQ(eligibility.outputEligible(), (IDSet{"b.unity", "e.other"}));
+    eligibility.noteRowChanged("b.unity", false, false);
     EXPECT_EQ(eligibility.outputEligible(), IDSet{"e.other"});
 }
 

@@ -6,10 +6,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <optional>
+
 #include "bench/audio/FullChainSettings.hpp"
 #include "service/worker/TapWorkerEventWriter.hpp"
 #include "service/worker/TapWorkerRenderer.hpp"
 #include "tests/audio/rt/AllocationCounter.hpp"
+#include "tests/core/engine/EngineTestSupport.hpp"
 #include "tests/service/taps/TapTestSupport.hpp"
 
 namespace tonavi {
@@ -59,6 +62,31 @@ TEST(TapIOCycle, TheWorkerRenderPathNeverAllocatesAcrossQuantumChanges) {
     }
     EXPECT_EQ(handle->ioCallbackCount.load(), std::size(cases) * 50u);
     ::close(devNull);
+}
+
+// A reconcile may replace an app's chain while a cycle runs on it. The cycle's reference is then the
+// last one, and the chain must be freed later by the control path, never on the audio thread.
+TEST(TapIOCycle, AChainReplacedDuringACycleIsFreedByTheControlPathNotTheAudioThread) {
+    AppAudioState row = testing::appRow("com.apple.Music", 0.5);
+    row.chain.slots = {testing::pluginSlot("S1")};
+    testing::EngineHarness h(testing::configWith({row}));
+    ASSERT_TRUE(h.engine->hasTap(row.id));
+    std::optional<kavore::test::AllocationCounter> restOfCycle;
+    h.engine->setExternalAURender([&](const std::string&, std::span<float>) {
+        if (restOfCycle)
+            return;
+        {
+            // What the control thread does meanwhile: the chain's settings change and it is swapped.
+            TonaviConfig next = h.engine->config();
+            next.apps[0].chain.slots.push_back(testing::pluginSlot("S2"));
+            h.engine->apply(next);
+        }
+        restOfCycle.emplace();
+    });
+    std::vector<float> buffer = testing::constantBuffer(256, 0.25f);
+    h.engine->render(row.id, buffer);
+    ASSERT_TRUE(restOfCycle);
+    EXPECT_EQ(restOfCycle->frees(), 0u);
 }
 
 } // namespace
