@@ -12,13 +12,13 @@
 #include "platform/sim/SimMachine.hpp"
 #include "platform/sim/SimWorkspace.hpp"
 #include "service/TonaviRuntime.hpp"
+#include "tests/platform/support/Eventually.hpp"
 #include "tests/support/TempFolder.hpp"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <chrono>
-#include <thread>
 
 namespace {
 
@@ -32,12 +32,7 @@ struct InstantTaps final : ServiceTapProvider {
     void setHooks(Hooks) override {}
 };
 
-bool waitFor(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(1ms);
-    return condition();
-}
+using tonavi::test::eventually;
 
 // The preset machine with 26 players more, two USB docks and Zoom ready to capture.
 struct Machine {
@@ -73,12 +68,12 @@ struct Machine {
     }
     // Ready, with both discovery snapshots in, read at least once after `since`.
     void settle(double since) {
-        waitFor([&] { return runtime->coreAudioReady(); });
+        eventually([&] { return runtime->coreAudioReady(); });
         runtime->serialQueue().sync([&] {
             runtime->refreshAudioSnapshotsIfNeeded(true);
             runtime->refreshHardwareSnapshotIfNeeded(true);
         });
-        waitFor([&] {
+        eventually([&] {
             return runtime->serialQueue().syncResult([&] {
                 return runtime->audioDiscoveryHealth().lastSuccessfulRead >= since &&
                        runtime->hardwareDiscoveryHealth().lastSuccessfulRead >= since;
@@ -99,7 +94,7 @@ struct Machine {
 void BM_RuntimeSmartPass(benchmark::State& state) {
     auto clock = std::make_shared<ManualClock>();
     Machine m(clock);
-    waitFor([&] { return m.runtime->warmUpProbes() >= 1; });
+    eventually([&] { return m.runtime->warmUpProbes() >= 1; });
     clock->advance(500ms);
     m.settle(0);
     for (auto _ : state)
@@ -117,12 +112,12 @@ void BM_ZoomCaptureToDucked(benchmark::State& state) {
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
         capture(true);
-        if (!waitFor([&] { return m.ducked("com.apple.Music"); }))
+        if (!eventually([&] { return m.ducked("com.apple.Music"); }))
             return state.SkipWithError("Music was never ducked");
         state.SetIterationTime(
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
         capture(false);
-        waitFor([&] { return !m.ducked("com.apple.Music"); });
+        eventually([&] { return !m.ducked("com.apple.Music"); });
     }
 }
 BENCHMARK(BM_ZoomCaptureToDucked)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);

@@ -1,6 +1,7 @@
 #include "tests/integration/ChildProcess.hpp"
 
 #include "core/wire/TonaviChannel.hpp"
+#include "tests/platform/support/Eventually.hpp"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +12,6 @@
 #include <fstream>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 extern char** environ;
@@ -129,11 +129,7 @@ ChildProcess startService(const PrivateHome& home, const Env& extra) {
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-    for (auto deadline = std::chrono::steady_clock::now() + timeout; !condition();) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return test::eventually(condition, timeout);
 }
 
 // The state letter and parent from /proc/<pid>/stat; the command name before them may hold anything.

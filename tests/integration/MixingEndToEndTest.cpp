@@ -32,15 +32,14 @@ const std::string headphones = "AppleUSBAudioEngine:Acme:USB Headphones:1400000:
 constexpr double toneRMS = -12.0 - 3.0103; // a sine's RMS lies 3 dB under its peak
 
 // A private world and home, the service running on them, and tonavictl to drive both. Safari plays
-// before the service starts unless asked otherwise.
+// before the service starts.
 class Mix {
   public:
-    explicit Mix(bool safariPlays = true) {
+    Mix() {
         env_ = home_.env();
         env_["TONAVI_SIM_WORLD"] = worldPath();
         ctlOK({"sim", "init"});
-        if (safariPlays)
-            playSafari();
+        playSafari();
         service_ = startService(home_, env_);
     }
     void playSafari(int frequency = 1000) {
@@ -296,25 +295,4 @@ TEST(MixingEndToEnd, AStoppedWorkerNeverHoldsUpTheService) {
         << mix.log();
     ::kill(second, SIGCONT);
     EXPECT_TRUE(mix.waitForLevel(safari, toneRMS + 40 * std::log10(0.39), 0.5)) << "the newest volume holds";
-}
-
-TEST(SmartEndToEnd, FollowMeLowersTheBackgroundBrowserAndRecentShowsItStarting) {
-    Mix mix(false);
-    // The first snapshot, with Music already playing, is the baseline of the trail.
-    ASSERT_TRUE(waitUntil([&] { return mix.statusHas(music); }, 10s));
-    mix.playSafari();
-    // Music in front before the automation starts, so it never needs a tap.
-    mix.ctlOK({"sim", "activate", music});
-    SmartSettings half;
-    half.followMeBackgroundPercent = 50;
-    mix.ctlOK({"send", encodeRequest(TonaviRequest{TonaviRequest::SetSmartSettings{half}})});
-    EXPECT_EQ(mix.ctl({"smart", "follow-me", "on"}).second, "follow-me on\n");
-
-    // The app in front keeps its level, the browser loses 6 dB.
-    EXPECT_TRUE(mix.waitForLevel(safari, toneRMS - 6.0206, 0.5)) << mix.log();
-    EXPECT_TRUE(mix.waitForLevel(music, toneRMS, 0.5));
-    EXPECT_NE(mix.ctl({"smart"}).second.find("hero Music; others at 50%"), std::string::npos);
-    const std::string recent = mix.ctl({"recent"}).second;
-    EXPECT_NE(recent.find("Safari started playing "), std::string::npos) << recent;
-    EXPECT_EQ(recent.find("Music started playing"), std::string::npos) << recent;
 }

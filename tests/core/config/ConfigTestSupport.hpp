@@ -55,14 +55,11 @@ class FaultyFileSystem final : public FileSystem {
     int failAt = -1;
     std::function<bool(Op, const Path&)> shouldFail;
     int operations = 0;
-    int writes = 0;
 
     bool exists(const Path& p) override { return check(Op::exists, p), inner_.exists(p); }
     std::string read(const Path& p) override { return check(Op::read, p), inner_.read(p); }
     void writeAtomically(const Path& p, std::string_view bytes) override {
-        check(Op::writeAtomically, p);
-        ++writes;
-        inner_.writeAtomically(p, bytes);
+        check(Op::writeAtomically, p), inner_.writeAtomically(p, bytes);
     }
     void move(const Path& from, const Path& to) override { check(Op::move, from), inner_.move(from, to); }
     void replace(const Path& target, const Path& with) override {

@@ -1,18 +1,12 @@
 #include "PrivatePipeWireServer.hpp"
 
-#include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "Eventually.hpp"
+#include "Spawn.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
-
-extern char** environ;
 
 namespace tonavi::test {
 
@@ -44,37 +38,14 @@ PrivatePipeWireServer* PrivatePipeWireServer::shared(std::string* why) {
 }
 
 pid_t PrivatePipeWireServer::spawn(const std::vector<std::string>& argv, const std::string& logName) {
-    std::vector<char*> args;
-    for (const auto& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    const std::string log = folder_ + "/" + logName + ".log";
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0)
-        pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
+    return spawnProcess(argv, nullptr, {}, folder_ + "/" + logName + ".log");
 }
 
-void PrivatePipeWireServer::terminate(pid_t pid, int signal) {
-    if (pid <= 0)
-        return;
-    ::kill(pid, signal);
-    if (!eventually([&] { return ::waitpid(pid, nullptr, WNOHANG) == pid; },
-                    std::chrono::milliseconds(3000))) {
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-    }
-}
+void PrivatePipeWireServer::terminate(pid_t pid, int signal) { stopProcess(pid, signal); }
 
 bool PrivatePipeWireServer::start(std::string& why) {
     for (const std::string program : {"dbus-daemon", "pipewire", "wireplumber", "pipewire-pulse"})
-        if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0)
+        if (!programExists(program))
             return why = program + " is not installed (scripts/setup.sh installs it)", missing_ = true, false;
     std::string pattern = (std::filesystem::temp_directory_path() / "tonavi-pipewire-XXXXXX").string();
     if (!::mkdtemp(pattern.data()))

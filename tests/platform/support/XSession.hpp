@@ -3,91 +3,19 @@
 // us through -displayfd), openbox on it to keep the EWMH properties, and real windows of our own
 // processes. `start` says why when it cannot; the tests skip only when Xvfb itself cannot run.
 
-#include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <xcb/xcb.h>
 
 #include "Eventually.hpp"
-
-extern char** environ;
+#include "Spawn.hpp"
 
 namespace tonavi::test {
-
-// Starts argv with stdout on a pipe when `out` is given; -1 when it cannot start.
-inline pid_t spawnProcess(const std::vector<std::string>& argv, int* out = nullptr,
-                          const std::vector<std::string>& extraEnvironment = {}) {
-    std::vector<char*> args;
-    for (const auto& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e)
-        env.emplace_back(*e);
-    for (const auto& e : extraEnvironment)
-        env.push_back(e);
-    std::vector<char*> envp;
-    for (auto& e : env)
-        envp.push_back(e.data());
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    int fds[2] = {-1, -1};
-    if (out) {
-        if (::pipe2(fds, O_CLOEXEC) != 0)
-            return -1;
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-    }
-    const int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    posix_spawn_file_actions_adddup2(&actions, devnull, 2);
-    if (!out)
-        posix_spawn_file_actions_adddup2(&actions, devnull, 1);
-    pid_t pid = -1;
-    const int r = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(devnull);
-    if (out) {
-        ::close(fds[1]);
-        *out = fds[0];
-    }
-    return r == 0 ? pid : -1;
-}
-
-inline void stopProcess(pid_t pid, int signal = SIGTERM) {
-    if (pid <= 0)
-        return;
-    ::kill(pid, signal);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-}
-
-// One line from a pipe, waiting at most `timeoutMs`; empty on time-out or end of file.
-inline std::string readLine(int fd, int timeoutMs = 10'000) {
-    std::string line;
-    char c = 0;
-    while (true) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, timeoutMs) <= 0 || ::read(fd, &c, 1) != 1)
-            return {};
-        if (c == '\n')
-            return line;
-        line += c;
-    }
-}
-
-inline bool programExists(const char* name) {
-    const std::string command = std::string("command -v ") + name + " >/dev/null 2>&1";
-    return std::system(command.c_str()) == 0;
-}
 
 class XSession {
   public:
@@ -136,19 +64,12 @@ class XSession {
         return true;
     }
 
-    bool start(std::string& why) { return startServer(why) && startWindowManager(why); }
-
-    void stopServer() {
-        stopProcess(manager_);
-        manager_ = -1;
-        stopProcess(server_);
-        server_ = -1;
-    }
     void stop() {
         for (pid_t pid : clients_)
             stopProcess(pid);
         clients_.clear();
-        stopServer();
+        stopProcess(std::exchange(manager_, -1));
+        stopProcess(std::exchange(server_, -1));
     }
 
     // A window of a new process; its pid, and its X window ID in `window`.
@@ -164,7 +85,6 @@ class XSession {
             clients_.push_back(pid);
         return window.empty() ? -1 : pid;
     }
-    void adopt(pid_t pid) { clients_.push_back(pid); }
 
     // xdotool on this display; true when it exits 0.
     bool xdotool(const std::string& arguments) const {
