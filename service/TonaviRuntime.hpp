@@ -185,7 +185,9 @@ class TonaviRuntime {
     // The encoded reply to `status`, rebuilt only when something it shows has moved (see statusCache_).
     std::shared_ptr<const std::string> encodedStatusReplyLocked();
     // Something the status shows changed on serialQueue (snapshots, onsets, smart state, the duck).
-    void statusInputsChanged() { ++statusRevision_; }
+    void statusInputsChanged() { statusRevision_.fetch_add(1, std::memory_order_release); }
+    // The cached reply when it is still good; nothing when it must be rebuilt on serialQueue.
+    std::shared_ptr<const std::string> validStatusReply();
     Bytes buildDiagnostics();
     std::string displayName(const std::string& bundleID) const;
     std::vector<std::string> currentSystemRouteNames(const std::string& uid) const;
@@ -442,18 +444,20 @@ class TonaviRuntime {
     HardwareSnapshot hardwareSnapshot_;
     DiscoveryHealth hardwareDiscoveryHealth_;
 
-    // The last encoded status reply and the revisions it was built from, all of serialQueue. Pollers
-    // get these bytes until the runtime's, the engine's or the provider's revision moves, or until it
-    // is `statusCacheMaxAge` seconds old: ages, recent-signal flags and in-process meters change with
-    // time alone, and a poller never sees them staler than that.
+    // The last encoded status reply and the revisions it was built from. Pollers get these bytes,
+    // without waiting for serialQueue, until the runtime's, the engine's or the provider's revision
+    // moves, or until it is `statusCacheMaxAge` seconds old: ages, recent-signal flags and in-process
+    // meters change with time alone, and a poller never sees them staler than that. Built on
+    // serialQueue; "statusCacheLock" is a leaf lock held only to copy or store the record.
     static constexpr double statusCacheMaxAge = 0.5;
     struct StatusCache {
         std::uint64_t runtime = 0, engine = 0, provider = 0;
         double builtAt = 0;
         std::shared_ptr<const std::string> reply;
     };
+    mutable std::mutex statusCacheLock_;
     StatusCache statusCache_;
-    std::uint64_t statusRevision_ = 0;
+    std::atomic<std::uint64_t> statusRevision_{0}; // moved on serialQueue, read anywhere
 
     AudioObjectPropertyListenerBlock processRegistryListener_;
 

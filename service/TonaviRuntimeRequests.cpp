@@ -28,6 +28,8 @@ TonaviReply TonaviRuntime::handle(const TonaviRequest& request) {
 }
 
 std::shared_ptr<const std::string> TonaviRuntime::encodedStatusReply() {
+    if (auto cached = validStatusReply())
+        return cached;
     return serialQueue_->syncResult([&] { return encodedStatusReplyLocked(); });
 }
 

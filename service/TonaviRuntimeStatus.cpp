@@ -258,22 +258,32 @@ TonaviStatus TonaviRuntime::buildStatus() {
     return status;
 }
 
+std::shared_ptr<const std::string> TonaviRuntime::validStatusReply() {
+    const double t = now();
+    const std::uint64_t runtime = statusRevision_.load(std::memory_order_acquire);
+    const std::uint64_t engine = engine_->revision(), provider = tapProvider_->statusRevision();
+    std::lock_guard guard(statusCacheLock_);
+    const StatusCache& cached = statusCache_;
+    if (cached.reply && runtime == cached.runtime && engine == cached.engine && provider == cached.provider &&
+        t >= cached.builtAt && t - cached.builtAt < statusCacheMaxAge)
+        return cached.reply;
+    return nullptr;
+}
+
 std::shared_ptr<const std::string> TonaviRuntime::encodedStatusReplyLocked() {
     assert(serialQueue_->isCurrent());
-    // A cached answer still asks for fresh snapshots, so pollers keep discovery moving.
+    // Fresh snapshots are asked for at least every time the cache ages, so pollers keep discovery moving.
     refreshAudioSnapshotsIfNeeded(false);
     refreshHardwareSnapshotIfNeeded(false);
+    if (auto cached = validStatusReply())
+        return cached;
     // Revisions are read before the build: a change during it moves them, and the next poll rebuilds.
-    const StatusCache key{statusRevision_, engine_->revision(), tapProvider_->statusRevision(), now(), nullptr};
-    const StatusCache& cached = statusCache_;
-    if (cached.reply && key.runtime == cached.runtime && key.engine == cached.engine &&
-        key.provider == cached.provider && key.builtAt >= cached.builtAt &&
-        key.builtAt - cached.builtAt < statusCacheMaxAge)
-        return cached.reply;
-    TonaviReply reply = success();
-    statusCache_ = key;
-    statusCache_.reply = std::make_shared<const std::string>(encodeReplyOrFailure(reply));
-    return statusCache_.reply;
+    StatusCache fresh{statusRevision_.load(std::memory_order_acquire), engine_->revision(),
+                      tapProvider_->statusRevision(), now(), nullptr};
+    fresh.reply = std::make_shared<const std::string>(encodeReplyOrFailure(success()));
+    std::lock_guard guard(statusCacheLock_);
+    statusCache_ = fresh;
+    return fresh.reply;
 }
 
 Bytes TonaviRuntime::buildDiagnostics() {
