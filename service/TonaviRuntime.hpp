@@ -84,6 +84,7 @@ class TonaviRuntime {
         std::string defaultInputUID;
         std::string soundEffectsUID;
         double sampleRate = 48000.0;
+        std::int64_t bufferFrames = 0; // the default output's I/O cycle; 0 when unknown
         std::optional<double> outputHardwareVolume;
         bool outputMuted = false;
         std::vector<DeviceLiveStatus> devices;

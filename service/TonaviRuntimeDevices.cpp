@@ -142,6 +142,7 @@ std::optional<TonaviRuntime::HardwareSnapshot> TonaviRuntime::captureHardwareSna
         snapshot.defaultOutputUID = devices_->deviceUID(*output).value_or("");
         if (auto rate = devices_->sampleRate(*output); rate && *rate > 0)
             snapshot.sampleRate = *rate;
+        snapshot.bufferFrames = devices_->bufferFrameSize(*output).value_or(0);
         snapshot.outputHardwareVolume = devices_->volume(*output);
         snapshot.outputMuted = devices_->muted(*output).value_or(false);
     }

@@ -219,8 +219,7 @@ std::optional<std::string> TonaviRuntime::selfHealReason(const std::string& id, 
         return "device vanished";
     if (!route.empty() && connected.contains(route) && route != target)
         return "device returned";
-    if ((!defaultUID.empty() && source != defaultUID) ||
-        (route.empty() && !target.empty() && target != defaultUID && !defaultUID.empty()))
+    if ((!defaultUID.empty() && source != defaultUID) || (route.empty() && !target.empty() && target != defaultUID))
         return "default output moved";
     if (auto group = audioGroups_.find(id); group != audioGroups_.end() && !group->second.objects.empty() &&
                                             tapProvider_->processGroupChanged(id, group->second))

@@ -115,12 +115,13 @@ TonaviStatus TonaviRuntime::buildStatus() {
     for (const auto& entry : audioProcessSnapshot_)
         processes.emplace(entry.bundleID, &entry);
 
-    // The apps to show. Processes that count as audio apps join with process discovery.
+    // The apps to show: configured ones, audio processes of known audio apps, and below, regular
+    // applications that play or record.
     std::set<std::string> shown;
     for (const auto& app : config.apps)
         shown.insert(app.id);
     for (const auto& entry : audioProcessSnapshot_)
-        if (config.app(entry.bundleID))
+        if (config.app(entry.bundleID) || KnownAudioApps::isAudioApp(entry.bundleID))
             shown.insert(entry.bundleID);
     // An audio app is a regular running application whose processes play or record.
     std::map<std::string, std::string> runningNames;
@@ -177,14 +178,26 @@ TonaviStatus TonaviRuntime::buildStatus() {
         live.displayName = row && !row->displayName.empty()                            ? row->displayName
                            : running != runningNames.end() && !running->second.empty() ? running->second
                                                                                        : displayName(id);
+        // The audio process first; an application without one yet is still running by the workspace.
+        const std::vector<RunningApplication> apps = workspace_->runningApplications(id);
         if (auto p = processes.find(id); p != processes.end()) {
             live.pid = p->second->pid;
             live.isRunning = p->second->isRunning;
+        } else if (!apps.empty()) {
+            live.pid = apps.front().processIdentifier;
+            live.isRunning = true;
         }
         if (auto a = resolvedAudioSnapshot_.find(id); a != resolvedAudioSnapshot_.end()) {
             live.isPlayingAudio = a->second.playing;
             live.isCapturingAudio = a->second.capturing;
         }
+        // A user's application has a window of its own; one that is not running counts when it has a row.
+        live.isUserApp = apps.empty() ? row != nullptr
+                                      : std::any_of(apps.begin(), apps.end(), [](const RunningApplication& app) {
+                                            return app.activationPolicy == ActivationPolicy::regular;
+                                        });
+        live.audioCapable = KnownAudioApps::isAudioApp(id) || live.isPlayingAudio || live.isCapturingAudio ||
+                            contains(config.historicallyAudibleAppIDs, id);
         live.secondsSinceAudio = recency_->secondsSince(id);
         live.hasRecentAudioSignal = tapProvider_->recentAudioSignal(id);
         live.engaged = engine_->hasTap(id);
@@ -212,7 +225,6 @@ TonaviStatus TonaviRuntime::buildStatus() {
             live.volume = 1.0;
             live.boost = 1.0;
         }
-        live.isUserApp = true;
         live.soloed = soloed.contains(id);
         if (engine_->hasControlFailure(id))
             live.controlIssue = controlIssueText;
@@ -226,6 +238,7 @@ TonaviStatus TonaviRuntime::buildStatus() {
     status.defaultInputUID = hw.defaultInputUID;
     status.soundEffectsUID = hw.soundEffectsUID;
     status.sampleRate = hw.sampleRate;
+    status.bufferFrames = hw.bufferFrames;
     status.outputVolumeIsSoft = !hw.outputHardwareVolume.has_value();
     if (status.outputVolumeIsSoft) {
         status.outputVolume = config.softMasterPercent / 100.0;

@@ -236,6 +236,13 @@ std::optional<double> TonaviDeviceManager::sampleRate(AudioObjectID device) {
     return rate;
 }
 
+std::optional<std::uint32_t> TonaviDeviceManager::bufferFrameSize(AudioObjectID device) {
+    std::uint32_t frames = 0;
+    if (hardware_.get(device, globalAddress(kAudioDevicePropertyBufferFrameSize), frames) != noErr)
+        return std::nullopt;
+    return frames;
+}
+
 bool TonaviDeviceManager::setSampleRate(AudioObjectID device, double rate) {
     invalidateDeviceCache();
     return hardware_.set(device, globalAddress(kAudioDevicePropertyNominalSampleRate), rate) == noErr;

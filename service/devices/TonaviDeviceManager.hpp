@@ -90,6 +90,7 @@ class TonaviDeviceManager : public std::enable_shared_from_this<TonaviDeviceMana
     std::optional<bool> muted(AudioObjectID device);
     bool setMuted(AudioObjectID device, bool muted);
     std::optional<double> sampleRate(AudioObjectID device);
+    std::optional<std::uint32_t> bufferFrameSize(AudioObjectID device);
     bool setSampleRate(AudioObjectID device, double rate);
     // Both refuse a hidden device: false, nothing written.
     bool setDefaultDevice(AudioObjectID device, bool input);

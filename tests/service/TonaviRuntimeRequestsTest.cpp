@@ -208,7 +208,14 @@ TEST(Status, TheEncodedReplyIsReusedUntilWhatItShowsMovesOrItAges) {
     };
     const auto first = h.runtime->encodedStatusReply();
     EXPECT_EQ(h.runtime->encodedStatusReply(), first);
-    EXPECT_EQ(decodeReply(*first), h.send(R::Status{}));
+    const TonaviReply built = h.send(R::Status{});
+    EXPECT_EQ(decodeReply(*first), built);
+    // The output's cycle, and a playing known audio app as the process list and the workspace see it.
+    EXPECT_EQ(built.status->bufferFrames, 512);
+    const auto player = std::ranges::find(built.status->apps, music, &AppLiveStatus::id);
+    ASSERT_NE(player, built.status->apps.end());
+    EXPECT_EQ(std::tuple(player->pid, player->isRunning, player->isUserApp, player->audioCapable),
+              std::tuple(4103, true, true, std::optional<bool>(true)));
 
     h.send(R::SetAppVolume{safari, 0.3});
     const auto afterVolume = h.runtime->encodedStatusReply();
