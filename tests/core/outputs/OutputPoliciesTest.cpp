@@ -43,6 +43,8 @@ TEST(AutomaticOutputPolicy, PicksByTheRulesOfAppearance) {
         {"airpods appear over speakers", {airpods.uid}, speakers, {}, airpods.uid},
         {"a dac never moves someone on airpods", {dac.uid}, airpods, {}, std::nullopt},
         {"unless it is preferred", {dac.uid}, interface, {dac.uid}, dac.uid},
+        {"a dac never takes over from a usb interface", {dac.uid}, interface, {}, std::nullopt},
+        {"nor from wired headphones on the built-in port", {dac.uid}, headphonePort, {}, std::nullopt},
         {"two personal devices: lower uid", {airpods.uid, buds.uid}, speakers, {}, airpods.uid},
         {"a preference overrides the uid order", {airpods.uid, buds.uid}, speakers, {buds.uid}, buds.uid},
         {"virtual never wins, even preferred", {loopback.uid}, speakers, {loopback.uid}, std::nullopt},
