@@ -86,9 +86,11 @@ class XSession {
         return window.empty() ? -1 : pid;
     }
 
-    // xdotool on this display; true when it exits 0.
+    // xdotool on this display; true when it exits 0. Its --sync waits for ever for a change the window
+    // manager may not make on a loaded machine, so it is bounded.
     bool xdotool(const std::string& arguments) const {
-        const std::string command = "DISPLAY=" + display_ + " xdotool " + arguments + " >/dev/null 2>&1";
+        const std::string command =
+            "DISPLAY=" + display_ + " timeout 10 xdotool " + arguments + " >/dev/null 2>&1";
         return std::system(command.c_str()) == 0;
     }
 
