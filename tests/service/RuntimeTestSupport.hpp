@@ -33,7 +33,7 @@ class FakeServiceTaps final : public ServiceTapProvider {
     TapHandlePtr createTap(const std::string& id) override { return taps.createTap(id); }
     void destroyTap(const TapHandlePtr& handle) override { taps.destroyTap(handle); }
     void setHooks(Hooks h) override { hooks = std::move(h); }
-    void syncStates() override {}
+    void syncStates() override { ++syncs; }
 
     // Scripted answers of the live counters, by app; set them while the runtime's queue is idle.
     std::optional<std::string> sourceDevice(std::string_view id) const override { return find(source, id); }
@@ -49,6 +49,7 @@ class FakeServiceTaps final : public ServiceTapProvider {
     std::map<std::string, std::string> source, target;
     std::map<std::string, double> idle, levels;
     std::set<std::string> stale;
+    std::atomic<int> syncs{0}; // pushes of fresh state to the workers
 
   private:
     template <class T>

@@ -69,8 +69,15 @@ TEST(AppRequests, MutationsKeepWhatTheyDoNotNameAndSoloEndsInStageModeOrWithItsA
              << a.volumePerDevice.size() << (EngagementEngine::isEngaged(a) ? " engaged" : "");
         return text.str();
     };
-    ASSERT_TRUE(h.send(R::SetAppVolume{safari, 0.5}).ok);
-    ASSERT_TRUE(h.send(R::SetTimedMute{safari, 60}).ok);
+    // Every change reaches the workers at once, also when its save fails.
+    h.failWrites = true;
+    auto pushed = [&](TonaviRequest::Value value) {
+        const int before = h.provider->syncs;
+        return h.send(std::move(value)).ok && h.provider->syncs > before;
+    };
+    EXPECT_TRUE(pushed(R::SetAppVolume{safari, 0.5}));
+    EXPECT_TRUE(pushed(R::SetTimedMute{safari, 60}));
+    h.failWrites = false;
     // An explicit mute ends the timed one; the volume stays, and engaging an engaged app changes nothing.
     ASSERT_TRUE(h.send(R::SetAppMuted{safari, true}).ok);
     ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
