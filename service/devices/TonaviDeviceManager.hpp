@@ -56,7 +56,9 @@ class TonaviDeviceManager : public std::enable_shared_from_this<TonaviDeviceMana
     static constexpr const char* outputIOQueueLabel = "tonavi.output-io";
     static constexpr const char* tapAggregateUIDPrefix = "com.brelmoor.tonavi.agg.";
     static constexpr std::chrono::milliseconds statusCacheLifetime{500};
-    static constexpr int asyncSwitchAttempts = 500;
+    // A verified switch polls every 20 ms for 4 s, or 10 s for a Bluetooth or AirPlay device.
+    static constexpr int asyncSwitchAttempts = 200;
+    static constexpr int slowSwitchAttempts = 500;
     static constexpr std::chrono::milliseconds asyncSwitchInterval{20};
 
     // `hardware` and `stateQueue` must outlive the manager. Cache ages follow the state queue's clock.

@@ -4,6 +4,7 @@
 #include "service/devices/TonaviDeviceManager.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <cassert>
 #include <cmath>
 #include <thread>
@@ -287,14 +288,35 @@ void TonaviDeviceManager::setDefaultOutputVerifiedAsync(const std::string& uid,
                                                         std::function<void(bool)> completion) {
     if (isHidden(uid))
         return completion(false);
+    // A Bluetooth or AirPlay device takes its time to come up: its switch gets the longer window.
+    const auto target = deviceID(uid);
+    const auto kind = target ? transport(*target) : Transport::other;
+    const int attempts = kind == Transport::bluetooth || kind == Transport::airplay ? slowSwitchAttempts
+                                                                                    : asyncSwitchAttempts;
     std::weak_ptr<TonaviDeviceManager> weak = weak_from_this();
+    // A switch that fails must not leave its request behind: a system that remembers a wanted default
+    // (PipeWire's configured default) would otherwise move the output there later, unasked.
+    auto written = std::make_shared<std::atomic<bool>>(false);
+    auto finished = [weak, written, isCurrent, completion = std::move(completion)](bool succeeded) {
+        if (!succeeded && written->load() && isCurrent())
+            if (auto self = weak.lock())
+                self->outputIOQueue_.async([weak] {
+                    auto self = weak.lock();
+                    if (!self)
+                        return;
+                    if (auto current = self->defaultDevice(false))
+                        (void)self->hardware_.set(kAudioObjectSystemObject,
+                                                  globalAddress(kAudioHardwarePropertyDefaultOutputDevice), *current);
+                });
+        completion(succeeded);
+    };
     VerifiedOutputSwitch::performNonblocking(
-        uid, asyncSwitchAttempts,
-        [weak, uid](std::function<void(bool)> done) {
+        uid, attempts,
+        [weak, uid, written](std::function<void(bool)> done) {
             auto self = weak.lock();
             if (!self)
                 return;
-            self->outputIOQueue_.async([weak, uid, done] {
+            self->outputIOQueue_.async([weak, uid, done, written] {
                 auto self = weak.lock();
                 if (!self)
                     return;
@@ -305,9 +327,12 @@ void TonaviDeviceManager::setDefaultOutputVerifiedAsync(const std::string& uid,
                     result = true; // already there: nothing to write
                 } else if (id && self->channelCount(*id, false) >= 1) {
                     // Direct, not setDefaultDevice: the hidden refusal was made before the switch.
-                    result = self->hardware_.set(kAudioObjectSystemObject,
-                                                 globalAddress(kAudioHardwarePropertyDefaultOutputDevice),
-                                                 *id) == noErr;
+                    const OSStatus status = self->hardware_.set(
+                        kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultOutputDevice), *id);
+                    // "what": the system took the request but had not followed it when the write's own
+                    // short wait ended. It is still switching; the polls decide, within this window.
+                    result = status == noErr || status == kAudioHardwareUnspecifiedError;
+                    written->store(result);
                 }
                 self->stateQueue_.async([weak, done, result] {
                     if (auto self = weak.lock()) {
@@ -338,7 +363,7 @@ void TonaviDeviceManager::setDefaultOutputVerifiedAsync(const std::string& uid,
             if (auto self = weak.lock())
                 self->stateQueue_.after(asyncSwitchInterval, std::move(step));
         },
-        std::move(completion));
+        std::move(finished));
 }
 
 } // namespace tonavi

@@ -87,6 +87,16 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
                 blocked.message.ends_with(" device first, then remove this device from Tonavi."))
         << blocked.message;
     EXPECT_TRUE(h.onDisk().devices.empty());
+    // A write the system answers "what" is still under way: the switch waits out its window for it.
+    h.machine->failNext(SimOperation::setProperty, 1, kAudioHardwareUnspecifiedError,
+                        kAudioHardwarePropertyDefaultOutputDevice);
+    const Late late = sendLate(h, R::SetOutputDevice{"USB Headphones"});
+    h.advance(1.0);
+    EXPECT_FALSE(arrived(late));
+    h.edit([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, usb); });
+    EXPECT_TRUE(h.advanceUntil([&] { return arrived(late); }));
+    EXPECT_TRUE(late.get().ok) << late.get().message;
+    ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"}).ok);
 
     EXPECT_EQ(h.send(R::SetDeviceHidden{usb, true}).message,
               "Removed from Tonavi. The macOS driver was left installed.");

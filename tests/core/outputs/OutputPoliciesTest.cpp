@@ -87,6 +87,8 @@ TEST(OutputTopologyTracker, FirstCallIsABaselineThenReportsEveryDifference) {
 TEST(BluetoothEndpointIdentity, StripsOneEndpointSuffix) {
     EXPECT_TRUE(BluetoothEndpointIdentity::sameDevice("X:input", "X:output"));
     EXPECT_FALSE(BluetoothEndpointIdentity::sameDevice("X:input:input", "X"));
+    EXPECT_TRUE(BluetoothEndpointIdentity::sameDevice("bluez_input.AA_BB.0", "bluez_output.AA_BB.1"));
+    EXPECT_FALSE(BluetoothEndpointIdentity::sameDevice("bluez_input.AA_BB.0", "bluez_output.AA_CC.1"));
 }
 
 DeviceLiveStatus device(std::string id, std::string name, std::string nickname, bool out) {
