@@ -553,9 +553,13 @@ std::optional<TonaviReply> TonaviRuntime::handleDeviceRequestLocked(const Tonavi
                 auto id = devices_->deviceID(c.uid);
                 if (!id)
                     return unknown(c.uid);
-                if (engine_->config().locks.sampleRate)
+                const bool locked = engine_->config().locks.sampleRate;
+                if (locked)
                     devices_->rememberSampleRateLock(c.uid, c.rate);
-                return devices_->setSampleRate(*id, c.rate) ? success() : failure("");
+                const bool ok = devices_->setSampleRate(*id, c.rate);
+                if (ok && locked)
+                    devices_->recaptureLockedSampleRates();
+                return ok ? success() : failure("");
             } else if constexpr (std::is_same_v<T, R::SetInputDevice>) {
                 return setInputDevice(c.uid);
             } else if constexpr (std::is_same_v<T, R::SetSoundEffectsDevice>) {

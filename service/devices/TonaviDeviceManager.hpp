@@ -113,6 +113,10 @@ class TonaviDeviceManager : public std::enable_shared_from_this<TonaviDeviceMana
     void enforceHiddenDevices();
     void enforceLocks();
     void rememberSampleRateLock(const std::string& uid, double rate);
+    // After a rate change under the lock: devices that share one clock (every device of a PipeWire
+    // graph) moved with it, so what each reads now is what the lock keeps; otherwise the lock would
+    // set the old rate back on the others in turn, and each write would undo the last.
+    void recaptureLockedSampleRates();
     void installListeners();
     void refreshOutputListeners();
 

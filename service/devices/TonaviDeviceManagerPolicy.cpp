@@ -76,6 +76,13 @@ void TonaviDeviceManager::rememberSampleRateLock(const std::string& uid, double 
     lockedSampleRate_[uid] = rate;
 }
 
+void TonaviDeviceManager::recaptureLockedSampleRates() {
+    for (auto& [uid, rate] : lockedSampleRate_)
+        if (auto id = deviceID(uid))
+            if (auto now = sampleRate(*id); now && *now > 0)
+                rate = *now;
+}
+
 void TonaviDeviceManager::enforceMaxVolumes() {
     const auto settings = settingsSnapshot();
     if (std::none_of(settings.begin(), settings.end(),
