@@ -59,6 +59,13 @@ class FakeServiceTaps final : public ServiceTapProvider {
     }
 };
 
+inline int occurrences(const std::string& text, const std::string& line) {
+    int n = 0;
+    for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+        ++n;
+    return n;
+}
+
 // Waits for a condition another thread makes true; fails the test after five seconds.
 inline bool waitUntil(const std::function<bool()>& condition) {
     return test::eventually(condition, std::chrono::seconds(5));
@@ -126,6 +133,7 @@ class RuntimeHarness {
     void edit(const std::function<std::string(SimWorld&)>& change) { ASSERT_EQ(machine->mutate(change), ""); }
     std::string log() const { return readText(folder.path() / "service.log"); }
     bool logged(const std::string& line) const { return log().find(line) != std::string::npos; }
+    int timesLogged(const std::string& line) const { return occurrences(log(), line); }
     TonaviReply send(TonaviRequest::Value value) { return runtime->handle(TonaviRequest{std::move(value)}); }
     TonaviConfig onDisk() const { return decodeTonaviConfig(readText(store->configURL())); }
 

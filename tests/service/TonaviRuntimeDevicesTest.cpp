@@ -51,14 +51,7 @@ TEST(OutputSelection, TheConfirmedOutputWorkRunsOncePerDeviceStartingOneIncluded
     RuntimeHarness h;
     h.startReady();
     const std::string line = "tonavi: confirmed system output  -> " + std::string(speakers);
-    auto count = [&] {
-        const std::string log = h.log();
-        std::size_t n = 0;
-        for (auto at = log.find(line); at != std::string::npos; at = log.find(line, at + 1))
-            ++n;
-        return n;
-    };
-    EXPECT_EQ(count(), 1u);
+    EXPECT_EQ(h.timesLogged(line), 1);
     // A tapped app on the right devices whose tap has stopped carrying audio is caught by the settling
     // pass that follows the confirmation.
     ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.5}).ok);
@@ -69,9 +62,40 @@ TEST(OutputSelection, TheConfirmedOutputWorkRunsOncePerDeviceStartingOneIncluded
         h.runtime->handleConfirmedDefaultOutput(speakers);
         h.runtime->handleConfirmedDefaultOutput(speakers);
     });
-    EXPECT_EQ(count(), 2u);
+    EXPECT_EQ(h.timesLogged(line), 2);
     h.advance(0.8);
     EXPECT_TRUE(h.logged("tonavi: settling late default-route helpers onto " + std::string(speakers)));
+}
+
+// Headphones that come back take the output from the speakers, with the move among the onsets, unless
+// the source lock holds the output.
+TEST(OutputSelection, ReconnectedHeadphonesTakeTheOutputUnlessTheSourceIsLocked) {
+    RuntimeHarness h;
+    h.startReady();
+    // Unplugged and back, then as many clock steps as the unlocked switch is given to land.
+    const std::string switched = "automatically switched output to reconnected device " + std::string(usb);
+    auto reconnectAndWait = [&] {
+        const int before = h.timesLogged(switched);
+        h.edit([](SimWorld& w) { return w.unplug(usb); });
+        h.advance(0.1);
+        h.edit([](SimWorld& w) { return w.replug(usb); });
+        int steps = 0;
+        h.advanceUntil([&] { return h.timesLogged(switched) > before || ++steps > 150; });
+    };
+    reconnectAndWait();
+    EXPECT_EQ(h.machine->world()->defaultOutputUID, usb);
+    EXPECT_TRUE(h.logged(switched));
+    const auto onsets = h.send(R::Status{}).status->recentOnsets.value_or(std::vector<AudioOnset>{});
+    EXPECT_TRUE(std::ranges::any_of(onsets, [](const AudioOnset& o) {
+        return o.kind == AudioOnset::Kind::output && o.id == "output:" + std::string(usb);
+    }));
+
+    ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"}).ok);
+    GlobalLocks locks;
+    locks.source = true;
+    ASSERT_TRUE(h.send(R::SetLocks{locks}).ok);
+    reconnectAndWait();
+    EXPECT_EQ(h.machine->world()->defaultOutputUID, speakers);
 }
 
 TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {

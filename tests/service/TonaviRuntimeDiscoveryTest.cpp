@@ -13,13 +13,6 @@ namespace {
 
 const std::string agent = "com.example.SyncAgent";
 
-int occurrences(const std::string& text, const std::string& line) {
-    int n = 0;
-    for (auto at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
-        ++n;
-    return n;
-}
-
 void watchdogPass(RuntimeHarness& h) {
     h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); });
 }
