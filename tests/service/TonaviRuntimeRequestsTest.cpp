@@ -91,9 +91,13 @@ TEST(AppRequests, MutationsKeepWhatTheyDoNotNameAndSoloEndsInStageModeOrWithItsA
     ASSERT_TRUE(h.send(R::EngageApp{safari}).ok);
     EXPECT_EQ(row(), "Safari volume 0.9999 devices 0");
 
-    // Solo is refused in stage mode, ends with an empty list or when its app is hidden.
+    // Solo is refused in stage mode, ends with an empty list or when its app is hidden. It claims taps
+    // only for the audible apps it has to silence: Music plays, Zoom only records.
+    h.settleDiscovery();
     ASSERT_TRUE(h.send(R::SetAppSolo{safari, true}).ok);
     EXPECT_EQ(h.runtime->engine().soloedBundleIDs(), EngagementEngine::IDSet{safari});
+    const auto standing = h.runtime->serialQueue().syncResult([&] { return h.runtime->standingControl(); });
+    EXPECT_TRUE(standing.contains(music) && !standing.contains("us.zoom.xos"));
 
     EXPECT_EQ(h.send(R::StageMode{true}).message,
               "stage mode ON: every tap released; muted apps are audible until you turn it off");
