@@ -125,6 +125,18 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
     }
 }
 
+// A format change of the device under a tap is seen by the device listeners, which rebuild that tap
+// before any watchdog pass.
+TEST(Watchdog, AFormatChangeUnderATapRebuildsItFromTheDeviceListeners) {
+    RuntimeHarness h;
+    tapSafari(h);
+    h.provider->source[safari] = h.provider->target[safari] = speakers;
+    ASSERT_TRUE(h.send(R::SetDeviceSampleRate{speakers, 44100.0}).ok);
+    EXPECT_TRUE(h.advanceUntil(
+        [&] { return h.logged("tonavi: output format/topology changed; refreshing 1 affected tap(s)"); }));
+    EXPECT_EQ(h.timesLogged("self-heal rebuilding"), 0);
+}
+
 TEST(Discovery, StatusShowsWhoPlaysAndRecordsAndATapWhoseProcessesAreGoneIsReleasedOnTrustedDiscovery) {
     RuntimeHarness h;
     h.provider->levels[safari] = 0.3;
