@@ -11,6 +11,7 @@
 #include <atomic>
 #include <csignal>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <sstream>
 
@@ -132,6 +133,22 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     EXPECT_NE(folder.read("received-com.example.player").find("{\"action\":\"stop\"}"), std::string::npos);
     EXPECT_TRUE(logged("tonavi: isolated tap helper released com.example.player; direct path restored"));
     EXPECT_EQ(failureCount(), 0u) << "a worker that exits on stop is no failure";
+}
+
+// A change made while a worker starts up reaches it as soon as it is ready, without another push.
+TEST_F(IsolatedProviderTest, AStateChangedWhileTheWorkerStartsIsSentOnceItIsReady) {
+    // Answers "ready" only once the test has changed the state behind the one it was started with.
+    const std::string slowReady = std::string(readyWorker).replace(
+        std::string(readyWorker).find("printf"), 0, "while [ ! -f \"$DIR/go\" ]; do sleep 0.01; done\n");
+    auto provider = makeProvider(folder.script("worker", slowReady));
+    auto created = std::async(std::launch::async, [&] { return provider->createTap("com.example.player"); });
+    ASSERT_TRUE(eventually([&] { return folder.lineCount("received-com.example.player") == 1; }, 5s));
+    locked([&] { volume = 0.8; });
+    std::ofstream(folder.path + "/go").put('\n');
+    ASSERT_TRUE(created.get());
+    ASSERT_TRUE(eventually([&] { return folder.lineCount("received-com.example.player") == 2; }, 5s));
+    const std::string received = folder.read("received-com.example.player");
+    EXPECT_NE(received.find("\"volume\":0.8", received.find('\n')), std::string::npos) << received;
 }
 
 TEST_F(IsolatedProviderTest, GarbageFromAWorkerIsSkippedAndSplitOrJoinedLinesStillCount) {
