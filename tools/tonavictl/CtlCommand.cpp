@@ -62,6 +62,8 @@ const char* const ctlUsageText =
     "  midi map CHANNEL CC volume APP|mute APP|device-volume DEVICE|output-volume|scene NAME|stage\n"
     "                             a controller drives a target (CHANNEL 1...16, or any; CC 0...127)\n"
     "  midi unmap ID              forget a mapping\n"
+    "  import [--sources FILE] [--preferences FILE] [--yes]  bring over a SoundSource setup (default: its\n"
+    "                             files under the home folder); asks before replacing the current setup\n"
     "  mixer [--once]             the live mixer, full screen (? lists its keys); --once prints one frame\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
