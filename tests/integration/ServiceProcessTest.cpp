@@ -140,8 +140,9 @@ TEST(Tonavictl, ImportBringsASoundSourceMixerInOnlyWhenAskedTo) {
                                "  Player: Reverb needs a fresh plugin preset\n";
     // Nobody answers the question (stdin is the null device): nothing is sent.
     const auto [declined, declinedOut] = ctl(home.env(), {"import"});
-    EXPECT_EQ(std::pair(declined, declinedOut), std::pair(1, report + "Replace the current setup with this one? [y/N] "
-                                                              "tonavictl: not imported: the current setup is kept\n"));
+    EXPECT_TRUE(declined == 1 && declinedOut == report + "Replace the current setup with this one? [y/N] "
+                                                         "tonavictl: not imported: the current setup is kept\n")
+        << declinedOut;
     const auto [imported, importedOut] = ctl(home.env(), {"import", "--yes"});
     EXPECT_EQ(imported, 0);
     EXPECT_TRUE(importedOut.starts_with(report + "Imported ") && importedOut.ends_with(" app settings safely.\n"))
