@@ -10,6 +10,8 @@
 #include <spa/utils/result.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -60,7 +62,14 @@ struct PipeWireMIDI::Impl {
     pw_filter* filter = nullptr;
     spa_hook filterHook{};
     void* inputPort = nullptr;
-    std::uint8_t runningStatus = 0;
+    std::uint8_t runningStatus = 0; // "tonavi-midi" only
+
+    // The data thread's messages on their way to "tonavi-midi": one producer, one consumer.
+    static constexpr std::size_t ringBytes = 16384;
+    std::array<std::uint8_t, ringBytes> ring{};
+    std::atomic<std::size_t> ringHead{0}; // advanced by the data thread
+    std::atomic<std::size_t> ringTail{0}; // advanced by "tonavi-midi"
+    spa_source* ringEvent = nullptr;
 
     MIDIClientRef client = 0;
     MIDIPortRef port = 0;
@@ -148,29 +157,63 @@ struct PipeWireMIDI::Impl {
         }
     }
 
+    // On the graph's data thread: copies each MIDI message into the ring, without allocating, locking
+    // or logging, and wakes "tonavi-midi". The port's buffer is back in the graph's hands before the
+    // next cycle, so a slow MIDI thread loses no message (a full ring drops the newest).
     void process() {
         pw_buffer* b = pw_filter_dequeue_buffer(inputPort);
         if (!b)
             return;
         spa_data& d = b->buffer->datas[0];
-        MIDIEventListBuilder builder;
+        bool pushed = false;
         if (d.data && d.chunk) {
             auto* pod = static_cast<spa_pod*>(spa_pod_from_data(d.data, d.maxsize, d.chunk->offset, d.chunk->size));
             if (pod && spa_pod_is_sequence(pod)) {
-                const std::uint64_t now = monotonicNanos();
                 spa_pod_control* c;
                 SPA_POD_SEQUENCE_FOREACH(reinterpret_cast<spa_pod_sequence*>(pod), c) {
-                    if (c->type != SPA_CONTROL_Midi)
-                        continue;
-                    const auto* bytes = static_cast<const std::uint8_t*>(SPA_POD_BODY(&c->value));
-                    const auto words =
-                        umpWordsFromMIDI1Bytes({bytes, SPA_POD_BODY_SIZE(&c->value)}, runningStatus);
-                    if (!words.empty())
-                        builder.add(now, words);
+                    if (c->type == SPA_CONTROL_Midi)
+                        pushed |= pushMessage(static_cast<const std::uint8_t*>(SPA_POD_BODY(&c->value)),
+                                              SPA_POD_BODY_SIZE(&c->value));
                 }
             }
         }
         pw_filter_queue_buffer(inputPort, b);
+        if (pushed)
+            pw_loop_signal_event(pw_thread_loop_get_loop(loop), ringEvent);
+    }
+
+    // A message is its length (1...255; longer ones are system exclusive, never a Control Change)
+    // and its bytes.
+    bool pushMessage(const std::uint8_t* bytes, std::size_t size) {
+        if (size == 0 || size > 255)
+            return false;
+        const std::size_t head = ringHead.load(std::memory_order_relaxed);
+        if (ringBytes - (head - ringTail.load(std::memory_order_acquire)) < size + 1)
+            return false;
+        ring[head % ringBytes] = static_cast<std::uint8_t>(size);
+        for (std::size_t i = 0; i < size; ++i)
+            ring[(head + 1 + i) % ringBytes] = bytes[i];
+        ringHead.store(head + 1 + size, std::memory_order_release);
+        return true;
+    }
+
+    // On "tonavi-midi": the ring's messages become one event list for the port's block.
+    void drainRing() {
+        const std::uint64_t now = monotonicNanos();
+        MIDIEventListBuilder builder;
+        std::size_t tail = ringTail.load(std::memory_order_relaxed);
+        const std::size_t head = ringHead.load(std::memory_order_acquire);
+        std::uint8_t message[255];
+        while (tail != head) {
+            const std::size_t size = ring[tail % ringBytes];
+            for (std::size_t i = 0; i < size; ++i)
+                message[i] = ring[(tail + 1 + i) % ringBytes];
+            tail += 1 + size;
+            const auto words = umpWordsFromMIDI1Bytes({message, size}, runningStatus);
+            if (!words.empty())
+                builder.add(now, words);
+        }
+        ringTail.store(tail, std::memory_order_release);
         if (!builder.empty() && receive)
             receive(builder.list());
     }
@@ -279,6 +322,9 @@ PipeWireMIDI::PipeWireMIDI() : impl_(std::make_unique<Impl>()) {
     initOnce();
     impl_->loop = pw_thread_loop_new("tonavi-midi", nullptr);
     impl_->context = pw_context_new(pw_thread_loop_get_loop(impl_->loop), nullptr, 0);
+    impl_->ringEvent = pw_loop_add_event(
+        pw_thread_loop_get_loop(impl_->loop),
+        [](void* data, std::uint64_t) { static_cast<Impl*>(data)->drainRing(); }, impl_.get());
     impl_->reconnectTimer = pw_loop_add_timer(
         pw_thread_loop_get_loop(impl_->loop),
         [](void* data, std::uint64_t) { static_cast<Impl*>(data)->reconnectLocked(); }, impl_.get());
@@ -290,6 +336,8 @@ PipeWireMIDI::~PipeWireMIDI() {
     impl_->teardownLocked();
     if (impl_->reconnectTimer)
         pw_loop_destroy_source(pw_thread_loop_get_loop(impl_->loop), impl_->reconnectTimer);
+    if (impl_->ringEvent)
+        pw_loop_destroy_source(pw_thread_loop_get_loop(impl_->loop), impl_->ringEvent);
     impl_->unlock();
     pw_thread_loop_stop(impl_->loop);
     pw_context_destroy(impl_->context);
@@ -365,8 +413,9 @@ bool PipeWireMIDI::Impl::createFilterLocked(const std::string& name) {
                                    pw_properties_new(PW_KEY_FORMAT_DSP, midiFormat, PW_KEY_PORT_NAME, name.c_str(),
                                                      nullptr),
                                    nullptr, 0);
-    // No RT_PROCESS: process() runs on our thread loop, never on the graph's data thread.
-    if (!inputPort || pw_filter_connect(filter, PW_FILTER_FLAG_NONE, nullptr, 0) < 0) {
+    // Real-time: a process() on our own loop would read the port's buffer only when that loop comes
+    // round, and a busy loop then missed messages that a later cycle had already written over.
+    if (!inputPort || pw_filter_connect(filter, PW_FILTER_FLAG_RT_PROCESS, nullptr, 0) < 0) {
         pw_filter_destroy(filter);
         filter = nullptr;
         inputPort = nullptr;

@@ -302,10 +302,14 @@ TEST_F(PipeWireServiceTest, TheServiceNeverTapsItselfOrItsWorkers) {
 
 // A standard MIDI file of one track: a Control Change on channel 1 for each (controller, value),
 // a quarter of a second apart (at 120 beats a minute, 96 ticks a beat), then the end of the track.
+// The first comes after a second, by which time the service has linked the player's new port.
 void writeControlChangeFile(const std::string& path, std::vector<std::pair<unsigned char, unsigned char>> changes) {
-    std::vector<unsigned char> track;
-    for (const auto& [controller, value] : changes)
-        track.insert(track.end(), {static_cast<unsigned char>(track.empty() ? 0 : 0x30), 0xB0, controller, value});
+    std::vector<unsigned char> track = {0x81, 0x40}; // 192 ticks
+    for (const auto& [controller, value] : changes) {
+        track.insert(track.end(), {0xB0, controller, value});
+        track.push_back(0x30); // the next event's delta
+    }
+    track.pop_back();
     track.insert(track.end(), {0x30, 0xFF, 0x2F, 0x00});
     std::ofstream out(path, std::ios::binary);
     const unsigned char header[] = {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96,
