@@ -5,10 +5,11 @@ set -euo pipefail
 
 TONAVI_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 # The PipeWire backend builds on libpipewire; its tests run a private server and measure it. The terminal
-# mixer draws with ncurses, and its end-to-end test runs it in tmux.
+# mixer draws with ncurses, and its end-to-end test runs it in tmux. The settings import reads property
+# lists with libplist.
 TONAVI_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
                  libpipewire-0.3-dev pipewire pipewire-bin wireplumber pipewire-pulse pulseaudio-utils dbus sox
-                 libncurses-dev tmux libxcb1-dev libsystemd-dev xvfb openbox xdotool x11-utils)
+                 libncurses-dev tmux libxcb1-dev libsystemd-dev xvfb openbox xdotool x11-utils libplist-dev)
 
 tonavi_install() {
     local missing=()

@@ -97,6 +97,9 @@ TonaviRuntime::TonaviRuntime(Environment environment)
     midi_->setOnTrigger([weak = std::weak_ptr<TonaviRuntime*>(weakSelf_)](const MIDIMapping& mapping, double value) {
         withRuntime(weak, [&](TonaviRuntime& rt) { rt.handleMIDI(mapping, value); });
     });
+    midi_->setOnControlChange([weak = std::weak_ptr<TonaviRuntime*>(weakSelf_)](std::int64_t channel, std::int64_t cc) {
+        withRuntime(weak, [&](TonaviRuntime& rt) { rt.midiControlLearned(channel, cc); });
+    });
 
     // 11, 13, 14. Device manager hooks, hosted-effect hooks and slot failure hooks join here with
     //             their subsystems.

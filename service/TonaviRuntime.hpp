@@ -366,6 +366,9 @@ class TonaviRuntime {
     TonaviReply storeMIDIMappings(std::vector<MIDIMapping> list, const char* failurePrefix);
     // The edge of a button: true only when it goes from released to pressed. On midiQueue_.
     bool midiPressedEdge(const MIDIMapping& mapping, bool pressed);
+    // learnMIDIControl: the completion waits on midiQueue_ for the next Control Change, or its time.
+    bool handleMIDILearnAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
+    void midiControlLearned(std::int64_t channel, std::int64_t cc);
 
     // Smart automation (TonaviRuntimeSmart.cpp).
     TonaviReply setSmartSettings(SmartSettings settings);
@@ -399,6 +402,9 @@ class TonaviRuntime {
     // from the MIDI thread and never waits.
     std::unique_ptr<DispatchQueue> midiQueue_; // "tonavi.midi"
     std::map<std::string, bool> midiPressed_;
+    // Waiting learnMIDIControl requests by number, on midiQueue_; the mapper learns while any wait.
+    std::map<std::uint64_t, std::function<void(TonaviReply)>> midiLearners_;
+    std::uint64_t nextMIDILearner_ = 0;
     std::shared_ptr<MIDISystem> midiSystem_;
     std::unique_ptr<MIDIMapper> midi_;
 

@@ -5,8 +5,12 @@
 
 #include "core/wire/TonaviPayload.hpp"
 #include "service/PayloadReply.hpp"
+#include "service/RuntimeCallbacks.hpp"
+
+#include <nlohmann/json.hpp>
 
 #include <cassert>
+#include <cmath>
 #include <type_traits>
 
 namespace tonavi {
@@ -57,6 +61,53 @@ void TonaviRuntime::handleMIDI(const MIDIMapping& mapping, double value) {
         mapping.target);
 }
 
+bool TonaviRuntime::handleMIDILearnAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion) {
+    const auto* learn = std::get_if<TonaviRequest::LearnMIDIControl>(&request.value);
+    if (!learn)
+        return false;
+    if (midi_->client() == 0) {
+        completion(TonaviReply::failure("no MIDI input to learn from: the MIDI client failed"));
+        return true;
+    }
+    // Under the control server's 20-second wait, so the client hears why it ended.
+    const double seconds = std::isfinite(learn->timeoutSeconds) ? std::clamp(learn->timeoutSeconds, 0.1, 19.0) : 15.0;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    midiQueue_->async([weak, seconds, completion = std::move(completion)]() mutable {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            const std::uint64_t number = rt.nextMIDILearner_++;
+            rt.midiLearners_.emplace(number, std::move(completion));
+            rt.midi_->setLearning(true);
+            rt.midiQueue_->afterSeconds(seconds, [weak, number, seconds] {
+                withRuntime(weak, [&](TonaviRuntime& later) {
+                    const auto waiting = later.midiLearners_.find(number);
+                    if (waiting == later.midiLearners_.end())
+                        return;
+                    auto done = std::move(waiting->second);
+                    later.midiLearners_.erase(waiting);
+                    later.midi_->setLearning(!later.midiLearners_.empty());
+                    char text[64];
+                    std::snprintf(text, sizeof text, "no Control Change arrived within %g s", seconds);
+                    done(TonaviReply::failure(text));
+                });
+            });
+        });
+    });
+    return true;
+}
+
+void TonaviRuntime::midiControlLearned(std::int64_t channel, std::int64_t cc) {
+    assert(midiQueue_->isCurrent());
+    if (midiLearners_.empty())
+        return;
+    midi_->setLearning(false);
+    TonaviReply reply = TonaviReply::success();
+    const std::string payload = nlohmann::json{{"channel", channel}, {"cc", cc}}.dump();
+    reply.payload = Bytes(payload.begin(), payload.end());
+    // Every request waiting now learns the same control.
+    for (auto& [number, done] : std::exchange(midiLearners_, {}))
+        done(reply);
+}
+
 TonaviReply TonaviRuntime::storeMIDIMappings(std::vector<MIDIMapping> list, const char* failurePrefix) {
     try {
         store_->saveMIDIMappings(list);
@@ -86,6 +137,9 @@ std::optional<TonaviReply> TonaviRuntime::handleMIDIRequestLocked(const TonaviRe
                 return storeMIDIMappings(std::move(list), "could not remove MIDI mapping: ");
             } else if constexpr (std::is_same_v<T, R::ListMIDIMappings>) {
                 return payloadReply(midiMappings_);
+            } else if constexpr (std::is_same_v<T, R::LearnMIDIControl>) {
+                // Waiting here would hold serialQueue: only the asynchronous path serves it.
+                return failure("learnMIDIControl is answered through the control socket only");
             } else {
                 return std::nullopt;
             }

@@ -18,7 +18,7 @@ void TonaviRuntime::handleAsync(const TonaviRequest& request, std::function<void
     // Output selection and scene loads wait for the operating system and complete later.
     // The installed-app list may have to read the disk, which never happens on serialQueue.
     if (handleOutputSelectionAsync(request, completion) || handleSceneLoadAsync(request, completion) ||
-        handleDirectoryAsync(request, completion))
+        handleDirectoryAsync(request, completion) || handleMIDILearnAsync(request, completion))
         return;
     completion(handle(request));
 }

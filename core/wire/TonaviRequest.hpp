@@ -337,6 +337,13 @@ struct TonaviRequest {
     struct ListMIDIMappings {
         bool operator==(const ListMIDIMappings&) const = default;
     };
+    // Waits for the next Control Change from any source, at most `timeoutSeconds` (kept under the
+    // server's 20-second bound), and answers with its channel and controller as the payload
+    // {"channel": 1...16, "cc": 0...127}.
+    struct LearnMIDIControl {
+        double timeoutSeconds = 15;
+        bool operator==(const LearnMIDIControl&) const = default;
+    };
 
     using Value = std::variant<
         ImportConfiguration, EngageApp, DisengageApp, UnlockDirect, RelockDirect, SetAppVolume, SetAppMuted,
@@ -350,7 +357,8 @@ struct TonaviRequest {
         SetLane, RemoveLane, SetDuckRule, RemoveDuckRule, SetFocusLink, RemoveFocusLink, SetSmartSettings,
         SetPreferredMics, SetBluetoothMemory, SetOutputOnlyMode, SetMIDIMapping, RemoveMIDIMapping, Ping,
         Status, Shutdown, Diagnostics, ListDevices, ListConfigs, ListEQPresets, ListInstalledApps,
-        ListRunningAudioApps, ScanAudioUnits, ListAudioUnits, ListBluetooth, ListMIDIMappings>;
+        ListRunningAudioApps, ScanAudioUnits, ListAudioUnits, ListBluetooth, ListMIDIMappings,
+        LearnMIDIControl>;
     Value value;
 
     // The case's name on the wire, e.g. "setAppVolume".

@@ -89,7 +89,8 @@ constexpr std::array<std::string_view, std::variant_size_v<TonaviRequest::Value>
     "scanAudioUnits",
     "listAudioUnits",
     "listBluetooth",
-    "listMIDIMappings"};
+    "listMIDIMappings",
+    "learnMIDIControl"};
 
 // The fields of each case, as `f(key, member)`: one list serves both directions.
 template <class R, class F>
@@ -497,6 +498,12 @@ requires std::same_as<std::remove_const_t<R>, TonaviRequest::ListMIDIMappings>
 void fieldsOf(R& r, F&& f) {
     (void)r;
     (void)f;
+}
+
+template <class R, class F>
+requires std::same_as<std::remove_const_t<R>, TonaviRequest::LearnMIDIControl>
+void fieldsOf(R& r, F&& f) {
+    f("timeoutSeconds", r.timeoutSeconds);
 }
 
 using Decoder = TonaviRequest (*)(const json&);

@@ -1,8 +1,9 @@
 #pragma once
 // MIDI on a PipeWire server. The client is a connection of its own ("Tonavi", on the thread loop
 // "tonavi-midi", this backend's MIDI thread); the input port is a filter node "TonaviIn" with one
-// MIDI input port, which process() runs on that thread (not on PipeWire's data thread, so the audio
-// graph never waits for us). Sources are the graph's MIDI output ports ("8 bit raw midi"): ALSA
+// MIDI input port. Its process() runs on the graph's data thread and only copies the messages into a
+// lock-free ring; "tonavi-midi" is woken to turn them into event lists and run the port's block, so
+// the graph never waits for the service, and a busy service loses no message. Sources are the graph's MIDI output ports ("8 bit raw midi"): ALSA
 // sequencer devices through the session's MIDI bridge, and any client's MIDI stream. A source is
 // connected by a link from its port to ours; a port that appears tells the client the setup changed.
 // MIDI 1.0 bytes are turned into UMP words, one per channel voice message.

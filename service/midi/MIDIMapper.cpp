@@ -14,6 +14,8 @@ MIDIMapper::~MIDIMapper() {
 
 void MIDIMapper::setOnTrigger(Trigger trigger) { target_->onTrigger = std::move(trigger); }
 
+void MIDIMapper::setOnControlChange(ControlChange observer) { target_->onControlChange = std::move(observer); }
+
 void MIDIMapper::setMappings(std::vector<MIDIMapping> mappings) {
     std::lock_guard<std::mutex> guard(mappingsLock_);
     storedMappings_ = std::move(mappings);
@@ -72,7 +74,8 @@ void MIDIMapper::handle(const MIDIEventList& list) {
         std::lock_guard<std::mutex> guard(mappingsLock_);
         mappings = storedMappings_;
     }
-    if (mappings.empty() || list.numPackets == 0)
+    const bool learning = learning_.load();
+    if ((mappings.empty() && !learning) || list.numPackets == 0)
         return;
     const auto words = list.words;
     std::size_t at = 0;
@@ -92,6 +95,11 @@ void MIDIMapper::handle(const MIDIEventList& list) {
             const std::int64_t channel = ((word >> 16) & 15) + 1;
             const std::int64_t cc = (word >> 8) & 127;
             const double value = (word & 127) / 127.0;
+            if (learning)
+                triggerQueue_.async([weak = std::weak_ptr<TriggerTarget>(target_), channel, cc] {
+                    if (auto target = weak.lock(); target && target->onControlChange)
+                        target->onControlChange(channel, cc);
+                });
             for (const auto& mapping : mappings) {
                 if (mapping.cc != cc || (mapping.channel != 0 && mapping.channel != channel))
                     continue;

@@ -22,6 +22,8 @@ namespace tonavi {
 class MIDIMapper {
   public:
     using Trigger = std::function<void(const MIDIMapping& mapping, double value)>;
+    // Every Control Change while learning is on: channel 1...16, controller 0...127.
+    using ControlChange = std::function<void(std::int64_t channel, std::int64_t cc)>;
 
     static constexpr const char* clientName = "Tonavi";
     static constexpr const char* inputPortName = "TonaviIn";
@@ -37,6 +39,9 @@ class MIDIMapper {
 
     // Set once, before start().
     void setOnTrigger(Trigger trigger);
+    void setOnControlChange(ControlChange observer);
+    // While on, every Control Change also goes to the observer, on the trigger queue, mapped or not.
+    void setLearning(bool on) { learning_.store(on); }
     void setMappings(std::vector<MIDIMapping> mappings);
     std::vector<MIDIMapping> mappings() const;
 
@@ -57,6 +62,7 @@ class MIDIMapper {
     MIDIClientRef client_ = 0;
     // Read by the notification block, on the backend's thread.
     std::atomic<MIDIPortRef> inputPort_{0};
+    std::atomic<bool> learning_{false};
 
     mutable std::mutex mappingsLock_; // leaf: guards storedMappings_
     std::vector<MIDIMapping> storedMappings_;
@@ -65,6 +71,7 @@ class MIDIMapper {
     // nothing.
     struct TriggerTarget {
         Trigger onTrigger;
+        ControlChange onControlChange;
     };
     std::shared_ptr<TriggerTarget> target_ = std::make_shared<TriggerTarget>();
 };

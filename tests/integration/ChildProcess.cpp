@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fcntl.h>
 #include <cstdlib>
 #include <cstdio>
 #include <filesystem>
@@ -52,6 +53,8 @@ ChildProcess ChildProcess::spawn(const std::vector<std::string>& argv, const Env
     if (::pipe(pipeFDs) != 0) return {};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
+    // A child that asks a question reads end of file, never the terminal of whoever runs the tests.
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, pipeFDs[1], 1);
     posix_spawn_file_actions_adddup2(&actions, pipeFDs[1], 2);
     posix_spawn_file_actions_addclose(&actions, pipeFDs[0]);

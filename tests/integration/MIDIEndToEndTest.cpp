@@ -68,5 +68,15 @@ TEST(MIDIEndToEnd, AControlChangeFromTheSimulatedControllerMovesAnAppAndAButtonT
     const auto id = nlohmann::json::parse(ctl(home.env(), {"midi", "--json"}).second).at(0).at("id").get<std::string>();
     EXPECT_EQ(ctl(home.env(), {"midi", "unmap", id}).first, 0);
     EXPECT_EQ(nlohmann::json::parse(ctl(home.env(), {"midi", "--json"}).second).size(), 1u);
+
+    // midi learn maps whichever control moves next; the controller keeps sending until it is heard.
+    ChildProcess learn = ChildProcess::spawn({binPath("tonavictl"), "midi", "learn", "mute", "Music"}, home.env());
+    EXPECT_TRUE(waitUntil([&] {
+        ctl(home.env(), {"sim", "midi", "nanoKONTROL", "cc", "3", "21", "0"});
+        return learn.wait(0ms).has_value();
+    }, 10s));
+    const std::string learnOut = learn.readAll();
+    EXPECT_NE(learnOut.find("channel 3 cc 21: mute com.apple.Music (id "), std::string::npos) << learnOut;
+    EXPECT_EQ(nlohmann::json::parse(ctl(home.env(), {"midi", "--json"}).second).size(), 2u);
     EXPECT_EQ(service.stop(), std::optional<int>(0));
 }

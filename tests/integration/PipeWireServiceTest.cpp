@@ -16,6 +16,7 @@
 #include <systemd/sd-bus.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -299,15 +300,30 @@ TEST_F(PipeWireServiceTest, TheServiceNeverTapsItselfOrItsWorkers) {
     EXPECT_EQ(log.find("tonavi-service"), std::string::npos) << log;
 }
 
-// A standard MIDI file of one track: Control Change 7 on channel 1 to `value`, twice half a second
-// apart (at 120 beats a minute, 96 ticks a beat), then the end of the track.
-void writeControlChangeFile(const std::string& path, unsigned char value) {
-    const unsigned char track[] = {0x00, 0xB0, 0x07, value, 0x30, 0xB0, 0x07, value, 0x60, 0xFF, 0x2F, 0x00};
+// A standard MIDI file of one track: a Control Change on channel 1 for each (controller, value),
+// a quarter of a second apart (at 120 beats a minute, 96 ticks a beat), then the end of the track.
+// The first comes after a second, by which time the service has linked the player's new port.
+void writeControlChangeFile(const std::string& path, std::vector<std::pair<unsigned char, unsigned char>> changes) {
+    std::vector<unsigned char> track = {0x81, 0x40}; // 192 ticks
+    for (const auto& [controller, value] : changes) {
+        track.insert(track.end(), {0xB0, controller, value});
+        track.push_back(0x30); // the next event's delta
+    }
+    track.pop_back();
+    track.insert(track.end(), {0x30, 0xFF, 0x2F, 0x00});
     std::ofstream out(path, std::ios::binary);
     const unsigned char header[] = {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0, 96,
-                                    'M', 'T', 'r', 'k', 0, 0, 0, static_cast<unsigned char>(sizeof track)};
+                                    'M', 'T', 'r', 'k', 0, 0, 0, static_cast<unsigned char>(track.size())};
     out.write(reinterpret_cast<const char*>(header), sizeof header);
-    out.write(reinterpret_cast<const char*>(track), sizeof track);
+    out.write(reinterpret_cast<const char*>(track.data()), static_cast<std::streamsize>(track.size()));
+}
+
+double volumeOf(const PrivateHome& home, const std::string& id) {
+    const auto status = nlohmann::json::parse(tonavi::testing::ctl(home.env(), {"status", "--json"}).second);
+    for (const auto& app : status.at("status").at("apps"))
+        if (app.at("id") == id)
+            return app.at("volume").get<double>();
+    return -1;
 }
 
 TEST_F(PipeWireServiceTest, AMIDIPlayerInTheGraphMovesAnApplicationsVolume) {
@@ -327,12 +343,34 @@ TEST_F(PipeWireServiceTest, AMIDIPlayerInTheGraphMovesAnApplicationsVolume) {
     // A MIDI source that is not ours, which nobody connects (--target 0): pw-midiplay's output port
     // appears, the service links it to "TonaviIn", and fader 7 at 64 sets Low's volume to 64/127; the fader law squares it: -11.95 dB.
     const std::string file = home.home + "/fader.mid";
-    writeControlChangeFile(file, 64);
+    writeControlChangeFile(file, {{7, 64}, {7, 64}});
     tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
     const auto lowered =
         speakers.settle({treble, high}, [&](const auto& l) { return l[0] < direct[0] - 6; });
     EXPECT_NEAR(lowered[0] - direct[0], 40 * std::log10(64 / 127.0), 0.5) << home.logText();
     EXPECT_NEAR(lowered[1], direct[1], 0.5) << "High is untouched";
+
+    // A button on controller 20 loads a scene (Low at 0.25) once per press: held over two messages,
+    // it loads once, so fader 8 (Low) moved in between stays; pressed again after a release, it loads
+    // again. Fader 9 (High) marks where each file ends, since the messages are handled in order.
+    ctl({"volume", "Low", "0.25"});
+    ctl({"config", "save", "Quiet"});
+    ctl({"volume", "Low", "1"});
+    for (const auto& [cc, target] : std::vector<std::pair<int, std::string>>{
+             {20, R"({"configLoad":{"name":"Quiet"}})"}, {8, R"({"appVolume":{"bundleID":"org.tonavi.Low"}})"},
+             {9, R"({"appVolume":{"bundleID":"org.tonavi.High"}})"}})
+        ctl({"send", R"({"setMIDIMapping":{"_0":{"id":"cc)" + std::to_string(cc) + R"(","channel":1,"cc":)" +
+                         std::to_string(cc) + R"(,"target":)" + target + "}}}"});
+    const auto playFile = [&](std::vector<std::pair<unsigned char, unsigned char>> changes, unsigned char mark) {
+        changes.emplace_back(9, mark);
+        writeControlChangeFile(file, changes);
+        tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
+        return waitUntil([&] { return volumeOf(home, "org.tonavi.High") == mark / 127.0; }, 10s);
+    };
+    ASSERT_TRUE(playFile({{20, 127}, {8, 127}, {20, 127}}, 100)) << home.logText();
+    EXPECT_EQ(volumeOf(home, "org.tonavi.Low"), 1.0) << "the held button loaded the scene again";
+    ASSERT_TRUE(playFile({{20, 0}, {20, 127}}, 50)) << home.logText();
+    EXPECT_EQ(volumeOf(home, "org.tonavi.Low"), 0.25) << "the second press did not load the scene";
 }
 
 TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
@@ -355,8 +393,10 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
         return false;
     };
     playBoth();
+    std::ofstream(home.supportDir() + "/midi-mappings.json")
+        << R"([{"id":"fader","channel":1,"cc":7,"target":{"appVolume":{"bundleID":"org.tonavi.High"}}}])";
     service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
-    EXPECT_TRUE(waitUntil(lowered, 10s)) << "Low was never tapped";
+    EXPECT_TRUE(waitUntil(lowered, 10s)) << "Low was never tapped\n" << home.logText();
 
     // The applications lose the server with it and are started again on the new one.
     server->stopAudio();
@@ -365,9 +405,15 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
     std::string why;
     ASSERT_TRUE(server->startAudio(why)) << why;
     playBoth();
-    EXPECT_TRUE(waitUntil(lowered, 20s)) << "Low was not tapped again on the new server";
+    EXPECT_TRUE(waitUntil(lowered, 20s)) << "Low was not tapped again on the new server\n" << home.logText();
     EXPECT_EQ(service.wait(0ms), std::nullopt) << "the service did not survive the server\n"
                                                << home.logText();
+    // MIDI is connected again too: a controller on the new server moves High.
+    const std::string file = home.home + "/fader.mid";
+    writeControlChangeFile(file, {{7, 64}});
+    tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
+    EXPECT_TRUE(waitUntil([&] { return volumeOf(home, "org.tonavi.High") == 64 / 127.0; }, 10s)) << home.logText();
+    EXPECT_NE(home.logText().find("pipewire: MIDI reconnected"), std::string::npos);
 
     // The server is shared with the tests that follow: the speakers are the default again.
     EXPECT_EQ(service.stop(), std::optional<int>(0));

@@ -1,7 +1,9 @@
 // The service as a real process: single instance, stale files, termination, the worker flag, and
 // tonavictl against it.
 
+#include "core/import/SoundSourceImporter.hpp"
 #include "core/wire/TonaviChannel.hpp"
+#include "tests/core/import/SoundSourcePlist.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
 
 using namespace tonavi;
@@ -117,5 +120,40 @@ TEST(Tonavictl, ExitStatusesAndChangesByName) {
     auto [usage, usageOut] = ctl(home.env(), {"volume", "Music", "loud"});
     EXPECT_EQ(usage, 64);
     EXPECT_NE(usageOut.find("is not a number"), std::string::npos) << usageOut;
+    EXPECT_EQ(service.stop(), std::optional<int>(0));
+}
+
+// A SoundSource mixer where a Mac keeps it, under the home folder: nothing changes until the user says
+// yes, then the service takes it as its configuration.
+TEST(Tonavictl, ImportBringsASoundSourceMixerInOnlyWhenAskedTo) {
+    PrivateHome home;
+    ChildProcess service = startService(home);
+    const auto path = fs::path(home.home) / SoundSourceImporter::defaultSourcesURL;
+    fs::create_directories(path.parent_path());
+    const auto data = test::bytes(
+        test::dict({{"modelItems", test::array({test::appSource("com.example.Player", "Player",
+                                                                {{"volumeProperties", test::dict({{"volume", test::real(0.25)}})}},
+                                                                {test::plugin("Reverb", 1)})})}}),
+        true);
+    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(data.data()), data.size());
+    const std::string report = "SoundSource: 1 applications, 0 effects to import\nskipped:\n"
+                               "  Player: Reverb needs a fresh plugin preset\n";
+    // Nobody answers the question (stdin is the null device): nothing is sent.
+    const auto [declined, declinedOut] = ctl(home.env(), {"import"});
+    EXPECT_TRUE(declined == 1 && declinedOut == report + "Replace the current setup with this one? [y/N] "
+                                                         "tonavictl: not imported: the current setup is kept\n")
+        << declinedOut;
+    const auto [imported, importedOut] = ctl(home.env(), {"import", "--yes"});
+    EXPECT_EQ(imported, 0);
+    EXPECT_TRUE(importedOut.starts_with(report + "Imported ") && importedOut.ends_with(" app settings safely.\n"))
+        << importedOut;
+    const auto status = nlohmann::json::parse(ctl(home.env(), {"status", "--json"}).second).at("status");
+    double volume = -1;
+    for (const auto& app : status.at("apps"))
+        if (app.at("id") == "com.example.Player")
+            volume = app.at("volume").get<double>();
+    EXPECT_EQ(volume, 0.25) << status;
+    EXPECT_EQ(ctl(home.env(), {"import", "--sources", home.home + "/absent"}),
+              std::make_pair(1, std::string("tonavictl: No SoundSource mixer was found on this Mac.\n")));
     EXPECT_EQ(service.stop(), std::optional<int>(0));
 }

@@ -377,8 +377,10 @@ TEST(CtlMIDICommand, MapLinesBecomeMappingsWithNamesResolvedAndWrongOnesAreRefus
         {{"midi", "map", "1", "7", "volume"}, mapUsage},
         {{"midi", "map", "1", "7", "stage", "now"}, mapUsage},
         {{"midi", "map", "1", "7", "pan", "Music"}, mapUsage},
-        {{"midi", "learn"}, "midi takes --json, map CHANNEL CC TARGET... or unmap ID"},
-        {{"midi", "unmap"}, "midi takes --json, map CHANNEL CC TARGET... or unmap ID"},
+        {{"midi", "learn"}, "midi takes --json, map CHANNEL CC TARGET..., learn TARGET... or unmap ID"},
+        {{"midi", "learn", "pan", "Music"}, "midi learn takes volume APP, mute APP, device-volume DEVICE, "
+                                            "output-volume, scene NAME or stage"},
+        {{"midi", "unmap"}, "midi takes --json, map CHANNEL CC TARGET..., learn TARGET... or unmap ID"},
     };
     for (const auto& [words, error] : refused)
         EXPECT_EQ(CtlCommand::parse(words).error, error) << words[2];

@@ -62,6 +62,10 @@ const char* const ctlUsageText =
     "  midi map CHANNEL CC volume APP|mute APP|device-volume DEVICE|output-volume|scene NAME|stage\n"
     "                             a controller drives a target (CHANNEL 1...16, or any; CC 0...127)\n"
     "  midi unmap ID              forget a mapping\n"
+    "  midi learn TARGET...       map the next Control Change (move or press the control within 15 s);\n"
+    "                             TARGET as for midi map\n"
+    "  import [--sources FILE] [--preferences FILE] [--yes]  bring over a SoundSource setup (default: its\n"
+    "                             files under the home folder); asks before replacing the current setup\n"
     "  mixer [--once]             the live mixer, full screen (? lists its keys); --once prints one frame\n"
     "  ping                       print the service's version\n"
     "  send '<request JSON>'      send any request and print the reply JSON\n"
@@ -390,6 +394,18 @@ CtlCommand::Parsed parseMIDICommand(CtlCommand c, std::span<const std::string> r
         c.json = !rest.empty();
         return {c, {}};
     }
+    // learn: map's target on a channel and controller that the next Control Change will give.
+    if (rest[0] == "learn" && rest.size() >= 2) {
+        std::vector<std::string> words{"map", "any", "0"};
+        words.insert(words.end(), rest.begin() + 1, rest.end());
+        auto parsed = parseMIDICommand(c, words);
+        if (parsed.command)
+            parsed.command->verb = Verb::midiLearn;
+        else
+            parsed.error = "midi learn takes volume APP, mute APP, device-volume DEVICE, output-volume, scene NAME "
+                           "or stage";
+        return parsed;
+    }
     if (rest[0] == "unmap" && rest.size() == 2) {
         c.verb = Verb::midiUnmap;
         c.text = rest[1];
@@ -399,7 +415,7 @@ CtlCommand::Parsed parseMIDICommand(CtlCommand c, std::span<const std::string> r
         "midi map takes CHANNEL CC, then volume APP, mute APP, device-volume DEVICE, output-volume, "
         "scene NAME or stage";
     if (rest[0] != "map" || rest.size() < 4)
-        return fail("midi takes --json, map CHANNEL CC TARGET... or unmap ID");
+        return fail("midi takes --json, map CHANNEL CC TARGET..., learn TARGET... or unmap ID");
     MIDIMapping mapping;
     const auto channel = rest[1] == "any" ? std::optional<double>(0) : number(rest[1], false);
     if (!channel || *channel != std::floor(*channel) || *channel < 0 || *channel > 16)
@@ -762,7 +778,8 @@ CtlCommand::Built CtlCommand::toRequest(const TonaviStatus* status, const Global
         return {R{R::ListMIDIMappings{}}, {}};
     case Verb::midiUnmap:
         return {R{R::RemoveMIDIMapping{text}}, {}};
-    case Verb::midiMap: {
+    case Verb::midiMap:
+    case Verb::midiLearn: {
         MIDIMapping mapping = *midiMapping;
         mapping.id = makeUUID();
         if (auto* app = std::get_if<MIDIMapping::AppVolume>(&mapping.target))

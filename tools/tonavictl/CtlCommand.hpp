@@ -71,6 +71,7 @@ struct CtlCommand {
         midiMappings,
         midiMap,
         midiUnmap,
+        midiLearn,
     };
 
     struct Parsed;

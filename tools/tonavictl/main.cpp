@@ -11,6 +11,7 @@
 #include "core/wire/WireError.hpp"
 
 #include "tools/tonavictl/CtlCommand.hpp"
+#include "tools/tonavictl/ImportCommand.hpp"
 #include "tools/tonavictl/MixerScreen.hpp"
 #include "tools/tonavictl/SimCommand.hpp"
 #include "tools/tonavictl/StatusTable.hpp"
@@ -49,6 +50,21 @@ int refused(const std::string& message) {
     return exitRefused;
 }
 
+// midi learn: the service waits for the next Control Change; the mapping takes its channel and controller.
+constexpr double midiLearnSeconds = 15;
+int learnMIDIControl(TonaviRequest& mapRequest) {
+    std::printf("move or press a control on the MIDI controller (within %g s)\n", midiLearnSeconds);
+    std::fflush(stdout);
+    TonaviReply reply = TonaviChannel::send({TonaviRequest::LearnMIDIControl{midiLearnSeconds}}, clientTimeoutSeconds);
+    if (!reply.ok || !reply.payload)
+        return refused(reply.message.empty() ? "the service learned no control" : reply.message);
+    const auto learned = nlohmann::json::parse(reply.payload->begin(), reply.payload->end());
+    auto& mapping = std::get<TonaviRequest::SetMIDIMapping>(mapRequest.value)._0;
+    mapping.channel = learned.at("channel").get<std::int64_t>();
+    mapping.cc = learned.at("cc").get<std::int64_t>();
+    return exitOK;
+}
+
 int run(const CtlCommand& command) {
     using Verb = CtlCommand::Verb;
     if (command.verb == Verb::send)
@@ -81,6 +97,9 @@ int run(const CtlCommand& command) {
                                    smart ? &*smart : nullptr, dump ? &dump->config : nullptr);
     if (!built.request)
         return refused(built.error);
+    if (command.verb == Verb::midiLearn)
+        if (const int failed = learnMIDIControl(*built.request))
+            return failed;
 
     TonaviReply reply = TonaviChannel::send(*built.request, clientTimeoutSeconds);
     if (!reply.ok)
@@ -197,7 +216,8 @@ int run(const CtlCommand& command) {
                        stdout);
         break;
     }
-    case Verb::midiMap: {
+    case Verb::midiMap:
+    case Verb::midiLearn: {
         const auto& request = std::get<TonaviRequest::SetMIDIMapping>(built.request->value)._0;
         std::printf("channel %s cc %lld: %s (id %s)\n",
                     request.channel == 0 ? "any" : std::to_string(request.channel).c_str(),
@@ -226,6 +246,8 @@ int run(const CtlCommand& command) {
 int main(int argc, char** argv) {
     if (argc >= 2 && std::string(argv[1]) == "sim")
         return tonavi::runSimCommand(argc - 1, argv + 1);
+    if (argc >= 2 && std::string(argv[1]) == "import")
+        return tonavi::runImportCommand(argc - 1, argv + 1);
     const std::vector<std::string> args(argv + 1, argv + argc);
     auto parsed = tonavi::CtlCommand::parse(args);
     if (!parsed.command) {

@@ -132,7 +132,7 @@ TEST(TonaviRequestJSON, EveryCaseDecodesFromItsMinimalDocumentInDeclaredOrder) {
 {"removeMIDIMapping":{"id":"m"}} {"ping":{}} {"status":{}} {"shutdown":{}} {"diagnostics":{}}
 {"listDevices":{}} {"listConfigs":{}} {"listEQPresets":{}} {"listInstalledApps":{}}
 {"listRunningAudioApps":{}} {"scanAudioUnits":{}} {"listAudioUnits":{}} {"listBluetooth":{}}
-{"listMIDIMappings":{}})");
+{"listMIDIMappings":{}} {"learnMIDIControl":{"timeoutSeconds":5}})");
     std::size_t index = 0;
     for (std::string text; catalogue >> text; ++index) {
         const std::string name = text.substr(2, text.find('"', 2) - 2);

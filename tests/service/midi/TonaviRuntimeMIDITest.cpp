@@ -165,6 +165,27 @@ TEST(MIDIRuntime, AControlChangeFromASourceMovesAnAppsVolume) {
     midi->sendControlChange(0, 7, 127); // channel 1: not this mapping
     h.runtime->midiQueue().sync([] {});
     EXPECT_NEAR(live(h).app(music)->volume, 64 / 127.0, 1e-9);
+
+    // A learn request answers with the next Control Change, mapped or not, or says that none came.
+    std::optional<TonaviReply> learned;
+    const auto learn = [&] {
+        learned.reset();
+        h.runtime->handleAsync(R{R::LearnMIDIControl{2}}, [&](TonaviReply reply) { learned = std::move(reply); });
+        h.runtime->midiQueue().sync([] {});
+    };
+    learn();
+    midi->sendControlChange(4, 21, 1);
+    h.runtime->midiQueue().sync([] {});
+    ASSERT_TRUE(learned && learned->ok && learned->payload) << (learned ? learned->message : "no reply");
+    EXPECT_EQ(std::string(learned->payload->begin(), learned->payload->end()), R"({"cc":21,"channel":5})");
+    learn();
+    h.advance(1.9);
+    h.runtime->midiQueue().sync([] {});
+    EXPECT_FALSE(learned);
+    h.advance(0.1);
+    h.runtime->midiQueue().sync([] {});
+    ASSERT_TRUE(learned);
+    EXPECT_EQ(learned->message, "no Control Change arrived within 2 s");
 }
 
 // The writes of `state.json` while a fader sweeps 0...127 over one second of the runtime's clock and
@@ -211,6 +232,9 @@ TEST(MIDIRuntime, WithoutAMIDIClientTheServiceRunsOnAndTheListStillWorks) {
     EXPECT_TRUE(h.send(R::SetMIDIMapping{{"a", 0, 7, M::OutputVolume{}}}).ok);
     EXPECT_EQ(listed(h).size(), 1u);
     EXPECT_TRUE(h.send(R::Ping{}).ok);
+    std::optional<TonaviReply> learned;
+    h.runtime->handleAsync(R{R::LearnMIDIControl{2}}, [&](TonaviReply reply) { learned = std::move(reply); });
+    EXPECT_EQ(learned.value_or(TonaviReply::success()).message, "no MIDI input to learn from: the MIDI client failed");
 }
 
 TEST(MIDIRuntime, ADamagedMappingsFileStartsWithNone) {
