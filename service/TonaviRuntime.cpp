@@ -98,8 +98,10 @@ TonaviRuntime::TonaviRuntime(Environment environment)
         withRuntime(weak, [&](TonaviRuntime& rt) { rt.handleMIDI(mapping, value); });
     });
 
-    // 11, 13, 14. Device manager hooks, hosted-effect hooks and slot failure hooks join here with
-    //             their subsystems.
+    // 13. Plug-ins render only in the workers, so the service's engine has no hosted-effect hooks; 14 is
+    //     the provider's slot failure hook (connectTapProviderHooks). 11 joins with its subsystem.
+    auCatalogue_ = std::make_unique<AUCatalogue>(environment.pluginHost ? environment.pluginHost : PluginHost::shared(),
+                                                 wallClock_);
 
     // 15.
     syncAUSlots();
@@ -216,7 +218,32 @@ void TonaviRuntime::connectTapProviderHooks() {
             });
         });
     };
+    hooks.auSlotFailed = [weak](const std::string& slotID, const std::string& reason) {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            rt.serialQueue_->async([weak, slotID, reason] {
+                withRuntime(weak, [&](TonaviRuntime& rt) { rt.autoRevertAUSlotLocked(slotID, reason); });
+            });
+        });
+    };
     tapProvider_->setHooks(std::move(hooks));
+}
+
+void TonaviRuntime::autoRevertAUSlotLocked(const std::string& slotID, const std::string& reason) {
+    assert(serialQueue_->isCurrent());
+    const TonaviConfig& config = engine_->config();
+    std::optional<std::string> owner;
+    for (const auto& app : config.apps)
+        for (const auto& slot : app.chain.slots)
+            if (!owner && slot.id == slotID)
+                owner = app.displayName;
+    if (!owner)
+        for (const auto& slot : config.globalListening.audioUnitSlots)
+            if (slot.id == slotID)
+                owner = "global listening";
+    Log::info("tonavi: AU failure on " + owner.value_or("system output") + ": " + reason);
+    engine_->autoRevertAUSlot(slotID, reason);
+    persist();
+    syncAUSlots();
 }
 
 void TonaviRuntime::readDefaultOutputAtStart() {
@@ -456,8 +483,10 @@ void TonaviRuntime::releaseTapsThenStop() {
     engine_->releaseAllTapsForShutdown();
 }
 
-// MARK: Seams of subsystems not in this build
+// MARK: Plug-in slots
 
-void TonaviRuntime::syncAUSlots() {}
+// The slot registries live in the workers, one per tapped app, and sync from the state each worker
+// receives: pushing the states is the service's whole share.
+void TonaviRuntime::syncAUSlots() { tapProvider_->syncStates(); }
 
 } // namespace tonavi
