@@ -61,6 +61,14 @@ class PluginUnit {
     virtual double latencyFrames() const = 0;
 };
 
+// The two 32-bit codes that name a plug-in beside the effect type: the 64-bit FNV-1a hash of its URI,
+// high half first. They depend on the URI alone, so they are the same on every scan and machine.
+struct PluginCodes {
+    std::uint32_t subtype = 0;
+    std::uint32_t manufacturer = 0;
+};
+PluginCodes pluginCodes(std::string_view uri);
+
 class PluginHost {
   public:
     virtual ~PluginHost() = default;

@@ -19,6 +19,15 @@ const PluginParameter* PluginDescription::parameter(std::string_view symbol) con
     return nullptr;
 }
 
+PluginCodes pluginCodes(std::string_view uri) {
+    std::uint64_t hash = 0xcbf29ce484222325ULL;
+    for (const unsigned char c : uri) {
+        hash ^= c;
+        hash *= 0x100000001b3ULL;
+    }
+    return {static_cast<std::uint32_t>(hash >> 32), static_cast<std::uint32_t>(hash)};
+}
+
 namespace {
 
 // Owns a lilv node and frees it.
@@ -44,7 +53,9 @@ enum class PortRole { audioIn, audioOut, controlIn, controlOut, optional, unsupp
 
 } // namespace
 
-// URIDs for the plug-ins of one world. Plug-ins map in instantiate and state calls, never in run.
+// One lilv world and the URIDs of its plug-ins (they map in instantiate and state calls, never in
+// run). lilv loads descriptions lazily and is not thread-safe: every call into the world, and every
+// instantiate and state call, holds `lilvLock`; render does not touch the world.
 class LV2World {
   public:
     LV2World() : world(lilv_world_new()) {
@@ -82,7 +93,8 @@ class LV2World {
         return lilv_port_has_property(plugin, port, connectionOptional) ? PortRole::optional : PortRole::unsupported;
     }
 
-    PluginDescription describe(const LilvPlugin* plugin) const {
+    PluginDescription describe(const LilvPlugin* plugin) {
+        std::lock_guard guard(lilvLock);
         PluginDescription d;
         d.uri = text(lilv_plugin_get_uri(plugin));
         Node name(lilv_plugin_get_name(plugin));
@@ -127,7 +139,8 @@ class LV2World {
         return d;
     }
 
-    const LilvPlugin* find(const std::string& uri) const {
+    const LilvPlugin* find(const std::string& uri) {
+        std::lock_guard guard(lilvLock);
         Node node(lilv_new_uri(world, uri.c_str()));
         return lilv_plugins_get_by_uri(lilv_world_get_all_plugins(world), node.node);
     }
@@ -144,6 +157,7 @@ class LV2World {
         return id >= 1 && id <= uris.size() ? uris[id - 1].c_str() : nullptr;
     }
 
+    std::mutex lilvLock; // "LV2World.lilvLock", never held across render
     LilvWorld* world;
     LilvNode *audioPort, *controlPort, *inputPort, *outputPort, *connectionOptional;
     LV2_URID_Map map{};
@@ -167,12 +181,14 @@ class LV2Unit final : public PluginUnit {
 
     ~LV2Unit() override {
         release();
+        std::lock_guard guard(world_->lilvLock);
         for (auto& c : channels_)
             lilv_instance_free(c.instance);
     }
 
     // Instantiates one or two instances and gives every control port its default.
     bool load(double sampleRate, std::string& error) {
+        std::lock_guard guard(world_->lilvLock);
         const std::uint32_t count = lilv_plugin_get_num_ports(plugin_);
         int audioIns = 0;
         for (std::uint32_t i = 0; i < count; ++i) {
@@ -232,6 +248,7 @@ class LV2Unit final : public PluginUnit {
 
     bool restoreState(std::span<const std::uint8_t> bytes, std::string& error) override {
         const std::string turtle(bytes.begin(), bytes.end());
+        std::lock_guard guard(world_->lilvLock);
         LilvState* state = lilv_state_new_from_string(world_->world, &world_->map, turtle.c_str());
         if (!state) {
             error = "the preset is not an LV2 state";
@@ -252,6 +269,7 @@ class LV2Unit final : public PluginUnit {
     }
 
     std::vector<std::uint8_t> saveState() override {
+        std::lock_guard guard(world_->lilvLock);
         LilvState* state = lilv_state_new_from_instance(plugin_, channels_[0].instance, &world_->map, nullptr,
                                                         nullptr, nullptr, nullptr, &LV2Unit::portValue, this, 0,
                                                         world_->features);
@@ -378,10 +396,16 @@ std::vector<PluginDescription> LV2PluginHost::rescan() {
 
 std::vector<PluginDescription> LV2PluginHost::plugins() {
     const auto w = world();
+    std::vector<const LilvPlugin*> all;
+    {
+        std::lock_guard guard(w->lilvLock);
+        const LilvPlugins* plugins = lilv_world_get_all_plugins(w->world);
+        LILV_FOREACH(plugins, it, plugins)
+        all.push_back(lilv_plugins_get(plugins, it));
+    }
     std::vector<PluginDescription> result;
-    const LilvPlugins* all = lilv_world_get_all_plugins(w->world);
-    LILV_FOREACH(plugins, it, all)
-    result.push_back(w->describe(lilv_plugins_get(all, it)));
+    for (const LilvPlugin* plugin : all)
+        result.push_back(w->describe(plugin));
     return result;
 }
 

@@ -9,13 +9,8 @@ namespace tonavi {
 AUCatalogue::AUCatalogue(std::shared_ptr<PluginHost> host, Clock now) : host_(std::move(host)), now_(std::move(now)) {}
 
 kavore::AUComponentKey AUCatalogue::componentKey(const PluginDescription& description) {
-    std::uint64_t hash = 0xcbf29ce484222325ULL;
-    for (const unsigned char c : description.uri) {
-        hash ^= c;
-        hash *= 0x100000001b3ULL;
-    }
-    return {kavore::fourCharCode("aufx"), static_cast<std::uint32_t>(hash >> 32), static_cast<std::uint32_t>(hash),
-            description.name, description.maker};
+    const PluginCodes codes = pluginCodes(description.uri);
+    return {kavore::fourCharCode("aufx"), codes.subtype, codes.manufacturer, description.name, description.maker};
 }
 
 std::string AUCatalogue::idOf(const kavore::AUComponentKey& key) {

@@ -2,9 +2,9 @@
 // The effect plug-ins installed on the machine, from their descriptions alone: listing loads no
 // plug-in code, so the service may do it.
 //
-// An LV2 plug-in is named by its URI; its component key is type "aufx" with the 64-bit FNV-1a hash
-// of the URI split into subtype (high half) and manufacturer (low half), so its id is the same on
-// every scan and every machine, and a key that came from another platform matches nothing here.
+// An LV2 plug-in is named by its URI; its component key is type "aufx" with `pluginCodes` of the URI
+// as subtype and manufacturer, so its id is the same on every scan and every machine, and a key that
+// came from another platform matches nothing here.
 
 #include "core/wire/AudioUnitInfo.hpp"
 #include "platform/PluginHost.hpp"

@@ -147,8 +147,10 @@ void AUHostedEffect::process(std::span<float> buffer) {
 void AUHostedEffect::deliverFailure() {
     std::string message;
     {
-        std::lock_guard guard(lock_);
-        if (state_ != State::failed || renderStatus_ == 0 || failureReported_)
+        // A render that is inside its plug-in holds the lock, and one that never comes back is the
+        // worker's to notice: this never waits for it.
+        std::unique_lock guard(lock_, std::try_to_lock);
+        if (!guard.owns_lock() || state_ != State::failed || renderStatus_ == 0 || failureReported_)
             return;
         failureReported_ = true;
         message_ = "render error " + std::to_string(renderStatus_);

@@ -12,6 +12,7 @@
 
 #include "tools/tonavictl/CtlCommand.hpp"
 #include "tools/tonavictl/MixerScreen.hpp"
+#include "tools/tonavictl/PluginCommand.hpp"
 #include "tools/tonavictl/SimCommand.hpp"
 #include "tools/tonavictl/StatusTable.hpp"
 
@@ -226,6 +227,8 @@ int run(const CtlCommand& command) {
 int main(int argc, char** argv) {
     if (argc >= 2 && std::string(argv[1]) == "sim")
         return tonavi::runSimCommand(argc - 1, argv + 1);
+    if (argc >= 2 && (std::string(argv[1]) == "plugins" || std::string(argv[1]) == "chain"))
+        return tonavi::runPluginCommand(argc - 1, argv + 1);
     const std::vector<std::string> args(argv + 1, argv + argc);
     auto parsed = tonavi::CtlCommand::parse(args);
     if (!parsed.command) {
