@@ -213,6 +213,32 @@ TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication
     EXPECT_NEAR(left[2], direct[2], 0.5);
 }
 
+// A third-party LV2 plug-in from Debian's swh-lv2, as an application's chain would use it: the amplifier,
+// mono, runs once per channel in Low's worker; its gain moves both of Low's tones at the monitor, and
+// a change of its parameter applies live.
+TEST_F(PipeWireServiceTest, AThirdPartyPluginInAChainActsOnItsApplicationAtTheMonitor) {
+    if (!std::filesystem::exists("/usr/lib/lv2/amp-swh.lv2"))
+        GTEST_SKIP() << "swh-lv2 is not installed";
+    seedConfig(1.0);
+    play("org.tonavi.Low", "Low", "120+4000");
+    play("org.tonavi.High", "High", "880");
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    MonitorRecording speakers("speakers");
+    const std::vector<double> tones3 = {bass, treble, high};
+    const auto before = speakers.settle(tones3, [](const auto& l) { return l[0] > -20 && l[2] > -20; });
+    ASSERT_GT(before[0], -20) << "Low does not play on the speakers";
+
+    ctl({"chain", "Low", "add", "Simple amplifier", "gain=-9"});
+    const auto amplified = speakers.settle(tones3, [&](const auto& l) { return l[1] < before[1] - 8; });
+    EXPECT_NEAR(amplified[0] - before[0], -9, 0.5);
+    EXPECT_NEAR(amplified[1] - before[1], -9, 0.5);
+    EXPECT_NEAR(amplified[2], before[2], 0.5) << "High is untouched";
+
+    ctl({"chain", "Low", "set", "1", "gain", "-3"});
+    const auto changed = speakers.settle(tones3, [&](const auto& l) { return l[1] > amplified[1] + 5; });
+    EXPECT_NEAR(changed[1] - before[1], -3, 0.5);
+}
+
 TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPath) {
     seedConfig(0.5);
     play("org.tonavi.High", "High", "880");
