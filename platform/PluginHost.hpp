@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -76,6 +77,8 @@ class PluginHost {
     virtual std::vector<PluginDescription> rescan() = 0;
     // The descriptions of the last rescan (one is made first if none was).
     virtual std::vector<PluginDescription> plugins() = 0;
+    // The URI of the installed plug-in with these codes, without reading every description.
+    virtual std::optional<std::string> find(PluginCodes codes) = 0;
     // Loads the plug-in at the sample rate. May run plug-in code that blocks; call it off the audio
     // thread. Nothing with `error` set when the plug-in is unknown, refused or fails to load.
     virtual std::unique_ptr<PluginUnit> instantiate(const std::string& uri, double sampleRate,

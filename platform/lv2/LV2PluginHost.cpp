@@ -409,6 +409,20 @@ std::vector<PluginDescription> LV2PluginHost::plugins() {
     return result;
 }
 
+std::optional<std::string> LV2PluginHost::find(PluginCodes codes) {
+    const auto w = world();
+    std::lock_guard guard(w->lilvLock);
+    const LilvPlugins* plugins = lilv_world_get_all_plugins(w->world);
+    LILV_FOREACH(plugins, it, plugins) {
+        // The URI comes from the manifest: asking for it loads none of the plug-in's own data.
+        std::string uri = text(lilv_plugin_get_uri(lilv_plugins_get(plugins, it)));
+        const PluginCodes candidate = pluginCodes(uri);
+        if (candidate.subtype == codes.subtype && candidate.manufacturer == codes.manufacturer)
+            return uri;
+    }
+    return std::nullopt;
+}
+
 std::unique_ptr<PluginUnit> LV2PluginHost::instantiate(const std::string& uri, double sampleRate,
                                                        std::string& error) {
     const auto w = world();

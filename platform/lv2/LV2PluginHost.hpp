@@ -15,6 +15,7 @@ class LV2PluginHost final : public PluginHost {
   public:
     std::vector<PluginDescription> rescan() override;
     std::vector<PluginDescription> plugins() override;
+    std::optional<std::string> find(PluginCodes codes) override;
     std::unique_ptr<PluginUnit> instantiate(const std::string& uri, double sampleRate, std::string& error) override;
 
   private:

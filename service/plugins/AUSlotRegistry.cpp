@@ -28,18 +28,16 @@ AUSlotRegistry::Instantiate AUSlotRegistry::platformInstantiate(std::shared_ptr<
     return [host = std::move(host), timeoutSeconds](const kavore::AUComponentKey& key, double sampleRate) {
         return AUHostedEffect::instantiate(
             [host, key, sampleRate]() -> AUHostedEffect::Instantiation {
-                for (const auto& description : host->plugins()) {
-                    const auto candidate = AUCatalogue::componentKey(description);
-                    if (candidate.type != key.type || candidate.subtype != key.subtype ||
-                        candidate.manufacturer != key.manufacturer)
-                        continue;
-                    std::string error;
-                    auto unit = host->instantiate(description.uri, sampleRate, error);
-                    if (!unit)
-                        return {nullptr, error};
-                    return {std::move(unit), std::nullopt};
-                }
-                return {nullptr, "no installed plug-in has the component " + AUCatalogue::idOf(key)};
+                const auto uri = key.type == kavore::fourCharCode("aufx")
+                                     ? host->find({key.subtype, key.manufacturer})
+                                     : std::nullopt;
+                if (!uri)
+                    return {nullptr, "no installed plug-in has the component " + AUCatalogue::idOf(key)};
+                std::string error;
+                auto unit = host->instantiate(*uri, sampleRate, error);
+                if (!unit)
+                    return {nullptr, error};
+                return {std::move(unit), std::nullopt};
             },
             std::chrono::duration<double>(timeoutSeconds));
     };
