@@ -35,8 +35,17 @@ long currentThread() { return static_cast<long>(::syscall(SYS_gettid)); }
 // Async-signal-safe: fixed buffers and write(2) only.
 extern "C" void onCrash(int signal) {
     const long self = currentThread();
+    // The marker this thread holds; failing that, a load in progress, whose plug-in code may run on a
+    // loader thread of its own (instantiate) that holds no marker.
+    Marker* culprit = nullptr;
+    for (Marker& m : markers)
+        if (m.thread.load() == self)
+            culprit = &m;
+    Marker& load = markers[1];
+    if (!culprit && load.thread.load() != 0 && markers[0].thread.load() != self)
+        culprit = &load;
     for (Marker& m : markers) {
-        if (reportFD < 0 || m.thread.load() != self)
+        if (reportFD < 0 || &m != culprit)
             continue;
         char line[512];
         std::size_t n = 0;

@@ -3,6 +3,7 @@
 #include "base/Dispatch.hpp"
 #include "base/Log.hpp"
 #include "service/plugins/AUCatalogue.hpp"
+#include "service/plugins/AURunningSlot.hpp"
 
 #include <nlohmann/json.hpp>
 
@@ -127,7 +128,9 @@ void AUSlotRegistry::sync(const std::vector<kavore::ChainSettings>& chains, doub
 
 void AUSlotRegistry::runLoad(const std::string& slotID, const Wanted& wanted, std::uint64_t token,
                              double sampleRate) {
+    AURunningSlot::enter(AURunningSlot::Activity::load, slotID);
     auto [unit, error] = instantiate_(wanted.key, sampleRate);
+    AURunningSlot::leave(AURunningSlot::Activity::load);
     const auto stillWanted = [&] {
         const auto it = loading_.find(slotID);
         return it != loading_.end() && it->second.token == token;
