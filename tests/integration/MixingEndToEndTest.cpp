@@ -7,6 +7,7 @@
 #include "core/wire/TonaviChannel.hpp"
 #include "platform/sim/SimWorld.hpp"
 #include "tests/integration/ChildProcess.hpp"
+#include "tests/support/TestPlugins.hpp"
 
 #include <gtest/gtest.h>
 
@@ -307,6 +308,7 @@ TEST(MixingEndToEnd, AStoppedWorkerNeverHoldsUpTheService) {
 // Each costs Safari its worker (and so its tap) once: it comes back tapped, the gain still live and the
 // culprit bypassed, with "au-crash" in the health log, and the service answers throughout.
 TEST(MixingEndToEnd, APluginThatCrashesOrHangsItsWorkerIsBypassedAndTheServiceAnswers) {
+    tonavi::test::useTestPlugins();
     Mix mix;
     mix.ctlOK({"chain", "Safari", "add", "Test Gain", "gain=2"});
     const double gained = toneRMS + 20 * std::log10(2.0);

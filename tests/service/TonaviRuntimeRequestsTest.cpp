@@ -3,6 +3,7 @@
 #include "core/engine/TonaviTapSafety.hpp"
 #include "core/wire/TonaviPayload.hpp"
 #include "tests/service/RuntimeTestSupport.hpp"
+#include "tests/support/TestPlugins.hpp"
 
 #include <gtest/gtest.h>
 
@@ -215,6 +216,7 @@ TEST(Status, HealthCarriesTheNewestTwentyDiagnosticsAllAndShutdownNone) {
     EXPECT_EQ(document.config, h.runtime->engine().config());
 
     // The plug-in catalogue comes from the descriptions on LV2_PATH; only the first list scans.
+    test::useTestPlugins();
     for (int i = 0; i < 2; ++i) {
         const TonaviReply list = h.send(R::ListAudioUnits{});
         ASSERT_TRUE(list.ok && list.payload) << list.message;

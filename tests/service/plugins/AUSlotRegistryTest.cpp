@@ -5,6 +5,7 @@
 #include "service/plugins/AUCatalogue.hpp"
 #include "service/plugins/AUSlotRegistry.hpp"
 #include "tests/platform/support/Eventually.hpp"
+#include "tests/support/TestPlugins.hpp"
 
 #include <gtest/gtest.h>
 
@@ -175,6 +176,7 @@ TEST(AUSlotRegistry, ReconcilesWantedSlotsWithLiveHosts) {
 
 // The project's own LV2 bundle through the platform host.
 std::unique_ptr<PluginUnit> load(const std::string& name, std::string& error) {
+    test::useTestPlugins();
     return PluginHost::shared()->instantiate("http://tonavi.test/plugins/" + name, 48000, error);
 }
 

@@ -12,11 +12,13 @@
 #include "service/worker/TapWorkerRenderer.hpp"
 #include "tests/audio/rt/AllocationCounter.hpp"
 #include "tests/platform/support/Eventually.hpp"
+#include "tests/support/TestPlugins.hpp"
 
 namespace tonavi {
 namespace {
 
 kavore::EffectSlot pluginSlot(const std::string& id, const std::string& uri, const std::string& parameters) {
+    test::useTestPlugins();
     for (const auto& d : PluginHost::shared()->plugins())
         if (d.uri == uri) {
             kavore::EffectSlot slot;
