@@ -193,13 +193,19 @@ TEST(LV2PluginHost, MonoPerChannelStateLatencyAndRefusals) {
     ASSERT_EQ(gain->render(in, out, 4), 0);
     EXPECT_EQ(std::tuple(outL[3], outR[3]), std::tuple(3.0f, 1.5f)); // one instance per channel
 
-    // The saved state carries the parameter into a fresh unit; another plug-in's state is refused.
-    const auto state = gain->saveState();
+    // The saved state carries the parameter and the plug-in's own trim (halved here) into a fresh
+    // unit; another plug-in's state is refused.
+    const auto saved = gain->saveState();
+    std::string turtle(saved.begin(), saved.end());
+    const auto trim = turtle.find("\"1.0\"^^xsd:float");
+    ASSERT_NE(trim, std::string::npos) << turtle;
+    turtle.replace(trim, 5, "\"0.5\"");
+    const std::vector<std::uint8_t> state(turtle.begin(), turtle.end());
     auto restored = load("gain", error);
     ASSERT_TRUE(restored && restored->restoreState(state, error)) << error;
     restored->prepare(4096, error);
     restored->render(in, out, 4);
-    EXPECT_EQ(outL[3], 3.0f);
+    EXPECT_EQ(std::tuple(outL[3], outR[3]), std::tuple(1.5f, 0.75f));
     auto delay = load("delay", error);
     ASSERT_TRUE(delay);
     EXPECT_FALSE(delay->restoreState(state, error));
