@@ -232,14 +232,20 @@ void TonaviRuntime::autoRevertAUSlotLocked(const std::string& slotID, const std:
     assert(serialQueue_->isCurrent());
     const TonaviConfig& config = engine_->config();
     std::optional<std::string> owner;
-    for (const auto& app : config.apps)
-        for (const auto& slot : app.chain.slots)
+    bool alreadyBypassed = false;
+    const auto look = [&](const std::vector<kavore::EffectSlot>& slots, const std::string& name) {
+        for (const auto& slot : slots)
             if (!owner && slot.id == slotID)
-                owner = app.displayName;
-    if (!owner)
-        for (const auto& slot : config.globalListening.audioUnitSlots)
-            if (slot.id == slotID)
-                owner = "global listening";
+                owner = name, alreadyBypassed = slot.bypassed;
+    };
+    for (const auto& app : config.apps)
+        look(app.chain.slots, app.displayName);
+    look(config.systemRows.systemChain.slots, "system output");
+    look(config.globalListening.audioUnitSlots, "global listening");
+    // A global slot runs in every tapped app's worker: the first report bypasses it, and the others
+    // that were already on their way are not new.
+    if (alreadyBypassed)
+        return;
     Log::info("tonavi: AU failure on " + owner.value_or("system output") + ": " + reason);
     engine_->autoRevertAUSlot(slotID, reason);
     persist();
