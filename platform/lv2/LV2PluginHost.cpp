@@ -425,7 +425,9 @@ std::optional<std::string> LV2PluginHost::find(PluginCodes codes) {
 
 std::unique_ptr<PluginUnit> LV2PluginHost::instantiate(const std::string& uri, double sampleRate,
                                                        std::string& error) {
-    const auto w = world();
+    // A world of the unit's own: instantiate runs plug-in code under the world's lock, and a plug-in
+    // that never returns from it must hold up no other slot's load, nor the catalogue.
+    const auto w = std::make_shared<LV2World>();
     const LilvPlugin* plugin = w->find(uri);
     if (!plugin) {
         error = "no LV2 plug-in " + uri + " is installed";

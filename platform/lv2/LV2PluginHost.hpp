@@ -1,6 +1,7 @@
 #pragma once
-// LV2 plug-ins through lilv: see PluginHost.hpp. Each rescan reads a world of its own; units keep
-// the world they came from alive, so a rescan never pulls descriptions from under a running unit.
+// LV2 plug-ins through lilv: see PluginHost.hpp. Each rescan reads a world of its own, and so does
+// each unit (reading the folders' manifests again costs milliseconds): a unit's plug-in code never
+// shares lilv's state, or its lock, with another unit or the listing.
 
 #include "platform/PluginHost.hpp"
 

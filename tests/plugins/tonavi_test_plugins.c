@@ -15,7 +15,7 @@
 #define TRIM_URI TEST_URI "gain#trim"
 #define MAX_DELAY 4096
 
-enum Kind { GAIN, DELAY, POISON, CRASH, HANG, SURROUND };
+enum Kind { GAIN, DELAY, POISON, CRASH, HANG, SURROUND, STUCK };
 
 typedef struct {
     enum Kind kind;
@@ -34,6 +34,8 @@ static LV2_Handle instantiate(const LV2_Descriptor* d, double rate, const char* 
     if (!t)
         return NULL;
     t->kind = (enum Kind)(uintptr_t)d->extension_data(NULL); /* see descriptors below */
+    while (t->kind == STUCK)
+        pause();
     t->trim = 1.0f;
     for (int i = 0; features && features[i]; ++i) {
         if (!strcmp(features[i]->URI, LV2_URID__map)) {
@@ -85,6 +87,8 @@ static void run(LV2_Handle h, uint32_t n) {
             t->ports[2][i] = on ? NAN : t->ports[1][i];
         break;
     }
+    case STUCK:
+        break;
     case SURROUND:
         for (int c = 0; c < 3; ++c)
             memcpy(t->ports[3 + c], t->ports[c], n * sizeof(float));
@@ -130,6 +134,7 @@ KIND_DATA(POISON)
 KIND_DATA(CRASH)
 KIND_DATA(HANG)
 KIND_DATA(SURROUND)
+KIND_DATA(STUCK)
 
 static const LV2_Descriptor descriptors[] = {
     {TEST_URI "gain", instantiate, connect, NULL, run, NULL, cleanup, data_GAIN},
@@ -138,6 +143,7 @@ static const LV2_Descriptor descriptors[] = {
     {TEST_URI "crash", instantiate, connect, NULL, run, NULL, cleanup, data_CRASH},
     {TEST_URI "hang", instantiate, connect, NULL, run, NULL, cleanup, data_HANG},
     {TEST_URI "surround", instantiate, connect, NULL, run, NULL, cleanup, data_SURROUND},
+    {TEST_URI "stuck", instantiate, connect, NULL, run, NULL, cleanup, data_STUCK},
 };
 
 LV2_SYMBOL_EXPORT const LV2_Descriptor* lv2_descriptor(uint32_t index) {

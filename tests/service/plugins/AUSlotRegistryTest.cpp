@@ -174,6 +174,37 @@ TEST(AUSlotRegistry, ReconcilesWantedSlotsWithLiveHosts) {
                             {"C", "no installed plug-in has the component"}}));
 }
 
+// Through the platform's host: a plug-in that never returns from instantiate costs its slot only.
+TEST(AUSlotRegistry, APluginStuckInInstantiateTimesOutWhileAnotherGoesLive) {
+    test::useTestPlugins();
+    const auto slotFor = [](const std::string& id, const std::string& name) {
+        for (const auto& d : PluginHost::shared()->plugins())
+            if (d.uri == "http://tonavi.test/plugins/" + name) {
+                kavore::EffectSlot s = slot(id, 0);
+                s.auComponent = AUCatalogue::componentKey(d);
+                return s;
+            }
+        return kavore::EffectSlot{};
+    };
+    auto registry = AUSlotRegistry::make(AUSlotRegistry::platformInstantiate(PluginHost::shared(), 0.3));
+    std::vector<std::pair<std::string, std::string>> failures;
+    std::mutex failuresLock;
+    registry->setOnFailure([&](const std::string& id, const std::string& m) {
+        std::lock_guard guard(failuresLock);
+        failures.emplace_back(id, m);
+    });
+    registry->sync({chainOf({slotFor("S", "stuck"), slotFor("G", "gain")})}, 48000);
+    EXPECT_TRUE(test::eventually([&] { return registry->host("G") != nullptr; }, std::chrono::seconds(5)));
+    EXPECT_TRUE(test::eventually(
+        [&] {
+            std::lock_guard guard(failuresLock);
+            return failures == std::vector<std::pair<std::string, std::string>>{
+                                   {"S", "instantiation timed out after 0s"}};
+        },
+        std::chrono::seconds(5)));
+    EXPECT_FALSE(registry->host("S"));
+}
+
 // The project's own LV2 bundle through the platform host.
 std::unique_ptr<PluginUnit> load(const std::string& name, std::string& error) {
     test::useTestPlugins();
