@@ -9,7 +9,8 @@ TONAVI_ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 # lists with libplist.
 TONAVI_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
                  libpipewire-0.3-dev pipewire pipewire-bin wireplumber pipewire-pulse pulseaudio-utils dbus sox
-                 libncurses-dev tmux libxcb1-dev libsystemd-dev xvfb openbox xdotool x11-utils libplist-dev)
+                 libncurses-dev tmux libxcb1-dev libsystemd-dev xvfb openbox xdotool x11-utils libplist-dev
+                 liblilv-dev lv2-dev lilv-utils swh-lv2)
 
 tonavi_install() {
     local missing=()

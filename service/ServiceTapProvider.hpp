@@ -33,6 +33,9 @@ class ServiceTapProvider : public TapProviding {
         std::function<std::string(const std::string&)> route;
         // A live tap died: bundle ID, reason, and the handle that died.
         std::function<void(const std::string&, const std::string&, const TapHandlePtr&)> tapFailed;
+        // A plug-in slot failed in a worker (it did not load, stopped rendering, or crashed or hung
+        // its worker): slot ID, reason.
+        std::function<void(const std::string&, const std::string&)> auSlotFailed;
     };
 
     struct BufferFrames {

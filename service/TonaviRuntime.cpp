@@ -101,8 +101,10 @@ TonaviRuntime::TonaviRuntime(Environment environment)
         withRuntime(weak, [&](TonaviRuntime& rt) { rt.midiControlLearned(channel, cc); });
     });
 
-    // 11, 13, 14. Device manager hooks, hosted-effect hooks and slot failure hooks join here with
-    //             their subsystems.
+    // 13. Plug-ins render only in the workers, so the service's engine has no hosted-effect hooks; 14 is
+    //     the provider's slot failure hook (connectTapProviderHooks). 11 joins with its subsystem.
+    auCatalogue_ = std::make_unique<AUCatalogue>(environment.pluginHost ? environment.pluginHost : PluginHost::shared(),
+                                                 wallClock_);
 
     // 15.
     syncAUSlots();
@@ -219,7 +221,38 @@ void TonaviRuntime::connectTapProviderHooks() {
             });
         });
     };
+    hooks.auSlotFailed = [weak](const std::string& slotID, const std::string& reason) {
+        withRuntime(weak, [&](TonaviRuntime& rt) {
+            rt.serialQueue_->async([weak, slotID, reason] {
+                withRuntime(weak, [&](TonaviRuntime& rt) { rt.autoRevertAUSlotLocked(slotID, reason); });
+            });
+        });
+    };
     tapProvider_->setHooks(std::move(hooks));
+}
+
+void TonaviRuntime::autoRevertAUSlotLocked(const std::string& slotID, const std::string& reason) {
+    assert(serialQueue_->isCurrent());
+    const TonaviConfig& config = engine_->config();
+    std::optional<std::string> owner;
+    bool alreadyBypassed = false;
+    const auto look = [&](const std::vector<kavore::EffectSlot>& slots, const std::string& name) {
+        for (const auto& slot : slots)
+            if (!owner && slot.id == slotID)
+                owner = name, alreadyBypassed = slot.bypassed;
+    };
+    for (const auto& app : config.apps)
+        look(app.chain.slots, app.displayName);
+    look(config.systemRows.systemChain.slots, "system output");
+    look(config.globalListening.audioUnitSlots, "global listening");
+    // A global slot runs in every tapped app's worker: the first report bypasses it, and the others
+    // that were already on their way are not new.
+    if (alreadyBypassed)
+        return;
+    Log::info("tonavi: AU failure on " + owner.value_or("system output") + ": " + reason);
+    engine_->autoRevertAUSlot(slotID, reason);
+    persist();
+    syncAUSlots();
 }
 
 void TonaviRuntime::readDefaultOutputAtStart() {
@@ -460,8 +493,10 @@ void TonaviRuntime::releaseTapsThenStop() {
     engine_->releaseAllTapsForShutdown();
 }
 
-// MARK: Seams of subsystems not in this build
+// MARK: Plug-in slots
 
-void TonaviRuntime::syncAUSlots() {}
+// The slot registries live in the workers, one per tapped app, and sync from the state each worker
+// receives: pushing the states is the service's whole share.
+void TonaviRuntime::syncAUSlots() { tapProvider_->syncStates(); }
 
 } // namespace tonavi

@@ -34,6 +34,7 @@
 #include "service/devices/OutputGroupManager.hpp"
 #include "service/devices/TonaviDeviceManager.hpp"
 #include "service/midi/MIDIMapper.hpp"
+#include "service/plugins/AUCatalogue.hpp"
 #include "service/taps/AudioSnapshot.hpp"
 #include "service/taps/OutputEligibility.hpp"
 #include "service/taps/TapProcessIdentity.hpp"
@@ -76,6 +77,9 @@ class TonaviRuntime {
         AppDirectory::Source installedApplications;
         // The system's MIDI sources. Null: no MIDI; the mappings still work as a list.
         std::shared_ptr<MIDISystem> midi;
+        // The installed effect plug-ins, read for the catalogue (no plug-in code runs in the
+        // service). Null: the platform's host.
+        std::shared_ptr<PluginHost> pluginHost;
     };
 
     // Cached hardware state: the status reads only this, never the hardware.
@@ -297,6 +301,8 @@ class TonaviRuntime {
     void applyDevicePolicies();
     // Seams of subsystems that are not part of this build. Each does nothing.
     void syncAUSlots();
+    // A plug-in slot failed in a worker: it is bypassed, persisted, and the workers are told.
+    void autoRevertAUSlotLocked(const std::string& slotID, const std::string& reason);
     void installDeviceListeners();
     void enforceDeviceLimits();
 
@@ -407,6 +413,7 @@ class TonaviRuntime {
     std::uint64_t nextMIDILearner_ = 0;
     std::shared_ptr<MIDISystem> midiSystem_;
     std::unique_ptr<MIDIMapper> midi_;
+    std::unique_ptr<AUCatalogue> auCatalogue_;
 
     std::unique_ptr<DispatchQueue> serialQueue_;           // "tonavi.runtime"
     std::unique_ptr<DispatchQueue> activityListenerQueue_; // "tonavi.activity-events"

@@ -1,6 +1,7 @@
 // Request dispatch of TonaviRuntime and the app mixer requests.
 
 #include "service/TonaviRuntime.hpp"
+#include "service/PayloadReply.hpp"
 
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
@@ -172,8 +173,13 @@ TonaviReply TonaviRuntime::handleLocked(const TonaviRequest& request) {
                 return std::move(*configReply);
             } else if (auto midiReply = handleMIDIRequestLocked(request)) {
                 return std::move(*midiReply);
+            } else if constexpr (std::is_same_v<T, R::ScanAudioUnits>) {
+                return payloadReply(auCatalogue_->rescan());
+            } else if constexpr (std::is_same_v<T, R::ListAudioUnits>) {
+                if (!auCatalogue_->lastScan())
+                    auCatalogue_->rescan();
+                return payloadReply(auCatalogue_->units());
             } else {
-                // Plug-ins: their subsystem is not part of this service yet.
                 return notAvailable(request.caseName());
             }
         },

@@ -82,6 +82,12 @@ ctl unmute Cello
 ctl eq Cello bass-reducer
 settle
 show "Cello unmuted, with the Bass Reducer preset: its 110 Hz partial drops, 1760 Hz stays"
+# A third-party LV2 plug-in (swh-lv2, installed by setup.sh) in Cello's chain, run in Cello's worker.
+ctl plugins | grep -E "^NAME|^Simple amplifier"
+ctl chain Cello add "Simple amplifier" gain=-12
+settle
+show "swh-lv2's Simple amplifier at -12 dB in Cello's chain: both partials 12 dB lower, Flute untouched"
+ctl chain Cello
 echo "\$ tonavictl redirect Cello headphones"
 if ! "$bin/tonavictl" redirect Cello headphones 2>/dev/null; then
     # The status may not list devices yet; the request itself names the device by its UID.

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Figures of the service on a private PipeWire server, printed for the record:
 #   - the latency PipeWire reports for a tapped application's nodes (its tap sink and IO stream);
-#   - CPU of the tap worker at quantum 256, from /proc/<pid>/stat over 20 s;
+#   - CPU of the tap worker at quantum 256, from /proc/<pid>/stat over 20 s, then with swh-lv2's amplifier
+#     in its chain, against lv2bench running the amplifier alone;
 #   - tonavictl status with 30 applications playing;
 #   - stage mode releasing 24 live taps (apps 0 to 23 are configured at half volume), and 12.
 # Assumes a built tree (build/); takes about a minute.
@@ -20,6 +21,7 @@ cleanup() {
     rm -rf "$folder"
 }
 trap cleanup EXIT
+trap 'echo "failed at line $LINENO; the service log: $(tail -5 "$XDG_STATE_HOME/Tonavi/Tonavi-service.log" 2>/dev/null)" >&2' ERR
 pw_private_start "$folder"
 export HOME="$folder/home"
 mkdir -p "$HOME" "$XDG_DATA_HOME/Tonavi"
@@ -61,11 +63,25 @@ for o in objs:
 
 echo "== CPU of the worker (pid $worker) over 20 s at quantum 256"
 ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
-t0=$(ticks "$worker"); s0=$SECONDS
-sleep 20
-t1=$(ticks "$worker")
 hz=$(getconf CLK_TCK)
-python3 -c "print('  %.2f %% of one core' % (100.0 * ($t1 - $t0) / $hz / ($SECONDS - $s0)))"
+cpu() { # $1: pid; the share of one core over 20 s
+    local t0 t1 s0
+    t0=$(ticks "$1"); s0=$SECONDS
+    sleep 20
+    t1=$(ticks "$1")
+    python3 -c "print('%.2f' % (100.0 * ($t1 - $t0) / $hz / ($SECONDS - $s0)))"
+}
+echo "  $(cpu "$worker") % of one core"
+
+echo "== CPU of the worker with swh-lv2's amplifier in the chain, against lv2bench running it alone"
+"$bin/tonavictl" chain App0 add "Simple amplifier" gain=-6 >/dev/null
+sleep 1
+now="$(pgrep -n -P "$service" -f -- --tonavi-tap-worker)"
+[ "$now" = "$worker" ] || echo "  (the worker changed: $worker -> $now)"
+echo "  worker with the amplifier: $(cpu "$now") % of one core"
+# Stereo runs the mono amplifier twice: two instances' worth of 20 s at 48 kHz in blocks of 256.
+alone=$(lv2bench -b 256 -n 960000 http://plugin.org.uk/swh-plugins/amp | awk '{print $1}')
+python3 -c "print('  lv2bench, the amplifier alone: %.4f %% of one core (two instances)' % (100.0 * 2 * $alone / 20))"
 
 echo "== tonavictl status with 30 applications playing"
 for i in $(seq 1 29); do

@@ -94,6 +94,7 @@ void IsolatedTonaviTapProvider::setHooks(Hooks hooks) {
     onAudioActivity = std::move(hooks.heard);
     routeFor = std::move(hooks.route);
     onTapFailure = std::move(hooks.tapFailed);
+    onAUSlotFailure = std::move(hooks.auSlotFailed);
 }
 
 TapHandlePtr IsolatedTonaviTapProvider::createTap(const std::string& bundleID) {

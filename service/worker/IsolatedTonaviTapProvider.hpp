@@ -73,7 +73,7 @@ class IsolatedTonaviTapProvider final : public ServiceTapProvider,
     explicit IsolatedTonaviTapProvider(Environment environment);
     ~IsolatedTonaviTapProvider() override;
 
-    // Hooks; set before the first createTap. `setHooks` sets all but the plug-in slot failure.
+    // Hooks; set before the first createTap. `setHooks` sets them all.
     void setHooks(Hooks hooks) override;
     Render render; // kept for parity with the in-process provider; never called here
     TapFailure onTapFailure;

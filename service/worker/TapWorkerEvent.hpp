@@ -34,6 +34,14 @@ struct TapWorkerEvent {
         return event;
     }
 
+    static TapWorkerEvent slotFailed(std::string slotID, std::string message) {
+        TapWorkerEvent event;
+        event.kind = auFailure;
+        event.slotID = std::move(slotID);
+        event.message = std::move(message);
+        return event;
+    }
+
     // The encoded object followed by one line feed; absent fields are omitted.
     std::string line() const;
     // One line without its line feed; nothing when it is not JSON for an event (an object with a

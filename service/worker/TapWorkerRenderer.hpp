@@ -3,11 +3,13 @@
 // handles so that its gates open. The IO block of the real tap calls `render`; the pipe reader calls
 // `apply`; the two meet at the engine's lock only.
 //
-// Hosted Audio Units are not built yet: the engine's plug-in bridge is left unset, so a plug-in slot
-// passes its samples through, and `audioUnitsEnabled` only records that loading would be allowed.
+// Plug-in slots (the app's chain and global listening's) load into `auSlots` once the worker is
+// ready, in the background; until a slot's host is live, the engine's bridge passes its samples
+// through. A slot that fails is reported to the service as "au-failure".
 
 #include "core/engine/EngagementEngine.hpp"
 #include "core/engine/TapWorkerState.hpp"
+#include "service/plugins/AUSlotRegistry.hpp"
 
 #include <atomic>
 #include <memory>
@@ -26,7 +28,10 @@ class TapWorkerRenderer {
     void apply(const TapWorkerState& state);
     // Audio thread: ducking advances with the cycle, then the engine renders in place.
     void render(std::span<float> buffer, long long frames, double hostTimeSeconds);
+    // Allows plug-ins to load and loads those the latest state wants.
     void enableAudioUnits();
+    // Off the audio thread: reports plug-in render failures recorded since the last call.
+    void deliverAudioUnitFailures() { auSlots_->deliverFailures(); }
 
     const std::string& bundleID() const { return bundleID_; }
     double renderSampleRate() const { return renderSampleRate_; }
@@ -35,7 +40,10 @@ class TapWorkerRenderer {
     EngagementEngine& engine() { return *engine_; }
 
   private:
+    void syncAudioUnits(const TapWorkerState& state);
+
     const std::string bundleID_;
+    std::shared_ptr<AUSlotRegistry> auSlots_;
     std::unique_ptr<EngagementEngine> engine_;
     TapWorkerEventWriter& writer_;
     mutable std::mutex stateLock_; // leaf lock around `latestState_` only

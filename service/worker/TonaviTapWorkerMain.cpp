@@ -2,6 +2,7 @@
 
 #include "base/Dispatch.hpp"
 #include "platform/PlatformBackend.hpp"
+#include "service/plugins/AURunningSlot.hpp"
 #include "service/taps/TonaviTapProvider.hpp"
 #include "service/worker/TapWorkerEnvelope.hpp"
 #include "service/worker/TapWorkerEventWriter.hpp"
@@ -53,6 +54,9 @@ class LineReader {
     const int fd_;
     std::string buffer_;
 };
+
+// Far beyond any render cycle, and well inside the service's stale-IO limit.
+constexpr double stalledPluginSeconds = 1.0;
 
 double secondsSince1970() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
@@ -130,6 +134,8 @@ int run(const std::string& bundleID, const std::string& routeUID) {
     auto parentWatch = watchParent(parent);
 
     TapWorkerEventWriter writer(STDOUT_FILENO);
+    // A plug-in that crashes us is named in our last words, so the service bypasses its slot.
+    AURunningSlot::installCrashReport(STDOUT_FILENO);
     LineReader input(STDIN_FILENO);
 
     std::optional<TapWorkerEnvelope> first;
@@ -213,6 +219,13 @@ int run(const std::string& bundleID, const std::string& routeUID) {
     std::uint64_t seenIO = handle->ioCallbackCount.load();
     std::uint64_t seenRaw = 0;
     DispatchTimer metrics(DispatchQueue::global(QoS::utility), 250ms, 500ms, [&] {
+        // A render stuck inside a plug-in holds the app off its direct path: name the slot and end
+        // the worker, whose death gives the app back to the system.
+        if (auto slotID = AURunningSlot::stalledRender(stalledPluginSeconds)) {
+            writer.send(TapWorkerEvent::slotFailed(*slotID, "stopped responding in its render"));
+            _exit(exitNormal);
+        }
+        renderer.load()->deliverAudioUnitFailures();
         const std::uint64_t io = handle->ioCallbackCount.load();
         const std::uint64_t raw = handle->rawAudioCallbackCount.load();
         const double now = secondsSince1970();

@@ -137,7 +137,12 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 
 // The state letter and parent from /proc/<pid>/stat; the command name before them may hold anything.
 static bool procState(int pid, char& state, int& parent) {
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    try {
+        stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    } catch (const std::ios_base::failure&) {
+        return false; // it ended while we read
+    }
     const auto close = stat.rfind(')');
     return close != std::string::npos && std::sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2;
 }
@@ -155,7 +160,12 @@ std::vector<int> workersOf(int parent, const std::string& bundleID) {
         if (name.find_first_not_of("0123456789") != std::string::npos || !procState(std::stoi(name), state, ppid) ||
             state == 'Z' || ppid != parent)
             continue;
-        std::string cmdline = readFile("/proc/" + name + "/cmdline");
+        std::string cmdline;
+        try {
+            cmdline = readFile("/proc/" + name + "/cmdline");
+        } catch (const std::ios_base::failure&) {
+            continue; // it ended while we read
+        }
         for (auto& c : cmdline) if (c == '\0') c = ' ';
         if (cmdline.find("--tonavi-tap-worker " + bundleID) != std::string::npos) found.push_back(std::stoi(name));
     }

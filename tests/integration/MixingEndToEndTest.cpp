@@ -7,6 +7,7 @@
 #include "core/wire/TonaviChannel.hpp"
 #include "platform/sim/SimWorld.hpp"
 #include "tests/integration/ChildProcess.hpp"
+#include "tests/support/TestPlugins.hpp"
 
 #include <gtest/gtest.h>
 
@@ -103,6 +104,10 @@ class Mix {
         }
     }
     void forget() { service_.pid = -1; } // reaped: nothing to stop
+    void restartService() {
+        service_.stop();
+        service_ = startService(home_, env_);
+    }
 
   private:
     PrivateHome home_{"mix"};
@@ -295,4 +300,40 @@ TEST(MixingEndToEnd, AStoppedWorkerNeverHoldsUpTheService) {
         << mix.log();
     ::kill(second, SIGCONT);
     EXPECT_TRUE(mix.waitForLevel(safari, toneRMS + 40 * std::log10(0.39), 0.5)) << "the newest volume holds";
+}
+
+// Plug-ins of the project's test bundle (on LV2_PATH) in Safari's chain: a gain whose setting
+// survives a restart of the service, then a plug-in that crashes its worker and one that hangs it.
+// Each costs Safari its worker (and so its tap) once: it comes back tapped, the gain still live and the
+// culprit bypassed, with "au-crash" in the health log, and the service answers throughout.
+TEST(MixingEndToEnd, APluginThatCrashesOrHangsItsWorkerIsBypassedAndTheServiceAnswers) {
+    tonavi::test::useTestPlugins();
+    Mix mix;
+    mix.ctlOK({"chain", "Safari", "add", "Test Gain", "gain=2"});
+    const double gained = toneRMS + 20 * std::log10(2.0);
+    ASSERT_TRUE(mix.waitForLevel(safari, gained, 0.5)) << mix.log();
+    mix.restartService();
+    ASSERT_TRUE(mix.waitForLevel(safari, gained, 0.5)) << mix.log();
+
+    for (const auto& [plugin, on] : {std::pair{"Test Crash", "crash=1"}, std::pair{"Test Hang", "hang=1"}}) {
+        SCOPED_TRACE(plugin);
+        ASSERT_TRUE(waitUntil([&] { return mix.workers(safari).size() == 1; }, 10s));
+        const int worker = mix.workers(safari)[0];
+        mix.ctlOK({"chain", "Safari", "add", plugin, on});
+        int unanswered = 0;
+        EXPECT_TRUE(waitUntil(
+            [&] {
+                unanswered += !mix.send(TonaviRequest::Ping{}).ok;
+                const auto m = mix.meterOf(safari);
+                return !alive(worker) && m && m->ownerPID != worker && std::abs(m->rmsDB - gained) < 0.5;
+            },
+            20s))
+            << mix.log();
+        EXPECT_EQ(unanswered, 0);
+        const std::string chain = mix.ctl({"chain", "Safari"}).second;
+        EXPECT_NE(chain.find(std::string(plugin) + "  bypassed"), std::string::npos) << chain;
+        EXPECT_NE(chain.find("Test Gain  on"), std::string::npos) << chain;
+    }
+    EXPECT_TRUE(mix.statusHas(R"("detail":"Safari: crashed its tap helper","id")")) << mix.log();
+    EXPECT_TRUE(mix.statusHas(R"("detail":"Safari: stopped responding in its render","id")")) << mix.log();
 }

@@ -5,6 +5,7 @@
 // the applications reconnect to the new server and the service taps them again.
 
 #include "base/Paths.hpp"
+#include "core/wire/TonaviChannel.hpp"
 #include "platform/pipewire/PipeWireConnection.hpp"
 #include "tests/integration/ChildProcess.hpp"
 
@@ -212,6 +213,74 @@ TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication
     const auto left = speakers.settle(tones3, [](const auto& l) { return l[1] < -60; });
     EXPECT_LT(left[1], -60) << "Low left the speakers";
     EXPECT_NEAR(left[2], direct[2], 0.5);
+}
+
+// A third-party LV2 plug-in from Debian's swh-lv2, as an application's chain would use it: two of its
+// amplifiers (mono, each run once per channel) in Low's chain before Low plays, measured at the monitor
+// from Low's first sound; a parameter change applies live. Then a plug-in that hangs Low's worker in its
+// render: Low is silent no longer than the stale-IO limit, and the service answers throughout.
+TEST_F(PipeWireServiceTest, AThirdPartyPluginInAChainActsOnItsApplicationAtTheMonitor) {
+    if (!std::filesystem::exists("/usr/lib/lv2/amp-swh.lv2"))
+        GTEST_SKIP() << "swh-lv2 is not installed";
+    seedConfig(1.0);
+    play("org.tonavi.High", "High", "880");
+    // The project's test bundle beside Debian's plug-ins, for the service and tonavictl alike.
+    ::setenv("LV2_PATH", (binPath("") + "/../tests/lv2:/usr/lib/lv2").c_str(), 1);
+    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    MonitorRecording speakers("speakers");
+    const double reference = speakers.settle({high}, [](const auto& l) { return l[0] > -20; })[0];
+    ASSERT_GT(reference, -20);
+    ctl({"chain", "Low", "add", "Simple amplifier", "gain=-6"});
+    ctl({"chain", "Low", "add", "Simple amplifier", "gain=-6"});
+
+    const auto started = Clock::now();
+    play("org.tonavi.Low", "Low", "120+4000");
+    const auto live = speakers.secondsUntil(
+        started, treble, [&](double l) { return std::abs(l - (reference - 12)) < 0.5; }, 10s);
+    ASSERT_TRUE(live.has_value()) << "Low never played through both amplifiers";
+    std::cout << "first sound to two plug-ins rendering: " << *live * 1000 << " ms\n";
+    EXPECT_NEAR(speakers.settle({high}, [](const auto&) { return true; })[0], reference, 0.5) << "High untouched";
+
+    ctl({"chain", "Low", "set", "2", "gain", "0"});
+    EXPECT_NEAR(speakers.settle({treble}, [&](const auto& l) { return l[0] > reference - 7; })[0], reference - 6,
+                0.5);
+
+    // Pings over the socket all along: a quiet stretch first, for the service's usual answer time.
+    std::mutex pingLock;
+    std::vector<double> pings;
+    std::jthread pinger([&](std::stop_token stop) {
+        while (!stop.stop_requested()) {
+            const auto at = Clock::now();
+            EXPECT_TRUE(TonaviChannel::send(home.socketPath(), TonaviRequest::ping(), 2).ok);
+            std::lock_guard guard(pingLock);
+            pings.push_back(std::chrono::duration<double, std::milli>(Clock::now() - at).count());
+            std::this_thread::sleep_for(5ms); // paced: the pings must not starve the audio of a core
+        }
+    });
+    const auto p99 = [&](std::size_t from) {
+        std::lock_guard guard(pingLock);
+        std::vector<double> part(pings.begin() + std::ptrdiff_t(from), pings.end());
+        std::ranges::sort(part);
+        return std::pair(part.empty() ? 0.0 : part[part.size() * 99 / 100], part.size());
+    };
+    std::this_thread::sleep_for(2s); // the quiet stretch is measured, not waited for
+    const auto [quietP99, quietCount] = p99(0);
+    const auto hung = Clock::now();
+    ctl({"chain", "Low", "add", "Test Hang", "hang=1"});
+    const auto silent = speakers.secondsUntil(hung, treble, [](double l) { return l < -60; }, 5s);
+    ASSERT_TRUE(silent.has_value()) << "the hang never silenced Low";
+    const auto silentAt = hung + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(*silent));
+    const auto back = speakers.secondsUntil(silentAt, treble, [](double l) { return l > -40; }, 10s);
+    ASSERT_TRUE(back.has_value()) << "Low never came back";
+    EXPECT_LT(*back, 6.0) << "held off its direct path for longer than the stale-IO limit";
+    EXPECT_NEAR(speakers.settle({treble}, [&](const auto& l) { return l[0] < reference - 4; })[0], reference - 6,
+                0.5)
+        << "tapped again without the hung slot";
+    pinger.request_stop();
+    pinger.join();
+    const auto [hangP99, hangCount] = p99(quietCount);
+    std::cout << "hung plug-in held Low silent for " << *back * 1000 << " ms; ping p99 " << hangP99 << " ms over "
+              << hangCount << " pings through it, " << quietP99 << " ms over " << quietCount << " before\n";
 }
 
 TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPath) {

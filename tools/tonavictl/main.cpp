@@ -13,6 +13,7 @@
 #include "tools/tonavictl/CtlCommand.hpp"
 #include "tools/tonavictl/ImportCommand.hpp"
 #include "tools/tonavictl/MixerScreen.hpp"
+#include "tools/tonavictl/PluginCommand.hpp"
 #include "tools/tonavictl/SimCommand.hpp"
 #include "tools/tonavictl/StatusTable.hpp"
 
@@ -248,6 +249,8 @@ int main(int argc, char** argv) {
         return tonavi::runSimCommand(argc - 1, argv + 1);
     if (argc >= 2 && std::string(argv[1]) == "import")
         return tonavi::runImportCommand(argc - 1, argv + 1);
+    if (argc >= 2 && (std::string(argv[1]) == "plugins" || std::string(argv[1]) == "chain"))
+        return tonavi::runPluginCommand(argc - 1, argv + 1);
     const std::vector<std::string> args(argv + 1, argv + argc);
     auto parsed = tonavi::CtlCommand::parse(args);
     if (!parsed.command) {
