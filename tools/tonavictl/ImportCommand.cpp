@@ -1,10 +1,12 @@
 #include "tools/tonavictl/ImportCommand.hpp"
 
 #include "base/Paths.hpp"
+#include "core/wire/AudioUnitInfo.hpp"
 #include "core/wire/Diagnostics.hpp"
 #include "core/wire/TonaviChannel.hpp"
 #include "core/wire/TonaviPayload.hpp"
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 
@@ -60,11 +62,20 @@ int runImportCommand(int argc, char** argv) {
         if (!dump.ok || !dump.payload)
             return refused("the service gave no configuration to import into");
         const TonaviConfig current = TonaviPayload::decodeDiagnostics(*dump.payload).config;
-        // No plug-in catalogue is asked yet: every plug-in effect takes the fallback, and says so.
+        // A plug-in effect keeps its plug-in when the service's catalogue has one with its codes (a
+        // macOS Audio Unit never matches an LV2 key); otherwise it takes the fallback, and says so.
+        TonaviReply listed = TonaviChannel::send({TonaviRequest::ListAudioUnits{}}, clientTimeoutSeconds);
+        const std::vector<AudioUnitInfo> installed =
+            listed.ok && listed.payload ? TonaviPayload::decodeAudioUnits(*listed.payload) : std::vector<AudioUnitInfo>{};
+        auto lookup = [&installed](const kavore::AUComponentKey& key) {
+            return std::any_of(installed.begin(), installed.end(), [&](const AudioUnitInfo& unit) {
+                return unit.key.type == key.type && unit.key.subtype == key.subtype &&
+                       unit.key.manufacturer == key.manufacturer;
+            });
+        };
         SoundSourceImportResult result;
         try {
-            result = SoundSourceImporter::loadDefault(current, AutoDirectList::bundled(),
-                                                      SoundSourceImporter::noInstalledComponents,
+            result = SoundSourceImporter::loadDefault(current, AutoDirectList::bundled(), lookup,
                                                       Paths::homeDirectory(), sources, preferences);
         } catch (const SoundSourceImportError& e) {
             return refused(e.what());
