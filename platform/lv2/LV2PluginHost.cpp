@@ -53,12 +53,21 @@ enum class PortRole { audioIn, audioOut, controlIn, controlOut, optional, unsupp
 
 } // namespace
 
+// lilv names the blank nodes of every file it reads from one static buffer shared by all worlds, so
+// reading descriptions is serialised across worlds: "lilvFilesLock", taken after a world's own lock
+// and never held across a plug-in's own code (instantiate, run, state).
+static std::mutex& lilvFilesLock() {
+    static std::mutex lock;
+    return lock;
+}
+
 // One lilv world and the URIDs of its plug-ins (they map in instantiate and state calls, never in
 // run). lilv loads descriptions lazily and is not thread-safe: every call into the world, and every
 // instantiate and state call, holds `lilvLock`; render does not touch the world.
 class LV2World {
   public:
     LV2World() : world(lilv_world_new()) {
+        std::lock_guard files(lilvFilesLock());
         lilv_world_load_all(world);
         audioPort = lilv_new_uri(world, LV2_CORE__AudioPort);
         controlPort = lilv_new_uri(world, LV2_CORE__ControlPort);
@@ -95,6 +104,7 @@ class LV2World {
 
     PluginDescription describe(const LilvPlugin* plugin) {
         std::lock_guard guard(lilvLock);
+        std::lock_guard files(lilvFilesLock()); // the first question about a plug-in reads its data
         PluginDescription d;
         d.uri = text(lilv_plugin_get_uri(plugin));
         Node name(lilv_plugin_get_name(plugin));
@@ -189,6 +199,8 @@ class LV2Unit final : public PluginUnit {
     // Instantiates one or two instances and gives every control port its default.
     bool load(double sampleRate, std::string& error) {
         std::lock_guard guard(world_->lilvLock);
+        std::unique_lock files(lilvFilesLock());
+        // Reads the plug-in's data now, so that instantiate below reads no file.
         const std::uint32_t count = lilv_plugin_get_num_ports(plugin_);
         int audioIns = 0;
         for (std::uint32_t i = 0; i < count; ++i) {
@@ -210,6 +222,7 @@ class LV2Unit final : public PluginUnit {
         if (lilv_plugin_has_latency(plugin_))
             latencyPort_ = static_cast<int>(lilv_plugin_get_latency_port_index(plugin_));
         const int instances = audioIns == 1 ? 2 : 1;
+        files.unlock(); // plug-in code runs next, and may never return
         channels_.resize(static_cast<std::size_t>(instances));
         for (auto& c : channels_) {
             c.controls = defaults;

@@ -130,21 +130,18 @@ FocusSource& PipeWireWorkspace::focus() {
 void PipeWireWorkspace::activeWindowChanged(std::optional<pid_t> pid) {
     // On the focus source's thread: the lookups read /proc and the graph, never the runtime's queue.
     std::optional<RunningApplication> app = pid ? applicationOwning(*pid) : std::nullopt;
-    std::vector<Observer> due;
-    {
-        std::lock_guard guard(mutex_);
-        // Nothing in front (a window manager clears the active window between two focus changes,
-        // a display goes away) is no activation, and the application before it stays the last one
-        // announced, so that its return is not announced twice.
-        if (!app || app->bundleIdentifier.empty() || app == front_)
-            return;
-        front_ = app;
-        for (const auto& [token, o] : observers_)
-            if (o.kind == Kind::activation)
-                due.push_back(o);
-    }
-    for (auto& o : due)
-        o.queue->async([handler = std::move(o.activated), app = *app] { handler(app); });
+    std::lock_guard guard(mutex_);
+    // Nothing in front (a window manager clears the active window between two focus changes,
+    // a display goes away) is no activation, and the application before it stays the last one
+    // announced, so that its return is not announced twice.
+    if (!app || app->bundleIdentifier.empty() || app == front_)
+        return;
+    front_ = app;
+    // Posted under the lock: once removeObserver returns, nothing more is posted to that observer's
+    // queue, which its owner may then destroy. Posting never waits.
+    for (const auto& [token, o] : observers_)
+        if (o.kind == Kind::activation)
+            o.queue->async([handler = o.activated, app = *app] { handler(app); });
 }
 
 std::optional<RunningApplication> PipeWireWorkspace::frontmostApplication() {

@@ -143,7 +143,7 @@ TEST_F(XDesktop, TheWorkspaceDeliversActivationsOnTheObserversQueue) {
     std::mutex mutex;
     std::vector<RunningApplication> activated;
     bool onQueue = true;
-    workspace.addActivationObserver(queue, [&](const RunningApplication& app) {
+    const auto token = workspace.addActivationObserver(queue, [&](const RunningApplication& app) {
         std::lock_guard guard(mutex);
         onQueue = onQueue && queue.isCurrent();
         activated.push_back(app);
@@ -169,6 +169,9 @@ TEST_F(XDesktop, TheWorkspaceDeliversActivationsOnTheObserversQueue) {
     // A process that has gone owns nothing: no application, and no activation for it.
     test::stopProcess(pidB, SIGKILL);
     EXPECT_EQ(workspace.applicationOwning(pidB), std::nullopt);
+    // The window going away activates the other one: no delivery may outlive what it writes to.
+    workspace.removeObserver(token);
+    queue.sync([] {});
     ::unsetenv("DISPLAY");
 }
 

@@ -7,6 +7,13 @@
 
 namespace tonavi::test {
 
+// How much slower a sanitizer build runs: a time limit that only that slowness breaks is scaled by it.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+inline constexpr int sanitizerSlowdown = 3;
+#else
+inline constexpr int sanitizerSlowdown = 1;
+#endif
+
 inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000)) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;

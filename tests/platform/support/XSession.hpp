@@ -27,6 +27,10 @@ class XSession {
             why = "Xvfb is not installed";
             return false;
         }
+        // libXau builds the default authority path in a static buffer, so two threads connecting at
+        // once (a test and the source it watches) race on it; a named file takes that path away. Xvfb
+        // asks for no authority. Set before any thread of the test runs, and never changed after.
+        ::setenv("XAUTHORITY", "/dev/null", 0);
         int out = -1;
         std::vector<std::string> argv{"Xvfb"};
         if (!display.empty())
