@@ -304,18 +304,23 @@ void TonaviDeviceManager::setDefaultOutputVerifiedAsync(const std::string& uid,
     // A switch that fails must not leave its request behind: a system that remembers a wanted default
     // (PipeWire's configured default) would otherwise move the output there later, unasked.
     auto written = std::make_shared<std::atomic<bool>>(false);
+    // The write back lands before the reply, so it can never overtake a later switch.
     auto finished = [weak, written, isCurrent, completion = std::move(completion)](bool succeeded) {
-        if (!succeeded && written->load() && isCurrent())
-            if (auto self = weak.lock())
-                self->outputIOQueue_.async([weak] {
-                    auto self = weak.lock();
-                    if (!self)
-                        return;
-                    if (auto current = self->defaultDevice(false))
-                        (void)self->hardware_.set(kAudioObjectSystemObject,
-                                                  globalAddress(kAudioHardwarePropertyDefaultOutputDevice), *current);
-                });
-        completion(succeeded);
+        auto self = weak.lock();
+        if (succeeded || !written->load() || !isCurrent() || !self)
+            return completion(succeeded);
+        self->outputIOQueue_.async([weak, completion] {
+            auto self = weak.lock();
+            if (!self)
+                return;
+            if (auto current = self->defaultDevice(false))
+                (void)self->hardware_.set(kAudioObjectSystemObject,
+                                          globalAddress(kAudioHardwarePropertyDefaultOutputDevice), *current);
+            self->stateQueue_.async([weak, completion] {
+                if (weak.lock())
+                    completion(false);
+            });
+        });
     };
     VerifiedOutputSwitch::performNonblocking(
         uid, attempts,

@@ -90,7 +90,8 @@ TEST(OutputSelection, ReconnectedHeadphonesTakeTheOutputUnlessTheSourceIsLocked)
         return o.kind == AudioOnset::Kind::output && o.id == "output:" + std::string(usb);
     }));
 
-    ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"}).ok);
+    const TonaviReply back = sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"});
+    ASSERT_TRUE(back.ok) << back.message;
     GlobalLocks locks;
     locks.source = true;
     ASSERT_TRUE(h.send(R::SetLocks{locks}).ok);
@@ -120,7 +121,8 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     h.edit([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, usb); });
     EXPECT_TRUE(h.advanceUntil([&] { return arrived(late); }));
     EXPECT_TRUE(late.get().ok) << late.get().message;
-    ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"}).ok);
+    const TonaviReply back = sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"});
+    ASSERT_TRUE(back.ok) << encodeReply(back).substr(0, 300);
 
     EXPECT_EQ(h.send(R::SetDeviceHidden{usb, true}).message,
               "Removed from Tonavi. The macOS driver was left installed.");
