@@ -161,6 +161,9 @@ TonaviRuntime::~TonaviRuntime() {
     for (auto* queue : {serialQueue_.get(), hardwareProbeQueue_.get(), discoveryQueue_.get(), warmUpQueue_.get(),
                         tapWorkQueue_.get(), activityListenerQueue_.get(), midiQueue_.get()})
         queue->sync([] {});
+    // An item of a later queue that still held the anchor may have posted back to serialQueue after
+    // that queue was drained, and that item holds the anchor in turn: it must end before the queues go.
+    serialQueue_->sync([] {});
     hardwareProbeQueue_.reset();
     discoveryQueue_.reset();
     warmUpQueue_.reset();

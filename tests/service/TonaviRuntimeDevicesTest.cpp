@@ -116,7 +116,7 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     h.machine->failNext(SimOperation::setProperty, 1, kAudioHardwareUnspecifiedError,
                         kAudioHardwarePropertyDefaultOutputDevice);
     const Late late = sendLate(h, R::SetOutputDevice{"USB Headphones"});
-    h.advance(1.0);
+    ASSERT_TRUE(h.advanceUntil([&] { return h.machine->world()->faults.empty(); })); // the write was made
     EXPECT_FALSE(arrived(late));
     h.edit([](SimWorld& w) { return w.setDefault(SimDefaultRole::output, usb); });
     EXPECT_TRUE(h.advanceUntil([&] { return arrived(late); }));
