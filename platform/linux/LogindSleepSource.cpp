@@ -47,12 +47,6 @@ bool LogindSleepSource::listening() const {
     return listening_.load();
 }
 
-bool LogindSleepSource::waitForRetry(int milliseconds) {
-    pollfd fd{worker_.wakeFD(), POLLIN, 0};
-    ::poll(&fd, 1, milliseconds);
-    return !worker_.stopping();
-}
-
 void LogindSleepSource::run() {
     int backoff = 1000;
     bool loggedFailure = false;
@@ -74,7 +68,7 @@ void LogindSleepSource::run() {
         if (r < 0) {
             failed(bus ? "match" : "connect", r);
             bus.reset();
-            if (!waitForRetry(backoff))
+            if (!worker_.waitUnlessStopped(backoff))
                 break;
             backoff = std::min(backoff * 2, 30000);
             continue;
@@ -113,7 +107,7 @@ void LogindSleepSource::run() {
         if (worker_.stopping())
             break;
         failed("connection lost", r < 0 ? r : -ECONNRESET);
-        if (!waitForRetry(backoff))
+        if (!worker_.waitUnlessStopped(backoff))
             break;
         backoff = std::min(backoff * 2, 30000);
     }

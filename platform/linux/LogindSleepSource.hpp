@@ -32,7 +32,6 @@ class LogindSleepSource {
 
   private:
     void run();
-    bool waitForRetry(int milliseconds);
 
     const SleepChanged onSleep_;
     std::atomic<bool> listening_{false};

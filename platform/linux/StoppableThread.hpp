@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <poll.h>
 #include <pthread.h>
 #include <string>
 #include <sys/eventfd.h>
@@ -53,6 +54,12 @@ class StoppableThread {
         wakeFD_ = -1;
     }
     bool stopping() const { return stopping_.load(); }
+    // On the loop's thread: waits up to `milliseconds` (a retry's backoff) or until a stop; true to go on.
+    bool waitUnlessStopped(int milliseconds) const {
+        pollfd fd{wakeFD_, POLLIN, 0};
+        ::poll(&fd, 1, milliseconds);
+        return !stopping();
+    }
     int wakeFD() const { return wakeFD_; }
 
   private:

@@ -122,12 +122,6 @@ std::optional<pid_t> SwayFocusSource::activePID() const {
     return active_;
 }
 
-bool SwayFocusSource::waitForRetry(int milliseconds) {
-    pollfd fd{worker_.wakeFD(), POLLIN, 0};
-    ::poll(&fd, 1, milliseconds);
-    return !worker_.stopping();
-}
-
 void SwayFocusSource::publish(std::optional<pid_t> active) {
     {
         std::lock_guard guard(mutex_);
@@ -157,7 +151,7 @@ void SwayFocusSource::run() {
             loggedFailure = true;
             if (fd >= 0)
                 ::close(fd);
-            if (!waitForRetry(backoff))
+            if (!worker_.waitUnlessStopped(backoff))
                 break;
             backoff = std::min(backoff * 2, 5000);
             continue;
@@ -176,7 +170,7 @@ void SwayFocusSource::run() {
             break;
         Log::info("tonavi: the compositor's IPC socket " + path_ + " closed; reconnecting");
         loggedFailure = true;
-        if (!waitForRetry(backoff))
+        if (!worker_.waitUnlessStopped(backoff))
             break;
     }
 }

@@ -35,7 +35,6 @@ class SwayFocusSource : public FocusSource {
     void run();
     bool serve(int fd); // false when the connection ended (a stop returns true)
     void publish(std::optional<pid_t> active);
-    bool waitForRetry(int milliseconds);
 
     const std::string path_;
     const ActiveChanged onChange_;

@@ -184,12 +184,6 @@ std::optional<std::vector<WindowInfo>> X11FocusSource::windows() const {
     return windows_;
 }
 
-bool X11FocusSource::waitForRetry(int milliseconds) {
-    pollfd fd{worker_.wakeFD(), POLLIN, 0};
-    ::poll(&fd, 1, milliseconds);
-    return !worker_.stopping();
-}
-
 void X11FocusSource::publish(std::optional<pid_t> active, std::optional<std::vector<WindowInfo>> windows) {
     {
         std::lock_guard guard(mutex_);
@@ -216,7 +210,7 @@ void X11FocusSource::run() {
                 Log::info("tonavi: X display " + display_ + " does not answer (xcb error " + std::to_string(error) +
                           "); trying again in the background");
             loggedFailure = true;
-            if (!waitForRetry(backoff))
+            if (!worker_.waitUnlessStopped(backoff))
                 break;
             backoff = std::min(backoff * 2, 5000);
             continue;
@@ -250,7 +244,7 @@ void X11FocusSource::run() {
             break;
         Log::info("tonavi: X display " + display_ + " connection lost; reconnecting");
         loggedFailure = true;
-        if (!waitForRetry(backoff))
+        if (!worker_.waitUnlessStopped(backoff))
             break;
     }
 }

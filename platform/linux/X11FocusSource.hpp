@@ -47,7 +47,6 @@ class X11FocusSource : public FocusSource {
     void run();
     bool serve(Connection& c); // false when the connection ended (a stop returns true)
     void publish(std::optional<pid_t> active, std::optional<std::vector<WindowInfo>> windows);
-    bool waitForRetry(int milliseconds);
 
     const std::string display_;
     const ActiveChanged onChange_;
