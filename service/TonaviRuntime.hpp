@@ -150,7 +150,8 @@ class TonaviRuntime {
     void handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion);
     // Runs handleLocked on serialQueue and waits for it.
     TonaviReply handle(const TonaviRequest& request);
-    // The socket's answer to `status`, already encoded; waits for serialQueue like `handle`.
+    // The socket's answer to `status`, already encoded (see statusCache_). Waits for serialQueue only
+    // when no reply recent enough is at hand, or when a client's change must show first.
     std::shared_ptr<const std::string> encodedStatusReply();
 
     // Save now. On serialQueue.
@@ -189,10 +190,28 @@ class TonaviRuntime {
     TonaviStatus buildStatus();
     // The encoded reply to `status`, rebuilt only when something it shows has moved (see statusCache_).
     std::shared_ptr<const std::string> encodedStatusReplyLocked();
-    // Something the status shows changed on serialQueue (snapshots, onsets, smart state, the duck).
+    // Something the status shows changed (snapshots, onsets, smart state, the duck).
     void statusInputsChanged() { statusRevision_.fetch_add(1, std::memory_order_release); }
-    // The cached reply when it is still good; nothing when it must be rebuilt on serialQueue.
-    std::shared_ptr<const std::string> validStatusReply();
+    struct StatusRevisions {
+        std::uint64_t runtime = 0, engine = 0, provider = 0;
+        bool operator==(const StatusRevisions&) const = default;
+    };
+    StatusRevisions currentStatusRevisions() const;
+    // The cached reply, and whether it still shows everything (`current`). A reply that is not
+    // current may still be served while a rebuild runs (`servable`): it is at most
+    // `statusCacheServeFor` old and no client's change has been answered since it was built.
+    struct StatusLookup {
+        std::shared_ptr<const std::string> reply;
+        bool current = false, servable = false;
+    };
+    StatusLookup lookUpStatusReply();
+    // One rebuild on serialQueue, however many pollers ask for it meanwhile. Any thread.
+    void scheduleStatusRebuild();
+    // After a request on serialQueue: its reply's status becomes the cached reply, so a poll that
+    // follows the reply sees the change without waiting for a rebuild.
+    void publishReplyStatus(const TonaviReply& reply);
+    // A client's change answered off serialQueue: polls wait for a status built after it.
+    void statusMustShowChangesSoFar();
     Bytes buildDiagnostics();
     std::string displayName(const std::string& bundleID) const;
     std::vector<std::string> currentSystemRouteNames(const std::string& uid) const;
@@ -458,20 +477,30 @@ class TonaviRuntime {
     HardwareSnapshot hardwareSnapshot_;
     DiscoveryHealth hardwareDiscoveryHealth_;
 
-    // The last encoded status reply and the revisions it was built from. Pollers get these bytes,
-    // without waiting for serialQueue, until the runtime's, the engine's or the provider's revision
-    // moves, or until it is `statusCacheMaxAge` seconds old: ages, recent-signal flags and in-process
-    // meters change with time alone, and a poller never sees them staler than that. Built on
-    // serialQueue; "statusCacheLock" is a leaf lock held only to copy or store the record.
+    // The last encoded status reply and the revisions it was built from. It is current until the
+    // runtime's, the engine's or the provider's revision moves, or until it is `statusCacheMaxAge`
+    // seconds old (ages, recent-signal flags and in-process meters change with time alone). A poller
+    // that finds it no longer current gets it anyway and one rebuild is queued, as long as it is
+    // under `statusCacheServeFor` old and is not older than a client's answered change: what moved
+    // meanwhile came from the machine, and the poll is as good as one that came a moment earlier.
+    // Replies to requests handled on serialQueue become the cached reply themselves; changes
+    // answered elsewhere raise `statusRequiredRevision_`, which makes the next poll wait.
+    // Built on serialQueue; "statusCacheLock" is a leaf lock held only to copy or store the record.
     static constexpr double statusCacheMaxAge = 0.5;
+    static constexpr double statusCacheServeFor = 1.0;
     struct StatusCache {
-        std::uint64_t runtime = 0, engine = 0, provider = 0;
+        StatusRevisions built;
         double builtAt = 0;
         std::shared_ptr<const std::string> reply;
     };
     mutable std::mutex statusCacheLock_;
     StatusCache statusCache_;
-    std::atomic<std::uint64_t> statusRevision_{0}; // moved on serialQueue, read anywhere
+    std::atomic<std::uint64_t> statusRevision_{0};         // moved and read on any thread
+    std::atomic<std::uint64_t> statusRequiredRevision_{0}; // raised by answered changes, any thread
+    std::atomic<bool> statusRebuildQueued_{false};
+    // The revisions and time the last reply's status was built at, on serialQueue; set by
+    // success() and failure(), taken by publishReplyStatus.
+    std::optional<std::pair<StatusRevisions, double>> replyStatusStamp_;
 
     AudioObjectPropertyListenerBlock processRegistryListener_;
 

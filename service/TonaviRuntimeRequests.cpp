@@ -2,6 +2,7 @@
 
 #include "service/TonaviRuntime.hpp"
 #include "service/PayloadReply.hpp"
+#include "service/RuntimeCallbacks.hpp"
 
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
@@ -18,30 +19,48 @@ namespace tonavi {
 void TonaviRuntime::handleAsync(const TonaviRequest& request, std::function<void(TonaviReply)> completion) {
     // Output selection and scene loads wait for the operating system and complete later.
     // The installed-app list may have to read the disk, which never happens on serialQueue.
-    if (handleOutputSelectionAsync(request, completion) || handleSceneLoadAsync(request, completion) ||
-        handleDirectoryAsync(request, completion) || handleMIDILearnAsync(request, completion))
+    // These answer later, off serialQueue: a poll that follows such an answer waits for a status
+    // built after it.
+    auto answered = [weak = std::weak_ptr<TonaviRuntime*>(weakSelf_), completion](TonaviReply reply) {
+        withRuntime(weak, [](TonaviRuntime& rt) { rt.statusMustShowChangesSoFar(); });
+        completion(std::move(reply));
+    };
+    if (handleOutputSelectionAsync(request, answered) || handleSceneLoadAsync(request, answered) ||
+        handleDirectoryAsync(request, answered) || handleMIDILearnAsync(request, answered))
         return;
     completion(handle(request));
 }
 
 TonaviReply TonaviRuntime::handle(const TonaviRequest& request) {
-    return serialQueue_->syncResult([&] { return handleLocked(request); });
+    return serialQueue_->syncResult([&] {
+        replyStatusStamp_.reset();
+        TonaviReply reply = handleLocked(request);
+        publishReplyStatus(reply);
+        return reply;
+    });
 }
 
 std::shared_ptr<const std::string> TonaviRuntime::encodedStatusReply() {
-    if (auto cached = validStatusReply())
-        return cached;
+    const StatusLookup cached = lookUpStatusReply();
+    if (cached.current)
+        return cached.reply;
+    if (cached.servable) {
+        scheduleStatusRebuild();
+        return cached.reply;
+    }
     return serialQueue_->syncResult([&] { return encodedStatusReplyLocked(); });
 }
 
 TonaviReply TonaviRuntime::success(std::string message) {
     TonaviReply reply = TonaviReply::success(std::move(message));
+    replyStatusStamp_.emplace(currentStatusRevisions(), now());
     reply.status = buildStatus();
     return reply;
 }
 
 TonaviReply TonaviRuntime::failure(std::string message) {
     TonaviReply reply = TonaviReply::failure(std::move(message));
+    replyStatusStamp_.emplace(currentStatusRevisions(), now());
     reply.status = buildStatus();
     return reply;
 }

@@ -2,6 +2,7 @@
 // Everything here runs on serialQueue and reads cached snapshots only: no hardware call.
 
 #include "service/TonaviRuntime.hpp"
+#include "service/RuntimeCallbacks.hpp"
 
 #include "base/Log.hpp"
 #include "core/engine/TonaviTapSafety.hpp"
@@ -271,16 +272,33 @@ TonaviStatus TonaviRuntime::buildStatus() {
     return status;
 }
 
-std::shared_ptr<const std::string> TonaviRuntime::validStatusReply() {
+TonaviRuntime::StatusRevisions TonaviRuntime::currentStatusRevisions() const {
+    return {statusRevision_.load(std::memory_order_acquire), engine_->revision(), tapProvider_->statusRevision()};
+}
+
+TonaviRuntime::StatusLookup TonaviRuntime::lookUpStatusReply() {
     const double t = now();
-    const std::uint64_t runtime = statusRevision_.load(std::memory_order_acquire);
-    const std::uint64_t engine = engine_->revision(), provider = tapProvider_->statusRevision();
+    const StatusRevisions revisions = currentStatusRevisions();
+    const std::uint64_t required = statusRequiredRevision_.load(std::memory_order_acquire);
     std::lock_guard guard(statusCacheLock_);
     const StatusCache& cached = statusCache_;
-    if (cached.reply && runtime == cached.runtime && engine == cached.engine && provider == cached.provider &&
-        t >= cached.builtAt && t - cached.builtAt < statusCacheMaxAge)
-        return cached.reply;
-    return nullptr;
+    if (!cached.reply || t < cached.builtAt)
+        return {};
+    const double age = t - cached.builtAt;
+    return {cached.reply, revisions == cached.built && age < statusCacheMaxAge,
+            age < statusCacheServeFor && cached.built.runtime >= required};
+}
+
+void TonaviRuntime::scheduleStatusRebuild() {
+    if (statusRebuildQueued_.exchange(true))
+        return;
+    std::weak_ptr<TonaviRuntime*> weak = weakSelf_;
+    serialQueue_->async([weak] {
+        withRuntime(weak, [](TonaviRuntime& rt) {
+            rt.statusRebuildQueued_.store(false);
+            rt.encodedStatusReplyLocked();
+        });
+    });
 }
 
 std::shared_ptr<const std::string> TonaviRuntime::encodedStatusReplyLocked() {
@@ -288,15 +306,40 @@ std::shared_ptr<const std::string> TonaviRuntime::encodedStatusReplyLocked() {
     // Fresh snapshots are asked for at least every time the cache ages, so pollers keep discovery moving.
     refreshAudioSnapshotsIfNeeded(false);
     refreshHardwareSnapshotIfNeeded(false);
-    if (auto cached = validStatusReply())
-        return cached;
+    if (const StatusLookup cached = lookUpStatusReply(); cached.current)
+        return cached.reply;
     // Revisions are read before the build: a change during it moves them, and the next poll rebuilds.
-    StatusCache fresh{statusRevision_.load(std::memory_order_acquire), engine_->revision(),
-                      tapProvider_->statusRevision(), now(), nullptr};
+    StatusCache fresh{currentStatusRevisions(), now(), nullptr};
     fresh.reply = std::make_shared<const std::string>(encodeReplyOrFailure(success()));
+    replyStatusStamp_.reset();
     std::lock_guard guard(statusCacheLock_);
     statusCache_ = fresh;
     return fresh.reply;
+}
+
+void TonaviRuntime::publishReplyStatus(const TonaviReply& reply) {
+    assert(serialQueue_->isCurrent());
+    const auto stamp = std::exchange(replyStatusStamp_, std::nullopt);
+    if (!reply.status || !stamp)
+        return;
+    {
+        std::lock_guard guard(statusCacheLock_);
+        if (statusCache_.reply && statusCache_.built == stamp->first && statusCache_.builtAt >= stamp->second)
+            return; // nothing moved: a read-only request
+    }
+    TonaviReply statusOnly = TonaviReply::success();
+    statusOnly.status = reply.status;
+    auto bytes = std::make_shared<const std::string>(encodeReplyOrFailure(statusOnly));
+    std::lock_guard guard(statusCacheLock_);
+    if (stamp->second >= statusCache_.builtAt)
+        statusCache_ = {stamp->first, stamp->second, std::move(bytes)};
+}
+
+void TonaviRuntime::statusMustShowChangesSoFar() {
+    const std::uint64_t revision = statusRevision_.fetch_add(1, std::memory_order_acq_rel) + 1;
+    std::uint64_t required = statusRequiredRevision_.load(std::memory_order_acquire);
+    while (required < revision && !statusRequiredRevision_.compare_exchange_weak(required, revision)) {
+    }
 }
 
 Bytes TonaviRuntime::buildDiagnostics() {

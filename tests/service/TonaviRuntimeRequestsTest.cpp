@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <sstream>
 
 using namespace tonavi;
@@ -206,7 +207,9 @@ TEST(AppRequests, DirectLocksAndLockedLanesHoldAgainstRequestsYetAMuteStillSilen
     ASSERT_TRUE(waitUntil([&] { return h.provider->taps.createCalls(safari) > before; }));
 }
 
-// Pollers get the same encoded bytes until something the status shows moves, or until they age.
+// Pollers get the same encoded bytes until something the status shows moves, or until they age. A
+// poll never waits for serialQueue behind a change the machine made, but always sees a change a
+// client has been answered for.
 TEST(Status, TheEncodedReplyIsReusedUntilWhatItShowsMovesOrItAges) {
     RuntimeHarness h;
     h.startReady();
@@ -218,7 +221,24 @@ TEST(Status, TheEncodedReplyIsReusedUntilWhatItShowsMovesOrItAges) {
                 return app.volume;
         return -1.0;
     };
-    const auto first = h.runtime->encodedStatusReply();
+    // A poll after the queued rebuild has run.
+    auto pollRebuilt = [&] {
+        h.runtime->encodedStatusReply();
+        h.runtime->serialQueue().sync([] {});
+        return h.runtime->encodedStatusReply();
+    };
+    // Holds serialQueue until the returned promise is kept: a poll that waited would never return.
+    auto blockSerialQueue = [&] {
+        auto release = std::make_shared<std::promise<void>>();
+        std::promise<void> entered;
+        h.runtime->serialQueue().async([gate = release->get_future().share(), &entered] {
+            entered.set_value();
+            gate.wait();
+        });
+        entered.get_future().wait();
+        return release;
+    };
+    const auto first = pollRebuilt();
     EXPECT_EQ(h.runtime->encodedStatusReply(), first);
     const TonaviReply built = h.send(R::Status{});
     EXPECT_EQ(decodeReply(*first), built);
@@ -229,20 +249,37 @@ TEST(Status, TheEncodedReplyIsReusedUntilWhatItShowsMovesOrItAges) {
     EXPECT_EQ(std::tuple(player->pid, player->isRunning, player->isUserApp, player->audioCapable),
               std::tuple(4103, true, true, std::optional<bool>(true)));
 
+    // The answered change is in the very next poll, with serialQueue busy.
     h.send(R::SetAppVolume{safari, 0.3});
+    auto release = blockSerialQueue();
     const auto afterVolume = h.runtime->encodedStatusReply();
-    EXPECT_NE(afterVolume, first);
     EXPECT_DOUBLE_EQ(volumeIn(afterVolume), 0.3);
+    // A change of the machine's: the poll still answers at once, with what it had.
+    h.runtime->statusInputsChanged();
+    EXPECT_EQ(h.runtime->encodedStatusReply(), afterVolume);
+    release->set_value();
+    EXPECT_NE(pollRebuilt(), afterVolume);
 
     h.send(R::StageMode{true}); // a health event and the stage flag
     const auto afterStage = h.runtime->encodedStatusReply();
-    EXPECT_NE(afterStage, afterVolume);
     EXPECT_TRUE(decodeReply(*afterStage).status->stageMode);
+    // A change answered off serialQueue makes the next poll wait for a status built after it.
+    h.runtime->statusMustShowChangesSoFar();
+    const auto afterAnswer = h.runtime->encodedStatusReply();
+    EXPECT_NE(afterAnswer, afterStage);
 
     h.wall = h.wall + 0.4;
-    EXPECT_EQ(h.runtime->encodedStatusReply(), afterStage);
+    EXPECT_EQ(h.runtime->encodedStatusReply(), afterAnswer);
     h.wall = h.wall + 0.2; // older than half a second: ages and recent signals are read again
-    EXPECT_NE(h.runtime->encodedStatusReply(), afterStage);
+    EXPECT_NE(pollRebuilt(), afterAnswer);
+    const auto aged = h.runtime->encodedStatusReply();
+    h.wall = h.wall + 1.1; // too old to hand out even once
+    release = blockSerialQueue();
+    std::future<std::shared_ptr<const std::string>> waited =
+        std::async(std::launch::async, [&] { return h.runtime->encodedStatusReply(); });
+    EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    release->set_value();
+    EXPECT_NE(waited.get(), aged);
 }
 
 TEST(Status, HealthCarriesTheNewestTwentyDiagnosticsAllAndShutdownNone) {
