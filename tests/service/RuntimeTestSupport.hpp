@@ -43,12 +43,20 @@ class FakeServiceTaps final : public ServiceTapProvider {
     float level(std::string_view id) const override {
         return static_cast<float>(find(levels, id).value_or(0.0));
     }
+    // The first process group the watchdog shows for an app stands for the one its tap was made with.
+    bool processGroupChanged(std::string_view id, const std::optional<TapProcessIdentity>& current) const override {
+        if (!current)
+            return false;
+        const auto [bound, first] = groups.try_emplace(std::string(id), *current);
+        return !first && bound->second.needsRefresh(*current);
+    }
 
     FakeTaps taps;
     Hooks hooks;
     std::map<std::string, std::string> source, target;
     std::map<std::string, double> idle, levels;
     std::set<std::string> stale;
+    mutable std::map<std::string, TapProcessIdentity> groups; // on serialQueue
     std::atomic<int> syncs{0}; // pushes of fresh state to the workers
 
   private:

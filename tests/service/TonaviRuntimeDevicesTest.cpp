@@ -112,6 +112,22 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
                 blocked.message.ends_with(" device first, then remove this device from Tonavi."))
         << blocked.message;
     EXPECT_TRUE(h.onDisk().devices.empty());
+    // The system takes its time to follow: a switch reads the default 200 times for a wired output and
+    // 500 for Bluetooth. The one that fails leaves no switch pending behind it.
+    h.edit([](SimWorld& w) {
+        w.deviceByUID(usb)->settleReads = 350;
+        w.deviceByUID(budsOut)->settleReads = 450;
+        return std::string();
+    });
+    EXPECT_FALSE(sendAndWait(h, R::SetOutputDevice{"USB Headphones"}).ok);
+    EXPECT_EQ(std::pair(h.machine->world()->defaultOutputUID, h.machine->world()->pendingDefaultOutput.has_value()),
+              std::pair(std::string(speakers), false));
+    EXPECT_TRUE(sendAndWait(h, R::SetOutputDevice{"Earbuds"}).ok);
+    h.edit([](SimWorld& w) {
+        w.deviceByUID(usb)->settleReads = w.deviceByUID(budsOut)->settleReads = 0;
+        return std::string();
+    });
+    ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"}).ok);
     // A write the system answers "what" is still under way: the switch waits out its window for it.
     h.machine->failNext(SimOperation::setProperty, 1, kAudioHardwareUnspecifiedError,
                         kAudioHardwarePropertyDefaultOutputDevice);

@@ -85,15 +85,17 @@ TEST(Watchdog, AnIdleTapWithoutRowControlGoesAndStaysOffWhileTheAppPlaysSilence)
 }
 
 TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
-    // Rows: name, the tap's source and target, a redirect, a stale IO path, the reason (none: no heal).
-    const std::tuple<const char*, std::string, std::string, std::string, bool, std::string> cases[] = {
-        {"dead io first", speakers, "Gone:1", "", true, "io path stale"},
-        {"target unplugged", speakers, "Gone:1", "", false, "device vanished"},
-        {"redirect is back", speakers, speakers, usb, false, "device returned"},
-        {"default moved", usb, speakers, "", false, "default output moved"},
-        {"all in place", speakers, speakers, "", false, ""},
+    // Rows: name, the tap's source and target, a redirect, a stale IO path, whether the browser's
+    // helper starts playing after the tap was made, the reason (none: no heal).
+    const std::tuple<const char*, std::string, std::string, std::string, bool, bool, std::string> cases[] = {
+        {"dead io first", speakers, "Gone:1", "", true, false, "io path stale"},
+        {"target unplugged", speakers, "Gone:1", "", false, false, "device vanished"},
+        {"redirect is back", speakers, speakers, usb, false, false, "device returned"},
+        {"default moved", usb, speakers, "", false, false, "default output moved"},
+        {"a helper plays later", speakers, speakers, "", false, true, "app audio client changed"},
+        {"all in place", speakers, speakers, "", false, false, ""},
     };
-    for (const auto& [name, source, target, redirect, stale, reason] : cases) {
+    for (const auto& [name, source, target, redirect, stale, helperPlays, reason] : cases) {
         SCOPED_TRACE(name);
         RuntimeHarness h;
         tapSafari(h);
@@ -105,6 +107,12 @@ TEST(Watchdog, SelfHealNamesTheFirstReasonAndRetriesAsTheBackoffAllows) {
         h.provider->target[safari] = target;
         if (stale)
             h.provider->stale.insert(safari);
+        if (helperPlays) {
+            watchdogPass(h); // the group the tap was made with
+            h.edit([](SimWorld& w) { return w.setPlaying("com.apple.WebKit.GPU", true, std::nullopt); });
+            h.wall = h.wall + 2.0;
+            h.settleDiscovery();
+        }
 
         const std::string line =
             "tonavi: self-heal rebuilding " + safari + " (" + reason + ", bounded retry)";
