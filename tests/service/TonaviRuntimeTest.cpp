@@ -71,6 +71,35 @@ TEST(RuntimeStart, RequestsAreAnsweredDuringASlowWarmUpAndNoTapIsTakenBeforeItEn
     EXPECT_EQ(h.provider->hooks.workerState("com.example.gone"), std::nullopt);
 }
 
+// Sleep suspends the engine. A wake before the warm-up has ended rebuilds nothing and leaves it
+// suspended; a wake after it resumes the engine, whose taps come back.
+TEST(RuntimeStart, WakeWorkWaitsForTheWarmUp) {
+    RuntimeHarness h;
+    h.machine->setReadDelay(std::chrono::milliseconds(80), kAudioHardwarePropertyDefaultOutputDevice);
+    h.start();
+    ASSERT_TRUE(waitUntil([&] { return h.runtime->warmUpProbes() >= 1; }));
+    const std::string rebuilt = "tonavi: rebuilt engaged taps after wake";
+    auto sleepAndWake = [&] {
+        h.edit([](SimWorld& w) { return (w.asleep = true, std::string()); });
+        EXPECT_TRUE(waitUntil([&] { return h.runtime->engine().hardwareSuspended(); }));
+        h.edit([](SimWorld& w) { return (w.asleep = false, std::string()); });
+        h.advance(0.3); // the wake work comes a quarter second after the wake
+    };
+    sleepAndWake();
+    EXPECT_EQ(h.timesLogged(rebuilt), 0);
+    h.machine->setReadDelay(std::chrono::milliseconds(0));
+    ASSERT_TRUE(h.advanceUntil([&] { return h.runtime->coreAudioReady(); }));
+    ASSERT_TRUE(h.send(R::SetAppVolume{"com.apple.Safari", 0.5}).ok);
+    h.advance(0.3);
+    EXPECT_TRUE(h.runtime->engine().hardwareSuspended());
+    EXPECT_EQ(h.provider->taps.createCalls("com.apple.Safari"), 0);
+
+    sleepAndWake();
+    EXPECT_FALSE(h.runtime->engine().hardwareSuspended());
+    EXPECT_TRUE(waitUntil([&] { return h.runtime->engine().hasTap("com.apple.Safari"); }));
+    EXPECT_EQ(h.timesLogged(rebuilt), 1);
+}
+
 TEST(RuntimeStart, TheFirstWatchdogPassComesTwoSecondsAfterStartAndAFailedTapIsReported) {
     RuntimeHarness h;
     h.provider->taps.failAlways("com.apple.Safari", true);
