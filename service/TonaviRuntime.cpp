@@ -318,7 +318,8 @@ void TonaviRuntime::observeSleepAndWake() {
 
 void TonaviRuntime::wakeWork() {
     assert(serialQueue_->isCurrent());
-    // Before the warm-up has finished the engine stays suspended until the warm-up's reconcile.
+    // A wake before the warm-up has finished does nothing: a sleep seen meanwhile keeps the engine
+    // suspended, without taps, until the next wake.
     if (!coreAudioReady_.load())
         return;
     tapProvider_->resetCreationBackoff();
