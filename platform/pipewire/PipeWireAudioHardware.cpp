@@ -17,8 +17,12 @@ namespace {
 using Node = PipeWireGraph::Node;
 constexpr auto writeTimeout = std::chrono::milliseconds(2000);
 
+constexpr std::string_view tapNodePrefix = "tonavi.tap.";
 bool isOurs(const Node& n) {
-    return n.prop("tonavi.tap") == "true";
+    // A node is first announced with a few of its properties; "tonavi.tap" comes with its info a round
+    // trip later. The name says it at once: a new tap sink seen only that far would pass for a device,
+    // and the tap it replaces would take the application's stream back from it.
+    return n.prop("tonavi.tap") == "true" || n.prop("node.name").starts_with(tapNodePrefix);
 }
 bool isSink(const Node& n) {
     return n.mediaClass() == "Audio/Sink";
@@ -106,7 +110,7 @@ std::uint64_t serialNumber(const std::string& serial) {
 constexpr auto pendingTimeout = std::chrono::milliseconds(500);
 
 std::string tapNodeNameOf(const TapDescription& d) {
-    return "tonavi.tap." + d.uuid;
+    return std::string(tapNodePrefix) + d.uuid;
 }
 } // namespace
 
