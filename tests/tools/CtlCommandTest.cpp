@@ -349,10 +349,9 @@ TEST(CtlMIDICommand, MapLinesBecomeMappingsWithNamesResolvedAndWrongOnesAreRefus
         const auto request = parsed.command->toRequest(&status);
         ASSERT_TRUE(request.request) << request.error;
         MIDIMapping mapping = std::get<R::SetMIDIMapping>(request.request->value)._0;
-        EXPECT_TRUE(isUUID(mapping.id));
-        EXPECT_EQ(std::tuple(mapping.channel, mapping.cc), std::tuple(c.channel, c.cc));
-        EXPECT_EQ(mapping.target, c.target);
-        EXPECT_EQ(StatusTable::describeMIDITarget(mapping.target), c.described);
+        EXPECT_EQ(std::tuple(isUUID(mapping.id), mapping.channel, mapping.cc, mapping.target,
+                             StatusTable::describeMIDITarget(mapping.target)),
+                  std::tuple(true, c.channel, c.cc, c.target, c.described));
         built.push_back(mapping);
     }
     // The table: "any" for channel 0, one row per mapping in the list's order.
