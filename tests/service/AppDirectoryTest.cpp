@@ -94,12 +94,9 @@ TEST(AppDirectory, TheCacheAnswersForAMinuteAndPresentationNeverWaitsForAScan) {
 }
 
 std::vector<InstalledApp> listInstalled(RuntimeHarness& h) {
-    auto reply = std::make_shared<std::promise<TonaviReply>>();
-    auto arrived = reply->get_future();
-    h.runtime->handleAsync(TonaviRequest{R::ListInstalledApps{}},
-                           [reply](TonaviReply r) { reply->set_value(std::move(r)); });
-    EXPECT_EQ(arrived.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    const TonaviReply got = arrived.get();
+    const Late reply = sendLate(h, R::ListInstalledApps{});
+    EXPECT_TRUE(waitUntil([&] { return arrived(reply); }));
+    const TonaviReply got = arrived(reply) ? reply.get() : TonaviReply{};
     EXPECT_TRUE(got.ok && got.payload && !got.status);
     return got.payload ? TonaviPayload::decodeInstalledApps(*got.payload) : std::vector<InstalledApp>{};
 }

@@ -43,7 +43,6 @@ class FakeMIDISystem final : public MIDISystem {
     OSStatus portConnectSource(MIDIPortRef, MIDIEndpointRef source) override {
         std::lock_guard<std::mutex> guard(mutex);
         connected.insert(source);
-        ++connectCalls;
         return noErr;
     }
     void clientDispose(MIDIClientRef) override {
@@ -88,7 +87,6 @@ class FakeMIDISystem final : public MIDISystem {
     ReceiveBlock receiveBlock;
     std::vector<MIDIEndpointRef> sources;
     std::set<MIDIEndpointRef> connected;
-    int connectCalls = 0;
     bool disposed = false;
 };
 

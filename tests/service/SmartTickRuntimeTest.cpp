@@ -11,7 +11,6 @@ namespace tonavi::testing {
 namespace {
 
 const std::string zoom = "us.zoom.xos";
-const std::string logic = "com.apple.logic10";
 
 class SmartTickRuntimeTest : public ::testing::Test {
   protected:
@@ -83,11 +82,11 @@ TEST_F(SmartTickRuntimeTest, FollowMeLowersEveryoneButTheAppInFrontAndRestoresTh
     EXPECT_TRUE(waitTapped(safari, false));
 }
 
+// (Which apps the duck spares, music tools and the app in the call among them, is the policy's test:
+// here the one eased app of the three shows the settings reach it.)
 TEST_F(SmartTickRuntimeTest, AutoDuckEasesOtherPlayersWhileAMicIsLiveButSparesTheLeftAlone) {
     play("com.apple.WebKit.GPU", true);
     h.edit([](SimWorld& w) { return w.setCapturing(zoom, false); });
-    h.edit([](SimWorld& w) { return w.launch({logic, "Logic Pro", 4200, ActivationPolicy::regular}, true); });
-    play(logic, true);
     h.startReady();
     turnOn({.autoDuck = true, .autoDuckDepthDB = -12, .leaveAloneBundleIDs = {safari}});
     pass();
@@ -98,8 +97,6 @@ TEST_F(SmartTickRuntimeTest, AutoDuckEasesOtherPlayersWhileAMicIsLiveButSparesTh
     ASSERT_TRUE(waitTapped(music, true));
     EXPECT_NEAR(renderedGain(music), std::pow(10.0, -12.0 / 20.0), 1e-3);
     EXPECT_FALSE(tapped(safari)) << "left alone by the user";
-    EXPECT_FALSE(tapped(logic)) << "a music tool is protected";
-    EXPECT_FALSE(tapped(zoom)) << "the app in the call is not ducked";
     EXPECT_EQ(live().autoDuckCount, 1);
     EXPECT_TRUE(h.logged("tonavi: auto-duck ON, mic live in us.zoom.xos; easing 1 app(s)"));
 

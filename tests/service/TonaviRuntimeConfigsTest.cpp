@@ -11,7 +11,6 @@ namespace {
 
 using R = TonaviRequest;
 
-
 TonaviConfig live(RuntimeHarness& h) {
     return h.runtime->serialQueue().syncResult([&] { return h.runtime->engine().config(); });
 }
@@ -177,22 +176,21 @@ TEST(Scenes, SavedScenesKeepTheirIconOverASaveAndARenameToItselfDeletesNothing) 
     EXPECT_TRUE(sendAndWait(h, R::LoadConfig{"Jazz"}).message.starts_with("load failed: "));
 }
 
-// A scene saved on the USB headphones at 30 %, with Music at 20 %; then the user moves on.
-void saveDeskSceneThenChangeEverything(RuntimeHarness& h) {
+TEST(Scenes, LoadingASceneSwitchesTheOutputBeforeItRepliesKeepsAppsItDoesNotNameAndSaysWhatIsGone) {
+    RuntimeHarness h;
     h.startReady();
+    // A scene saved on the USB headphones at 30 %, with Music at 20 %; then the user moves on.
     ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"USB Headphones"}).ok);
     ASSERT_TRUE(h.send(R::SetOutputVolume{0.3}).ok);
     ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.2}).ok);
     ASSERT_TRUE(h.send(R::SaveConfig{"Desk"}).ok);
-    ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"}).ok);
-    ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.9}).ok);
+    const auto moveOn = [&] {
+        ASSERT_TRUE(sendAndWait(h, R::SetOutputDevice{"MacBook Pro Speakers"}).ok);
+        ASSERT_TRUE(h.send(R::SetAppVolume{music, 0.9}).ok);
+    };
+    moveOn();
     ASSERT_TRUE(h.send(R::SetAppVolume{"com.example.later", 0.5}).ok);
-}
-
-TEST(Scenes, LoadingASceneSwitchesTheOutputBeforeItRepliesAndKeepsAppsItDoesNotName) {
-    RuntimeHarness h;
-    saveDeskSceneThenChangeEverything(h);
-    const TonaviReply loaded = sendAndWait(h, R::LoadConfig{"Desk"});
+    TonaviReply loaded = sendAndWait(h, R::LoadConfig{"Desk"});
     ASSERT_TRUE(loaded.ok && loaded.status) << loaded.message;
     EXPECT_EQ(loaded.message, "loaded Desk");
     EXPECT_EQ(loaded.status->defaultOutputUID, usb);
@@ -205,13 +203,11 @@ TEST(Scenes, LoadingASceneSwitchesTheOutputBeforeItRepliesAndKeepsAppsItDoesNotN
     EXPECT_DOUBLE_EQ(config.app(music)->volume, 0.2);
     EXPECT_DOUBLE_EQ(config.app("com.example.later")->volume, 0.5); // not in the scene: kept
     EXPECT_DOUBLE_EQ(h.onDisk().app(music)->volume, 0.2);
-}
 
-TEST(Scenes, ASceneWhoseOutputIsGoneLoadsTheRestAndSaysSo) {
-    RuntimeHarness h;
-    saveDeskSceneThenChangeEverything(h);
+    // A scene whose output is gone loads the rest and says so.
+    moveOn();
     h.edit([](SimWorld& w) { return w.unplug(usb); });
-    const TonaviReply loaded = sendAndWait(h, R::LoadConfig{"Desk"});
+    loaded = sendAndWait(h, R::LoadConfig{"Desk"});
     EXPECT_TRUE(loaded.ok);
     EXPECT_EQ(loaded.message, "loaded Desk; output \"USB Headphones\" is missing");
     EXPECT_EQ(h.machine->world()->defaultOutputUID, speakers);

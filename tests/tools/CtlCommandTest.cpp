@@ -9,6 +9,7 @@
 #include "tests/tools/SampleStatus.hpp"
 #include "tools/tonavictl/StatusTable.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -19,6 +20,7 @@ using tonavi::testing::livingGroupUID;
 using tonavi::testing::sampleStatus;
 using R = TonaviRequest;
 using Words = std::vector<std::string>;
+using ::testing::HasSubstr;
 
 TEST(CtlCommand, WrongWordsAndUnresolvedNamesAreRefusedWithWhatIsWrong) {
     const std::string level = " give 0...1 or 0%...100%, or +5% / -5%";
@@ -224,14 +226,12 @@ TEST(CtlSmartCommand, EachSwitchChangesOneFieldAndTheTablesSayWhatEachAutomation
               "  duck        off      -\n  mic-follow  off      -\n");
     // A session without a focus source says so, with and without a held hero.
     status.smartLive->followMeNoFront = "no X display (DISPLAY is unset)";
-    EXPECT_NE(StatusTable::renderSmart(status, on)
-                  .find("hero Music; others at 25%; no application in front on this session: no X display"),
-              std::string::npos);
+    EXPECT_THAT(StatusTable::renderSmart(status, on),
+                HasSubstr("hero Music; others at 25%; no application in front on this session: no X display"));
     status.smartLive->followMeHeroID.reset();
-    EXPECT_NE(StatusTable::renderSmart(status, on)
-                  .find("follow-me   on       no application in front on this session: no X display (DISPLAY is unset)\n"),
-              std::string::npos)
-        << StatusTable::renderSmart(status, on);
+    EXPECT_THAT(StatusTable::renderSmart(status, on),
+                HasSubstr("follow-me   on       no application in front on this session: no X display "
+                          "(DISPLAY is unset)\n"));
 
     // recent lists the trail newest first with its age.
     const double now = 1'700'000'000.0;
@@ -349,10 +349,9 @@ TEST(CtlMIDICommand, MapLinesBecomeMappingsWithNamesResolvedAndWrongOnesAreRefus
         const auto request = parsed.command->toRequest(&status);
         ASSERT_TRUE(request.request) << request.error;
         MIDIMapping mapping = std::get<R::SetMIDIMapping>(request.request->value)._0;
-        EXPECT_TRUE(isUUID(mapping.id));
-        EXPECT_EQ(std::tuple(mapping.channel, mapping.cc), std::tuple(c.channel, c.cc));
-        EXPECT_EQ(mapping.target, c.target);
-        EXPECT_EQ(StatusTable::describeMIDITarget(mapping.target), c.described);
+        EXPECT_EQ(std::tuple(isUUID(mapping.id), mapping.channel, mapping.cc, mapping.target,
+                             StatusTable::describeMIDITarget(mapping.target)),
+                  std::tuple(true, c.channel, c.cc, c.target, c.described));
         built.push_back(mapping);
     }
     // The table: "any" for channel 0, one row per mapping in the list's order.

@@ -7,9 +7,12 @@
 #include "core/outputs/OutputGroupValidationError.hpp"
 #include "service/devices/OutputGroupManager.hpp"
 
+#include <gmock/gmock.h>
+
 namespace tonavi::testing {
 namespace {
 
+using ::testing::ThrowsMessage;
 constexpr const char* airplay = "AirPlay:Living-Room-Speaker"; // no mute control
 
 OutputGroup desk(std::vector<OutputGroupMember> members) {
@@ -24,15 +27,6 @@ class OutputGroupManagerTest : public ::testing::Test {
     }
     const SimDevice* aggregate(const std::string& groupID) {
         return h.machine.world()->deviceByUID(OutputGroupIdentity::aggregateDeviceUID(groupID));
-    }
-    std::string expectThrow(const std::function<void()>& f) {
-        try {
-            f();
-        } catch (const std::exception& e) {
-            return e.what();
-        }
-        ADD_FAILURE() << "nothing thrown";
-        return {};
     }
 
     DeviceHarness h;
@@ -65,15 +59,13 @@ TEST_F(OutputGroupManagerTest, SaveBuildsAPublicMirroringAggregateSetsMemberLeve
          "output groups cannot contain another Tonavi output group"},
     };
     for (const auto& [group, text] : cases) {
-        EXPECT_EQ(expectThrow([&] { groups.save(group); }), text);
+        EXPECT_THAT([&] { groups.save(group); }, ThrowsMessage<std::exception>(text));
         EXPECT_EQ(aggregate("desk") ? aggregate("desk")->id : 0u, before);
     }
 
     h.machine.failNext(SimOperation::createAggregate, 1, kAudioHardwareIllegalOperationError);
-    EXPECT_EQ(expectThrow([&] {
-                  groups.save(desk({{usb, 1, false}, {speakers, 1, false}}));
-              }),
-              "Core Audio could not create the output group ('nope')");
+    EXPECT_THAT([&] { groups.save(desk({{usb, 1, false}, {speakers, 1, false}})); },
+                ThrowsMessage<std::exception>("Core Audio could not create the output group ('nope')"));
     EXPECT_FALSE(aggregate("desk")); // the old one is gone and not restored
     EXPECT_FALSE(groups.installed().count("desk"));
 }

@@ -104,6 +104,8 @@ TEST(AUHostedEffect, ALateCompletionAfterTheTimeOutChangesNothing) {
     EXPECT_TRUE(test::eventually([&] { return destroyed.load() == 1; }, std::chrono::seconds(5)));
 }
 
+using Failures = std::vector<std::pair<std::string, std::string>>; // slot ID, message
+
 kavore::ChainSettings chainOf(std::vector<kavore::EffectSlot> slots, bool bypassed = false) {
     kavore::ChainSettings chain;
     chain.slots = std::move(slots);
@@ -136,7 +138,7 @@ TEST(AUSlotRegistry, ReconcilesWantedSlotsWithLiveHosts) {
             return {std::move(unit), std::nullopt};
         },
         [&](std::function<void()> work) { queued.push_back(std::move(work)); });
-    std::vector<std::pair<std::string, std::string>> failures;
+    Failures failures;
     registry->setOnFailure([&](const std::string& id, const std::string& m) { failures.emplace_back(id, m); });
     const auto runQueued = [&] {
         auto work = std::move(queued);
@@ -170,8 +172,7 @@ TEST(AUSlotRegistry, ReconcilesWantedSlotsWithLiveHosts) {
     EXPECT_FALSE(registry->host("A"));
     runQueued();
     EXPECT_FALSE(registry->host("C"));
-    EXPECT_EQ(failures, (std::vector<std::pair<std::string, std::string>>{
-                            {"C", "no installed plug-in has the component"}}));
+    EXPECT_EQ(failures, (Failures{{"C", "no installed plug-in has the component"}}));
 }
 
 // Through the platform's host: a plug-in that never returns from instantiate costs its slot only.
@@ -187,7 +188,7 @@ TEST(AUSlotRegistry, APluginStuckInInstantiateTimesOutWhileAnotherGoesLive) {
         return kavore::EffectSlot{};
     };
     auto registry = AUSlotRegistry::make(AUSlotRegistry::platformInstantiate(PluginHost::shared(), 0.3));
-    std::vector<std::pair<std::string, std::string>> failures;
+    Failures failures;
     std::mutex failuresLock;
     registry->setOnFailure([&](const std::string& id, const std::string& m) {
         std::lock_guard guard(failuresLock);
@@ -198,8 +199,7 @@ TEST(AUSlotRegistry, APluginStuckInInstantiateTimesOutWhileAnotherGoesLive) {
     EXPECT_TRUE(test::eventually(
         [&] {
             std::lock_guard guard(failuresLock);
-            return failures == std::vector<std::pair<std::string, std::string>>{
-                                   {"S", "instantiation timed out after 0s"}};
+            return failures == Failures{{"S", "instantiation timed out after 0s"}};
         },
         std::chrono::seconds(5)));
     EXPECT_FALSE(registry->host("S"));

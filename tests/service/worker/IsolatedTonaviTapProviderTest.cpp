@@ -102,10 +102,25 @@ class IsolatedProviderTest : public ::testing::Test {
 
 } // namespace
 
-TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsWithoutAFailure) {
-    auto provider = makeProvider(folder.script("worker", readyWorker));
-    auto handle = std::dynamic_pointer_cast<IsolatedTapHandle>(provider->createTap("com.example.player"));
+// A change made while a worker starts up reaches it as soon as it is ready, without another push.
+TEST_F(IsolatedProviderTest, ALiveWorkerGetsTheStateChangedWhileItStartedMirrorsItsMetricsAndStopsCleanly) {
+    // Answers "ready" only once the test has changed the state behind the one it was started with.
+    const std::string slowReady = std::string(readyWorker).replace(
+        std::string(readyWorker).find("printf"), 0, "while [ ! -f \"$DIR/go\" ]; do sleep 0.01; done\n");
+    auto provider = makeProvider(folder.script("worker", slowReady));
+    auto created = std::async(std::launch::async, [&] { return provider->createTap("com.example.player"); });
+    const auto received = [&](int lines) {
+        EXPECT_TRUE(eventually([&] { return folder.lineCount("received-com.example.player") == lines; }, 5s));
+        return folder.read("received-com.example.player");
+    };
+    EXPECT_NE(received(1).find("\"volume\":0.5"), std::string::npos);
+    locked([&] { volume = 0.8; });
+    std::ofstream(folder.path + "/go").put('\n');
+    auto handle = std::dynamic_pointer_cast<IsolatedTapHandle>(created.get());
     ASSERT_TRUE(handle);
+    const std::string two = received(2);
+    EXPECT_NE(two.find("\"volume\":0.8", two.find('\n')), std::string::npos) << two;
+
     EXPECT_EQ(provider->liveHandle("com.example.player"), handle);
     EXPECT_EQ(metrics(*provider, "com.example.player"),
               "48000 Hz, 128/512 frames, Speakers -> Headphones, level 0");
@@ -119,13 +134,10 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     EXPECT_TRUE(
         logged("tonavi: isolated tap helper " + std::to_string(handle->pid()) + " owns com.example.player"));
 
-    locked([&] { volume = 0.8; });
+    locked([&] { volume = 0.9; });
     provider->syncStates();
-    ASSERT_TRUE(eventually([&] { return folder.lineCount("received-com.example.player") == 2; }, 5s));
-    const std::string received = folder.read("received-com.example.player");
-    const std::string firstLine = received.substr(0, received.find('\n'));
-    EXPECT_NE(firstLine.find("\"volume\":0.5"), std::string::npos) << firstLine;
-    EXPECT_NE(received.find("\"volume\":0.8", firstLine.size()), std::string::npos) << received;
+    const std::string three = received(3);
+    EXPECT_NE(three.find("\"volume\":0.9", two.size()), std::string::npos) << three;
 
     provider->destroyTap(handle);
     EXPECT_EQ(provider->liveHandle("com.example.player"), nullptr);
@@ -133,22 +145,6 @@ TEST_F(IsolatedProviderTest, ALiveWorkerMirrorsItsMetricsTakesNewStatesAndStopsW
     EXPECT_NE(folder.read("received-com.example.player").find("{\"action\":\"stop\"}"), std::string::npos);
     EXPECT_TRUE(logged("tonavi: isolated tap helper released com.example.player; direct path restored"));
     EXPECT_EQ(failureCount(), 0u) << "a worker that exits on stop is no failure";
-}
-
-// A change made while a worker starts up reaches it as soon as it is ready, without another push.
-TEST_F(IsolatedProviderTest, AStateChangedWhileTheWorkerStartsIsSentOnceItIsReady) {
-    // Answers "ready" only once the test has changed the state behind the one it was started with.
-    const std::string slowReady = std::string(readyWorker).replace(
-        std::string(readyWorker).find("printf"), 0, "while [ ! -f \"$DIR/go\" ]; do sleep 0.01; done\n");
-    auto provider = makeProvider(folder.script("worker", slowReady));
-    auto created = std::async(std::launch::async, [&] { return provider->createTap("com.example.player"); });
-    ASSERT_TRUE(eventually([&] { return folder.lineCount("received-com.example.player") == 1; }, 5s));
-    locked([&] { volume = 0.8; });
-    std::ofstream(folder.path + "/go").put('\n');
-    ASSERT_TRUE(created.get());
-    ASSERT_TRUE(eventually([&] { return folder.lineCount("received-com.example.player") == 2; }, 5s));
-    const std::string received = folder.read("received-com.example.player");
-    EXPECT_NE(received.find("\"volume\":0.8", received.find('\n')), std::string::npos) << received;
 }
 
 TEST_F(IsolatedProviderTest, GarbageFromAWorkerIsSkippedAndSplitOrJoinedLinesStillCount) {
