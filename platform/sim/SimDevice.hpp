@@ -27,6 +27,9 @@ struct SimDevice {
     bool hasMute = false;
     bool muted = false;
     double sampleRate = 48000.0;
+    // Devices that name the same clock run at one rate: setting it on one sets it on all (PipeWire's
+    // single graph clock, or devices locked to one word clock). Empty: a clock of its own.
+    std::string clock;
     std::vector<double> availableSampleRates; // empty: any positive rate
     std::uint32_t bufferFrameSize = 512;
     std::uint32_t bufferFrameSizeMin = 32;

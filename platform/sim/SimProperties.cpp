@@ -367,6 +367,9 @@ OSStatus SimProperties::write(SimWorld& w, pid_t viewer, AudioObjectID object,
         if (!rates.empty() && std::find(rates.begin(), rates.end(), *rate) == rates.end())
             return kAudioDeviceUnsupportedFormatError;
         d->sampleRate = *rate;
+        for (auto& other : w.devices)
+            if (!d->clock.empty() && other.clock == d->clock)
+                other.sampleRate = *rate;
         return noErr;
     }
     case kAudioDevicePropertyBufferFrameSize: {

@@ -48,6 +48,8 @@ json deviceToJSON(const SimDevice& d) {
     j["readOnly"] = d.readOnly;
     if (d.settleReads > 0)
         j["settleReads"] = d.settleReads;
+    if (!d.clock.empty())
+        j["clock"] = d.clock;
     if (d.bluetoothBattery || d.bluetoothCodec || d.bluetoothRSSI) {
         json bt = json::object();
         if (d.bluetoothBattery)
@@ -107,6 +109,7 @@ SimDevice deviceFromJSON(const json& j) {
     d.relatedUIDs = j.value("relatedUIDs", std::vector<std::string>{});
     d.readOnly = j.value("readOnly", std::vector<std::string>{});
     d.settleReads = j.value("settleReads", 0u);
+    d.clock = j.value("clock", std::string());
     if (j.contains("bluetooth")) {
         const json& bt = j.at("bluetooth");
         if (bt.contains("battery"))

@@ -191,6 +191,21 @@ TEST(DeviceRequests, DroppedSwitchesHiddenDevicesAndSavedGroups) {
     const TonaviReply listed = h.send(R::ListDevices{});
     ASSERT_TRUE(listed.payload && !listed.status);
     EXPECT_EQ(TonaviPayload::decodeDevices(*listed.payload).size(), 7u);
+
+    // Under the rate lock, a rate set on one of two devices with one clock is the rate both keep: the
+    // lock does not set the other's old rate back, and with it undo the change, pass after pass.
+    h.edit([](SimWorld& w) {
+        w.deviceByUID(speakers)->clock = w.deviceByUID(usb)->clock = "graph";
+        return std::string();
+    });
+    GlobalLocks locks;
+    locks.sampleRate = true;
+    ASSERT_TRUE(h.send(R::SetLocks{locks}).ok);
+    ASSERT_TRUE(h.send(R::SetDeviceSampleRate{usb, 44100.0}).ok);
+    for (int pass = 0; pass < 3; ++pass) {
+        h.runtime->serialQueue().sync([&] { h.runtime->watchdogPass(); });
+        EXPECT_EQ(h.machine->world()->deviceByUID(speakers)->sampleRate, 44100.0) << "pass " << pass;
+    }
 }
 
 } // namespace
