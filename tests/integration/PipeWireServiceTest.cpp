@@ -17,7 +17,6 @@
 #include <systemd/sd-bus.h>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -395,14 +394,6 @@ void writeControlChangeFile(const std::string& path, std::vector<std::pair<unsig
     out.write(reinterpret_cast<const char*>(track.data()), static_cast<std::streamsize>(track.size()));
 }
 
-double volumeOf(const PrivateHome& home, const std::string& id) {
-    const auto status = nlohmann::json::parse(tonavi::testing::ctl(home.env(), {"status", "--json"}).second);
-    for (const auto& app : status.at("status").at("apps"))
-        if (app.at("id") == id)
-            return app.at("volume").get<double>();
-    return -1;
-}
-
 TEST_F(PipeWireServiceTest, AMIDIPlayerInTheGraphMovesAnApplicationsVolume) {
     seedConfig(1.0);
     std::ofstream(home.supportDir() + "/midi-mappings.json")
@@ -440,12 +431,12 @@ TEST_F(PipeWireServiceTest, AMIDIPlayerInTheGraphMovesAnApplicationsVolume) {
         changes.emplace_back(9, mark);
         writeControlChangeFile(file, changes);
         tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
-        return waitUntil([&] { return volumeOf(home, "org.tonavi.High") == mark / 127.0; }, 10s);
+        return waitUntil([&] { return appVolume(home.env(), "org.tonavi.High") == mark / 127.0; }, 10s);
     };
     ASSERT_TRUE(playFile({{20, 127}, {8, 127}, {20, 127}}, 100)) << home.logText();
-    EXPECT_EQ(volumeOf(home, "org.tonavi.Low"), 1.0) << "the held button loaded the scene again";
+    EXPECT_EQ(appVolume(home.env(), "org.tonavi.Low"), 1.0) << "the held button loaded the scene again";
     ASSERT_TRUE(playFile({{20, 0}, {20, 127}}, 50)) << home.logText();
-    EXPECT_EQ(volumeOf(home, "org.tonavi.Low"), 0.25) << "the second press did not load the scene";
+    EXPECT_EQ(appVolume(home.env(), "org.tonavi.Low"), 0.25) << "the second press did not load the scene";
 }
 
 TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
@@ -487,7 +478,7 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
     const std::string file = home.home + "/fader.mid";
     writeControlChangeFile(file, {{7, 64}});
     tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
-    EXPECT_TRUE(waitUntil([&] { return volumeOf(home, "org.tonavi.High") == 64 / 127.0; }, 10s)) << home.logText();
+    EXPECT_TRUE(waitUntil([&] { return appVolume(home.env(), "org.tonavi.High") == 64 / 127.0; }, 10s)) << home.logText();
     EXPECT_NE(home.logText().find("pipewire: MIDI reconnected"), std::string::npos);
 
     // The server is shared with the tests that follow: the speakers are the default again.
