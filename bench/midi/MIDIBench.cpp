@@ -16,6 +16,7 @@
 #include "platform/sim/SimWorldFile.hpp"
 #include "service/TonaviRuntime.hpp"
 #include "tests/core/import/SoundSourcePlist.hpp"
+#include "tests/platform/support/Eventually.hpp"
 #include "tests/support/TempFolder.hpp"
 
 #include "PrivatePipeWireServer.hpp"
@@ -49,13 +50,6 @@ void reportPercentiles(benchmark::State& state, std::vector<double> seconds) {
     state.counters["p50_ms"] = seconds[seconds.size() / 2] * 1e3;
     state.counters["p99_ms"] = seconds[(seconds.size() * 99) / 100] * 1e3;
     state.counters["max_ms"] = seconds.back() * 1e3;
-}
-
-bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
-    const auto deadline = Clock::now() + limit;
-    while (!condition() && Clock::now() < deadline)
-        std::this_thread::sleep_for(1ms);
-    return condition();
 }
 
 // Taps that exist at once; every state push is checked for the player's volume the bench waits for.
@@ -123,10 +117,12 @@ struct MIDIService {
         environment.tapProvider = taps;
         environment.midi = std::move(midi);
         runtime = std::make_unique<TonaviRuntime>(std::move(environment));
-        waitFor([&] { return runtime->coreAudioReady(); });
+        test::eventually([&] { return runtime->coreAudioReady(); });
     }
-    // Sends value after value (1...127, then again) and times each one to the worker's state.
-    template <typename Send> void measure(benchmark::State& state, Send send) {
+    // Sends value after value (1...127, then again) and times each one to the worker's state, from
+    // when it went (the time of the call unless `sentAt` knows better; nullopt when it never went).
+    template <typename Send, typename SentAt>
+    void measure(benchmark::State& state, Send send, SentAt sentAt) {
         unsigned value = 0;
         std::vector<double> samples;
         for (auto _ : state) {
@@ -135,9 +131,10 @@ struct MIDIService {
             const auto start = Clock::now();
             send(value);
             const auto seen = taps->waitSeen();
-            if (!seen)
+            const std::optional<Clock::time_point> sent = sentAt(start);
+            if (!seen || !sent)
                 return state.SkipWithError("the new volume never reached the worker's state");
-            samples.push_back(std::chrono::duration<double>(*seen - start).count());
+            samples.push_back(std::chrono::duration<double>(*seen - *sent).count());
             state.SetIterationTime(samples.back());
         }
         reportPercentiles(state, samples);
@@ -170,7 +167,9 @@ void BM_SimControlChangeToWorkerState(benchmark::State& state) {
     SharedSimWorld world;
     MIDIService s(world.service, std::make_shared<SimWorkspace>(world.service),
                   std::make_shared<SimMIDI>(world.service));
-    s.measure(state, [&](unsigned value) { SimMIDI::sendControlChange(*world.controller, world.source, 1, 7, value); });
+    s.measure(
+        state, [&](unsigned value) { SimMIDI::sendControlChange(*world.controller, world.source, 1, 7, value); },
+        [](Clock::time_point start) { return std::optional(start); });
 }
 BENCHMARK(BM_SimControlChangeToWorkerState)->UseManualTime()->Iterations(200)->Unit(benchmark::kMillisecond);
 
@@ -294,7 +293,7 @@ void BM_PipeWireControlChangeToWorkerState(benchmark::State& state) {
     auto audio = std::make_shared<SimMachine>(SimWorld::preset()); // the devices do not matter here
     MIDIService s(audio, std::make_shared<SimWorkspace>(audio), std::make_shared<PipeWireMIDI>());
     // Until the mapper has linked the controller, its messages go nowhere.
-    const bool linked = waitFor([&] {
+    const bool linked = test::eventually([&] {
         s.taps->expect(0.0);
         controller.send(0);
         std::this_thread::sleep_for(20ms);
@@ -303,19 +302,9 @@ void BM_PipeWireControlChangeToWorkerState(benchmark::State& state) {
     });
     if (!linked)
         return state.SkipWithError("the controller was never linked to TonaviIn");
-    unsigned value = 0;
-    std::vector<double> samples;
-    for (auto _ : state) {
-        value = value % 127 + 1;
-        s.taps->expect(value / 127.0);
-        controller.send(value);
-        const auto seen = s.taps->waitSeen();
-        if (!seen || !controller.sent())
-            return state.SkipWithError("the new volume never reached the worker's state");
-        samples.push_back(std::chrono::duration<double>(*seen - controller.sentAt()).count());
-        state.SetIterationTime(samples.back());
-    }
-    reportPercentiles(state, samples);
+    s.measure(
+        state, [&](unsigned value) { controller.send(value); },
+        [&](Clock::time_point) { return controller.sent() ? std::optional(controller.sentAt()) : std::nullopt; });
 }
 BENCHMARK(BM_PipeWireControlChangeToWorkerState)->UseManualTime()->Iterations(200)->Unit(benchmark::kMillisecond);
 

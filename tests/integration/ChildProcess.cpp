@@ -4,6 +4,7 @@
 #include "tests/platform/support/Eventually.hpp"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <csignal>
 #include <fcntl.h>
@@ -101,6 +102,15 @@ std::pair<int, std::string> run(const std::vector<std::string>& argv, const Env&
 std::pair<int, std::string> ctl(const Env& env, std::vector<std::string> args) {
     args.insert(args.begin(), binPath("tonavictl"));
     return run(args, env);
+}
+
+double appVolume(const Env& env, const std::string& bundleID) {
+    const auto status = nlohmann::json::parse(ctl(env, {"status", "--json"}).second, nullptr, false);
+    if (status.is_object() && status.contains("status"))
+        for (const auto& app : status["status"].value("apps", nlohmann::json::array()))
+            if (app.value("id", "") == bundleID)
+                return app.value("volume", -1.0);
+    return -1;
 }
 
 PrivateHome::PrivateHome(const std::string& name) : home("/tmp/tonavi-" + name + "-XXXXXX") { ::mkdtemp(home.data()); }

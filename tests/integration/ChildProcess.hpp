@@ -33,6 +33,8 @@ struct ChildProcess {
 std::pair<int, std::string> run(const std::vector<std::string>& argv, const Env& env);
 // tonavictl with the arguments.
 std::pair<int, std::string> ctl(const Env& env, std::vector<std::string> args);
+// The app's volume in the service's status; -1 when it has no row.
+double appVolume(const Env& env, const std::string& bundleID);
 
 // A private HOME with the XDG variables cleared: support, log and socket all live under it.
 struct PrivateHome {

@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
@@ -71,15 +72,17 @@ class Terminal {
     bool started_ = false;
 };
 
-// Music's row of the saved configuration.
-std::optional<nlohmann::json> savedMusic(const PrivateHome& home) {
-    const auto state = nlohmann::json::parse(readFile(home.supportDir() + "/state.json"), nullptr, false);
-    if (state.is_discarded() || !state.contains("apps"))
-        return std::nullopt;
-    for (const auto& app : state["apps"])
-        if (app.value("id", "") == music)
-            return app;
-    return std::nullopt;
+// Waits until Music's row of the saved configuration satisfies `wanted`.
+bool musicSaved(const PrivateHome& home, const std::function<bool(const nlohmann::json&)>& wanted) {
+    return waitUntil(
+        [&] {
+            const auto state = nlohmann::json::parse(readFile(home.supportDir() + "/state.json"), nullptr, false);
+            return state.is_object() && std::ranges::any_of(state.value("apps", nlohmann::json::array()),
+                                                            [&](const auto& app) {
+                                                                return app.value("id", "") == music && wanted(app);
+                                                            });
+        },
+        15s);
 }
 
 // Whether a line of the screen starts with `start` and holds `part`.
@@ -141,12 +144,7 @@ TEST(MixerTerminalTest, KeysSelectCoalesceMuteAndQuitCleanly) {
     // 50 presses of right in one burst, from 20 %: the volume ends at 100 %, in a handful of requests.
     std::vector<std::string> rights(50, "Right");
     terminal.keys(rights);
-    ASSERT_TRUE(waitUntil(
-        [&] {
-            auto m = savedMusic(home);
-            return m && (*m)["volume"] == 1.0;
-        },
-        15s));
+    ASSERT_TRUE(musicSaved(home, [](const auto& m) { return m.value("volume", -1.0) == 1.0; }));
     ASSERT_TRUE(terminal.waitForScreen([](const auto& s) {
         return hasLine(s, "> Music ", "[##########] 100%");
     })) << terminal.screen();
@@ -156,25 +154,15 @@ TEST(MixerTerminalTest, KeysSelectCoalesceMuteAndQuitCleanly) {
 
     // 50 presses of the 1 % key down: exactly 50 %, again in a handful.
     terminal.keys(std::vector<std::string>(50, ","));
-    ASSERT_TRUE(waitUntil(
-        [&] {
-            auto m = savedMusic(home);
-            return m && (*m)["volume"] == 0.5;
-        },
-        15s))
-        << savedMusic(home).value_or(nlohmann::json()).dump();
+    ASSERT_TRUE(musicSaved(home, [](const auto& m) { return m.value("volume", -1.0) == 0.5; }))
+        << readFile(home.supportDir() + "/state.json");
     ASSERT_TRUE(terminal.waitForScreen([](const auto& s) {
         return hasLine(s, "> Music ", "[#####-----]  50%");
     })) << terminal.screen();
     EXPECT_LE(proxy.count("setAppVolume") - upRequests, 10u);
 
     terminal.keys({"m"});
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            auto m = savedMusic(home);
-            return m && (*m)["muted"] == true;
-        },
-        15s));
+    EXPECT_TRUE(musicSaved(home, [](const auto& m) { return m.value("muted", false); }));
     EXPECT_GT(proxy.count("status"), 0u);
 
     // c lists the saved scenes; Enter loads one: Music is back at 20 % and unmuted.
@@ -182,13 +170,8 @@ TEST(MixerTerminalTest, KeysSelectCoalesceMuteAndQuitCleanly) {
     ASSERT_TRUE(terminal.waitForScreen([](const auto& s) { return s.find("Load a scene") != std::string::npos; }))
         << terminal.screen();
     terminal.keys({"Enter"});
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            auto m = savedMusic(home);
-            return m && (*m)["volume"] == 0.2 && (*m)["muted"] != true;
-        },
-        15s))
-        << savedMusic(home).value_or(nlohmann::json()).dump();
+    EXPECT_TRUE(musicSaved(home, [](const auto& m) { return m.value("volume", -1.0) == 0.2 && !m.value("muted", false); }))
+        << readFile(home.supportDir() + "/state.json");
 
     // q gives the terminal back: the normal screen again, with the command line and what followed it.
     terminal.keys({"q"});

@@ -17,7 +17,6 @@
 #include <systemd/sd-bus.h>
 
 #include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -173,6 +172,14 @@ class PipeWireServiceTest : public ::testing::Test {
         auto [status, out] = tonavi::testing::ctl(home.env(), args);
         EXPECT_EQ(status, 0) << out;
     }
+    std::string ctlOutput(const std::vector<std::string>& args) { return tonavi::testing::ctl(home.env(), args).second; }
+    bool logged(const std::string& text, std::chrono::seconds timeout) {
+        return waitUntil([&] { return home.logText().find(text) != std::string::npos; }, timeout);
+    }
+    void startOnPipeWire(Env extra = {}) {
+        extra["TONAVI_AUDIO_BACKEND"] = "pipewire";
+        service = startService(home, extra);
+    }
 
     PrivatePipeWireServer* server = nullptr;
     PrivateHome home{"pipewire"};
@@ -184,7 +191,7 @@ TEST_F(PipeWireServiceTest, VolumeEqualiserAndRedirectChangeOnlyTheirApplication
     seedConfig(1.0);
     play("org.tonavi.Low", "Low", "120+4000");
     play("org.tonavi.High", "High", "880");
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    startOnPipeWire();
     MonitorRecording speakers("speakers");
     MonitorRecording headphones("headphones");
     const std::vector<double> tones3 = {bass, treble, high};
@@ -226,7 +233,7 @@ TEST_F(PipeWireServiceTest, AThirdPartyPluginInAChainActsOnItsApplicationAtTheMo
     play("org.tonavi.High", "High", "880");
     // The project's test bundle beside Debian's plug-ins, for the service and tonavictl alike.
     ::setenv("LV2_PATH", (binPath("") + "/../tests/lv2:/usr/lib/lv2").c_str(), 1);
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    startOnPipeWire();
     MonitorRecording speakers("speakers");
     const double reference = speakers.settle({high}, [](const auto& l) { return l[0] > -20; })[0];
     ASSERT_GT(reference, -20);
@@ -286,7 +293,7 @@ TEST_F(PipeWireServiceTest, AThirdPartyPluginInAChainActsOnItsApplicationAtTheMo
 TEST_F(PipeWireServiceTest, KilledWorkerOrServiceLeavesTheApplicationOnItsOwnPath) {
     seedConfig(0.5);
     play("org.tonavi.High", "High", "880");
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    startOnPipeWire();
     MonitorRecording speakers("speakers");
     const double reference = speakers.settle({high}, [](const auto& l) { return l[0] > -20; })[0];
     ASSERT_GT(reference, -20);
@@ -353,18 +360,18 @@ TEST_F(PipeWireServiceTest, TheServiceNeverTapsItselfOrItsWorkers) {
     seedConfig(1.0);
     play("org.tonavi.Low", "Low", "4000");
     play("org.tonavi.High", "High", "880");
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    startOnPipeWire();
     ASSERT_TRUE(waitUntil([&] { return tonavi::testing::ctl(home.env(), {"solo", "High"}).first == 0; }, 10s));
     ctl({"smart", "duck", "on"});
     ASSERT_TRUE(waitUntil([&] { return workersOf(service.pid, "org.tonavi.Low").size() == 1; }, 10s))
         << home.logText();
     // Its worker plays now; several snapshots and watchdog passes later, still nothing else is tapped.
     const auto selfTapped = [&] {
-        const std::string status = tonavi::testing::ctl(home.env(), {"status", "--json"}).second;
+        const std::string status = ctlOutput({"status", "--json"});
         return workersOf(service.pid).size() != 1 || status.find(serviceBundleIdentifier) != std::string::npos ||
                status.find("onavi-service") != std::string::npos;
     };
-    EXPECT_FALSE(waitUntil(selfTapped, 8s)) << tonavi::testing::ctl(home.env(), {"status"}).second;
+    EXPECT_FALSE(waitUntil(selfTapped, 8s)) << ctlOutput({"status"});
     const std::string log = home.logText();
     EXPECT_EQ(log.find("tonavi-service"), std::string::npos) << log;
 }
@@ -387,24 +394,14 @@ void writeControlChangeFile(const std::string& path, std::vector<std::pair<unsig
     out.write(reinterpret_cast<const char*>(track.data()), static_cast<std::streamsize>(track.size()));
 }
 
-double volumeOf(const PrivateHome& home, const std::string& id) {
-    const auto status = nlohmann::json::parse(tonavi::testing::ctl(home.env(), {"status", "--json"}).second);
-    for (const auto& app : status.at("status").at("apps"))
-        if (app.at("id") == id)
-            return app.at("volume").get<double>();
-    return -1;
-}
-
 TEST_F(PipeWireServiceTest, AMIDIPlayerInTheGraphMovesAnApplicationsVolume) {
     seedConfig(1.0);
     std::ofstream(home.supportDir() + "/midi-mappings.json")
         << R"([{"id":"fader","channel":1,"cc":7,"target":{"appVolume":{"bundleID":"org.tonavi.Low"}}}])";
     play("org.tonavi.Low", "Low", "4000");
     play("org.tonavi.High", "High", "880");
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
-    EXPECT_TRUE(waitUntil([&] { return home.logText().find("tonavi: MIDI mapper listening (") != std::string::npos; },
-                          5s))
-        << home.logText();
+    startOnPipeWire();
+    EXPECT_TRUE(logged("tonavi: MIDI mapper listening (", 5s)) << home.logText();
     MonitorRecording speakers("speakers");
     const auto direct = speakers.settle({treble, high}, [](const auto& l) { return l[0] > -20 && l[1] > -20; });
     ASSERT_GT(direct[0], -20) << "Low does not play on the speakers";
@@ -434,12 +431,12 @@ TEST_F(PipeWireServiceTest, AMIDIPlayerInTheGraphMovesAnApplicationsVolume) {
         changes.emplace_back(9, mark);
         writeControlChangeFile(file, changes);
         tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
-        return waitUntil([&] { return volumeOf(home, "org.tonavi.High") == mark / 127.0; }, 10s);
+        return waitUntil([&] { return appVolume(home.env(), "org.tonavi.High") == mark / 127.0; }, 10s);
     };
     ASSERT_TRUE(playFile({{20, 127}, {8, 127}, {20, 127}}, 100)) << home.logText();
-    EXPECT_EQ(volumeOf(home, "org.tonavi.Low"), 1.0) << "the held button loaded the scene again";
+    EXPECT_EQ(appVolume(home.env(), "org.tonavi.Low"), 1.0) << "the held button loaded the scene again";
     ASSERT_TRUE(playFile({{20, 0}, {20, 127}}, 50)) << home.logText();
-    EXPECT_EQ(volumeOf(home, "org.tonavi.Low"), 0.25) << "the second press did not load the scene";
+    EXPECT_EQ(appVolume(home.env(), "org.tonavi.Low"), 0.25) << "the second press did not load the scene";
 }
 
 TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
@@ -464,7 +461,7 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
     playBoth();
     std::ofstream(home.supportDir() + "/midi-mappings.json")
         << R"([{"id":"fader","channel":1,"cc":7,"target":{"appVolume":{"bundleID":"org.tonavi.High"}}}])";
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    startOnPipeWire();
     EXPECT_TRUE(waitUntil(lowered, 10s)) << "Low was never tapped\n" << home.logText();
 
     // The applications lose the server with it and are started again on the new one.
@@ -481,7 +478,7 @@ TEST_F(PipeWireServiceTest, AfterTheServerReturnsTheApplicationIsTappedAgain) {
     const std::string file = home.home + "/fader.mid";
     writeControlChangeFile(file, {{7, 64}});
     tones.push_back(server->spawn({"pw-midiplay", "--target", "0", file}, "midiplay"));
-    EXPECT_TRUE(waitUntil([&] { return volumeOf(home, "org.tonavi.High") == 64 / 127.0; }, 10s)) << home.logText();
+    EXPECT_TRUE(waitUntil([&] { return appVolume(home.env(), "org.tonavi.High") == 64 / 127.0; }, 10s)) << home.logText();
     EXPECT_NE(home.logText().find("pipewire: MIDI reconnected"), std::string::npos);
 
     // The server is shared with the tests that follow: the speakers are the default again.
@@ -553,7 +550,7 @@ TEST_F(PipeWireDesktopTest, FollowMeLowersTheApplicationBehindTheWindowInFront) 
     ASSERT_GT(direct[1], -20);
     const double lowered = -12.04;
 
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}});
+    startOnPipeWire();
     const auto highInFront = activate(tones[1]);
     const auto lowDown = speakers.secondsUntil(
         highInFront, treble, [&](double l) { return std::abs(l - (direct[0] + lowered)) < 1.0; }, 15s);
@@ -588,12 +585,11 @@ TEST_F(PipeWireDesktopTest, LogindsWakeRebuildsTheTapsAndEventSoundsAreAlerts) {
     seedConfig(0.5);
     play("org.tonavi.Low", "Low", "4000");
     // No display: follow-me has no application in front here, and says so.
-    service = startService(home, {{"TONAVI_AUDIO_BACKEND", "pipewire"}, {"DBUS_SYSTEM_BUS_ADDRESS", address},
-                                  {"DISPLAY", ""}, {"WAYLAND_DISPLAY", ""}});
+    startOnPipeWire({{"DBUS_SYSTEM_BUS_ADDRESS", address}, {"DISPLAY", ""}, {"WAYLAND_DISPLAY", ""}});
     std::vector<pid_t> workers;
     ASSERT_TRUE(waitUntil([&] { return (workers = workersOf(service.pid, "org.tonavi.Low")).size() == 1; }, 15s))
         << home.logText();
-    ASSERT_TRUE(waitUntil([&] { return home.logText().find("observing sleep and wake") != std::string::npos; }, 5s));
+    ASSERT_TRUE(logged("observing sleep and wake", 5s));
     auto tapSinks = [] {
         PipeWireConnection graph;
         std::string error;
@@ -621,9 +617,7 @@ TEST_F(PipeWireDesktopTest, LogindsWakeRebuildsTheTapsAndEventSoundsAreAlerts) {
                                      "PrepareForSleep", "b", sleeping),
                   0);
     sd_bus_flush(logind);
-    EXPECT_TRUE(waitUntil([&] { return home.logText().find("rebuilt engaged taps after wake") != std::string::npos; },
-                          5s))
-        << home.logText();
+    EXPECT_TRUE(logged("rebuilt engaged taps after wake", 5s)) << home.logText();
     std::set<std::string> after;
     EXPECT_TRUE(waitUntil([&] { return !(after = tapSinks()).empty() && after != before; }, 10s))
         << "the tap was not rebuilt after the wake";
@@ -633,16 +627,11 @@ TEST_F(PipeWireDesktopTest, LogindsWakeRebuildsTheTapsAndEventSoundsAreAlerts) {
     ::setenv("TONAVI_TONE_ROLE", "Event", 1);
     play("org.tonavi.Beep", "Beep", "2000");
     ::unsetenv("TONAVI_TONE_ROLE");
-    EXPECT_TRUE(waitUntil(
-        [&] {
-            return tonavi::testing::ctl(home.env(), {"status", "--json"}).second.find("alert:macos") !=
-                   std::string::npos;
-        },
-        10s))
-        << tonavi::testing::ctl(home.env(), {"recent"}).second;
+    EXPECT_TRUE(waitUntil([&] { return ctlOutput({"status", "--json"}).find("alert:macos") != std::string::npos; }, 10s))
+        << ctlOutput({"recent"});
 
     ctl({"smart", "follow-me", "on"});
-    const std::string smart = tonavi::testing::ctl(home.env(), {"smart"}).second;
+    const std::string smart = ctlOutput({"smart"});
     EXPECT_NE(smart.find("no application in front on this session: no X display (DISPLAY is unset)"),
               std::string::npos)
         << smart;

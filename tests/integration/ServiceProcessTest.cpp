@@ -8,8 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -107,12 +105,7 @@ TEST(Tonavictl, ExitStatusesAndChangesByName) {
     const std::string row = at == std::string::npos ? "" : table.substr(at, table.find('\n', at + 1) - at);
     EXPECT_TRUE(row.find("com.apple.Music") != std::string::npos && row.find(" 30% ") != std::string::npos)
         << table;
-    const auto reply = nlohmann::json::parse(ctl(home.env(), {"status", "--json"}).second);
-    double volume = -1;
-    for (const auto& app : reply.at("status").at("apps"))
-        if (app.at("id") == "com.apple.Music")
-            volume = app.at("volume").get<double>();
-    EXPECT_DOUBLE_EQ(volume, 0.3) << reply;
+    EXPECT_DOUBLE_EQ(appVolume(home.env(), "com.apple.Music"), 0.3) << table;
 
     auto [unknown, unknownOut] = ctl(home.env(), {"mute", "Musik"});
     EXPECT_EQ(unknown, 1);
@@ -147,12 +140,7 @@ TEST(Tonavictl, ImportBringsASoundSourceMixerInOnlyWhenAskedTo) {
     EXPECT_EQ(imported, 0);
     EXPECT_TRUE(importedOut.starts_with(report + "Imported ") && importedOut.ends_with(" app settings safely.\n"))
         << importedOut;
-    const auto status = nlohmann::json::parse(ctl(home.env(), {"status", "--json"}).second).at("status");
-    double volume = -1;
-    for (const auto& app : status.at("apps"))
-        if (app.at("id") == "com.example.Player")
-            volume = app.at("volume").get<double>();
-    EXPECT_EQ(volume, 0.25) << status;
+    EXPECT_EQ(appVolume(home.env(), "com.example.Player"), 0.25) << ctl(home.env(), {"status"}).second;
     EXPECT_EQ(ctl(home.env(), {"import", "--sources", home.home + "/absent"}),
               std::make_pair(1, std::string("tonavictl: No SoundSource mixer was found on this Mac.\n")));
     EXPECT_EQ(service.stop(), std::optional<int>(0));

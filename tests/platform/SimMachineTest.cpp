@@ -94,10 +94,11 @@ TEST_F(SimPropertiesTest, ListenersHearTheirPropertyOnTheirQueueAndProcessesAndD
     EXPECT_EQ(get<std::vector<AudioObjectID>>(processOf(machine, "com.apple.WebKit.GPU"),
                                               outputAddress(kAudioProcessPropertyDevices)),
               std::vector<AudioObjectID>{});
-    for (auto [object, address, listener] :
-         {std::tuple{buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), &alive},
-          {speakers, leftVolume, &left},
-          {kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), &devices}})
+    const std::tuple<AudioObjectID, AudioObjectPropertyAddress, RecordingListener*> listeners[] = {
+        {buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), &alive},
+        {speakers, leftVolume, &left},
+        {kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), &devices}};
+    for (auto [object, address, listener] : listeners)
         ASSERT_EQ(machine.addPropertyListener(object, address, queue, listener->block), noErr);
     EXPECT_EQ(machine.addPropertyListener(4242, leftVolume, queue, left.block), kAudioHardwareBadObjectError);
 
@@ -118,10 +119,7 @@ TEST_F(SimPropertiesTest, ListenersHearTheirPropertyOnTheirQueueAndProcessesAndD
     ASSERT_EQ(machine.mutate([&](SimWorld& w) { return w.replug(budsUID); }), "");
     EXPECT_NE(idOf(budsUID), buds);
     // Removed before the recorders go: the replug above may still be on its way to them.
-    for (auto [object, address, listener] :
-         {std::tuple{buds, globalAddress(kAudioDevicePropertyDeviceIsAlive), &alive},
-          {speakers, leftVolume, &left},
-          {kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDevices), &devices}})
+    for (auto [object, address, listener] : listeners)
         EXPECT_EQ(machine.removePropertyListener(object, address, queue, listener->block), noErr);
 }
 

@@ -223,14 +223,8 @@ TEST(TonaviConfigMethods, AppendUnrankedMixerAppsOrdersByNameThenId) {
     config.apps[2].displayRank = 1;
     config.hiddenAppIDs = {"h"};
 
-    EXPECT_TRUE(config.appendUnrankedMixerApps({{"b", "beta"},
-                                                {"z", "Alpha"},
-                                                {"a", "alpha"},
-                                                {"", "empty"},
-                                                {"h", "Hidden"},
-                                                {"r", "Ranked"},
-                                                {"k", "old name"},
-                                                {"k", "Kilo"}}));
+    EXPECT_TRUE(config.appendUnrankedMixerApps({{"b", "beta"}, {"z", "Alpha"}, {"a", "alpha"}, {"", "empty"},
+                                                {"h", "Hidden"}, {"r", "Ranked"}, {"k", "old name"}, {"k", "Kilo"}}));
     // alpha (a), Alpha (z), beta, Kilo: ranks 5, 6, 7, 8 after the largest rank 4.
     std::vector<std::pair<std::string, std::optional<std::int64_t>>> ranks;
     for (const auto& app : config.apps)

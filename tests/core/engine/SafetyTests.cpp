@@ -151,27 +151,17 @@ TEST(SafetyPolicies, CaptureLatencyAndDefaultMixerRules) {
     };
     const Identity identities[] = {
         {"com.brelmoor.tonavi", false, false, false, false}, // the service and its workers
-        {"pipewire", false, false, false, false},
-        {"pipewire-pulse", false, false, false, false},
-        {"wireplumber", false, false, false, false},
-        {"speech-dispatcher", false, false, false, false},
-        {"com.apple.Safari", true, true, false, true},
-        {"firefox", true, true, false, true},
-        {"org.mozilla.firefox", true, true, false, true},
-        {"chromium", true, true, false, true},
-        {"google-chrome", true, true, false, true},
-        {"com.spotify.Client", true, true, false, false},
-        {"org.gnome.Rhythmbox3", true, true, false, false},
+        {"pipewire", false, false, false, false},          {"pipewire-pulse", false, false, false, false},
+        {"wireplumber", false, false, false, false},       {"speech-dispatcher", false, false, false, false},
+        {"com.apple.Safari", true, true, false, true},     {"firefox", true, true, false, true},
+        {"org.mozilla.firefox", true, true, false, true},  {"chromium", true, true, false, true},
+        {"google-chrome", true, true, false, true},        {"com.spotify.Client", true, true, false, false},
+        {"org.gnome.Rhythmbox3", true, true, false, false}, {"org.videolan.VLC", true, true, false, false},
         {"org.strawberrymusicplayer.strawberry", true, true, false, false},
-        {"org.videolan.VLC", true, true, false, false},
-        {"us.zoom.Zoom", true, true, false, false},
-        {"com.discordapp.Discord", true, true, false, false},
-        {"com.obsproject.Studio", true, true, false, false},
-        {"org.musescore.MuseScore", true, true, false, true},
-        {"org.ardour.Ardour", true, true, true, true},
-        {"io.lmms.LMMS", true, true, true, true},
-        {"org.gnome.Nautilus", true, false, false, false},
-    };
+        {"us.zoom.Zoom", true, true, false, false},        {"com.discordapp.Discord", true, true, false, false},
+        {"com.obsproject.Studio", true, true, false, false}, {"org.musescore.MuseScore", true, true, false, true},
+        {"org.ardour.Ardour", true, true, true, true},     {"io.lmms.LMMS", true, true, true, true},
+        {"org.gnome.Nautilus", true, false, false, false}};
     for (const auto& i : identities) {
         SCOPED_TRACE(i.id);
         EXPECT_EQ(TonaviTapSafety::mayCapture(i.id), i.capture);

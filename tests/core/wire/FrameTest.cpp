@@ -9,6 +9,7 @@
 #include <random>
 #include <sys/socket.h>
 #include <thread>
+#include <utility>
 #include <unistd.h>
 
 using namespace tonavi;
@@ -19,19 +20,9 @@ struct SocketPair {
     explicit SocketPair(int type = SOCK_STREAM) {
         int fds[2];
         EXPECT_EQ(::socketpair(AF_UNIX, type, 0, fds), 0);
-        a = fds[0];
-        b = fds[1];
+        a = fds[0], b = fds[1];
     }
-    ~SocketPair() {
-        if (a >= 0)
-            ::close(a);
-        if (b >= 0)
-            ::close(b);
-    }
-    void closeA() {
-        ::close(a);
-        a = -1;
-    }
+    ~SocketPair() { ::close(a), ::close(b); } // one already closed is -1: nothing to close
 };
 
 void writeRaw(int fd, const std::vector<std::uint8_t>& bytes) {
@@ -92,7 +83,7 @@ TEST(ControlTransport, EmptyFrameClosedPeerAndTimeoutAreDistinguished) {
     }
     {
         SocketPair p;
-        p.closeA();
+        ::close(std::exchange(p.a, -1));
         EXPECT_THROW(ControlTransport::writeFrame(p.b, std::string_view("x")), TransportError);
     }
 }
@@ -102,8 +93,7 @@ TEST(RawSocket, SocketTimeoutRoundsUpAndNeverYieldsAZeroTimeval) {
         {0, 0, 1}, {0.0000001, 0, 1}, {-3, 0, 1}, {1.5, 1, 500000}, {2.0000001, 2, 1}};
     for (const auto& [seconds, sec, usec] : cases) {
         const timeval t = RawSocket::socketTimeout(seconds);
-        EXPECT_EQ(t.tv_sec, sec) << seconds;
-        EXPECT_EQ(t.tv_usec, usec) << seconds;
+        EXPECT_EQ((std::pair<long, long>(t.tv_sec, t.tv_usec)), std::pair(sec, usec)) << seconds;
     }
 }
 
@@ -136,7 +126,7 @@ TEST(WireFuzz, FrameReaderAndRequestDecoderEndInAValueOrATypedError) {
             bytes[rng() % 4] = std::uint8_t(rng()); // a lying header: too long, too short or too large
         SocketPair p;
         writeRaw(p.a, bytes);
-        p.closeA(); // the reader must end at the close instead of waiting for more
+        ::close(std::exchange(p.a, -1)); // the reader must end at the close instead of waiting for more
         try {
             const Bytes frame = ControlTransport::readFrame(p.b);
             const TonaviRequest request = decodeRequest(frame);

@@ -7,7 +7,7 @@
 
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
+#include <latch>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -54,17 +54,15 @@ TEST(MixerCommandBufferTest, OrdersAndCoalesces) {
 }
 
 TEST(MixerPresentationTest, MeterSegments) {
-    const std::pair<float, int> cases[] = {
-        {1.5f, 10},
-        {-1.f, 0},
-        {0.19f, 1},
-        {0.f, 0},
-        {1.f, 10},
-        {0.7f, 7},
-        {0.0999f, 0},
-        {std::numeric_limits<float>::quiet_NaN(), 0},
-        {std::numeric_limits<float>::infinity(), 0},
-    };
+    const std::pair<float, int> cases[] = {{1.5f, 10},
+                                           {-1.f, 0},
+                                           {0.19f, 1},
+                                           {0.f, 0},
+                                           {1.f, 10},
+                                           {0.7f, 7},
+                                           {0.0999f, 0},
+                                           {std::numeric_limits<float>::quiet_NaN(), 0},
+                                           {std::numeric_limits<float>::infinity(), 0}};
     for (const auto& [level, segments] : cases)
         EXPECT_EQ(MixerPresentation::meterSegments(level), segments) << level;
 }
@@ -99,35 +97,9 @@ TEST(MixerWindowSizingTest, Rules) {
             << size.width << "x" << size.height;
 }
 
-// A command that blocks until the test lets it go, so that submits can arrive while it runs.
-class Gate {
-  public:
-    void waitEntered() {
-        std::unique_lock guard(lock_);
-        changed_.wait(guard, [&] { return entered_; });
-    }
-    void enterAndWait() {
-        std::unique_lock guard(lock_);
-        entered_ = true;
-        changed_.notify_all();
-        changed_.wait(guard, [&] { return open_; });
-    }
-    void open() {
-        std::lock_guard guard(lock_);
-        open_ = true;
-        changed_.notify_all();
-    }
-
-  private:
-    std::mutex lock_;
-    std::condition_variable changed_;
-    bool entered_ = false;
-    bool open_ = false;
-};
-
 TEST(MixerCommandDispatcherTest, SubmitsDuringARunningCommandJoinItsDrainAndCoalesce) {
     MixerCommandDispatcher dispatcher;
-    Gate gate;
+    std::latch entered(1), open(1); // the first command blocks until the test lets it go
     std::mutex ranLock;
     std::vector<std::string> ran;
     auto record = [&](std::string what) {
@@ -137,17 +109,18 @@ TEST(MixerCommandDispatcherTest, SubmitsDuringARunningCommandJoinItsDrainAndCoal
         };
     };
     dispatcher.submit("Music.volume", [&] {
-        gate.enterAndWait();
+        entered.count_down();
+        open.wait();
         record("Music 10%")();
     });
-    gate.waitEntered();
+    entered.wait();
     for (int percent = 11; percent <= 60; ++percent)
         dispatcher.submit("Music.volume", record("Music " + std::to_string(percent) + "%"));
     dispatcher.submit("Music.mute", record("Music muted"));
     dispatcher.submit(std::nullopt, record("stage on"));
     dispatcher.submit("Music.volume", record("Music 70%"));
     EXPECT_EQ(dispatcher.drainsStarted(), 1u);
-    gate.open();
+    open.count_down();
     ASSERT_TRUE(dispatcher.waitUntilIdle(10s));
     EXPECT_EQ(ran,
               (std::vector<std::string>{"Music 10%", "Music 60%", "Music muted", "stage on", "Music 70%"}));
