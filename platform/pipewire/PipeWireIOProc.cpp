@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <pipewire/pipewire.h>
 
@@ -164,6 +165,16 @@ bool PipeWireIOProc::start(const Target& target, const std::vector<PipeWireTap*>
         }
         for (std::size_t i = 0; i < taps_.size(); ++i)
             taps_[i]->setConsumer(i == 0 ? stream_ : nullptr, true);
+        // A triggered graph iteration may never finish, and then nothing triggers the next one: the
+        // tap's sink is not run again and the application is silent. Such a cycle must be triggered
+        // again, which the check does a few times before it leaves the stall to the service's stale-IO
+        // rebuild.
+        pw_loop* loop = pw_thread_loop_get_loop(connection_.threadLoop());
+        stallTimer_ = pw_loop_add_timer(loop, &PipeWireIOProc::checkForStall, this);
+        if (stallTimer_) {
+            timespec every{0, 100'000'000};
+            pw_loop_update_timer(loop, stallTimer_, &every, &every, false);
+        }
         ok = true;
     });
     return ok;
@@ -187,8 +198,33 @@ std::int64_t PipeWireIOProc::reportedLatencyFrames() {
     return frames;
 }
 
+void PipeWireIOProc::checkForStall(void* data, std::uint64_t) {
+    auto& self = *static_cast<PipeWireIOProc*>(data);
+    // Two quiet checks are longer than the longest quantum. A kick runs at most one cycle, so more
+    // cycles than that mean the graph runs on its own again.
+    constexpr int quietChecks = 2, kicksBeforeGivingUp = 5;
+    const std::uint64_t cycles = self.cycles_.load(std::memory_order_relaxed);
+    const std::uint64_t ran = cycles - self.cyclesAtCheck_;
+    self.cyclesAtCheck_ = cycles;
+    const bool kicked = std::exchange(self.kickedLastCheck_, false);
+    if (ran > (kicked ? 1u : 0u)) {
+        self.idleChecks_ = self.kicks_ = 0;
+        return;
+    }
+    if (++self.idleChecks_ < quietChecks || self.kicks_ >= kicksBeforeGivingUp || !self.stream_ ||
+        pw_stream_get_state(self.stream_, nullptr) != PW_STREAM_STATE_STREAMING)
+        return;
+    ++self.kicks_;
+    self.kickedLastCheck_ = true;
+    pw_stream_trigger_process(self.stream_);
+}
+
 void PipeWireIOProc::stop() {
     connection_.withCore([this](pw_core*) {
+        if (stallTimer_) {
+            pw_loop_destroy_source(pw_thread_loop_get_loop(connection_.threadLoop()), stallTimer_);
+            stallTimer_ = nullptr;
+        }
         if (!stream_)
             return;
         for (auto* tap : taps_)

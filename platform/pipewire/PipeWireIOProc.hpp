@@ -14,6 +14,7 @@
 
 struct pw_stream;
 struct spa_hook;
+struct spa_source;
 
 namespace tonavi {
 
@@ -49,6 +50,8 @@ class PipeWireIOProc {
     const std::string& nodeName() const { return nodeName_; }
 
     static void process(void* data); // the stream's process callback
+    // Every 100 ms on the connection's loop thread: a stalled cycle is triggered again (see start).
+    static void checkForStall(void* data, std::uint64_t expirations);
 
   private:
     PipeWireConnection& connection_;
@@ -65,6 +68,12 @@ class PipeWireIOProc {
     double sampleTime_ = 0;
     std::atomic<std::uint64_t> cycles_{0};
     std::atomic<std::uint64_t> lateInputs_{0};
+    // The stall check's state, on the connection's loop thread only.
+    spa_source* stallTimer_ = nullptr;
+    std::uint64_t cyclesAtCheck_ = 0;
+    int idleChecks_ = 0;
+    int kicks_ = 0;
+    bool kickedLastCheck_ = false;
 };
 
 } // namespace tonavi
