@@ -198,25 +198,26 @@ std::int64_t PipeWireIOProc::reportedLatencyFrames() {
     return frames;
 }
 
+bool StallKick::check(std::uint64_t cycles) {
+    const std::uint64_t ran = cycles - cyclesAtCheck_;
+    cyclesAtCheck_ = cycles;
+    const bool kicked = std::exchange(kickedLastCheck_, false);
+    if (ran > (kicked ? 1u : 0u)) {
+        idleChecks_ = kicks_ = 0;
+        return false;
+    }
+    if (++idleChecks_ < quietChecks || kicks_ >= kicksBeforeGivingUp)
+        return false;
+    ++kicks_;
+    kickedLastCheck_ = true;
+    return true;
+}
+
 void PipeWireIOProc::checkForStall(void* data, std::uint64_t) {
     auto& self = *static_cast<PipeWireIOProc*>(data);
-    // Two quiet checks are longer than the longest quantum. A kick runs at most one cycle, so more
-    // cycles than that mean the graph runs on its own again.
-    constexpr int quietChecks = 2, kicksBeforeGivingUp = 5;
-    const std::uint64_t cycles = self.cycles_.load(std::memory_order_relaxed);
-    const std::uint64_t ran = cycles - self.cyclesAtCheck_;
-    self.cyclesAtCheck_ = cycles;
-    const bool kicked = std::exchange(self.kickedLastCheck_, false);
-    if (ran > (kicked ? 1u : 0u)) {
-        self.idleChecks_ = self.kicks_ = 0;
-        return;
-    }
-    if (++self.idleChecks_ < quietChecks || self.kicks_ >= kicksBeforeGivingUp || !self.stream_ ||
-        pw_stream_get_state(self.stream_, nullptr) != PW_STREAM_STATE_STREAMING)
-        return;
-    ++self.kicks_;
-    self.kickedLastCheck_ = true;
-    pw_stream_trigger_process(self.stream_);
+    if (self.stream_ && pw_stream_get_state(self.stream_, nullptr) == PW_STREAM_STATE_STREAMING &&
+        self.stallKick_.check(self.cycles_.load(std::memory_order_relaxed)))
+        pw_stream_trigger_process(self.stream_);
 }
 
 void PipeWireIOProc::stop() {

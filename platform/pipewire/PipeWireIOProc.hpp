@@ -21,6 +21,22 @@ namespace tonavi {
 class PipeWireConnection;
 class PipeWireTap;
 
+// Whether a triggered stream whose graph iteration never finished is triggered again. Asked every
+// check with the stream's cycle count. Two quiet checks are longer than the longest quantum; a
+// trigger runs at most one cycle, so more cycles than that mean the graph runs on its own again.
+// After `kicksBeforeGivingUp` triggers that mended nothing it stops, so the stall goes stale.
+class StallKick {
+  public:
+    static constexpr int quietChecks = 2, kicksBeforeGivingUp = 5;
+    bool check(std::uint64_t cycles);
+
+  private:
+    std::uint64_t cyclesAtCheck_ = 0;
+    int idleChecks_ = 0;
+    int kicks_ = 0;
+    bool kickedLastCheck_ = false;
+};
+
 class PipeWireIOProc {
   public:
     struct Target {
@@ -68,12 +84,9 @@ class PipeWireIOProc {
     double sampleTime_ = 0;
     std::atomic<std::uint64_t> cycles_{0};
     std::atomic<std::uint64_t> lateInputs_{0};
-    // The stall check's state, on the connection's loop thread only.
+    // The stall check, on the connection's loop thread only.
     spa_source* stallTimer_ = nullptr;
-    std::uint64_t cyclesAtCheck_ = 0;
-    int idleChecks_ = 0;
-    int kicks_ = 0;
-    bool kickedLastCheck_ = false;
+    StallKick stallKick_;
 };
 
 } // namespace tonavi

@@ -8,6 +8,7 @@
 #include "SimTestSupport.hpp"
 #include "core/smart/AudioOnsetPolicy.hpp"
 #include "platform/pipewire/PipeWireGraph.hpp"
+#include "platform/pipewire/PipeWireIOProc.hpp"
 
 namespace tonavi {
 namespace {
@@ -88,6 +89,18 @@ TEST(PipeWireGraphTest, AProcessPlayingOnlyEventSoundsIsTheAlertPlayerOfTheTrail
             graph.nodes[global++] = n;
         EXPECT_EQ(graph.bundleIdentifierOf(4242), bundleID) << nodes.size() << " streams";
     }
+}
+
+// A stalled triggered stream is kicked after two quiet checks, at most five times while the kicks
+// mend nothing; the graph running on its own again (more cycles than a kick makes) starts afresh.
+TEST(PipeWireGraphTest, AStalledTriggeredStreamIsKickedAFewTimesThenLeftToGoStale) {
+    StallKick kick;
+    std::string seen;
+    // Cycle counts at each check: running, then stalled with each kick's one cycle, then running
+    // again, then stalled again.
+    for (std::uint64_t cycles : {5, 10, 10, 10, 11, 12, 13, 14, 15, 15, 15, 40, 40, 40})
+        seen += kick.check(cycles) ? 'K' : '.';
+    EXPECT_EQ(seen, "...KKKKK.....K");
 }
 
 TEST(PipeWireGraphTest, DefaultsAndChannelCountsReadWhatTheServerWrites) {
