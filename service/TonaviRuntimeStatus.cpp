@@ -124,17 +124,32 @@ TonaviStatus TonaviRuntime::buildStatus() {
     for (const auto& entry : audioProcessSnapshot_)
         if (config.app(entry.bundleID) || KnownAudioApps::isAudioApp(entry.bundleID))
             shown.insert(entry.bundleID);
+    // The workspace is asked once per app for its running applications.
+    std::map<std::string, std::vector<RunningApplication>> running;
+    auto runningOf = [&](const std::string& id) -> const std::vector<RunningApplication>& {
+        auto [it, added] = running.try_emplace(id);
+        if (added)
+            it->second = workspace_->runningApplications(id);
+        return it->second;
+    };
     // An audio app is a regular running application whose processes play or record.
     std::map<std::string, std::string> runningNames;
     for (const auto& [id, activity] : resolvedAudioSnapshot_) {
         if (!activity.playing && !activity.capturing)
             continue;
-        for (const auto& app : workspace_->runningApplications(id))
+        for (const auto& app : runningOf(id))
             if (app.activationPolicy == ActivationPolicy::regular) {
                 shown.insert(id);
                 runningNames.emplace(id, app.localizedName);
             }
     }
+    // The row's name, else the running application's, else the one the system gives.
+    auto nameOf = [&](const std::string& id, const AppAudioState* row) {
+        if (row && !row->displayName.empty())
+            return row->displayName;
+        auto name = runningNames.find(id);
+        return name != runningNames.end() && !name->second.empty() ? name->second : displayName(id);
+    };
     const std::vector<std::string> engaged = engine_->engagedBundleIDs();
     shown.insert(engaged.begin(), engaged.end());
     const IDSet soloed = engine_->soloedBundleIDs().value_or(IDSet{});
@@ -152,14 +167,8 @@ TonaviStatus TonaviRuntime::buildStatus() {
 
     // Newly seen apps get a place at the end of the user's order.
     std::vector<std::pair<std::string, std::string>> named;
-    for (const auto& id : shown) {
-        const AppAudioState* row = config.app(id);
-        auto running = runningNames.find(id);
-        named.emplace_back(id, row ? row->displayName
-                                   : (running != runningNames.end() && !running->second.empty()
-                                          ? running->second
-                                          : displayName(id)));
-    }
+    for (const auto& id : shown)
+        named.emplace_back(id, nameOf(id, config.app(id)));
     if (config.appendUnrankedMixerApps(named)) {
         engine_->setConfigWithoutReconcile(config);
         try {
@@ -175,12 +184,9 @@ TonaviStatus TonaviRuntime::buildStatus() {
         const AppAudioState* row = config.app(id);
         AppLiveStatus live;
         live.id = id;
-        auto running = runningNames.find(id);
-        live.displayName = row && !row->displayName.empty()                            ? row->displayName
-                           : running != runningNames.end() && !running->second.empty() ? running->second
-                                                                                       : displayName(id);
+        live.displayName = nameOf(id, row);
         // The audio process first; an application without one yet is still running by the workspace.
-        const std::vector<RunningApplication> apps = workspace_->runningApplications(id);
+        const std::vector<RunningApplication>& apps = runningOf(id);
         if (auto p = processes.find(id); p != processes.end()) {
             live.pid = p->second->pid;
             live.isRunning = p->second->isRunning;
